@@ -1,5 +1,6 @@
-/* qx_cu.h - the description of an incident as the common-utility library takes it, and the call that turns it into
- * text. Usable from C11 and from C++. The same layout serves the bundled library and a site's own libqx_cu.so. */
+/* qx_cu.h - the description of an incident as the common-utility library takes it, and the call that turns it
+ * into text. Usable from C11 and from C++. The same layout serves the bundled library and a site's own
+ * libqx_cu.so. */
 #ifndef QX_CU_H
 #define QX_CU_H
 
@@ -38,7 +39,7 @@ typedef struct {
 typedef struct {
   int32_t cu_error_id;
   const char* cu_zelk_id;
-  const char* cu_msg_cat;     /* message catalog: a path, or a name looked up along NLSPATH */
+  const char* cu_msg_cat; /* message catalog: a path, or a name looked up along NLSPATH */
   int32_t cu_msg_set;
   int32_t cu_msg_num;
   const char* cu_msg_default; /* used when the catalog or the message cannot be had */
@@ -46,13 +47,13 @@ typedef struct {
   cu_error_arg_t* cu_args;
 } cu_error_t;
 
-/* Stores in `*text` a newly allocated text, to be released with free(): the message of the catalog, or the default
- * one, with its conversions ("%1$s", "%d", ...) filled from the arguments, each by its own type. A conversion that
- * names no argument, that is unknown or asks for more than 1024 columns comes out as it stands; one that does not fit
- * its argument prints the argument plainly. Nothing but a regular file is opened, and nothing outside it is read,
- * whatever `cu_msg_cat` names and the file holds.
- * Returns 0; -1 when memory is exhausted or an argument is null (`*text` is then null). May be called from any thread
- * while no other changes the environment or the locale. */
+/* Stores in `*text` a newly allocated text, to be released with free(): the message of the catalog, or the
+ * default one, with its conversions ("%1$s", "%d", ...) filled from the arguments, each by its own type. A
+ * conversion that names no argument, that is unknown or asks for more than 1024 columns comes out as it
+ * stands; one that does not fit its argument prints the argument plainly. Nothing but a regular file is
+ * opened, and nothing outside it is read, whatever `cu_msg_cat` names and the file holds. Returns 0; -1 when
+ * memory is exhausted or an argument is null (`*text` is then null). May be called from any thread while no
+ * other changes the environment or the locale. */
 int cu_get_errmsg_1(const cu_error_t* error, char** text);
 
 #ifdef __cplusplus

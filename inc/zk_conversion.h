@@ -1,9 +1,11 @@
-/* zk_conversion.h - formats a text with typed arguments. The text may come from a record or from a message catalog, so
- * it is never handed to printf: each conversion is taken apart here and printed by the type of its argument.
+/* zk_conversion.h - formats a text with typed arguments. The text may come from a record or from a message
+ * catalog, so it is never handed to printf: each conversion is taken apart here and printed by the type of
+ * its argument.
  *
- * A conversion is %[n$][flags][width][.precision][length]letter. Unnumbered ones take the arguments in order. What
- * cannot be printed (no such argument, "*", "%n", an unknown or incomplete conversion, a width or precision above
- * ZK_CONVERSION_MAX) comes out as it stands. */
+ * A conversion is %[n$][flags][width][.precision][length]letter. Unnumbered ones take the arguments in order.
+ * What cannot be printed (an argument that is missing or of no printable kind, "*", "%n", an unknown or
+ * incomplete conversion, a width or precision above ZK_CONVERSION_MAX) comes out as it stands. Nothing here
+ * needs the C++ library at run time. */
 #ifndef ZK_CONVERSION_H
 #define ZK_CONVERSION_H
 
@@ -17,10 +19,7 @@
 
 #include "qx_cu.h"
 
-enum {
-  ZK_CONVERSION_MAX = 1024,        /* largest width and precision */
-  ZK_CONVERSION_NUMBER_MAX = 100000 /* larger numbers are not told apart */
-};
+enum { ZK_CONVERSION_MAX = 1024 }; /* largest width and precision */
 
 /* Where formatted text goes. `recorded` is true for the text of a string argument, false for the rest. */
 struct zk_text_sink {
@@ -28,9 +27,9 @@ struct zk_text_sink {
 };
 
 enum zk_conversion_kind {
-  ZK_CONVERSION_PERCENT,   /* "%%" */
-  ZK_CONVERSION_ARGUMENT,  /* takes an argument */
-  ZK_CONVERSION_VERBATIM   /* takes none and comes out as it stands */
+  ZK_CONVERSION_PERCENT,  /* "%%" */
+  ZK_CONVERSION_ARGUMENT, /* takes an argument */
+  ZK_CONVERSION_VERBATIM  /* takes none and comes out as it stands */
 };
 
 struct zk_conversion {
@@ -45,12 +44,11 @@ struct zk_conversion {
   char letter;
 };
 
-/* Takes digits at `*at` as a number. */
+/* Takes digits at `*at` as a number; what is too large for one counts as INT32_MAX. */
 inline int zk_take_number(const char** at) {
-  int number = 0;
-  for (; **at >= '0' && **at <= '9'; ++*at)
-    number = std::min(number * 10 + (**at - '0'), static_cast<int>(ZK_CONVERSION_NUMBER_MAX));
-  return number;
+  int64_t number = 0;
+  for (; **at >= '0' && **at <= '9'; ++*at) number = std::min<int64_t>(number * 10 + (**at - '0'), INT32_MAX);
+  return static_cast<int>(number);
 }
 
 /* Takes "*" or "*n$" at `*at`. */
@@ -66,7 +64,7 @@ inline bool zk_take_star(const char** at) {
 inline zk_conversion zk_parse_conversion(const char* start) {
   constexpr std::string_view FLAGS = "-+ #0'";
   constexpr std::string_view LETTERS = "diouxXcaAeEfFgGsp";
-  constexpr std::array<std::string_view, 8> LENGTHS = {"hh", "h", "ll", "l", "L", "j", "z", "t"};
+  static constexpr std::array<std::string_view, 8> LENGTHS = {"hh", "h", "ll", "l", "L", "j", "z", "t"};
   zk_conversion conversion = {};
   conversion.precision = -1;
   const char* at = start + 1;
@@ -121,12 +119,12 @@ inline void zk_put_padded(zk_text_sink* sink, const zk_conversion& conversion, s
   bool left = zk_has_flag(conversion, '-');
   if (left) sink->put(sink, text, recorded);
   for (; padding > 0; padding -= std::min(padding, BLANKS.size()))
-    sink->put(sink, BLANKS.substr(0, padding), false);
+    sink->put(sink, {BLANKS.data(), std::min(padding, BLANKS.size())}, false);
   if (!left) sink->put(sink, text, recorded);
 }
 
-/* Puts a number or an address: `value` by the conversion's flags, width and precision and by the letter, whose type
- * `length` names. The parts are checked, so that no recorded text reaches the format. */
+/* Puts a number or an address: `value` by the conversion's flags, width and precision and by the letter,
+ * whose type `length` names. The parts are checked, so that no recorded text reaches the format. */
 template <typename Value>
 void zk_put_number(zk_text_sink* sink, const zk_conversion& conversion, const char* length, char letter,
                    Value value) {
@@ -151,6 +149,7 @@ inline void zk_put_integer(zk_text_sink* sink, zk_conversion conversion, int64_t
   }
   if (conversion.letter == 'c') {
     char character = static_cast<char>(unsigned_value);
+    if (character == '\0' && conversion.width > 0) --conversion.width; /* its own column stays empty */
     zk_put_padded(sink, conversion, {&character, character != '\0' ? size_t{1} : size_t{0}}, true);
   } else if (conversion.letter == 'd' || conversion.letter == 'i') {
     zk_put_number(sink, conversion, "ll", 'd', static_cast<long long>(value));
@@ -171,7 +170,8 @@ inline void zk_put_double(zk_text_sink* sink, zk_conversion conversion, double v
 inline void zk_put_string(zk_text_sink* sink, const zk_conversion& conversion, const char* text) {
   constexpr std::string_view NULL_TEXT = "(null)";
   size_t limit = std::string_view::npos;
-  if (conversion.letter == 's' && conversion.precision >= 0) limit = static_cast<size_t>(conversion.precision);
+  if (conversion.letter == 's' && conversion.precision >= 0)
+    limit = static_cast<size_t>(conversion.precision);
   if (text != nullptr)
     zk_put_padded(sink, conversion, {text, strnlen(text, limit)}, true);
   else
@@ -184,13 +184,15 @@ inline void zk_put_pointer(zk_text_sink* sink, zk_conversion conversion, void* v
     return;
   }
   if (conversion.letter != 'p') conversion.precision = -1;
-  char* end = std::remove(conversion.flags.begin(), conversion.flags.end(), '0'); /* does nothing for addresses */
+  /* "0" does nothing for addresses */
+  char* end = std::remove(conversion.flags.begin(), conversion.flags.end(), '0');
   std::fill(end, conversion.flags.end(), '\0');
   zk_put_number(sink, conversion, "", 'p', value);
 }
 
 /* Puts `argument` by its own type; false when it has none that can be printed. */
-inline bool zk_put_argument(zk_text_sink* sink, const zk_conversion& conversion, const cu_error_arg_t& argument) {
+inline bool zk_put_argument(zk_text_sink* sink, const zk_conversion& conversion,
+                            const cu_error_arg_t& argument) {
   switch (argument.cu_arg_type) {
     case CU_ERROR_ARG_INT:
     case CU_ERROR_ARG_LONG:
@@ -216,7 +218,8 @@ inline bool zk_put_argument(zk_text_sink* sink, const zk_conversion& conversion,
 }
 
 /* Puts the text `format` with its conversions filled from `arguments`. */
-inline void zk_format_text(zk_text_sink* sink, const char* format, std::span<const cu_error_arg_t> arguments) {
+inline void zk_format_text(zk_text_sink* sink, const char* format,
+                           std::span<const cu_error_arg_t> arguments) {
   size_t taken = 0;
   for (const char* at = format; *at != '\0';) {
     size_t plain = std::strcspn(at, "%");

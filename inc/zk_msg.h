@@ -1,4 +1,5 @@
-/* zk_msg.h - the texts that the command prints: their numbers, the built-in table and the one way to print them. */
+/* zk_msg.h - the texts that the command prints: their numbers, the built-in table and the one way to print
+ * them. */
 #ifndef ZK_MSG_H
 #define ZK_MSG_H
 
@@ -38,25 +39,25 @@ enum {
   ZK_MSG_DESCRIPTION = 24,
   ZK_MSG_HEADING = 25,
   ZK_MSG_BRIEF_LINE = 26,
-  ZK_MSG_NO_MEMORY = 27,       /* 2615-701 */
-  ZK_MSG_PRINT_FAILURE = 28,   /* 2615-702 */
-  ZK_MSG_NO_OPTIONS = 29,      /* 2615-703 */
-  ZK_MSG_REPEATED = 30,        /* 2615-704 */
-  ZK_MSG_UNKNOWN_OPTION = 31,  /* 2615-705 */
-  ZK_MSG_EXCLUDED = 32,        /* 2615-706 */
-  ZK_MSG_NEEDS_OTHER = 33,     /* 2615-707 */
-  ZK_MSG_LATER_VERSION = 34,   /* 2615-708 */
-  ZK_MSG_NOT_A_STACK_ID = 36,  /* 2615-710 */
-  ZK_MSG_STACK_MISSING = 38,   /* 2615-712 */
-  ZK_MSG_UNEXPECTED = 39,      /* 2615-713 */
-  ZK_MSG_NO_STACK_NAME = 40,   /* 2615-714 */
-  ZK_MSG_ID_STACK_GONE = 41,   /* 2615-715 */
-  ZK_MSG_NEEDS_STACK = 42,     /* 2615-716 */
-  ZK_MSG_REMOTE = 43,          /* 2615-717 */
-  ZK_MSG_NOT_LOCKED = 44,      /* 2615-718 */
-  ZK_MSG_STACK_CORRUPT = 45,   /* 2615-719 */
-  ZK_MSG_ID_NO_ACCESS = 46,    /* 2615-720 */
-  ZK_MSG_STACK_NO_ACCESS = 47  /* 2615-721 */
+  ZK_MSG_NO_MEMORY = 27,      /* 2615-701 */
+  ZK_MSG_PRINT_FAILURE = 28,  /* 2615-702 */
+  ZK_MSG_NO_OPTIONS = 29,     /* 2615-703 */
+  ZK_MSG_REPEATED = 30,       /* 2615-704 */
+  ZK_MSG_UNKNOWN_OPTION = 31, /* 2615-705 */
+  ZK_MSG_EXCLUDED = 32,       /* 2615-706 */
+  ZK_MSG_NEEDS_OTHER = 33,    /* 2615-707 */
+  ZK_MSG_LATER_VERSION = 34,  /* 2615-708 */
+  ZK_MSG_NOT_A_STACK_ID = 36, /* 2615-710 */
+  ZK_MSG_STACK_MISSING = 38,  /* 2615-712 */
+  ZK_MSG_UNEXPECTED = 39,     /* 2615-713 */
+  ZK_MSG_NO_STACK_NAME = 40,  /* 2615-714 */
+  ZK_MSG_ID_STACK_GONE = 41,  /* 2615-715 */
+  ZK_MSG_NEEDS_STACK = 42,    /* 2615-716 */
+  ZK_MSG_REMOTE = 43,         /* 2615-717 */
+  ZK_MSG_NOT_LOCKED = 44,     /* 2615-718 */
+  ZK_MSG_STACK_CORRUPT = 45,  /* 2615-719 */
+  ZK_MSG_ID_NO_ACCESS = 46,   /* 2615-720 */
+  ZK_MSG_STACK_NO_ACCESS = 47 /* 2615-721 */
 };
 
 #define ZK_CATALOG_NAME "zelk.cat"
@@ -67,7 +68,8 @@ extern "C" {
 extern const char* const zk_mesgtbl_zkview_cmd[ZK_MSG_COUNT];
 extern const char zk_badid_zkview_cmd[44];
 
-/* Sets the locale from the environment, copies `catstring` to `dstring` (ZELK_PATH_SIZE bytes) and returns `dstring`. */
+/* Sets the locale from the environment, copies `catstring` to `dstring` (ZELK_PATH_SIZE bytes) and returns
+ * `dstring`. */
 char* zk_get_msgcat_name(char* dstring, const char* catstring);
 
 } /* extern "C" */
@@ -76,18 +78,20 @@ char* zk_get_msgcat_name(char* dstring, const char* catstring);
 cu_error_arg_t zk_msg_arg(int value);
 cu_error_arg_t zk_msg_arg(const char* text);
 
-/* Prints the message `number` on `stream`: the text of the catalog `catfd` when it has one that takes the built-in
- * text's arguments or fewer, else the built-in text. A number that has no text prints zk_badid_zkview_cmd, or what the
- * catalog has under that number. Before anything goes to standard error, standard output is flushed. */
+/* Prints the message `number` on `stream`: the text of the catalog `catfd` when it has one that takes the
+ * built-in text's arguments or fewer, else the built-in text. A number that has no text prints
+ * zk_badid_zkview_cmd, or what the catalog has under that number. Before anything goes to standard error,
+ * standard output is flushed. */
 void zk_print_message(FILE* stream, nl_catd catfd, int number,
                       std::initializer_list<cu_error_arg_t> args = {});
 
-/* Gathers what is printed on standard output in `block` (fixed, `size` bytes) from here on, and writes it when the
- * block is full or zk_flush_report is called, retrying interrupted and short writes. Without it standard output is
- * written through stdio. */
+/* Gathers what is printed on standard output in `block` (fixed, `size` bytes) from here on, and writes it
+ * when the block is full or zk_flush_report is called, retrying interrupted and short writes. Without it
+ * standard output is written through stdio. */
 void zk_buffer_report(char* block, size_t size);
 
-/* Writes what has been gathered. Returns 0, or the error number of the first write that failed since the start. */
+/* Writes what has been gathered. Returns 0, or the error number of the first write that failed since the
+ * start. */
 int zk_flush_report();
 
 #endif

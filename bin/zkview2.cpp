@@ -1,0 +1,325 @@
+/* zkview2.cpp - the grouped views: copies a stack's records into lists, by process or by related incident,
+ * and prints the lists. */
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "zk_int.h"
+#include "zk_msg.h"
+#include "zk_trace.h"
+#include "zkrecord.h"
+#include "zkwalk.h"
+
+namespace {
+
+bool is_list_head(const zk_proc_list_t* head) {
+  return head != nullptr && head->process_id == 0 && head->parent_id == 0 && head->records == nullptr;
+}
+
+bool is_listed_length(int32_t length) {
+  return length >= 1 && length <= ZK_REC_LISTED_MAX;
+}
+
+size_t record_size(const void* record) {
+  return ZK_REC_LENGTH_SIZE + static_cast<size_t>(zk_record_length(record));
+}
+
+/* A copy of the record with a zero byte behind it. */
+void* copy_record(const void* record) {
+  size_t size = record_size(record);
+  char* copy = static_cast<char*>(malloc(size + 1));
+  if (copy == nullptr) return nullptr;
+  std::memcpy(copy, record, size);
+  copy[size] = '\0';
+  return copy;
+}
+
+zk_stack_rec_t* new_element() {
+  return static_cast<zk_stack_rec_t*>(calloc(1, sizeof(zk_stack_rec_t)));
+}
+
+/* Makes the element of a group, for the routine `routine`. */
+int make_group_element(int debug_active, const char* debug_file, const char* routine, const void* record,
+                       zk_stack_rec_t** made) {
+  constexpr char NO_MEMORY[] =
+      "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)";
+  zk_stack_rec_t* element = new_element();
+  if (element == nullptr) {
+    ZK_TRACE_RC_AS(routine, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(sizeof *element), errno);
+    return ZELK_NO_MEMORY;
+  }
+  element->record = copy_record(record);
+  if (element->record == nullptr) {
+    ZK_TRACE_RC_AS(routine, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(record_size(record)), errno);
+    free(element);
+    return ZELK_NO_MEMORY;
+  }
+  zk_record_eid(record, ZK_REC_EID_POS, element->fid);
+  *made = element;
+  return ZELK_SUCCESS;
+}
+
+/* What a list routine's result means for the walk. */
+int walk_result(int result) {
+  switch (result) {
+    case ZELK_SUCCESS:
+    case ZELK_NO_MEMORY:
+      return result;
+    case ZELK_REC_CORRUPT:
+      return ZELK_FILE_CORRUPT;
+    default:
+      return ZELK_FAILURE;
+  }
+}
+
+int place_by_process(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
+  zk_proc_list_t* process = nullptr;
+  int result = zk_find_proc_in_list(debug_active, debug_file, record, head, &process);
+  if (result == ZELK_SUCCESS) result = zk_add_rec_to_proc(debug_active, debug_file, record, process);
+  return walk_result(result);
+}
+
+int place_by_relation(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
+  zk_stack_rec_t* related = nullptr;
+  zk_stack_rec_t* groups = table != nullptr ? *table : nullptr;
+  int result = zk_find_related_rec(debug_active, debug_file, record, groups, &related);
+  if (result == ZELK_SUCCESS)
+    result = zk_add_related_rec(debug_active, debug_file, record, related);
+  else if (result == ZELK_FAILURE)
+    result = zk_add_unrelated_rec(debug_active, debug_file, record, table);
+  return walk_result(result);
+}
+
+/* Prints one record of a list; what is not a record's fault lets the report go on. */
+int display_record(int debug_active, const char* debug_file, void* record, int all, nl_catd catfd) {
+  int result = all == 1 ? zk_print_full_stack_record(debug_active, debug_file, nullptr, catfd, record)
+                        : zk_print_brief_stack_record(debug_active, debug_file, nullptr, 0, catfd, record);
+  switch (result) {
+    case ZELK_NO_MEMORY:
+      return ZELK_NO_MEMORY;
+    case ZELK_REC_CORRUPT:
+    case ZELK_INV_RECVERSN:
+    case ZELK_INV_RECLEN:
+      return ZELK_FILE_CORRUPT;
+    default:
+      if (all == 1) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
+      return ZELK_SUCCESS;
+  }
+}
+
+} /* namespace */
+
+int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
+                  zk_proc_list_t* proc_list, zk_stack_rec_t** rec_table) {
+  if (order != 0 && order != 1)
+    ZK_RETURN(ZELK_INV_PARAM3, "Invalid ordering selected %d  - Returning %s(%d)", order);
+  if (fildes < 1) ZK_RETURN(ZELK_INV_PARAM4, "Invalid file descriptor %d\nReturning %s(%d)", fildes);
+  if (order == 0 && !is_list_head(proc_list))
+    ZK_RETURN(ZELK_INV_PARAM5, "proc_list parameter invalid or improperly initialized\nReturning %s(%d)");
+
+  zk_walk walk = {.debug_active = debug_active,
+                  .debug_file = debug_file,
+                  .routine = __func__,
+                  .fildes = fildes,
+                  .catfd = catfd};
+  int result = zk_walk_begin(&walk);
+  if (result == ZELK_LOCK) return result;
+  if (result == ZELK_INV_PARAM4) result = ZELK_FAILURE;
+
+  while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
+    void* record = walk.record.data();
+    result = order == 0 ? place_by_process(debug_active, debug_file, record, proc_list)
+                        : place_by_relation(debug_active, debug_file, record, rec_table);
+    if (result == ZELK_SUCCESS && zk_walk_at_write_pos(&walk)) break;
+  }
+  if (result == ZK_WALK_END) result = ZELK_SUCCESS;
+  zk_walk_end(&walk);
+  return result;
+}
+
+int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head,
+                         zk_proc_list_t** proc_list) {
+  if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (head == nullptr) ZK_RETURN(ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
+  if (!is_list_head(head))
+    ZK_RETURN(ZELK_INV_PARAM4, "head parameter not initialized correctly  - returning %s(%d)");
+  if (proc_list == nullptr || *proc_list != nullptr)
+    ZK_RETURN(ZELK_INV_PARAM5, "proc_list parameter is invalid - returning %s(%d)");
+  int32_t length = zk_record_length(record);
+  if (!is_listed_length(length))
+    ZK_RETURN(ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
+
+  void* cursor = static_cast<char*>(record) + ZK_REC_NAME_POS;
+  ptrdiff_t behind_head =
+      ptrdiff_t{ZK_REC_LENGTH_SIZE} + length - ZK_REC_NAME_POS; /* bytes of the record left */
+  int name_length = 0;
+  if (behind_head >= 0) {
+    /* Looked for within a shorter stretch than the record holds: it stops a length word short of the end. */
+    name_length = zk_obtain_strlen(cursor, static_cast<size_t>(ptrdiff_t{length} - ZK_REC_NAME_POS));
+    if (name_length == -1)
+      ZK_RETURN(ZELK_REC_CORRUPT, "Error scanning rec for a char string - returning %s(%d)");
+  }
+  size_t remaining = static_cast<size_t>(behind_head - name_length - 1);
+  cursor = static_cast<char*>(cursor) + name_length + 1;
+  pid_t process = zk_take_int(&cursor, &remaining);
+  pid_t parent = process; /* the recorded parent is not kept: processes are grouped by their own identifier */
+  ZK_TRACE("Proc ID %d and Parent Proc ID %d obtained from record", process, parent);
+
+  zk_proc_list_t** link = &head->next;
+  for (; *link != nullptr; link = &(*link)->next) {
+    zk_proc_list_t* node = *link;
+    if (node->process_id != process) continue;
+    if (node->parent_id != parent)
+      ZK_RETURN(ZELK_REC_CORRUPT,
+                "Found an entry for proc ID %d, but parent ID in list (%d) does not agree with %d from rec\n"
+                "Returining %s(%d)",
+                process, node->parent_id, parent);
+    ZK_TRACE_RC(ZELK_SUCCESS, "Found an entry for proc ID %d\nReturning %s(%d)", process);
+    *proc_list = node;
+    return ZELK_SUCCESS;
+  }
+
+  zk_proc_list_t* node = static_cast<zk_proc_list_t*>(calloc(1, sizeof *node));
+  if (node == nullptr)
+    ZK_RETURN(ZELK_NO_MEMORY,
+              "Memory allocation failure - errno is %d\nAttempted to allocte %d bytes\nReturning %s(%d)",
+              errno, static_cast<int>(sizeof *node));
+  node->process_id = process;
+  node->parent_id = parent;
+  *link = node;
+  *proc_list = node;
+  ZK_TRACE_RC(ZELK_SUCCESS, "Allocated list entry for proc ID %d (parent %d) - returning %s(%d)", process,
+              parent);
+  return ZELK_SUCCESS;
+}
+
+int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
+  if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (head == nullptr) ZK_RETURN(ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
+  if (head->process_id == 0)
+    ZK_RETURN(ZELK_INV_PARAM4, "head parameter not properly initialized - returning %s(%d)");
+  int32_t length = zk_record_length(record);
+  if (!is_listed_length(length))
+    ZK_RETURN(ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
+
+  zk_stack_rec_t* element = new_element();
+  if (element == nullptr)
+    ZK_RETURN(ZELK_NO_MEMORY,
+              "Unable to allocate memory for record element - errno %d\nSize requested %d bytes\n"
+              "Returning %s(%d)",
+              errno, static_cast<int>(sizeof *element));
+  element->record = copy_record(record);
+  if (element->record == nullptr) {
+    ZK_TRACE_RC(ZELK_NO_MEMORY,
+                "Unable to allocate memory for record info - errno %d\nSize requested %d bytes\n"
+                "Returning %s(%d)",
+                errno, static_cast<int>(record_size(record)));
+    free(element);
+    return ZELK_NO_MEMORY;
+  }
+
+  zk_stack_rec_t** link = &head->records;
+  while (*link != nullptr) link = &(*link)->next;
+  *link = element;
+  ZK_TRACE_RC(ZELK_SUCCESS, "Record added to list for process %d - returning %s(%d)", head->process_id);
+  return ZELK_SUCCESS;
+}
+
+int zk_find_related_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t* rec_table,
+                        zk_stack_rec_t** loc) {
+  zk_eid_t own;
+  zk_eid_t wanted;
+  if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (loc == nullptr) ZK_RETURN(ZELK_INV_PARAM5, "loc parameter is invalid - returning %s(%d)");
+  if (rec_table == nullptr) ZK_RETURN(ZELK_FAILURE, "rec_table is empty - returning %s(%d)");
+
+  zk_record_eid(record, ZK_REC_EID_POS, own);
+  zk_record_eid(record, ZK_REC_RELATED_POS, wanted);
+  if (*wanted == '\0')
+    ZK_RETURN(ZELK_FAILURE, "Rec for ZELK ID %s\ndoes not have a related record\nReturning %s(%d)", own);
+
+  for (zk_stack_rec_t* group = rec_table; group != nullptr; group = group->next)
+    for (zk_stack_rec_t* element = group; element != nullptr; element = element->related)
+      if (std::strncmp(element->fid, wanted, ZELK_EID_LENGTH) == 0) {
+        *loc = element;
+        ZK_TRACE_RC(ZELK_SUCCESS, "Entry for related record %s found\nReturning %s(%d)", wanted);
+        return ZELK_SUCCESS;
+      }
+  return ZELK_FAILURE;
+}
+
+int zk_add_related_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t* related) {
+  zk_stack_rec_t* element = nullptr;
+  if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (related == nullptr) ZK_RETURN(ZELK_INV_PARAM4, "related parameter is invalid - returning %s(%d)");
+  int32_t length = zk_record_length(record);
+  if (!is_listed_length(length))
+    ZK_RETURN(ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
+  int result = make_group_element(debug_active, debug_file, __func__, record, &element);
+  if (result != ZELK_SUCCESS) return result;
+
+  element->related = related->related;
+  related->related = element;
+  ZK_TRACE_RC(ZELK_SUCCESS, "Added ZELK ID %s to list as\nrelated to %.42s\nReturning %s(%d)", element->fid,
+              related->fid);
+  return ZELK_SUCCESS;
+}
+
+int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
+  zk_stack_rec_t* element = nullptr;
+  if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (table == nullptr) ZK_RETURN(ZELK_INV_PARAM4, "table parameter is invalid - returning %s(%d)");
+  int32_t length = zk_record_length(record);
+  if (!is_listed_length(length))
+    ZK_RETURN(ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
+  int result = make_group_element(debug_active, debug_file, __func__, record, &element);
+  if (result != ZELK_SUCCESS) return result;
+
+  if (*table == nullptr) {
+    *table = element;
+    ZK_TRACE_RC(ZELK_SUCCESS, "Added ZELK ID %s as first in table\nReturning %s(%d)", element->fid);
+    return ZELK_SUCCESS;
+  }
+  zk_stack_rec_t* last = *table;
+  while (last->next != nullptr) last = last->next;
+  last->next = element;
+  ZK_TRACE_RC(ZELK_SUCCESS, "Added ZELK ID %s to list\nafter %.42s\nReturning %s(%d)", element->fid,
+              last->fid);
+  return ZELK_SUCCESS;
+}
+
+int zk_display_recs_by_proc(int debug_active, const char* debug_file, zk_proc_list_t* proc_list, int all,
+                            nl_catd catfd) {
+  if (!is_list_head(proc_list))
+    ZK_RETURN(ZELK_INV_PARAM3, "proc_list parameter invalid or improperly initialized\nReturning %s(%d)");
+  if (all == 0) zk_print_message(stdout, catfd, ZK_MSG_HEADING);
+
+  for (const zk_proc_list_t* process = proc_list->next; process != nullptr; process = process->next) {
+    ZK_TRACE("Displaying records for process %d", process->process_id);
+    for (const zk_stack_rec_t* element = process->records; element != nullptr; element = element->next) {
+      int result = display_record(debug_active, debug_file, element->record, all, catfd);
+      if (result != ZELK_SUCCESS) return result;
+    }
+  }
+  return ZELK_SUCCESS;
+}
+
+int zk_display_recs_by_rel(int debug_active, const char* debug_file, zk_stack_rec_t* rec_table, int all,
+                           nl_catd catfd) {
+  if (rec_table == nullptr)
+    ZK_RETURN(ZELK_INV_PARAM3, "rec_table parameter invalid or improperly initialized\nReturning %s(%d)");
+  if (all == 0) zk_print_message(stdout, catfd, ZK_MSG_HEADING);
+
+  for (const zk_stack_rec_t* group = rec_table; group != nullptr; group = group->next) {
+    ZK_TRACE("Displaying record for ZELK ID %.42s\nand any related to it", group->fid);
+    for (const zk_stack_rec_t* element = group; element != nullptr; element = element->related) {
+      int result = display_record(debug_active, debug_file, element->record, all, catfd);
+      if (result != ZELK_SUCCESS) return result;
+    }
+  }
+  return ZELK_SUCCESS;
+}

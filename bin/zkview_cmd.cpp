@@ -1,0 +1,18 @@
+/* zkview_cmd.cpp - the command's message table, made from zkview_cmd.msg, and the name of its catalog. */
+#include <clocale>
+#include <cstdio>
+
+#include "qx_zelk.h"
+#include "zk_msg.h"
+
+const char* const zk_mesgtbl_zkview_cmd[ZK_MSG_COUNT] = {
+#include "zkview_cmd.inc"
+};
+
+const char zk_badid_zkview_cmd[44] = "Bad message id for message set zkview_cmd";
+
+char* zk_get_msgcat_name(char* dstring, const char* catstring) {
+  std::setlocale(LC_ALL, "");
+  std::snprintf(dstring, ZELK_PATH_SIZE, "%s", catstring);
+  return dstring;
+}
