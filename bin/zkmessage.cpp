@@ -12,18 +12,16 @@
 #include "zk_conversion.h"
 #include "zk_msg.h"
 
-namespace {
-
 /* The report that is being gathered. What follows a failed write is dropped: a report with a hole would
  * mislead. */
-struct {
+static struct {
   char* block;
   size_t size;
   size_t used;
   int error; /* of the first write that failed, else 0 */
 } report;
 
-void write_block() {
+static void write_block() {
   for (size_t written = 0; written < report.used && report.error == 0;) {
     ssize_t count = write(STDOUT_FILENO, report.block + written, report.used - written);
     if (count > 0)
@@ -34,7 +32,7 @@ void write_block() {
   report.used = 0;
 }
 
-void put_text(FILE* stream, std::string_view text) {
+static void put_text(FILE* stream, std::string_view text) {
   if (stream != stdout || report.block == nullptr) {
     std::fwrite(text.data(), 1, text.size(), stream);
     return;
@@ -48,12 +46,12 @@ void put_text(FILE* stream, std::string_view text) {
   }
 }
 
-bool is_between(char byte, unsigned int low, unsigned int high) {
+static bool is_between(char byte, unsigned int low, unsigned int high) {
   return static_cast<unsigned char>(byte) >= low && static_cast<unsigned char>(byte) <= high;
 }
 
 /* Length of the well-formed UTF-8 sequence of several bytes that `text` starts with, else 0. */
-size_t utf8_length(std::string_view text) {
+static size_t utf8_length(std::string_view text) {
   struct sequence {
     unsigned int lead_low, lead_high, second_low, second_high;
     size_t length;
@@ -78,14 +76,14 @@ size_t utf8_length(std::string_view text) {
 }
 
 /* Length of the control character that `text` starts with, else 0. Newline and tab are none. */
-size_t control_length(std::string_view text) {
+static size_t control_length(std::string_view text) {
   if (text[0] == '\n' || text[0] == '\t') return 0;
   if (is_between(text[0], 0, 0x1f) || is_between(text[0], 0x7f, 0x9f)) return 1;
   return is_between(text[0], 0xc2, 0xc2) && text.size() > 1 && is_between(text[1], 0x80, 0x9f) ? 2 : 0;
 }
 
 /* Puts recorded text, with its control characters shown as "?" on a terminal. */
-void put_recorded(FILE* stream, std::string_view text) {
+static void put_recorded(FILE* stream, std::string_view text) {
   size_t start = 0;
   for (size_t at = 0; at < text.size();) {
     size_t control = control_length(text.substr(at));
@@ -107,7 +105,7 @@ struct stream_sink {
   FILE* stream;
 };
 
-void put_on_stream(zk_text_sink* sink, std::string_view text, bool recorded) {
+static void put_on_stream(zk_text_sink* sink, std::string_view text, bool recorded) {
   FILE* stream = reinterpret_cast<stream_sink*>(sink)->stream;
   if (recorded)
     put_recorded(stream, text);
@@ -115,12 +113,12 @@ void put_on_stream(zk_text_sink* sink, std::string_view text, bool recorded) {
     put_text(stream, text);
 }
 
-constexpr size_t ARGUMENTS_MAX = 9;
+static constexpr size_t ARGUMENTS_MAX = 9;
 using argument_kinds = std::array<char, ARGUMENTS_MAX>; /* 's', 'c' or 'd' by argument, NUL for none */
 
 /* Notes in `kinds` what kind of argument each conversion of `text` takes; false when one is not of the simple
  * form that every text of this command has, or when plain and numbered ones are mixed. */
-bool note_kinds(const char* text, argument_kinds* kinds) {
+static bool note_kinds(const char* text, argument_kinds* kinds) {
   size_t plain = 0;
   size_t numbered = 0;
   for (const char* at = std::strchr(text, '%'); at != nullptr; at = std::strchr(at, '%')) {
@@ -143,7 +141,7 @@ bool note_kinds(const char* text, argument_kinds* kinds) {
 }
 
 /* Whether a translated text takes the arguments of the built-in one: any of them, each by its own kind. */
-bool takes_same_arguments(const char* translated, const char* builtin) {
+static bool takes_same_arguments(const char* translated, const char* builtin) {
   argument_kinds wanted = {};
   argument_kinds given = {};
   if (!note_kinds(translated, &wanted) || !note_kinds(builtin, &given)) return false;
@@ -152,7 +150,7 @@ bool takes_same_arguments(const char* translated, const char* builtin) {
   return true;
 }
 
-const char* message_text(nl_catd catfd, int number) {
+static const char* message_text(nl_catd catfd, int number) {
   bool known = number >= 1 && number < ZK_MSG_COUNT;
   const char* builtin = known ? zk_mesgtbl_zkview_cmd[number] : zk_badid_zkview_cmd;
   const char* arguments = known ? builtin : "%s"; /* whoever prints an unknown message has one text to show */
@@ -160,8 +158,6 @@ const char* message_text(nl_catd catfd, int number) {
   const char* text = catgets(catfd, ZK_MSG_SET, number, builtin);
   return text == builtin || takes_same_arguments(text, arguments) ? text : builtin;
 }
-
-} /* namespace */
 
 void zk_buffer_report(char* block, size_t size) {
   report = {.block = block, .size = size, .used = 0, .error = 0};

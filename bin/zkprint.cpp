@@ -14,9 +14,7 @@
 #include "zkrecord.h"
 #include "zkwalk.h"
 
-namespace {
-
-constexpr int DESCRIPTION_COLUMN = 30; /* of a brief line, behind the time and the process name */
+static constexpr int DESCRIPTION_COLUMN = 30; /* of a brief line, behind the time and the process name */
 
 /* A record whose head has been read. */
 struct opened_record {
@@ -26,8 +24,8 @@ struct opened_record {
 };
 
 /* The head that both reports have in common, traced as `routine`. */
-int open_record(int debug_active, const char* debug_file, const char* routine, void* record,
-                opened_record* opened) {
+static int open_record(int debug_active, const char* debug_file, const char* routine, void* record,
+                       opened_record* opened) {
   if (record == nullptr) {
     ZK_TRACE_RC_AS(routine, ZELK_INV_PARAM4,
                    "Called with null ZELK Stack Record pointer\nreturning %s(%d) to the caller");
@@ -53,19 +51,19 @@ int open_record(int debug_active, const char* debug_file, const char* routine, v
 }
 
 /* Whether a report for the Error ID `wanted`, all when it is null or empty, shows the record. */
-bool is_selected(const char* wanted, const zk_eid_t eid) {
+static bool is_selected(const char* wanted, const zk_eid_t eid) {
   return wanted == nullptr || *wanted == '\0' ||
          (*eid != '\0' && std::strncmp(eid, wanted, ZELK_EID_LENGTH) == 0);
 }
 
-std::tm local_time(time_t seconds) {
+static std::tm local_time(time_t seconds) {
   std::tm parts = {};
   tzset();
   localtime_r(&seconds, &parts);
   return parts;
 }
 
-int skip_strings(int debug_active, const char* debug_file, opened_record* record, int count) {
+static int skip_strings(int debug_active, const char* debug_file, opened_record* record, int count) {
   std::array<char, ZK_REC_STRING_MAX + 1> skipped;
   for (int i = 0; i < count; ++i) {
     int result =
@@ -76,7 +74,7 @@ int skip_strings(int debug_active, const char* debug_file, opened_record* record
 }
 
 /* Tells the user why a description cannot be shown, and returns the report's result. */
-int report_bad_description(nl_catd catfd, int result) {
+static int report_bad_description(nl_catd catfd, int result) {
   if (result == ZELK_NO_MEMORY) {
     zk_print_message(stderr, catfd, ZK_MSG_NO_MEMORY);
     return ZELK_NO_MEMORY;
@@ -90,8 +88,6 @@ int report_bad_description(nl_catd catfd, int result) {
                    {zk_msg_arg("zk_print_description"), zk_msg_arg(result)});
   return ZELK_FAILURE;
 }
-
-} /* namespace */
 
 int zk_print_brief_stack_record(int debug_active, const char* debug_file, const char* fid_to_display,
                                 int searching, nl_catd catfd, void* record) {

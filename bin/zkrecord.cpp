@@ -12,32 +12,28 @@
 #include "zk_msg.h"
 #include "zk_trace.h"
 
-namespace {
-
 using string_buffer = std::array<char, ZK_REC_STRING_MAX + 1>;
 
-ptrdiff_t signed_size(size_t size) {
+static ptrdiff_t signed_size(size_t size) {
   return static_cast<ptrdiff_t>(size);
 }
 
 /* Length of the text at the cursor, -1 when there is none. A text that starts past the record's end is empty.
  */
-int text_length(void* buffer, size_t remaining_len) {
+static int text_length(void* buffer, size_t remaining_len) {
   return signed_size(remaining_len) < 0 ? 0 : zk_obtain_strlen(buffer, remaining_len);
 }
 
-void advance(void** buffer, size_t* remaining_len, size_t size) {
+static void advance(void** buffer, size_t* remaining_len, size_t size) {
   *buffer = static_cast<char*>(*buffer) + size;
   *remaining_len -= size;
 }
 
-void release_arguments(cu_error_arg_t* arguments, int count) {
+static void release_arguments(cu_error_arg_t* arguments, int count) {
   for (int i = 0; i < count; ++i)
     if (arguments[i].cu_arg_type == CU_ERROR_ARG_CHAR_STR) free(arguments[i].cu_arg_value.cu_arg_char_str);
   free(arguments);
 }
-
-} /* namespace */
 
 int32_t zk_record_length(const void* record) {
   int32_t length;

@@ -67,8 +67,6 @@ int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes
   return result;
 }
 
-namespace {
-
 enum {
   EXIT_REPORTED = 0,
   EXIT_HELP = 2,
@@ -87,7 +85,7 @@ enum {
   GO_ON = -1 /* from a step of main: the run is not over */
 };
 
-constexpr size_t REPORT_BLOCK_SIZE = size_t{1} << 20; /* any report of a stack of 16384 bytes fits */
+static constexpr size_t REPORT_BLOCK_SIZE = size_t{1} << 20; /* any report of a stack of 16384 bytes fits */
 
 struct options {
   int all;
@@ -118,33 +116,33 @@ struct ending {
 
 /* Keeps a stack or a trace file from becoming a standard stream where one is closed. What is written to such
  * a stream fails. */
-bool fill_standard_streams() {
+static bool fill_standard_streams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
     if (fcntl(stream, F_GETFD) == -1 && open("/dev/null", O_RDONLY) != stream) return false;
   return true;
 }
 
-void set_up_trace(surroundings* around) {
+static void set_up_trace(surroundings* around) {
   int state = zk_is_debug_file_set(around->debug_file.data());
   around->debug_active =
       state == ZELK_TRACE_EXISTS ||
       (state == ZELK_TRACE_MISSING && zk_create_debug_file(around->debug_file.data()) == ZELK_SUCCESS);
 }
 
-void open_catalog(surroundings* around) {
+static void open_catalog(surroundings* around) {
   std::array<char, ZELK_PATH_SIZE> catalog = {};
   zk_get_msgcat_name(catalog.data(), ZK_CATALOG_NAME);
   around->catfd = catopen(catalog.data(), NL_CAT_LOCALE);
   if (around->catfd == reinterpret_cast<nl_catd>(-1)) around->catfd = catopen(catalog.data(), 0);
 }
 
-int report_unexpected(const surroundings& around, const char* routine, int result) {
+static int report_unexpected(const surroundings& around, const char* routine, int result) {
   zk_print_message(stderr, around.catfd, ZK_MSG_UNEXPECTED, {zk_msg_arg(routine), zk_msg_arg(result)});
   return EXIT_UNEXPECTED;
 }
 
 /* Sets `flag` for an option that may be given once; a second time is reported and counted. */
-bool take_once(const surroundings& around, int* flag, int option, int* errflag) {
+static bool take_once(const surroundings& around, int* flag, int option, int* errflag) {
   if (*flag == 0) {
     *flag = 1;
     return true;
@@ -154,7 +152,7 @@ bool take_once(const surroundings& around, int* flag, int option, int* errflag) 
   return false;
 }
 
-int parse_options(const surroundings& around, int argc, char** argv, options* given) {
+static int parse_options(const surroundings& around, int argc, char** argv, options* given) {
   int errflag = 0;
   int unknown = 0;
   for (int option; (option = getopt(argc, argv, "adf:hiprs:")) != -1;) {
@@ -195,14 +193,14 @@ int parse_options(const surroundings& around, int argc, char** argv, options* gi
   return unknown != 0 ? EXIT_UNKNOWN_OPTION : EXIT_EXCLUDED;
 }
 
-int show_help(const surroundings& around) {
+static int show_help(const surroundings& around) {
   zk_print_message(stdout, around.catfd, ZK_MSG_USAGE);
   zk_print_message(stdout, around.catfd, ZK_MSG_HELP, {zk_msg_arg(ZELK_STACK_DIR)});
   return EXIT_HELP;
 }
 
 /* The first rule that the options break ends the run. `-i` with `-p` or `-r` is let through: `-i` wins. */
-int check_combinations(const surroundings& around, const options& given) {
+static int check_combinations(const surroundings& around, const options& given) {
   struct rule {
     bool broken;
     int message;
@@ -227,7 +225,7 @@ int check_combinations(const surroundings& around, const options& given) {
   return GO_ON;
 }
 
-int open_stack(const surroundings& around, const options& given, int* fildes) {
+static int open_stack(const surroundings& around, const options& given, int* fildes) {
   static constexpr ending BY_FID[] = {{ZELK_UNSUPPORTED, ZK_MSG_LATER_VERSION, EXIT_LATER_VERSION},
                                       {ZELK_REMOTE_FID, ZK_MSG_REMOTE, EXIT_REMOTE},
                                       {ZELK_INV_FID, ZK_MSG_NOT_A_STACK_ID, EXIT_BAD_EID},
@@ -255,7 +253,8 @@ int open_stack(const surroundings& around, const options& given, int* fildes) {
 
 /* Ends the run for a failed view: `unexpected` lists the codes that are reported under the name `routine`;
  * others count as success. */
-int end_view(const surroundings& around, int result, std::span<const int> unexpected, const char* routine) {
+static int end_view(const surroundings& around, int result, std::span<const int> unexpected,
+                    const char* routine) {
   static constexpr ending ENDINGS[] = {{ZELK_LOCK, ZK_MSG_NOT_LOCKED, EXIT_NOT_LOCKED},
                                        {ZELK_FILE_CORRUPT, ZK_MSG_STACK_CORRUPT, EXIT_CORRUPT},
                                        {ZELK_NO_MEMORY, ZK_MSG_NO_MEMORY, EXIT_NO_MEMORY}};
@@ -270,7 +269,7 @@ int end_view(const surroundings& around, int result, std::span<const int> unexpe
 }
 
 /* Runs the one view that was asked for over the open stack. */
-int report_stack(const surroundings& around, const options& given, int fildes) {
+static int report_stack(const surroundings& around, const options& given, int fildes) {
   static constexpr int READ_FAILURES[] = {ZELK_INV_PARAM5, ZELK_INV_PARAM4, ZELK_INV_PARAM3, ZELK_FAILURE};
   static constexpr int DISPLAY_FAILURES[] = {ZELK_INV_PARAM3, ZELK_FAILURE};
   constexpr int DUMP_HEADER = 0; /* the control header is for other callers of the dump */
@@ -305,7 +304,7 @@ int report_stack(const surroundings& around, const options& given, int fildes) {
 }
 
 /* The run between opening and closing the catalog; returns the exit status. */
-int run(const surroundings& around, int argc, char** argv) {
+static int run(const surroundings& around, int argc, char** argv) {
   int debug_active = around.debug_active;
   const char* debug_file = around.debug_file.data();
   options given = {};
@@ -333,8 +332,6 @@ int run(const surroundings& around, int argc, char** argv) {
   close(fildes);
   return status;
 }
-
-} /* namespace */
 
 int main(int argc, char** argv) {
   static std::array<char, REPORT_BLOCK_SIZE> report_block;

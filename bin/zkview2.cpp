@@ -14,22 +14,20 @@
 #include "zkrecord.h"
 #include "zkwalk.h"
 
-namespace {
-
-bool is_list_head(const zk_proc_list_t* head) {
+static bool is_list_head(const zk_proc_list_t* head) {
   return head != nullptr && head->process_id == 0 && head->parent_id == 0 && head->records == nullptr;
 }
 
-bool is_listed_length(int32_t length) {
+static bool is_listed_length(int32_t length) {
   return length >= 1 && length <= ZK_REC_LISTED_MAX;
 }
 
-size_t record_size(const void* record) {
+static size_t record_size(const void* record) {
   return ZK_REC_LENGTH_SIZE + static_cast<size_t>(zk_record_length(record));
 }
 
 /* A copy of the record with a zero byte behind it. */
-void* copy_record(const void* record) {
+static void* copy_record(const void* record) {
   size_t size = record_size(record);
   char* copy = static_cast<char*>(malloc(size + 1));
   if (copy == nullptr) return nullptr;
@@ -38,13 +36,13 @@ void* copy_record(const void* record) {
   return copy;
 }
 
-zk_stack_rec_t* new_element() {
+static zk_stack_rec_t* new_element() {
   return static_cast<zk_stack_rec_t*>(calloc(1, sizeof(zk_stack_rec_t)));
 }
 
 /* Makes the element of a group, for the routine `routine`. */
-int make_group_element(int debug_active, const char* debug_file, const char* routine, const void* record,
-                       zk_stack_rec_t** made) {
+static int make_group_element(int debug_active, const char* debug_file, const char* routine,
+                              const void* record, zk_stack_rec_t** made) {
   constexpr char NO_MEMORY[] =
       "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)";
   zk_stack_rec_t* element = new_element();
@@ -64,7 +62,7 @@ int make_group_element(int debug_active, const char* debug_file, const char* rou
 }
 
 /* What a list routine's result means for the walk. */
-int walk_result(int result) {
+static int walk_result(int result) {
   switch (result) {
     case ZELK_SUCCESS:
     case ZELK_NO_MEMORY:
@@ -76,14 +74,14 @@ int walk_result(int result) {
   }
 }
 
-int place_by_process(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
+static int place_by_process(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
   zk_proc_list_t* process = nullptr;
   int result = zk_find_proc_in_list(debug_active, debug_file, record, head, &process);
   if (result == ZELK_SUCCESS) result = zk_add_rec_to_proc(debug_active, debug_file, record, process);
   return walk_result(result);
 }
 
-int place_by_relation(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
+static int place_by_relation(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
   zk_stack_rec_t* related = nullptr;
   zk_stack_rec_t* groups = table != nullptr ? *table : nullptr;
   int result = zk_find_related_rec(debug_active, debug_file, record, groups, &related);
@@ -95,7 +93,7 @@ int place_by_relation(int debug_active, const char* debug_file, void* record, zk
 }
 
 /* Prints one record of a list; what is not a record's fault lets the report go on. */
-int display_record(int debug_active, const char* debug_file, void* record, int all, nl_catd catfd) {
+static int display_record(int debug_active, const char* debug_file, void* record, int all, nl_catd catfd) {
   int result = all == 1 ? zk_print_full_stack_record(debug_active, debug_file, nullptr, catfd, record)
                         : zk_print_brief_stack_record(debug_active, debug_file, nullptr, 0, catfd, record);
   switch (result) {
@@ -110,8 +108,6 @@ int display_record(int debug_active, const char* debug_file, void* record, int a
       return ZELK_SUCCESS;
   }
 }
-
-} /* namespace */
 
 int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
                   zk_proc_list_t* proc_list, zk_stack_rec_t** rec_table) {

@@ -12,11 +12,9 @@
 #include "zk_msg.h"
 #include "zk_trace.h"
 
-namespace {
-
 /* Reads up to `size` bytes until they are there, the file ends or an error comes; returns how many, -1 when
  * an error comes before `size`. */
-ssize_t read_whole(int fildes, void* bytes, size_t size) {
+static ssize_t read_whole(int fildes, void* bytes, size_t size) {
   size_t taken = 0;
   while (taken < size) {
     ssize_t count = read(fildes, static_cast<char*>(bytes) + taken, size - taken);
@@ -27,14 +25,14 @@ ssize_t read_whole(int fildes, void* bytes, size_t size) {
   return static_cast<ssize_t>(taken);
 }
 
-bool is_in_range(int32_t offset) {
+static bool is_in_range(int32_t offset) {
   /* An offset below zero passes: the lower bound is taken unsigned. */
   return offset <= ZK_STACK_SIZE_MAX && static_cast<uint32_t>(offset) >= ZK_STACK_RECORDS_MIN;
 }
 
 /* Moves the window over the walk's position. Bytes that an error keeps away are missed when a record needs
  * them. */
-bool fill_window(zk_walk* walk) {
+static bool fill_window(zk_walk* walk) {
   bool is_first = walk->window_size == 0 && !walk->window_at_end;
   off_t start = is_first && walk->position < static_cast<off_t>(walk->window.size()) ? 0 : walk->position;
   size_t taken = 0;
@@ -54,7 +52,7 @@ bool fill_window(zk_walk* walk) {
 }
 
 /* Takes up to `size` bytes at the walk's position and moves it on; returns how many there were. */
-size_t take_bytes(zk_walk* walk, void* bytes, size_t size) {
+static size_t take_bytes(zk_walk* walk, void* bytes, size_t size) {
   size_t taken = 0;
   while (taken < size) {
     off_t window_end = walk->window_start + static_cast<off_t>(walk->window_size);
@@ -73,10 +71,10 @@ size_t take_bytes(zk_walk* walk, void* bytes, size_t size) {
 }
 
 /* Trace of a failed file operation at a position; seeks of the walk's own use the same text. */
-constexpr char SEEK_FAILED[] = "Cannot lseek to position %d in stack - error code %d\nReturning %s(%d)\n";
-constexpr char READ_FAILED[] = "Cannot read from position %d in stack - error code %d\nReturning %s(%d)\n";
-
-} /* namespace */
+static constexpr char SEEK_FAILED[] =
+    "Cannot lseek to position %d in stack - error code %d\nReturning %s(%d)\n";
+static constexpr char READ_FAILED[] =
+    "Cannot read from position %d in stack - error code %d\nReturning %s(%d)\n";
 
 int zk_open_stack_path(int debug_active, const char* debug_file, const char* routine, const char* name,
                        std::array<char, ZELK_PATH_SIZE>& path, int* fildes) {

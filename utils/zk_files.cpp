@@ -1,0 +1,194 @@
+/* zk_files.cpp - files whose space is reserved when they are made, within what the file system can spare. */
+#include <fcntl.h>
+#include <libgen.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "qx_zelk.h"
+#include "zk_trace.h"
+#include "zk_trace_file.h"
+
+off_t fclear(int fildes, off_t offset) {
+  if (fildes < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  off_t position = lseek(fildes, 0, SEEK_CUR);
+  if (position < 0) {
+    if (errno == ESPIPE) errno = EINVAL;
+    return -1;
+  }
+  off_t end = 0;
+  if (__builtin_add_overflow(position, offset, &end) || end < 0) {
+    errno = EFBIG;
+    return -1;
+  }
+
+  static constexpr std::array<char, 1024> ZEROS = {};
+  for (off_t left = offset; left > 0;) {
+    ssize_t written = write(fildes, ZEROS.data(), std::min(static_cast<size_t>(left), ZEROS.size()));
+    if (written < 0 && errno == EINTR) continue;
+    if (written == 0) errno = ENOSPC; /* no progress and no error: it would never end */
+    if (written <= 0) return -1;
+    left -= written;
+  }
+  return offset;
+}
+
+/* Part of a file system's blocks that a reservation leaves available. */
+static constexpr double KEPT_AVAILABLE = 0.05;
+
+struct space_figures {
+  uint64_t block_size; /* bytes */
+  uint64_t used;       /* blocks */
+  uint64_t limit;      /* most blocks that may be in use */
+};
+
+/* Asks for the space of the file system of `path`. Returns -1 with errno set on failure, also for figures
+ * that no size can be reckoned with. */
+static int query_space(const char* path, space_figures* space) {
+  struct statvfs figures = {};
+  if (statvfs(path, &figures) != 0) return -1;
+  if (figures.f_bsize == 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  uint64_t blocks = figures.f_blocks;
+  uint64_t floor = static_cast<uint64_t>(static_cast<double>(blocks) * KEPT_AVAILABLE);
+  *space = {.block_size = figures.f_bsize, .used = blocks - figures.f_bavail, .limit = blocks - floor};
+  return 0;
+}
+
+/* The largest size that fits among `requested`, that less 2 blocks, less 4 blocks and so on; -1 for none. A
+ * size needs its whole blocks and one more, and fits when the blocks in use then stay below the limit. The
+ * number of steps is reckoned, not tried out: a request may be far larger than the file system. */
+static off_t largest_fit(const space_figures& space, off_t requested) {
+  if (requested < 0) return -1;
+  const uint64_t whole = static_cast<uint64_t>(requested) / space.block_size;
+  const uint64_t room = space.limit - space.used;
+  if (whole + 1 < room) return requested;
+  const uint64_t steps = (whole + 2 - room + 1) / 2;
+  if (2 * steps > whole) return -1;
+  return requested - static_cast<off_t>(2 * steps * space.block_size);
+}
+
+int zk_determine_max_fsize(int debug_active, const char* debug_file, const char* filename,
+                           off_t requested_size, off_t min_size, off_t* file_size) {
+  static constexpr zk_errno_result STATVFS_RESULTS[] = {
+      {ENOENT, ZELK_DIR_MISSING}, {EACCES, ZELK_DIR_NO_ACCESS}, {ESTALE, ZELK_STALE}};
+  if (filename == nullptr) return ZELK_INV_PARAM3;
+  if (file_size == nullptr) return ZELK_INV_PARAM4;
+
+  std::array<char, ZELK_PATH_SIZE> path = {};
+  if (std::strlen(filename) >= path.size()) return ZELK_FAILURE;
+  std::strcpy(path.data(), filename);
+  const char* directory = dirname(path.data());
+  space_figures space = {};
+  if (query_space(directory, &space) != 0) {
+    ZK_TRACE("statvfs(%s) failed, error code %d\n", directory, errno);
+    return zk_result_of_errno(errno, STATVFS_RESULTS);
+  }
+  if (space.used > space.limit)
+    ZK_RETURN(ZELK_NO_SPACE, "5%% space in %s not available, returning %s(%d)\n", directory);
+
+  off_t size = largest_fit(space, requested_size);
+  if (size < 0 || (size != requested_size && size <= min_size))
+    ZK_RETURN(ZELK_NO_SPACE, "Cannot reserve %lld bytes, returning %s(%d)\n",
+              static_cast<long long>(min_size));
+  *file_size = size;
+  ZK_TRACE("Requested %lld bytes, able to get %lld bytes\n", static_cast<long long>(requested_size),
+           static_cast<long long>(size));
+  return ZELK_SUCCESS;
+}
+
+/* Takes the new file under a lock, fills it and asks for the space that this leaves. */
+static int fill_file(int debug_active, const char* debug_file, const char* filename, int fildes, off_t size,
+                     mode_t permissions, space_figures* space) {
+  static constexpr char ROUTINE[] = "zk_allocate_file";
+  if (lockf(fildes, F_LOCK, 0) != 0) {
+    ZK_TRACE_AS(ROUTINE, "Cannot lock file %s - error %d\n", filename, errno);
+    return ZELK_LOCK;
+  }
+  if (fchmod(fildes, permissions) != 0) {
+    ZK_TRACE_AS(ROUTINE, "Cannot force permissions on file %s - error %d\n", filename, errno);
+    return ZELK_READ_ONLY;
+  }
+  if (fclear(fildes, size) != size) {
+    ZK_TRACE_AS(ROUTINE, "Not enough space for fclear(%s,%lld) - error %d\n", filename,
+                static_cast<long long>(size), errno);
+    return ZELK_NO_SPACE;
+  }
+
+  zk_control_line_t line;
+  zk_format_control_line(&line, ZK_TRACE_CONTROL_SIZE, 0, size);
+  lseek(fildes, 0, SEEK_SET);
+  /* The space is there; a file without its line counts as corrupt with whoever traces into it. */
+  [[maybe_unused]] ssize_t written = write(fildes, line.data(), ZK_TRACE_CONTROL_SIZE);
+
+  if (query_space(filename, space) != 0) {
+    ZK_TRACE_AS(ROUTINE, "statvfs(%s) failed - error %d\n", filename, errno);
+    return ZELK_FAILURE;
+  }
+  return ZELK_SUCCESS;
+}
+
+static void release_file(int fildes) {
+  lockf(fildes, F_ULOCK, 0); /* what this leaves locked, close releases */
+  close(fildes);
+}
+
+int zk_allocate_file(int debug_active, const char* debug_file, const char* filename, off_t requested_size,
+                     off_t min_size, off_t* actual_size) {
+  static constexpr zk_errno_result OPEN_RESULTS[] = {
+      {EEXIST, ZELK_SUCCESS},  {ENOSPC, ZELK_NO_SPACE}, {EACCES, ZELK_READ_ONLY}, {EROFS, ZELK_READ_ONLY},
+      {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}, {EFBIG, ZELK_TOO_MANY},   {EDQUOT, ZELK_TOO_MANY}};
+  static constexpr int FLAGS = O_RDWR | O_CREAT | O_EXCL | O_TRUNC;
+  static constexpr mode_t PERMISSIONS = 0666;
+  static constexpr unsigned int TRACED_PERMISSIONS =
+      0x9f6; /* what readers of traces know, whatever is used */
+  if (filename == nullptr) return ZELK_INV_PARAM3;
+
+  for (;;) {
+    off_t size = 0;
+    int result = zk_determine_max_fsize(debug_active, debug_file, filename, requested_size, min_size, &size);
+    if (result != ZELK_SUCCESS) return result;
+
+    int fildes = open(filename, FLAGS | O_CLOEXEC, PERMISSIONS);
+    if (fildes < 0) {
+      ZK_TRACE("Can't open %s mode 0x%x perm 0x%x- error %d\n", filename, static_cast<unsigned int>(FLAGS),
+               TRACED_PERMISSIONS, errno);
+      if (errno == EINTR) continue;
+      return zk_result_of_errno(errno, OPEN_RESULTS);
+    }
+
+    space_figures space = {};
+    result = fill_file(debug_active, debug_file, filename, fildes, size, PERMISSIONS, &space);
+    if (result == ZELK_SUCCESS && space.used <= space.limit) {
+      release_file(fildes);
+      if (actual_size != nullptr) *actual_size = size;
+      ZK_RETURN(result, "%s reserved (%lld bytes) - returning %s(%d)\n", filename,
+                static_cast<long long>(size));
+    }
+
+    if (result == ZELK_SUCCESS) ZK_TRACE("%s", "Didn't leave 5% space - trying again\n");
+    release_file(fildes);
+    unlink(filename);
+    if (result != ZELK_SUCCESS) return result;
+    if (space.block_size > static_cast<uint64_t>(size) / 2) {
+      requested_size = 0;
+    } else {
+      requested_size = size - static_cast<off_t>(2 * space.block_size);
+    }
+    if (requested_size <= ZK_TRACE_FILE_SIZE_MIN) {
+      ZK_TRACE("Minimum space not available\n");
+      return ZELK_NO_SPACE;
+    }
+  }
+}

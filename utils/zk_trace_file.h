@@ -1,0 +1,34 @@
+/* zk_trace_file.h - the layout of the debug trace file, shared by the routine that makes it and those that
+ * write it. qx_zelk.h shows it as a whole. */
+#ifndef ZK_TRACE_FILE_H
+#define ZK_TRACE_FILE_H
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstdio>
+
+enum {
+  ZK_TRACE_FILE_SIZE = 16384,
+  ZK_TRACE_FILE_SIZE_MIN = 8192,
+  ZK_TRACE_CONTROL_SIZE = 36, /* control line; the entries start behind it */
+  ZK_TRACE_NUMBER_WIDTH = 5   /* characters of a number in the control line */
+};
+
+/* Keys of the control line. */
+inline constexpr char ZK_TRACE_OFFSET_KEY[] = "ZKTFO=";
+inline constexpr char ZK_TRACE_WRAPS_KEY[] = "ZKTFW=";
+inline constexpr char ZK_TRACE_SIZE_KEY[] = "ZKTFS=";
+
+/* The control line as text: numbers that outgrow their width make it longer than it is in the file. */
+typedef std::array<char, 2 * ZK_TRACE_CONTROL_SIZE> zk_control_line_t;
+
+/* Prints the control line and returns its length. */
+inline int zk_format_control_line(zk_control_line_t* line, off_t next_write, int wraps, off_t file_size) {
+  line->fill('\0');
+  return std::snprintf(line->data(), line->size(), "%s%-5lld %s%-5d %s%-5lld\n", ZK_TRACE_OFFSET_KEY,
+                       static_cast<long long>(next_write), ZK_TRACE_WRAPS_KEY, wraps, ZK_TRACE_SIZE_KEY,
+                       static_cast<long long>(file_size));
+}
+
+#endif
