@@ -12,25 +12,23 @@
 #include <span>
 
 #include "qx_zelk.h"
+#include "zk_eid_layout.h"
 #include "zk_trace.h"
 
 /* The parts of an Error ID in their order, each with a terminator. */
 struct eid_parts {
   std::array<char, 2> header;
-  std::array<char, 7> entry;
-  std::array<char, 11> time;
+  std::array<char, ENTRY_WIDTH + 1> entry;
+  std::array<char, TIME_WIDTH + 1> time;
   std::array<char, ZELK_ADDR_CODE_SIZE> address;
   char address_type;
 };
 static_assert(sizeof(eid_parts) - 4 == ZELK_EID_LENGTH,
               "the parts, without their terminators, are the Error ID");
 
-constexpr char IPV4_TYPE = '.';
 constexpr size_t IPV4_SIZE = 4;
-constexpr size_t ADDR_WORDS = 4;
 constexpr size_t ADDR_SIZE = ADDR_WORDS * sizeof(uint32_t);
 
-constexpr int FACILITY_MAX = LOG_LOCAL7; /* facilities are in their shifted form, as syslog has them */
 constexpr const char* ADDR_VARIABLE = "ZELKADDR";
 
 /* ---- Decoding ------------------------------------------------------------------------------------------ */

@@ -11,13 +11,8 @@
 #include <cstring>
 
 #include "qx_zelk.h"
+#include "zk_eid_layout.h"
 #include "zk_trace.h"
-
-/* Widths in characters. */
-constexpr size_t ENTRY_WIDTH = 6;
-constexpr size_t SECONDS_WIDTH = 6;
-constexpr size_t MICROSECONDS_WIDTH = 4;
-constexpr size_t TIME_WIDTH = SECONDS_WIDTH + MICROSECONDS_WIDTH;
 
 constexpr size_t ENTRY_POS = 1; /* of the entry in an Error ID */
 
@@ -30,11 +25,6 @@ constexpr unsigned int LOCATION_BITS = 7;
 
 constexpr uint64_t INODE_MASK = 0xFFFFFFFFF; /* the 36 bits that an entry can carry */
 constexpr uint64_t MICROSECONDS_MAX = 999999;
-constexpr int FACILITY_MAX = LOG_LOCAL7; /* facilities are in their shifted form, as syslog has them */
-constexpr int PRIORITY_MAX = LOG_DEBUG;
-
-constexpr char ZERO_DIGIT = '.';
-constexpr int DIGITS_SIZE = 8; /* room for the digits of any number */
 
 /* Writes the digits of `value`, padded to `width` characters, without a terminator. */
 static int put_number(uint64_t value, char* field, size_t width) {

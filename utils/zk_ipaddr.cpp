@@ -13,22 +13,16 @@
 #include <cstring>
 
 #include "qx_zelk.h"
+#include "zk_eid_layout.h"
 #include "zk_trace.h"
 
 /* The interfaces that a query can yield: the list of a caller has a slot for each, and an empty one. */
 constexpr size_t INTERFACES_MAX = ZELK_ADDR_LIST_SLOTS - 1;
 
-/* An encoded address: a group of digits for each 32-bit word in network order; IPv4 has one word, the rest is
- * 0. */
-constexpr size_t ADDR_WORDS = 4;
+/* An encoded address: a group of digits for each 32-bit word in network order. */
 constexpr size_t GROUP_WIDTH = 6;
 constexpr size_t CODE_LENGTH = ZELK_ADDR_CODE_SIZE - 1;
 static_assert(ADDR_WORDS * GROUP_WIDTH == CODE_LENGTH);
-
-constexpr char IPV4_TYPE = '.';
-constexpr char IPV6_TYPE = '/';
-constexpr char ZERO_DIGIT = '.';
-constexpr int DIGITS_SIZE = 8; /* room for the digits of any word */
 
 using addr_text = std::array<char, ZELK_ADDR_SLOT_SIZE>;
 using addr_words = std::array<uint32_t, ADDR_WORDS>; /* in network byte order */
