@@ -27,24 +27,21 @@ struct opened_record {
 static int open_record(int debug_active, const char* debug_file, const char* routine, void* record,
                        opened_record* opened) {
   if (record == nullptr) {
-    ZK_TRACE_RC_AS(routine, ZELK_INV_PARAM4,
-                   "Called with null ZELK Stack Record pointer\nreturning %s(%d) to the caller");
-    return ZELK_INV_PARAM4;
+    ZK_RETURN_AS(routine, ZELK_INV_PARAM4,
+                 "Called with null ZELK Stack Record pointer\nreturning %s(%d) to the caller");
   }
   int32_t length = zk_record_length(record);
   if (length <= 0) {
-    ZK_TRACE_RC_AS(routine, ZELK_INV_RECLEN,
-                   "Length of record (%d) appears invalid\nReturning %s(%d) to caller", length);
-    return ZELK_INV_RECLEN;
+    ZK_RETURN_AS(routine, ZELK_INV_RECLEN,
+                 "Length of record (%d) appears invalid\nReturning %s(%d) to caller", length);
   }
   opened->cursor = static_cast<char*>(record) + ZK_REC_LENGTH_SIZE;
   opened->remaining = static_cast<size_t>(length);
   int32_t version = zk_take_int(&opened->cursor, &opened->remaining);
   if (!zk_is_known_version(version)) {
-    ZK_TRACE_RC_AS(routine, ZELK_INV_RECVERSN,
-                   "Record version (0x%x) appears invalid\nReturning %s(%d) to caller",
-                   static_cast<unsigned int>(version));
-    return ZELK_INV_RECVERSN;
+    ZK_RETURN_AS(routine, ZELK_INV_RECVERSN,
+                 "Record version (0x%x) appears invalid\nReturning %s(%d) to caller",
+                 static_cast<unsigned int>(version));
   }
   zk_take_eid(&opened->cursor, &opened->remaining, opened->eid);
   return ZELK_SUCCESS;

@@ -47,8 +47,7 @@ static int make_group_element(int debug_active, const char* debug_file, const ch
       "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)";
   zk_stack_rec_t* element = new_element();
   if (element == nullptr) {
-    ZK_TRACE_RC_AS(routine, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(sizeof *element), errno);
-    return ZELK_NO_MEMORY;
+    ZK_RETURN_AS(routine, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(sizeof *element), errno);
   }
   element->record = copy_record(record);
   if (element->record == nullptr) {
@@ -59,6 +58,81 @@ static int make_group_element(int debug_active, const char* debug_file, const ch
   zk_record_eid(record, ZK_REC_EID_POS, element->fid);
   *made = element;
   return ZELK_SUCCESS;
+}
+
+/* Where the last records of a walk were appended, so that the next ones need not look for the ends from the
+ * start. */
+struct list_tails {
+  const zk_proc_list_t* process;
+  zk_stack_rec_t* record; /* the last one of that process */
+  zk_stack_rec_t* group;
+};
+
+/* Appends a copy of the record to its process, for zk_add_rec_to_proc. */
+static int add_to_process(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head,
+                          list_tails* tails) {
+  static constexpr char ROUTINE[] = "zk_add_rec_to_proc";
+  if (record == nullptr)
+    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (head == nullptr) ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
+  if (head->process_id == 0)
+    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4, "head parameter not properly initialized - returning %s(%d)");
+  int32_t length = zk_record_length(record);
+  if (!is_listed_length(length))
+    ZK_RETURN_AS(ROUTINE, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)",
+                 length);
+
+  zk_stack_rec_t* element = new_element();
+  if (element == nullptr)
+    ZK_RETURN_AS(ROUTINE, ZELK_NO_MEMORY,
+                 "Unable to allocate memory for record element - errno %d\nSize requested %d bytes\n"
+                 "Returning %s(%d)",
+                 errno, static_cast<int>(sizeof *element));
+  element->record = copy_record(record);
+  if (element->record == nullptr) {
+    ZK_TRACE_RC_AS(ROUTINE, ZELK_NO_MEMORY,
+                   "Unable to allocate memory for record info - errno %d\nSize requested %d bytes\n"
+                   "Returning %s(%d)",
+                   errno, static_cast<int>(record_size(record)));
+    free(element);
+    return ZELK_NO_MEMORY;
+  }
+
+  zk_stack_rec_t** link = tails->process == head ? &tails->record->next : &head->records;
+  while (*link != nullptr) link = &(*link)->next;
+  *link = element;
+  tails->process = head;
+  tails->record = element;
+  ZK_RETURN_AS(ROUTINE, ZELK_SUCCESS, "Record added to list for process %d - returning %s(%d)",
+               head->process_id);
+}
+
+/* Appends a copy of the record as a group of its own, for zk_add_unrelated_rec. */
+static int add_group(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table,
+                     list_tails* tails) {
+  static constexpr char ROUTINE[] = "zk_add_unrelated_rec";
+  zk_stack_rec_t* element = nullptr;
+  if (record == nullptr)
+    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (table == nullptr)
+    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4, "table parameter is invalid - returning %s(%d)");
+  int32_t length = zk_record_length(record);
+  if (!is_listed_length(length))
+    ZK_RETURN_AS(ROUTINE, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)",
+                 length);
+  int result = make_group_element(debug_active, debug_file, ROUTINE, record, &element);
+  if (result != ZELK_SUCCESS) return result;
+
+  zk_stack_rec_t* last = tails->group != nullptr ? tails->group : *table;
+  tails->group = element;
+  if (last == nullptr) {
+    *table = element;
+    ZK_RETURN_AS(ROUTINE, ZELK_SUCCESS, "Added ZELK ID %s as first in table\nReturning %s(%d)", element->fid);
+  }
+  while (last->next != nullptr) last = last->next;
+  last->next = element;
+  ZK_RETURN_AS(ROUTINE, ZELK_SUCCESS, "Added ZELK ID %s to list\nafter %.42s\nReturning %s(%d)", element->fid,
+               last->fid);
 }
 
 /* What a list routine's result means for the walk. */
@@ -74,21 +148,23 @@ static int walk_result(int result) {
   }
 }
 
-static int place_by_process(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
+static int place_by_process(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head,
+                            list_tails* tails) {
   zk_proc_list_t* process = nullptr;
   int result = zk_find_proc_in_list(debug_active, debug_file, record, head, &process);
-  if (result == ZELK_SUCCESS) result = zk_add_rec_to_proc(debug_active, debug_file, record, process);
+  if (result == ZELK_SUCCESS) result = add_to_process(debug_active, debug_file, record, process, tails);
   return walk_result(result);
 }
 
-static int place_by_relation(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
+static int place_by_relation(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table,
+                             list_tails* tails) {
   zk_stack_rec_t* related = nullptr;
   zk_stack_rec_t* groups = table != nullptr ? *table : nullptr;
   int result = zk_find_related_rec(debug_active, debug_file, record, groups, &related);
   if (result == ZELK_SUCCESS)
     result = zk_add_related_rec(debug_active, debug_file, record, related);
   else if (result == ZELK_FAILURE)
-    result = zk_add_unrelated_rec(debug_active, debug_file, record, table);
+    result = add_group(debug_active, debug_file, record, table, tails);
   return walk_result(result);
 }
 
@@ -126,10 +202,11 @@ int zk_read_stack(int debug_active, const char* debug_file, int order, int filde
   if (result == ZELK_LOCK) return result;
   if (result == ZELK_INV_PARAM4) result = ZELK_FAILURE;
 
+  list_tails tails = {};
   while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
     void* record = walk.record.data();
-    result = order == 0 ? place_by_process(debug_active, debug_file, record, proc_list)
-                        : place_by_relation(debug_active, debug_file, record, rec_table);
+    result = order == 0 ? place_by_process(debug_active, debug_file, record, proc_list, &tails)
+                        : place_by_relation(debug_active, debug_file, record, rec_table, &tails);
     if (result == ZELK_SUCCESS && zk_walk_at_write_pos(&walk)) break;
   }
   if (result == ZK_WALK_END) result = ZELK_SUCCESS;
@@ -194,35 +271,8 @@ int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record,
 }
 
 int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
-  if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (head == nullptr) ZK_RETURN(ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
-  if (head->process_id == 0)
-    ZK_RETURN(ZELK_INV_PARAM4, "head parameter not properly initialized - returning %s(%d)");
-  int32_t length = zk_record_length(record);
-  if (!is_listed_length(length))
-    ZK_RETURN(ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
-
-  zk_stack_rec_t* element = new_element();
-  if (element == nullptr)
-    ZK_RETURN(ZELK_NO_MEMORY,
-              "Unable to allocate memory for record element - errno %d\nSize requested %d bytes\n"
-              "Returning %s(%d)",
-              errno, static_cast<int>(sizeof *element));
-  element->record = copy_record(record);
-  if (element->record == nullptr) {
-    ZK_TRACE_RC(ZELK_NO_MEMORY,
-                "Unable to allocate memory for record info - errno %d\nSize requested %d bytes\n"
-                "Returning %s(%d)",
-                errno, static_cast<int>(record_size(record)));
-    free(element);
-    return ZELK_NO_MEMORY;
-  }
-
-  zk_stack_rec_t** link = &head->records;
-  while (*link != nullptr) link = &(*link)->next;
-  *link = element;
-  ZK_TRACE_RC(ZELK_SUCCESS, "Record added to list for process %d - returning %s(%d)", head->process_id);
-  return ZELK_SUCCESS;
+  list_tails tails = {};
+  return add_to_process(debug_active, debug_file, record, head, &tails);
 }
 
 int zk_find_related_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t* rec_table,
@@ -266,26 +316,8 @@ int zk_add_related_rec(int debug_active, const char* debug_file, void* record, z
 }
 
 int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
-  zk_stack_rec_t* element = nullptr;
-  if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (table == nullptr) ZK_RETURN(ZELK_INV_PARAM4, "table parameter is invalid - returning %s(%d)");
-  int32_t length = zk_record_length(record);
-  if (!is_listed_length(length))
-    ZK_RETURN(ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
-  int result = make_group_element(debug_active, debug_file, __func__, record, &element);
-  if (result != ZELK_SUCCESS) return result;
-
-  if (*table == nullptr) {
-    *table = element;
-    ZK_TRACE_RC(ZELK_SUCCESS, "Added ZELK ID %s as first in table\nReturning %s(%d)", element->fid);
-    return ZELK_SUCCESS;
-  }
-  zk_stack_rec_t* last = *table;
-  while (last->next != nullptr) last = last->next;
-  last->next = element;
-  ZK_TRACE_RC(ZELK_SUCCESS, "Added ZELK ID %s to list\nafter %.42s\nReturning %s(%d)", element->fid,
-              last->fid);
-  return ZELK_SUCCESS;
+  list_tails tails = {};
+  return add_group(debug_active, debug_file, record, table, &tails);
 }
 
 int zk_display_recs_by_proc(int debug_active, const char* debug_file, zk_proc_list_t* proc_list, int all,

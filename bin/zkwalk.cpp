@@ -166,9 +166,7 @@ int zk_walk_begin(zk_walk* walk) {
   /* Locks reach from the position they are taken at. A file that cannot be positioned fails in the header. */
   lseek(walk->fildes, 0, SEEK_SET);
   if (lockf(walk->fildes, F_LOCK, 0) == -1) {
-    ZK_TRACE_RC_AS(walk->routine, ZELK_LOCK, "Failure to lock stack - error code %d\nReturning %s(%d)",
-                   errno);
-    return ZELK_LOCK;
+    ZK_RETURN_AS(walk->routine, ZELK_LOCK, "Failure to lock stack - error code %d\nReturning %s(%d)", errno);
   }
   int result = zk_read_header(debug_active, debug_file, walk->fildes, &walk->stack_version, &walk->header);
   walk->may_wrap = walk->header.has_wrapped == 1;
@@ -191,8 +189,7 @@ int zk_walk_next(zk_walk* walk) {
     walk->may_wrap = false;
     walk->position = lseek(walk->fildes, walk->header.records_start, SEEK_SET);
     if (walk->position == -1) {
-      ZK_TRACE_RC_AS(walk->routine, ZELK_FILE_CORRUPT, SEEK_FAILED, walk->header.records_start, errno);
-      return ZELK_FILE_CORRUPT;
+      ZK_RETURN_AS(walk->routine, ZELK_FILE_CORRUPT, SEEK_FAILED, walk->header.records_start, errno);
     }
   }
 

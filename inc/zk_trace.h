@@ -23,12 +23,13 @@
   ZK_TRACE_AS(routine, format __VA_OPT__(, ) __VA_ARGS__, zk_result_name(rc), (rc))
 #define ZK_TRACE_RC(rc, format, ...) ZK_TRACE_RC_AS(__func__, rc, format __VA_OPT__(, ) __VA_ARGS__)
 
-/* Traces as ZK_TRACE_RC and returns `rc`. */
-#define ZK_RETURN(rc, ...)          \
-  do {                              \
-    ZK_TRACE_RC((rc), __VA_ARGS__); \
-    return (rc);                    \
+/* The same, and returns `rc`. */
+#define ZK_RETURN_AS(routine, rc, ...)          \
+  do {                                          \
+    ZK_TRACE_RC_AS(routine, (rc), __VA_ARGS__); \
+    return (rc);                                \
   } while (0)
+#define ZK_RETURN(rc, ...) ZK_RETURN_AS(__func__, rc, __VA_ARGS__)
 
 /* Name of a result code as it stands in a trace; "" for a number that is none. */
 const char* zk_result_name(int result);

@@ -180,14 +180,12 @@ int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char*
                            char* dump_output_file) {
   static constexpr char ROUTINE[] = "zk_copy_dump_file"; /* the name in traces */
   if (dump_input_file == nullptr || *dump_input_file == '\0') {
-    ZK_TRACE_RC_AS(ROUTINE, ZELK_INV_PARAM3,
-                   "Called with invalid dump file input name\nReturning %s(%d) to the caller\n");
-    return ZELK_INV_PARAM3;
+    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3,
+                 "Called with invalid dump file input name\nReturning %s(%d) to the caller\n");
   }
   if (dump_output_file == nullptr) {
-    ZK_TRACE_RC_AS(ROUTINE, ZELK_INV_PARAM4,
-                   "Called with invalid pointer for dump output file name\nReturingin %s(%d) to caller\n");
-    return ZELK_INV_PARAM4;
+    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4,
+                 "Called with invalid pointer for dump output file name\nReturingin %s(%d) to caller\n");
   }
 
   int result = zk_test_for_file(debug_active, debug_file, dump_input_file);

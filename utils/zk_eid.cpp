@@ -49,20 +49,17 @@ struct eid_origin {
 static int check_arguments(int debug_active, const char* debug_file, const char* routine, const char* zelkid,
                            std::span<const eid_output> outputs) {
   if (zelkid == nullptr || zelkid[0] == '\0') {
-    ZK_TRACE_RC_AS(routine, ZELK_INV_PARAM2,
-                   "Detected invalid ZELK Error ID\nReturning %s(%d) to the caller\n");
-    return ZELK_INV_PARAM2;
+    ZK_RETURN_AS(routine, ZELK_INV_PARAM2,
+                 "Detected invalid ZELK Error ID\nReturning %s(%d) to the caller\n");
   }
   if (strnlen(zelkid, ZELK_EID_SIZE) != ZELK_EID_LENGTH) {
-    ZK_TRACE_RC_AS(routine, ZELK_INV_PARAM2,
-                   "ZELK Error ID \"%s\"is not correct size\nReturning %s(%d) to the caller\n", zelkid);
-    return ZELK_INV_PARAM2;
+    ZK_RETURN_AS(routine, ZELK_INV_PARAM2,
+                 "ZELK Error ID \"%s\"is not correct size\nReturning %s(%d) to the caller\n", zelkid);
   }
   for (const eid_output& output : outputs) {
     if (output.pointer != nullptr) continue;
-    ZK_TRACE_RC_AS(routine, output.result,
-                   "Detected invalid pointer for %s\nReturning %s(%d) to the caller\n", output.name);
-    return output.result;
+    ZK_RETURN_AS(routine, output.result, "Detected invalid pointer for %s\nReturning %s(%d) to the caller\n",
+                 output.name);
   }
   return ZELK_SUCCESS;
 }
@@ -123,11 +120,10 @@ static int decode_entry(int debug_active, const char* debug_file, const char* ro
     case ZELK_LOCATION_TEMPLATE:
       return zk_conv_base_64_templ(debug_active, debug_file, entry, err_templ_label);
     default:
-      ZK_TRACE_RC_AS(routine, ZELK_FAILURE,
-                     "Unknown location type 0x%x returned from zk_conv_base_64_hdr\n"
-                     "Returning %s(%d) to caller\n",
-                     static_cast<unsigned int>(location));
-      return ZELK_FAILURE;
+      ZK_RETURN_AS(routine, ZELK_FAILURE,
+                   "Unknown location type 0x%x returned from zk_conv_base_64_hdr\n"
+                   "Returning %s(%d) to caller\n",
+                   static_cast<unsigned int>(location));
   }
 }
 
@@ -248,16 +244,14 @@ static int take_origin(int debug_active, const char* debug_file, const char* rou
     return ZELK_FAILURE;
   *address = getenv(ADDR_VARIABLE);
   if (*address == nullptr || **address == '\0') {
-    ZK_TRACE_RC_AS(routine, ZELK_FAILURE,
-                   "Cannot find %s data in environment\nReturning %s(%d) to the caller", ADDR_VARIABLE);
-    return ZELK_FAILURE;
+    ZK_RETURN_AS(routine, ZELK_FAILURE, "Cannot find %s data in environment\nReturning %s(%d) to the caller",
+                 ADDR_VARIABLE);
   }
   if (strnlen(*address, ZELK_ADDR_CODE_SIZE + 1) != ZELK_ADDR_CODE_SIZE) { /* the code and its type */
-    ZK_TRACE_RC_AS(routine, ZELK_FAILURE,
-                   "Value stored in environment for %s does not appear to be valie: %s\n"
-                   "Returning %s(%d) to the caller",
-                   ADDR_VARIABLE, *address);
-    return ZELK_FAILURE;
+    ZK_RETURN_AS(routine, ZELK_FAILURE,
+                 "Value stored in environment for %s does not appear to be valie: %s\n"
+                 "Returning %s(%d) to the caller",
+                 ADDR_VARIABLE, *address);
   }
   return ZELK_SUCCESS;
 }
@@ -276,11 +270,10 @@ static int make_stack_entry(int debug_active, const char* debug_file, const char
     return ZELK_FAILURE;
   const int result = zk_get_base_64_inode(debug_active, debug_file, stack_file, parts->entry.data());
   if (result == ZELK_INV_PARAM3) {
-    ZK_TRACE_RC_AS(routine, ZELK_INV_PARAM3,
-                   "ZELK Error Stack File %s does not exist - caller must be repaired\n"
-                   "Returning %s(%d) to the caller\n",
-                   stack_file);
-    return ZELK_INV_PARAM3;
+    ZK_RETURN_AS(routine, ZELK_INV_PARAM3,
+                 "ZELK Error Stack File %s does not exist - caller must be repaired\n"
+                 "Returning %s(%d) to the caller\n",
+                 stack_file);
   }
   return result == ZELK_SUCCESS ? ZELK_SUCCESS : ZELK_FAILURE;
 }
