@@ -76,7 +76,7 @@ inline zk_conversion zk_parse_conversion(const char* start) {
     conversion.argument = number;
     at = behind + 1;
   }
-  for (char* flag = conversion.flags.data(); *at != '\0' && FLAGS.find(*at) != FLAGS.npos; ++at)
+  for (char* flag = conversion.flags.data(); FLAGS.find(*at) != FLAGS.npos; ++at)
     if (std::memchr(conversion.flags.data(), *at, FLAGS.size()) == nullptr) *flag++ = *at;
   bool starred = zk_take_star(&at);
   if (!starred) conversion.width = zk_take_number(&at);
@@ -99,7 +99,7 @@ inline zk_conversion zk_parse_conversion(const char* start) {
   conversion.text = {start, static_cast<size_t>(at - start)};
   if (conversion.text == "%%")
     conversion.kind = ZK_CONVERSION_PERCENT;
-  else if (conversion.letter != '\0' && LETTERS.find(conversion.letter) != LETTERS.npos && !starred)
+  else if (LETTERS.find(conversion.letter) != LETTERS.npos && !starred)
     conversion.kind = ZK_CONVERSION_ARGUMENT;
   else
     conversion.kind = ZK_CONVERSION_VERBATIM;

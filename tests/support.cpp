@@ -1,12 +1,14 @@
 #include "support.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -27,8 +29,12 @@ std::string eid(std::string_view name) {
   return id;
 }
 
-std::string int_arg(int32_t value, int32_t type) { return image(type) + image(value) + std::string(4, '\0'); }
-std::string string_arg(std::string_view value) { return image(int32_t{CU_ERROR_ARG_CHAR_STR}) + text(value); }
+std::string int_arg(int32_t value, int32_t type) {
+  return image(type) + image(value) + std::string(4, '\0');
+}
+std::string string_arg(std::string_view value) {
+  return image(int32_t{CU_ERROR_ARG_CHAR_STR}) + text(value);
+}
 
 std::string incident::body() const {
   return image(version) + eid_field(id) + eid_field(related) + image(time) + text(process) + image(pid) +
@@ -69,10 +75,16 @@ stack& stack::wrap() {
   return *this;
 }
 
-std::string stack::bytes() const { return image(version) + image(header) + area; }
-std::string stack::file() const { return new_file(bytes()); }
+std::string stack::bytes() const {
+  return image(version) + image(header) + area;
+}
+std::string stack::file() const {
+  return new_file(bytes());
+}
 
-std::string message(int number) { return zk_mesgtbl_zkview_cmd[number]; }
+std::string message(int number) {
+  return zk_mesgtbl_zkview_cmd[number];
+}
 const std::string HEADING = message(ZK_MSG_HEADING);
 const std::string SEPARATOR = message(ZK_MSG_SEPARATOR);
 const std::string CORRUPT = message(ZK_MSG_REC_CORRUPT);
@@ -114,7 +126,9 @@ outcome run(const std::vector<std::string>& command, const environment& variable
   return {contents(out), contents(err), WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status)};
 }
 
-std::string program(const std::string& name) { return std::string(PROGRAM_FOLDER "/") + name; }
+std::string program(const std::string& name) {
+  return std::string(PROGRAM_FOLDER "/") + name;
+}
 
 outcome zkview(std::vector<std::string> arguments, const environment& variables) {
   arguments.insert(arguments.begin(), program("zkview"));
@@ -186,10 +200,40 @@ std::vector<std::string> trace_entries(const std::string& path) {
   return older;
 }
 
+std::string folded(std::string message) {
+  std::string lines;
+  for (message = message.substr(0, 254); !message.empty();) {
+    size_t end = std::min({message.find('\n'), message.size(), size_t{72}});
+    lines += '\t' + message.substr(0, end) + '\n';
+    message.erase(0, message[end] == '\n' ? end + 1 : end);
+  }
+  return lines;
+}
+
+void in_child(const std::function<void()>& work) {
+  pid_t child = fork();
+  if (child == 0) {
+    work();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+void as_ordinary_user(const std::function<void()>& work) {
+  in_child([&] {
+    constexpr unsigned int NOBODY = 65534;
+    if (geteuid() == 0) ASSERT_TRUE(setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 && setuid(NOBODY) == 0);
+    work();
+  });
+}
+
 bool has_private_var() {
   static const bool made = [] {
     scratch();
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      return false;
     if (mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") != 0) return false;
     std::error_code error;
     std::filesystem::create_directories(ZELK_STACK_DIR, error);

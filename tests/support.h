@@ -1,11 +1,12 @@
-/* support.h - what the tests share: stacks built in memory, the command run in an environment of its own, and a private
- * /var for what lives under /var/adm. */
+/* support.h - what the tests share: stacks built in memory, the command run in an environment of its own, and
+ * a private /var for what lives under /var/adm. */
 #ifndef SUPPORT_H
 #define SUPPORT_H
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -13,13 +14,16 @@
 
 #include "zk_int.h"
 
-/* ---- Bytes --------------------------------------------------------------------------------------------------- */
+/* ---- Bytes
+ * --------------------------------------------------------------------------------------------------- */
 
 template <typename T>
 std::string image(T value) {
   return std::string(reinterpret_cast<const char*>(&value), sizeof value);
 }
-inline std::string text(std::string_view characters) { return std::string(characters) + '\0'; }
+inline std::string text(std::string_view characters) {
+  return std::string(characters) + '\0';
+}
 /* An Error ID field: `id` padded with zeros to 43 bytes. */
 std::string eid_field(std::string_view id);
 /* A well-formed Error ID for tests that only compare: 42 characters, told apart by `name`. */
@@ -34,7 +38,8 @@ std::string wide_arg(int32_t type, T value) {
 }
 std::string string_arg(std::string_view value);
 
-/* ---- Stacks -------------------------------------------------------------------------------------------------- */
+/* ---- Stacks
+ * -------------------------------------------------------------------------------------------------- */
 
 /* One incident; its body is what follows the length word. Times are seconds since the Epoch. */
 struct incident {
@@ -81,7 +86,8 @@ extern const std::string HEADING, SEPARATOR, CORRUPT;
 /* The brief line of an incident with the defaults of `incident`, in UTC. */
 std::string line(std::string_view description, std::string_view process = "proc");
 
-/* ---- Running things ------------------------------------------------------------------------------------------ */
+/* ---- Running things
+ * ------------------------------------------------------------------------------------------ */
 
 struct outcome {
   std::string out, err;
@@ -107,18 +113,30 @@ std::string printed(Work&& work) {
   return testing::internal::GetCapturedStdout();
 }
 
-/* ---- Files --------------------------------------------------------------------------------------------------- */
+/* ---- Files
+ * --------------------------------------------------------------------------------------------------- */
 
 /* A folder of this test program's own, removed when it ends. */
 const std::string& scratch();
 std::string new_file(const std::string& contents); /* its path, in scratch() */
 std::string contents(const std::string& path);
-/* Entries of a trace file in order of age, oldest first: what follows "\tZELK Routine: ", up to the next entry, without
- * the line about process and thread. */
+/* Entries of a trace file in order of age, oldest first: what follows "\tZELK Routine: ", up to the next
+ * entry, without the line about process and thread. */
 std::vector<std::string> trace_entries(const std::string& path);
 
-/* Gives this process an empty /var of its own with /var/adm/zelk/stacks and dumps, once. False where the machine forbids
- * it. */
+/* The lines that a message becomes in a trace entry, and a whole entry as trace_entries gives it. */
+std::string folded(std::string message);
+inline std::string traced(const std::string& routine, const std::string& message) {
+  return routine + "\n" + folded(message);
+}
+
+/* Runs `work` in a child process, where it may change what it likes; its checks count here. */
+void in_child(const std::function<void()>& work);
+/* The same without the rights of root. */
+void as_ordinary_user(const std::function<void()>& work);
+
+/* Gives this process an empty /var of its own with /var/adm/zelk/stacks and dumps, once. False where the
+ * machine forbids it. */
 bool has_private_var();
 #define NEEDS_PRIVATE_VAR() \
   if (!has_private_var()) GTEST_SKIP() << "the machine forbids a mount namespace"

@@ -1,0 +1,226 @@
+/* cu_catalog.cpp - message catalogs as gencat writes them. A record can name any file, so no word of one is
+ * trusted, and the file is read rather than mapped: one that is cut short meanwhile must not end the process.
+ *
+ *   offset  bytes
+ *        0      4  magic number
+ *        4      4  plane size   entries of a plane
+ *        8      4  plane depth  planes
+ *       12         planes of entries, least significant byte first
+ *                  the same planes, most significant byte first
+ *                  texts, each ended by a NUL
+ *
+ *   entry   bytes
+ *        0      4  set number + 1; 0 in an empty entry
+ *        4      4  message number
+ *        8      4  offset of the text, counted from the first text
+ *
+ * The words of the header are in the byte order of the host that wrote the file. */
+#include "cu_catalog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+
+enum {
+  HEADER_SIZE = 12,
+  ENTRY_SIZE = 12,
+  PLANES_MAX = 1024, /* gencat keeps planes few: 89 when every second message is made to collide */
+  TEXT_MAX = 65536,  /* longest text, terminator included */
+  PATH_SIZE = 4096   /* longest path that can be opened, terminator included */
+};
+
+static constexpr uint32_t CATALOG_MAGIC = 0x960408de;
+
+/* Where the C library looks behind NLSPATH. */
+static constexpr const char* DEFAULT_NLSPATH =
+    "/usr/share/locale/%L/%N:/usr/share/locale/%L/LC_MESSAGES/%N:"
+    "/usr/share/locale/%l/%N:/usr/share/locale/%l/LC_MESSAGES/%N";
+
+struct cu_catalog {
+  int fildes;
+  uint64_t size; /* of the file, in bytes; both tables of planes lie within it */
+  uint32_t plane_size;
+  uint32_t plane_depth;
+};
+
+struct cu_path {
+  std::array<char, PATH_SIZE> text;
+  size_t length;
+};
+
+/* ---- Reading a catalog ------------------------------------------------------------------------------- */
+
+static uint32_t little_word(const unsigned char* bytes) {
+  return bytes[0] | static_cast<uint32_t>(bytes[1]) << 8 | static_cast<uint32_t>(bytes[2]) << 16 |
+         static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+static uint32_t big_word(const unsigned char* bytes) {
+  return bytes[3] | static_cast<uint32_t>(bytes[2]) << 8 | static_cast<uint32_t>(bytes[1]) << 16 |
+         static_cast<uint32_t>(bytes[0]) << 24;
+}
+
+/* Reads exactly `size` bytes. `offset` lies within the file's size, so it fits an off_t. */
+static bool read_at(int fildes, uint64_t offset, void* bytes, size_t size) {
+  char* at = static_cast<char*>(bytes);
+  while (size > 0) {
+    ssize_t got = pread(fildes, at, size, static_cast<off_t>(offset));
+    if (got == -1 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    at += got;
+    offset += static_cast<uint64_t>(got);
+    size -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+/* Takes the header and checks that the planes it tells of are in the file, which is not shorter than it. */
+static bool read_header(cu_catalog* catalog) {
+  unsigned char header[HEADER_SIZE];
+  if (!read_at(catalog->fildes, 0, header, HEADER_SIZE)) return false;
+  auto word = little_word(header) == CATALOG_MAGIC ? little_word : big_word;
+  if (word(header) != CATALOG_MAGIC) return false;
+  catalog->plane_size = word(header + 4);
+  catalog->plane_depth = word(header + 8);
+  uint64_t entries = (catalog->size - HEADER_SIZE) / (2 * ENTRY_SIZE);
+  return catalog->plane_size > 0 && catalog->plane_depth <= entries / catalog->plane_size;
+}
+
+/* The kernel's own files, which can do anything when they are read, mostly tell no size. */
+static bool can_be_catalog(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_size >= HEADER_SIZE;
+}
+
+/* Opens the catalog `path`. Opening a device or a FIFO can have effects of its own: hence the look before,
+ * and the flags for a file that is replaced meanwhile. */
+static bool open_catalog(const char* path, cu_catalog* catalog) {
+  struct stat status;
+  if (stat(path, &status) != 0 || !can_be_catalog(status)) return false;
+  do catalog->fildes = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  while (catalog->fildes == -1 && errno == EINTR);
+  if (catalog->fildes == -1) return false;
+
+  if (fstat(catalog->fildes, &status) == 0 && can_be_catalog(status)) {
+    catalog->size = static_cast<uint64_t>(status.st_size);
+    if (read_header(catalog)) return true;
+  }
+  close(catalog->fildes);
+  return false;
+}
+
+static char* read_text(const cu_catalog& catalog, uint64_t offset) {
+  if (offset >= catalog.size) return nullptr;
+  size_t size = static_cast<size_t>(std::min<uint64_t>(catalog.size - offset, TEXT_MAX));
+  char* text = static_cast<char*>(malloc(size));
+  if (text == nullptr) return nullptr;
+  if (read_at(catalog.fildes, offset, text, size) && memchr(text, '\0', size) != nullptr) return text;
+  free(text);
+  return nullptr;
+}
+
+/* Looks a message up. It stands in the same slot of one of the planes. The slot is what gencat computes on a
+ * host of this kind: the product of two 32-bit integers, widened with its sign. */
+static char* find_text(const cu_catalog& catalog, uint32_t set, uint32_t number) {
+  size_t product = static_cast<size_t>(static_cast<int32_t>((set + 1) * number));
+  uint64_t slot = product % catalog.plane_size;
+  uint64_t texts = HEADER_SIZE + uint64_t{2 * ENTRY_SIZE} * catalog.plane_size * catalog.plane_depth;
+  uint32_t planes = std::min<uint32_t>(catalog.plane_depth, PLANES_MAX);
+
+  for (uint32_t plane = 0; plane < planes; ++plane, slot += catalog.plane_size) {
+    unsigned char entry[ENTRY_SIZE];
+    if (!read_at(catalog.fildes, HEADER_SIZE + slot * ENTRY_SIZE, entry, ENTRY_SIZE)) return nullptr;
+    if (little_word(entry) == set + 1 && little_word(entry + 4) == number)
+      return read_text(catalog, texts + little_word(entry + 8));
+  }
+  return nullptr;
+}
+
+/* ---- Finding a catalog ------------------------------------------------------------------------------- */
+
+static bool append(cu_path* path, const char* text, size_t length) {
+  if (length >= PATH_SIZE - path->length) return false;
+  memcpy(path->text.data() + path->length, text, length);
+  path->length += length;
+  path->text.data()[path->length] = '\0';
+  return true;
+}
+
+/* Appends what "%" and `letter` stand for in NLSPATH. A locale is language[_territory][.codeset]. */
+static bool append_field(cu_path* path, char letter, const char* name, const char* locale) {
+  const char* territory = locale + strcspn(locale, "_.");
+  const char* codeset = locale + strcspn(locale, ".");
+  switch (letter) {
+    case 'N':
+      return append(path, name, strlen(name));
+    case 'L':
+      return append(path, locale, strlen(locale));
+    case 'l':
+      return append(path, locale, static_cast<size_t>(territory - locale));
+    case 't':
+      return *territory != '_' || append(path, territory + 1, static_cast<size_t>(codeset - territory - 1));
+    case 'c':
+      return *codeset != '.' || append(path, codeset + 1, strlen(codeset + 1));
+    case '%':
+      return append(path, "%", 1);
+    default:
+      return false;
+  }
+}
+
+/* Makes `path` of the element of NLSPATH from `element` to `end`; an empty one is the name itself. False when
+ * the element is to be passed over: it holds an unknown field or gets too long. */
+static bool expand_element(cu_path* path, const char* element, const char* end, const char* name,
+                           const char* locale) {
+  path->length = 0;
+  path->text.data()[0] = '\0';
+  if (element == end) return append(path, name, strlen(name));
+  for (; element < end; ++element) {
+    if (*element != '%') {
+      if (!append(path, element, 1)) return false;
+    } else if (++element == end || !append_field(path, *element, name, locale)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+static bool open_along(const char* nlspath, const char* name, const char* locale, cu_catalog* catalog) {
+  cu_path path;
+  for (const char* element = nlspath;;) {
+    const char* end = element + strcspn(element, ":");
+    if (expand_element(&path, element, end, name, locale) && open_catalog(path.text.data(), catalog))
+      return true;
+    if (*end == '\0') return false;
+    element = end + 1;
+  }
+}
+
+/* A set-user-ID program takes neither NLSPATH nor LANG from its caller. */
+static bool find_catalog(const char* name, cu_catalog* catalog) {
+  if (*name == '\0') return false;
+  if (strchr(name, '/') != nullptr) return open_catalog(name, catalog);
+
+  const char* nlspath = secure_getenv("NLSPATH");
+  const char* const locales[] = {setlocale(LC_MESSAGES, nullptr), secure_getenv("LANG")};
+  for (const char* locale : locales) {
+    if (locale == nullptr || *locale == '\0') locale = "C";
+    if (nlspath != nullptr && *nlspath != '\0' && open_along(nlspath, name, locale, catalog)) return true;
+    if (open_along(DEFAULT_NLSPATH, name, locale, catalog)) return true;
+  }
+  return false;
+}
+
+char* cu_read_message(const char* name, int32_t set, int32_t number) {
+  cu_catalog catalog;
+  if (name == nullptr || set < 1 || number < 1 || !find_catalog(name, &catalog)) return nullptr;
+  char* text = find_text(catalog, static_cast<uint32_t>(set), static_cast<uint32_t>(number));
+  close(catalog.fildes);
+  return text;
+}
