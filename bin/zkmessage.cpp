@@ -154,7 +154,7 @@ static const char* message_text(nl_catd catfd, int number) {
   bool known = number >= 1 && number < ZK_MSG_COUNT;
   const char* builtin = known ? zk_mesgtbl_zkview_cmd[number] : zk_badid_zkview_cmd;
   const char* arguments = known ? builtin : "%s"; /* whoever prints an unknown message has one text to show */
-  if (catfd == reinterpret_cast<nl_catd>(-1)) return builtin;
+  if (catfd == ZK_NO_CATALOG) return builtin;
   const char* text = catgets(catfd, ZK_MSG_SET, number, builtin);
   return text == builtin || takes_same_arguments(text, arguments) ? text : builtin;
 }

@@ -133,7 +133,7 @@ static void open_catalog(surroundings* around) {
   std::array<char, ZELK_PATH_SIZE> catalog = {};
   zk_get_msgcat_name(catalog.data(), ZK_CATALOG_NAME);
   around->catfd = catopen(catalog.data(), NL_CAT_LOCALE);
-  if (around->catfd == reinterpret_cast<nl_catd>(-1)) around->catfd = catopen(catalog.data(), 0);
+  if (around->catfd == ZK_NO_CATALOG) around->catfd = catopen(catalog.data(), 0);
 }
 
 static int report_unexpected(const surroundings& around, const char* routine, int result) {
@@ -203,18 +203,18 @@ static int show_help(const surroundings& around) {
 static int check_combinations(const surroundings& around, const options& given) {
   struct rule {
     bool broken;
-    int message;
     char first, second;
+    int message;
     int status;
   };
   const rule rules[] = {
-      {!given.use_fid && !given.use_file, ZK_MSG_NEEDS_STACK, 'f', 's', EXIT_INCOMPLETE},
-      {given.use_fid && given.use_file, ZK_MSG_EXCLUDED, 'f', 's', EXIT_EXCLUDED},
-      {given.dump && given.relation_order, ZK_MSG_EXCLUDED, 'd', 'r', EXIT_EXCLUDED},
-      {given.dump && given.process_order, ZK_MSG_EXCLUDED, 'd', 'p', EXIT_EXCLUDED},
-      {given.process_order && given.relation_order, ZK_MSG_EXCLUDED, 'p', 'r', EXIT_EXCLUDED},
-      {given.dump && given.fid_only, ZK_MSG_EXCLUDED, 'd', 'i', EXIT_EXCLUDED},
-      {given.fid_only && !given.use_fid, ZK_MSG_NEEDS_OTHER, 'i', 'f', EXIT_INCOMPLETE},
+      {!given.use_fid && !given.use_file, 'f', 's', ZK_MSG_NEEDS_STACK, EXIT_INCOMPLETE},
+      {given.use_fid && given.use_file, 'f', 's', ZK_MSG_EXCLUDED, EXIT_EXCLUDED},
+      {given.dump && given.relation_order, 'd', 'r', ZK_MSG_EXCLUDED, EXIT_EXCLUDED},
+      {given.dump && given.process_order, 'd', 'p', ZK_MSG_EXCLUDED, EXIT_EXCLUDED},
+      {given.process_order && given.relation_order, 'p', 'r', ZK_MSG_EXCLUDED, EXIT_EXCLUDED},
+      {given.dump && given.fid_only, 'd', 'i', ZK_MSG_EXCLUDED, EXIT_EXCLUDED},
+      {given.fid_only && !given.use_fid, 'i', 'f', ZK_MSG_NEEDS_OTHER, EXIT_INCOMPLETE},
   };
   for (const rule& row : rules) {
     if (!row.broken) continue;
@@ -336,7 +336,7 @@ static int run(const surroundings& around, int argc, char** argv) {
 int main(int argc, char** argv) {
   static std::array<char, REPORT_BLOCK_SIZE> report_block;
   surroundings around = {};
-  around.catfd = reinterpret_cast<nl_catd>(-1);
+  around.catfd = ZK_NO_CATALOG;
 
   if (!fill_standard_streams()) return report_unexpected(around, "open", errno);
   zk_buffer_report(report_block.data(), report_block.size());
@@ -347,6 +347,6 @@ int main(int argc, char** argv) {
   int write_error = zk_flush_report();
   if (write_error != 0 && (status == EXIT_REPORTED || status == EXIT_HELP))
     status = report_unexpected(around, "fflush", write_error);
-  if (around.catfd != reinterpret_cast<nl_catd>(-1)) catclose(around.catfd);
+  if (around.catfd != ZK_NO_CATALOG) catclose(around.catfd);
   return status;
 }

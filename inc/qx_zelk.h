@@ -80,7 +80,7 @@ _Static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
   X(ZELK_REMOTE_FID, -37)     /* Error ID made on another node */                            \
   X(ZELK_UNSUPPORTED, -99)    /* later version of a format */
 
-#define ZELK_ENUMERATOR(name, value) name = value,
+#define ZELK_ENUMERATOR(name, value) name = (value),
 enum { ZELK_RESULT_CODES(ZELK_ENUMERATOR) };
 #undef ZELK_ENUMERATOR
 

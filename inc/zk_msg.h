@@ -62,6 +62,9 @@ enum {
 
 #define ZK_CATALOG_NAME "zelk.cat"
 
+/* A catalog descriptor that stands for no catalog, as catopen returns it. */
+inline const nl_catd ZK_NO_CATALOG = reinterpret_cast<nl_catd>(-1); /* NOLINT(performance-no-int-to-ptr) */
+
 extern "C" {
 
 /* The built-in texts by message number, and the text for a number that has none. */

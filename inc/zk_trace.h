@@ -19,9 +19,13 @@
 /* The same with the name and the value of the result code `rc` behind the other arguments: for texts that end
  * in
  * "%s(%d)". */
+#if defined(__cppcheck__) /* it does not know __VA_OPT__ */
+#define ZK_TRACE_RC_AS(routine, rc, ...) ZK_TRACE_AS(routine, __VA_ARGS__)
+#else
 #define ZK_TRACE_RC_AS(routine, rc, format, ...) \
   ZK_TRACE_AS(routine, format __VA_OPT__(, ) __VA_ARGS__, zk_result_name(rc), (rc))
-#define ZK_TRACE_RC(rc, format, ...) ZK_TRACE_RC_AS(__func__, rc, format __VA_OPT__(, ) __VA_ARGS__)
+#endif
+#define ZK_TRACE_RC(rc, ...) ZK_TRACE_RC_AS(__func__, rc, __VA_ARGS__)
 
 /* The same, and returns `rc`. */
 #define ZK_RETURN_AS(routine, rc, ...)          \

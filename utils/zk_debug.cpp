@@ -35,7 +35,8 @@ enum {
 static constexpr off_t ENTRY_RESERVE = RECYCLE_MARKER_SIZE + 1;
 
 /* A record lock belongs to the process and goes with the first descriptor that is closed, so the threads of a
- * process take turns. */
+ * process take turns. They render the time in their turn too: the C library has a lock of its own for the
+ * time zone, which a child forked at that moment would find taken for ever. */
 static pthread_mutex_t trace_mutex = PTHREAD_MUTEX_INITIALIZER;
 static pthread_once_t fork_handlers_once = PTHREAD_ONCE_INIT;
 
@@ -131,13 +132,12 @@ int zk_debug(const char* trace_filename, const char* interface_name, const char*
   zk_format_debug_info(message.data(), debug_info_fmt, varargs);
   va_end(varargs);
 
+  pthread_once(&fork_handlers_once, register_fork_handlers);
+  lock_trace();
   std::array<char, ENTRY_SIZE> entry = {};
   size_t header_length = format_entry_header(&entry, interface_name);
   size_t room = entry.size() - 1 - header_length;
   std::memcpy(entry.data() + header_length, message.data(), std::min(std::strlen(message.data()), room));
-
-  pthread_once(&fork_handlers_once, register_fork_handlers);
-  lock_trace();
   int result = append_entry(trace_filename, entry.data());
   unlock_trace();
   errno = caller_errno;

@@ -19,11 +19,12 @@
 static int stat_file(const char* check_file, struct stat* status, bool* in_directory) {
   std::array<char, ZELK_DUMP_NAME_SIZE> path = {};
   *in_directory = true;
-  if (std::strlen(check_file) >= path.size()) {
+  const size_t size = std::strlen(check_file) + 1;
+  if (size > path.size()) {
     errno = ENAMETOOLONG;
     return -1;
   }
-  std::strcpy(path.data(), check_file);
+  std::memcpy(path.data(), check_file, size);
   if (stat(dirname(path.data()), status) != 0) return -1;
   *in_directory = false;
   return stat(check_file, status);

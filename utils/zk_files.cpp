@@ -87,8 +87,9 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
   if (file_size == nullptr) return ZELK_INV_PARAM4;
 
   std::array<char, ZELK_PATH_SIZE> path = {};
-  if (std::strlen(filename) >= path.size()) return ZELK_FAILURE;
-  std::strcpy(path.data(), filename);
+  const size_t size = std::strlen(filename) + 1;
+  if (size > path.size()) return ZELK_FAILURE;
+  std::memcpy(path.data(), filename, size);
   const char* directory = dirname(path.data());
   space_figures space = {};
   if (query_space(directory, &space) != 0) {
@@ -98,13 +99,13 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
   if (space.used > space.limit)
     ZK_RETURN(ZELK_NO_SPACE, "5%% space in %s not available, returning %s(%d)\n", directory);
 
-  off_t size = largest_fit(space, requested_size);
-  if (size < 0 || (size != requested_size && size <= min_size))
+  const off_t fit = largest_fit(space, requested_size);
+  if (fit < 0 || (fit != requested_size && fit <= min_size))
     ZK_RETURN(ZELK_NO_SPACE, "Cannot reserve %lld bytes, returning %s(%d)\n",
               static_cast<long long>(min_size));
-  *file_size = size;
+  *file_size = fit;
   ZK_TRACE("Requested %lld bytes, able to get %lld bytes\n", static_cast<long long>(requested_size),
-           static_cast<long long>(size));
+           static_cast<long long>(fit));
   return ZELK_SUCCESS;
 }
 

@@ -94,7 +94,7 @@ void zk_determine_bsd_priority(int debug_active, const char* debug_file, int eve
   /* By event type. Notices come before warnings. */
   static constexpr std::array<int, ZELK_DEBUG + 1> PRIORITIES = {
       LOG_EMERG, LOG_ERR, LOG_NOTICE, LOG_WARNING, LOG_INFO, LOG_DEBUG, LOG_DEBUG};
-  if (event_type >= 0 && event_type <= ZELK_DEBUG) {
+  if (event_type >= 0 && event_type < static_cast<int>(PRIORITIES.size())) {
     *bsd_pri = PRIORITIES[static_cast<size_t>(event_type)];
   } else {
     ZK_TRACE("Invalid ZELK Event Type %d - mapping to type %s(%d)\n", event_type, "ZELK_DEBUG",
