@@ -44,8 +44,8 @@ struct zk_walk {
   bool window_at_end = false; /* the file ended behind it */
 };
 
-/* Locks the stack and reads its header. The caller fills the members before stack_version; unless the result is ZELK_LOCK, zk_walk_end must follow. Returns 0; ZELK_LOCK; ZELK_INV_PARAM3;
- * ZELK_FILE_CORRUPT. */
+/* Locks the stack and reads its header. The caller fills the members before stack_version; unless the result
+ * is ZELK_LOCK, zk_walk_end must follow. Returns 0; ZELK_LOCK; ZELK_INV_PARAM3; ZELK_FILE_CORRUPT. */
 int zk_walk_begin(zk_walk* walk);
 
 /* Takes the next record, going back to records_start once where the stack has wrapped.

@@ -34,8 +34,7 @@ _Static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #define ZELK_PRINTF_LIKE(text, arguments)
 #endif
 
-/* ---- Result codes
- * -------------------------------------------------------------------------------------------- */
+/* ---- Result codes ------------------------------------------------------------------------------------- */
 
 /* X(name, value): every result code, the one list that both the enumeration and the names in a trace come
  * from. A bad parameter n, counted with the trace pair, is -(n + 1); a few routines number their checks
@@ -84,8 +83,7 @@ _Static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 enum { ZELK_RESULT_CODES(ZELK_ENUMERATOR) };
 #undef ZELK_ENUMERATOR
 
-/* ---- Places and sizes
- * ---------------------------------------------------------------------------------------- */
+/* ---- Places and sizes --------------------------------------------------------------------------------- */
 
 #define ZELK_DIR "/var/adm/zelk"
 #define ZELK_STACK_DIR ZELK_DIR "/stacks" /* relative Error Stack names are relative to it */
@@ -116,8 +114,7 @@ enum {
   ZELK_LOCATION_SYSLOG = 2    /* it is a syslog message */
 };
 
-/* ---- Base-64 numbers
- * ----------------------------------------------------------------------------------------- */
+/* ---- Base-64 numbers ---------------------------------------------------------------------------------- */
 
 /* The 64 digits in the order of their values, and a terminator. */
 extern const char base64_table[65];
@@ -201,8 +198,7 @@ int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep
 int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep,
                          struct timeval* tbuf);
 
-/* ---- Error IDs
- * ----------------------------------------------------------------------------------------------- */
+/* ---- Error IDs ---------------------------------------------------------------------------------------- */
 
 /* Decodes the 42-character Error ID `zelkid` of version 1 or 2.
  *   local_fid         1 when the node address in the ID is one of this node's, else 0; never null
@@ -258,8 +254,7 @@ int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stac
 int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_file,
                     unsigned int err_templ_label, long* timestamp, char* zelkid);
 
-/* ---- Node addresses
- * ------------------------------------------------------------------------------------------ */
+/* ---- Node addresses ----------------------------------------------------------------------------------- */
 
 /* The IPv4 addresses of this node's network interfaces, in the kernel's order.
  *   findfirst 0      `addr` is a list of slots of ZELK_ADDR_SLOT_SIZE bytes, zero-filled,
@@ -280,8 +275,7 @@ int zk_is_addr_ipv6_type(const char* addr);
 int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char* ipv6_flag);
 
 /* Decodes an encoded address of the type `ipv6_flag` into network byte order: 4 bytes at `ip_addr` for ".",
- * 16 for
- * "/". Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 another type character. */
+ * 16 for "/". Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 another type character. */
 int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_rep, char ipv6_flag,
                    void* ip_addr);
 
@@ -341,8 +335,7 @@ int zk_get_file_ctrl_info(const char* buf, off_t* record_pos, off_t* end_pos, in
  * written. */
 int zk_clear_record_remnant(int fildes);
 
-/* ---- Files
- * --------------------------------------------------------------------------------------------------- */
+/* ---- Files -------------------------------------------------------------------------------------------- */
 
 /* Writes `offset` zero bytes (a length, despite its name) at the descriptor's position.
  * Returns the length; -1 with errno set, what was written stays written. */
@@ -393,8 +386,7 @@ int zk_copy_file(int debug_active, const char* debug_file, int input_file, int o
 int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char* dump_input_file,
                            char* dump_output_file);
 
-/* ---- Small utilities
- * ----------------------------------------------------------------------------------------- */
+/* ---- Small utilities ---------------------------------------------------------------------------------- */
 
 /* Entries of a recording program's array of error flags (ints, not zero when set). */
 enum {

@@ -30,12 +30,10 @@ typedef struct zk_proc_list {
 
 extern "C" {
 
-/* ---- Opening a stack
- * ----------------------------------------------------------------------------------------- */
+/* ---- Opening a stack ---------------------------------------------------------------------------------- */
 
 /* Opens the Error Stack `stack_file`, relative to ZELK_STACK_DIR unless it begins with "/", for reading and
- * locking.
- * `*fildes` is set on success only, to a descriptor that the caller closes.
+ * locking. `*fildes` is set on success only, to a descriptor that the caller closes.
  * Returns 0; ZELK_INV_PARAM3 null `fildes`; ZELK_INV_PARAM4 null or empty name; ZELK_FILE_MISSING;
  * ZELK_NO_ACCESS, also for a part of the path that is not a directory; ZELK_TOO_MANY; ZELK_FAILURE. */
 int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes, const char* stack_file);
@@ -47,12 +45,10 @@ int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes,
 int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes, const char* fid,
                            nl_catd catfd);
 
-/* ---- Walking a stack
- * ----------------------------------------------------------------------------------------- */
+/* ---- Walking a stack ---------------------------------------------------------------------------------- */
 
 /* Reads and checks the control header and leaves the file at the earliest record; `*stack_version` (not null)
- * and
- * `*hbuf` are set on success only.
+ * and `*hbuf` are set on success only.
  * Returns 0; ZELK_INV_PARAM3 `fildes` -1; ZELK_INV_PARAM4 null `hbuf`; ZELK_FILE_CORRUPT. */
 int zk_read_header(int debug_active, const char* debug_file, int fildes, int* stack_version,
                    zk_estack_v1_header_t* hbuf);
@@ -117,8 +113,7 @@ int zk_add_related_rec(int debug_active, const char* debug_file, void* record, z
  * Returns 0; ZELK_INV_PARAM3 null record; ZELK_INV_PARAM4 null table; ZELK_REC_CORRUPT; ZELK_NO_MEMORY. */
 int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table);
 
-/* ---- Decoding a record
- * --------------------------------------------------------------------------------------- *
+/* ---- Decoding a record -------------------------------------------------------------------------------- *
  * `*buffer` is the cursor, `*remaining_len` the count of unread body bytes, which goes below zero (as a
  * signed number) when fixed fields reach past the record's end. A field that is taken moves both; a failure
  * leaves both alone. The record must be followed by one zero byte; nothing behind that is read. */
@@ -157,8 +152,7 @@ int zk_print_description(int debug_active, const char* debug_file, nl_catd catfd
  * behind column `start`; a line narrower than that leaves it whole. */
 void zk_truncate_description(char* descript, int start);
 
-/* ---- Printing records
- * ---------------------------------------------------------------------------------------- */
+/* ---- Printing records --------------------------------------------------------------------------------- */
 
 /* Prints a record as one line. With `fid_to_display` neither null nor empty, only the record of that Error
  * ID. Returns 0; ZELK_INV_FID another record, with `searching` 1 (otherwise that is 0); ZELK_INV_PARAM4 null

@@ -17,8 +17,7 @@
 #define ZK_TRACE(...) ZK_TRACE_AS(__func__, __VA_ARGS__)
 
 /* The same with the name and the value of the result code `rc` behind the other arguments: for texts that end
- * in
- * "%s(%d)". */
+ * in "%s(%d)". */
 #if defined(__cppcheck__) /* it does not know __VA_OPT__ */
 #define ZK_TRACE_RC_AS(routine, rc, ...) ZK_TRACE_AS(routine, __VA_ARGS__)
 #else
