@@ -126,10 +126,8 @@ static bool note_kinds(const char* text, argument_kinds* kinds) {
     at += conversion.text.size();
     if (conversion.kind == ZK_CONVERSION_PERCENT) continue;
     char kind = conversion.letter == 'i' ? 'd' : conversion.letter;
-    if (conversion.kind != ZK_CONVERSION_ARGUMENT || (kind != 's' && kind != 'c' && kind != 'd'))
-      return false;
-    if (conversion.has_length || conversion.width > ZK_CONVERSION_MAX ||
-        conversion.precision > ZK_CONVERSION_MAX)
+    if (conversion.kind != ZK_CONVERSION_ARGUMENT || (kind != 's' && kind != 'c' && kind != 'd')) return false;
+    if (conversion.has_length || conversion.width > ZK_CONVERSION_MAX || conversion.precision > ZK_CONVERSION_MAX)
       return false;
     size_t number = conversion.numbered ? static_cast<size_t>(conversion.argument) : plain + 1;
     ++(conversion.numbered ? numbered : plain);

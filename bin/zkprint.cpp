@@ -32,15 +32,13 @@ static int open_record(int debug_active, const char* debug_file, const char* rou
   }
   int32_t length = zk_record_length(record);
   if (length <= 0) {
-    ZK_RETURN_AS(routine, ZELK_INV_RECLEN,
-                 "Length of record (%d) appears invalid\nReturning %s(%d) to caller", length);
+    ZK_RETURN_AS(routine, ZELK_INV_RECLEN, "Length of record (%d) appears invalid\nReturning %s(%d) to caller", length);
   }
   opened->cursor = static_cast<char*>(record) + ZK_REC_LENGTH_SIZE;
   opened->remaining = static_cast<size_t>(length);
   int32_t version = zk_take_int(&opened->cursor, &opened->remaining);
   if (!zk_is_known_version(version)) {
-    ZK_RETURN_AS(routine, ZELK_INV_RECVERSN,
-                 "Record version (0x%x) appears invalid\nReturning %s(%d) to caller",
+    ZK_RETURN_AS(routine, ZELK_INV_RECVERSN, "Record version (0x%x) appears invalid\nReturning %s(%d) to caller",
                  static_cast<unsigned int>(version));
   }
   zk_take_eid(&opened->cursor, &opened->remaining, opened->eid);
@@ -49,8 +47,7 @@ static int open_record(int debug_active, const char* debug_file, const char* rou
 
 /* Whether a report for the Error ID `wanted`, all when it is null or empty, shows the record. */
 static bool is_selected(const char* wanted, const zk_eid_t eid) {
-  return wanted == nullptr || *wanted == '\0' ||
-         (*eid != '\0' && std::strncmp(eid, wanted, ZELK_EID_LENGTH) == 0);
+  return wanted == nullptr || *wanted == '\0' || (*eid != '\0' && std::strncmp(eid, wanted, ZELK_EID_LENGTH) == 0);
 }
 
 static std::tm local_time(time_t seconds) {
@@ -63,8 +60,7 @@ static std::tm local_time(time_t seconds) {
 static int skip_strings(int debug_active, const char* debug_file, opened_record* record, int count) {
   std::array<char, ZK_REC_STRING_MAX + 1> skipped;
   for (int i = 0; i < count; ++i) {
-    int result =
-        zk_get_rec_substring(debug_active, debug_file, &record->cursor, skipped.data(), &record->remaining);
+    int result = zk_get_rec_substring(debug_active, debug_file, &record->cursor, skipped.data(), &record->remaining);
     if (result != ZELK_SUCCESS) return result;
   }
   return ZELK_SUCCESS;
@@ -81,13 +77,12 @@ static int report_bad_description(nl_catd catfd, int result) {
     return ZELK_REC_CORRUPT;
   }
   /* The brief report names this routine too. */
-  zk_print_message(stderr, catfd, ZK_MSG_PRINT_FAILURE,
-                   {zk_msg_arg("zk_print_description"), zk_msg_arg(result)});
+  zk_print_message(stderr, catfd, ZK_MSG_PRINT_FAILURE, {zk_msg_arg("zk_print_description"), zk_msg_arg(result)});
   return ZELK_FAILURE;
 }
 
-int zk_print_brief_stack_record(int debug_active, const char* debug_file, const char* fid_to_display,
-                                int searching, nl_catd catfd, void* record) {
+int zk_print_brief_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, int searching,
+                                nl_catd catfd, void* record) {
   std::array<char, ZK_REC_STRING_MAX + 1> process = {};
   zk_eid_t related;
   char* description = nullptr;
@@ -111,17 +106,17 @@ int zk_print_brief_stack_record(int debug_active, const char* debug_file, const 
   result = skip_strings(debug_active, debug_file, &opened, 1); /* details */
   if (result == ZELK_SUCCESS) {
     if (description != nullptr) zk_truncate_description(description, DESCRIPTION_COLUMN);
-    zk_print_message(stdout, catfd, ZK_MSG_BRIEF_LINE,
-                     {zk_msg_arg(when.tm_mon + 1), zk_msg_arg(when.tm_mday), zk_msg_arg(when.tm_hour),
-                      zk_msg_arg(when.tm_min), zk_msg_arg(when.tm_year + 1900), zk_msg_arg(process.data()),
-                      zk_msg_arg(description)});
+    zk_print_message(
+        stdout, catfd, ZK_MSG_BRIEF_LINE,
+        {zk_msg_arg(when.tm_mon + 1), zk_msg_arg(when.tm_mday), zk_msg_arg(when.tm_hour), zk_msg_arg(when.tm_min),
+         zk_msg_arg(when.tm_year + 1900), zk_msg_arg(process.data()), zk_msg_arg(description)});
   }
   free(description);
   return result;
 }
 
-int zk_print_full_stack_record(int debug_active, const char* debug_file, const char* fid_to_display,
-                               nl_catd catfd, void* record) {
+int zk_print_full_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, nl_catd catfd,
+                               void* record) {
   std::array<char, 256> time_text;
   zk_eid_t related;
   opened_record opened;
@@ -130,8 +125,7 @@ int zk_print_full_stack_record(int debug_active, const char* debug_file, const c
   if (result != ZELK_SUCCESS) return result;
   if (!is_selected(fid_to_display, opened.eid)) return ZELK_SUCCESS;
   auto print_string = [&](int message) {
-    return zk_print_rec_substring(debug_active, debug_file, catfd, message, &opened.cursor,
-                                  &opened.remaining);
+    return zk_print_rec_substring(debug_active, debug_file, catfd, message, &opened.cursor, &opened.remaining);
   };
   auto print_int = [&](int message) {
     zk_print_message(stdout, catfd, message, {zk_msg_arg(zk_take_int(&opened.cursor, &opened.remaining))});
@@ -174,16 +168,13 @@ int zk_dump_header(int, const char*, int, nl_catd catfd, int stack_version, zk_e
   return ZELK_SUCCESS;
 }
 
-int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int all, const char* fid,
-                  int searching, int fildes, nl_catd catfd) {
+int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int all, const char* fid, int searching,
+                  int fildes, nl_catd catfd) {
   if (fid != nullptr && *fid == '\0') ZK_RETURN(ZELK_INV_PARAM3, "Invalid ZELK Error ID - Returning %s(%d)");
   if (fildes <= 0) ZK_RETURN(ZELK_INV_PARAM4, "Invalid file descriptor %d\nReturning %s(%d)", fildes);
 
-  zk_walk walk = {.debug_active = debug_active,
-                  .debug_file = debug_file,
-                  .routine = __func__,
-                  .fildes = fildes,
-                  .catfd = catfd};
+  zk_walk walk = {
+      .debug_active = debug_active, .debug_file = debug_file, .routine = __func__, .fildes = fildes, .catfd = catfd};
   int result = zk_walk_begin(&walk);
   if (result == ZELK_LOCK) return result;
   if (result == ZELK_INV_PARAM4) result = ZELK_FAILURE;
@@ -230,9 +221,8 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
   return result;
 }
 
-int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* fid,
-                          const char* stack_file_list, int stack_list_limit, int* fildes_to_use,
-                          char** correct_file, nl_catd catfd) {
+int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* fid, const char* stack_file_list,
+                          int stack_list_limit, int* fildes_to_use, char** correct_file, nl_catd catfd) {
   if (fid == nullptr || *fid == '\0') ZK_RETURN(ZELK_INV_PARAM3, "Invalid value of 'fid' - returning %s(%d)");
   if (stack_file_list == nullptr || *stack_file_list == '\0')
     ZK_RETURN(ZELK_INV_PARAM4, "No valid file names detected in array at address 0x%x - returning %s(%d)",

@@ -81,16 +81,15 @@ int zk_get_rec_substring(int debug_active, const char* debug_file, void** buffer
                          size_t* remaining_len) {
   int length = text_length(*buffer, *remaining_len);
   if (length == -1)
-    ZK_RETURN(ZELK_REC_CORRUPT,
-              "Could not find a NULL terminated string in buffer\nReturning %s(%d) to caller\n");
+    ZK_RETURN(ZELK_REC_CORRUPT, "Could not find a NULL terminated string in buffer\nReturning %s(%d) to caller\n");
   size_t size = static_cast<size_t>(length);
   if (size > 0) std::memcpy(substring, *buffer, size);
   advance(buffer, remaining_len, size + 1);
   return ZELK_SUCCESS;
 }
 
-int zk_print_rec_substring(int debug_active, const char* debug_file, nl_catd catfd, int display_msgnum,
-                           void** buffer, size_t* remaining_len) {
+int zk_print_rec_substring(int debug_active, const char* debug_file, nl_catd catfd, int display_msgnum, void** buffer,
+                           size_t* remaining_len) {
   string_buffer text = {};
   int result = zk_get_rec_substring(debug_active, debug_file, buffer, text.data(), remaining_len);
   if (result != ZELK_SUCCESS) return result;
@@ -98,8 +97,8 @@ int zk_print_rec_substring(int debug_active, const char* debug_file, nl_catd cat
   return ZELK_SUCCESS;
 }
 
-int zk_extract_arg_values(int debug_active, const char* debug_file, void** buffer, size_t* remaining_len,
-                          int* num_args, cu_error_arg_t** args) {
+int zk_extract_arg_values(int debug_active, const char* debug_file, void** buffer, size_t* remaining_len, int* num_args,
+                          cu_error_arg_t** args) {
   constexpr ptrdiff_t SIZE_MIN = 5; /* a type, and an empty text */
   void* cursor = *buffer;
   size_t remaining = *remaining_len;
@@ -138,8 +137,7 @@ int zk_extract_arg_values(int debug_active, const char* debug_file, void** buffe
     argument->cu_arg_value.cu_arg_char_str = static_cast<char*>(calloc(size, 1));
     if (argument->cu_arg_value.cu_arg_char_str == nullptr) {
       result = ZELK_NO_MEMORY;
-      ZK_TRACE_RC(result, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller",
-                  static_cast<int>(size));
+      ZK_TRACE_RC(result, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller", static_cast<int>(size));
       break;
     }
     if (length > 0) std::memcpy(argument->cu_arg_value.cu_arg_char_str, cursor, static_cast<size_t>(length));
@@ -170,8 +168,7 @@ int zk_get_description(int debug_active, const char* debug_file, char** descript
     return ZELK_REC_CORRUPT;
   int32_t set = zk_take_int(&cursor, &remaining);
   int32_t number = zk_take_int(&cursor, &remaining);
-  if (zk_get_rec_substring(debug_active, debug_file, &cursor, default_text.data(), &remaining) !=
-      ZELK_SUCCESS)
+  if (zk_get_rec_substring(debug_active, debug_file, &cursor, default_text.data(), &remaining) != ZELK_SUCCESS)
     return ZELK_REC_CORRUPT;
 
   int result = zk_extract_arg_values(debug_active, debug_file, &cursor, &remaining, &count, &arguments);

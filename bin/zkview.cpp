@@ -28,8 +28,7 @@ int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes,
   return ZELK_SUCCESS;
 }
 
-int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes, const char* fid,
-                           nl_catd catfd) {
+int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes, const char* fid, nl_catd catfd) {
   constexpr int CANDIDATES = 4;
   std::array<char, CANDIDATES* ZELK_FILE_SLOT_SIZE> stack_file_list = {};
   std::array<char, 16> ip_buf = {};
@@ -41,27 +40,25 @@ int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes
   if (fildes == nullptr)
     ZK_RETURN(ZELK_INV_PARAM3, "Called with NULL value for fildes pointer - returning %s(%d) to caller");
   if (fid == nullptr || *fid == '\0')
-    ZK_RETURN(ZELK_INV_PARAM4,
-              "fid parameter is NULL or references NULL value - returning %s(%d) to the caller");
+    ZK_RETURN(ZELK_INV_PARAM4, "fid parameter is NULL or references NULL value - returning %s(%d) to the caller");
   if (std::strlen(fid) != ZELK_EID_LENGTH)
     ZK_RETURN(ZELK_INV_FID, "ZELK Error ID \"%s\"is not correct size\nReturning %s(%d) to the caller", fid);
 
-  int result = zk_decode_eid_2(debug_active, debug_file, fid, &local_fid, &zelk_version, &location_mask,
-                               stack_file_list.data(), CANDIDATES, &template_id, &facility, &priority,
-                               &timestamp, ip_buf.data(), &ipv6_flag);
+  int result =
+      zk_decode_eid_2(debug_active, debug_file, fid, &local_fid, &zelk_version, &location_mask, stack_file_list.data(),
+                      CANDIDATES, &template_id, &facility, &priority, &timestamp, ip_buf.data(), &ipv6_flag);
   if (result <= ZELK_INV_PARAM2 && result >= ZELK_INV_PARAMCOMBO) return ZELK_FAILURE;
   if (result != ZELK_SUCCESS) return result;
   if (location_mask != ZELK_LOCATION_STACK)
-    ZK_RETURN(ZELK_INV_FID, "ZELK Error ID \"%s\" not generated from an ZELK Error Stack - returning %s(%d)",
-              fid);
+    ZK_RETURN(ZELK_INV_FID, "ZELK Error ID \"%s\" not generated from an ZELK Error Stack - returning %s(%d)", fid);
   if (local_fid == 0)
     ZK_RETURN(ZELK_REMOTE_FID, "ZELK ID \"%s\" was generated remotely\nReturning %s(%d) to caller", fid);
   if (stack_file_list[0] == '\0')
-    ZK_RETURN(ZELK_INV_STACKNAME,
-              "ZELK Error ID \"%s\" yielded a NULL stack file name - returning %s(%d) to caller", fid);
+    ZK_RETURN(ZELK_INV_STACKNAME, "ZELK Error ID \"%s\" yielded a NULL stack file name - returning %s(%d) to caller",
+              fid);
 
-  result = zk_scan_files_for_fid(debug_active, debug_file, fid, stack_file_list.data(), CANDIDATES,
-                                 &local_fildes, nullptr, catfd);
+  result = zk_scan_files_for_fid(debug_active, debug_file, fid, stack_file_list.data(), CANDIDATES, &local_fildes,
+                                 nullptr, catfd);
   if (result == ZELK_INV_FID) return ZELK_FILE_MISSING;
   if (result == ZELK_SUCCESS) *fildes = local_fildes;
   return result;
@@ -236,9 +233,8 @@ static int open_stack(const surroundings& around, const options& given, int* fil
                                        {ZELK_FILE_MISSING, ZK_MSG_STACK_MISSING, EXIT_NO_STACK}};
   const char* debug_file = around.debug_file.data();
   const char* named = given.use_fid ? given.fid : given.stack_file.data();
-  int result = given.use_fid
-                   ? zk_open_stack_with_fid(around.debug_active, debug_file, fildes, given.fid, around.catfd)
-                   : zk_open_stack_by_name(around.debug_active, debug_file, fildes, named);
+  int result = given.use_fid ? zk_open_stack_with_fid(around.debug_active, debug_file, fildes, given.fid, around.catfd)
+                             : zk_open_stack_by_name(around.debug_active, debug_file, fildes, named);
   if (result == ZELK_SUCCESS) return GO_ON;
 
   std::span<const ending> endings = given.use_fid ? std::span<const ending>(BY_FID) : BY_NAME;
@@ -253,8 +249,7 @@ static int open_stack(const surroundings& around, const options& given, int* fil
 
 /* Ends the run for a failed view: `unexpected` lists the codes that are reported under the name `routine`;
  * others count as success. */
-static int end_view(const surroundings& around, int result, std::span<const int> unexpected,
-                    const char* routine) {
+static int end_view(const surroundings& around, int result, std::span<const int> unexpected, const char* routine) {
   static constexpr ending ENDINGS[] = {{ZELK_LOCK, ZK_MSG_NOT_LOCKED, EXIT_NOT_LOCKED},
                                        {ZELK_FILE_CORRUPT, ZK_MSG_STACK_CORRUPT, EXIT_CORRUPT},
                                        {ZELK_NO_MEMORY, ZK_MSG_NO_MEMORY, EXIT_NO_MEMORY}};
@@ -280,11 +275,9 @@ static int report_stack(const surroundings& around, const options& given, int fi
   int result = ZELK_SUCCESS;
 
   if (given.fid_only)
-    result =
-        zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, given.fid, 0, fildes, around.catfd);
+    result = zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, given.fid, 0, fildes, around.catfd);
   else if (given.dump)
-    result =
-        zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, nullptr, 0, fildes, around.catfd);
+    result = zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, nullptr, 0, fildes, around.catfd);
   else if (given.process_order)
     result = zk_read_stack(debug_active, debug_file, 0, fildes, around.catfd, &proc_list, nullptr);
   else

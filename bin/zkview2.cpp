@@ -41,10 +41,9 @@ static zk_stack_rec_t* new_element() {
 }
 
 /* Makes the element of a group, for the routine `routine`. */
-static int make_group_element(int debug_active, const char* debug_file, const char* routine,
-                              const void* record, zk_stack_rec_t** made) {
-  constexpr char NO_MEMORY[] =
-      "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)";
+static int make_group_element(int debug_active, const char* debug_file, const char* routine, const void* record,
+                              zk_stack_rec_t** made) {
+  constexpr char NO_MEMORY[] = "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)";
   zk_stack_rec_t* element = new_element();
   if (element == nullptr) {
     ZK_RETURN_AS(routine, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(sizeof *element), errno);
@@ -72,15 +71,13 @@ struct list_tails {
 static int add_to_process(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head,
                           list_tails* tails) {
   static constexpr char ROUTINE[] = "zk_add_rec_to_proc";
-  if (record == nullptr)
-    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (record == nullptr) ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
   if (head == nullptr) ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
   if (head->process_id == 0)
     ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4, "head parameter not properly initialized - returning %s(%d)");
   int32_t length = zk_record_length(record);
   if (!is_listed_length(length))
-    ZK_RETURN_AS(ROUTINE, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)",
-                 length);
+    ZK_RETURN_AS(ROUTINE, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
 
   zk_stack_rec_t* element = new_element();
   if (element == nullptr)
@@ -103,8 +100,7 @@ static int add_to_process(int debug_active, const char* debug_file, void* record
   *link = element;
   tails->process = head;
   tails->record = element;
-  ZK_RETURN_AS(ROUTINE, ZELK_SUCCESS, "Record added to list for process %d - returning %s(%d)",
-               head->process_id);
+  ZK_RETURN_AS(ROUTINE, ZELK_SUCCESS, "Record added to list for process %d - returning %s(%d)", head->process_id);
 }
 
 /* Appends a copy of the record as a group of its own, for zk_add_unrelated_rec. */
@@ -112,14 +108,11 @@ static int add_group(int debug_active, const char* debug_file, void* record, zk_
                      list_tails* tails) {
   static constexpr char ROUTINE[] = "zk_add_unrelated_rec";
   zk_stack_rec_t* element = nullptr;
-  if (record == nullptr)
-    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (table == nullptr)
-    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4, "table parameter is invalid - returning %s(%d)");
+  if (record == nullptr) ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (table == nullptr) ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4, "table parameter is invalid - returning %s(%d)");
   int32_t length = zk_record_length(record);
   if (!is_listed_length(length))
-    ZK_RETURN_AS(ROUTINE, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)",
-                 length);
+    ZK_RETURN_AS(ROUTINE, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
   int result = make_group_element(debug_active, debug_file, ROUTINE, record, &element);
   if (result != ZELK_SUCCESS) return result;
 
@@ -187,17 +180,13 @@ static int display_record(int debug_active, const char* debug_file, void* record
 
 int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
                   zk_proc_list_t* proc_list, zk_stack_rec_t** rec_table) {
-  if (order != 0 && order != 1)
-    ZK_RETURN(ZELK_INV_PARAM3, "Invalid ordering selected %d  - Returning %s(%d)", order);
+  if (order != 0 && order != 1) ZK_RETURN(ZELK_INV_PARAM3, "Invalid ordering selected %d  - Returning %s(%d)", order);
   if (fildes < 1) ZK_RETURN(ZELK_INV_PARAM4, "Invalid file descriptor %d\nReturning %s(%d)", fildes);
   if (order == 0 && !is_list_head(proc_list))
     ZK_RETURN(ZELK_INV_PARAM5, "proc_list parameter invalid or improperly initialized\nReturning %s(%d)");
 
-  zk_walk walk = {.debug_active = debug_active,
-                  .debug_file = debug_file,
-                  .routine = __func__,
-                  .fildes = fildes,
-                  .catfd = catfd};
+  zk_walk walk = {
+      .debug_active = debug_active, .debug_file = debug_file, .routine = __func__, .fildes = fildes, .catfd = catfd};
   int result = zk_walk_begin(&walk);
   if (result == ZELK_LOCK) return result;
   if (result == ZELK_INV_PARAM4) result = ZELK_FAILURE;
@@ -218,8 +207,7 @@ int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record,
                          zk_proc_list_t** proc_list) {
   if (record == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
   if (head == nullptr) ZK_RETURN(ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
-  if (!is_list_head(head))
-    ZK_RETURN(ZELK_INV_PARAM4, "head parameter not initialized correctly  - returning %s(%d)");
+  if (!is_list_head(head)) ZK_RETURN(ZELK_INV_PARAM4, "head parameter not initialized correctly  - returning %s(%d)");
   if (proc_list == nullptr || *proc_list != nullptr)
     ZK_RETURN(ZELK_INV_PARAM5, "proc_list parameter is invalid - returning %s(%d)");
   int32_t length = zk_record_length(record);
@@ -227,14 +215,12 @@ int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record,
     ZK_RETURN(ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
 
   void* cursor = static_cast<char*>(record) + ZK_REC_NAME_POS;
-  ptrdiff_t behind_head =
-      ptrdiff_t{ZK_REC_LENGTH_SIZE} + length - ZK_REC_NAME_POS; /* bytes of the record left */
+  ptrdiff_t behind_head = ptrdiff_t{ZK_REC_LENGTH_SIZE} + length - ZK_REC_NAME_POS; /* bytes of the record left */
   int name_length = 0;
   if (behind_head >= 0) {
     /* Looked for within a shorter stretch than the record holds: it stops a length word short of the end. */
     name_length = zk_obtain_strlen(cursor, static_cast<size_t>(ptrdiff_t{length} - ZK_REC_NAME_POS));
-    if (name_length == -1)
-      ZK_RETURN(ZELK_REC_CORRUPT, "Error scanning rec for a char string - returning %s(%d)");
+    if (name_length == -1) ZK_RETURN(ZELK_REC_CORRUPT, "Error scanning rec for a char string - returning %s(%d)");
   }
   size_t remaining = static_cast<size_t>(behind_head - name_length - 1);
   cursor = static_cast<char*>(cursor) + name_length + 1;
@@ -259,14 +245,13 @@ int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record,
   zk_proc_list_t* node = static_cast<zk_proc_list_t*>(calloc(1, sizeof *node));
   if (node == nullptr)
     ZK_RETURN(ZELK_NO_MEMORY,
-              "Memory allocation failure - errno is %d\nAttempted to allocte %d bytes\nReturning %s(%d)",
-              errno, static_cast<int>(sizeof *node));
+              "Memory allocation failure - errno is %d\nAttempted to allocte %d bytes\nReturning %s(%d)", errno,
+              static_cast<int>(sizeof *node));
   node->process_id = process;
   node->parent_id = parent;
   *link = node;
   *proc_list = node;
-  ZK_TRACE_RC(ZELK_SUCCESS, "Allocated list entry for proc ID %d (parent %d) - returning %s(%d)", process,
-              parent);
+  ZK_TRACE_RC(ZELK_SUCCESS, "Allocated list entry for proc ID %d (parent %d) - returning %s(%d)", process, parent);
   return ZELK_SUCCESS;
 }
 

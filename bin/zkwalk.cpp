@@ -62,8 +62,7 @@ static size_t take_bytes(zk_walk* walk, void* bytes, size_t size) {
       continue;
     }
     size_t count = std::min(size - taken, static_cast<size_t>(window_end - walk->position));
-    std::memcpy(static_cast<char*>(bytes) + taken,
-                walk->window.data() + (walk->position - walk->window_start), count);
+    std::memcpy(static_cast<char*>(bytes) + taken, walk->window.data() + (walk->position - walk->window_start), count);
     taken += count;
     walk->position += static_cast<off_t>(count);
   }
@@ -71,10 +70,8 @@ static size_t take_bytes(zk_walk* walk, void* bytes, size_t size) {
 }
 
 /* Trace of a failed file operation at a position; seeks of the walk's own use the same text. */
-static constexpr char SEEK_FAILED[] =
-    "Cannot lseek to position %d in stack - error code %d\nReturning %s(%d)\n";
-static constexpr char READ_FAILED[] =
-    "Cannot read from position %d in stack - error code %d\nReturning %s(%d)\n";
+static constexpr char SEEK_FAILED[] = "Cannot lseek to position %d in stack - error code %d\nReturning %s(%d)\n";
+static constexpr char READ_FAILED[] = "Cannot read from position %d in stack - error code %d\nReturning %s(%d)\n";
 
 int zk_open_stack_path(int debug_active, const char* debug_file, const char* routine, const char* name,
                        std::array<char, ZELK_PATH_SIZE>& path, int* fildes) {
@@ -88,8 +85,8 @@ int zk_open_stack_path(int debug_active, const char* debug_file, const char* rou
   if (*name == '/')
     std::snprintf(path.data(), path.size(), "%s", name);
   else
-    std::snprintf(path.data(), path.size(), "%s%.*s", PREFIX,
-                  RELATIVE_PATH_MAX - static_cast<int>(sizeof PREFIX - 1), name);
+    std::snprintf(path.data(), path.size(), "%s%.*s", PREFIX, RELATIVE_PATH_MAX - static_cast<int>(sizeof PREFIX - 1),
+                  name);
 
   ZK_TRACE_AS(routine, "Attempting to open ZELK Error Stack file %s", path.data());
   int opened = open(path.data(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0);
@@ -116,10 +113,9 @@ int zk_read_header(int debug_active, const char* debug_file, int fildes, int* st
     ZK_RETURN(ZELK_FILE_CORRUPT, READ_FAILED, static_cast<int>(ZK_STACK_HEADER_POS), errno);
 
   if (!zk_is_known_version(version))
-    ZK_RETURN(
-        ZELK_FILE_CORRUPT,
-        "Version code from record (0x%x) is not supported\nAssuming file is corrupted\nReturning %s(%d)\n",
-        static_cast<unsigned int>(version));
+    ZK_RETURN(ZELK_FILE_CORRUPT,
+              "Version code from record (0x%x) is not supported\nAssuming file is corrupted\nReturning %s(%d)\n",
+              static_cast<unsigned int>(version));
   if (version == 0) {
     /* The lower bound named for the offsets is that of the file size; the one that counts is below it. */
     constexpr int LOW = ZK_STACK_SIZE_MIN;

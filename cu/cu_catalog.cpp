@@ -176,8 +176,7 @@ static bool append_field(cu_path* path, char letter, const char* name, const cha
 
 /* Makes `path` of the element of NLSPATH from `element` to `end`; an empty one is the name itself. False when
  * the element is to be passed over: it holds an unknown field or gets too long. */
-static bool expand_element(cu_path* path, const char* element, const char* end, const char* name,
-                           const char* locale) {
+static bool expand_element(cu_path* path, const char* element, const char* end, const char* name, const char* locale) {
   path->length = 0;
   path->text.data()[0] = '\0';
   if (element == end) return append(path, name, strlen(name));
@@ -195,8 +194,7 @@ static bool open_along(const char* nlspath, const char* name, const char* locale
   cu_path path;
   for (const char* element = nlspath;;) {
     const char* end = element + strcspn(element, ":");
-    if (expand_element(&path, element, end, name, locale) && open_catalog(path.text.data(), catalog))
-      return true;
+    if (expand_element(&path, element, end, name, locale) && open_catalog(path.text.data(), catalog)) return true;
     if (*end == '\0') return false;
     element = end + 1;
   }

@@ -1,13 +1,13 @@
-/* qx_zelk.h - what a program that records incidents links: Error IDs, node addresses, the shared debug trace
- * file and file utilities. Usable from C11 and from C++.
+/* qx_zelk.h - what a program that records incidents links: Error IDs, node addresses, the shared debug trace file
+ * and file utilities. Usable from C11 and from C++.
  *
  * Conventions of every routine below:
  *   - The result is one of the codes of ZELK_RESULT_CODES; 0 is success, a failure is negative.
- *   - `debug_active` and `debug_file` are the trace pair: when the flag is 1 the routine writes what it
- * decides into the trace file of that name (see zk_debug). A trace that cannot be written is lost; it never
- * changes a result. With the flag at any other value, `debug_file` may be null.
- *   - Texts are NUL-terminated. Output buffers belong to the caller, who hands them over filled with zeros; a
- * size given for one is the least that the routine relies on.
+ *   - `debug_active` and `debug_file` are the trace pair: when the flag is 1 the routine writes what it decides into
+ *     the trace file of that name (see zk_debug). A trace that cannot be written is lost; it never changes a result.
+ *     With the flag at any other value, `debug_file` may be null.
+ *   - Texts are NUL-terminated. Output buffers belong to the caller, who hands them over filled with zeros; a size
+ *     given for one is the least that the routine relies on.
  *   - Unless its comment says otherwise, a routine keeps no state and may be called from any thread.
  */
 #ifndef QX_ZELK_H
@@ -34,11 +34,10 @@ _Static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #define ZELK_PRINTF_LIKE(text, arguments)
 #endif
 
-/* ---- Result codes ------------------------------------------------------------------------------------- */
+/* ---- Result codes -------------------------------------------------------------------------------------------- */
 
-/* X(name, value): every result code, the one list that both the enumeration and the names in a trace come
- * from. A bad parameter n, counted with the trace pair, is -(n + 1); a few routines number their checks
- * differently. */
+/* X(name, value): every result code, the one list that both the enumeration and the names in a trace come from.
+ * A bad parameter n, counted with the trace pair, is -(n + 1); a few routines number their checks differently. */
 #define ZELK_RESULT_CODES(X)                                                                 \
   X(ZELK_SUCCESS, 0)                                                                         \
   X(ZELK_FAILURE, -1)    /* unexpected failure */                                            \
@@ -83,7 +82,7 @@ _Static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 enum { ZELK_RESULT_CODES(ZELK_ENUMERATOR) };
 #undef ZELK_ENUMERATOR
 
-/* ---- Places and sizes --------------------------------------------------------------------------------- */
+/* ---- Places and sizes ---------------------------------------------------------------------------------------- */
 
 #define ZELK_DIR "/var/adm/zelk"
 #define ZELK_STACK_DIR ZELK_DIR "/stacks" /* relative Error Stack names are relative to it */
@@ -102,10 +101,11 @@ enum {
 
 /* An Error ID: 42 characters of the base-64 alphabet, and the terminator. By position:
  *    0       header: one digit, version and location bits
- *    1 ..  6 entry: the i-node of the Error Stack, the error template label or the syslog selector, by
- * location 7 .. 16 time stamp: 6 digits of seconds, 4 digits of microseconds 17 .. 40 node address 41 address
- * type: "." for IPv4, anything else (written as "/") for IPv6 Numbers stand with their least significant
- * digit first, padded with ".", the digit 0. */
+ *    1 ..  6 entry: the i-node of the Error Stack, the error template label or the syslog selector, by location
+ *    7 .. 16 time stamp: 6 digits of seconds, 4 digits of microseconds
+ *   17 .. 40 node address
+ *   41       address type: "." for IPv4, anything else (written as "/") for IPv6
+ * Numbers stand with their least significant digit first, padded with ".", the digit 0. */
 typedef char zk_eid_t[ZELK_EID_SIZE];
 
 enum {
@@ -114,69 +114,63 @@ enum {
   ZELK_LOCATION_SYSLOG = 2    /* it is a syslog message */
 };
 
-/* ---- Base-64 numbers ---------------------------------------------------------------------------------- */
+/* ---- Base-64 numbers ----------------------------------------------------------------------------------------- */
 
 /* The 64 digits in the order of their values, and a terminator. */
 extern const char base64_table[65];
 
-/* Writes the digits of `convert`, least significant first, and a NUL into `buffer`. At most 6 digits are
- * written, so only the low 36 bits count; 0 gives the empty text. `buffer` holds at least 7 bytes (or
- * `length` + 2, when that is less). The call fails when a digit's index passes `length`: up to `length` + 1
- * digits are accepted. Returns 0, or -1 with errno EINVAL when `buffer` is null or `length` too small (then
- * the text is empty). */
+/* Writes the digits of `convert`, least significant first, and a NUL into `buffer`. At most 6 digits are written,
+ * so only the low 36 bits count; 0 gives the empty text. `buffer` holds at least 7 bytes (or `length` + 2, when that
+ * is less). The call fails when a digit's index passes `length`: up to `length` + 1 digits are accepted.
+ * Returns 0, or -1 with errno EINVAL when `buffer` is null or `length` too small (then the text is empty). */
 int zk_l64a_r(uint64_t convert, char* buffer, int length);
 
-/* Returns the value of the whole text `convert`, 0 for a null or empty one. A character outside the alphabet
- * counts as the digit 0; digits beyond 64 bits are lost. */
+/* Returns the value of the whole text `convert`, 0 for a null or empty one. A character outside the alphabet counts
+ * as the digit 0; digits beyond 64 bits are lost. */
 uint64_t zk_a64l(const char* convert);
 
-/* ---- Fields of an Error ID
- * ----------------------------------------------------------------------------------- * "get" turns a value
- * into a field's text, "conv" a text into the value. The text outputs of the get routines are 2 bytes
- * (header), 7 bytes (entry) or 11 bytes (time), zero-filled by the caller. The conv routines read no more
- * than the field's width, nothing past a NUL, and take missing characters as absent. */
+/* ---- Fields of an Error ID ----------------------------------------------------------------------------------- *
+ * "get" turns a value into a field's text, "conv" a text into the value. The text outputs of the get routines are 2
+ * bytes (header), 7 bytes (entry) or 11 bytes (time), zero-filled by the caller. The conv routines read no more than
+ * the field's width, nothing past a NUL, and take missing characters as absent. */
 
 /* Header digit from `version_id` (1 or 2) and `location_mask` (ZELK_LOCATION_..., 0 to 2).
  * Returns 0; ZELK_INV_PARAM3 bad version; ZELK_INV_PARAM4 bad location; ZELK_INV_PARAM5 null output. */
-int zk_get_base_64_hdr(int debug_active, const char* debug_file, int version_id, int location_mask,
-                       char* hdr64rep);
+int zk_get_base_64_hdr(int debug_active, const char* debug_file, int version_id, int location_mask, char* hdr64rep);
 
-/* Version and location from a header text, which is decoded whole. `*version_id` is set as soon as it is
- * known, also when the location is then refused. Returns 0; ZELK_INV_PARAM3 null or empty text;
- * ZELK_INV_PARAM4, ZELK_INV_PARAM5 null output; ZELK_UNSUPPORTED a version or location of a later format. */
+/* Version and location from a header text, which is decoded whole. `*version_id` is set as soon as it is known, also
+ * when the location is then refused.
+ * Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4, ZELK_INV_PARAM5 null output;
+ * ZELK_UNSUPPORTED a version or location of a later format. */
 int zk_conv_base_64_hdr(int debug_active, const char* debug_file, const char* hdr64rep, int* version_id,
                         int* location_mask);
 
 /* Entry text from the i-node number of the file `filename` (its low 36 bits).
- * Returns 0; ZELK_INV_PARAM3 null or empty name; ZELK_INV_PARAM4 null output; ZELK_NO_ACCESS,
- * ZELK_FILE_MISSING, ZELK_DIR_MISSING, ZELK_FAILURE when the file's status cannot be had. */
+ * Returns 0; ZELK_INV_PARAM3 null or empty name; ZELK_INV_PARAM4 null output; ZELK_NO_ACCESS, ZELK_FILE_MISSING,
+ * ZELK_DIR_MISSING, ZELK_FAILURE when the file's status cannot be had. */
 int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* filename, char* inode64rep);
 
-/* Names of the entries of `directory` whose i-node number has these low 36 bits, in directory order.
- * `filename_list` is `filelist_limit` slots of ZELK_FILE_SLOT_SIZE bytes, zero-filled by the caller; names,
- * not paths, are written, and the last byte of a slot never is. Returns 0; ZELK_INV_PARAM3 null or empty
- * directory; ZELK_INV_PARAM4 null or empty text; ZELK_INV_PARAM5 null list or a limit below 1;
- * ZELK_DIR_NO_ACCESS, ZELK_DIR_MISSING, ZELK_FAILURE when the directory cannot be opened; ZELK_FILE_MISSING
- * no entry matches. */
-int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory,
-                          const char* inode64rep, char* filename_list, int filelist_limit);
+/* Names of the entries of `directory` whose i-node number has these low 36 bits, in directory order. `filename_list`
+ * is `filelist_limit` slots of ZELK_FILE_SLOT_SIZE bytes, zero-filled by the caller; names, not paths, are written,
+ * and the last byte of a slot never is.
+ * Returns 0; ZELK_INV_PARAM3 null or empty directory; ZELK_INV_PARAM4 null or empty text; ZELK_INV_PARAM5 null list
+ * or a limit below 1; ZELK_DIR_NO_ACCESS, ZELK_DIR_MISSING, ZELK_FAILURE when the directory cannot be opened;
+ * ZELK_FILE_MISSING no entry matches. */
+int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory, const char* inode64rep,
+                          char* filename_list, int filelist_limit);
 
 /* Entry text from an error template label.
  * Returns 0; ZELK_INV_PARAM4 null output; ZELK_FAILURE no conversion. */
-int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int template_id,
-                         char* templ64rep);
+int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int template_id, char* templ64rep);
 
 /* Error template label from an entry text.
- * Returns 0; ZELK_INV_PARAM3 null text; ZELK_INV_PARAM4 null output; ZELK_FAILURE when the label is 0, which
- * is stored all the same. */
-int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep,
-                          unsigned int* template_id);
+ * Returns 0; ZELK_INV_PARAM3 null text; ZELK_INV_PARAM4 null output; ZELK_FAILURE when the label is 0, which is
+ * stored all the same. */
+int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep, unsigned int* template_id);
 
-/* Entry text from a syslog facility in its shifted form (facility number times 8: 0 to 184) and a severity, 0
- * to 7. Returns 0; ZELK_INV_PARAM3 bad facility; ZELK_INV_PARAM4 bad severity; ZELK_INV_PARAM5 null output.
- */
-int zk_get_base_64_selector(int debug_active, const char* debug_file, int facility, int priority,
-                            char* sel64rep);
+/* Entry text from a syslog facility in its shifted form (facility number times 8: 0 to 184) and a severity, 0 to 7.
+ * Returns 0; ZELK_INV_PARAM3 bad facility; ZELK_INV_PARAM4 bad severity; ZELK_INV_PARAM5 null output. */
+int zk_get_base_64_selector(int debug_active, const char* debug_file, int facility, int priority, char* sel64rep);
 
 /* Facility (shifted form) and severity from an entry text; both are written on success only.
  * Returns 0; ZELK_INV_PARAM3 null, empty or malformed text or a value out of range; ZELK_INV_PARAM4,
@@ -184,8 +178,8 @@ int zk_get_base_64_selector(int debug_active, const char* debug_file, int facili
 int zk_conv_base_64_selector(int debug_active, const char* debug_file, const char* sel64rep, int* facility,
                              int* priority);
 
-/* Copies the 6 characters of the entry field of the Error ID `fid` to `selector`, without a terminator; does
- * nothing when `selector` is null. */
+/* Copies the 6 characters of the entry field of the Error ID `fid` to `selector`, without a terminator; does nothing
+ * when `selector` is null. */
 void zk_selector_substr(const char* fid, char* selector);
 
 /* Time stamp text of the present moment; `*seconds` receives its seconds since the Epoch.
@@ -193,44 +187,42 @@ void zk_selector_substr(const char* fid, char* selector);
 int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep, long* seconds);
 
 /* Seconds since the Epoch and microseconds from a time stamp text.
- * Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 null output; ZELK_INV_FID when the seconds
- * are 0 or the microseconds above 999999 (`*tbuf` is then cleared). */
-int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep,
-                         struct timeval* tbuf);
+ * Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 null output; ZELK_INV_FID when the seconds are 0 or
+ * the microseconds above 999999 (`*tbuf` is then cleared). */
+int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep, struct timeval* tbuf);
 
-/* ---- Error IDs ---------------------------------------------------------------------------------------- */
+/* ---- Error IDs ----------------------------------------------------------------------------------------------- */
 
 /* Decodes the 42-character Error ID `zelkid` of version 1 or 2.
  *   local_fid         1 when the node address in the ID is one of this node's, else 0; never null
  *   version_id        1 or 2
  *   location_mask     ZELK_LOCATION_TEMPLATE, _STACK or _SYSLOG
- *   stack_file_list   stack_file_limit slots of ZELK_FILE_SLOT_SIZE bytes, zero-filled by the caller: the
- * names (not paths) of the files in ZELK_STACK_DIR with the recorded i-node. Only for ZELK_LOCATION_STACK and
- * an ID of this node; a limit below 1 then is ZELK_INV_PARAM5 err_templ_label   only for
- * ZELK_LOCATION_TEMPLATE bsd_facility, bsd_priority  syslog facility (number times 8) and severity, only for
- * ZELK_LOCATION_SYSLOG timestamp         a struct timeval: seconds since the Epoch, microseconds 0 to 999999
+ *   stack_file_list   stack_file_limit slots of ZELK_FILE_SLOT_SIZE bytes, zero-filled by the caller: the names (not
+ *                     paths) of the files in ZELK_STACK_DIR with the recorded i-node. Only for ZELK_LOCATION_STACK
+ *                     and an ID of this node; a limit below 1 then is ZELK_INV_PARAM5
+ *   err_templ_label   only for ZELK_LOCATION_TEMPLATE
+ *   bsd_facility, bsd_priority  syslog facility (number times 8) and severity, only for ZELK_LOCATION_SYSLOG
+ *   timestamp         a struct timeval: seconds since the Epoch, microseconds 0 to 999999
  *   ip_addr           16 bytes: the address in network byte order, 4 bytes of it for IPv4
  *   ipv6_flag         0 for IPv4, 1 for IPv6
- * Outputs that the location does not concern stay as they were; after a failure, what earlier steps wrote
- * stays. Returns 0; ZELK_FILE_MISSING when no file has that i-node (every other output is valid then);
+ * Outputs that the location does not concern stay as they were; after a failure, what earlier steps wrote stays.
+ * Returns 0; ZELK_FILE_MISSING when no file has that i-node (every other output is valid then);
  * ZELK_INV_PARAM2 a null or empty ID, or one whose length is not 42; ZELK_INV_PARAM3 to ZELK_INV_PARAM9 null
- * version_id, location_mask, stack_file_list, err_templ_label, timestamp, ip_addr, ipv6_flag;
- * ZELK_INV_PARAMCOMBO null bsd_facility or bsd_priority; ZELK_UNSUPPORTED a later version or location;
- * ZELK_INV_FID a bad time stamp; ZELK_INV_PARAM4 also for an address type other than "." and "/";
- * ZELK_INV_PARAM3 also for a malformed selector; ZELK_FAILURE a label of 0; ZELK_DIR_NO_ACCESS,
- * ZELK_DIR_MISSING, ZELK_FAILURE when ZELK_STACK_DIR cannot be read. Reads the node's interfaces and
- * ZELK_STACK_DIR on every call. */
-int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid, int* local_fid,
-                    int* version_id, int* location_mask, char* stack_file_list, int stack_file_limit,
-                    unsigned int* err_templ_label, int* bsd_facility, int* bsd_priority, void* timestamp,
-                    void* ip_addr, int* ipv6_flag);
+ * version_id, location_mask, stack_file_list, err_templ_label, timestamp, ip_addr, ipv6_flag; ZELK_INV_PARAMCOMBO
+ * null bsd_facility or bsd_priority; ZELK_UNSUPPORTED a later version or location; ZELK_INV_FID a bad time stamp;
+ * ZELK_INV_PARAM4 also for an address type other than "." and "/"; ZELK_INV_PARAM3 also for a malformed selector;
+ * ZELK_FAILURE a label of 0; ZELK_DIR_NO_ACCESS, ZELK_DIR_MISSING, ZELK_FAILURE when ZELK_STACK_DIR cannot be read.
+ * Reads the node's interfaces and ZELK_STACK_DIR on every call. */
+int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid, int* local_fid, int* version_id,
+                    int* location_mask, char* stack_file_list, int stack_file_limit, unsigned int* err_templ_label,
+                    int* bsd_facility, int* bsd_priority, void* timestamp, void* ip_addr, int* ipv6_flag);
 
-/* As zk_decode_eid_2, for an Error ID of version 1 that names an Error Stack or an error template.
- * `stack_file` is one slot of ZELK_FILE_SLOT_SIZE bytes. Returns the same codes, less ZELK_INV_PARAMCOMBO;
- * ZELK_UNSUPPORTED for version 2, ZELK_FAILURE for ZELK_LOCATION_SYSLOG. */
-int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, int* local_fid,
-                  int* version_id, int* location_mask, char* stack_file, unsigned int* err_templ_label,
-                  void* timestamp, void* ip_addr, int* ipv6_flag);
+/* As zk_decode_eid_2, for an Error ID of version 1 that names an Error Stack or an error template. `stack_file` is one
+ * slot of ZELK_FILE_SLOT_SIZE bytes. Returns the same codes, less ZELK_INV_PARAMCOMBO; ZELK_UNSUPPORTED for version
+ * 2, ZELK_FAILURE for ZELK_LOCATION_SYSLOG. */
+int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, int* local_fid, int* version_id,
+                  int* location_mask, char* stack_file, unsigned int* err_templ_label, void* timestamp, void* ip_addr,
+                  int* ipv6_flag);
 
 /* Makes an Error ID of version 2 for an incident that is about to be recorded now.
  *   stack_file       path of the Error Stack file, or null
@@ -239,154 +231,149 @@ int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, 
  *   bsd_priority     syslog severity, 0 to 7
  *   timestamp        receives the seconds of the ID's time stamp; not null
  *   zelkid           receives the ID, ZELK_EID_SIZE bytes; not null, written on success only
- * The node address is the value of the environment variable ZELKADDR: 24 characters of encoded address and
- * the type character, as zk_get_ipaddr makes them. Where several locations are given, the last in the order
- * stack, template, syslog is used. Returns 0; ZELK_INV_PARAMCOMBO a stack file together with a template label
- * or a facility of 0 to 23, or no location at all; ZELK_INV_PARAM3 an empty stack file name; ZELK_FAILURE
- * anything else (ZELKADDR missing or not 25 characters, the stack file missing, a bad severity). Reads the
- * environment: no other thread may change it meanwhile. */
-int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stack_file,
-                      unsigned int err_templ_label, int bsd_facility, int bsd_priority, long* timestamp,
-                      char* zelkid);
+ * The node address is the value of the environment variable ZELKADDR: 24 characters of encoded address and the type
+ * character, as zk_get_ipaddr makes them. Where several locations are given, the last in the order stack, template,
+ * syslog is used.
+ * Returns 0; ZELK_INV_PARAMCOMBO a stack file together with a template label or a facility of 0 to 23, or no location
+ * at all; ZELK_INV_PARAM3 an empty stack file name; ZELK_FAILURE anything else (ZELKADDR missing or not 25
+ * characters, the stack file missing, a bad severity).
+ * Reads the environment: no other thread may change it meanwhile. */
+int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stack_file, unsigned int err_templ_label,
+                      int bsd_facility, int bsd_priority, long* timestamp, char* zelkid);
 
-/* As zk_generate_eid_2, for version 1, which knows no syslog messages: ZELK_INV_PARAMCOMBO when both or
- * neither of `stack_file` and `err_templ_label` are given. */
-int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_file,
-                    unsigned int err_templ_label, long* timestamp, char* zelkid);
+/* As zk_generate_eid_2, for version 1, which knows no syslog messages: ZELK_INV_PARAMCOMBO when both or neither of
+ * `stack_file` and `err_templ_label` are given. */
+int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_file, unsigned int err_templ_label,
+                    long* timestamp, char* zelkid);
 
-/* ---- Node addresses ----------------------------------------------------------------------------------- */
+/* ---- Node addresses ------------------------------------------------------------------------------------------ */
 
 /* The IPv4 addresses of this node's network interfaces, in the kernel's order.
- *   findfirst 0      `addr` is a list of slots of ZELK_ADDR_SLOT_SIZE bytes, zero-filled,
- * ZELK_ADDR_LIST_SLOTS of them to hold whatever can be found; every address is listed, up or down, loopback
- * or not, and
+ *   findfirst 0      `addr` is a list of slots of ZELK_ADDR_SLOT_SIZE bytes, zero-filled, ZELK_ADDR_LIST_SLOTS of them
+ *                    to hold whatever can be found; every address is listed, up or down, loopback or not, and
  *                    `*num_found` raised by one for each. The list ends at the first empty slot
- *   findfirst not 0  `addr` is one slot: the first address that is not a loopback that is up, else the
- * loopback's, else empty; `*num_found` is set to 1 `num_found` may be null. Returns 0; ZELK_FAILURE when the
- * interfaces cannot be queried. */
+ *   findfirst not 0  `addr` is one slot: the first address that is not a loopback that is up, else the loopback's,
+ *                    else empty; `*num_found` is set to 1
+ * `num_found` may be null. Returns 0; ZELK_FAILURE when the interfaces cannot be queried. */
 int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int findfirst, int* num_found);
 
 /* Returns 0 when `addr` consists of four runs of digits (an empty run counts) separated by ".", else 1. */
 int zk_is_addr_ipv6_type(const char* addr);
 
-/* This node's address for an Error ID: 24 characters and a terminator into `ip_addr` (ZELK_ADDR_CODE_SIZE
- * bytes), "." or "/" into `*ipv6_flag`. A node without any IPv4 address gets 24 "." and "/". Returns 0;
- * ZELK_INV_PARAM3, ZELK_INV_PARAM4 null output; ZELK_FAILURE when the interfaces cannot be queried. */
+/* This node's address for an Error ID: 24 characters and a terminator into `ip_addr` (ZELK_ADDR_CODE_SIZE bytes), "."
+ * or "/" into `*ipv6_flag`. A node without any IPv4 address gets 24 "." and "/".
+ * Returns 0; ZELK_INV_PARAM3, ZELK_INV_PARAM4 null output; ZELK_FAILURE when the interfaces cannot be queried. */
 int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char* ipv6_flag);
 
-/* Decodes an encoded address of the type `ipv6_flag` into network byte order: 4 bytes at `ip_addr` for ".",
- * 16 for "/". Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 another type character. */
-int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_rep, char ipv6_flag,
-                   void* ip_addr);
+/* Decodes an encoded address of the type `ipv6_flag` into network byte order: 4 bytes at `ip_addr` for ".", 16 for
+ * "/". Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 another type character. */
+int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_rep, char ipv6_flag, void* ip_addr);
 
 /* Looks for the address text `ip_addr` in `ip_list`, slots of ZELK_ADDR_SLOT_SIZE bytes up to an empty one.
- * Returns 0 found; ZELK_FAILURE not found; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 null or empty
- * list. */
+ * Returns 0 found; ZELK_FAILURE not found; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 null or empty list. */
 int zk_test_ipaddr(int debug_active, const char* debug_file, const char* ip_addr, const char* ip_list);
 
-/* ---- Debug trace file
- * ---------------------------------------------------------------------------------------- * A text file of
- * fixed size that all tracing programs share and that is written round and round: 0 .. 35  control line:
- * "ZKTFO=" next-write offset, "ZKTFW=" wrap count, "ZKTFS=" file size, each 5 wide 36 ..     entries, each
- * starting with a byte 0x01; "[END OF FINAL ENTRY]" after the newest, at the next-write offset; "[FILE
- * RECYCLES HERE]" where writing went back to offset 36 */
+/* ---- Debug trace file ---------------------------------------------------------------------------------------- *
+ * A text file of fixed size that all tracing programs share and that is written round and round:
+ *    0 .. 35  control line: "ZKTFO=" next-write offset, "ZKTFW=" wrap count, "ZKTFS=" file size, each 5 wide
+ *   36 ..     entries, each starting with a byte 0x01; "[END OF FINAL ENTRY]" after the newest, at the next-write
+ *             offset; "[FILE RECYCLES HERE]" where writing went back to offset 36 */
 
 /* Values of zk_is_debug_file_set. */
 enum { ZELK_TRACE_EXISTS = 1, ZELK_TRACE_MISSING = 2, ZELK_TRACE_UNSET = 3 };
 
-/* Decides from the environment variable ZELKDEBUG whether to trace, and copies its value into
- * `trace_filename` (ZELK_PATH_SIZE bytes). Returns ZELK_TRACE_EXISTS; ZELK_TRACE_MISSING: the file must be
- * made; ZELK_TRACE_UNSET (nothing copied); or, with nothing copied, ZELK_INV_PARAM1 null buffer;
- * ZELK_IS_A_DIR; ZELK_NAME_TOO_LONG; ZELK_DIR_NO_ACCESS; ZELK_LINK_LOOP; ZELK_STALE; ZELK_DIR_MISSING a part
- * of the path is not a directory; ZELK_FAILURE. Reads the environment: no other thread may change it
- * meanwhile. */
+/* Decides from the environment variable ZELKDEBUG whether to trace, and copies its value into `trace_filename`
+ * (ZELK_PATH_SIZE bytes).
+ * Returns ZELK_TRACE_EXISTS; ZELK_TRACE_MISSING: the file must be made; ZELK_TRACE_UNSET (nothing copied); or, with
+ * nothing copied, ZELK_INV_PARAM1 null buffer; ZELK_IS_A_DIR; ZELK_NAME_TOO_LONG; ZELK_DIR_NO_ACCESS; ZELK_LINK_LOOP;
+ * ZELK_STALE; ZELK_DIR_MISSING a part of the path is not a directory; ZELK_FAILURE.
+ * Reads the environment: no other thread may change it meanwhile. */
 int zk_is_debug_file_set(char* trace_filename);
 
 /* Makes the trace file `debug_file`: zk_allocate_file with 16384 bytes, 8192 at the least; its results. */
 int zk_create_debug_file(const char* debug_file);
 
 /* Appends one entry to the trace file: time, `interface_name` (the calling routine), process, thread, and the
- * message, of which 254 characters are kept, folded into lines of 72. An entry is cut at 1023 bytes. The
- * whole file is locked (waiting) while the entry is written. errno is left as it was. Any number of processes
- * and threads may write to one file. A thread that is cancelled or a signal handler must not call it. Returns
- * 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM3 a null argument; ZELK_FILE_MISSING, ZELK_NO_ACCESS, ZELK_TOO_MANY,
- * ZELK_DIR_MISSING, ZELK_READ_ONLY, ZELK_LINK_LOOP, ZELK_FAILURE the file cannot be opened; ZELK_LOCK,
- * ZELK_UNLOCK; ZELK_FILE_CORRUPT not a trace file, or it cannot be read or written. */
+ * message, of which 254 characters are kept, folded into lines of 72. An entry is cut at 1023 bytes. The whole file
+ * is locked (waiting) while the entry is written. errno is left as it was.
+ * Any number of processes and threads may write to one file. A thread that is cancelled or a signal handler must not
+ * call it.
+ * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM3 a null argument; ZELK_FILE_MISSING, ZELK_NO_ACCESS, ZELK_TOO_MANY,
+ * ZELK_DIR_MISSING, ZELK_READ_ONLY, ZELK_LINK_LOOP, ZELK_FAILURE the file cannot be opened; ZELK_LOCK, ZELK_UNLOCK;
+ * ZELK_FILE_CORRUPT not a trace file, or it cannot be read or written. */
 int zk_debug(const char* trace_filename, const char* interface_name, const char* debug_info_fmt, ...)
     ZELK_PRINTF_LIKE(3, 4);
 
-/* Appends the folded lines of the message to the text in `output_buffer`, at most 510 bytes with the
- * terminator. Returns 0; ZELK_INV_PARAM1, ZELK_INV_PARAM2 null buffer, null format. */
-int zk_format_debug_info(char* output_buffer, const char* debug_info_fmt, va_list varargs)
-    ZELK_PRINTF_LIKE(2, 0);
+/* Appends the folded lines of the message to the text in `output_buffer`, at most 510 bytes with the terminator.
+ * Returns 0; ZELK_INV_PARAM1, ZELK_INV_PARAM2 null buffer, null format. */
+int zk_format_debug_info(char* output_buffer, const char* debug_info_fmt, va_list varargs) ZELK_PRINTF_LIKE(2, 0);
 
-/* Writes the prepared entry `output_buffer` into the trace file open read-write as `fildes`, locked by the
- * caller and positioned at 0, and updates its control line. Leaves the file positioned at 0 on success.
+/* Writes the prepared entry `output_buffer` into the trace file open read-write as `fildes`, locked by the caller and
+ * positioned at 0, and updates its control line. Leaves the file positioned at 0 on success.
  * Returns 0; ZELK_INV_PARAM1 bad descriptor; ZELK_INV_PARAM2 null entry; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
 int zk_record_debug_info(int fildes, const char* output_buffer);
 
-/* Takes the three numbers of the control line `buf` apart, without checking their ranges: next-write offset,
- * file size, wrap count. Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM4 a null argument; ZELK_FILE_CORRUPT a
- * marker is missing. */
+/* Takes the three numbers of the control line `buf` apart, without checking their ranges: next-write offset, file
+ * size, wrap count.
+ * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM4 a null argument; ZELK_FILE_CORRUPT a marker is missing. */
 int zk_get_file_ctrl_info(const char* buf, off_t* record_pos, off_t* end_pos, int* wrapped);
 
-/* Zeroes what a write left of an older entry: from the file's position up to the next entry, when one starts
- * within 1024 bytes. Returns 0; ZELK_INV_PARAM1 bad descriptor; ZELK_FILE_CORRUPT the file cannot be read or
- * written. */
+/* Zeroes what a write left of an older entry: from the file's position up to the next entry, when one starts within
+ * 1024 bytes. Returns 0; ZELK_INV_PARAM1 bad descriptor; ZELK_FILE_CORRUPT the file cannot be read or written. */
 int zk_clear_record_remnant(int fildes);
 
-/* ---- Files -------------------------------------------------------------------------------------------- */
+/* ---- Files --------------------------------------------------------------------------------------------------- */
 
 /* Writes `offset` zero bytes (a length, despite its name) at the descriptor's position.
  * Returns the length; -1 with errno set, what was written stays written. */
 off_t fclear(int fildes, off_t offset);
 
-/* The largest size in bytes, from `requested_size` down in steps of two blocks, with which a new file
- * `filename` leaves 5% of its file system available; always above `min_size` unless `requested_size` itself
- * fits. Returns 0; ZELK_INV_PARAM3 null name; ZELK_INV_PARAM4 null result; ZELK_DIR_MISSING,
- * ZELK_DIR_NO_ACCESS, ZELK_STALE, ZELK_FAILURE the directory cannot be examined; ZELK_NO_SPACE. */
-int zk_determine_max_fsize(int debug_active, const char* debug_file, const char* filename,
-                           off_t requested_size, off_t min_size, off_t* file_size);
+/* The largest size in bytes, from `requested_size` down in steps of two blocks, with which a new file `filename`
+ * leaves 5% of its file system available; always above `min_size` unless `requested_size` itself fits.
+ * Returns 0; ZELK_INV_PARAM3 null name; ZELK_INV_PARAM4 null result; ZELK_DIR_MISSING, ZELK_DIR_NO_ACCESS,
+ * ZELK_STALE, ZELK_FAILURE the directory cannot be examined; ZELK_NO_SPACE. */
+int zk_determine_max_fsize(int debug_active, const char* debug_file, const char* filename, off_t requested_size,
+                           off_t min_size, off_t* file_size);
 
-/* Creates the trace file `filename`, filled with zeros but for its control line, permissions 0666 whatever
- * the umask, with the size that zk_determine_max_fsize allows. A file that exists is left alone and counts as
- * made. On failure no file is left behind. `*actual_size` (may be null) is set when the file was made.
+/* Creates the trace file `filename`, filled with zeros but for its control line, permissions 0666 whatever the umask,
+ * with the size that zk_determine_max_fsize allows. A file that exists is left alone and counts as made. On failure no
+ * file is left behind. `*actual_size` (may be null) is set when the file was made.
  * Returns 0; ZELK_INV_PARAM3 null name; the codes of zk_determine_max_fsize; ZELK_READ_ONLY creation or its
  * permissions refused; ZELK_TOO_MANY; ZELK_LOCK; ZELK_NO_SPACE; ZELK_FAILURE. */
 int zk_allocate_file(int debug_active, const char* debug_file, const char* filename, off_t requested_size,
                      off_t min_size, off_t* actual_size);
 
-/* What `check_file` is. Returns 0 exists and is not a directory (by one mode bit: block devices and sockets
- * count as directories); ZELK_INV_PARAM1 null or empty name; ZELK_IS_A_DIR; ZELK_FILE_MISSING;
- * ZELK_NO_ACCESS; ZELK_DIR_NO_ACCESS, ZELK_DIR_MISSING its directory; ZELK_FAILURE, also for a name of 4096
- * bytes or more. */
+/* What `check_file` is. Returns 0 exists and is not a directory (by one mode bit: block devices and sockets count as
+ * directories); ZELK_INV_PARAM1 null or empty name; ZELK_IS_A_DIR; ZELK_FILE_MISSING; ZELK_NO_ACCESS;
+ * ZELK_DIR_NO_ACCESS, ZELK_DIR_MISSING its directory; ZELK_FAILURE, also for a name of 4096 bytes or more. */
 int zk_test_for_file(int debug_active, const char* debug_file, const char* check_file);
 
 /* As zk_test_for_file, but 0 for a directory and ZELK_NOT_A_DIR for anything else that exists. */
 int zk_test_for_dir(int debug_active, const char* debug_file, const char* check_dir);
 
-/* Forms the name of a new dump file, ZELK_DUMP_DIR/command.pid.date.time, in `dump_file` (ZELK_DUMP_NAME_SIZE
- * bytes). The command is the value of the environment variable ZELKPNAME. One name a process and second.
- * Returns 0; ZELK_INV_ENV ZELKPNAME unset, empty or with a "/"; ZELK_FILE_EXIST the name is taken;
- * ZELK_FAILURE the name is too long; the codes of zk_test_for_file. Reads the environment: no other thread
- * may change it meanwhile. */
+/* Forms the name of a new dump file, ZELK_DUMP_DIR/command.pid.date.time, in `dump_file` (ZELK_DUMP_NAME_SIZE bytes).
+ * The command is the value of the environment variable ZELKPNAME. One name a process and second.
+ * Returns 0; ZELK_INV_ENV ZELKPNAME unset, empty or with a "/"; ZELK_FILE_EXIST the name is taken; ZELK_FAILURE the
+ * name is too long; the codes of zk_test_for_file.
+ * Reads the environment: no other thread may change it meanwhile. */
 int zk_get_dump_file_name(int debug_active, const char* debug_file, char* dump_file);
 
-/* Copies from one open descriptor to the other until the end of input; both are closed on success and left
- * open on failure. Returns 0; ZELK_IO_ERROR reading failed; ZELK_NO_SPACE, ZELK_FAILURE writing failed. */
+/* Copies from one open descriptor to the other until the end of input; both are closed on success and left open on
+ * failure. Returns 0; ZELK_IO_ERROR reading failed; ZELK_NO_SPACE, ZELK_FAILURE writing failed. */
 int zk_copy_file(int debug_active, const char* debug_file, int input_file, int output_file);
 
 /* Preserves the dump file `dump_input_file` by a copy in ZELK_DUMP_DIR and puts the name to record into
- * `dump_output_file` (ZELK_DUMP_NAME_SIZE bytes): the copy's on success, else the input's own. A half-written
- * copy is removed. Each descriptor it opens is closed once. Returns 0; ZELK_INV_PARAM3 null or empty input
- * name; ZELK_INV_PARAM4 null output; the codes of zk_test_for_file for the input (the output is then left
- * alone), of zk_test_for_dir for the directory, of zk_get_dump_file_name, of zk_copy_file; ZELK_READ_ONLY,
- * ZELK_TOO_MANY, ZELK_NO_SPACE, ZELK_FAILURE a file cannot be opened, ZELK_FAILURE also for an input that is
- * not a regular file. Reads the environment: no other thread may change it meanwhile. */
+ * `dump_output_file` (ZELK_DUMP_NAME_SIZE bytes): the copy's on success, else the input's own. A half-written copy is
+ * removed. Each descriptor it opens is closed once.
+ * Returns 0; ZELK_INV_PARAM3 null or empty input name; ZELK_INV_PARAM4 null output; the codes of zk_test_for_file for
+ * the input (the output is then left alone), of zk_test_for_dir for the directory, of zk_get_dump_file_name, of
+ * zk_copy_file; ZELK_READ_ONLY, ZELK_TOO_MANY, ZELK_NO_SPACE, ZELK_FAILURE a file cannot be opened, ZELK_FAILURE also
+ * for an input that is not a regular file.
+ * Reads the environment: no other thread may change it meanwhile. */
 int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char* dump_input_file,
                            char* dump_output_file);
 
-/* ---- Small utilities ---------------------------------------------------------------------------------- */
+/* ---- Small utilities ----------------------------------------------------------------------------------------- */
 
 /* Entries of a recording program's array of error flags (ints, not zero when set). */
 enum {
@@ -400,11 +387,11 @@ enum {
 /* Width of the field that zk_make_file_info_msg makes. */
 enum { ZELK_FILE_INFO_SIZE = 46 };
 
-/* Writes the 46 characters "product,file,version,line" to `buffer`, padded with blanks, without a terminator;
- * the file is the base name of `detecting_file`. A text that does not fit ends in ">" after its first 45
- * characters, and the bytes of `buffer` from 46 up to the full text's length are zeroed: the buffer must be
- * as long as the longest text that the arguments can give, at least 46. A null argument is allowed only where
- * its flag in `error_flags` (at least ZELK_FLAG_LINE + 1 ints) is set. Returns 46. */
+/* Writes the 46 characters "product,file,version,line" to `buffer`, padded with blanks, without a terminator; the file
+ * is the base name of `detecting_file`. A text that does not fit ends in ">" after its first 45 characters, and the
+ * bytes of `buffer` from 46 up to the full text's length are zeroed: the buffer must be as long as the longest text
+ * that the arguments can give, at least 46. A null argument is allowed only where its flag in `error_flags` (at
+ * least ZELK_FLAG_LINE + 1 ints) is set. Returns 46. */
 int zk_make_file_info_msg(int debug_active, const char* debug_file, char* buffer, const char* lpp_name,
                           const char* detecting_file, const char* sid_level, int line_pos, int* error_flags);
 
@@ -413,8 +400,8 @@ enum { ZELK_DEBUG = 6 };
 
 /* Stores the syslog severity of an event of type `event_type` in `*bsd_pri`. A type outside 0 to 6 counts as
  * ZELK_DEBUG and, when `track_errors` is 1, sets error_flags[ZELK_FLAG_EVENT_TYPE]. */
-void zk_determine_bsd_priority(int debug_active, const char* debug_file, int event_type, int* bsd_pri,
-                               int track_errors, int* error_flags);
+void zk_determine_bsd_priority(int debug_active, const char* debug_file, int event_type, int* bsd_pri, int track_errors,
+                               int* error_flags);
 
 #ifdef __cplusplus
 }

@@ -111,8 +111,7 @@ inline bool zk_has_flag(const zk_conversion& conversion, char flag) {
 }
 
 /* Puts `text` in a field of the conversion's width. */
-inline void zk_put_padded(zk_text_sink* sink, const zk_conversion& conversion, std::string_view text,
-                          bool recorded) {
+inline void zk_put_padded(zk_text_sink* sink, const zk_conversion& conversion, std::string_view text, bool recorded) {
   static constexpr std::string_view BLANKS = "                ";
   size_t width = static_cast<size_t>(conversion.width);
   size_t padding = width > text.size() ? width - text.size() : 0;
@@ -126,22 +125,19 @@ inline void zk_put_padded(zk_text_sink* sink, const zk_conversion& conversion, s
 /* Puts a number or an address: `value` by the conversion's flags, width and precision and by the letter,
  * whose type `length` names. The parts are checked, so that no recorded text reaches the format. */
 template <typename Value>
-void zk_put_number(zk_text_sink* sink, const zk_conversion& conversion, const char* length, char letter,
-                   Value value) {
+void zk_put_number(zk_text_sink* sink, const zk_conversion& conversion, const char* length, char letter, Value value) {
   std::array<char, 24> format;
   std::array<char, 4096> number; /* 309 digits, their grouping, and ZK_CONVERSION_MAX more behind the point */
   std::snprintf(format.data(), format.size(), "%%%s*.*%s%c", conversion.flags.data(), length, letter);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  int size = std::snprintf(number.data(), number.size(), format.data(), conversion.width,
-                           conversion.precision, value);
+  int size = std::snprintf(number.data(), number.size(), format.data(), conversion.width, conversion.precision, value);
 #pragma GCC diagnostic pop
   if (size < 0) return;
   sink->put(sink, {number.data(), std::min(static_cast<size_t>(size), number.size() - 1)}, false);
 }
 
-inline void zk_put_integer(zk_text_sink* sink, zk_conversion conversion, int64_t value,
-                           uint64_t unsigned_value) {
+inline void zk_put_integer(zk_text_sink* sink, zk_conversion conversion, int64_t value, uint64_t unsigned_value) {
   constexpr std::string_view LETTERS = "dioxXuc";
   if (LETTERS.find(conversion.letter) == LETTERS.npos) {
     conversion.letter = 'd';
@@ -170,8 +166,7 @@ inline void zk_put_double(zk_text_sink* sink, zk_conversion conversion, double v
 inline void zk_put_string(zk_text_sink* sink, const zk_conversion& conversion, const char* text) {
   constexpr std::string_view NULL_TEXT = "(null)";
   size_t limit = std::string_view::npos;
-  if (conversion.letter == 's' && conversion.precision >= 0)
-    limit = static_cast<size_t>(conversion.precision);
+  if (conversion.letter == 's' && conversion.precision >= 0) limit = static_cast<size_t>(conversion.precision);
   if (text != nullptr)
     zk_put_padded(sink, conversion, {text, strnlen(text, limit)}, true);
   else
@@ -191,8 +186,7 @@ inline void zk_put_pointer(zk_text_sink* sink, zk_conversion conversion, void* v
 }
 
 /* Puts `argument` by its own type; false when it has none that can be printed. */
-inline bool zk_put_argument(zk_text_sink* sink, const zk_conversion& conversion,
-                            const cu_error_arg_t& argument) {
+inline bool zk_put_argument(zk_text_sink* sink, const zk_conversion& conversion, const cu_error_arg_t& argument) {
   switch (argument.cu_arg_type) {
     case CU_ERROR_ARG_INT:
     case CU_ERROR_ARG_LONG:
@@ -218,8 +212,7 @@ inline bool zk_put_argument(zk_text_sink* sink, const zk_conversion& conversion,
 }
 
 /* Puts the text `format` with its conversions filled from `arguments`. */
-inline void zk_format_text(zk_text_sink* sink, const char* format,
-                           std::span<const cu_error_arg_t> arguments) {
+inline void zk_format_text(zk_text_sink* sink, const char* format, std::span<const cu_error_arg_t> arguments) {
   size_t taken = 0;
   for (const char* at = format; *at != '\0';) {
     size_t plain = std::strcspn(at, "%");

@@ -18,13 +18,13 @@
  *       94      4  time stamp, seconds since the Epoch
  *       98         process name (text), process, parent and thread identifier (4 bytes each),
  *                  detecting file, its version, product (texts), line (4 bytes),
- *                  message catalog (text), message set, message number (4 bytes each), default message
- * (text), argument count (4 bytes), arguments, details (text)
+ *                  message catalog (text), message set, message number (4 bytes each), default message (text),
+ *                  argument count (4 bytes), arguments, details (text)
  *
  *   argument    4  kind (CU_ERROR_ARG_...), then a text for CU_ERROR_ARG_CHAR_STR, else 8 bytes of value
  *
- * Integers are 32-bit, signed, in the byte order of the host that wrote the file, and stand at any offset;
- * texts end with a NUL. */
+ * Integers are 32-bit, signed, in the byte order of the host that wrote the file, and stand at any offset; texts end
+ * with a NUL. */
 #ifndef ZK_LAYOUT_H
 #define ZK_LAYOUT_H
 
@@ -57,8 +57,8 @@ enum {
   ZK_REC_SIZE_MAX = 2048,                                 /* a record with its length word */
   ZK_REC_BODY_MAX = ZK_REC_SIZE_MAX - ZK_REC_LENGTH_SIZE, /* more is a corrupt record */
   ZK_REC_LISTED_MAX = 1024,                               /* longest body that the grouped views take */
-  ZK_REC_STRING_MAX = 1024, /* longest text, and most unread bytes at its start */
-  ZK_REC_ARG_SIZE = 8       /* value of an argument that is not a text */
+  ZK_REC_STRING_MAX = 1024,                               /* longest text, and most unread bytes at its start */
+  ZK_REC_ARG_SIZE = 8                                     /* value of an argument that is not a text */
 };
 
 /* Whether a stack or a record has a version code that can be read. */

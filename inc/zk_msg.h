@@ -85,8 +85,7 @@ cu_error_arg_t zk_msg_arg(const char* text);
  * built-in text's arguments or fewer, else the built-in text. A number that has no text prints
  * zk_badid_zkview_cmd, or what the catalog has under that number. Before anything goes to standard error,
  * standard output is flushed. */
-void zk_print_message(FILE* stream, nl_catd catfd, int number,
-                      std::initializer_list<cu_error_arg_t> args = {});
+void zk_print_message(FILE* stream, nl_catd catfd, int number, std::initializer_list<cu_error_arg_t> args = {});
 
 /* Gathers what is printed on standard output in `block` (fixed, `size` bytes) from here on, and writes it
  * when the block is full or zk_flush_report is called, retrying interrupted and short writes. Without it

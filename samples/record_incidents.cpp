@@ -204,8 +204,8 @@ static void put_argument(record* made, const argument& given) {
   put_bytes(made, value.data(), value.size());
 }
 
-static void make_record(const incident& told, const char* details, const char* eid, const char* cause,
-                        int32_t seconds, record* made) {
+static void make_record(const incident& told, const char* details, const char* eid, const char* cause, int32_t seconds,
+                        record* made) {
   *made = {};
   std::memcpy(made->bytes.data() + ZK_REC_EID_POS, eid, std::strlen(eid));
   std::memcpy(made->bytes.data() + ZK_REC_RELATED_POS, cause, std::strlen(cause));
@@ -304,8 +304,7 @@ static int load_header(stack* open) {
   if (read_at(*open, 0, &version, sizeof version) != 0) return -1;
   if (read_at(*open, ZK_STACK_HEADER_POS, &open->header, sizeof open->header) != 0) return -1;
   if (version != 0) return fail(open->name, "not an Error Stack of version one");
-  if (!is_header_sound(open->header, status.st_size))
-    return fail(open->name, "the control header is damaged");
+  if (!is_header_sound(open->header, status.st_size)) return fail(open->name, "the control header is damaged");
   return 0;
 }
 
@@ -324,8 +323,7 @@ static int pass_overwritten(stack* open, int32_t end, bool* used_up) {
     if (room >= 0 && read_at(*open, header->earliest_rec, &length, sizeof length) != 0) return -1;
     *used_up = length == 0;
     if (*used_up || header->earliest_rec >= end) return 0;
-    if (length < 0 || length > ZK_REC_BODY_MAX || length > room)
-      return fail(open->name, "a record is damaged");
+    if (length < 0 || length > ZK_REC_BODY_MAX || length > room) return fail(open->name, "a record is damaged");
     header->earliest_rec += ZK_REC_LENGTH_SIZE + length;
   }
 }
@@ -373,8 +371,7 @@ static int open_stack(stack* opened) {
   opened->fildes = fcntl(fildes, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   close(fildes);
   struct stat status;
-  if (opened->fildes < 0 || fstat(opened->fildes, &status) != 0)
-    return fail(opened->name, std::strerror(errno));
+  if (opened->fildes < 0 || fstat(opened->fildes, &status) != 0) return fail(opened->name, std::strerror(errno));
   if (!S_ISREG(status.st_mode)) return fail(opened->name, "not a regular file");
   return 0;
 }
@@ -406,8 +403,7 @@ static int make_eid(const char* stack_name, zk_eid_t eid, long* seconds) {
 
 /* Records an incident; `eid` receives its Error ID, or is null for an incident without one. The ID is made
  * under the lock, so that records stand in the order of their times. */
-static int record_incident(recorder* run, const incident& told, const char* details, const char* cause,
-                           char* eid) {
+static int record_incident(recorder* run, const incident& told, const char* details, const char* cause, char* eid) {
   if (run->recorded > 0 && run->pause > 0) {
     const struct timespec pause = {.tv_sec = static_cast<time_t>(run->pause / 1000),
                                    .tv_nsec = run->pause % 1000 * 1000000};
@@ -436,8 +432,7 @@ static int record_incident(recorder* run, const incident& told, const char* deta
 /* Writes the dump file beside the stack. Several processes may do so at once: it is never cut short. */
 static int write_dump(const char* name) {
   constexpr size_t SIZE = sizeof DUMP_TEXT - 1;
-  const int fildes =
-      open(name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, ANY_ACCESS);
+  const int fildes = open(name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, ANY_ACCESS);
   if (fildes < 0) return fail(name, std::strerror(errno));
   errno = ENOSPC; /* for a short write */
   const bool written = write(fildes, DUMP_TEXT, SIZE) == SIZE && ftruncate(fildes, SIZE) == 0;
@@ -494,8 +489,7 @@ static int record_generated(recorder* run) {
     const size_t enough = draw(run, DETAILS_SIZE);
     int length = std::snprintf(details, sizeof details, "generated  %lu", number);
     for (size_t end = static_cast<size_t>(length); end < enough; end += static_cast<size_t>(length))
-      length =
-          std::snprintf(details + end, sizeof details - end, "\nretry      after %u ms", draw(run, 5000));
+      length = std::snprintf(details + end, sizeof details - end, "\nretry      after %u ms", draw(run, 5000));
 
     char* eid = eids[number % RECENT];
     zk_eid_t cause = "";

@@ -93,17 +93,15 @@ static size_t format_entry_header(std::array<char, ENTRY_SIZE>* entry, const cha
   ctime_r(&now.tv_sec, time_text.data());
   int thread_id = static_cast<int>(static_cast<uint32_t>(pthread_self()));
   std::snprintf(entry->data(), entry->size(), "%c%s\t%s%s\n\t%s%d %s%d\n", ENTRY_START, time_text.data(),
-                "ZELK Routine: ", interface_name, "Called by PID ", static_cast<int>(getpid()), "Thread ",
-                thread_id);
+                "ZELK Routine: ", interface_name, "Called by PID ", static_cast<int>(getpid()), "Thread ", thread_id);
   return std::strlen(entry->data());
 }
 
 /* Writes an entry into the trace file, under its lock. */
 static int append_entry(const char* trace_filename, const char* entry) {
-  static constexpr zk_errno_result OPEN_RESULTS[] = {{ENOENT, ZELK_FILE_MISSING}, {EACCES, ZELK_NO_ACCESS},
-                                                     {ENFILE, ZELK_TOO_MANY},     {EMFILE, ZELK_TOO_MANY},
-                                                     {EROFS, ZELK_READ_ONLY},     {ENOTDIR, ZELK_DIR_MISSING},
-                                                     {ELOOP, ZELK_LINK_LOOP}};
+  static constexpr zk_errno_result OPEN_RESULTS[] = {
+      {ENOENT, ZELK_FILE_MISSING}, {EACCES, ZELK_NO_ACCESS},    {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY},
+      {EROFS, ZELK_READ_ONLY},     {ENOTDIR, ZELK_DIR_MISSING}, {ELOOP, ZELK_LINK_LOOP}};
   int fildes = -1;
   do {
     fildes = open(trace_filename, O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK); /* it may name a FIFO */

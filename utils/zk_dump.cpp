@@ -41,8 +41,7 @@ int zk_test_for_file(int debug_active, const char* debug_file, const char* check
   bool in_directory = false;
   if (stat_file(check_file, &status, &in_directory) != 0) {
     const int error = errno;
-    int result =
-        in_directory ? zk_result_of_errno(error, DIRECTORY_RESULTS) : zk_result_of_errno(error, FILE_RESULTS);
+    int result = in_directory ? zk_result_of_errno(error, DIRECTORY_RESULTS) : zk_result_of_errno(error, FILE_RESULTS);
     if (result == ZELK_FAILURE)
       ZK_TRACE_RC(result,
                   "Attemping to check status of file %s\nUnexpected failure on stat() call: %d\n"
@@ -75,16 +74,15 @@ int zk_get_dump_file_name(int debug_active, const char* debug_file, char* dump_f
   struct tm local = {};
   gettimeofday(&now, nullptr);
   localtime_r(&now.tv_sec, &local);
-  int length = std::snprintf(dump_file, ZELK_DUMP_NAME_SIZE, "%s/%s.%d.%4d%.2d%.2d.%.2d%.2d%.2d",
-                             ZELK_DUMP_DIR, command, static_cast<int>(getpid()), local.tm_year + 1900,
-                             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  int length = std::snprintf(dump_file, ZELK_DUMP_NAME_SIZE, "%s/%s.%d.%4d%.2d%.2d.%.2d%.2d%.2d", ZELK_DUMP_DIR,
+                             command, static_cast<int>(getpid()), local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                             local.tm_hour, local.tm_min, local.tm_sec);
   bool fits = length >= 0 && length < ZELK_DUMP_NAME_SIZE;
 
   int result = fits ? zk_test_for_file(debug_active, debug_file, dump_file) : int{ZELK_FAILURE};
   if (result == ZELK_FILE_MISSING) return ZELK_SUCCESS;
   if (result == ZELK_SUCCESS)
-    ZK_RETURN(ZELK_FILE_EXIST,
-              "Dump file \"%s\" already exists, cannot recreated it\nReturning %s(%d) to the caller\n",
+    ZK_RETURN(ZELK_FILE_EXIST, "Dump file \"%s\" already exists, cannot recreated it\nReturning %s(%d) to the caller\n",
               dump_file);
   ZK_TRACE("Unexpected failure testing for the file \"%s\"\nRetruning %d to the caller\n", dump_file, result);
   return result;
@@ -110,8 +108,8 @@ int zk_copy_file(int debug_active, const char* debug_file, int input_file, int o
     ssize_t count = read(input_file, buffer.data(), buffer.size());
     if (count < 0)
       ZK_RETURN(ZELK_IO_ERROR,
-                "Error reading input from file - Iteration %u - Error Code %d\nReturning %s(%d) to caller\n",
-                iteration, errno);
+                "Error reading input from file - Iteration %u - Error Code %d\nReturning %s(%d) to caller\n", iteration,
+                errno);
     if (count == 0) {
       close(input_file);
       close(output_file);
@@ -141,8 +139,8 @@ static int open_dump(const char* dump_input_file) {
 }
 
 /* Copies `dump_input_file` into the new file `dump_file`, of which nothing is left on failure. */
-static int copy_dump(int debug_active, const char* debug_file, const char* routine,
-                     const char* dump_input_file, const char* dump_file) {
+static int copy_dump(int debug_active, const char* debug_file, const char* routine, const char* dump_input_file,
+                     const char* dump_file) {
   static constexpr zk_errno_result OUTPUT_RESULTS[] = {{ENOSPC, ZELK_NO_SPACE},
                                                        {EROFS, ZELK_READ_ONLY},
                                                        {ENFILE, ZELK_TOO_MANY},
@@ -201,20 +199,17 @@ int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char*
   std::array<char, ZELK_DUMP_NAME_SIZE> dump_file = {};
   result = zk_test_for_dir(debug_active, debug_file, ZELK_DUMP_DIR);
   if (result != ZELK_SUCCESS)
-    ZK_TRACE_AS(ROUTINE,
-                "Existence of dump directory \"%s\" cannot be verified\nzk_test_for_dir returned %d\n",
+    ZK_TRACE_AS(ROUTINE, "Existence of dump directory \"%s\" cannot be verified\nzk_test_for_dir returned %d\n",
                 dump_input_file, result);
   else
     result = zk_get_dump_file_name(debug_active, debug_file, dump_file.data());
-  if (result == ZELK_SUCCESS)
-    result = copy_dump(debug_active, debug_file, ROUTINE, dump_input_file, dump_file.data());
+  if (result == ZELK_SUCCESS) result = copy_dump(debug_active, debug_file, ROUTINE, dump_input_file, dump_file.data());
   if (result != ZELK_SUCCESS) {
     store_name(dump_output_file, dump_input_file);
     return result;
   }
 
-  ZK_TRACE_RC_AS(ROUTINE, result,
-                 "File \"%s\" successfully copied to \"%s\"\nReturning %s(%d) to the caller\n",
+  ZK_TRACE_RC_AS(ROUTINE, result, "File \"%s\" successfully copied to \"%s\"\nReturning %s(%d) to the caller\n",
                  dump_input_file, dump_file.data());
   store_name(dump_output_file, dump_file.data());
   return result;

@@ -23,8 +23,7 @@ struct eid_parts {
   std::array<char, ZELK_ADDR_CODE_SIZE> address;
   char address_type;
 };
-static_assert(sizeof(eid_parts) - 4 == ZELK_EID_LENGTH,
-              "the parts, without their terminators, are the Error ID");
+static_assert(sizeof(eid_parts) - 4 == ZELK_EID_LENGTH, "the parts, without their terminators, are the Error ID");
 
 constexpr size_t IPV4_SIZE = 4;
 constexpr size_t ADDR_SIZE = ADDR_WORDS * sizeof(uint32_t);
@@ -49,12 +48,11 @@ struct eid_origin {
 static int check_arguments(int debug_active, const char* debug_file, const char* routine, const char* zelkid,
                            std::span<const eid_output> outputs) {
   if (zelkid == nullptr || zelkid[0] == '\0') {
-    ZK_RETURN_AS(routine, ZELK_INV_PARAM2,
-                 "Detected invalid ZELK Error ID\nReturning %s(%d) to the caller\n");
+    ZK_RETURN_AS(routine, ZELK_INV_PARAM2, "Detected invalid ZELK Error ID\nReturning %s(%d) to the caller\n");
   }
   if (strnlen(zelkid, ZELK_EID_SIZE) != ZELK_EID_LENGTH) {
-    ZK_RETURN_AS(routine, ZELK_INV_PARAM2,
-                 "ZELK Error ID \"%s\"is not correct size\nReturning %s(%d) to the caller\n", zelkid);
+    ZK_RETURN_AS(routine, ZELK_INV_PARAM2, "ZELK Error ID \"%s\"is not correct size\nReturning %s(%d) to the caller\n",
+                 zelkid);
   }
   for (const eid_output& output : outputs) {
     if (output.pointer != nullptr) continue;
@@ -86,8 +84,7 @@ static int decode_origin(int debug_active, const char* debug_file, const eid_par
   int result = zk_conv_base_64_time(debug_active, debug_file, parts.time.data(), timestamp);
   if (result != ZELK_SUCCESS) return result;
   *origin = {};
-  result = zk_conv_ipaddr(debug_active, debug_file, parts.address.data(), parts.address_type,
-                          origin->address.data());
+  result = zk_conv_ipaddr(debug_active, debug_file, parts.address.data(), parts.address_type, origin->address.data());
   if (result != ZELK_SUCCESS) return result;
 
   const bool is_ipv4 = parts.address_type == IPV4_TYPE;
@@ -109,14 +106,12 @@ static int decode_origin(int debug_active, const char* debug_file, const eid_par
 }
 
 /* Decodes the entry at a location that both versions know. */
-static int decode_entry(int debug_active, const char* debug_file, const char* routine, const char* entry,
-                        int location, int local, char* stack_files, int stack_file_limit,
-                        unsigned int* err_templ_label) {
+static int decode_entry(int debug_active, const char* debug_file, const char* routine, const char* entry, int location,
+                        int local, char* stack_files, int stack_file_limit, unsigned int* err_templ_label) {
   switch (location) {
     case ZELK_LOCATION_STACK:
       if (local == 0) return ZELK_SUCCESS; /* the file lies on the node that made the ID */
-      return zk_conv_base_64_inode(debug_active, debug_file, ZELK_STACK_DIR, entry, stack_files,
-                                   stack_file_limit);
+      return zk_conv_base_64_inode(debug_active, debug_file, ZELK_STACK_DIR, entry, stack_files, stack_file_limit);
     case ZELK_LOCATION_TEMPLATE:
       return zk_conv_base_64_templ(debug_active, debug_file, entry, err_templ_label);
     default:
@@ -137,10 +132,9 @@ static unsigned long trace_word(const eid_origin& origin, size_t index) {
   return ntohl(origin.address[index]);
 }
 
-int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid, int* local_fid,
-                    int* version_id, int* location_mask, char* stack_file_list, int stack_file_limit,
-                    unsigned int* err_templ_label, int* bsd_facility, int* bsd_priority, void* timestamp,
-                    void* ip_addr, int* ipv6_flag) {
+int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid, int* local_fid, int* version_id,
+                    int* location_mask, char* stack_file_list, int stack_file_limit, unsigned int* err_templ_label,
+                    int* bsd_facility, int* bsd_priority, void* timestamp, void* ip_addr, int* ipv6_flag) {
   const std::array<eid_output, 7> outputs = {{
       {version_id, "version_id", ZELK_INV_PARAM3},
       {location_mask, "location_mask", ZELK_INV_PARAM4},
@@ -162,8 +156,8 @@ int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid
   result = zk_conv_base_64_hdr(debug_active, debug_file, parts.header.data(), version_id, location_mask);
   if (result != ZELK_SUCCESS) return result;
   if (*version_id < 1 || *version_id > 2)
-    ZK_RETURN(ZELK_UNSUPPORTED, "Unsupported version %d detected in ZELK ID \"%s\"\nReturning %s(%d)",
-              *version_id, zelkid);
+    ZK_RETURN(ZELK_UNSUPPORTED, "Unsupported version %d detected in ZELK ID \"%s\"\nReturning %s(%d)", *version_id,
+              zelkid);
 
   struct timeval* time = static_cast<struct timeval*>(timestamp);
   eid_origin origin;
@@ -171,8 +165,7 @@ int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid
   if (result != ZELK_SUCCESS) return result;
 
   if (*location_mask == ZELK_LOCATION_SYSLOG) {
-    result =
-        zk_conv_base_64_selector(debug_active, debug_file, parts.entry.data(), bsd_facility, bsd_priority);
+    result = zk_conv_base_64_selector(debug_active, debug_file, parts.entry.data(), bsd_facility, bsd_priority);
   } else {
     result = decode_entry(debug_active, debug_file, __func__, parts.entry.data(), *location_mask, *local_fid,
                           stack_file_list, stack_file_limit, err_templ_label);
@@ -185,15 +178,15 @@ int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid
       "First Stack File %s, Template ID 0x%x Syslog Facility %d Priority %d\nTimestamp %s\n"
       "IP Address 0x%lx%lx%lx%lx (%s type)\nReturn code %d",
       zelkid, *version_id, static_cast<unsigned int>(*location_mask),
-      stack_file_list[0] != '\0' ? stack_file_list : "(none)", *err_templ_label, LOG_FAC(*bsd_facility),
-      *bsd_priority, trace_time(time, &text), trace_word(origin, 0), trace_word(origin, 1),
-      trace_word(origin, 2), trace_word(origin, 3), origin.address_type, result);
+      stack_file_list[0] != '\0' ? stack_file_list : "(none)", *err_templ_label, LOG_FAC(*bsd_facility), *bsd_priority,
+      trace_time(time, &text), trace_word(origin, 0), trace_word(origin, 1), trace_word(origin, 2),
+      trace_word(origin, 3), origin.address_type, result);
   return result;
 }
 
-int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, int* local_fid,
-                  int* version_id, int* location_mask, char* stack_file, unsigned int* err_templ_label,
-                  void* timestamp, void* ip_addr, int* ipv6_flag) {
+int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, int* local_fid, int* version_id,
+                  int* location_mask, char* stack_file, unsigned int* err_templ_label, void* timestamp, void* ip_addr,
+                  int* ipv6_flag) {
   const std::array<eid_output, 7> outputs = {{
       {version_id, "version_id", ZELK_INV_PARAM3},
       {location_mask, "location_mask", ZELK_INV_PARAM4},
@@ -210,8 +203,7 @@ int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, 
   result = zk_conv_base_64_hdr(debug_active, debug_file, parts.header.data(), version_id, location_mask);
   if (result != ZELK_SUCCESS) return result;
   if (*version_id != 1)
-    ZK_RETURN(ZELK_UNSUPPORTED,
-              "ZELK Error ID is an unsupported version: 0x%x\nReturning %s(%d) to the caller\n",
+    ZK_RETURN(ZELK_UNSUPPORTED, "ZELK Error ID is an unsupported version: 0x%x\nReturning %s(%d) to the caller\n",
               static_cast<unsigned int>(*version_id));
 
   struct timeval* time = static_cast<struct timeval*>(timestamp);
@@ -219,8 +211,8 @@ int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, 
   result = decode_origin(debug_active, debug_file, parts, &origin, local_fid, time, ip_addr, ipv6_flag);
   if (result != ZELK_SUCCESS) return result;
 
-  result = decode_entry(debug_active, debug_file, __func__, parts.entry.data(), *location_mask, *local_fid,
-                        stack_file, 1, err_templ_label);
+  result = decode_entry(debug_active, debug_file, __func__, parts.entry.data(), *location_mask, *local_fid, stack_file,
+                        1, err_templ_label);
   if (result != ZELK_SUCCESS && result != ZELK_FILE_MISSING) return result;
 
   time_text text = {};
@@ -228,20 +220,18 @@ int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, 
       "ZELK Error ID \"%s\" decodes into:\nVersion %d, Location 0x%x\n"
       "Stack File %s, Template ID %d(0x%x)\nTimestamp %s\n"
       "IP Address 0x%lx%lx%lx%lx (%s type)\nReturn code %d",
-      zelkid, *version_id, static_cast<unsigned int>(*location_mask),
-      stack_file[0] != '\0' ? stack_file : "none", static_cast<int>(*err_templ_label), *err_templ_label,
-      trace_time(time, &text), trace_word(origin, 0), trace_word(origin, 1), trace_word(origin, 2),
-      trace_word(origin, 3), origin.address_type, result);
+      zelkid, *version_id, static_cast<unsigned int>(*location_mask), stack_file[0] != '\0' ? stack_file : "none",
+      static_cast<int>(*err_templ_label), *err_templ_label, trace_time(time, &text), trace_word(origin, 0),
+      trace_word(origin, 1), trace_word(origin, 2), trace_word(origin, 3), origin.address_type, result);
   return result;
 }
 
 /* ---- Generation ---------------------------------------------------------------------------------------- */
 
 /* Makes the time stamp of the present moment and finds the node's encoded address in the environment. */
-static int take_origin(int debug_active, const char* debug_file, const char* routine, eid_parts* parts,
-                       long* seconds, const char** address) {
-  if (zk_get_base_64_time(debug_active, debug_file, parts->time.data(), seconds) != ZELK_SUCCESS)
-    return ZELK_FAILURE;
+static int take_origin(int debug_active, const char* debug_file, const char* routine, eid_parts* parts, long* seconds,
+                       const char** address) {
+  if (zk_get_base_64_time(debug_active, debug_file, parts->time.data(), seconds) != ZELK_SUCCESS) return ZELK_FAILURE;
   *address = getenv(ADDR_VARIABLE);
   if (*address == nullptr || **address == '\0') {
     ZK_RETURN_AS(routine, ZELK_FAILURE, "Cannot find %s data in environment\nReturning %s(%d) to the caller",
@@ -257,8 +247,7 @@ static int take_origin(int debug_active, const char* debug_file, const char* rou
 }
 
 /* The header for a location; the entry is cleared, for the routine that fills it next. */
-static int start_entry(int debug_active, const char* debug_file, int version, int location,
-                       eid_parts* parts) {
+static int start_entry(int debug_active, const char* debug_file, int version, int location, eid_parts* parts) {
   parts->entry = {};
   parts->header = {};
   return zk_get_base_64_hdr(debug_active, debug_file, version, location, parts->header.data());
@@ -266,8 +255,7 @@ static int start_entry(int debug_active, const char* debug_file, int version, in
 
 static int make_stack_entry(int debug_active, const char* debug_file, const char* routine, int version,
                             const char* stack_file, eid_parts* parts) {
-  if (start_entry(debug_active, debug_file, version, ZELK_LOCATION_STACK, parts) != ZELK_SUCCESS)
-    return ZELK_FAILURE;
+  if (start_entry(debug_active, debug_file, version, ZELK_LOCATION_STACK, parts) != ZELK_SUCCESS) return ZELK_FAILURE;
   const int result = zk_get_base_64_inode(debug_active, debug_file, stack_file, parts->entry.data());
   if (result == ZELK_INV_PARAM3) {
     ZK_RETURN_AS(routine, ZELK_INV_PARAM3,
@@ -278,16 +266,16 @@ static int make_stack_entry(int debug_active, const char* debug_file, const char
   return result == ZELK_SUCCESS ? ZELK_SUCCESS : ZELK_FAILURE;
 }
 
-static int make_template_entry(int debug_active, const char* debug_file, int version,
-                               unsigned int err_templ_label, eid_parts* parts) {
+static int make_template_entry(int debug_active, const char* debug_file, int version, unsigned int err_templ_label,
+                               eid_parts* parts) {
   if (start_entry(debug_active, debug_file, version, ZELK_LOCATION_TEMPLATE, parts) != ZELK_SUCCESS ||
       zk_get_base_64_templ(debug_active, debug_file, err_templ_label, parts->entry.data()) != ZELK_SUCCESS)
     return ZELK_FAILURE;
   return ZELK_SUCCESS;
 }
 
-static int make_syslog_entry(int debug_active, const char* debug_file, int version, int bsd_facility,
-                             int bsd_priority, eid_parts* parts) {
+static int make_syslog_entry(int debug_active, const char* debug_file, int version, int bsd_facility, int bsd_priority,
+                             eid_parts* parts) {
   if (start_entry(debug_active, debug_file, version, ZELK_LOCATION_SYSLOG, parts) != ZELK_SUCCESS ||
       zk_get_base_64_selector(debug_active, debug_file, bsd_facility, bsd_priority, parts->entry.data()) !=
           ZELK_SUCCESS)
@@ -297,18 +285,16 @@ static int make_syslog_entry(int debug_active, const char* debug_file, int versi
 
 static void compose_eid(const eid_parts& parts, const char* address, char* zelkid) {
   std::memset(zelkid, 0, ZELK_EID_SIZE);
-  snprintf(zelkid, ZELK_EID_SIZE, "%1s%6s%10s%25s", parts.header.data(), parts.entry.data(),
-           parts.time.data(), address);
+  snprintf(zelkid, ZELK_EID_SIZE, "%1s%6s%10s%25s", parts.header.data(), parts.entry.data(), parts.time.data(),
+           address);
 }
 
-int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stack_file,
-                      unsigned int err_templ_label, int bsd_facility, int bsd_priority, long* timestamp,
-                      char* zelkid) {
+int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stack_file, unsigned int err_templ_label,
+                      int bsd_facility, int bsd_priority, long* timestamp, char* zelkid) {
   /* By its number, 0 to 23, a facility excludes a stack file; in its shifted form, from 24 up, it takes the
    * place of one. */
   const bool has_facility = bsd_facility >= 0 && bsd_facility <= FACILITY_MAX;
-  if (stack_file != nullptr &&
-      (err_templ_label != 0 || (bsd_facility >= 0 && bsd_facility <= LOG_FAC(FACILITY_MAX))))
+  if (stack_file != nullptr && (err_templ_label != 0 || (bsd_facility >= 0 && bsd_facility <= LOG_FAC(FACILITY_MAX))))
     ZK_RETURN(ZELK_INV_PARAMCOMBO,
               "Caller requested a zk_eid_t be generated for both a stack and either an error template or  "
               "Syslog messges\nStack file is %s\ntemplate is %d\nSyslog facility is %d\n"
@@ -334,8 +320,8 @@ int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stac
   ZK_RETURN(ZELK_SUCCESS, "Created ZELK Error ID %s\nReturning %s(%d) to caller\n", zelkid);
 }
 
-int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_file,
-                    unsigned int err_templ_label, long* timestamp, char* zelkid) {
+int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_file, unsigned int err_templ_label,
+                    long* timestamp, char* zelkid) {
   if (stack_file != nullptr && err_templ_label != 0)
     ZK_RETURN(ZELK_INV_PARAMCOMBO,
               "Caller requested a zk_eid_t be generated for both a stack and a error template\n"

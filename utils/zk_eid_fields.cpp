@@ -46,8 +46,7 @@ static std::array<char, WIDTH + 1> take_field(const char* text) {
 
 /* ---- Header -------------------------------------------------------------------------------------------- */
 
-int zk_get_base_64_hdr(int debug_active, const char* debug_file, int version_id, int location_mask,
-                       char* hdr64rep) {
+int zk_get_base_64_hdr(int debug_active, const char* debug_file, int version_id, int location_mask, char* hdr64rep) {
   if (version_id < 1 || version_id > VERSION_MAX)
     ZK_RETURN(ZELK_INV_PARAM3,
               "Called with an invalid ZELK source code version of %d\nHighest supported version %d\n"
@@ -98,21 +97,19 @@ int zk_conv_base_64_hdr(int debug_active, const char* debug_file, const char* hd
 
   const unsigned int version = code & VERSION_BITS;
   if (version != VERSION_ONE_BITS && version != VERSION_TWO_BITS)
-    ZK_RETURN(ZELK_UNSUPPORTED,
-              "Unsupported ZELK Version 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)", version,
-              VERSION_TWO_BITS);
+    ZK_RETURN(ZELK_UNSUPPORTED, "Unsupported ZELK Version 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)",
+              version, VERSION_TWO_BITS);
   *version_id = version == VERSION_ONE_BITS ? 1 : 2;
 
   const unsigned int location = code & LOCATION_BITS;
   if (location > ZELK_LOCATION_SYSLOG)
-    ZK_RETURN(ZELK_UNSUPPORTED,
-              "Unsupported record location 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)", location,
-              static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
+    ZK_RETURN(ZELK_UNSUPPORTED, "Unsupported record location 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)",
+              location, static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
   *location_mask = static_cast<int>(location);
 
   ZK_RETURN(ZELK_SUCCESS,
-            "Header code %s translated into version %d and location 0x%x\nReturning %s(%d) to the caller\n",
-            hdr64rep, *version_id, location);
+            "Header code %s translated into version %d and location 0x%x\nReturning %s(%d) to the caller\n", hdr64rep,
+            *version_id, location);
 }
 
 /* ---- I-node of an Error Stack -------------------------------------------------------------------------- */
@@ -148,13 +145,12 @@ int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* f
     ZK_RETURN(ZELK_FAILURE, "Cannot convert inode number %llu to base-64\nReturning %s(%d) to the caller\n",
               static_cast<unsigned long long>(inode));
   std::memcpy(inode64rep, field.data(), ENTRY_WIDTH);
-  ZK_RETURN(ZELK_SUCCESS,
-            "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n", filename,
-            static_cast<int>(inode), field.data());
+  ZK_RETURN(ZELK_SUCCESS, "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n",
+            filename, static_cast<int>(inode), field.data());
 }
 
-int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory,
-                          const char* inode64rep, char* filename_list, int filelist_limit) {
+int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory, const char* inode64rep,
+                          char* filename_list, int filelist_limit) {
   if (directory == nullptr || directory[0] == '\0')
     ZK_RETURN(ZELK_INV_PARAM3,
               "Called with a NULL value for directory - cannot locate file without it\n"
@@ -198,8 +194,7 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
 
 /* ---- Error template label ------------------------------------------------------------------------------ */
 
-int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int template_id,
-                         char* templ64rep) {
+int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int template_id, char* templ64rep) {
   if (templ64rep == nullptr)
     ZK_RETURN(ZELK_INV_PARAM4, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
 
@@ -212,8 +207,7 @@ int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int 
             static_cast<int>(template_id), field.data());
 }
 
-int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep,
-                          unsigned int* template_id) {
+int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep, unsigned int* template_id) {
   if (templ64rep == nullptr)
     ZK_RETURN(ZELK_INV_PARAM3, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
   if (template_id == nullptr)
@@ -234,23 +228,21 @@ int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* 
 
 /* ---- Syslog selector ----------------------------------------------------------------------------------- */
 
-int zk_get_base_64_selector(int debug_active, const char* debug_file, int facility, int priority,
-                            char* sel64rep) {
+int zk_get_base_64_selector(int debug_active, const char* debug_file, int facility, int priority, char* sel64rep) {
   if (facility < 0 || facility > FACILITY_MAX)
     ZK_RETURN(ZELK_INV_PARAM3, "facility %d invalid - returning %s(%d)\n", LOG_FAC(facility));
   if (priority < 0 || priority > PRIORITY_MAX)
     ZK_RETURN(ZELK_INV_PARAM4, "priority value %d invalid - returning %s(%d)\n", priority);
   if (sel64rep == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM5, "sel64rep pointer 0x%x invalid - returning %s(%d)\n",
-              zk_trace_pointer(sel64rep));
+    ZK_RETURN(ZELK_INV_PARAM5, "sel64rep pointer 0x%x invalid - returning %s(%d)\n", zk_trace_pointer(sel64rep));
 
   /* Both are written as one more than they are, so that neither digit is the padding. */
   std::array<char, ENTRY_WIDTH + 1> field = {};
   put_number(static_cast<uint64_t>(LOG_FAC(facility)) + 1, field.data(), 1);
   put_number(static_cast<uint64_t>(priority) + 1, field.data() + 1, ENTRY_WIDTH - 1);
   std::memcpy(sel64rep, field.data(), ENTRY_WIDTH);
-  ZK_RETURN(ZELK_SUCCESS, "Facility %d and priority %d translated to code \"%s\" - returning %s(%d)",
-            LOG_FAC(facility), priority, field.data());
+  ZK_RETURN(ZELK_SUCCESS, "Facility %d and priority %d translated to code \"%s\" - returning %s(%d)", LOG_FAC(facility),
+            priority, field.data());
 }
 
 int zk_conv_base_64_selector(int debug_active, const char* debug_file, const char* sel64rep, int* facility,
@@ -259,11 +251,9 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
     ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" at location 0x%x appears invalid - returning %s(%d)",
               zk_trace_text(sel64rep), zk_trace_pointer(sel64rep));
   if (facility == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4, "Facility pointer 0x%x invalid - returning %s(%d)",
-              zk_trace_pointer(facility));
+    ZK_RETURN(ZELK_INV_PARAM4, "Facility pointer 0x%x invalid - returning %s(%d)", zk_trace_pointer(facility));
   if (priority == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM5, "Priority pointer 0x%x invalid - returning %s(%d)",
-              zk_trace_pointer(priority));
+    ZK_RETURN(ZELK_INV_PARAM5, "Priority pointer 0x%x invalid - returning %s(%d)", zk_trace_pointer(priority));
 
   const std::array<char, ENTRY_WIDTH + 1> field = take_field<ENTRY_WIDTH>(sel64rep);
   if (field[0] == ZERO_DIGIT || field[1] == ZERO_DIGIT || std::strcmp(field.data() + 2, "....") != 0)
@@ -272,17 +262,17 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
   const std::array<char, 2> facility_digit = take_field<1>(field.data());
   const int facility_number = static_cast<int>(zk_a64l(facility_digit.data())) - 1;
   if (facility_number < 0 || facility_number > LOG_FAC(FACILITY_MAX))
-    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid facility value %d - returning %s(%d)",
-              field.data(), facility_number);
+    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid facility value %d - returning %s(%d)", field.data(),
+              facility_number);
   const int priority_number = static_cast<int>(zk_a64l(field.data() + 1)) - 1;
   if (priority_number < 0 || priority_number > PRIORITY_MAX)
-    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid priority value %d - returning %s(%d)",
-              field.data(), priority_number);
+    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid priority value %d - returning %s(%d)", field.data(),
+              priority_number);
 
   *facility = facility_number * 8;
   *priority = priority_number;
-  ZK_RETURN(ZELK_SUCCESS, "Selector \"%s\" yielded:\n\tFacility %d\tPriority %d\nReturning %s(%d)",
-            field.data(), facility_number, priority_number);
+  ZK_RETURN(ZELK_SUCCESS, "Selector \"%s\" yielded:\n\tFacility %d\tPriority %d\nReturning %s(%d)", field.data(),
+            facility_number, priority_number);
 }
 
 void zk_selector_substr(const char* fid, char* selector) {
@@ -313,13 +303,11 @@ int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep
             static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec), field.data());
 }
 
-int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep,
-                         struct timeval* tbuf) {
+int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep, struct timeval* tbuf) {
   if (tod64rep == nullptr || tod64rep[0] == '\0')
     ZK_RETURN(ZELK_INV_PARAM3, "Called with a NULL string for a base-64 TOD\nReturning %s(%d) to caller\n");
   if (tbuf == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4,
-              "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
+    ZK_RETURN(ZELK_INV_PARAM4, "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
 
   const std::array<char, TIME_WIDTH + 1> field = take_field<TIME_WIDTH>(tod64rep);
   const auto seconds_field = take_field<SECONDS_WIDTH>(field.data());
@@ -343,7 +331,6 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
   }
   tbuf->tv_sec = static_cast<time_t>(seconds);
   tbuf->tv_usec = static_cast<suseconds_t>(microseconds);
-  ZK_RETURN(ZELK_SUCCESS,
-            "Time base-64 rep of %s converted to %d secs %d usecs\nReturning %s(%d) to caller\n",
+  ZK_RETURN(ZELK_SUCCESS, "Time base-64 rep of %s converted to %d secs %d usecs\nReturning %s(%d) to caller\n",
             field.data(), static_cast<int>(seconds), static_cast<int>(microseconds));
 }

@@ -79,8 +79,8 @@ static off_t largest_fit(const space_figures& space, off_t requested) {
   return requested - static_cast<off_t>(2 * steps * space.block_size);
 }
 
-int zk_determine_max_fsize(int debug_active, const char* debug_file, const char* filename,
-                           off_t requested_size, off_t min_size, off_t* file_size) {
+int zk_determine_max_fsize(int debug_active, const char* debug_file, const char* filename, off_t requested_size,
+                           off_t min_size, off_t* file_size) {
   static constexpr zk_errno_result STATVFS_RESULTS[] = {
       {ENOENT, ZELK_DIR_MISSING}, {EACCES, ZELK_DIR_NO_ACCESS}, {ESTALE, ZELK_STALE}};
   if (filename == nullptr) return ZELK_INV_PARAM3;
@@ -101,8 +101,7 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
 
   const off_t fit = largest_fit(space, requested_size);
   if (fit < 0 || (fit != requested_size && fit <= min_size))
-    ZK_RETURN(ZELK_NO_SPACE, "Cannot reserve %lld bytes, returning %s(%d)\n",
-              static_cast<long long>(min_size));
+    ZK_RETURN(ZELK_NO_SPACE, "Cannot reserve %lld bytes, returning %s(%d)\n", static_cast<long long>(min_size));
   *file_size = fit;
   ZK_TRACE("Requested %lld bytes, able to get %lld bytes\n", static_cast<long long>(requested_size),
            static_cast<long long>(fit));
@@ -122,8 +121,8 @@ static int fill_file(int debug_active, const char* debug_file, const char* filen
     return ZELK_READ_ONLY;
   }
   if (fclear(fildes, size) != size) {
-    ZK_TRACE_AS(ROUTINE, "Not enough space for fclear(%s,%lld) - error %d\n", filename,
-                static_cast<long long>(size), errno);
+    ZK_TRACE_AS(ROUTINE, "Not enough space for fclear(%s,%lld) - error %d\n", filename, static_cast<long long>(size),
+                errno);
     return ZELK_NO_SPACE;
   }
 
@@ -152,8 +151,7 @@ int zk_allocate_file(int debug_active, const char* debug_file, const char* filen
       {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}, {EFBIG, ZELK_TOO_MANY},   {EDQUOT, ZELK_TOO_MANY}};
   static constexpr int FLAGS = O_RDWR | O_CREAT | O_EXCL | O_TRUNC;
   static constexpr mode_t PERMISSIONS = 0666;
-  static constexpr unsigned int TRACED_PERMISSIONS =
-      0x9f6; /* what readers of traces know, whatever is used */
+  static constexpr unsigned int TRACED_PERMISSIONS = 0x9f6; /* what readers of traces know, whatever is used */
   if (filename == nullptr) return ZELK_INV_PARAM3;
 
   for (;;) {
@@ -174,8 +172,7 @@ int zk_allocate_file(int debug_active, const char* debug_file, const char* filen
     if (result == ZELK_SUCCESS && space.used <= space.limit) {
       release_file(fildes);
       if (actual_size != nullptr) *actual_size = size;
-      ZK_RETURN(result, "%s reserved (%lld bytes) - returning %s(%d)\n", filename,
-                static_cast<long long>(size));
+      ZK_RETURN(result, "%s reserved (%lld bytes) - returning %s(%d)\n", filename, static_cast<long long>(size));
     }
 
     if (result == ZELK_SUCCESS) ZK_TRACE("%s", "Didn't leave 5% space - trying again\n");

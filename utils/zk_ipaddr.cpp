@@ -40,8 +40,7 @@ int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int 
   do {
     fildes = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   } while (fildes < 0 && errno == EINTR);
-  if (fildes < 0)
-    ZK_RETURN(ZELK_FAILURE, "Cannot create socket - error code %d\nReturning %s(%d) to caller", errno);
+  if (fildes < 0) ZK_RETURN(ZELK_FAILURE, "Cannot create socket - error code %d\nReturning %s(%d) to caller", errno);
 
   std::array<struct ifreq, INTERFACES_MAX> interfaces = {};
   struct ifconf list = {};
@@ -50,11 +49,9 @@ int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int 
   if (query_interfaces(fildes, SIOCGIFCONF, &list) < 0) {
     const int error = errno;
     close(fildes);
-    ZK_RETURN(ZELK_FAILURE, "Cannot issue ioctl(1) on socket - error code %d\nReturning %s(%d) to caller",
-              error);
+    ZK_RETURN(ZELK_FAILURE, "Cannot issue ioctl(1) on socket - error code %d\nReturning %s(%d) to caller", error);
   }
-  const size_t count =
-      std::min(static_cast<size_t>(std::max(list.ifc_len, 0)) / sizeof(struct ifreq), INTERFACES_MAX);
+  const size_t count = std::min(static_cast<size_t>(std::max(list.ifc_len, 0)) / sizeof(struct ifreq), INTERFACES_MAX);
 
   addr_text loopback = {};
   bool taken = false;
@@ -66,8 +63,7 @@ int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int 
       const int error = errno;
       if (error == EADDRNOTAVAIL) continue;
       close(fildes);
-      ZK_RETURN(ZELK_FAILURE, "Cannot issue ioctl(2) on socket - error code %d\nReturning %s(%d) to caller",
-                error);
+      ZK_RETURN(ZELK_FAILURE, "Cannot issue ioctl(2) on socket - error code %d\nReturning %s(%d) to caller", error);
     }
     if (interface.ifr_addr.sa_family != AF_INET) continue;
 
@@ -112,16 +108,15 @@ int zk_is_addr_ipv6_type(const char* addr) {
 }
 
 int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char* ipv6_flag) {
-  if (ip_addr == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM3, "Parameter ip_addr is set to NULL\nReturning %s(%d) to caller");
+  if (ip_addr == nullptr) ZK_RETURN(ZELK_INV_PARAM3, "Parameter ip_addr is set to NULL\nReturning %s(%d) to caller");
   if (ipv6_flag == nullptr)
     ZK_RETURN(ZELK_INV_PARAM4, "Parameter ipv6_flag is set to NULL\nReturning %s(%d) to caller");
 
   addr_text text = {};
   if (zk_obtain_ipaddrs(debug_active, debug_file, text.data(), 1, nullptr) != ZELK_SUCCESS) {
     /* Written whatever the flag says: a trace file that is named learns of it. */
-    zk_debug(debug_file, __func__, "Unable to query any net adapters - return %s(%d)",
-             zk_result_name(ZELK_FAILURE), ZELK_FAILURE);
+    zk_debug(debug_file, __func__, "Unable to query any net adapters - return %s(%d)", zk_result_name(ZELK_FAILURE),
+             ZELK_FAILURE);
     return ZELK_FAILURE;
   }
 
@@ -143,22 +138,18 @@ int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char*
   return ZELK_SUCCESS;
 }
 
-int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_rep, char ipv6_flag,
-                   void* ip_addr) {
+int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_rep, char ipv6_flag, void* ip_addr) {
   if (ip64_rep == nullptr || ip64_rep[0] == '\0')
-    ZK_RETURN(ZELK_INV_PARAM3,
-              "Invalid pointer or string provided for IP address - returning %s(%d) to caller");
+    ZK_RETURN(ZELK_INV_PARAM3, "Invalid pointer or string provided for IP address - returning %s(%d) to caller");
   if (ipv6_flag != IPV4_TYPE && ipv6_flag != IPV6_TYPE)
-    ZK_RETURN(ZELK_INV_PARAM4, "Invalid IP address type provided: '%c' - returning %s(%d) to caller",
-              ipv6_flag);
+    ZK_RETURN(ZELK_INV_PARAM4, "Invalid IP address type provided: '%c' - returning %s(%d) to caller", ipv6_flag);
 
   std::array<char, ZELK_ADDR_CODE_SIZE> code = {};
   std::memcpy(code.data(), ip64_rep, strnlen(ip64_rep, CODE_LENGTH));
   addr_words words = {};
   if (ipv6_flag == IPV4_TYPE) {
     const uint32_t word = static_cast<uint32_t>(zk_a64l(code.data()));
-    ZK_TRACE("IP Address representation %s converted to 0x%lx", code.data(),
-             static_cast<unsigned long>(word));
+    ZK_TRACE("IP Address representation %s converted to 0x%lx", code.data(), static_cast<unsigned long>(word));
     words[0] = htonl(word);
     std::memcpy(ip_addr, words.data(), sizeof(words[0]));
     return ZELK_SUCCESS;

@@ -73,8 +73,8 @@ int zk_make_file_info_msg(int debug_active, const char* debug_file, char* buffer
   const char* version = error_flags[ZELK_FLAG_VERSION] == 0 ? sid_level : "no_version_num";
   int line = error_flags[ZELK_FLAG_LINE] == 0 ? line_pos : 0;
 
-  int printed = std::snprintf(buffer, ZELK_FILE_INFO_SIZE, "%s,%.*s,%s,%d", product,
-                              static_cast<int>(file.size()), file.data(), version, line);
+  int printed = std::snprintf(buffer, ZELK_FILE_INFO_SIZE, "%s,%.*s,%s,%d", product, static_cast<int>(file.size()),
+                              file.data(), version, line);
   size_t length = static_cast<size_t>(std::max(printed, 0));
   if (length < ZELK_FILE_INFO_SIZE) {
     std::memset(buffer + length, ' ', ZELK_FILE_INFO_SIZE - length);
@@ -89,11 +89,11 @@ int zk_make_file_info_msg(int debug_active, const char* debug_file, char* buffer
   return ZELK_FILE_INFO_SIZE;
 }
 
-void zk_determine_bsd_priority(int debug_active, const char* debug_file, int event_type, int* bsd_pri,
-                               int track_errors, int* error_flags) {
+void zk_determine_bsd_priority(int debug_active, const char* debug_file, int event_type, int* bsd_pri, int track_errors,
+                               int* error_flags) {
   /* By event type. Notices come before warnings. */
-  static constexpr std::array<int, ZELK_DEBUG + 1> PRIORITIES = {
-      LOG_EMERG, LOG_ERR, LOG_NOTICE, LOG_WARNING, LOG_INFO, LOG_DEBUG, LOG_DEBUG};
+  static constexpr std::array<int, ZELK_DEBUG + 1> PRIORITIES = {LOG_EMERG, LOG_ERR,   LOG_NOTICE, LOG_WARNING,
+                                                                 LOG_INFO,  LOG_DEBUG, LOG_DEBUG};
   if (event_type >= 0 && event_type < static_cast<int>(PRIORITIES.size())) {
     *bsd_pri = PRIORITIES[static_cast<size_t>(event_type)];
   } else {
