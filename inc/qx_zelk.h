@@ -205,7 +205,8 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
  *   timestamp         a struct timeval: seconds since the Epoch, microseconds 0 to 999999
  *   ip_addr           16 bytes: the address in network byte order, 4 bytes of it for IPv4
  *   ipv6_flag         0 for IPv4, 1 for IPv6
- * Outputs that the location does not concern stay as they were; after a failure, what earlier steps wrote stays.
+ * Outputs that the location does not concern stay as they were (a trace shows them, so set them before); after a
+ * failure, what earlier steps wrote stays.
  * Returns 0; ZELK_FILE_MISSING when no file has that i-node (every other output is valid then);
  * ZELK_INV_PARAM2 a null or empty ID, or one whose length is not 42; ZELK_INV_PARAM3 to ZELK_INV_PARAM9 null
  * version_id, location_mask, stack_file_list, err_templ_label, timestamp, ip_addr, ipv6_flag; ZELK_INV_PARAMCOMBO

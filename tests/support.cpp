@@ -119,7 +119,8 @@ outcome run(const std::vector<std::string>& command, const environment& variable
     for (std::string& word : emulator) arguments.push_back(word.data());
     for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
-    std::vector<std::string> settings = {"TZ=UTC"};
+    std::vector<std::string> settings;
+    if (!variables.contains("TZ")) settings.push_back("TZ=UTC");
     for (const auto& [name, value] : variables) settings.push_back(name + "=" + value);
     std::vector<char*> pointers;
     for (std::string& setting : settings) pointers.push_back(setting.data());

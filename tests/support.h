@@ -14,8 +14,7 @@
 
 #include "zk_int.h"
 
-/* ---- Bytes
- * --------------------------------------------------------------------------------------------------- */
+/* ---- Bytes -------------------------------------------------------------------------------------------- */
 
 template <typename T>
 std::string image(T value) {
@@ -38,8 +37,7 @@ std::string wide_arg(int32_t type, T value) {
 }
 std::string string_arg(std::string_view value);
 
-/* ---- Stacks
- * -------------------------------------------------------------------------------------------------- */
+/* ---- Stacks ------------------------------------------------------------------------------------------- */
 
 /* One incident; its body is what follows the length word. Times are seconds since the Epoch. */
 struct incident {
@@ -86,8 +84,7 @@ extern const std::string HEADING, SEPARATOR, CORRUPT;
 /* The brief line of an incident with the defaults of `incident`, in UTC. */
 std::string line(std::string_view description, std::string_view process = "proc");
 
-/* ---- Running things
- * ------------------------------------------------------------------------------------------ */
+/* ---- Running things ----------------------------------------------------------------------------------- */
 
 struct outcome {
   std::string out, err;
@@ -113,8 +110,7 @@ std::string printed(Work&& work) {
   return testing::internal::GetCapturedStdout();
 }
 
-/* ---- Files
- * --------------------------------------------------------------------------------------------------- */
+/* ---- Files -------------------------------------------------------------------------------------------- */
 
 /* A folder of this test program's own, removed when it ends. */
 const std::string& scratch();
