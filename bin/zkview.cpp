@@ -115,7 +115,7 @@ struct ending {
  * a stream fails. */
 static bool fill_standard_streams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
-    if (fcntl(stream, F_GETFD) == -1 && open("/dev/null", O_RDONLY) != stream) return false;
+    if (fcntl(stream, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDONLY) != stream) return false;
   return true;
 }
 

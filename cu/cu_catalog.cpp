@@ -201,12 +201,16 @@ static bool open_along(const char* nlspath, const char* name, const char* locale
 }
 
 /* A set-user-ID program takes neither NLSPATH nor LANG from its caller. */
+static const char* trusted_variable(const char* name) {
+  return getuid() == geteuid() && getgid() == getegid() ? getenv(name) : nullptr;
+}
+
 static bool find_catalog(const char* name, cu_catalog* catalog) {
   if (*name == '\0') return false;
   if (strchr(name, '/') != nullptr) return open_catalog(name, catalog);
 
-  const char* nlspath = secure_getenv("NLSPATH");
-  const char* const locales[] = {setlocale(LC_MESSAGES, nullptr), secure_getenv("LANG")};
+  const char* nlspath = trusted_variable("NLSPATH");
+  const char* const locales[] = {setlocale(LC_MESSAGES, nullptr), trusted_variable("LANG")};
   for (const char* locale : locales) {
     if (locale == nullptr || *locale == '\0') locale = "C";
     if (nlspath != nullptr && *nlspath != '\0' && open_along(nlspath, name, locale, catalog)) return true;
