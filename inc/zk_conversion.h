@@ -56,7 +56,7 @@ inline bool zk_take_star(const char** at) {
   if (**at != '*') return false;
   const char* behind = ++*at;
   zk_take_number(&behind);
-  if (*behind == '$') *at = behind + 1;
+  if (behind != *at && *behind == '$') *at = behind + 1;
   return true;
 }
 
