@@ -82,7 +82,8 @@ enum {
   GO_ON = -1 /* from a step of main: the run is not over */
 };
 
-static constexpr size_t REPORT_BLOCK_SIZE = size_t{1} << 20; /* any report of a stack of 16384 bytes fits */
+static constexpr size_t REPORT_BLOCK_SIZE = size_t{1}
+                                            << 20; /* a stack of 16384 bytes fits, unless widths swell its report */
 
 struct options {
   int all;

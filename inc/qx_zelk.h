@@ -2,7 +2,8 @@
  * and file utilities. Usable from C11 and from C++.
  *
  * Conventions of every routine below:
- *   - The result is one of the codes of ZELK_RESULT_CODES; 0 is success, a failure is negative.
+ *   - Unless its comment says otherwise, the result is one of the codes of ZELK_RESULT_CODES; 0 is success, a failure
+ *     is negative.
  *   - `debug_active` and `debug_file` are the trace pair: when the flag is 1 the routine writes what it decides into
  *     the trace file of that name (see zk_debug). A trace that cannot be written is lost; it never changes a result.
  *     With the flag at any other value, `debug_file` may be null.
@@ -119,9 +120,10 @@ enum {
 /* The 64 digits in the order of their values, and a terminator. */
 extern const char base64_table[65];
 
-/* Writes the digits of `convert`, least significant first, and a NUL into `buffer`. At most 6 digits are written,
- * so only the low 36 bits count; 0 gives the empty text. `buffer` holds at least 7 bytes (or `length` + 2, when that
- * is less). The call fails when a digit's index passes `length`: up to `length` + 1 digits are accepted.
+/* Writes the digits of `convert`, least significant first, and a NUL into `buffer`. At most 6 digits are written, so
+ * only the low 36 bits count; 0 gives the empty text. `buffer` holds at least 7 bytes; with a `length` below 5,
+ * `length` + 2 are enough, at least 1. The call fails when a digit's index passes `length`: up to `length` + 1 digits
+ * are accepted.
  * Returns 0, or -1 with errno EINVAL when `buffer` is null or `length` too small (then the text is empty). */
 int zk_l64a_r(uint64_t convert, char* buffer, int length);
 
@@ -132,7 +134,7 @@ uint64_t zk_a64l(const char* convert);
 /* ---- Fields of an Error ID ----------------------------------------------------------------------------------- *
  * "get" turns a value into a field's text, "conv" a text into the value. The text outputs of the get routines are 2
  * bytes (header), 7 bytes (entry) or 11 bytes (time), zero-filled by the caller. The conv routines read no more than
- * the field's width, nothing past a NUL, and take missing characters as absent. */
+ * the field's width (the header's: its whole text), nothing past a NUL, and take missing characters as absent. */
 
 /* Header digit from `version_id` (1 or 2) and `location_mask` (ZELK_LOCATION_..., 0 to 2).
  * Returns 0; ZELK_INV_PARAM3 bad version; ZELK_INV_PARAM4 bad location; ZELK_INV_PARAM5 null output. */
@@ -178,8 +180,8 @@ int zk_get_base_64_selector(int debug_active, const char* debug_file, int facili
 int zk_conv_base_64_selector(int debug_active, const char* debug_file, const char* sel64rep, int* facility,
                              int* priority);
 
-/* Copies the 6 characters of the entry field of the Error ID `fid` to `selector`, without a terminator; does nothing
- * when `selector` is null. */
+/* Copies the 6 characters of the entry field of the Error ID `fid` (fewer when it is shorter) to `selector`, without a
+ * terminator; does nothing when `selector` is null. */
 void zk_selector_substr(const char* fid, char* selector);
 
 /* Time stamp text of the present moment; `*seconds` receives its seconds since the Epoch.
@@ -206,14 +208,14 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
  *   ip_addr           16 bytes: the address in network byte order, 4 bytes of it for IPv4
  *   ipv6_flag         0 for IPv4, 1 for IPv6
  * Outputs that the location does not concern stay as they were (a trace shows them, so set them before); after a
- * failure, what earlier steps wrote stays.
+ * failure, what earlier steps wrote stays, and a bad time stamp clears `timestamp`.
  * Returns 0; ZELK_FILE_MISSING when no file has that i-node (every other output is valid then);
  * ZELK_INV_PARAM2 a null or empty ID, or one whose length is not 42; ZELK_INV_PARAM3 to ZELK_INV_PARAM9 null
  * version_id, location_mask, stack_file_list, err_templ_label, timestamp, ip_addr, ipv6_flag; ZELK_INV_PARAMCOMBO
  * null bsd_facility or bsd_priority; ZELK_UNSUPPORTED a later version or location; ZELK_INV_FID a bad time stamp;
  * ZELK_INV_PARAM4 also for an address type other than "." and "/"; ZELK_INV_PARAM3 also for a malformed selector;
  * ZELK_FAILURE a label of 0; ZELK_DIR_NO_ACCESS, ZELK_DIR_MISSING, ZELK_FAILURE when ZELK_STACK_DIR cannot be read.
- * Reads the node's interfaces and ZELK_STACK_DIR on every call. */
+ * Nothing is kept between calls: each reads the node's interfaces and, for an Error Stack of this node, the directory. */
 int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid, int* local_fid, int* version_id,
                     int* location_mask, char* stack_file_list, int stack_file_limit, unsigned int* err_templ_label,
                     int* bsd_facility, int* bsd_priority, void* timestamp, void* ip_addr, int* ipv6_flag);
@@ -231,7 +233,7 @@ int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, 
  *   bsd_facility     syslog facility (number times 8, 0 to 184), or a value out of that range for none
  *   bsd_priority     syslog severity, 0 to 7
  *   timestamp        receives the seconds of the ID's time stamp; not null
- *   zelkid           receives the ID, ZELK_EID_SIZE bytes; not null, written on success only
+ *   zelkid           receives the ID, ZELK_EID_SIZE bytes; not null. Both are written on success only
  * The node address is the value of the environment variable ZELKADDR: 24 characters of encoded address and the type
  * character, as zk_get_ipaddr makes them. Where several locations are given, the last in the order stack, template,
  * syslog is used.
@@ -255,19 +257,21 @@ int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_
  *                    `*num_found` raised by one for each. The list ends at the first empty slot
  *   findfirst not 0  `addr` is one slot: the first address that is not a loopback that is up, else the loopback's,
  *                    else empty; `*num_found` is set to 1
- * `num_found` may be null. Returns 0; ZELK_FAILURE when the interfaces cannot be queried. */
+ * `num_found` may be null. Returns 0; ZELK_FAILURE when the interfaces cannot be queried (what was listed stays). */
 int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int findfirst, int* num_found);
 
 /* Returns 0 when `addr` consists of four runs of digits (an empty run counts) separated by ".", else 1. */
 int zk_is_addr_ipv6_type(const char* addr);
 
 /* This node's address for an Error ID: 24 characters and a terminator into `ip_addr` (ZELK_ADDR_CODE_SIZE bytes), "."
- * or "/" into `*ipv6_flag`. A node without any IPv4 address gets 24 "." and "/".
+ * or "/" into `*ipv6_flag`. A node without any IPv4 address gets 24 "." and "/". A failed query is traced into
+ * `debug_file`, when that is not null, whatever the flag.
  * Returns 0; ZELK_INV_PARAM3, ZELK_INV_PARAM4 null output; ZELK_FAILURE when the interfaces cannot be queried. */
 int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char* ipv6_flag);
 
-/* Decodes an encoded address of the type `ipv6_flag` into network byte order: 4 bytes at `ip_addr` for ".", 16 for
- * "/". Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 another type character. */
+/* Decodes an encoded address (at most 24 characters are read) of the type `ipv6_flag` into network byte order: 4 bytes
+ * at `ip_addr` for ".", 16 for "/".
+ * Returns 0; ZELK_INV_PARAM3 null or empty text; ZELK_INV_PARAM4 another type character. */
 int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_rep, char ipv6_flag, void* ip_addr);
 
 /* Looks for the address text `ip_addr` in `ip_list`, slots of ZELK_ADDR_SLOT_SIZE bytes up to an empty one.
@@ -298,7 +302,8 @@ int zk_create_debug_file(const char* debug_file);
  * message, of which 254 characters are kept, folded into lines of 72. An entry is cut at 1023 bytes. The whole file
  * is locked (waiting) while the entry is written. errno is left as it was.
  * Any number of processes and threads may write to one file. A thread that is cancelled or a signal handler must not
- * call it.
+ * call it; neither must, before exec, a child that was forked while another thread converted a time (the C library's
+ * lock for that is then taken for ever). TZ is read from the environment.
  * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM3 a null argument; ZELK_FILE_MISSING, ZELK_NO_ACCESS, ZELK_TOO_MANY,
  * ZELK_DIR_MISSING, ZELK_READ_ONLY, ZELK_LINK_LOOP, ZELK_FAILURE the file cannot be opened; ZELK_LOCK, ZELK_UNLOCK;
  * ZELK_FILE_CORRUPT not a trace file, or it cannot be read or written. */
@@ -315,7 +320,7 @@ int zk_format_debug_info(char* output_buffer, const char* debug_info_fmt, va_lis
 int zk_record_debug_info(int fildes, const char* output_buffer);
 
 /* Takes the three numbers of the control line `buf` apart, without checking their ranges: next-write offset, file
- * size, wrap count.
+ * size, wrap count. Those found before a missing marker are stored.
  * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM4 a null argument; ZELK_FILE_CORRUPT a marker is missing. */
 int zk_get_file_ctrl_info(const char* buf, off_t* record_pos, off_t* end_pos, int* wrapped);
 
@@ -326,7 +331,7 @@ int zk_clear_record_remnant(int fildes);
 /* ---- Files --------------------------------------------------------------------------------------------------- */
 
 /* Writes `offset` zero bytes (a length, despite its name) at the descriptor's position.
- * Returns the length; -1 with errno set, what was written stays written. */
+ * Returns the length, with nothing written when that is below 0; -1 with errno set, what was written stays written. */
 off_t fclear(int fildes, off_t offset);
 
 /* The largest size in bytes, from `requested_size` down in steps of two blocks, with which a new file `filename`
@@ -400,7 +405,8 @@ int zk_make_file_info_msg(int debug_active, const char* debug_file, char* buffer
 enum { ZELK_DEBUG = 6 };
 
 /* Stores the syslog severity of an event of type `event_type` in `*bsd_pri`. A type outside 0 to 6 counts as
- * ZELK_DEBUG and, when `track_errors` is 1, sets error_flags[ZELK_FLAG_EVENT_TYPE]. */
+ * ZELK_DEBUG and, when `track_errors` is 1, sets error_flags[ZELK_FLAG_EVENT_TYPE]; otherwise `error_flags` may be
+ * null. */
 void zk_determine_bsd_priority(int debug_active, const char* debug_file, int event_type, int* bsd_pri, int track_errors,
                                int* error_flags);
 

@@ -1,7 +1,7 @@
 /* use_error_ids.c - makes an Error ID as a recording program does, and takes it apart again.
  *
  *   use_error_ids            for a syslog message at facility local0, severity "error"
- *   use_error_ids STACK      for an incident in the Error Stack file STACK, in ZELK_STACK_DIR
+ *   use_error_ids STACK      for an incident in the Error Stack file STACK, a path into ZELK_STACK_DIR
  */
 #define _POSIX_C_SOURCE 200809L
 

@@ -276,7 +276,8 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
 }
 
 void zk_selector_substr(const char* fid, char* selector) {
-  if (selector != nullptr) std::memcpy(selector, fid + ENTRY_POS, ENTRY_WIDTH);
+  const size_t length = strnlen(fid, ENTRY_POS + ENTRY_WIDTH);
+  if (selector != nullptr && length > ENTRY_POS) std::memcpy(selector, fid + ENTRY_POS, length - ENTRY_POS);
 }
 
 /* ---- Time stamp ---------------------------------------------------------------------------------------- */

@@ -33,7 +33,8 @@ off_t fclear(int fildes, off_t offset) {
 
   static constexpr std::array<char, 1024> ZEROS = {};
   for (off_t left = offset; left > 0;) {
-    ssize_t written = write(fildes, ZEROS.data(), std::min(static_cast<size_t>(left), ZEROS.size()));
+    ssize_t written =
+        write(fildes, ZEROS.data(), static_cast<size_t>(std::min(left, static_cast<off_t>(ZEROS.size()))));
     if (written < 0 && errno == EINTR) continue;
     if (written == 0) errno = ENOSPC; /* no progress and no error: it would never end */
     if (written <= 0) return -1;
