@@ -215,7 +215,7 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
  * null bsd_facility or bsd_priority; ZELK_UNSUPPORTED a later version or location; ZELK_INV_FID a bad time stamp;
  * ZELK_INV_PARAM4 also for an address type other than "." and "/"; ZELK_INV_PARAM3 also for a malformed selector;
  * ZELK_FAILURE a label of 0; ZELK_DIR_NO_ACCESS, ZELK_DIR_MISSING, ZELK_FAILURE when ZELK_STACK_DIR cannot be read.
- * Nothing is kept between calls: each reads the node's interfaces and, for an Error Stack of this node, the directory. */
+ * Nothing is kept: each call reads the node's interfaces and, for an Error Stack of this node, the directory. */
 int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid, int* local_fid, int* version_id,
                     int* location_mask, char* stack_file_list, int stack_file_limit, unsigned int* err_templ_label,
                     int* bsd_facility, int* bsd_priority, void* timestamp, void* ip_addr, int* ipv6_flag);

@@ -69,7 +69,7 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
  * slot's address is stored there; otherwise `*fildes_to_use` receives the file's descriptor, at position 0, which the
  * caller closes.
  * Returns 0; ZELK_INV_PARAM3 null or empty `fid`; ZELK_INV_PARAM4 null or empty list; ZELK_FILE_MISSING,
- * ZELK_NO_ACCESS, ZELK_TOO_MANY, ZELK_FAILURE a candidate cannot be opened or read; ZELK_INV_FID no candidate holds it. */
+ * ZELK_NO_ACCESS, ZELK_TOO_MANY, ZELK_FAILURE a candidate cannot be opened or read; ZELK_INV_FID none holds it. */
 int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* fid, const char* stack_file_list,
                           int stack_list_limit, int* fildes_to_use, char** correct_file, nl_catd catfd);
 
@@ -110,11 +110,11 @@ int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record,
 
 /* ---- Decoding a record --------------------------------------------------------------------------------------- *
  * `*buffer` is the cursor, `*remaining_len` the count of unread body bytes, which goes below zero (as a signed
- * number) when fixed fields reach past the record's end. A field that is taken moves both; a failure leaves both alone. The
- * record must be followed by one zero byte; nothing behind that is read. */
+ * number) when fixed fields reach past the record's end. A field that is taken moves both; a failure leaves both
+ * alone. The record must be followed by one zero byte; nothing behind that is read. */
 
-/* Length of the text at `buffer`, whose NUL is looked for in `buflen` + 1 bytes; -1 when there is none, `buffer` is null
- * or `buflen` above 1024. A `buflen` below zero (as a signed number): 0 when the first byte is NUL, else -1. */
+/* Length of the text at `buffer`, whose NUL is looked for in `buflen` + 1 bytes; -1 when there is none, `buffer` is
+ * null or `buflen` above 1024. A `buflen` below zero (as a signed number): 0 when the first byte is NUL, else -1. */
 int zk_obtain_strlen(void* buffer, size_t buflen);
 
 /* Takes a text of at most 1024 bytes into `substring`, zero-filled by the caller, and without a terminator.

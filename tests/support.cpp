@@ -39,9 +39,8 @@ std::string string_arg(std::string_view value) {
 
 std::string incident::body() const {
   return image(version) + eid_field(id) + eid_field(related) + image(time) + text(process) + image(pid) +
-         image(parent) + image(thread) + text(file) + text(file_version) + text(product) + image(line) +
-         text(catalog) + image(set) + image(number) + text(description) + image(arg_count) + args +
-         text(details);
+         image(parent) + image(thread) + text(file) + text(file_version) + text(product) + image(line) + text(catalog) +
+         image(set) + image(number) + text(description) + image(arg_count) + args + text(details);
 }
 
 stack::stack(int32_t size)
@@ -86,6 +85,15 @@ std::string stack::file() const {
 std::string message(int number) {
   return zk_mesgtbl_zkview_cmd[number];
 }
+std::string told(int number, const std::string& first, const std::string& second) {
+  std::string text = message(number);
+  for (auto [start, value] : {std::pair{"%1$", first}, {"%2$", second}})
+    for (size_t at; (at = text.find(start)) != text.npos;) text.replace(at, 4, value);
+  return text;
+}
+std::string unexpected(const std::string& routine, int code) {
+  return told(ZK_MSG_UNEXPECTED, routine, std::to_string(code));
+}
 const std::string HEADING = message(ZK_MSG_HEADING);
 const std::string SEPARATOR = message(ZK_MSG_SEPARATOR);
 const std::string CORRUPT = message(ZK_MSG_REC_CORRUPT);
@@ -104,8 +112,7 @@ std::ostream& operator<<(std::ostream& stream, const outcome& what) {
   return stream << "status " << what.status << "\n--- stdout\n" << what.out << "--- stderr\n" << what.err;
 }
 
-/* The words of a text, separated by blanks. */
-static std::vector<std::string> words(const std::string& text) {
+std::vector<std::string> words(const std::string& text) {
   std::istringstream stream(text);
   return {std::istream_iterator<std::string>(stream), {}};
 }
@@ -119,9 +126,11 @@ outcome run(const std::vector<std::string>& command, const environment& variable
     for (std::string& word : emulator) arguments.push_back(word.data());
     for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
+    /* The command leaves the release of its lists to its end. */
+    environment all = {{"ASAN_OPTIONS", "detect_leaks=0"}, {"TZ", "UTC"}, {"ZELKPNAME", ""}}; /* no copies of dumps */
+    for (const auto& [name, value] : variables) all[name] = value;
     std::vector<std::string> settings;
-    if (!variables.contains("TZ")) settings.push_back("TZ=UTC");
-    for (const auto& [name, value] : variables) settings.push_back(name + "=" + value);
+    for (const auto& [name, value] : all) settings.push_back(name + "=" + value);
     std::vector<char*> pointers;
     for (std::string& setting : settings) pointers.push_back(setting.data());
     pointers.push_back(nullptr);
@@ -242,8 +251,7 @@ void as_ordinary_user(const std::function<void()>& work) {
 bool has_private_var() {
   static const bool made = [] {
     scratch();
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-      return false;
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
     if (mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") != 0) return false;
     std::error_code error;
     std::filesystem::create_directories(ZELK_STACK_DIR, error);

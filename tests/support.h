@@ -20,6 +20,8 @@ template <typename T>
 std::string image(T value) {
   return std::string(reinterpret_cast<const char*>(&value), sizeof value);
 }
+/* The words of a text, separated by blanks. */
+std::vector<std::string> words(const std::string& text);
 inline std::string text(std::string_view characters) {
   return std::string(characters) + '\0';
 }
@@ -80,6 +82,10 @@ struct stack {
 
 /* Messages as the command prints them without a catalog. */
 std::string message(int number);
+/* The same with its arguments, which are plain texts, characters or numbers. */
+std::string told(int number, const std::string& first = "", const std::string& second = "");
+/* The message of a failure that has none of its own. */
+std::string unexpected(const std::string& routine, int code);
 extern const std::string HEADING, SEPARATOR, CORRUPT;
 /* The brief line of an incident with the defaults of `incident`, in UTC. */
 std::string line(std::string_view description, std::string_view process = "proc");

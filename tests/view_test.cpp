@@ -15,22 +15,9 @@
 static const nl_catd none = reinterpret_cast<nl_catd>(-1); /* no catalog */
 static const std::string FILE_CORRUPT = message(ZK_MSG_STACK_CORRUPT);
 
-static std::string unexpected(const std::string& routine, int code) {
-  return "2615-713 zkview Error: The command experienced an unexpected\n\t failure in the " + routine +
-         " routine.  Failure code from this\n\t routine was " + std::to_string(code) +
-         ".  Note the conditions present when this command\n\t was executed, and contact the system "
-         "administrator.  System\n\t administrators should contact the KVO Customer Support Center\n\t "
-         "to report this failure.\n";
-}
-
 static outcome view(const stack& what, std::vector<std::string> options, const environment& variables = {}) {
   options.insert(options.end(), {"-s", what.file()});
   return zkview(options, variables);
-}
-
-static std::vector<std::string> words(const std::string& text) {
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
 }
 
 /* A stack of incidents written as "name=id:related@process/parent"; id is the name and the rest empty unless
@@ -113,7 +100,7 @@ TEST(order, of_a_stack_that_goes_round) {
   const unsigned seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  for (int round = 0; round < 100 && !testing::Test::HasFailure(); ++round) {
+  for (int round = 0; round < 40 && !testing::Test::HasFailure(); ++round) {
     struct placed {
       int32_t start;
       std::string name;
@@ -141,8 +128,7 @@ TEST(order, of_a_stack_that_goes_round) {
     for (const placed& one : recorded) expected += one.name + " ";
     EXPECT_EQ(report(s, {"-d"}), lines(expected));
     if (recorded.empty()) continue;
-    EXPECT_EQ(report(s, {"-r"}), lines(expected));
-    EXPECT_EQ(report(s, {"-p"}), lines(expected));
+    EXPECT_EQ(report(s, {round % 2 == 0 ? "-r" : "-p"}), lines(expected));
   }
 }
 
@@ -254,79 +240,47 @@ TEST(times, are_local) {
 
 TEST(brief_line, fits_the_columns) {
   const std::string text(200, 't'), name = "a name of 21 letters.";
-  const struct {
-    const char* columns;
-    size_t kept;
-  } rows[] = {{"", 50},
-              {"0", 50},
-              {"-5", 50},
-              {"wide", 50},
-              {"40", 10},
-              {"100", 70},
-              {"20", 200},
-              {"30", 0},
-              {"31", 1},
-              {" 50", 20},
-              {"+50x", 20},
-              {"0x60", 50},
-              {"99999999999999999999", 200},
-              {"4294967336", 200}};
+  const std::pair<const char*, size_t> rows[] = {{"", 50},
+                                                 {"0", 50},
+                                                 {"-5", 50},
+                                                 {"wide", 50},
+                                                 {"40", 10},
+                                                 {"100", 70},
+                                                 {"20", 200},
+                                                 {"30", 0},
+                                                 {"31", 1},
+                                                 {" 50", 20},
+                                                 {"+50x", 20},
+                                                 {"0x60", 50},
+                                                 {"4294967336", 200},
+                                                 {"99999999999999999999", 200}};
   stack s;
   s.add(incident{.process = name, .description = text});
   EXPECT_EQ(report(s, {"-d"}), HEADING + "020309052007 a name of 21 let " + text.substr(0, 50) + "\n");
-  for (const auto& row : rows)
-    EXPECT_EQ(view(s, {"-d"}, {{"COLUMNS", row.columns}}).out, HEADING + line(text.substr(0, row.kept), name))
-        << row.columns;
+  for (const auto& [columns, kept] : rows)
+    EXPECT_EQ(view(s, {"-d"}, {{"COLUMNS", columns}}).out, HEADING + line(text.substr(0, kept), name)) << columns;
 }
 
 /* ---- Damage ------------------------------------------------------------------------------------------- */
 
-TEST(damaged_header, is_told_by_its_fields) {
-  using change = std::function<void(stack&)>;
-  auto with = [](int32_t zk_estack_v1_header_t::*field, int32_t value) {
-    return [=](stack& s) { s.header.*field = value; };
-  };
-  constexpr auto SIZE = &zk_estack_v1_header_t::file_size, WRITE = &zk_estack_v1_header_t::write_pos;
-  constexpr auto EARLIEST = &zk_estack_v1_header_t::earliest_rec, START = &zk_estack_v1_header_t::records_start;
-  const std::pair<change, bool> rows[] = {{with(SIZE, 8191), false},
-                                          {with(SIZE, 8192), true},
-                                          {with(SIZE, 16384), true},
-                                          {with(SIZE, 16385), false},
-                                          {with(SIZE, -8192), false},
-                                          {with(WRITE, 23), false},
-                                          {with(WRITE, 24), true},
-                                          {with(WRITE, 16384), true},
-                                          {with(WRITE, 16385), false},
-                                          {with(WRITE, -1), true},
-                                          {with(WRITE, INT_MIN), true},
-                                          {with(EARLIEST, 23), false},
-                                          {with(EARLIEST, 16385), false},
-                                          {with(EARLIEST, -1), false},
-                                          {with(START, 23), false},
-                                          {with(START, 16384), true},
-                                          {with(START, 16385), false},
-                                          {with(START, -1), true},
-                                          {[](stack& s) { s.header.has_wrapped = 2; }, false}};
-  for (const auto& [damage, good] : rows) {
-    stack s = stack_of("A");
-    damage(s);
-    for (const char* option : {"-d", "-r", "-p"})
-      EXPECT_EQ(view(s, {option}), good ? (outcome{lines("A"), "", 0}) : (outcome{"", FILE_CORRUPT, 24}))
-          << &damage - &rows[0].first;
-  }
-  stack unreachable = stack_of("A |");
-  unreachable.header.records_start = -1;
-  EXPECT_EQ(view(unreachable, {"-d"}), (outcome{lines("A"), FILE_CORRUPT, 24}));
+TEST(damaged_header, ends_the_report) {
+  stack s = stack_of("A |"), negative = stack_of("A");
+  negative.header.write_pos = negative.header.records_start = -1; /* passes, as long as nobody goes there */
+  s.header.records_start = -1;
+  EXPECT_EQ(view(negative, {"-d"}), (outcome{lines("A"), "", 0}));
+  EXPECT_EQ(view(s, {"-d"}), (outcome{lines("A"), FILE_CORRUPT, 24}));
+  s.header.earliest_rec = -1;
+  for (const char* option : {"-d", "-r", "-p"}) EXPECT_EQ(view(s, {option}), (outcome{"", FILE_CORRUPT, 24}));
 
   /* Later versions are read as version one, unchecked; their wrap counts only when it is 1. */
   for (int32_t version : {-8, 1, 4, 8, 16, 24, 32, 40, 48, 56, 64, INT_MIN}) {
-    stack s = stack_of("A | B");
-    s.version = version;
-    s.header.file_size = s.header.has_wrapped = 1;
+    stack later = stack_of("A | B");
+    later.version = version;
+    later.header.file_size = later.header.has_wrapped = 1;
     const bool good = version >= 8 && version <= 56 && version % 8 == 0;
-    EXPECT_EQ(view(s, {"-d"}), good ? (outcome{lines("A B"), "", 0}) : (outcome{"", FILE_CORRUPT, 24})) << version;
-    s.header.has_wrapped = 2;
-    EXPECT_EQ(view(s, {"-d"}).out, good ? lines("A") : "") << version;
+    EXPECT_EQ(view(later, {"-d"}), good ? (outcome{lines("A B"), "", 0}) : (outcome{"", FILE_CORRUPT, 24})) << version;
+    later.header.has_wrapped = 2;
+    EXPECT_EQ(view(later, {"-d"}).out, good ? lines("A") : "") << version;
   }
 }
 
@@ -375,26 +329,22 @@ TEST(damaged_record, ends_the_report) {
 }
 
 TEST(truncated_file, ends_the_report) {
-  stack s = stack_of("A B");
-  s.header.file_size = 8192;
+  const std::string bytes = stack_of("A B").bytes();
   const size_t record = incident{.description = "A"}.body().size() + 4, second = 24 + record, end = second + record;
   const struct {
     size_t size;
-    outcome dump, listed;
-  } rows[] = {{end, {lines("A B"), "", 0}, {lines("A B"), "", 0}},
-              {end - 1, {lines("A") + CORRUPT, FILE_CORRUPT, 24}, {CORRUPT, FILE_CORRUPT, 24}},
-              {second + 4, {lines("A") + CORRUPT, FILE_CORRUPT, 24}, {CORRUPT, FILE_CORRUPT, 24}},
-              {second + 3, {lines("A"), "", 0}, {lines("A"), "", 0}},
-              {second, {lines("A"), "", 0}, {lines("A"), "", 0}},
-              {24, {HEADING, "", 0}, {HEADING, "", 0}},
-              {20, {HEADING, "", 0}, {HEADING, "", 0}},
-              {16, {"", FILE_CORRUPT, 24}, {"", FILE_CORRUPT, 24}},
-              {0, {"", FILE_CORRUPT, 24}, {"", FILE_CORRUPT, 24}}};
-  for (const auto& row : rows) {
-    const std::string file = new_file(s.bytes().substr(0, row.size));
-    EXPECT_EQ(zkview({"-d", "-s", file}), row.dump) << row.size;
-    EXPECT_EQ(zkview({"-p", "-s", file}), row.listed) << row.size;
+    std::string before;
+    bool cut; /* inside a record; a length word that is cut short ends the lap */
+  } rows[] = {{end, "A B", false},  {end - 1, "A", true}, {second + 4, "A", true}, {second + 3, "A", false},
+              {second, "A", false}, {24, "", false},      {20, "", false}};
+  for (const auto& [size, before, is_cut] : rows) {
+    const std::string file = new_file(bytes.substr(0, size)), cut = is_cut ? CORRUPT : "";
+    const outcome listed = {is_cut ? "" : lines(before), "", 0};
+    EXPECT_EQ(zkview({"-d", "-s", file}), (outcome{lines(before) + cut, is_cut ? FILE_CORRUPT : "", is_cut ? 24 : 0}));
+    EXPECT_EQ(zkview({"-p", "-s", file}), is_cut ? (outcome{CORRUPT, FILE_CORRUPT, 24}) : listed) << size;
   }
+  for (size_t size : {0u, 3u, 16u})
+    EXPECT_EQ(zkview({"-d", "-s", new_file(bytes.substr(0, size))}), (outcome{"", FILE_CORRUPT, 24})) << size;
 }
 
 /* Whichever bit is turned, every view ends in one of the documented ways. */
@@ -404,7 +354,7 @@ TEST(damaged_bit, never_leads_astray) {
   s.header.earliest_rec = s.header.write_pos =
       24 + 4 + static_cast<int32_t>(incident{.description = "C"}.body().size());
   s.header.has_wrapped = 1;
-  const std::string bytes = s.bytes().substr(0, 24 + 3 * 400);
+  const std::string whole = s.bytes(), bytes = whole.substr(0, whole.find_last_not_of('\0') + 2);
   static auto& kept = *new std::deque<void*>; /* lists are never released by the routines that make them */
   const int file = memfd_create("stack", 0), standard_output = dup(STDOUT_FILENO),
             nowhere = open("/dev/null", O_WRONLY);
