@@ -117,7 +117,7 @@ static constexpr incident STORY[] = {
      "It goes on when the enclosure is below its limit."},
     {CONSOLE, 4, "wc_alarm.c", "1.3", 54, "Alarm %1$ld has been raised: %2$s.",
      {of_number(CU_ERROR_ARG_LONG, 100417), of_text("enclosure too warm")},
-     "mailed to  storage-operators\npager      no answer"},
+     "mailed to  storage-operators\npager      no answer", "samples.cat", 1, 2},
     {VOLUMES, ELSEWHERE, "/usr/src/stn/vol/vm_mirror.c", "1.19", 1033,
      "Volume %1$s is not mirrored: its partner does not answer.", {of_text("mail")},
      "partner    stn-b\nlast reply 35 s ago\nThe network monitor recorded the cause."},
