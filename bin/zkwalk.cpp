@@ -159,12 +159,13 @@ int zk_walk_begin(zk_walk* walk) {
   int debug_active = walk->debug_active;
   const char* debug_file = walk->debug_file;
 
-  /* Locks reach from the position they are taken at. A file that cannot be positioned fails in the header. */
-  lseek(walk->fildes, 0, SEEK_SET);
+  /* Locks reach from the position they are taken at. */
+  bool at_start = lseek(walk->fildes, 0, SEEK_SET) == 0;
   if (lockf(walk->fildes, F_LOCK, 0) == -1) {
     ZK_RETURN_AS(walk->routine, ZELK_LOCK, "Failure to lock stack - error code %d\nReturning %s(%d)", errno);
   }
   int result = zk_read_header(debug_active, debug_file, walk->fildes, &walk->stack_version, &walk->header);
+  if (result == ZELK_SUCCESS && !at_start) result = ZELK_FILE_CORRUPT;
   walk->may_wrap = walk->header.has_wrapped == 1;
   walk->position = walk->header.earliest_rec;
   return result;
@@ -210,7 +211,12 @@ bool zk_walk_at_write_pos(zk_walk* walk) {
 }
 
 void zk_walk_end(zk_walk* walk) {
-  lseek(walk->fildes, 0, SEEK_SET);
-  /* The lock goes with the descriptor at the latest. */
-  static_cast<void>(lockf(walk->fildes, F_ULOCK, 0));
+  if (lseek(walk->fildes, 0, SEEK_SET) == 0) {
+    static_cast<void>(lockf(walk->fildes, F_ULOCK, 0)); /* it goes with the descriptor at the latest */
+  } else {
+    struct flock whole = {};
+    whole.l_type = F_UNLCK;
+    whole.l_whence = SEEK_SET;
+    fcntl(walk->fildes, F_SETLK, &whole);
+  }
 }

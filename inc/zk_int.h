@@ -66,8 +66,8 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
 
 /* Finds the stack file that holds the Error ID `fid` among `stack_file_list`, up to `stack_list_limit` slots of
  * ZELK_FILE_SLOT_SIZE bytes, ended by an empty one; a single candidate is taken unsearched. With `correct_file`, the
- * slot's address is stored there; otherwise `*fildes_to_use` receives the file's descriptor, at position 0, which the
- * caller closes.
+ * slot's address is stored there; otherwise `*fildes_to_use`, then not null, receives the file's descriptor, at
+ * position 0, which the caller closes.
  * Returns 0; ZELK_INV_PARAM3 null or empty `fid`; ZELK_INV_PARAM4 null or empty list; ZELK_FILE_MISSING,
  * ZELK_NO_ACCESS, ZELK_TOO_MANY, ZELK_FAILURE a candidate cannot be opened or read; ZELK_INV_FID none holds it. */
 int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* fid, const char* stack_file_list,
