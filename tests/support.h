@@ -100,7 +100,7 @@ bool operator==(const outcome& a, const outcome& b);
 std::ostream& operator<<(std::ostream& stream, const outcome& what);
 
 using environment = std::map<std::string, std::string>;
-/* Runs a program with nothing in its environment but `variables` and TZ=UTC, and standard input empty. */
+/* Runs a program with nothing in its environment but `variables` and TZ, UTC unless given, and standard input empty. */
 outcome run(const std::vector<std::string>& command, const environment& variables = {});
 /* Runs the command. */
 outcome zkview(std::vector<std::string> arguments, const environment& variables = {});
