@@ -166,7 +166,8 @@ static incident full_incident() {
 
 TEST(full_report, shows_every_field) {
   stack s;
-  s.add(full_incident()).add(incident{.id = "", .pid = 101, .details = ""});
+  const std::string unended = incident{.id = "", .pid = 101, .details = "end"}.body();
+  s.add(full_incident()).add_raw(unended.substr(0, unended.size() - 1)); /* what was read before does not show */
   std::string second = FULL;
   auto replace = [&](const std::string& from, const std::string& to) {
     second.replace(second.find(from), from.size(), to);
@@ -175,7 +176,7 @@ TEST(full_report, shows_every_field) {
   replace(eid("cause"), "");
   replace("Identifier: 100", "Identifier: 101");
   second.erase(second.find("Description:"));
-  second += "Description:\ntext\n\nDetails:\n\n";
+  second += "Description:\ntext\n\nDetails:\nend\n";
   for (const char* option : {"-d", "-r", "-p"})
     EXPECT_EQ(report(s, {option, "-a"}), FULL + SEPARATOR + second + SEPARATOR);
 
