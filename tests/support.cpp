@@ -10,16 +10,13 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
-#include "zk_msg.h"
-
-std::string eid_field(std::string_view id) {
-  std::string field(id.substr(0, ZELK_EID_SIZE));
+static std::string eid_field(std::string_view id) {
+  std::string field(id);
   field.resize(ZELK_EID_SIZE);
   return field;
 }
@@ -28,13 +25,6 @@ std::string eid(std::string_view name) {
   std::string id(name);
   id.resize(ZELK_EID_LENGTH, '.');
   return id;
-}
-
-std::string int_arg(int32_t value, int32_t type) {
-  return image(type) + image(value) + std::string(4, '\0');
-}
-std::string string_arg(std::string_view value) {
-  return image(int32_t{CU_ERROR_ARG_CHAR_STR}) + text(value);
 }
 
 std::string incident::body() const {
@@ -46,13 +36,6 @@ std::string incident::body() const {
 stack::stack(int32_t size)
     : header{ZK_STACK_RECORDS_MIN, ZK_STACK_RECORDS_MIN, ZK_STACK_RECORDS_MIN, size, 0},
       area(static_cast<size_t>(size) - ZK_STACK_RECORDS_MIN, '\0') {}
-
-stack& stack::add(std::string_view name) {
-  incident what;
-  what.id = eid(name);
-  what.description = name;
-  return add(what);
-}
 
 stack& stack::add_raw(int32_t length, std::string_view body) {
   std::string record = image(length) + std::string(body);
@@ -75,37 +58,17 @@ stack& stack::wrap() {
   return *this;
 }
 
-std::string stack::bytes() const {
-  return image(version) + image(header) + area;
-}
-std::string stack::file() const {
-  return new_file(bytes());
-}
-
-std::string message(int number) {
-  return zk_mesgtbl_zkview_cmd[number];
-}
 std::string told(int number, const std::string& first, const std::string& second) {
   std::string text = message(number);
   for (auto [start, value] : {std::pair{"%1$", first}, {"%2$", second}})
     for (size_t at; (at = text.find(start)) != text.npos;) text.replace(at, 4, value);
   return text;
 }
-std::string unexpected(const std::string& routine, int code) {
-  return told(ZK_MSG_UNEXPECTED, routine, std::to_string(code));
-}
-const std::string HEADING = message(ZK_MSG_HEADING);
-const std::string SEPARATOR = message(ZK_MSG_SEPARATOR);
-const std::string CORRUPT = message(ZK_MSG_REC_CORRUPT);
 
 std::string line(std::string_view description, std::string_view process) {
   std::string name(process.substr(0, 16));
   name.resize(16, ' ');
   return "020309052007 " + name + " " + std::string(description) + "\n";
-}
-
-bool operator==(const outcome& a, const outcome& b) {
-  return a.out == b.out && a.err == b.err && a.status == b.status;
 }
 
 std::ostream& operator<<(std::ostream& stream, const outcome& what) {
@@ -121,32 +84,27 @@ outcome run(const std::vector<std::string>& command, const environment& variable
   std::string out = new_file(""), err = new_file("");
   pid_t child = fork();
   if (child == 0) {
-    std::vector<char*> arguments;
-    std::vector<std::string> emulator = words(EMULATOR);
-    for (std::string& word : emulator) arguments.push_back(word.data());
-    for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    /* The command leaves the release of its lists to its end. */
-    environment all = {{"ASAN_OPTIONS", "detect_leaks=0"}, {"TZ", "UTC"}, {"ZELKPNAME", ""}}; /* no copies of dumps */
-    for (const auto& [name, value] : variables) all[name] = value;
-    std::vector<std::string> settings;
+    /* The command leaves the release of its lists to its end, and dumps are not copied. */
+    environment all = variables;
+    all.insert({{"ASAN_OPTIONS", "detect_leaks=0"}, {"TZ", "UTC"}, {"ZELKPNAME", ""}});
+    std::vector<std::string> arguments = words(EMULATOR), settings;
+    arguments.insert(arguments.end(), command.begin(), command.end());
     for (const auto& [name, value] : all) settings.push_back(name + "=" + value);
-    std::vector<char*> pointers;
-    for (std::string& setting : settings) pointers.push_back(setting.data());
-    pointers.push_back(nullptr);
+    auto pointers = [](std::vector<std::string>& texts) {
+      std::vector<char*> made;
+      for (std::string& each : texts) made.push_back(each.data());
+      made.push_back(nullptr);
+      return made;
+    };
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(open(out.c_str(), O_WRONLY), STDOUT_FILENO);
     dup2(open(err.c_str(), O_WRONLY), STDERR_FILENO);
-    execve(arguments[0], arguments.data(), pointers.data());
+    execve(arguments[0].c_str(), pointers(arguments).data(), pointers(settings).data());
     _exit(127);
   }
   int status = 0;
   waitpid(child, &status, 0);
   return {contents(out), contents(err), WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status)};
-}
-
-std::string program(const std::string& name) {
-  return std::string(PROGRAM_FOLDER "/") + name;
 }
 
 outcome zkview(std::vector<std::string> arguments, const environment& variables) {
@@ -155,31 +113,22 @@ outcome zkview(std::vector<std::string> arguments, const environment& variables)
 }
 
 std::string report(const stack& what, std::vector<std::string> options) {
-  options.push_back("-s");
-  options.push_back(what.file());
+  options.insert(options.end(), {"-s", what.file()});
   outcome result = zkview(options);
   EXPECT_EQ(result.status, 0) << result.err;
   return result.out;
 }
 
-namespace {
-struct folder {
-  folder() {
-    char name[] = "/tmp/zkview-test-XXXXXX";
-    path = mkdtemp(name);
-    owner = getpid();
-  }
-  ~folder() {
-    std::error_code ignored;
-    if (owner == getpid()) std::filesystem::remove_all(path, ignored);
-  }
-  std::string path;
-  pid_t owner;
-};
-}  // namespace
-
 const std::string& scratch() {
-  static folder own;
+  static struct folder {
+    char name[24] = "/tmp/zkview-test-XXXXXX";
+    std::string path = mkdtemp(name);
+    pid_t owner = getpid();
+    std::error_code ignored = {};
+    ~folder() {
+      if (owner == getpid()) std::filesystem::remove_all(path, ignored);
+    }
+  } own;
   return own.path;
 }
 
@@ -196,27 +145,23 @@ std::string contents(const std::string& path) {
 }
 
 std::vector<std::string> trace_entries(const std::string& path) {
-  std::string bytes = contents(path);
-  std::vector<std::string> newest, older;
-  bool past_end = false;
-  for (size_t at = bytes.find('\1'); at != bytes.npos;) {
-    size_t next = bytes.find('\1', at + 1);
-    std::string entry = bytes.substr(at, next == bytes.npos ? next : next - at);
-    bool is_last = entry.find("[END OF FINAL ENTRY]\n") != entry.npos;
-    for (const char* mark : {"[END OF FINAL ENTRY]\n", "[FILE RECYCLES HERE]\n"})
-      entry = entry.substr(0, entry.find(mark));
-    size_t routine = entry.find("\tZELK Routine: ");
-    size_t caller = entry.find("\tCalled by PID ");
-    if (routine != entry.npos && caller != entry.npos) {
-      routine += std::strlen("\tZELK Routine: ");
-      (past_end ? older : newest)
-          .push_back(entry.substr(routine, caller - routine) + entry.substr(entry.find('\n', caller) + 1));
-    }
-    past_end = past_end || is_last;
-    at = next;
+  const std::string bytes = contents(path), routine = "\tZELK Routine: ", caller = "\tCalled by PID ";
+  const std::string end_mark = "[END OF FINAL ENTRY]\n", recycle_mark = "[FILE RECYCLES HERE]\n";
+  std::vector<std::string> entries;
+  std::ptrdiff_t oldest = 0;
+  for (size_t at = bytes.find('\1'), next; at != bytes.npos; at = next) {
+    next = bytes.find('\1', at + 1);
+    std::string entry = bytes.substr(at, next - at);
+    const bool is_last = entry.find(end_mark) != entry.npos;
+    for (const std::string& mark : {end_mark, recycle_mark}) entry = entry.substr(0, entry.find(mark));
+    const size_t start = entry.find(routine), end = entry.find(caller);
+    if (start != entry.npos && end != entry.npos)
+      entries.push_back(entry.substr(start, end - start).substr(routine.size()) +
+                        entry.substr(entry.find('\n', end) + 1));
+    if (is_last) oldest = std::ssize(entries);
   }
-  older.insert(older.end(), newest.begin(), newest.end());
-  return older;
+  std::rotate(entries.begin(), entries.begin() + oldest, entries.end());
+  return entries;
 }
 
 std::string folded(std::string message) {
@@ -251,8 +196,9 @@ void as_ordinary_user(const std::function<void()>& work) {
 bool has_private_var() {
   static const bool made = [] {
     scratch();
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
-    if (mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") != 0) return false;
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") != 0)
+      return false;
     std::error_code error;
     std::filesystem::create_directories(ZELK_STACK_DIR, error);
     std::filesystem::create_directories(ZELK_DUMP_DIR, error);

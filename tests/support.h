@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -13,6 +12,14 @@
 #include <vector>
 
 #include "zk_int.h"
+#include "zk_msg.h"
+
+/* ---- Files -------------------------------------------------------------------------------------------- */
+
+/* A folder of this test program's own, removed when it ends. */
+const std::string& scratch();
+std::string new_file(const std::string& contents); /* its path, in scratch() */
+std::string contents(const std::string& path);
 
 /* ---- Bytes -------------------------------------------------------------------------------------------- */
 
@@ -25,19 +32,21 @@ std::vector<std::string> words(const std::string& text);
 inline std::string text(std::string_view characters) {
   return std::string(characters) + '\0';
 }
-/* An Error ID field: `id` padded with zeros to 43 bytes. */
-std::string eid_field(std::string_view id);
 /* A well-formed Error ID for tests that only compare: 42 characters, told apart by `name`. */
 std::string eid(std::string_view name);
 
 /* Arguments of a description as a record holds them. */
-std::string int_arg(int32_t value, int32_t type = CU_ERROR_ARG_INT);
+inline std::string int_arg(int32_t value, int32_t type = CU_ERROR_ARG_INT) {
+  return image(type) + image(value) + std::string(4, '\0');
+}
 template <typename T>
 std::string wide_arg(int32_t type, T value) {
   static_assert(sizeof value == 8);
   return image(type) + image(value);
 }
-std::string string_arg(std::string_view value);
+inline std::string string_arg(std::string_view value) {
+  return image(int32_t{CU_ERROR_ARG_CHAR_STR}) + text(value);
+}
 
 /* ---- Stacks ------------------------------------------------------------------------------------------- */
 
@@ -65,15 +74,15 @@ struct incident {
 struct stack {
   explicit stack(int32_t size = 8192);
   stack& add(const incident& what) { return add_raw(what.body()); }
-  stack& add(std::string_view name); /* an incident whose Error ID and description come from `name` */
+  stack& add(std::string_view name) { return add({.id = eid(name), .description = std::string(name)}); }
   stack& add_raw(std::string_view body) { return add_raw(static_cast<int32_t>(body.size()), body); }
   stack& add_raw(int32_t length, std::string_view body);
   /* The next record goes to records_start; what is added before counts as the older lap. */
   stack& wrap();
   /* The whole file, header included. */
-  std::string bytes() const;
+  std::string bytes() const { return image(version) + image(header) + area; }
   /* Path of a file that holds bytes(), removed when the test program ends. */
-  std::string file() const;
+  std::string file() const { return new_file(bytes()); }
 
   int32_t version = 0;
   zk_estack_v1_header_t header;
@@ -81,12 +90,17 @@ struct stack {
 };
 
 /* Messages as the command prints them without a catalog. */
-std::string message(int number);
+inline std::string message(int number) {
+  return zk_mesgtbl_zkview_cmd[number];
+}
 /* The same with its arguments, which are plain texts, characters or numbers. */
 std::string told(int number, const std::string& first = "", const std::string& second = "");
 /* The message of a failure that has none of its own. */
-std::string unexpected(const std::string& routine, int code);
-extern const std::string HEADING, SEPARATOR, CORRUPT;
+inline std::string unexpected(const std::string& routine, int code) {
+  return told(ZK_MSG_UNEXPECTED, routine, std::to_string(code));
+}
+inline const std::string HEADING = message(ZK_MSG_HEADING), SEPARATOR = message(ZK_MSG_SEPARATOR),
+                         CORRUPT = message(ZK_MSG_REC_CORRUPT);
 /* The brief line of an incident with the defaults of `incident`, in UTC. */
 std::string line(std::string_view description, std::string_view process = "proc");
 
@@ -95,8 +109,8 @@ std::string line(std::string_view description, std::string_view process = "proc"
 struct outcome {
   std::string out, err;
   int status; /* exit status, or 1000 + the signal that ended it */
+  bool operator==(const outcome&) const = default;
 };
-bool operator==(const outcome& a, const outcome& b);
 std::ostream& operator<<(std::ostream& stream, const outcome& what);
 
 using environment = std::map<std::string, std::string>;
@@ -107,7 +121,9 @@ outcome zkview(std::vector<std::string> arguments, const environment& variables 
 /* What the command prints about `what` in the view `options`; expects success. */
 std::string report(const stack& what, std::vector<std::string> options);
 /* The program under test, or another one of this build: "zkview", "record_incidents", ... */
-std::string program(const std::string& name);
+inline std::string program(const std::string& name) {
+  return std::string(PROGRAM_FOLDER "/") + name;
+}
 /* What `work` prints on standard output. */
 template <typename Work>
 std::string printed(Work&& work) {
@@ -116,12 +132,8 @@ std::string printed(Work&& work) {
   return testing::internal::GetCapturedStdout();
 }
 
-/* ---- Files -------------------------------------------------------------------------------------------- */
+/* ---- Traces and processes ----------------------------------------------------------------------------- */
 
-/* A folder of this test program's own, removed when it ends. */
-const std::string& scratch();
-std::string new_file(const std::string& contents); /* its path, in scratch() */
-std::string contents(const std::string& path);
 /* Entries of a trace file in order of age, oldest first: what follows "\tZELK Routine: ", up to the next
  * entry, without the line about process and thread. */
 std::vector<std::string> trace_entries(const std::string& path);
