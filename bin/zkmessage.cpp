@@ -84,20 +84,21 @@ static size_t control_length(std::string_view text) {
 
 /* Puts recorded text, with its control characters shown as "?" on a terminal. */
 static void put_recorded(FILE* stream, std::string_view text) {
-  size_t start = 0;
-  for (size_t at = 0; at < text.size();) {
-    size_t control = control_length(text.substr(at));
+  size_t harmless = 0; /* bytes at the start of the text */
+  while (harmless < text.size()) {
+    std::string_view rest(text.data() + harmless, text.size() - harmless);
+    size_t control = control_length(rest);
     if (control == 0) {
-      at += std::max(utf8_length(text.substr(at)), size_t{1});
+      harmless += std::max(utf8_length(rest), size_t{1});
       continue;
     }
     if (isatty(fileno(stream)) == 0) break;
-    put_text(stream, text.substr(start, at - start));
+    put_text(stream, {text.data(), harmless});
     put_text(stream, "?");
-    at += control;
-    start = at;
+    text.remove_prefix(harmless + control);
+    harmless = 0;
   }
-  put_text(stream, text.substr(start));
+  put_text(stream, text);
 }
 
 struct stream_sink {

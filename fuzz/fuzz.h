@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "qx_cu.h"
+
 #define FUZZ_EXPECT(condition) ((condition) ? void() : std::abort())
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -39,6 +41,15 @@ inline std::string fuzz_contents(int fildes) {
   FUZZ_EXPECT(pread(fildes, contents.data(), contents.size(), 0) == static_cast<ssize_t>(contents.size()));
   close(fildes);
   return contents;
+}
+
+/* The text that a description comes out as. */
+inline std::string fuzz_message(const cu_error_t& error) {
+  char* text = nullptr;
+  FUZZ_EXPECT(cu_get_errmsg_1(&error, &text) == 0 && text != nullptr);
+  const std::string copy = text;
+  free(text);
+  return copy;
 }
 
 /* A trace file for the routines that are tried with tracing on. */

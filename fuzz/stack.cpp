@@ -1,6 +1,5 @@
 /* stack.cpp - the input is an Error Stack file; it goes through every view. */
 #include <algorithm>
-#include <array>
 
 #include "fuzz.h"
 #include "zk_int.h"
@@ -22,16 +21,15 @@ static size_t release(zk_proc_list_t* process) {
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static std::array<char, size_t{1} << 16> block; /* small: filling it is tried too */
+  static char block[1 << 16]; /* small: filling it is tried too */
   const nl_catd catalog = reinterpret_cast<nl_catd>(-1);
   const std::string bytes(data, data + size);
-  const std::string first = bytes.substr(std::min(size, size_t{ZK_STACK_RECORDS_MIN + ZK_REC_EID_POS}));
-  const std::string fid = first.substr(0, ZELK_EID_LENGTH);
+  const std::string fid = bytes.substr(std::min(size, size_t{ZK_STACK_RECORDS_MIN + ZK_REC_EID_POS}), ZELK_EID_LENGTH);
   const int traced = size % 16 == 1; /* a trace takes its time */
   const char* trace = fuzz_trace();
   const int fildes = fuzz_file(bytes);
 
-  zk_buffer_report(block.data(), block.size());
+  zk_buffer_report(block, sizeof block);
   zk_dump_stack(traced, trace, 1, 0, nullptr, 0, fildes, catalog);
   zk_dump_stack(traced, trace, 0, 0, fid.c_str(), 1, fildes, catalog);
   zk_proc_list_t processes = {};
@@ -47,7 +45,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool agree = release(processes.next) == release(groups);
   FUZZ_EXPECT(agree || by_process != ZELK_SUCCESS || by_relation != ZELK_SUCCESS);
   FUZZ_EXPECT(zk_flush_report() == 0);
-  FUZZ_EXPECT(lseek(fildes, 0, SEEK_CUR) == 0);
-  FUZZ_EXPECT(fuzz_contents(fildes) == bytes); /* a stack is only read */
+  FUZZ_EXPECT(lseek(fildes, 0, SEEK_CUR) == 0 && fuzz_contents(fildes) == bytes); /* a stack is only read */
   return 0;
 }
