@@ -62,11 +62,11 @@ static int number(const char* list, int place) {
 }
 static const char NODE[3][ZELK_ADDR_SLOT_SIZE] = {"10.0.0.1", "10.0.0.2"};
 /* Calls a routine with `t`, which for generation is a stack ("-" for none), a label, a facility and a priority. */
-static int call(const std::string& name, const char* t) {
+static int call(const std::string& name, const char* t, int tracing) {
   const std::string whole = strlen(t) == 7 ? t + END : t, file(t, strcspn(t, ","));
   const char* stack = file == "-" ? nullptr : file.c_str();
 #define CALL(routine, ...) \
-  if (name == #routine) return zk_##routine(1, TRACE.c_str(), __VA_ARGS__)
+  if (name == #routine) return zk_##routine(tracing, TRACE.c_str(), __VA_ARGS__)
   CALL(conv_base_64_hdr, t, &out.version, &out.location);
   CALL(conv_base_64_inode, *t == '/' ? t : "/", *t == '/' ? "/....." : t, out.files[0], 1);
   CALL(conv_base_64_templ, t, &out.label);
@@ -83,7 +83,7 @@ static int call(const std::string& name, const char* t) {
        out.text);
   CALL(decode_eid, whole.c_str(), &out.local, &out.version, &out.location, out.files[0], &out.label, &out.time,
        out.address, &out.ipv6);
-  return decode(whole, 4, 1);
+  return decode(whole, 4, tracing);
 }
 
 /* Makes the calls of a table. A row has the routine unless it is that of the row before, the result, arguments and,
@@ -103,8 +103,10 @@ static void expect(const std::string& table) {
     for (size_t place = 1; place < parts.size(); ++place) {
       const std::vector<char> argument(parts[place].c_str(), parts[place].c_str() + parts[place].size() + 1);
       zk_create_debug_file(TRACE.c_str());
-      std::memcpy(&out, &UNTOUCHED, sizeof out);
-      EXPECT_EQ(call(routine, argument.data()), result) << parts[place];
+      for (int tracing : {0, 1}) { /* which makes no difference */
+        std::memcpy(&out, &UNTOUCHED, sizeof out);
+        EXPECT_EQ(call(routine, argument.data(), tracing), result) << parts[place];
+      }
       EXPECT_EQ(std::memcmp(&out, &UNTOUCHED, sizeof out) != 0, (result == 0) != (parts[0].back() == '!'));
       if (colon == row.npos) continue;
       std::string entry;
@@ -157,6 +159,48 @@ test_ipaddr 0! 10.0.0.2; -1 10.0 : No matches fo address @ found in 2 known base
 get_base_64_hdr -4 0,0 3,3; -5 1,-1 2,3; 0 1,0 2,2; get_base_64_inode -24 /none; -14 /dev/null/x; 0 /proc;
 get_base_64_time -1 -1; 0 999999; get_base_64_selector 0 184,7; -4 185,0; -5 0,-1 0,8;
 -4 -1,-1 : facility 127 invalid - returning ZELK_INV_PARAM3(-4))rows");
+}
+
+TEST(fields, need_their_arguments_in_order) {
+  int one = 0, *none = nullptr;
+  char text[12] = "", *no_text = nullptr;
+  for (int on : {0, 1}) {
+    const char* file = TRACE.c_str();
+    EXPECT_EQ((std::vector<int>{zk_get_base_64_hdr(on, file, 1, 1, nullptr),
+                                zk_conv_base_64_hdr(on, file, "", none, none),
+                                zk_conv_base_64_hdr(on, file, "/", none, none),
+                                zk_conv_base_64_hdr(on, file, "/", &one, none),
+                                zk_get_base_64_inode(on, file, "", nullptr),
+                                zk_get_base_64_inode(on, file, "/", nullptr),
+                                zk_conv_base_64_inode(on, file, "", "", no_text, 0),
+                                zk_conv_base_64_inode(on, file, "/", "", no_text, 0),
+                                zk_conv_base_64_inode(on, file, "/", "/", no_text, 1),
+                                zk_conv_base_64_inode(on, file, "/", "/", text, 0),
+                                zk_get_base_64_templ(on, file, 1, nullptr),
+                                zk_conv_base_64_templ(on, file, nullptr, &out.label),
+                                zk_conv_base_64_templ(on, file, "/", nullptr),
+                                zk_get_base_64_selector(on, file, 8, 3, nullptr),
+                                zk_conv_base_64_selector(on, file, "", none, none),
+                                zk_conv_base_64_selector(on, file, "x", none, none),
+                                zk_conv_base_64_selector(on, file, "x", &one, none),
+                                zk_get_base_64_time(on, file, nullptr, nullptr),
+                                zk_get_base_64_time(on, file, text, nullptr),
+                                zk_conv_base_64_time(on, file, "", nullptr),
+                                zk_conv_base_64_time(on, file, "/", nullptr),
+                                zk_get_ipaddr(on, file, nullptr, nullptr),
+                                zk_get_ipaddr(on, file, text, nullptr),
+                                zk_conv_ipaddr(on, file, "", '.', text),
+                                zk_test_ipaddr(on, file, "", nullptr),
+                                zk_test_ipaddr(on, file, "1.2.3.4", nullptr),
+                                zk_decode_eid_2(on, file, "", none, none, none, no_text, 0, nullptr, none, none,
+                                                nullptr, nullptr, none)}),
+              (std::vector<int>{-6, -4, -5, -6, -4, -5, -4, -5, -6, -6, -5, -4, -5, -6,
+                                -4, -5, -6, -4, -5, -4, -5, -4, -5, -4, -4, -5, -3}));
+  }
+  zk_selector_substr("8M", text);
+  zk_selector_substr("8M6....more", text + 1);
+  zk_selector_substr("8M6....", nullptr);
+  EXPECT_STREQ(text, "MM6....");
 }
 
 /* ---- Whole IDs ---------------------------------------------------------------------------------------- */

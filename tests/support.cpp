@@ -109,7 +109,13 @@ outcome run(const std::vector<std::string>& command, const environment& variable
 
 outcome zkview(std::vector<std::string> arguments, const environment& variables) {
   arguments.insert(arguments.begin(), program("zkview"));
-  return run(arguments, variables);
+  outcome result = run(arguments, variables);
+  if (variables.contains("ZELKDEBUG")) return result;
+  /* Tracing changes nothing. */
+  environment traced = variables;
+  traced["ZELKDEBUG"] = scratch() + "/command-trace";
+  EXPECT_EQ(run(arguments, traced), result);
+  return result;
 }
 
 std::string report(const stack& what, std::vector<std::string> options) {
@@ -178,7 +184,7 @@ void in_child(const std::function<void()>& work) {
   pid_t child = fork();
   if (child == 0) {
     work();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
+    std::exit(testing::Test::HasFailure() ? 1 : 0); /* not _exit: coverage is written at exit */
   }
   int status = 0;
   waitpid(child, &status, 0);
