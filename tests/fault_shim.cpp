@@ -25,11 +25,10 @@ static struct {
 } fault;
 
 __attribute__((constructor)) static void start() {
-  constexpr int SECONDS = 10;
   Dl_info command = {};
   fault.log = open(getenv("ZK_FAULT_LOG"), O_WRONLY | O_CLOEXEC);
   sscanf(getenv("ZK_FAULT"), "%ld %d", &fault.number, &fault.error);
-  alarm(SECONDS);
+  alarm(10);
   dladdr(reinterpret_cast<void*>(getauxval(AT_ENTRY)), &command);
   fault.command = command.dli_fbase;
 }
@@ -43,8 +42,8 @@ static bool fails(void* caller, const char* call, long detail, const char* file)
   dprintf(fault.log, "%s %ld %s\n", call, detail, file);
   errno = caller_errno;
   if (--fault.number != 0) return false;
-  if (fault.error == 0) fault.limit = 1;
-  if (fault.error != 0) errno = fault.error;
+  fault.limit = 1;
+  errno = fault.error;
   return fault.error != 0;
 }
 
