@@ -39,6 +39,9 @@ static bool fails(void* caller, const char* call, long detail, const char* file)
   fault.limit = SIZE_MAX;
   if (fault.command == nullptr || dladdr(caller, &place) == 0 || place.dli_fbase != fault.command) return false;
   const int caller_errno = errno;
+  /* Registered within main, so that it comes before what writes coverage. */
+  static const int registered = atexit([] { fault.command = nullptr; });
+  static_cast<void>(registered);
   dprintf(fault.log, "%s %ld %s\n", call, detail, file);
   errno = caller_errno;
   if (--fault.number != 0) return false;
