@@ -45,10 +45,5 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fildes = fuzz_file(contents);
   result = zk_record_debug_info(fildes, message);
   check(contents, fuzz_contents(fildes), result, std::strlen(message));
-
-  fildes = fuzz_file(contents);
-  lseek(fildes, static_cast<off_t>(std::strlen(message)), SEEK_SET);
-  FUZZ_EXPECT(zk_clear_record_remnant(fildes) == ZELK_SUCCESS);
-  FUZZ_EXPECT(fuzz_contents(fildes).size() == contents.size());
   return 0;
 }

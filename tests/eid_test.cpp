@@ -5,7 +5,6 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -164,38 +163,27 @@ get_base_64_time -1 -1; 0 999999; get_base_64_selector 0 184,7; -4 185,0; -5 0,-
 TEST(fields, need_their_arguments_in_order) {
   int one = 0, *none = nullptr;
   char text[12] = "", *no_text = nullptr;
-  for (int on : {0, 1}) {
-    const char* file = TRACE.c_str();
-    EXPECT_EQ((std::vector<int>{zk_get_base_64_hdr(on, file, 1, 1, nullptr),
-                                zk_conv_base_64_hdr(on, file, "", none, none),
-                                zk_conv_base_64_hdr(on, file, "/", none, none),
-                                zk_conv_base_64_hdr(on, file, "/", &one, none),
-                                zk_get_base_64_inode(on, file, "", nullptr),
-                                zk_get_base_64_inode(on, file, "/", nullptr),
-                                zk_conv_base_64_inode(on, file, "", "", no_text, 0),
-                                zk_conv_base_64_inode(on, file, "/", "", no_text, 0),
-                                zk_conv_base_64_inode(on, file, "/", "/", no_text, 1),
-                                zk_conv_base_64_inode(on, file, "/", "/", text, 0),
-                                zk_get_base_64_templ(on, file, 1, nullptr),
-                                zk_conv_base_64_templ(on, file, nullptr, &out.label),
-                                zk_conv_base_64_templ(on, file, "/", nullptr),
-                                zk_get_base_64_selector(on, file, 8, 3, nullptr),
-                                zk_conv_base_64_selector(on, file, "", none, none),
-                                zk_conv_base_64_selector(on, file, "x", none, none),
-                                zk_conv_base_64_selector(on, file, "x", &one, none),
-                                zk_get_base_64_time(on, file, nullptr, nullptr),
-                                zk_get_base_64_time(on, file, text, nullptr),
-                                zk_conv_base_64_time(on, file, "", nullptr),
-                                zk_conv_base_64_time(on, file, "/", nullptr),
-                                zk_get_ipaddr(on, file, nullptr, nullptr),
-                                zk_get_ipaddr(on, file, text, nullptr),
-                                zk_conv_ipaddr(on, file, "", '.', text),
-                                zk_test_ipaddr(on, file, "", nullptr),
-                                zk_test_ipaddr(on, file, "1.2.3.4", nullptr),
-                                zk_decode_eid_2(on, file, "", none, none, none, no_text, 0, nullptr, none, none,
-                                                nullptr, nullptr, none)}),
-              (std::vector<int>{-6, -4, -5, -6, -4, -5, -4, -5, -6, -6, -5, -4, -5, -6,
-                                -4, -5, -6, -4, -5, -4, -5, -4, -5, -4, -4, -5, -3}));
+#define FOR traced, TRACE.c_str()
+  auto results = [](auto... each) { return std::vector<int>{each...}; };
+  const std::vector<int> expected = {-6, -4, -5, -6, -4, -5, -4, -5, -6, -6, -5, -4, -5, -6,
+                                     -4, -5, -6, -4, -5, -4, -5, -4, -5, -4, -4, -5, -3};
+  for (int traced : {0, 1}) {
+    const std::vector<int> made =
+        results(zk_get_base_64_hdr(FOR, 1, 1, nullptr), zk_conv_base_64_hdr(FOR, "", none, none),
+                zk_conv_base_64_hdr(FOR, "/", none, none), zk_conv_base_64_hdr(FOR, "/", &one, none),
+                zk_get_base_64_inode(FOR, "", nullptr), zk_get_base_64_inode(FOR, "/", nullptr),
+                zk_conv_base_64_inode(FOR, "", "", no_text, 0), zk_conv_base_64_inode(FOR, "/", "", no_text, 0),
+                zk_conv_base_64_inode(FOR, "/", "/", no_text, 1), zk_conv_base_64_inode(FOR, "/", "/", text, 0),
+                zk_get_base_64_templ(FOR, 1, nullptr), zk_conv_base_64_templ(FOR, nullptr, &out.label),
+                zk_conv_base_64_templ(FOR, "/", nullptr), zk_get_base_64_selector(FOR, 8, 3, nullptr),
+                zk_conv_base_64_selector(FOR, "", none, none), zk_conv_base_64_selector(FOR, "x", none, none),
+                zk_conv_base_64_selector(FOR, "x", &one, none), zk_get_base_64_time(FOR, nullptr, nullptr),
+                zk_get_base_64_time(FOR, text, nullptr), zk_conv_base_64_time(FOR, "", nullptr),
+                zk_conv_base_64_time(FOR, "/", nullptr), zk_get_ipaddr(FOR, nullptr, nullptr),
+                zk_get_ipaddr(FOR, text, nullptr), zk_conv_ipaddr(FOR, "", '.', text), zk_test_ipaddr(FOR, "", nullptr),
+                zk_test_ipaddr(FOR, "1.2.3.4", nullptr),
+                zk_decode_eid_2(FOR, "", none, none, none, no_text, 0, nullptr, none, none, nullptr, nullptr, none));
+    EXPECT_EQ(made, expected);
   }
   zk_selector_substr("8M", text);
   zk_selector_substr("8M6....more", text + 1);
@@ -350,18 +338,6 @@ TEST_F(given_an_id, the_command_searches_several_candidates) {
     EXPECT_EQ(shown("-f", id, {view}), (outcome{line("second") + shown("-s", "links", {view}).out, "", 0}));
   EXPECT_EQ(shown("-f", id, {"-i"}), (outcome{line("second") + HEADING + line("second"), "", 0}));
   expect_refusal(ZK_MSG_ID_STACK_GONE, 20, {absent});
-
-  /* Another file in the place of a link has that link's i-node in the folder. */
-  out = UNTOUCHED;
-  EXPECT_TRUE(decode(id, 1) == 0 && out.files[1][0] == '\0');
-  ASSERT_EQ(decode(id), 0);
-  const std::string first = STACKS + out.files[0], second = STACKS + out.files[1];
-  const std::string other = stack().add("other").file(), damaged = new_file("damaged");
-  ASSERT_EQ(mount(other.c_str(), first.c_str(), nullptr, MS_BIND, nullptr), 0);
-  EXPECT_EQ(shown("-f", id, {"-d"}), (outcome{line("second") + shown("-s", second, {"-d"}).out, "", 0}));
-  ASSERT_EQ(mount(damaged.c_str(), second.c_str(), nullptr, MS_BIND, nullptr), 0);
-  EXPECT_EQ(shown("-f", id), gone_wrong(-1));
-  EXPECT_EQ(umount(first.c_str()) + umount(second.c_str()), 0);
 }
 
 TEST_F(given_an_id, the_command_tells_why_there_is_no_report) {
@@ -378,7 +354,7 @@ TEST_F(given_an_id, the_command_tells_why_there_is_no_report) {
   fs::rename(ZELK_DIR "/away", ZELK_STACK_DIR);
 
   fs::permissions(scratch(), fs::perms::all);
-  fs::permissions(STACKS + "refused", fs::perms::none);
+  fs::permissions(STACKS + "refused", static_cast<fs::perms>(0444)); /* to read it is not enough */
   as_ordinary_user([&] { expect_refusal(ZK_MSG_ID_NO_ACCESS, 20, {id}); });
   fs::permissions(STACKS, fs::perms::none);
   as_ordinary_user([&] { EXPECT_EQ(shown("-f", id), gone_wrong(-13)); });

@@ -175,7 +175,10 @@ TEST(header, is_checked_in_order) {
     zk_estack_v1_header_t header;
     std::string text;
   } rows[] = {{4, {23, 23, 23, 8191, 2}, "Version code from record (0x4) is not supported" + assumed},
+              {-8, {23, 23, 23, 8191, 2}, "Version code from record (0xfffffff8) is not supported" + assumed},
+              {64, {23, 23, 23, 8191, 2}, "Version code from record (0x40) is not supported" + assumed},
               {0, {23, 23, 23, 8191, 2}, "File size 8191" + range},
+              {0, {23, 23, 23, 16385, 2}, "File size 16385" + range},
               {0, {23, 23, 23, 8192, 2}, "Current recording position 23" + range},
               {0, {23, 16384, 16385, 8192, 2}, "Earliest record location 16385" + range},
               {0, {23, -1, 16384, 16384, 2}, "Initial record offset 23" + range},

@@ -98,21 +98,6 @@ TEST(trace, goes_on_in_a_child_forked_while_another_thread_traces) {
   unsetenv("TZ");
 }
 
-TEST(trace_message, is_cut_and_folded) {
-  const std::string a72(72, 'a'), b72(72, 'b');
-  const std::pair<std::string, std::string> rows[] = {
-      {"\na\n\nb", "\t\n\ta\n\t\n\tb\n"},
-      {a72 + "\nb", "\t" + a72 + "\n\tb\n"},
-      {a72 + b72 + a72 + b72, "\t" + a72 + "\n\t" + b72 + "\n\t" + a72 + "\n\t" + b72.substr(34) + "\n"},
-      {std::string(300, '\n'), folded(std::string(254, '\n'))}};
-  trace_model model;
-  const std::string path = new_file(FRESH);
-  for (const auto& [message, lines] : rows) {
-    EXPECT_EQ(folded(message), lines);
-    EXPECT_EQ(trace_both(path, model, "r", message), ZELK_SUCCESS);
-  }
-}
-
 TEST(trace_file, holds_what_the_model_holds_through_many_laps) {
   const unsigned int seed = std::random_device{}();
   std::mt19937 random(seed);
@@ -135,7 +120,6 @@ TEST(control_line, that_is_odd_counts_and_one_that_is_unreadable_stops_the_entry
   const std::tuple<long, long, long, long, int, std::string> rows[] = {
       {8000, 0, full, 1, 0, ""},
       {8000, 0, full + 1, 0, 0, ""},
-      {100, -3, -999, -2, 0, ""},
       {16000, 0, 50, 1, 0, ""},
       {16380, 99999, 16384, 100000, ZELK_FILE_CORRUPT, ""},
       {12345, 6, 99999, 6, 0, "ZKTFO=12345678 ZKTFW=6ZKTFS=9999999\n"},
