@@ -217,7 +217,7 @@ TEST(damaged_bit, never_leads_astray) {
   full.wrap().add({.id = eid("F"), .related = eid("C"), .details = std::string(820, 'd')}).add("G").add("H");
   for (size_t start = 0; start < full.bytes().size(); start += CHUNK)
     in_child([&] {
-      static std::vector<void*> kept;
+      static auto& kept = *new std::vector<void*>; /* what LeakSanitizer still sees is no leak */
       const std::string bytes = full.bytes();
       const int file = open(new_file(bytes).c_str(), O_RDWR);
       std::set<int> results;
