@@ -173,15 +173,21 @@ TEST(catalog, that_is_no_good_counts_as_absent) {
   for (const std::string& path : {here + "fifo", here, here + "none", stored("empty", "")})
     EXPECT_EQ(made_of("default", {}, path), "default") << path;
 
+  auto word = [](uint32_t value) { /* least significant byte first, on any host */
+                                   std::string bytes;
+                                   for (int shift = 0; shift < 32; shift += 8)
+                                     bytes += static_cast<char>(value >> shift);
+                                   return bytes;
+  };
   /* Sizes and offsets that lead out of the file. */
-  for (const auto& [size, depth, offset, found] : {std::tuple{1, 1, 0, "found"},
-                                                   {0, 1, 0, "default"},
-                                                   {1, 99, 0, "default"},
-                                                   {1, -1, 0, "default"},
-                                                   {1, 1, 99, "default"},
-                                                   {1, 1, -1, "default"}}) {
-    const std::string entry = image(2) + image(1) + image(offset);
-    stored("damaged", image(0x960408deU) + image(size) + image(depth) + entry + entry + text("found"));
+  for (const auto& [size, depth, offset, found] : {std::tuple{1U, 1U, 0U, "found"},
+                                                   {0U, 1U, 0U, "default"},
+                                                   {1U, 99U, 0U, "default"},
+                                                   {1U, UINT32_MAX, 0U, "default"},
+                                                   {1U, 1U, 99U, "default"},
+                                                   {1U, 1U, UINT32_MAX, "default"}}) {
+    const std::string entry = word(2) + word(1) + word(offset);
+    stored("damaged", word(0x960408de) + word(size) + word(depth) + entry + entry + text("found"));
     EXPECT_EQ(made_of("default", {}, here + "damaged"), found) << size << " " << depth << " " << offset;
   }
 }
