@@ -28,7 +28,8 @@
 #ifndef ZK_LAYOUT_H
 #define ZK_LAYOUT_H
 
-#include <cstdint>
+#include <stdbool.h>
+#include <stdint.h>
 
 /* The control header: bytes 4 to 23 of the file. */
 typedef struct {
@@ -39,7 +40,11 @@ typedef struct {
   uint8_t has_wrapped;
 } zk_estack_v1_header_t;
 
+#ifdef __cplusplus
 static_assert(sizeof(zk_estack_v1_header_t) == 20, "the control header is an image of the file");
+#else
+_Static_assert(sizeof(zk_estack_v1_header_t) == 20, "the control header is an image of the file");
+#endif
 
 enum {
   ZK_STACK_HEADER_POS = 4, /* the control header, behind the version code */
@@ -62,7 +67,7 @@ enum {
 };
 
 /* Whether a stack or a record has a version code that can be read. */
-constexpr bool zk_is_known_version(int32_t code) {
+static inline bool zk_is_known_version(int32_t code) {
   return code >= 0 && code <= 56 && code % 8 == 0;
 }
 

@@ -1,11 +1,32 @@
-/* zk_trace.h - the step "the flag is on, so trace" of every routine. The macros use the routine's own trace
- * pair; with tracing off they cost one comparison, and their arguments are not evaluated. */
+/* zk_trace.h - how a routine traces what it decides. A public routine makes a zk_trace_t of the trace pair that it is
+ * given and of its own name, and hands that on to the steps that work for it:
+ *
+ *   const zk_trace_t trace = {debug_active, debug_file, __func__};
+ *   if (fildes == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "... - returning %s(%d) to caller");
+ *
+ * With tracing off each costs one comparison, and what the text would show is not evaluated. */
 #ifndef ZK_TRACE_H
 #define ZK_TRACE_H
 
 #include <cstdint>
 
 #include "qx_zelk.h"
+
+/* The trace pair, and the routine whose name the entries bear. */
+struct zk_trace_t {
+  int active; /* tracing is on when it is 1 */
+  const char* file;
+  const char* routine;
+};
+
+/* Traces a text with its arguments, as printf takes them: zk_trace(trace, text, ...). */
+#define zk_trace(trace, ...) \
+  ((trace).active == 1 ? static_cast<void>(zk_debug((trace).file, (trace).routine, __VA_ARGS__)) : static_cast<void>(0))
+
+/* Traces a text that ends in a result's name and value, "%s(%d)", which are supplied, and is that result. */
+#define zk_failed(trace, result, ...) \
+  (zk_trace(trace, __VA_ARGS__, zk_result_name(result), static_cast<int>(result)), static_cast<int>(result))
+#define zk_succeeded(trace, ...) zk_failed(trace, ZELK_SUCCESS, __VA_ARGS__)
 
 /* Writes a trace entry under the routine name `routine`. */
 #define ZK_TRACE_AS(routine, ...)                                        \

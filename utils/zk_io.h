@@ -1,0 +1,52 @@
+/* zk_io.h - reading, writing and opening that carry on: after a short or interrupted call, and past a lease. */
+#ifndef ZK_IO_H
+#define ZK_IO_H
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+
+/* Reads `size` bytes at `offset`. Returns how many there are before the end of the file or an error; errno is then
+ * that error, else 0. */
+inline size_t zk_read_at(int fildes, void* bytes, size_t size, off_t offset) {
+  size_t taken = 0;
+  errno = 0;
+  while (taken < size) {
+    ssize_t count = pread(fildes, static_cast<char*>(bytes) + taken, size - taken, offset + static_cast<off_t>(taken));
+    if (count == 0 || (count < 0 && errno != EINTR)) break;
+    if (count > 0) taken += static_cast<size_t>(count);
+    errno = 0;
+  }
+  return taken;
+}
+
+/* Writes all of `size` bytes at the file's position. Returns false, with errno set, when that fails; what was written
+ * before stays written. */
+inline bool zk_write_all(int fildes, const void* bytes, size_t size) {
+  const char* at = static_cast<const char*>(bytes);
+  while (size > 0) {
+    ssize_t count = write(fildes, at, size);
+    if (count < 0 && errno == EINTR) continue;
+    if (count == 0) errno = ENOSPC; /* neither progress nor an error: it would never end */
+    if (count <= 0) return false;
+    at += count;
+    size -= static_cast<size_t>(count);
+  }
+  return true;
+}
+
+/* Opens what exists without waiting for whatever the name stands for, be it a FIFO or a modem; only a lease that
+ * another process holds on a regular file is waited for. Returns the descriptor, or -1 with errno set. */
+inline int zk_open_regular(const char* path, int flags) {
+  int fildes = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fildes != -1 || errno != EAGAIN) return fildes;
+  struct stat status;
+  bool is_leased = stat(path, &status) == 0 && S_ISREG(status.st_mode);
+  errno = EAGAIN;
+  return is_leased ? open(path, flags | O_NOCTTY | O_CLOEXEC) : -1;
+}
+
+#endif
