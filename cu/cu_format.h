@@ -32,13 +32,22 @@ enum cu_piece_kind_t : uint8_t {
   CU_PIECE_UNFILLABLE /* a conversion that comes out as it stands, whatever the arguments */
 };
 
-/* A piece of a format. Only CU_PIECE_ARGUMENT uses what follows `kind`. */
+enum : uint8_t {
+  CU_FLAG_LEFT = 1,     /* "-" */
+  CU_FLAG_PLUS = 2,     /* "+" */
+  CU_FLAG_BLANK = 4,    /* " " */
+  CU_FLAG_FULL = 8,     /* "#" */
+  CU_FLAG_ZEROS = 16,   /* "0" */
+  CU_FLAG_GROUPING = 32 /* "'" */
+};
+
+/* A piece of a format. What follows `kind` matters to CU_PIECE_ARGUMENT only. */
 struct cu_piece_t {
   std::string_view text; /* as it stands in the format, which has to outlive the piece */
   cu_piece_kind_t kind;
-  bool is_numbered;  /* it has an "n$" */
-  bool has_length;   /* it has a length modifier, which changes nothing */
-  uint8_t flags;     /* 1 << position of each flag in CU_FLAGS */
+  bool is_numbered; /* it has an "n$" */
+  bool has_length;  /* it has a length modifier, which changes nothing */
+  uint8_t flags;
   char letter;       /* 'd' for "%i" too */
   int32_t width;     /* 0 when absent */
   int32_t precision; /* -1 when absent */
