@@ -160,24 +160,26 @@ static const char* message_text(nl_catd catfd, int number) {
 
 /* The texts of the catalog in use, taken apart when they are first printed. */
 static constexpr size_t PIECES_MAX = 24;
-struct parsed_text_t {
-  size_t count; /* 0 before the first use */
-  std::array<cu_piece_t, PIECES_MAX> pieces;
-};
 static struct {
   nl_catd catfd;
-  std::array<parsed_text_t, ZK_MSG_COUNT> texts;
-} in_use = {.catfd = ZK_NO_CATALOG, .texts = {}};
+  std::array<size_t, ZK_MSG_COUNT> counts; /* pieces by message; 0 before the first use */
+  std::array<std::array<cu_piece_t, PIECES_MAX>, ZK_MSG_COUNT> pieces;
+} in_use = {.catfd = ZK_NO_CATALOG, .counts = {}, .pieces = {}};
+
+static void use_catalog(nl_catd catfd) {
+  in_use.catfd = catfd;
+  in_use.counts = {};
+}
 
 nl_catd zk_open_catalog(const char* name) {
   nl_catd catfd = catopen(name, NL_CAT_LOCALE);
   if (catfd == ZK_NO_CATALOG) catfd = catopen(name, 0);
-  in_use = {.catfd = catfd, .texts = {}};
+  use_catalog(catfd);
   return catfd;
 }
 
 void zk_close_catalog(nl_catd catfd) {
-  in_use = {.catfd = ZK_NO_CATALOG, .texts = {}};
+  use_catalog(ZK_NO_CATALOG);
   if (catfd != ZK_NO_CATALOG) catclose(catfd);
 }
 
@@ -187,10 +189,11 @@ static void put_message(cu_sink_t* sink, nl_catd catfd, int number, std::span<co
     cu_put_format(sink, message_text(catfd, number), arguments);
     return;
   }
-  parsed_text_t* text = &in_use.texts[static_cast<size_t>(number)];
-  if (text->count == 0) text->count = cu_parse_format(message_text(catfd, number), text->pieces);
-  if (text->count <= PIECES_MAX)
-    cu_put_pieces(sink, {text->pieces.data(), text->count}, arguments);
+  size_t* count = &in_use.counts[static_cast<size_t>(number)];
+  std::span<cu_piece_t> pieces = in_use.pieces[static_cast<size_t>(number)];
+  if (*count == 0) *count = cu_parse_format(message_text(catfd, number), pieces);
+  if (*count <= pieces.size())
+    cu_put_pieces(sink, pieces.first(*count), arguments);
   else
     cu_put_format(sink, message_text(catfd, number), arguments);
 }

@@ -22,9 +22,9 @@ static bool is_selected(const char* wanted, const zk_eid_t eid) {
 }
 
 static std::tm local_time(time_t seconds) {
+  static const bool is_zone_set = (tzset(), true); /* once: it looks at a file each time */
   std::tm parts = {};
-  tzset();
-  localtime_r(&seconds, &parts);
+  if (is_zone_set) localtime_r(&seconds, &parts);
   return parts;
 }
 
