@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "zk_conversion.h"
+#include "cu_format.h"
 #include "zk_msg.h"
 
 /* The report that is being gathered. What follows a failed write is dropped: a report with a hole would
@@ -102,13 +102,13 @@ static void put_recorded(FILE* stream, std::string_view text) {
 }
 
 struct stream_sink {
-  zk_text_sink sink; /* first: the formatter's view of it */
+  cu_sink_t sink; /* first: the formatter's view of it */
   FILE* stream;
 };
 
-static void put_on_stream(zk_text_sink* sink, std::string_view text, bool recorded) {
+static void put_on_stream(cu_sink_t* sink, std::string_view text, const cu_error_arg_t* argument) {
   FILE* stream = reinterpret_cast<stream_sink*>(sink)->stream;
-  if (recorded)
+  if (argument != nullptr)
     put_recorded(stream, text);
   else
     put_text(stream, text);
@@ -122,19 +122,15 @@ using argument_kinds = std::array<char, ARGUMENTS_MAX>; /* 's', 'c' or 'd' by ar
 static bool note_kinds(const char* text, argument_kinds* kinds) {
   size_t plain = 0;
   size_t numbered = 0;
-  for (const char* at = std::strchr(text, '%'); at != nullptr; at = std::strchr(at, '%')) {
-    zk_conversion conversion = zk_parse_conversion(at);
-    at += conversion.text.size();
-    if (conversion.kind == ZK_CONVERSION_PERCENT) continue;
-    char kind = conversion.letter == 'i' ? 'd' : conversion.letter;
-    if (conversion.kind != ZK_CONVERSION_ARGUMENT || (kind != 's' && kind != 'c' && kind != 'd')) return false;
-    if (conversion.has_length || conversion.width > ZK_CONVERSION_MAX || conversion.precision > ZK_CONVERSION_MAX)
-      return false;
-    size_t number = conversion.numbered ? static_cast<size_t>(conversion.argument) : plain + 1;
-    ++(conversion.numbered ? numbered : plain);
-    if (number < 1 || number > ARGUMENTS_MAX) return false;
-    if ((*kinds)[number - 1] != '\0' && (*kinds)[number - 1] != kind) return false;
-    (*kinds)[number - 1] = kind;
+  while (*text != '\0') {
+    cu_piece_t piece = cu_take_piece(&text, &plain);
+    if (piece.kind == CU_PIECE_TEXT) continue;
+    if (piece.kind == CU_PIECE_UNFILLABLE || piece.has_length || piece.argument >= ARGUMENTS_MAX) return false;
+    if (std::strchr("scd", piece.letter) == nullptr) return false;
+    if (piece.is_numbered) ++numbered;
+    char& kind = (*kinds)[piece.argument];
+    if (kind != '\0' && kind != piece.letter) return false;
+    kind = piece.letter;
   }
   return plain == 0 || numbered == 0;
 }
@@ -185,5 +181,5 @@ cu_error_arg_t zk_msg_arg(const char* text) {
 void zk_print_message(FILE* stream, nl_catd catfd, int number, std::initializer_list<cu_error_arg_t> args) {
   if (stream == stderr) zk_flush_report();
   stream_sink to = {.sink = {.put = put_on_stream}, .stream = stream};
-  zk_format_text(&to.sink, message_text(catfd, number), {args.begin(), args.size()});
+  cu_put_format(&to.sink, message_text(catfd, number), {args.begin(), args.size()});
 }

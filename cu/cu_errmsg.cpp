@@ -4,20 +4,20 @@
 #include <cstring>
 
 #include "cu_catalog.h"
+#include "cu_format.h"
 #include "qx_cu.h"
-#include "zk_conversion.h"
 
 enum { FIRST_SIZE = 256 };
 
 /* A text that grows on the heap; null after memory has run out. */
 struct cu_text {
-  zk_text_sink sink; /* first, so that its address is that of the text */
+  cu_sink_t sink; /* first, so that its address is that of the text */
   char* text;
   size_t length;
   size_t size;
 };
 
-static void put_text(zk_text_sink* sink, std::string_view piece, bool) {
+static void put_text(cu_sink_t* sink, std::string_view piece, const cu_error_arg_t*) {
   cu_text* grown = reinterpret_cast<cu_text*>(sink);
   if (grown->text == nullptr) return;
 
@@ -47,7 +47,7 @@ int cu_get_errmsg_1(const cu_error_t* error, char** text) {
   char* message = cu_read_message(error->cu_msg_cat, error->cu_msg_set, error->cu_msg_num);
   const char* format = message != nullptr ? message : error->cu_msg_default;
   size_t count = error->cu_args != nullptr ? error->cu_arg_cnt : 0;
-  if (format != nullptr) zk_format_text(&grown.sink, format, {error->cu_args, count});
+  if (format != nullptr) cu_put_format(&grown.sink, format, {error->cu_args, count});
   free(message);
 
   *text = grown.text;
