@@ -181,7 +181,7 @@ static void put_pointer(cu_sink_t* sink, const cu_piece_t& piece, const cu_error
 }
 
 /* Puts `argument`; false when it is of a type that is not printed. */
-static bool put_argument(cu_sink_t* sink, cu_piece_t piece, const cu_error_arg_t& argument) {
+static bool put_argument(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_arg_t& argument) {
   struct type_t {
     std::string_view letters; /* that fit it, its plain conversion first */
     void (*put)(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_arg_t& argument);
@@ -197,11 +197,14 @@ static bool put_argument(cu_sink_t* sink, cu_piece_t piece, const cu_error_arg_t
   const auto number = static_cast<uint32_t>(argument.cu_arg_type);
   if (number >= TYPES.size() || TYPES[number].put == nullptr) return false;
   const type_t& type = TYPES[number];
-  if (type.letters.find(piece.letter) == type.letters.npos) {
-    piece.letter = type.letters[0];
-    piece.precision = -1;
+  if (type.letters.find(piece.letter) != type.letters.npos) {
+    type.put(sink, piece, argument);
+  } else {
+    cu_piece_t plain = piece;
+    plain.letter = type.letters[0];
+    plain.precision = -1;
+    type.put(sink, plain, argument);
   }
-  type.put(sink, piece, argument);
   return true;
 }
 
