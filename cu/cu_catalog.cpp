@@ -32,7 +32,7 @@
 enum {
   HEADER_SIZE = 12,
   ENTRY_SIZE = 12,
-  PLANES_MAX = 1024, /* looked through; gencat needs 89 where every second message is made to collide */
+  PLANES_MAX = 1024, /* how many are searched; gencat needs 89 where every second message is made to collide */
   TEXT_MAX = 65536,  /* longest text, terminator included */
   PATH_SIZE = 4096   /* longest path that can be opened, terminator included */
 };
