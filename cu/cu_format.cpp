@@ -8,9 +8,17 @@
 
 /* ---- Parsing ----------------------------------------------------------------------------------------------------- */
 
-static constexpr std::string_view FLAGS = "-+ #0'"; /* in the order of their bits */
-static constexpr std::string_view LETTERS = "diouxXcaAeEfFgGsp";
+static constexpr std::string_view FLAGS = "-+ #0'";
 static constexpr std::string_view LENGTHS = "hlLjzt"; /* h and l also twice */
+static constexpr std::string_view LETTERS = "duoxXcaAeEfFgGsp";
+
+enum : uint8_t { LEFT = 1 << 0, ZEROS = 1 << 4 }; /* bits of the flags "-" and "0" */
+
+/* The bit of the flag `letter`; 0 when it is none. */
+static uint8_t flag_bit(char letter) {
+  size_t position = FLAGS.find(letter);
+  return position != FLAGS.npos ? static_cast<uint8_t>(1U << position) : uint8_t{0};
+}
 
 /* Takes the digits at `*at` as a number; what is too large for one counts as INT32_MAX. */
 static int32_t take_number(const char** at) {
@@ -39,6 +47,7 @@ static bool take_width(const char** at, int32_t* width) {
   return false;
 }
 
+/* Takes the conversion whose "%" stands at `*start`. */
 static cu_piece_t take_conversion(const char** start, size_t* unnumbered) {
   cu_piece_t piece = {};
   piece.kind = CU_PIECE_UNFILLABLE;
@@ -47,9 +56,12 @@ static cu_piece_t take_conversion(const char** start, size_t* unnumbered) {
 
   int32_t number = take_argument_number(&at);
   piece.is_numbered = number >= 0;
-  for (size_t flag; (flag = FLAGS.find(*at)) != FLAGS.npos; ++at) piece.flags |= static_cast<uint8_t>(1U << flag);
+  for (; flag_bit(*at) != 0; ++at) piece.flags |= flag_bit(*at);
   bool is_filled = take_width(&at, &piece.width);
-  if (*at == '.') is_filled = take_width(&++at, &piece.precision) && is_filled;
+  if (*at == '.') {
+    ++at;
+    is_filled = take_width(&at, &piece.precision) && is_filled;
+  }
   if (LENGTHS.find(*at) != LENGTHS.npos) {
     piece.has_length = true;
     at += (*at == 'h' || *at == 'l') && at[1] == *at ? 2 : 1;
@@ -72,6 +84,7 @@ static cu_piece_t take_conversion(const char** start, size_t* unnumbered) {
 cu_piece_t cu_take_piece(const char** at, size_t* unnumbered) {
   if (**at == '%') return take_conversion(at, unnumbered);
   cu_piece_t piece = {};
+  piece.kind = CU_PIECE_TEXT;
   piece.text = {*at, std::strcspn(*at, "%")};
   *at += piece.text.size();
   return piece;
@@ -91,7 +104,7 @@ size_t cu_parse_format(const char* format, std::span<cu_piece_t> pieces) {
 /* Puts `text`, which is that of `argument` or of none, in a field of the conversion's width. */
 static void put_field(cu_sink_t* sink, const cu_piece_t& piece, std::string_view text, const cu_error_arg_t* argument) {
   static constexpr std::string_view BLANKS = "                ";
-  bool left = (piece.flags & CU_FLAG_LEFT) != 0;
+  bool left = (piece.flags & LEFT) != 0;
   size_t width = static_cast<size_t>(piece.width);
   if (left) sink->put(sink, text, argument);
   for (size_t column = text.size(); column < width; column += BLANKS.size())
@@ -99,7 +112,7 @@ static void put_field(cu_sink_t* sink, const cu_piece_t& piece, std::string_view
   if (!left) sink->put(sink, text, argument);
 }
 
-/* Has printf print `value`, whose type `length` names. The format is made here, so that none from outside gets there. */
+/* Has printf print `value`, whose type `length` names, by a format that is built here. */
 template <typename Value>
 static void put_by_printf(cu_sink_t* sink, const cu_piece_t& piece, const char* length, Value value) {
   std::array<char, FLAGS.size() + 1> flags;
@@ -118,14 +131,16 @@ static void put_by_printf(cu_sink_t* sink, const cu_piece_t& piece, const char* 
   sink->put(sink, {number.data(), std::min(static_cast<size_t>(size), number.size() - 1)}, nullptr);
 }
 
-/* Puts an integer that has no flags but "-" and "0", as printf would. */
+/* Puts an integer as printf would by a conversion without flags other than "-" and "0". */
 static void put_digits(cu_sink_t* sink, const cu_piece_t& piece, uint64_t magnitude, bool negative) {
   static constexpr const char* LOWER = "0123456789abcdef";
   static constexpr const char* UPPER = "0123456789ABCDEF";
   const char* digits = piece.letter == 'X' ? UPPER : LOWER;
-  const unsigned int base = piece.letter == 'o' ? 8 : piece.letter == 'x' || piece.letter == 'X' ? 16 : 10;
-  int32_t least = piece.precision; /* digits to be put */
-  if (least < 0) least = piece.flags == CU_FLAG_ZEROS ? std::max(piece.width - (negative ? 1 : 0), 1) : 1;
+  unsigned int base = 10;
+  if (piece.letter == 'o') base = 8;
+  if (piece.letter == 'x' || piece.letter == 'X') base = 16;
+  int32_t least = piece.precision; /* how many digits at least */
+  if (least < 0) least = piece.flags == ZEROS ? std::max(piece.width - (negative ? 1 : 0), 1) : 1;
 
   std::array<char, CU_WIDTH_MAX + 1> number; /* filled from its end */
   char* const end = number.data() + number.size();
@@ -146,12 +161,12 @@ static void put_integer(cu_sink_t* sink, const cu_piece_t& piece, const cu_error
   bool is_wide = argument.cu_arg_type == CU_ERROR_ARG_LONG_LONG;
   int64_t value = is_wide ? argument.cu_arg_value.cu_arg_long_long : argument.cu_arg_value.cu_arg_int;
   uint64_t bits = is_wide ? static_cast<uint64_t>(value) : static_cast<uint32_t>(value); /* as %u and %x show it */
-  bool is_signed = piece.letter == 'd';
+  bool negative = piece.letter == 'd' && value < 0;
   if (piece.letter == 'c')
     put_character(sink, piece, argument, static_cast<char>(bits));
-  else if ((piece.flags & ~(CU_FLAG_LEFT | CU_FLAG_ZEROS)) == 0)
-    put_digits(sink, piece, is_signed && value < 0 ? -static_cast<uint64_t>(value) : bits, is_signed && value < 0);
-  else if (is_signed)
+  else if ((piece.flags & ~(LEFT | ZEROS)) == 0)
+    put_digits(sink, piece, negative ? -static_cast<uint64_t>(value) : bits, negative);
+  else if (piece.letter == 'd')
     put_by_printf(sink, piece, "ll", static_cast<long long>(value));
   else
     put_by_printf(sink, piece, "ll", static_cast<unsigned long long>(bits));
@@ -162,7 +177,7 @@ static void put_double(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_
 }
 
 static void put_string(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_arg_t& argument) {
-  static constexpr std::string_view NULL_TEXT = "(null)"; /* whole or not at all */
+  static constexpr std::string_view NULL_TEXT = "(null)"; /* shown whole or not at all */
   const char* text = argument.cu_arg_value.cu_arg_char_str;
   size_t limit = piece.precision >= 0 ? static_cast<size_t>(piece.precision) : SIZE_MAX;
   if (text != nullptr)
@@ -173,7 +188,7 @@ static void put_string(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_
 
 static void put_pointer(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_arg_t& argument) {
   cu_piece_t blank_filled = piece; /* "0" does nothing for an address */
-  blank_filled.flags &= static_cast<uint8_t>(~CU_FLAG_ZEROS);
+  blank_filled.flags &= static_cast<uint8_t>(~ZEROS);
   if (argument.cu_arg_value.cu_arg_void_ptr != nullptr)
     put_by_printf(sink, blank_filled, "", argument.cu_arg_value.cu_arg_void_ptr);
   else
@@ -181,7 +196,7 @@ static void put_pointer(cu_sink_t* sink, const cu_piece_t& piece, const cu_error
 }
 
 /* Puts `argument`; false when it is of a type that is not printed. */
-static bool put_argument(cu_sink_t* sink, cu_piece_t piece, const cu_error_arg_t& argument) {
+static bool put_argument(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_arg_t& argument) {
   struct type_t {
     std::string_view letters; /* that fit it, its plain conversion first */
     void (*put)(cu_sink_t* sink, const cu_piece_t& piece, const cu_error_arg_t& argument);
@@ -197,11 +212,14 @@ static bool put_argument(cu_sink_t* sink, cu_piece_t piece, const cu_error_arg_t
   const auto number = static_cast<uint32_t>(argument.cu_arg_type);
   if (number >= TYPES.size() || TYPES[number].put == nullptr) return false;
   const type_t& type = TYPES[number];
-  if (type.letters.find(piece.letter) == type.letters.npos) {
-    piece.letter = type.letters[0];
-    piece.precision = -1;
+  if (type.letters.find(piece.letter) != type.letters.npos) {
+    type.put(sink, piece, argument);
+  } else {
+    cu_piece_t plain = piece;
+    plain.letter = type.letters[0];
+    plain.precision = -1;
+    type.put(sink, plain, argument);
   }
-  type.put(sink, piece, argument);
   return true;
 }
 

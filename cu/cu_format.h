@@ -6,8 +6,8 @@
  * CU_WIDTH_MAX, an argument that is missing or of a type that is not printed. A conversion that does not fit its
  * argument's type prints the argument plainly.
  *
- * Nothing here allocates memory, keeps anything between calls or needs the C++ library at run time. Numbers are in the
- * form of the process's locale. Every routine may be called from any thread. */
+ * Nothing here allocates memory, keeps anything between calls or needs the C++ library at run time. Numbers are written
+ * as the process's locale does. Every routine may be called from any thread while no other changes the locale. */
 #ifndef CU_FORMAT_H
 #define CU_FORMAT_H
 
@@ -20,8 +20,8 @@
 
 enum { CU_WIDTH_MAX = 1024 }; /* largest width and precision, in bytes */
 
-/* Where the text goes, piece by piece. `argument` is the argument whose text or character `text` is, and null for all
- * else: the format's own text, padding, numbers, "(null)". `text` may be empty, and is gone after the call. */
+/* Where the text goes, bit by bit. `argument` is the one whose string or character `text` is, and null for everything
+ * else: the format's own text, padding, numbers, "(null)". `text` may be empty; it is valid during the call only. */
 struct cu_sink_t {
   void (*put)(cu_sink_t* sink, std::string_view text, const cu_error_arg_t* argument);
 };
@@ -32,22 +32,13 @@ enum cu_piece_kind_t : uint8_t {
   CU_PIECE_UNFILLABLE /* a conversion that comes out as it stands, whatever the arguments */
 };
 
-enum : uint8_t {
-  CU_FLAG_LEFT = 1,     /* "-" */
-  CU_FLAG_PLUS = 2,     /* "+" */
-  CU_FLAG_BLANK = 4,    /* " " */
-  CU_FLAG_FULL = 8,     /* "#" */
-  CU_FLAG_ZEROS = 16,   /* "0" */
-  CU_FLAG_GROUPING = 32 /* "'" */
-};
-
 /* A piece of a format. What follows `kind` matters to CU_PIECE_ARGUMENT only. */
 struct cu_piece_t {
   std::string_view text; /* as it stands in the format, which has to outlive the piece */
   cu_piece_kind_t kind;
-  bool is_numbered; /* it has an "n$" */
-  bool has_length;  /* it has a length modifier, which changes nothing */
-  uint8_t flags;
+  bool is_numbered;  /* it has an "n$" */
+  bool has_length;   /* it has a length modifier, which changes nothing */
+  uint8_t flags;     /* a bit for each of "-+ #0'", in this order from the lowest */
   char letter;       /* 'd' for "%i" too */
   int32_t width;     /* 0 when absent */
   int32_t precision; /* -1 when absent */
