@@ -1,47 +1,12 @@
 /* zkopen.cpp - opens an Error Stack: by its name, or by an Error ID that was recorded in it. */
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "zk_int.h"
-#include "zk_io.h"
+#include "zk_stack_file.h"
 #include "zk_trace.h"
-
-using stack_path = std::array<char, ZELK_PATH_SIZE>;
-
-/* The path of the stack file `name`, cut at 4096 characters, a relative one at 4095. */
-static stack_path path_of(const char* name) {
-  constexpr char PREFIX[] = ZELK_STACK_DIR "/";
-  constexpr int RELATIVE_NAME_MAX = 4095 - (sizeof PREFIX - 1);
-  stack_path path;
-  if (*name == '/')
-    std::snprintf(path.data(), path.size(), "%s", name);
-  else
-    std::snprintf(path.data(), path.size(), "%s%.*s", PREFIX, RELATIVE_NAME_MAX, name);
-  return path;
-}
-
-/* Opens a stack for reading, and for writing too: the walk locks it. */
-static int open_path(const zk_trace_t& trace, const stack_path& path, int* fildes) {
-  static constexpr zk_errno_result OPEN_RESULTS[] = {{ENOENT, ZELK_FILE_MISSING},
-                                                     {EACCES, ZELK_NO_ACCESS},
-                                                     {ENOTDIR, ZELK_NO_ACCESS},
-                                                     {ENFILE, ZELK_TOO_MANY},
-                                                     {EMFILE, ZELK_TOO_MANY}};
-  zk_trace(trace, "Attempting to open ZELK Error Stack file %s", path.data());
-  int opened = zk_open_regular(path.data(), O_RDWR);
-  if (opened == -1) {
-    int error = errno;
-    zk_trace(trace, "Unable to open ZELK Error Stack file %s - error code is %d", path.data(), error);
-    return zk_result_of_errno(error, OPEN_RESULTS);
-  }
-  *fildes = opened;
-  return ZELK_SUCCESS;
-}
 
 int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes, const char* stack_file) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
@@ -51,8 +16,8 @@ int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes,
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "stack_file parameter is NULL or references NULL value - returning %s(%d) to the caller");
 
-  const stack_path path = path_of(stack_file);
-  int result = open_path(trace, path, fildes);
+  const zk_stack_path_t path = zk_stack_path(stack_file);
+  int result = zk_open_stack_path(trace, path, fildes);
   if (result == ZELK_SUCCESS) zk_trace(trace, "ZELK Error Stack file \"%s\" successfully opened", path.data());
   return result;
 }
@@ -109,9 +74,9 @@ int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* 
   for (int index = 0; index < count; ++index) {
     std::array<char, ZELK_FILE_SLOT_SIZE> name = {};
     std::memcpy(name.data(), slot(index), strnlen(slot(index), name.size() - 1));
-    const stack_path path = path_of(name.data());
+    const zk_stack_path_t path = zk_stack_path(name.data());
     int fildes = -1;
-    int result = open_path(trace, path, &fildes);
+    int result = zk_open_stack_path(trace, path, &fildes);
     if (result != ZELK_SUCCESS) return result;
 
     if (count == 1) {
