@@ -243,8 +243,7 @@ int zk_record_debug_info(int fildes, const char* output_buffer) {
   if (fildes < 0) return ZELK_INV_PARAM1;
   if (output_buffer == nullptr) return ZELK_INV_PARAM2;
 
-  zk_control_line_t line;
-  line[ZK_TRACE_CONTROL_SIZE] = '\0';
+  zk_control_line_t line = {};
   off_t next_write = 0;
   off_t file_size = 0;
   int wraps = 0;
