@@ -36,6 +36,33 @@ enum {
 /* Bytes kept free behind an entry: the recycle marker must fit in the place of the end marker. */
 static constexpr off_t ENTRY_RESERVE = RECYCLE_MARKER_SIZE + 1;
 
+int zk_is_debug_file_set(char* trace_filename) {
+  static constexpr zk_errno_result STAT_RESULTS[] = {{ENAMETOOLONG, ZELK_NAME_TOO_LONG},
+                                                     {EACCES, ZELK_DIR_NO_ACCESS},
+                                                     {ELOOP, ZELK_LINK_LOOP},
+                                                     {ESTALE, ZELK_STALE},
+                                                     {ENOTDIR, ZELK_DIR_MISSING}};
+  if (trace_filename == nullptr) return ZELK_INV_PARAM1;
+  const char* value = std::getenv("ZELKDEBUG");
+  if (value == nullptr) return ZELK_TRACE_UNSET;
+
+  int result = ZELK_TRACE_EXISTS;
+  struct stat status;
+  if (stat(value, &status) == 0) {
+    if (S_ISDIR(status.st_mode)) return ZELK_IS_A_DIR;
+  } else if (errno == ENOENT) {
+    result = ZELK_TRACE_MISSING;
+  } else if (errno != EOVERFLOW) {
+    return zk_result_of_errno(errno, STAT_RESULTS);
+  }
+  std::snprintf(trace_filename, ZELK_PATH_SIZE, "%s", value);
+  return result;
+}
+
+int zk_create_debug_file(const char* debug_file) {
+  return zk_allocate_file(0, nullptr, debug_file, ZK_TRACE_FILE_SIZE, ZK_TRACE_FILE_SIZE_MIN, nullptr);
+}
+
 /* ---- Turns ------------------------------------------------------------------------------------------------- *
  * A record lock belongs to the process and goes with the first descriptor of the file that is closed, so the threads
  * of a process take turns. The time is rendered within a turn too: the C library has a lock of its own for the time
@@ -64,15 +91,16 @@ static void end_turn(const sigset_t& signals) {
 static sigset_t forking_signals; /* of the thread whose turn it is */
 
 static void before_fork() {
-  sigset_t signals;
   if (lock_wait != NOT_WAITING) return;
+  sigset_t signals;
   begin_turn(&signals);
   forking_signals = signals;
 }
 
 static void after_fork_in_parent() {
+  if (lock_wait != NOT_WAITING) return;
   const sigset_t signals = forking_signals;
-  if (lock_wait == NOT_WAITING) end_turn(signals);
+  end_turn(signals);
 }
 
 static void after_fork_in_child() {
@@ -84,8 +112,8 @@ __attribute__((constructor)) static void register_fork_handlers() {
   pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
-/* Takes the lock of the whole file, as long as that takes. `signals` are those to wait with, so that one of them can
- * end the wait, or the program. */
+/* Locks the whole file, however long that takes. It waits with the thread's own mask, `signals`: a signal may end the
+ * wait, or the program. */
 static bool lock_file(int fildes, const sigset_t& signals) {
   if (lseek(fildes, 0, SEEK_SET) != 0) return false;
   if (lockf(fildes, F_TLOCK, 0) == 0) return true;
@@ -103,34 +131,8 @@ static bool lock_file(int fildes, const sigset_t& signals) {
 
 /* ---- Entries ----------------------------------------------------------------------------------------------- */
 
-int zk_is_debug_file_set(char* trace_filename) {
-  static constexpr zk_errno_result STAT_RESULTS[] = {{ENAMETOOLONG, ZELK_NAME_TOO_LONG},
-                                                     {EACCES, ZELK_DIR_NO_ACCESS},
-                                                     {ELOOP, ZELK_LINK_LOOP},
-                                                     {ESTALE, ZELK_STALE},
-                                                     {ENOTDIR, ZELK_DIR_MISSING}};
-  if (trace_filename == nullptr) return ZELK_INV_PARAM1;
-  const char* value = std::getenv("ZELKDEBUG");
-  if (value == nullptr) return ZELK_TRACE_UNSET;
-
-  int result = ZELK_TRACE_EXISTS;
-  struct stat status;
-  if (stat(value, &status) == 0) {
-    if (S_ISDIR(status.st_mode)) return ZELK_IS_A_DIR;
-  } else if (errno == ENOENT) {
-    result = ZELK_TRACE_MISSING;
-  } else if (errno != EOVERFLOW) {
-    return zk_result_of_errno(errno, STAT_RESULTS);
-  }
-  std::snprintf(trace_filename, ZELK_PATH_SIZE, "%s", value);
-  return result;
-}
-
-int zk_create_debug_file(const char* debug_file) {
-  return zk_allocate_file(0, nullptr, debug_file, ZK_TRACE_FILE_SIZE, ZK_TRACE_FILE_SIZE_MIN, nullptr);
-}
-
-/* The text of a time, kept until the second is over: rendering it costs half a write. Called within a turn. */
+/* The text of a time, to be called within a turn. It is kept until the second is over: rendering it costs nearly half a
+ * write. */
 static const char* render_time(time_t seconds) {
   static std::array<char, 32> text;
   static time_t rendered;
@@ -241,8 +243,7 @@ int zk_record_debug_info(int fildes, const char* output_buffer) {
   if (fildes < 0) return ZELK_INV_PARAM1;
   if (output_buffer == nullptr) return ZELK_INV_PARAM2;
 
-  zk_control_line_t line;
-  line[ZK_TRACE_CONTROL_SIZE] = '\0';
+  zk_control_line_t line = {};
   off_t next_write = 0;
   off_t file_size = 0;
   int wraps = 0;
