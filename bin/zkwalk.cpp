@@ -64,9 +64,9 @@ int zk_read_header(int debug_active, const char* debug_file, int fildes, int* st
   if (hbuf == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "hbuf ptr value seems invalid\nReturning %s(%d)");
 
   if (lseek(fildes, 0, SEEK_SET) == -1) return zk_failed(trace, ZELK_FILE_CORRUPT, SEEK_FAILED, 0, errno);
-  if (zk_read_at(fildes, &version, sizeof version, 0) < sizeof version && errno != 0)
+  if (zk_read_on(fildes, &version, sizeof version) < sizeof version && errno != 0)
     return zk_failed(trace, ZELK_FILE_CORRUPT, READ_FAILED, 0, errno);
-  if (zk_read_at(fildes, &header, sizeof header, ZK_STACK_HEADER_POS) < sizeof header && errno != 0)
+  if (zk_read_on(fildes, &header, sizeof header) < sizeof header && errno != 0)
     return zk_failed(trace, ZELK_FILE_CORRUPT, READ_FAILED, int{ZK_STACK_HEADER_POS}, errno);
 
   if (!zk_is_known_version(version))
