@@ -183,7 +183,7 @@ static int take_description(const zk_trace_t& caller, zk_cursor_t* cursor, zk_de
                                  &description->arguments);
   });
   if (result == ZELK_NO_MEMORY) { /* lost with its record, as a corrupt one is */
-    zk_failed(trace, result, "Unable to allocate memory to store arguments\nReturning %s(%d) to caller\n");
+    zk_failed(trace, result, "Unable to allocate memory to store arguments\nReturning %s(%d) to caller");
     return ZELK_REC_CORRUPT;
   }
   if (result != ZELK_SUCCESS)
