@@ -248,8 +248,8 @@ int zk_open_record(const zk_trace_t& trace, const void* record, zk_record_t* ope
 
 int zk_decode_record(const zk_trace_t& trace, zk_record_t* opened) {
   zk_cursor_t* cursor = &opened->cursor;
-  auto take = [&] { return take_text(trace, cursor, opened->texts.data(), &opened->texts_used); };
-  opened->texts_used = 0;
+  size_t used = 0;
+  auto take = [&] { return take_text(trace, cursor, opened->texts.data(), &used); };
   opened->is_description_corrupt = false;
 
   zk_take_eid(cursor, opened->related_eid);
@@ -263,7 +263,7 @@ int zk_decode_record(const zk_trace_t& trace, zk_record_t* opened) {
   if ((opened->product = take()) == nullptr) return ZELK_REC_CORRUPT;
   opened->line = zk_take_int(cursor);
 
-  int result = take_description(trace, cursor, &opened->description, opened->texts.data(), &opened->texts_used);
+  int result = take_description(trace, cursor, &opened->description, opened->texts.data(), &used);
   if (result != ZELK_SUCCESS) {
     opened->is_description_corrupt = true;
     return result;

@@ -41,9 +41,8 @@ struct zk_record_t {
   zk_description_t description;
   const char* details;
 
-  zk_cursor_t cursor;          /* behind what has been taken */
-  bool is_description_corrupt; /* it is why the record could not be decoded */
-  size_t texts_used;
+  zk_cursor_t cursor;                             /* behind what has been taken */
+  bool is_description_corrupt;                    /* it is why the record could not be decoded */
   std::array<char, ZK_REC_STRING_MAX + 16> texts; /* from the first text on, all that a record can hold, terminated */
 };
 
