@@ -191,24 +191,18 @@ TEST(calls, of_a_grouped_report) {
   stack s;
   s.add("cause").add("effect", "cause");
   const int stack = open(s.file().c_str(), O_RDWR), read_only = open(s.file().c_str(), O_RDONLY);
-  zk_stack_rec_t element = {}, *table = nullptr, *const no_table = nullptr;
-  zk_proc_list_t head = {}, of_process = {5, 0, nullptr, nullptr}, of_parent = {0, 1, nullptr, nullptr},
-                 of_records = {0, 0, &element, nullptr};
+  zk_stack_rec_t *table = nullptr, *const no_table = nullptr;
+  zk_proc_list_t head = {}, of_process = {5, 0, nullptr, nullptr};
 
   CALL(said, zk_read_stack, 2, 0, none, no_list, nullptr);
-  CALL(said, zk_read_stack, -1, 0, none, no_list, nullptr);
   CALL(said, zk_read_stack, 0, 0, none, no_list, nullptr);
   CALL(said, zk_read_stack, 0, 1000, none, no_list, nullptr);
   CALL(said, zk_read_stack, 0, 1000, none, &of_process, nullptr);
-  CALL(said, zk_read_stack, 0, 1000, none, &of_parent, nullptr);
-  CALL(said, zk_read_stack, 0, 1000, none, &of_records, nullptr);
   said.note("zk_read_stack(1, read_only, none, no_list, &table)", [&](int active, const char* file) {
     return zk_read_stack(active, file, 1, read_only, none, no_list, &table);
   });
   CALL(said, zk_display_recs_by_proc, no_list, 0, none);
   CALL(said, zk_display_recs_by_proc, &of_process, 0, none);
-  CALL(said, zk_display_recs_by_proc, &of_parent, 0, none);
-  CALL(said, zk_display_recs_by_proc, &of_records, 0, none);
   CALL(said, zk_display_recs_by_rel, no_table, 0, none);
 
   EXPECT_EQ(zk_read_stack(0, nullptr, 0, stack, none, &head, nullptr), 0);
@@ -283,30 +277,6 @@ TEST(calls, of_the_opening_routines) {
   EXPECT_EQ(fildes, -1);
   CALL_PRINTED(said, zk_scan_files_for_fid, id.c_str(), both.data(), 4, &fildes, nullptr, none);
   EXPECT_GT(fildes, 0);
-  said.compare();
-}
-
-TEST(calls, that_take_a_text) {
-  transcript said{"texts"};
-  for (size_t length : {1024U, 1025U}) {
-    std::string bytes(length, 'x'), taken(1025, '\0');
-    void* cursor = bytes.data();
-    size_t unread = length;
-    said.note("zk_get_rec_substring(" + std::to_string(length) + " unread bytes and a zero)",
-              [&](int active, const char* file) {
-                cursor = bytes.data();
-                unread = length;
-                return zk_get_rec_substring(active, file, &cursor, taken.data(), &unread);
-              });
-    said.gives("taken", std::strlen(taken.data()), "unread", static_cast<ptrdiff_t>(unread));
-  }
-  for (int number : {7, 0, 48, -1}) {
-    char name[] = "proc";
-    void* cursor = name;
-    size_t unread = 5;
-    const std::string out = printed([&] { zk_print_rec_substring(0, nullptr, none, number, &cursor, &unread); });
-    said.text += "\nzk_print_rec_substring(message " + std::to_string(number) + ")\n" + out + "\n";
-  }
   said.compare();
 }
 

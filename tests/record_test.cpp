@@ -50,22 +50,30 @@ TEST(text, is_looked_for_in_1024_bytes_at_most) {
   EXPECT_EQ(zk_obtain_strlen(full, static_cast<size_t>(-7)), -1);
 }
 
-TEST(text, is_taken_with_its_end) {
-  cursor body(text("two") + "rest");
-  char taken[1025] = {};
-  EXPECT_EQ(zk_get_rec_substring(0, nullptr, &body.at, taken, &body.unread), 0);
-  EXPECT_STREQ(taken, "two");
-  EXPECT_EQ(body.moved(), 4);
-  EXPECT_EQ(body.left(), 4);
+TEST(text, is_taken_with_its_end_and_is_empty_past_that_of_the_record) {
+  cursor body(text("two"));
+  std::string taken(1025, '\0');
+  EXPECT_EQ(zk_get_rec_substring(0, nullptr, &body.at, taken.data(), &body.unread), 0);
+  EXPECT_STREQ(taken.c_str(), "two");
+  EXPECT_EQ(zk_get_rec_substring(0, nullptr, &body.at, taken.data(), &body.unread), 0);
+  EXPECT_STREQ(taken.c_str(), "two") << "nothing is added";
+  EXPECT_EQ(body.left(), -1);
+  EXPECT_EQ(body.moved(), 5);
 }
 
-TEST(text, is_empty_past_the_end_of_the_record) {
-  cursor body("");
-  body.unread = static_cast<size_t>(-8);
-  char taken[1025] = {};
-  EXPECT_EQ(zk_get_rec_substring(0, nullptr, &body.at, taken, &body.unread), 0);
-  EXPECT_STREQ(taken, "");
-  EXPECT_EQ(body.left(), -9);
+TEST(text, is_printed_under_a_message_that_need_not_exist) {
+  const std::string catalog = scratch() + "/some.cat", bad = "Bad message id for message set zkview_cmd";
+  const std::string make = "gencat " + catalog + " " + new_file("$set 6\n48 <%1$s>\n49 %d\n");
+  ASSERT_EQ(system(make.c_str()), 0);
+  nl_catd texts = catopen(catalog.c_str(), 0);
+  auto shown = [&](int number) {
+    cursor name(text("proc"));
+    return printed([&] { zk_print_rec_substring(0, nullptr, texts, number, &name.at, &name.unread); });
+  };
+  EXPECT_EQ(shown(7), "\t Process Name: proc\n");
+  EXPECT_EQ(shown(48), "<proc>");
+  for (int number : {49, 50, 0, -1, INT_MIN}) EXPECT_EQ(shown(number), bad) << number;
+  catclose(texts);
 }
 
 /* ---- Arguments ----------------------------------------------------------------------------------------------- */
@@ -106,15 +114,11 @@ TEST(arguments, are_copied_as_recorded) {
 TEST(arguments, may_be_none) {
   EXPECT_EQ(take(image(0) + int_arg(1)), (taken{0, 4, 12, ""}));
   EXPECT_EQ(take(image(-3) + int_arg(1)), (taken{0, 4, 12, ""}));
-}
-
-TEST(arguments, leave_the_count_alone_where_there_are_none) {
   cursor body(image(0));
   int count = 77;
   cu_error_arg_t any = {}, *all = &any;
   EXPECT_EQ(zk_extract_arg_values(0, nullptr, &body.at, &body.unread, &count, &all), 0);
-  EXPECT_EQ(count, 77);
-  EXPECT_EQ(all, nullptr);
+  EXPECT_TRUE(count == 77 && all == nullptr);
 }
 
 TEST(arguments, that_the_record_ends_in_are_filled_with_zeros) {
@@ -227,67 +231,69 @@ TEST(record, is_reported_up_to_the_damage) {
 
 /* ---- Looking for an Error ID among candidates ---------------------------------------------------------------- */
 
+/* Searches the files for "wanted": the result, the number of the file that is found, and what is printed. */
+struct found {
+  int result, number;
+  std::string out;
+  bool operator==(const found&) const = default;
+};
+void PrintTo(const found& what, std::ostream* stream) {
+  *stream << what.result << ", " << what.number << ", " << what.out;
+}
+found search(const std::vector<std::string>& files) {
+  std::string slots;
+  for (const std::string& file : files) slots += file + std::string(256 - file.size(), '\0');
+  const std::string id = eid("wanted");
+  const size_t before = open_descriptors();
+  int fildes = -1, by_name = 0, result = 0;
+  char* file = nullptr;
+  const std::string out =
+      printed([&] { by_name = zk_scan_files_for_fid(0, nullptr, id.c_str(), slots.data(), 4, nullptr, &file, none); });
+  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(out, printed([&] {
+              result = zk_scan_files_for_fid(0, nullptr, id.c_str(), slots.data(), 4, &fildes, nullptr, none);
+            }));
+  EXPECT_EQ(open_descriptors(), before + (result == 0 ? 1 : 0)) << "nothing is open but what is handed out";
+  EXPECT_EQ(lseek(fildes, 0, SEEK_CUR), result == 0 ? 0 : -1);
+  EXPECT_EQ(by_name, result);
+  close(fildes);
+  return {result, file == nullptr ? -1 : static_cast<int>((file - slots.data()) / 256), out};
+}
+
 struct candidates : testing::Test {
   const std::string other = stack().add("other").file(), bad = stack().add_raw(2045, "").file(),
                     hit = stack().add("other").add("wanted").add("later").file();
-  std::string slots;
-  char* file = nullptr;
-  int fildes = -1;
-
-  /* The result of a search for "wanted"; nothing stays open but what is handed out. */
-  int search(const std::vector<std::string>& names, bool by_name) {
-    const size_t before = open_descriptors();
-    slots.clear();
-    file = nullptr;
-    fildes = -1;
-    for (const std::string& name : names) slots += name + std::string(256 - name.size(), '\0');
-    const int result = zk_scan_files_for_fid(0, nullptr, eid("wanted").c_str(), slots.data(), 4, &fildes,
-                                             by_name ? &file : nullptr, none);
-    EXPECT_EQ(open_descriptors(), before + (fildes >= 0 ? 1 : 0));
-    return result;
-  }
-  void expect(const std::vector<std::string>& names, int result, int found, const std::string& shown = "") {
-    EXPECT_EQ(printed([&] { EXPECT_EQ(search(names, true), result); }), shown);
-    EXPECT_EQ(file, found >= 0 ? slots.data() + 256 * found : nullptr);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(search(names, false), result); }), shown);
-    EXPECT_EQ(fildes >= 0, found >= 0);
-    EXPECT_EQ(lseek(fildes, 0, SEEK_CUR), found >= 0 ? 0 : -1);
-    close(fildes);
-  }
 };
 
-TEST_F(candidates, are_not_searched_when_there_is_one) {
-  expect({bad}, 0, 0);
+TEST_F(candidates, are_searched_in_order_when_there_are_several) {
+  EXPECT_EQ(search({bad}), (found{0, 0, ""}));
+  EXPECT_EQ(search({other, hit, "/nowhere"}), (found{0, 1, line("wanted")}));
 }
-TEST_F(candidates, are_searched_in_order) {
-  expect({other, hit, "/nowhere"}, 0, 1, line("wanted"));
-}
+
 TEST_F(candidates, end_at_an_empty_slot_and_at_the_limit) {
-  expect({other, other, "", hit}, -36, -1);
-  expect({other, other, other, other, hit}, -36, -1);
-  expect({other, other, other, hit}, 0, 3, line("wanted"));
+  EXPECT_EQ(search({other, other, "", hit}), (found{-36, -1, ""}));
+  EXPECT_EQ(search({other, other, other, other, hit}), (found{-36, -1, ""}));
+  EXPECT_EQ(search({other, other, other, hit}), (found{0, 3, line("wanted")}));
 }
-TEST_F(candidates, that_cannot_be_opened_end_the_search) {
-  expect({other, "/nowhere", hit}, -24, -1);
-  expect({other, other + "/below", hit}, -25, -1);
-  expect({other, "/", hit}, -1, -1);
+
+TEST_F(candidates, that_cannot_be_opened_or_read_end_the_search) {
+  EXPECT_EQ(search({other, "/nowhere", hit}), (found{-24, -1, ""}));
+  EXPECT_EQ(search({other, other + "/below", hit}), (found{-25, -1, ""}));
+  EXPECT_EQ(search({other, "/", hit}), (found{-1, -1, ""}));
+  EXPECT_EQ(search({other, "/dev/null", hit}), (found{-1, -1, ""}));
+  EXPECT_EQ(search({other, bad, hit}), (found{-1, -1, RECORD_CORRUPT}));
 }
-TEST_F(candidates, that_are_damaged_end_the_search) {
-  expect({other, "/dev/null", hit}, -1, -1);
-  expect({other, bad, hit}, -1, -1, RECORD_CORRUPT);
-}
+
 TEST_F(candidates, are_searched_past_the_newest_record) {
   stack s;
   s.add("A").add("wanted");
   s.header.write_pos = 24 + (s.header.write_pos - 24) / 2;
-  expect({other, s.file()}, 0, 1, line("wanted"));
+  EXPECT_EQ(search({other, s.file()}), (found{0, 1, line("wanted")}));
 }
+
 TEST_F(candidates, may_have_names_of_255_characters) {
-  const std::string long_name = scratch() + std::string(255 - scratch().size() - 4, '/') + "none";
-  expect({other, long_name}, -24, -1);
-  const std::string real =
-      hit.substr(0, hit.rfind('/')) + std::string(255 - hit.size(), '/') + hit.substr(hit.rfind('/'));
-  expect({other, real.substr(0, 255)}, 0, 1, line("wanted"));
+  const std::string long_name = scratch() + std::string(255 - hit.size(), '/') + hit.substr(scratch().size());
+  EXPECT_EQ(search({other, long_name}), (found{0, 1, line("wanted")}));
 }
 
 }  // namespace

@@ -128,6 +128,7 @@ outcome shell(const std::string& line, environment variables) {
                           << " \"$@\"\n";
     std::filesystem::permissions(script, std::filesystem::perms::all);
   }
+  variables["PROGRAM"] = program("zkview");
   variables["PATH"] = folder + ":/usr/sbin:/usr/bin:/sbin:/bin";
   outcome result = run({"/bin/sh", "-c", "cd " + scratch() + "; " + line}, variables);
   for (const char* name : {"zkview_dynamic", "zkview"}) result.err = replaced(result.err, program(name), "zkview");
