@@ -129,7 +129,6 @@ TEST(report, keeps_no_lock_while_nobody_reads) {
 }
 
 TEST(report, waits_for_a_lease_on_the_stack) {
-  GTEST_SKIP() << "a leased stack is still refused";
   const std::string path = stack().add("A").file();
   const int fildes = open(path.c_str(), O_RDWR | O_CLOEXEC);
   signal(SIGIO, SIG_IGN); /* the kernel asks for the lease back */

@@ -1,7 +1,7 @@
 /* golden_test.cpp - what the command says, word for word. Each file of golden/ tells a story:
  *
  *   # any line                what follows is about; it ends the output of a command
- *   needs gencat              program or ability (see below) without which there is nothing to try
+ *   needs gencat              program or ability without which nothing of the file is tried
  *   file NAME                 makes FOLDER/NAME of the indented lines that follow
  *   stack NAME                the same, an Error Stack: of lines "record NAME", "wrap", "FIELD VALUE"; a record may give
  *                             more of its fields behind its name, each after two blanks

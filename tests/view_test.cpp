@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 
 #include "support.h"
@@ -46,6 +47,16 @@ TEST_F(many, are_listed_in_order) {
   EXPECT_EQ(view(all, {"-d"}), good(in_order));
   EXPECT_EQ(view(all, {"-r"}), good(in_order));
   EXPECT_EQ(view(all, {"-p"}), good(by_process));
+}
+
+TEST_F(many, are_reported_within_a_second) {
+  const double limit = *FAULT_SHIM != '\0' ? 1 : 30; /* emulators and sanitizers are slow */
+  const std::string path = all.file();
+  for (const char* option : {"-d", "-r", "-p", "-da", "-ra", "-pa"}) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(run({program("zkview"), option, "-s", path}).status, 0);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), limit) << option;
+  }
 }
 
 TEST_F(many, lose_nothing_of_a_long_report) {
