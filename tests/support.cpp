@@ -180,10 +180,6 @@ size_t open_descriptors() {
   return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
-std::string new_trace() {
-  return new_file("ZKTFO=36    ZKTFW=0     ZKTFS=16384\n");
-}
-
 std::vector<std::string> trace_entries(const std::string& path) {
   const std::string bytes = contents(path), routine = "\tZELK Routine: ", caller = "\tCalled by PID ";
   const std::string end_mark = "[END OF FINAL ENTRY]\n", recycle_mark = "[FILE RECYCLES HERE]\n";

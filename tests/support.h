@@ -151,8 +151,6 @@ std::string printed(Work&& work) {
 
 /* ---- Traces -------------------------------------------------------------------------------------------------- */
 
-/* A new, empty trace file. */
-std::string new_trace();
 /* Entries of a trace file in order of age, oldest first: what follows "\tZELK Routine: ", up to the next
  * entry, without the line about process and thread. */
 std::vector<std::string> trace_entries(const std::string& path);
