@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -108,6 +109,8 @@ outcome run(const std::vector<std::string>& command, const environment& variable
       made.push_back(nullptr);
       return made;
     };
+    const rlimit a_minute = {60, 60};
+    setrlimit(RLIMIT_CPU, &a_minute); /* what runs for ever must not outlive the test */
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(open(out.c_str(), O_WRONLY), STDOUT_FILENO);
     dup2(open(err.c_str(), O_WRONLY), STDERR_FILENO);
