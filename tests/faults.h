@@ -19,6 +19,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -30,6 +31,7 @@ static struct {
   int spared;            /* after as many that did not */
 } fault;
 static size_t most_at_once = SIZE_MAX; /* bytes that one read or write takes */
+static off_t bad_place = -1;           /* writing ends before this byte of a file; starting there is EIO */
 static timeval now_is = {1700000000, 123456};
 static std::function<void()> after_open; /* called once, when a file has been opened */
 /* What the file systems say of their space, one answer after another and the last one for good. */
@@ -64,17 +66,56 @@ extern "C" int close(int fildes) {
   closed_in_vain += result != 0;
   return static_cast<int>(result);
 }
+
+static ssize_t read_some(int fildes, void* bytes, size_t size) {
+  return is_refused("read") ? -1 : syscall(SYS_read, fildes, bytes, std::min(size, most_at_once));
+}
+static ssize_t write_some(int fildes, const std::string& bytes) {
+  size_t size = std::min(bytes.size(), most_at_once);
+  const off_t left = bad_place - lseek(fildes, 0, SEEK_CUR);
+  if (bad_place >= 0 && left >= 0) size = std::min(size, static_cast<size_t>(left));
+  if (is_refused("write")) return -1;
+  if (bad_place >= 0 && left == 0) errno = EIO;
+  return bad_place >= 0 && left == 0 ? -1 : syscall(SYS_write, fildes, bytes.data(), size);
+}
+/* Moves to an offset for as long as `work` takes. */
+template <typename Work>
+static ssize_t at_offset(int fildes, off_t offset, Work&& work) {
+  const off_t before = lseek(fildes, 0, SEEK_CUR);
+  lseek(fildes, offset, SEEK_SET);
+  const ssize_t result = work();
+  const int error = errno;
+  lseek(fildes, before, SEEK_SET);
+  errno = error;
+  return result;
+}
+static std::string joined(const iovec* pieces, int count) {
+  std::string bytes;
+  for (int piece = 0; piece < count; ++piece)
+    bytes.append(static_cast<const char*>(pieces[piece].iov_base), pieces[piece].iov_len);
+  return bytes;
+}
+static std::string copied(const void* bytes, size_t size) {
+  return std::string(static_cast<const char*>(bytes), size);
+}
+
 extern "C" ssize_t read(int fildes, void* bytes, size_t size) {
-  const iovec piece = {bytes, std::min(size, most_at_once)};
-  return is_refused("read") ? -1 : readv(fildes, &piece, 1);
+  return read_some(fildes, bytes, size);
 }
 extern "C" ssize_t pread(int fildes, void* bytes, size_t size, off_t offset) {
-  const iovec piece = {bytes, std::min(size, most_at_once)};
-  return is_refused("read") ? -1 : preadv(fildes, &piece, 1, offset);
+  return at_offset(fildes, offset, [&] { return read_some(fildes, bytes, size); });
 }
 extern "C" ssize_t write(int fildes, const void* bytes, size_t size) {
-  const iovec piece = {const_cast<void*>(bytes), std::min(size, most_at_once)};
-  return is_refused("write") ? -1 : writev(fildes, &piece, 1);
+  return write_some(fildes, copied(bytes, size));
+}
+extern "C" ssize_t pwrite(int fildes, const void* bytes, size_t size, off_t offset) {
+  return at_offset(fildes, offset, [&] { return write_some(fildes, copied(bytes, size)); });
+}
+extern "C" ssize_t writev(int fildes, const iovec* pieces, int count) {
+  return write_some(fildes, joined(pieces, count));
+}
+extern "C" ssize_t pwritev(int fildes, const iovec* pieces, int count, off_t offset) {
+  return at_offset(fildes, offset, [&] { return write_some(fildes, joined(pieces, count)); });
 }
 extern "C" int lockf(int fildes, int request, off_t size) {
   struct flock range = {};

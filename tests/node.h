@@ -38,7 +38,7 @@ static int list_adapters(ifconf* list) {
   const size_t room = static_cast<size_t>(list->ifc_len) / sizeof(ifreq), count = std::min(node->size(), room);
   for (size_t index = 0; index < count; ++index) {
     const adapter& source = (*node)[index];
-    ifreq& target = list->ifc_req[index];
+    ifreq& target = list->ifc_req[index] = {};
     source.name.copy(target.ifr_name, IFNAMSIZ - 1);
     target.ifr_addr.sa_family = source.family;
     inet_pton(AF_INET, source.address.c_str(), target.ifr_addr.sa_data + sizeof(in_port_t));
