@@ -1,53 +1,71 @@
-/* zkmessage.cpp - prints the command's messages: picks the text, fills in its arguments, keeps recorded texts
- * from driving the operator's terminal, and gathers the report. */
+/* zkmessage.cpp - prints the command's messages: picks the text, fills in its arguments, keeps recorded texts from
+ * driving the operator's terminal, and gathers what is to leave in one piece. */
+#include <langinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
 
-#include "zk_conversion.h"
+#include "cu_format.h"
+#include "zk_io.h"
 #include "zk_msg.h"
 
-/* The report that is being gathered. What follows a failed write is dropped: a report with a hole would
- * mislead. */
-static struct {
+/* ---- Where it goes ------------------------------------------------------------------------------------------------- */
+
+/* What leaves for a descriptor when the block is full or is written. What follows a failed write is dropped: a report
+ * with a hole would mislead. */
+struct output_t {
+  int fildes;
+  bool is_terminal; /* control characters of recorded texts are not let through */
   char* block;
   size_t size;
-  size_t used;
-  int error; /* of the first write that failed, else 0 */
-} report;
+  size_t used = 0;
+  int error = 0; /* of the first write that failed */
+};
 
-static void write_block() {
-  for (size_t written = 0; written < report.used && report.error == 0;) {
-    ssize_t count = write(STDOUT_FILENO, report.block + written, report.used - written);
-    if (count > 0)
-      written += static_cast<size_t>(count);
-    else if (count == 0 || errno != EINTR)
-      report.error = count == 0 ? EIO : errno;
-  }
-  report.used = 0;
+static output_t report = {.fildes = STDOUT_FILENO, .is_terminal = false, .block = nullptr, .size = 0};
+
+static void write_block(output_t* output) {
+  if (output->error == 0 && !zk_write_all(output->fildes, output->block, output->used)) output->error = errno;
+  output->used = 0;
 }
 
-static void put_text(FILE* stream, std::string_view text) {
-  if (stream != stdout || report.block == nullptr) {
-    std::fwrite(text.data(), 1, text.size(), stream);
-    return;
-  }
-  while (!text.empty()) {
-    size_t count = std::min(text.size(), report.size - report.used);
-    std::memcpy(report.block + report.used, text.data(), count);
-    report.used += count;
+static void put(output_t* output, std::string_view text) {
+  while (text.size() > output->size - output->used) {
+    size_t count = output->size - output->used;
+    std::memcpy(output->block + output->used, text.data(), count);
+    output->used += count;
     text.remove_prefix(count);
-    if (report.used == report.size) write_block();
+    write_block(output);
   }
+  std::memcpy(output->block + output->used, text.data(), text.size());
+  output->used += text.size();
 }
+
+void zk_buffer_report(char* block, size_t size) {
+  report = {.fildes = STDOUT_FILENO, .is_terminal = isatty(STDOUT_FILENO) == 1, .block = block, .size = size};
+}
+
+int zk_flush_report() {
+  write_block(&report);
+  return report.error;
+}
+
+/* ---- Recorded texts on a terminal ---------------------------------------------------------------------------------- */
 
 static bool is_between(char byte, unsigned int low, unsigned int high) {
   return static_cast<unsigned char>(byte) >= low && static_cast<unsigned char>(byte) <= high;
+}
+
+/* Whether bytes from 0x80 on belong to characters of several bytes that only the locale knows. */
+static bool has_other_wide_characters() {
+  return MB_CUR_MAX > 1 && std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0;
 }
 
 /* Length of the well-formed UTF-8 sequence of several bytes that `text` starts with, else 0. */
@@ -78,65 +96,43 @@ static size_t utf8_length(std::string_view text) {
 /* Length of the control character that `text` starts with, else 0. Newline and tab are none. */
 static size_t control_length(std::string_view text) {
   if (text[0] == '\n' || text[0] == '\t') return 0;
-  if (is_between(text[0], 0, 0x1f) || is_between(text[0], 0x7f, 0x9f)) return 1;
-  return is_between(text[0], 0xc2, 0xc2) && text.size() > 1 && is_between(text[1], 0x80, 0x9f) ? 2 : 0;
+  if (is_between(text[0], 0, 0x1f) || text[0] == 0x7f) return 1;
+  if (has_other_wide_characters()) return 0;
+  if (is_between(text[0], 0x80, 0x9f)) return 1;
+  return text.starts_with('\xc2') && text.size() > 1 && is_between(text[1], 0x80, 0x9f) ? 2 : 0;
 }
 
-/* Puts recorded text, with its control characters shown as "?" on a terminal. */
-static void put_recorded(FILE* stream, std::string_view text) {
-  size_t harmless = 0; /* bytes at the start of the text */
-  while (harmless < text.size()) {
-    std::string_view rest(text.data() + harmless, text.size() - harmless);
-    size_t control = control_length(rest);
-    if (control == 0) {
-      harmless += std::max(utf8_length(rest), size_t{1});
-      continue;
-    }
-    if (isatty(fileno(stream)) == 0) break;
-    put_text(stream, {text.data(), harmless});
-    put_text(stream, "?");
-    text.remove_prefix(harmless + control);
-    harmless = 0;
+/* Puts a text with its control characters shown as "?". */
+static void put_harmless(output_t* output, std::string_view text) {
+  while (!text.empty()) {
+    size_t control = control_length(text);
+    size_t length = control != 0 ? control : std::max(utf8_length(text), size_t{1});
+    put(output, control != 0 ? "?" : text.substr(0, length));
+    text.remove_prefix(length);
   }
-  put_text(stream, text);
 }
 
-struct stream_sink {
-  zk_text_sink sink; /* first: the formatter's view of it */
-  FILE* stream;
-};
-
-static void put_on_stream(zk_text_sink* sink, std::string_view text, bool recorded) {
-  FILE* stream = reinterpret_cast<stream_sink*>(sink)->stream;
-  if (recorded)
-    put_recorded(stream, text);
-  else
-    put_text(stream, text);
-}
+/* ---- Which text ---------------------------------------------------------------------------------------------------- */
 
 static constexpr size_t ARGUMENTS_MAX = 9;
 using argument_kinds = std::array<char, ARGUMENTS_MAX>; /* 's', 'c' or 'd' by argument, NUL for none */
 
-/* Notes in `kinds` what kind of argument each conversion of `text` takes; false when one is not of the simple
- * form that every text of this command has, or when plain and numbered ones are mixed. */
+/* Notes in `kinds` what kind of argument each conversion of `text` takes; false when one is not of the simple form that
+ * every text of this command has, or when plain and numbered ones are mixed. */
 static bool note_kinds(const char* text, argument_kinds* kinds) {
-  size_t plain = 0;
-  size_t numbered = 0;
-  for (const char* at = std::strchr(text, '%'); at != nullptr; at = std::strchr(at, '%')) {
-    zk_conversion conversion = zk_parse_conversion(at);
-    at += conversion.text.size();
-    if (conversion.kind == ZK_CONVERSION_PERCENT) continue;
-    char kind = conversion.letter == 'i' ? 'd' : conversion.letter;
-    if (conversion.kind != ZK_CONVERSION_ARGUMENT || (kind != 's' && kind != 'c' && kind != 'd')) return false;
-    if (conversion.has_length || conversion.width > ZK_CONVERSION_MAX || conversion.precision > ZK_CONVERSION_MAX)
-      return false;
-    size_t number = conversion.numbered ? static_cast<size_t>(conversion.argument) : plain + 1;
-    ++(conversion.numbered ? numbered : plain);
-    if (number < 1 || number > ARGUMENTS_MAX) return false;
-    if ((*kinds)[number - 1] != '\0' && (*kinds)[number - 1] != kind) return false;
-    (*kinds)[number - 1] = kind;
+  size_t unnumbered = 0;
+  bool has_numbered = false;
+  while (*text != '\0') {
+    const cu_piece_t piece = cu_take_piece(&text, &unnumbered);
+    if (piece.kind == CU_PIECE_TEXT) continue;
+    if (piece.kind == CU_PIECE_UNFILLABLE || piece.has_length || piece.argument >= ARGUMENTS_MAX) return false;
+    if (piece.letter != 's' && piece.letter != 'c' && piece.letter != 'd') return false;
+    char* kind = &(*kinds)[piece.argument];
+    if (*kind != '\0' && *kind != piece.letter) return false;
+    *kind = piece.letter;
+    has_numbered = has_numbered || piece.is_numbered;
   }
-  return plain == 0 || numbered == 0;
+  return unnumbered == 0 || !has_numbered;
 }
 
 /* Whether a translated text takes the arguments of the built-in one: any of them, each by its own kind. */
@@ -149,41 +145,126 @@ static bool takes_same_arguments(const char* translated, const char* builtin) {
   return true;
 }
 
+static bool is_known(int number) {
+  return number >= 1 && number < ZK_MSG_COUNT;
+}
+
 static const char* message_text(nl_catd catfd, int number) {
-  bool known = number >= 1 && number < ZK_MSG_COUNT;
-  const char* builtin = known ? zk_mesgtbl_zkview_cmd[number] : zk_badid_zkview_cmd;
-  const char* arguments = known ? builtin : "%s"; /* whoever prints an unknown message has one text to show */
+  const char* builtin = is_known(number) ? zk_mesgtbl_zkview_cmd[number] : zk_badid_zkview_cmd;
+  const char* arguments =
+      is_known(number) ? builtin : "%s"; /* whoever prints an unknown message has one text to show */
   if (catfd == ZK_NO_CATALOG) return builtin;
   const char* text = catgets(catfd, ZK_MSG_SET, number, builtin);
   return text == builtin || takes_same_arguments(text, arguments) ? text : builtin;
 }
 
-void zk_buffer_report(char* block, size_t size) {
-  report = {.block = block, .size = size, .used = 0, .error = 0};
+/* The texts of the catalog in use, taken apart when they are first printed. */
+static constexpr size_t PIECES_MAX = 24;
+static struct {
+  nl_catd catfd;
+  std::array<size_t, ZK_MSG_COUNT> counts; /* pieces by message; 0 before the first use */
+  std::array<std::array<cu_piece_t, PIECES_MAX>, ZK_MSG_COUNT> pieces;
+} in_use = {.catfd = ZK_NO_CATALOG, .counts = {}, .pieces = {}};
+
+static void use_catalog(nl_catd catfd) {
+  in_use.catfd = catfd;
+  in_use.counts = {};
 }
 
-int zk_flush_report() {
-  if (report.block == nullptr) return std::fflush(stdout) == 0 ? 0 : errno;
-  write_block();
-  return report.error;
+nl_catd zk_open_catalog(const char* name) {
+  nl_catd catfd = catopen(name, NL_CAT_LOCALE);
+  if (catfd == ZK_NO_CATALOG) catfd = catopen(name, 0);
+  use_catalog(catfd);
+  return catfd;
+}
+
+void zk_close_catalog(nl_catd catfd) {
+  use_catalog(ZK_NO_CATALOG);
+  if (catfd != ZK_NO_CATALOG) catclose(catfd);
+}
+
+/* Puts a message. */
+static void put_message(cu_sink_t* sink, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments) {
+  if (catfd != in_use.catfd || !is_known(number)) {
+    cu_put_format(sink, message_text(catfd, number), arguments);
+    return;
+  }
+  size_t* count = &in_use.counts[static_cast<size_t>(number)];
+  std::span<cu_piece_t> pieces = in_use.pieces[static_cast<size_t>(number)];
+  if (*count == 0) *count = cu_parse_format(message_text(catfd, number), pieces);
+  if (*count <= pieces.size())
+    cu_put_pieces(sink, pieces.first(*count), arguments);
+  else
+    cu_put_format(sink, message_text(catfd, number), arguments);
+}
+
+/* ---- Printing ------------------------------------------------------------------------------------------------------ */
+
+struct output_sink_t {
+  cu_sink_t sink; /* first: the formatter's view of it */
+  output_t* output;
+};
+
+static void put_as_it_is(cu_sink_t* sink, std::string_view text, const cu_error_arg_t*) {
+  put(reinterpret_cast<output_sink_t*>(sink)->output, text);
+}
+
+static void put_for_terminal(cu_sink_t* sink, std::string_view text, const cu_error_arg_t* argument) {
+  output_t* output = reinterpret_cast<output_sink_t*>(sink)->output;
+  if (argument != nullptr)
+    put_harmless(output, text);
+  else
+    put(output, text);
+}
+
+static void put_message_on(output_t* output, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments,
+                           bool is_recorded) {
+  bool is_filtered = is_recorded && output->is_terminal;
+  output_sink_t sink = {.sink = {.put = is_filtered ? put_for_terminal : put_as_it_is}, .output = output};
+  put_message(&sink.sink, catfd, number, arguments);
+}
+
+/* Writes a message at once, and in one piece: even one with a file name of 4096 characters fits. */
+static void print_at_once(FILE* stream, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments,
+                          bool is_recorded) {
+  std::array<char, 16384> block;
+  const int fildes = fileno(stream);
+  output_t output = {.fildes = fildes, .is_terminal = isatty(fildes) == 1, .block = block.data(), .size = block.size()};
+  std::fflush(stream);
+  put_message_on(&output, catfd, number, arguments, is_recorded);
+  write_block(&output);
+  if (stream == stdout && report.error == 0) report.error = output.error;
+}
+
+static void print(FILE* stream, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments,
+                  bool is_recorded) {
+  if (stream == stdout && report.block != nullptr) {
+    put_message_on(&report, catfd, number, arguments, is_recorded);
+    return;
+  }
+  if (stream == stderr) zk_flush_report();
+  print_at_once(stream, catfd, number, arguments, is_recorded);
 }
 
 cu_error_arg_t zk_msg_arg(int value) {
-  cu_error_arg_t argument = {};
+  cu_error_arg_t argument;
   argument.cu_arg_type = CU_ERROR_ARG_INT;
   argument.cu_arg_value.cu_arg_int = value;
   return argument;
 }
 
 cu_error_arg_t zk_msg_arg(const char* text) {
-  cu_error_arg_t argument = {};
+  cu_error_arg_t argument;
   argument.cu_arg_type = CU_ERROR_ARG_CHAR_STR;
   argument.cu_arg_value.cu_arg_char_str = const_cast<char*>(text != nullptr ? text : ""); /* only read */
   return argument;
 }
 
 void zk_print_message(FILE* stream, nl_catd catfd, int number, std::initializer_list<cu_error_arg_t> args) {
-  if (stream == stderr) zk_flush_report();
-  stream_sink to = {.sink = {.put = put_on_stream}, .stream = stream};
-  zk_format_text(&to.sink, message_text(catfd, number), {args.begin(), args.size()});
+  print(stream, catfd, number, {args.begin(), args.size()}, true);
+}
+
+void zk_print_own_text(nl_catd catfd, int number, const char* text) {
+  const cu_error_arg_t argument = zk_msg_arg(text);
+  print(stdout, catfd, number, {&argument, 1}, false);
 }

@@ -1,8 +1,7 @@
-/* zkprint.cpp - the reports: one record brief or in full, the control header, the dump of a stack, and the
- * search for an Error ID. */
-#include <unistd.h>
-
+/* zkprint.cpp - prints records, brief and in full, stacks in order of recording, and lists of records. */
+#include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,39 +10,11 @@
 #include "zk_int.h"
 #include "zk_msg.h"
 #include "zk_trace.h"
+#include "zklist.h"
 #include "zkrecord.h"
 #include "zkwalk.h"
 
 static constexpr int DESCRIPTION_COLUMN = 30; /* of a brief line, behind the time and the process name */
-
-/* A record whose head has been read. */
-struct opened_record {
-  void* cursor;
-  size_t remaining;
-  zk_eid_t eid;
-};
-
-/* The head that both reports have in common, traced as `routine`. */
-static int open_record(int debug_active, const char* debug_file, const char* routine, void* record,
-                       opened_record* opened) {
-  if (record == nullptr) {
-    ZK_RETURN_AS(routine, ZELK_INV_PARAM4,
-                 "Called with null ZELK Stack Record pointer\nreturning %s(%d) to the caller");
-  }
-  int32_t length = zk_record_length(record);
-  if (length <= 0) {
-    ZK_RETURN_AS(routine, ZELK_INV_RECLEN, "Length of record (%d) appears invalid\nReturning %s(%d) to caller", length);
-  }
-  opened->cursor = static_cast<char*>(record) + ZK_REC_LENGTH_SIZE;
-  opened->remaining = static_cast<size_t>(length);
-  int32_t version = zk_take_int(&opened->cursor, &opened->remaining);
-  if (!zk_is_known_version(version)) {
-    ZK_RETURN_AS(routine, ZELK_INV_RECVERSN, "Record version (0x%x) appears invalid\nReturning %s(%d) to caller",
-                 static_cast<unsigned int>(version));
-  }
-  zk_take_eid(&opened->cursor, &opened->remaining, opened->eid);
-  return ZELK_SUCCESS;
-}
 
 /* Whether a report for the Error ID `wanted`, all when it is null or empty, shows the record. */
 static bool is_selected(const char* wanted, const zk_eid_t eid) {
@@ -51,111 +22,131 @@ static bool is_selected(const char* wanted, const zk_eid_t eid) {
 }
 
 static std::tm local_time(time_t seconds) {
+  static const bool is_zone_set = (tzset(), true); /* once: it looks at a file each time */
   std::tm parts = {};
-  tzset();
-  localtime_r(&seconds, &parts);
+  if (is_zone_set) localtime_r(&seconds, &parts);
   return parts;
 }
 
-static int skip_strings(int debug_active, const char* debug_file, opened_record* record, int count) {
-  std::array<char, ZK_REC_STRING_MAX + 1> skipped;
-  for (int i = 0; i < count; ++i) {
-    int result = zk_get_rec_substring(debug_active, debug_file, &record->cursor, skipped.data(), &record->remaining);
-    if (result != ZELK_SUCCESS) return result;
-  }
+/* ---- Parts of a record --------------------------------------------------------------------------------------------- */
+
+int zk_print_rec_substring(int debug_active, const char* debug_file, nl_catd catfd, int display_msgnum, void** buffer,
+                           size_t* remaining_len) {
+  std::array<char, ZK_REC_STRING_MAX + 1> text;
+  const void* start = *buffer;
+  int result = zk_get_rec_substring(debug_active, debug_file, buffer, text.data(), remaining_len);
+  if (result != ZELK_SUCCESS) return result;
+  text[static_cast<size_t>(static_cast<char*>(*buffer) - static_cast<const char*>(start)) - 1] = '\0';
+  zk_print_message(stdout, catfd, display_msgnum, {zk_msg_arg(text.data())});
   return ZELK_SUCCESS;
 }
 
-/* Tells the user why a description cannot be shown, and returns the report's result. */
-static int report_bad_description(nl_catd catfd, int result) {
-  if (result == ZELK_NO_MEMORY) {
-    zk_print_message(stderr, catfd, ZK_MSG_NO_MEMORY);
-    return ZELK_NO_MEMORY;
-  }
-  if (result == ZELK_REC_CORRUPT) {
+int zk_print_description(int debug_active, const char* debug_file, nl_catd catfd, void** buffer,
+                         size_t* remaining_len) {
+  char* description = nullptr;
+  int result = zk_get_description(debug_active, debug_file, &description, buffer, remaining_len);
+  if (result != ZELK_SUCCESS) {
     zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
-    return ZELK_REC_CORRUPT;
+    return result;
   }
-  /* The brief report names this routine too. */
-  zk_print_message(stderr, catfd, ZK_MSG_PRINT_FAILURE, {zk_msg_arg("zk_print_description"), zk_msg_arg(result)});
-  return ZELK_FAILURE;
+  zk_print_message(stdout, catfd, ZK_MSG_DESCRIPTION, {zk_msg_arg(description)});
+  free(description);
+  return ZELK_SUCCESS;
 }
+
+void zk_truncate_description(char* descript, int start) {
+  constexpr long DEFAULT_WIDTH = 80;
+  const char* columns = getenv("COLUMNS");
+  long width = columns != nullptr ? std::strtol(columns, nullptr, 10) : 0;
+  width = width >= 1 ? std::min(width, long{INT_MAX}) : DEFAULT_WIDTH;
+  /* A limit below zero is a huge one and leaves the text whole. */
+  const unsigned long long limit = static_cast<unsigned long long>(static_cast<long long>(width) - start);
+  if (std::strlen(descript) > limit) descript[limit] = '\0';
+}
+
+static void print_time(nl_catd catfd, int32_t seconds) {
+  std::array<char, 256> text;
+  std::tm when = local_time(seconds);
+  if (std::strftime(text.data(), text.size(), "%c %Z\n", &when) == 0) std::snprintf(text.data(), text.size(), "\n");
+  zk_print_own_text(catfd, ZK_MSG_TIMESTAMP, text.data());
+}
+
+/* ---- Records ------------------------------------------------------------------------------------------------------- */
 
 int zk_print_brief_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, int searching,
                                 nl_catd catfd, void* record) {
-  std::array<char, ZK_REC_STRING_MAX + 1> process = {};
-  zk_eid_t related;
-  char* description = nullptr;
-  opened_record opened;
-
-  int result = open_record(debug_active, debug_file, __func__, record, &opened);
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_record_t decoded;
+  int result = zk_open_record(trace, record, &decoded);
   if (result != ZELK_SUCCESS) return result;
-  if (!is_selected(fid_to_display, opened.eid)) return searching == 1 ? ZELK_INV_FID : ZELK_SUCCESS;
+  if (!is_selected(fid_to_display, decoded.eid)) return searching == 1 ? ZELK_INV_FID : ZELK_SUCCESS;
 
-  zk_take_eid(&opened.cursor, &opened.remaining, related);
-  std::tm when = local_time(zk_take_int(&opened.cursor, &opened.remaining));
-  result = zk_get_rec_substring(debug_active, debug_file, &opened.cursor, process.data(), &opened.remaining);
-  if (result != ZELK_SUCCESS) return result;
-  for (int i = 0; i < 3; ++i) zk_take_int(&opened.cursor, &opened.remaining); /* process, parent, thread */
-  result = skip_strings(debug_active, debug_file, &opened, 3);                /* file, version, product */
-  if (result != ZELK_SUCCESS) return result;
-  zk_take_int(&opened.cursor, &opened.remaining); /* line */
-
-  result = zk_get_description(debug_active, debug_file, &description, &opened.cursor, &opened.remaining);
-  if (result != ZELK_SUCCESS) return report_bad_description(catfd, result);
-  result = skip_strings(debug_active, debug_file, &opened, 1); /* details */
-  if (result == ZELK_SUCCESS) {
-    if (description != nullptr) zk_truncate_description(description, DESCRIPTION_COLUMN);
-    zk_print_message(
-        stdout, catfd, ZK_MSG_BRIEF_LINE,
-        {zk_msg_arg(when.tm_mon + 1), zk_msg_arg(when.tm_mday), zk_msg_arg(when.tm_hour), zk_msg_arg(when.tm_min),
-         zk_msg_arg(when.tm_year + 1900), zk_msg_arg(process.data()), zk_msg_arg(description)});
+  result = zk_decode_record(trace, &decoded);
+  if (result != ZELK_SUCCESS) {
+    if (decoded.is_description_corrupt) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
+    return result;
   }
+  char* description = zk_describe(decoded.description);
+  zk_release_description(&decoded.description);
+  if (description != nullptr) zk_truncate_description(description, DESCRIPTION_COLUMN);
+  const std::tm when = local_time(decoded.time);
+  zk_print_message(
+      stdout, catfd, ZK_MSG_BRIEF_LINE,
+      {zk_msg_arg(when.tm_mon + 1), zk_msg_arg(when.tm_mday), zk_msg_arg(when.tm_hour), zk_msg_arg(when.tm_min),
+       zk_msg_arg(when.tm_year + 1900), zk_msg_arg(decoded.process_name), zk_msg_arg(description)});
   free(description);
-  return result;
+  return ZELK_SUCCESS;
 }
 
+/* The full report prints as it goes: what comes before the damage must be shown. */
 int zk_print_full_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, nl_catd catfd,
                                void* record) {
-  std::array<char, 256> time_text;
-  zk_eid_t related;
-  opened_record opened;
-
-  int result = open_record(debug_active, debug_file, __func__, record, &opened);
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_record_t opened;
+  int result = zk_open_record(trace, record, &opened);
   if (result != ZELK_SUCCESS) return result;
   if (!is_selected(fid_to_display, opened.eid)) return ZELK_SUCCESS;
-  auto print_string = [&](int message) {
-    return zk_print_rec_substring(debug_active, debug_file, catfd, message, &opened.cursor, &opened.remaining);
-  };
-  auto print_int = [&](int message) {
-    zk_print_message(stdout, catfd, message, {zk_msg_arg(zk_take_int(&opened.cursor, &opened.remaining))});
+  zk_cursor_t* cursor = &opened.cursor;
+  auto print_int = [&](int message) { zk_print_message(stdout, catfd, message, {zk_msg_arg(zk_take_int(cursor))}); };
+  auto print_text = [&](int message) {
+    return zk_take_by(cursor, [&](void** buffer, size_t* remaining) {
+      return zk_print_rec_substring(debug_active, debug_file, catfd, message, buffer, remaining);
+    });
   };
 
   if (*opened.eid != '\0')
     zk_print_message(stdout, catfd, ZK_MSG_EID, {zk_msg_arg(opened.eid)});
   else
     zk_print_message(stdout, catfd, ZK_MSG_EID_UNKNOWN);
-  zk_take_eid(&opened.cursor, &opened.remaining, related);
-  zk_print_message(stdout, catfd, ZK_MSG_RELATED_EID, {zk_msg_arg(related)});
+  zk_take_eid(cursor, opened.related_eid);
+  zk_print_message(stdout, catfd, ZK_MSG_RELATED_EID, {zk_msg_arg(opened.related_eid)});
 
-  std::tm when = local_time(zk_take_int(&opened.cursor, &opened.remaining));
-  if (std::strftime(time_text.data(), time_text.size(), "%c %Z\n", &when) == 0)
-    std::snprintf(time_text.data(), time_text.size(), "\n");
-  zk_print_message(stdout, catfd, ZK_MSG_TIMESTAMP, {zk_msg_arg(time_text.data())});
-  if ((result = print_string(ZK_MSG_PROCESS_NAME)) != ZELK_SUCCESS) return result;
+  print_time(catfd, zk_take_int(cursor));
+  if ((result = print_text(ZK_MSG_PROCESS_NAME)) != ZELK_SUCCESS) return result;
   print_int(ZK_MSG_PROCESS_ID);
   print_int(ZK_MSG_PARENT_ID);
   print_int(ZK_MSG_THREAD_ID);
-
-  if ((result = print_string(ZK_MSG_FILE_NAME)) != ZELK_SUCCESS) return result;
-  if ((result = print_string(ZK_MSG_FILE_VERSION)) != ZELK_SUCCESS) return result;
-  if ((result = print_string(ZK_MSG_PRODUCT)) != ZELK_SUCCESS) return result;
+  if ((result = print_text(ZK_MSG_FILE_NAME)) != ZELK_SUCCESS) return result;
+  if ((result = print_text(ZK_MSG_FILE_VERSION)) != ZELK_SUCCESS) return result;
+  if ((result = print_text(ZK_MSG_PRODUCT)) != ZELK_SUCCESS) return result;
   print_int(ZK_MSG_LINE);
 
-  result = zk_print_description(debug_active, debug_file, catfd, &opened.cursor, &opened.remaining);
-  if (result != ZELK_SUCCESS) return report_bad_description(catfd, result);
-  return print_string(ZK_MSG_DETAILS);
+  result = zk_take_by(cursor, [&](void** buffer, size_t* remaining) {
+    return zk_print_description(debug_active, debug_file, catfd, buffer, remaining);
+  });
+  if (result != ZELK_SUCCESS) {
+    zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT); /* a second time, as readers of full reports know it */
+    return result;
+  }
+  return print_text(ZK_MSG_DETAILS);
 }
+
+/* Whether the result of a record's printer says that the record is bad, so that its stack is corrupt. */
+static bool is_bad_record(int result) {
+  return result == ZELK_INV_RECLEN || result == ZELK_INV_RECVERSN || result == ZELK_REC_CORRUPT;
+}
+
+/* ---- Stacks -------------------------------------------------------------------------------------------------------- */
 
 int zk_dump_header(int, const char*, int, nl_catd catfd, int stack_version, zk_estack_v1_header_t cbuf) {
   zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
@@ -170,93 +161,79 @@ int zk_dump_header(int, const char*, int, nl_catd catfd, int stack_version, zk_e
 
 int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int all, const char* fid, int searching,
                   int fildes, nl_catd catfd) {
-  if (fid != nullptr && *fid == '\0') ZK_RETURN(ZELK_INV_PARAM3, "Invalid ZELK Error ID - Returning %s(%d)");
-  if (fildes <= 0) ZK_RETURN(ZELK_INV_PARAM4, "Invalid file descriptor %d\nReturning %s(%d)", fildes);
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  const bool is_search = searching == 1;
+  const bool is_full = !is_search && (all == 1 || dump_header == 1);
+  if (fid != nullptr && *fid == '\0')
+    return zk_failed(trace, ZELK_INV_PARAM3, "Invalid ZELK Error ID - Returning %s(%d)");
+  if (fildes <= 0) return zk_failed(trace, ZELK_INV_PARAM4, "Invalid file descriptor %d\nReturning %s(%d)", fildes);
 
-  zk_walk walk = {
-      .debug_active = debug_active, .debug_file = debug_file, .routine = __func__, .fildes = fildes, .catfd = catfd};
-  int result = zk_walk_begin(&walk);
+  zk_walk_t walk;
+  int result = zk_walk_begin(&walk, trace, fildes, catfd);
   if (result == ZELK_LOCK) return result;
-  if (result == ZELK_INV_PARAM4) result = ZELK_FAILURE;
-
   if (result == ZELK_SUCCESS && dump_header == 1)
     zk_dump_header(debug_active, debug_file, fildes, catfd, walk.stack_version, walk.header);
-  if (result == ZELK_SUCCESS && all != 1 && searching != 1) zk_print_message(stdout, catfd, ZK_MSG_HEADING);
+  if (result == ZELK_SUCCESS && all != 1 && !is_search) zk_print_message(stdout, catfd, ZK_MSG_HEADING);
 
   while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
     void* record = walk.record.data();
-    if (searching == 1)
-      result = zk_print_brief_stack_record(debug_active, debug_file, fid, 1, catfd, record);
-    else if (all == 1 || dump_header == 1)
-      result = zk_print_full_stack_record(debug_active, debug_file, fid, catfd, record);
-    else
-      result = zk_print_brief_stack_record(debug_active, debug_file, fid, 0, catfd, record);
-
-    switch (result) {
-      case ZELK_INV_FID: /* not the one searched for; the search runs past the newest record */
-        result = ZELK_SUCCESS;
-        continue;
-      case ZELK_SUCCESS:
-        break;
-      case ZELK_INV_RECLEN:
-      case ZELK_INV_RECVERSN:
-      case ZELK_REC_CORRUPT:
-        result = ZELK_FILE_CORRUPT;
-        break;
-      case ZELK_NO_MEMORY:
-        break;
-      case ZELK_INV_PARAM4:
-        ZK_TRACE_RC(ZELK_FAILURE, "Internal problem - buffer suddenly invalid\nReturning %s(%d) to caller");
-        result = ZELK_FILE_CORRUPT;
-        break;
-      default:
-        result = ZELK_FAILURE;
+    result = is_full ? zk_print_full_stack_record(debug_active, debug_file, fid, catfd, record)
+                     : zk_print_brief_stack_record(debug_active, debug_file, fid, searching, catfd, record);
+    if (result == ZELK_INV_FID) { /* not the one searched for; the search runs past the newest record */
+      result = ZELK_SUCCESS;
+      continue;
     }
-    if (result != ZELK_SUCCESS || searching == 1) break;
+    if (is_bad_record(result)) result = ZELK_FILE_CORRUPT;
+    if (result != ZELK_SUCCESS || is_search) break;
     if (all == 1 && fid == nullptr) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
-    if (zk_walk_at_write_pos(&walk)) break;
+    if (zk_walk_at_write_pos(walk)) break;
   }
-  if (result == ZK_WALK_END) result = searching == 1 ? ZELK_INV_FID : ZELK_SUCCESS;
-  zk_walk_end(&walk);
+  zk_walk_end(walk);
+  if (result == ZK_WALK_END) return is_search ? ZELK_INV_FID : ZELK_SUCCESS;
   return result;
 }
 
-int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* fid, const char* stack_file_list,
-                          int stack_list_limit, int* fildes_to_use, char** correct_file, nl_catd catfd) {
-  if (fid == nullptr || *fid == '\0') ZK_RETURN(ZELK_INV_PARAM3, "Invalid value of 'fid' - returning %s(%d)");
-  if (stack_file_list == nullptr || *stack_file_list == '\0')
-    ZK_RETURN(ZELK_INV_PARAM4, "No valid file names detected in array at address 0x%x - returning %s(%d)",
-              zk_trace_pointer(stack_file_list));
+/* ---- Lists of records ---------------------------------------------------------------------------------------------- */
 
-  int count = 0;
-  while (count < stack_list_limit && stack_file_list[ptrdiff_t{count} * ZELK_FILE_SLOT_SIZE] != '\0') ++count;
+/* Prints a record of a list; one that is bad ends the report. */
+static int display_record(const zk_trace_t& trace, void* record, int all, nl_catd catfd) {
+  int result = all == 1 ? zk_print_full_stack_record(trace.active, trace.file, nullptr, catfd, record)
+                        : zk_print_brief_stack_record(trace.active, trace.file, nullptr, 0, catfd, record);
+  if (is_bad_record(result)) return ZELK_FILE_CORRUPT;
+  if (all == 1) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
+  return ZELK_SUCCESS;
+}
 
-  for (int i = 0; i < count; ++i) {
-    const char* slot = stack_file_list + ptrdiff_t{i} * ZELK_FILE_SLOT_SIZE;
-    std::array<char, ZELK_FILE_SLOT_SIZE> name = {};
-    std::array<char, ZELK_PATH_SIZE> path;
-    int fildes = -1;
-    std::memcpy(name.data(), slot, strnlen(slot, name.size() - 1));
-    int result = zk_open_stack_path(debug_active, debug_file, __func__, name.data(), path, &fildes);
-    if (result != ZELK_SUCCESS) return result;
+int zk_display_recs_by_proc(int debug_active, const char* debug_file, zk_proc_list_t* proc_list, int all,
+                            nl_catd catfd) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (!zk_is_list_head(proc_list))
+    return zk_failed(trace, ZELK_INV_PARAM3, "proc_list parameter invalid or improperly initialized\nReturning %s(%d)");
+  if (all == 0) zk_print_message(stdout, catfd, ZK_MSG_HEADING);
 
-    if (count == 1) {
-      ZK_TRACE("Using file \"%s\" without checking for ZELK ID", path.data());
-    } else {
-      ZK_TRACE("Checking file \"%s\" for ZELK ID \"%s\"", path.data(), fid);
-      result = zk_dump_stack(debug_active, debug_file, 0, 0, fid, 1, fildes, catfd);
-      if (result != ZELK_SUCCESS) close(fildes);
-      if (result == ZELK_INV_FID) continue;
-      if (result != ZELK_SUCCESS) return ZELK_FAILURE;
-      ZK_TRACE("Entry found in file \"%s\"", path.data());
+  for (const zk_proc_list_t* process = proc_list->next; process != nullptr; process = process->next) {
+    zk_trace(trace, "Displaying records for process %d", process->process_id);
+    for (const zk_stack_rec_t* element = process->records; element != nullptr; element = element->next) {
+      int result = display_record(trace, element->record, all, catfd);
+      if (result != ZELK_SUCCESS) return result;
     }
-    if (correct_file != nullptr) {
-      close(fildes);
-      *correct_file = const_cast<char*>(slot); /* the caller's own list */
-    } else {
-      *fildes_to_use = fildes;
-    }
-    return ZELK_SUCCESS;
   }
-  ZK_RETURN(ZELK_INV_FID, "FID \"%s\" not found in any file - returning %s(%d)", fid);
+  return ZELK_SUCCESS;
+}
+
+int zk_display_recs_by_rel(int debug_active, const char* debug_file, zk_stack_rec_t* rec_table, int all,
+                           nl_catd catfd) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (rec_table == nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM3, "rec_table parameter invalid or improperly initialized\nReturning %s(%d)");
+  if (all == 0) zk_print_message(stdout, catfd, ZK_MSG_HEADING);
+
+  for (const zk_stack_rec_t* group = rec_table; group != nullptr; group = group->next) {
+    zk_trace(trace, "Displaying record for ZELK ID %.42s\nand any related to it", group->fid);
+    for (const zk_stack_rec_t* element = group; element != nullptr; element = element->related) {
+      int result = display_record(trace, element->record, all, catfd);
+      if (result != ZELK_SUCCESS) return result;
+    }
+  }
+  return ZELK_SUCCESS;
 }

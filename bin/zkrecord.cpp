@@ -1,38 +1,50 @@
-/* zkrecord.cpp - takes a record apart: its fixed fields, its texts and its description. Whatever a record
- * holds, nothing outside its memory is read but the zero byte behind it. */
+/* zkrecord.cpp - takes a record apart. Whatever it holds, nothing outside its memory is read but the zero byte behind
+ * it. */
 #include "zkrecord.h"
 
 #include <algorithm>
-#include <array>
-#include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "zk_msg.h"
-#include "zk_trace.h"
+/* ---- The cursor ---------------------------------------------------------------------------------------------------- */
 
-using string_buffer = std::array<char, ZK_REC_STRING_MAX + 1>;
-
-static ptrdiff_t signed_size(size_t size) {
-  return static_cast<ptrdiff_t>(size);
+static zk_cursor_t cursor_of(void** buffer, const size_t* remaining_len) {
+  return {static_cast<const char*>(*buffer), static_cast<ptrdiff_t>(*remaining_len)};
 }
 
-/* Length of the text at the cursor, -1 when there is none. A text that starts past the record's end is empty.
- */
-static int text_length(void* buffer, size_t remaining_len) {
-  return signed_size(remaining_len) < 0 ? 0 : zk_obtain_strlen(buffer, remaining_len);
+/* Hands the cursor back to the caller of a routine of zk_int.h. */
+static void store(const zk_cursor_t& cursor, void** buffer, size_t* remaining_len) {
+  *buffer = const_cast<char*>(cursor.at); /* the caller's own record */
+  *remaining_len = static_cast<size_t>(cursor.unread);
 }
 
-static void advance(void** buffer, size_t* remaining_len, size_t size) {
-  *buffer = static_cast<char*>(*buffer) + size;
-  *remaining_len -= size;
+static void advance(zk_cursor_t* cursor, size_t size) {
+  cursor->at += size;
+  cursor->unread -= static_cast<ptrdiff_t>(size);
 }
 
-static void release_arguments(cu_error_arg_t* arguments, int count) {
-  for (int i = 0; i < count; ++i)
-    if (arguments[i].cu_arg_type == CU_ERROR_ARG_CHAR_STR) free(arguments[i].cu_arg_value.cu_arg_char_str);
-  free(arguments);
+static void take_bytes(zk_cursor_t* cursor, void* bytes, size_t size) {
+  size_t inside = std::min(size, static_cast<size_t>(std::max(cursor->unread, ptrdiff_t{0})));
+  std::memcpy(bytes, cursor->at, inside);
+  std::memset(static_cast<char*>(bytes) + inside, 0, size - inside);
+  advance(cursor, size);
+}
+
+/* Length of the text at the cursor, -1 when there is none. A text that starts past the record's end is empty. */
+static int text_length(const zk_cursor_t& cursor) {
+  if (cursor.unread < 0) return 0;
+  return zk_obtain_strlen(const_cast<char*>(cursor.at), static_cast<size_t>(cursor.unread)); /* it only reads */
+}
+
+int32_t zk_take_int(zk_cursor_t* cursor) {
+  int32_t value;
+  take_bytes(cursor, &value, sizeof value);
+  return value;
+}
+
+void zk_take_eid(zk_cursor_t* cursor, zk_eid_t eid) {
+  take_bytes(cursor, eid, ZELK_EID_SIZE);
+  eid[ZELK_EID_LENGTH] = '\0';
 }
 
 int32_t zk_record_length(const void* record) {
@@ -41,181 +53,224 @@ int32_t zk_record_length(const void* record) {
   return length;
 }
 
+zk_cursor_t zk_record_cursor(const void* record, int position) {
+  ptrdiff_t size = ptrdiff_t{ZK_REC_LENGTH_SIZE} + std::max(zk_record_length(record), 0);
+  return {static_cast<const char*>(record) + position, size - position};
+}
+
 void zk_record_eid(const void* record, int position, zk_eid_t eid) {
-  /* zk_take_eid only reads; the routines of the cursor share one type. */
-  void* cursor = const_cast<char*>(static_cast<const char*>(record)) + position;
-  ptrdiff_t size = ptrdiff_t{ZK_REC_LENGTH_SIZE} + std::max(zk_record_length(record), 0) - position;
-  size_t remaining = static_cast<size_t>(size);
-  zk_take_eid(&cursor, &remaining, eid);
+  zk_cursor_t cursor = zk_record_cursor(record, position);
+  zk_take_eid(&cursor, eid);
 }
 
-void zk_take_bytes(void** buffer, size_t* remaining_len, void* bytes, size_t size) {
-  size_t inside = std::min(size, static_cast<size_t>(std::max(signed_size(*remaining_len), ptrdiff_t{0})));
-  std::memset(bytes, 0, size);
-  if (inside > 0) std::memcpy(bytes, *buffer, inside);
-  advance(buffer, remaining_len, size);
-}
-
-int32_t zk_take_int(void** buffer, size_t* remaining_len) {
-  int32_t value;
-  zk_take_bytes(buffer, remaining_len, &value, sizeof value);
-  return value;
-}
-
-void zk_take_eid(void** buffer, size_t* remaining_len, zk_eid_t eid) {
-  zk_take_bytes(buffer, remaining_len, eid, ZELK_EID_SIZE);
-  eid[ZELK_EID_LENGTH] = '\0';
-}
+/* ---- Texts and the description ------------------------------------------------------------------------------------- */
 
 int zk_obtain_strlen(void* buffer, size_t buflen) {
   const char* text = static_cast<const char*>(buffer);
-  ptrdiff_t limit = signed_size(buflen);
+  const ptrdiff_t limit = static_cast<ptrdiff_t>(buflen);
   if (text == nullptr || limit > ZK_REC_STRING_MAX) return -1;
   if (*text == '\0') return 0;
-  for (int i = 0; i <= limit; ++i) /* one byte more than the count: the NUL may lie right behind it */
-    if (text[i] == '\0') return i;
-  return -1;
+  if (limit < 0) return -1;
+  size_t length = strnlen(text, buflen + 1); /* one byte more than the count: the NUL may lie right behind it */
+  return length <= buflen ? static_cast<int>(length) : -1;
 }
 
 int zk_get_rec_substring(int debug_active, const char* debug_file, void** buffer, char* substring,
                          size_t* remaining_len) {
-  int length = text_length(*buffer, *remaining_len);
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_cursor_t cursor = cursor_of(buffer, remaining_len);
+  int length = text_length(cursor);
   if (length == -1)
-    ZK_RETURN(ZELK_REC_CORRUPT, "Could not find a NULL terminated string in buffer\nReturning %s(%d) to caller\n");
-  size_t size = static_cast<size_t>(length);
-  if (size > 0) std::memcpy(substring, *buffer, size);
-  advance(buffer, remaining_len, size + 1);
+    return zk_failed(trace, ZELK_REC_CORRUPT,
+                     "Could not find a NULL terminated string in buffer\nReturning %s(%d) to caller\n");
+  std::memcpy(substring, cursor.at, static_cast<size_t>(length));
+  advance(&cursor, static_cast<size_t>(length) + 1);
+  store(cursor, buffer, remaining_len);
   return ZELK_SUCCESS;
 }
 
-int zk_print_rec_substring(int debug_active, const char* debug_file, nl_catd catfd, int display_msgnum, void** buffer,
-                           size_t* remaining_len) {
-  string_buffer text = {};
-  int result = zk_get_rec_substring(debug_active, debug_file, buffer, text.data(), remaining_len);
-  if (result != ZELK_SUCCESS) return result;
-  zk_print_message(stdout, catfd, display_msgnum, {zk_msg_arg(text.data())});
+/* Takes a text into `texts`, which has room for it, and terminates it. Returns it, or null when it is corrupt. */
+static const char* take_text(const zk_trace_t& trace, zk_cursor_t* cursor, char* texts, size_t* used) {
+  char* text = texts + *used;
+  const char* start = cursor->at;
+  int result = zk_take_by(cursor, [&](void** buffer, size_t* remaining) {
+    return zk_get_rec_substring(trace.active, trace.file, buffer, text, remaining);
+  });
+  if (result != ZELK_SUCCESS) return nullptr;
+  size_t size = static_cast<size_t>(cursor->at - start);
+  text[size - 1] = '\0';
+  *used += size;
+  return text;
+}
+
+static void release_arguments(cu_error_arg_t* arguments, int count) {
+  for (int i = 0; i < count; ++i)
+    if (arguments[i].cu_arg_type == CU_ERROR_ARG_CHAR_STR) free(arguments[i].cu_arg_value.cu_arg_char_str);
+  free(arguments);
+}
+
+/* Takes one argument. Returns 0; ZELK_REC_CORRUPT; ZELK_NO_MEMORY. */
+static int take_argument(const zk_trace_t& trace, zk_cursor_t* cursor, cu_error_arg_t* argument) {
+  if (cursor->unread <= 0) return ZELK_REC_CORRUPT;
+  argument->cu_arg_type = zk_take_int(cursor);
+  if (argument->cu_arg_type != CU_ERROR_ARG_CHAR_STR) {
+    take_bytes(cursor, &argument->cu_arg_value, ZK_REC_ARG_SIZE);
+    return ZELK_SUCCESS;
+  }
+  argument->cu_arg_value.cu_arg_char_str = nullptr;
+  int length = text_length(*cursor);
+  if (length == -1) return ZELK_REC_CORRUPT;
+  size_t size = static_cast<size_t>(length) + 1;
+  char* text = static_cast<char*>(malloc(size));
+  if (text == nullptr)
+    return zk_failed(trace, ZELK_NO_MEMORY, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller",
+                     static_cast<int>(size));
+  std::memcpy(text, cursor->at, size - 1);
+  text[size - 1] = '\0';
+  argument->cu_arg_value.cu_arg_char_str = text;
+  advance(cursor, size);
   return ZELK_SUCCESS;
 }
 
 int zk_extract_arg_values(int debug_active, const char* debug_file, void** buffer, size_t* remaining_len, int* num_args,
                           cu_error_arg_t** args) {
   constexpr ptrdiff_t SIZE_MIN = 5; /* a type, and an empty text */
-  void* cursor = *buffer;
-  size_t remaining = *remaining_len;
-  int32_t count = zk_take_int(&cursor, &remaining);
-  cu_error_arg_t* arguments = nullptr;
-  int taken = 0;
-  int result = ZELK_SUCCESS;
-
-  if (count > 0) {
-    /* What the record cannot hold would start at or past its end. */
-    if (count > (signed_size(remaining) + SIZE_MIN - 1) / SIZE_MIN) return ZELK_REC_CORRUPT;
-    size_t size = static_cast<size_t>(count) * sizeof *arguments;
-    arguments = static_cast<cu_error_arg_t*>(calloc(static_cast<size_t>(count), sizeof *arguments));
-    if (arguments == nullptr)
-      ZK_RETURN(ZELK_NO_MEMORY, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller",
-                static_cast<int>(size));
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_cursor_t cursor = cursor_of(buffer, remaining_len);
+  int32_t count = zk_take_int(&cursor);
+  if (count <= 0) {
+    store(cursor, buffer, remaining_len);
+    *args = nullptr;
+    return ZELK_SUCCESS;
   }
+  /* What the record cannot hold would start at or past its end. */
+  if (count > (cursor.unread + SIZE_MIN - 1) / SIZE_MIN) return ZELK_REC_CORRUPT;
 
-  for (; taken < count; ++taken) {
-    cu_error_arg_t* argument = &arguments[taken];
-    if (signed_size(remaining) <= 0) {
-      result = ZELK_REC_CORRUPT;
-      break;
+  size_t size = static_cast<size_t>(count) * sizeof(cu_error_arg_t);
+  cu_error_arg_t* arguments = static_cast<cu_error_arg_t*>(malloc(size));
+  if (arguments == nullptr)
+    return zk_failed(trace, ZELK_NO_MEMORY, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller",
+                     static_cast<int>(size));
+  for (int taken = 0; taken < count; ++taken) {
+    int result = take_argument(trace, &cursor, &arguments[taken]);
+    if (result != ZELK_SUCCESS) {
+      release_arguments(arguments, taken);
+      return result;
     }
-    argument->cu_arg_type = zk_take_int(&cursor, &remaining);
-    if (argument->cu_arg_type != CU_ERROR_ARG_CHAR_STR) {
-      zk_take_bytes(&cursor, &remaining, &argument->cu_arg_value, ZK_REC_ARG_SIZE);
-      continue;
-    }
-    int length = text_length(cursor, remaining);
-    if (length == -1) {
-      result = ZELK_REC_CORRUPT;
-      break;
-    }
-    size_t size = static_cast<size_t>(length) + 1;
-    argument->cu_arg_value.cu_arg_char_str = static_cast<char*>(calloc(size, 1));
-    if (argument->cu_arg_value.cu_arg_char_str == nullptr) {
-      result = ZELK_NO_MEMORY;
-      ZK_TRACE_RC(result, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller", static_cast<int>(size));
-      break;
-    }
-    if (length > 0) std::memcpy(argument->cu_arg_value.cu_arg_char_str, cursor, static_cast<size_t>(length));
-    advance(&cursor, &remaining, size);
   }
-  if (result != ZELK_SUCCESS) {
-    release_arguments(arguments, taken);
-    return result;
-  }
-
-  *buffer = cursor;
-  *remaining_len = remaining;
-  if (count > 0) *num_args = count;
+  store(cursor, buffer, remaining_len);
+  *num_args = count;
   *args = arguments;
   return ZELK_SUCCESS;
 }
 
-int zk_get_description(int debug_active, const char* debug_file, char** descript, void** buffer,
-                       size_t* remaining_len) {
-  std::array<char, ZELK_PATH_SIZE> catalog = {};
-  string_buffer default_text = {};
-  void* cursor = *buffer;
-  size_t remaining = *remaining_len;
-  cu_error_arg_t* arguments = nullptr;
-  int count = 0;
+/* Takes the description block, its texts into `texts`. Traces as zk_get_description, whose work it is.
+ * Returns 0; ZELK_REC_CORRUPT. */
+static int take_description(const zk_trace_t& caller, zk_cursor_t* cursor, zk_description_t* description, char* texts,
+                            size_t* used) {
+  const zk_trace_t trace = {caller.active, caller.file, "zk_get_description"};
+  description->catalog = take_text(trace, cursor, texts, used);
+  if (description->catalog == nullptr) return ZELK_REC_CORRUPT;
+  description->set = zk_take_int(cursor);
+  description->number = zk_take_int(cursor);
+  description->default_text = take_text(trace, cursor, texts, used);
+  if (description->default_text == nullptr) return ZELK_REC_CORRUPT;
 
-  if (zk_get_rec_substring(debug_active, debug_file, &cursor, catalog.data(), &remaining) != ZELK_SUCCESS)
-    return ZELK_REC_CORRUPT;
-  int32_t set = zk_take_int(&cursor, &remaining);
-  int32_t number = zk_take_int(&cursor, &remaining);
-  if (zk_get_rec_substring(debug_active, debug_file, &cursor, default_text.data(), &remaining) != ZELK_SUCCESS)
-    return ZELK_REC_CORRUPT;
-
-  int result = zk_extract_arg_values(debug_active, debug_file, &cursor, &remaining, &count, &arguments);
-  if (result == ZELK_NO_MEMORY) {
-    ZK_TRACE_RC(result, "Unable to allocate memory to store arguments\nReturning %s(%d) to caller");
+  description->argument_count = 0;
+  description->arguments = nullptr;
+  int result = zk_take_by(cursor, [&](void** buffer, size_t* remaining) {
+    return zk_extract_arg_values(trace.active, trace.file, buffer, remaining, &description->argument_count,
+                                 &description->arguments);
+  });
+  if (result == ZELK_NO_MEMORY) { /* lost with its record, as a corrupt one is */
+    zk_failed(trace, result, "Unable to allocate memory to store arguments\nReturning %s(%d) to caller\n");
     return ZELK_REC_CORRUPT;
   }
-  if (result == ZELK_REC_CORRUPT)
-    ZK_RETURN(result, "Possible corruption where description args are supposed to be\nReturning %s(%d)\n");
-
-  cu_error_t error = {.cu_error_id = 1,
-                      .cu_zelk_id = nullptr,
-                      .cu_msg_cat = catalog.data(),
-                      .cu_msg_set = set,
-                      .cu_msg_num = number,
-                      .cu_msg_default = default_text.data(),
-                      .cu_arg_cnt = static_cast<uint32_t>(count),
-                      .cu_args = arguments};
-  cu_get_errmsg_1(&error, descript);
-  release_arguments(arguments, count);
-  *buffer = cursor;
-  *remaining_len = remaining;
+  if (result != ZELK_SUCCESS)
+    return zk_failed(trace, result,
+                     "Possible corruption where description args are supposed to be\nReturning %s(%d)\n");
   return ZELK_SUCCESS;
 }
 
-int zk_print_description(int debug_active, const char* debug_file, nl_catd catfd, void** buffer,
-                         size_t* remaining_len) {
-  char* description = nullptr;
-  int result = zk_get_description(debug_active, debug_file, &description, buffer, remaining_len);
-  if (result == ZELK_SUCCESS) {
-    zk_print_message(stdout, catfd, ZK_MSG_DESCRIPTION, {zk_msg_arg(description)});
-    free(description);
-    return ZELK_SUCCESS;
-  }
-  if (result == ZELK_NO_MEMORY)
-    zk_print_message(stderr, catfd, ZK_MSG_NO_MEMORY);
-  else
-    zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
-  return ZELK_REC_CORRUPT;
+char* zk_describe(const zk_description_t& description) {
+  const cu_error_t error = {.cu_error_id = 1,
+                            .cu_zelk_id = nullptr,
+                            .cu_msg_cat = description.catalog,
+                            .cu_msg_set = description.set,
+                            .cu_msg_num = description.number,
+                            .cu_msg_default = description.default_text,
+                            .cu_arg_cnt = static_cast<uint32_t>(description.argument_count),
+                            .cu_args = description.arguments};
+  char* text = nullptr;
+  cu_get_errmsg_1(&error, &text);
+  return text;
 }
 
-void zk_truncate_description(char* descript, int start) {
-  constexpr long DEFAULT_WIDTH = 80;
-  const char* columns = getenv("COLUMNS");
-  long width = columns != nullptr ? std::strtol(columns, nullptr, 10) : 0;
-  width = width >= 1 ? std::min(width, long{INT_MAX}) : DEFAULT_WIDTH;
-  /* A limit below zero is a huge one and leaves the text whole. */
-  unsigned long long limit = static_cast<unsigned long long>(static_cast<long long>(width) - start);
-  if (std::strlen(descript) > limit) descript[limit] = '\0';
+void zk_release_description(zk_description_t* description) {
+  release_arguments(description->arguments, description->argument_count);
+  description->arguments = nullptr;
+  description->argument_count = 0;
+}
+
+int zk_get_description(int debug_active, const char* debug_file, char** descript, void** buffer,
+                       size_t* remaining_len) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  std::array<char, ZK_REC_STRING_MAX + 16> texts;
+  size_t used = 0;
+  zk_description_t description;
+  zk_cursor_t cursor = cursor_of(buffer, remaining_len);
+  int result = take_description(trace, &cursor, &description, texts.data(), &used);
+  if (result != ZELK_SUCCESS) return result;
+  *descript = zk_describe(description);
+  zk_release_description(&description);
+  store(cursor, buffer, remaining_len);
+  return ZELK_SUCCESS;
+}
+
+/* ---- Whole records ------------------------------------------------------------------------------------------------- */
+
+int zk_open_record(const zk_trace_t& trace, const void* record, zk_record_t* opened) {
+  if (record == nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM4,
+                     "Called with null ZELK Stack Record pointer\nreturning %s(%d) to the caller");
+  int32_t length = zk_record_length(record);
+  if (length <= 0)
+    return zk_failed(trace, ZELK_INV_RECLEN, "Length of record (%d) appears invalid\nReturning %s(%d) to caller",
+                     length);
+  opened->cursor = zk_record_cursor(record, ZK_REC_VERSION_POS);
+  int32_t version = zk_take_int(&opened->cursor);
+  if (!zk_is_known_version(version))
+    return zk_failed(trace, ZELK_INV_RECVERSN, "Record version (0x%x) appears invalid\nReturning %s(%d) to caller",
+                     static_cast<unsigned int>(version));
+  zk_take_eid(&opened->cursor, opened->eid);
+  return ZELK_SUCCESS;
+}
+
+int zk_decode_record(const zk_trace_t& trace, zk_record_t* opened) {
+  zk_cursor_t* cursor = &opened->cursor;
+  auto take = [&] { return take_text(trace, cursor, opened->texts.data(), &opened->texts_used); };
+  opened->texts_used = 0;
+  opened->is_description_corrupt = false;
+
+  zk_take_eid(cursor, opened->related_eid);
+  opened->time = zk_take_int(cursor);
+  if ((opened->process_name = take()) == nullptr) return ZELK_REC_CORRUPT;
+  opened->process_id = zk_take_int(cursor);
+  opened->parent_id = zk_take_int(cursor);
+  opened->thread_id = zk_take_int(cursor);
+  if ((opened->detecting_file = take()) == nullptr) return ZELK_REC_CORRUPT;
+  if ((opened->file_version = take()) == nullptr) return ZELK_REC_CORRUPT;
+  if ((opened->product = take()) == nullptr) return ZELK_REC_CORRUPT;
+  opened->line = zk_take_int(cursor);
+
+  int result = take_description(trace, cursor, &opened->description, opened->texts.data(), &opened->texts_used);
+  if (result != ZELK_SUCCESS) {
+    opened->is_description_corrupt = true;
+    return result;
+  }
+  if ((opened->details = take()) == nullptr) {
+    zk_release_description(&opened->description);
+    return ZELK_REC_CORRUPT;
+  }
+  return ZELK_SUCCESS;
 }

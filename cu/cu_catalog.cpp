@@ -1,5 +1,5 @@
-/* cu_catalog.cpp - message catalogs as gencat writes them. A record can name any file, so no word of one is
- * trusted, and the file is read rather than mapped: one that is cut short meanwhile must not end the process.
+/* cu_catalog.cpp - finds and reads message catalogs as gencat writes them. A record can name any file, so nothing in one
+ * is trusted, and it is read rather than mapped: a file that is truncated meanwhile must not kill the process.
  *
  *   offset  bytes
  *        0      4  magic number
@@ -22,23 +22,24 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
 
+#include "zk_io.h"
+
 enum {
   HEADER_SIZE = 12,
   ENTRY_SIZE = 12,
-  PLANES_MAX = 1024, /* gencat keeps planes few: 89 when every second message is made to collide */
+  PLANES_MAX = 1024, /* how many are searched; gencat needs 89 where every second message is made to collide */
   TEXT_MAX = 65536,  /* longest text, terminator included */
   PATH_SIZE = 4096   /* longest path that can be opened, terminator included */
 };
 
 static constexpr uint32_t CATALOG_MAGIC = 0x960408de;
 
-/* Where the C library looks behind NLSPATH. */
+/* Where the C library looks after NLSPATH. */
 static constexpr const char* DEFAULT_NLSPATH =
     "/usr/share/locale/%L/%N:/usr/share/locale/%L/LC_MESSAGES/%N:"
     "/usr/share/locale/%l/%N:/usr/share/locale/%l/LC_MESSAGES/%N";
@@ -51,7 +52,7 @@ struct cu_catalog {
 };
 
 struct cu_path {
-  std::array<char, PATH_SIZE> text;
+  char text[PATH_SIZE];
   size_t length;
 };
 
@@ -68,23 +69,14 @@ static uint32_t big_word(const unsigned char* bytes) {
 }
 
 /* Reads exactly `size` bytes. `offset` lies within the file's size, so it fits an off_t. */
-static bool read_at(int fildes, uint64_t offset, void* bytes, size_t size) {
-  char* at = static_cast<char*>(bytes);
-  while (size > 0) {
-    ssize_t got = pread(fildes, at, size, static_cast<off_t>(offset));
-    if (got == -1 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    at += got;
-    offset += static_cast<uint64_t>(got);
-    size -= static_cast<size_t>(got);
-  }
-  return true;
+static bool read_at(const cu_catalog& catalog, uint64_t offset, void* bytes, size_t size) {
+  return zk_read_at(catalog.fildes, bytes, size, static_cast<off_t>(offset)) == size;
 }
 
-/* Takes the header and checks that the planes it tells of are in the file, which is not shorter than it. */
+/* Reads the header and checks that the planes it declares fit in the file. */
 static bool read_header(cu_catalog* catalog) {
   unsigned char header[HEADER_SIZE];
-  if (!read_at(catalog->fildes, 0, header, HEADER_SIZE)) return false;
+  if (!read_at(*catalog, 0, header, HEADER_SIZE)) return false;
   auto word = little_word(header) == CATALOG_MAGIC ? little_word : big_word;
   if (word(header) != CATALOG_MAGIC) return false;
   catalog->plane_size = word(header + 4);
@@ -93,13 +85,13 @@ static bool read_header(cu_catalog* catalog) {
   return catalog->plane_size > 0 && catalog->plane_depth <= entries / catalog->plane_size;
 }
 
-/* The kernel's own files, which can do anything when they are read, mostly tell no size. */
+/* The size also keeps out most of the kernel's own files, which report none and may do anything when read. */
 static bool can_be_catalog(const struct stat& status) {
   return S_ISREG(status.st_mode) && status.st_size >= HEADER_SIZE;
 }
 
-/* Opens the catalog `path`. Opening a device or a FIFO can have effects of its own: hence the look before,
- * and the flags for a file that is replaced meanwhile. */
+/* Opens the catalog `path`. Opening a device or a FIFO can have effects of its own, so the file is looked at first; the
+ * flags are for one that is replaced between the two. */
 static bool open_catalog(const char* path, cu_catalog* catalog) {
   struct stat status;
   if (stat(path, &status) != 0 || !can_be_catalog(status)) return false;
@@ -120,13 +112,13 @@ static char* read_text(const cu_catalog& catalog, uint64_t offset) {
   size_t size = static_cast<size_t>(std::min<uint64_t>(catalog.size - offset, TEXT_MAX));
   char* text = static_cast<char*>(malloc(size));
   if (text == nullptr) return nullptr;
-  if (read_at(catalog.fildes, offset, text, size) && memchr(text, '\0', size) != nullptr) return text;
+  if (read_at(catalog, offset, text, size) && memchr(text, '\0', size) != nullptr) return text;
   free(text);
   return nullptr;
 }
 
-/* Looks a message up. It stands in the same slot of one of the planes. The slot is what gencat computes on a
- * host of this kind: the product of two 32-bit integers, widened with its sign. */
+/* Looks a message up. Every plane has one slot where it may stand; the slot is what gencat computes on a host of this
+ * kind: the product of two 32-bit integers, widened with its sign. */
 static char* find_text(const cu_catalog& catalog, uint32_t set, uint32_t number) {
   size_t product = static_cast<size_t>(static_cast<int32_t>((set + 1) * number));
   uint64_t slot = product % catalog.plane_size;
@@ -135,7 +127,7 @@ static char* find_text(const cu_catalog& catalog, uint32_t set, uint32_t number)
 
   for (uint32_t plane = 0; plane < planes; ++plane, slot += catalog.plane_size) {
     unsigned char entry[ENTRY_SIZE];
-    if (!read_at(catalog.fildes, HEADER_SIZE + slot * ENTRY_SIZE, entry, ENTRY_SIZE)) return nullptr;
+    if (!read_at(catalog, HEADER_SIZE + slot * ENTRY_SIZE, entry, ENTRY_SIZE)) return nullptr;
     if (little_word(entry) == set + 1 && little_word(entry + 4) == number)
       return read_text(catalog, texts + little_word(entry + 8));
   }
@@ -146,9 +138,9 @@ static char* find_text(const cu_catalog& catalog, uint32_t set, uint32_t number)
 
 static bool append(cu_path* path, const char* text, size_t length) {
   if (length >= PATH_SIZE - path->length) return false;
-  memcpy(path->text.data() + path->length, text, length);
+  memcpy(path->text + path->length, text, length);
   path->length += length;
-  path->text.data()[path->length] = '\0';
+  path->text[path->length] = '\0';
   return true;
 }
 
@@ -174,11 +166,11 @@ static bool append_field(cu_path* path, char letter, const char* name, const cha
   }
 }
 
-/* Makes `path` of the element of NLSPATH from `element` to `end`; an empty one is the name itself. False when
- * the element is to be passed over: it holds an unknown field or gets too long. */
+/* Makes `path` from the element of NLSPATH that ends before `end`; an empty one stands for the name itself. Returns
+ * false when the element is to be skipped: it has an unknown field or becomes too long. */
 static bool expand_element(cu_path* path, const char* element, const char* end, const char* name, const char* locale) {
   path->length = 0;
-  path->text.data()[0] = '\0';
+  path->text[0] = '\0';
   if (element == end) return append(path, name, strlen(name));
   for (; element < end; ++element) {
     if (*element != '%') {
@@ -194,7 +186,7 @@ static bool open_along(const char* nlspath, const char* name, const char* locale
   cu_path path;
   for (const char* element = nlspath;;) {
     const char* end = element + strcspn(element, ":");
-    if (expand_element(&path, element, end, name, locale) && open_catalog(path.text.data(), catalog)) return true;
+    if (expand_element(&path, element, end, name, locale) && open_catalog(path.text, catalog)) return true;
     if (*end == '\0') return false;
     element = end + 1;
   }
@@ -205,18 +197,20 @@ static const char* trusted_variable(const char* name) {
   return getuid() == geteuid() && getgid() == getegid() ? getenv(name) : nullptr;
 }
 
+static bool open_for_locale(const char* locale, const char* name, cu_catalog* catalog) {
+  const char* nlspath = trusted_variable("NLSPATH");
+  if (nlspath != nullptr && *nlspath != '\0' && open_along(nlspath, name, locale, catalog)) return true;
+  return open_along(DEFAULT_NLSPATH, name, locale, catalog);
+}
+
 static bool find_catalog(const char* name, cu_catalog* catalog) {
   if (*name == '\0') return false;
   if (strchr(name, '/') != nullptr) return open_catalog(name, catalog);
 
-  const char* nlspath = trusted_variable("NLSPATH");
-  const char* const locales[] = {setlocale(LC_MESSAGES, nullptr), trusted_variable("LANG")};
-  for (const char* locale : locales) {
-    if (locale == nullptr || *locale == '\0') locale = "C";
-    if (nlspath != nullptr && *nlspath != '\0' && open_along(nlspath, name, locale, catalog)) return true;
-    if (open_along(DEFAULT_NLSPATH, name, locale, catalog)) return true;
-  }
-  return false;
+  const char* locale = setlocale(LC_MESSAGES, nullptr);
+  const char* lang = trusted_variable("LANG");
+  if (lang == nullptr || *lang == '\0') lang = "C";
+  return open_for_locale(locale, name, catalog) || (strcmp(lang, locale) != 0 && open_for_locale(lang, name, catalog));
 }
 
 char* cu_read_message(const char* name, int32_t set, int32_t number) {

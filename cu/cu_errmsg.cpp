@@ -4,35 +4,33 @@
 #include <cstring>
 
 #include "cu_catalog.h"
+#include "cu_format.h"
 #include "qx_cu.h"
-#include "zk_conversion.h"
 
 enum { FIRST_SIZE = 256 };
 
-/* A text that grows on the heap; null after memory has run out. */
+/* A text that grows on the heap. */
 struct cu_text {
-  zk_text_sink sink; /* first, so that its address is that of the text */
-  char* text;
+  cu_sink_t sink; /* first, so that its address is that of the text */
+  char* text;     /* null once memory has run out */
   size_t length;
-  size_t size;
+  size_t size; /* always above the length, for the terminator */
 };
 
-static void put_text(zk_text_sink* sink, std::string_view piece, bool) {
+static void append_piece(cu_sink_t* sink, std::string_view piece, const cu_error_arg_t*) {
   cu_text* grown = reinterpret_cast<cu_text*>(sink);
   if (grown->text == nullptr) return;
 
   if (piece.size() >= grown->size - grown->length) {
-    size_t size = std::max(grown->size, piece.size()); /* at least doubled */
-    char* text = nullptr;
-    if (size < SIZE_MAX - grown->size) text = static_cast<char*>(realloc(grown->text, grown->size + size));
+    grown->size +=
+        std::max(grown->size, piece.size()); /* no object has more than SIZE_MAX / 2 bytes: this cannot wrap */
+    char* text = static_cast<char*>(realloc(grown->text, grown->size));
     if (text == nullptr) free(grown->text);
     grown->text = text;
     if (text == nullptr) return;
-    grown->size += size;
   }
   memcpy(grown->text + grown->length, piece.data(), piece.size());
   grown->length += piece.size();
-  grown->text[grown->length] = '\0';
 }
 
 int cu_get_errmsg_1(const cu_error_t* error, char** text) {
@@ -40,16 +38,15 @@ int cu_get_errmsg_1(const cu_error_t* error, char** text) {
   *text = nullptr;
   if (error == nullptr) return -1;
 
-  cu_text grown = {{put_text}, static_cast<char*>(malloc(FIRST_SIZE)), 0, FIRST_SIZE};
-  if (grown.text == nullptr) return -1;
-  grown.text[0] = '\0';
-
   char* message = cu_read_message(error->cu_msg_cat, error->cu_msg_set, error->cu_msg_num);
   const char* format = message != nullptr ? message : error->cu_msg_default;
   size_t count = error->cu_args != nullptr ? error->cu_arg_cnt : 0;
-  if (format != nullptr) zk_format_text(&grown.sink, format, {error->cu_args, count});
+  cu_text grown = {{append_piece}, static_cast<char*>(malloc(FIRST_SIZE)), 0, FIRST_SIZE};
+  if (format != nullptr) cu_put_format(&grown.sink, format, {error->cu_args, count});
   free(message);
+  if (grown.text == nullptr) return -1;
 
+  grown.text[grown.length] = '\0';
   *text = grown.text;
-  return grown.text != nullptr ? 0 : -1;
+  return 0;
 }

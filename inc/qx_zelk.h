@@ -10,6 +10,9 @@
  *   - Texts are NUL-terminated. Output buffers belong to the caller, who hands them over filled with zeros; a size
  *     given for one is the least that the routine relies on.
  *   - Unless its comment says otherwise, a routine keeps no state and may be called from any thread.
+ *   - Some routines write files. A program that may run under a file size limit must ignore SIGXFSZ, or it is killed by
+ *     the write that passes the limit and leaves a half-made file. With the signal ignored the write fails: a new file
+ *     or copy is removed again (ZELK_NO_SPACE), a trace entry is lost (ZELK_FILE_CORRUPT).
  */
 #ifndef QX_ZELK_H
 #define QX_ZELK_H
@@ -162,7 +165,7 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
                           char* filename_list, int filelist_limit);
 
 /* Entry text from an error template label.
- * Returns 0; ZELK_INV_PARAM4 null output; ZELK_FAILURE no conversion. */
+ * Returns 0; ZELK_INV_PARAM4 null output. */
 int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int template_id, char* templ64rep);
 
 /* Error template label from an entry text.
@@ -257,7 +260,8 @@ int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_
  *                    `*num_found` raised by one for each. The list ends at the first empty slot
  *   findfirst not 0  `addr` is one slot: the first address that is not a loopback that is up, else the loopback's,
  *                    else empty; `*num_found` is set to 1
- * `num_found` may be null. Returns 0; ZELK_FAILURE when the interfaces cannot be queried (what was listed stays). */
+ * `num_found` may be null. An interface that vanishes meanwhile is passed over.
+ * Returns 0; ZELK_FAILURE when the interfaces cannot be queried (what was listed stays). */
 int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int findfirst, int* num_found);
 
 /* Returns 0 when `addr` consists of four runs of digits (an empty run counts) separated by ".", else 1. */
@@ -299,11 +303,15 @@ int zk_is_debug_file_set(char* trace_filename);
 int zk_create_debug_file(const char* debug_file);
 
 /* Appends one entry to the trace file: time, `interface_name` (the calling routine), process, thread, and the
- * message, of which 254 characters are kept, folded into lines of 72. An entry is cut at 1023 bytes. The whole file
- * is locked (waiting) while the entry is written. errno is left as it was.
- * Any number of processes and threads may write to one file. A thread that is cancelled or a signal handler must not
- * call it; neither must, before exec, a child that was forked while another thread converted a time (the C library's
- * lock for that is then taken for ever). TZ is read from the environment.
+ * message, of which 254 characters are kept, folded into lines of 72. An entry is cut at 1023 bytes. errno is left as
+ * it was.
+ * Any number of processes and threads may write to one file: it is locked while an entry is written, and waited for
+ * while another process has it locked or leased. The thread's signals are blocked meanwhile, but not while it waits for
+ * the lock: a signal handler that returns then ends the wait (ZELK_LOCK), unless it was installed with SA_RESTART. The
+ * thread is not cancelled before the call returns. A child may be forked at any time, in a signal handler too; one that
+ * a handler forks during the wait gives the entry up.
+ * A signal handler must not call it; neither must, before exec, a child that was forked while another thread converted
+ * a time (the C library's lock for that is then taken for ever). TZ is read from the environment.
  * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM3 a null argument; ZELK_FILE_MISSING, ZELK_NO_ACCESS, ZELK_TOO_MANY,
  * ZELK_DIR_MISSING, ZELK_READ_ONLY, ZELK_LINK_LOOP, ZELK_FAILURE the file cannot be opened; ZELK_LOCK, ZELK_UNLOCK;
  * ZELK_FILE_CORRUPT not a trace file, or it cannot be read or written. */
@@ -314,9 +322,9 @@ int zk_debug(const char* trace_filename, const char* interface_name, const char*
  * Returns 0; ZELK_INV_PARAM1, ZELK_INV_PARAM2 null buffer, null format. */
 int zk_format_debug_info(char* output_buffer, const char* debug_info_fmt, va_list varargs) ZELK_PRINTF_LIKE(2, 0);
 
-/* Writes the prepared entry `output_buffer` into the trace file open read-write as `fildes`, locked by the caller and
- * positioned at 0, and updates its control line. Leaves the file positioned at 0 on success.
- * Returns 0; ZELK_INV_PARAM1 bad descriptor; ZELK_INV_PARAM2 null entry; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
+/* Writes the prepared entry `output_buffer` into the trace file open for reading and writing as `fildes`, locked by the
+ * caller and positioned at 0, and updates its control line. Leaves the file positioned at 0 on success.
+ * Returns 0; ZELK_INV_PARAM1 bad descriptor; ZELK_INV_PARAM2 null entry; ZELK_FILE_CORRUPT. */
 int zk_record_debug_info(int fildes, const char* output_buffer);
 
 /* Takes the three numbers of the control line `buf` apart, without checking their ranges: next-write offset, file

@@ -1,5 +1,6 @@
-/* zk_int.h - the command's own routines: opening and walking an Error Stack, decoding and printing its records. One
- * thread. Each takes the trace pair first and returns one of the codes of qx_zelk.h. */
+/* zk_int.h - the command's own routines: opening and walking an Error Stack, decoding and printing its records. For one
+ * thread. Each takes the trace pair first and returns one of the codes of qx_zelk.h. What they print goes through
+ * zk_msg.h. */
 #ifndef ZK_INT_H
 #define ZK_INT_H
 
@@ -29,7 +30,7 @@ typedef struct zk_proc_list {
 
 extern "C" {
 
-/* ---- Opening a stack ----------------------------------------------------------------------------------------- */
+/* ---- Opening a stack: zkopen.cpp ----------------------------------------------------------------------------- */
 
 /* Opens the Error Stack `stack_file`, relative to ZELK_STACK_DIR unless it begins with "/", for reading and locking.
  * `*fildes` is set on success only, to a descriptor that the caller closes.
@@ -43,7 +44,7 @@ int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes,
  * codes of decoding from -12 down. */
 int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes, const char* fid, nl_catd catfd);
 
-/* ---- Walking a stack ----------------------------------------------------------------------------------------- */
+/* ---- Walking a stack: zkwalk.cpp, zkprint.cpp, zklist.cpp ---------------------------------------------------- */
 
 /* Reads and checks the control header and leaves the file at the earliest record; `*stack_version` (not null) and
  * `*hbuf` are set on success only.
@@ -60,7 +61,7 @@ int zk_dump_header(int debug_active, const char* debug_file, int fildes, nl_catd
  * of `fid`, whose brief line is printed. The file is locked (waiting) from its start while it is walked, and positioned
  * at 0 afterwards.
  * Returns 0; ZELK_INV_PARAM3 empty `fid`; ZELK_INV_PARAM4 descriptor below 1; ZELK_LOCK; ZELK_FILE_CORRUPT;
- * ZELK_NO_MEMORY; ZELK_INV_FID nothing found while searching; ZELK_FAILURE. */
+ * ZELK_INV_FID nothing found while searching. */
 int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int all, const char* fid, int searching,
                   int fildes, nl_catd catfd);
 
@@ -80,7 +81,7 @@ int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* 
 int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
                   zk_proc_list_t* proc_list, zk_stack_rec_t** rec_table);
 
-/* ---- Lists of records ---------------------------------------------------------------------------------------- *
+/* ---- Lists of records: zklist.cpp ---------------------------------------------------------------------------- *
  * A `record` starts with its length word; bytes of fixed fields that lie past its end count as zeros. A length outside
  * 1 to 1024 is ZELK_REC_CORRUPT. */
 
@@ -108,7 +109,7 @@ int zk_add_related_rec(int debug_active, const char* debug_file, void* record, z
  * Returns 0; ZELK_INV_PARAM3 null record; ZELK_INV_PARAM4 null table; ZELK_REC_CORRUPT; ZELK_NO_MEMORY. */
 int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table);
 
-/* ---- Decoding a record --------------------------------------------------------------------------------------- *
+/* ---- Decoding a record: zkrecord.cpp, zkprint.cpp ------------------------------------------------------------ *
  * `*buffer` is the cursor, `*remaining_len` the count of unread body bytes, which goes below zero (as a signed
  * number) when fixed fields reach past the record's end. A field that is taken moves both; a failure leaves both
  * alone. The record must be followed by one zero byte; nothing behind that is read. */
@@ -117,7 +118,7 @@ int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record,
  * null or `buflen` above 1024. A `buflen` below zero (as a signed number): 0 when the first byte is NUL, else -1. */
 int zk_obtain_strlen(void* buffer, size_t buflen);
 
-/* Takes a text of at most 1024 bytes into `substring`, zero-filled by the caller, and without a terminator.
+/* Takes a text of at most 1024 bytes into `substring`, zero-filled by the caller: no terminator is written.
  * Returns 0; ZELK_REC_CORRUPT. */
 int zk_get_rec_substring(int debug_active, const char* debug_file, void** buffer, char* substring,
                          size_t* remaining_len);
@@ -143,11 +144,11 @@ int zk_print_description(int debug_active, const char* debug_file, nl_catd catfd
  * column `start`; a line narrower than that leaves it whole. */
 void zk_truncate_description(char* descript, int start);
 
-/* ---- Printing records ---------------------------------------------------------------------------------------- */
+/* ---- Printing records: zkprint.cpp --------------------------------------------------------------------------- */
 
 /* Prints a record as one line. With `fid_to_display` neither null nor empty, only the record of that Error ID.
  * Returns 0; ZELK_INV_FID another record, with `searching` 1 (otherwise that is 0); ZELK_INV_PARAM4 null record;
- * ZELK_INV_RECLEN a length below 1; ZELK_INV_RECVERSN; ZELK_REC_CORRUPT; ZELK_NO_MEMORY; ZELK_FAILURE. */
+ * ZELK_INV_RECLEN a length below 1; ZELK_INV_RECVERSN; ZELK_REC_CORRUPT. */
 int zk_print_brief_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, int searching,
                                 nl_catd catfd, void* record);
 
@@ -155,11 +156,11 @@ int zk_print_brief_stack_record(int debug_active, const char* debug_file, const 
 int zk_print_full_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, nl_catd catfd,
                                void* record);
 
-/* Prints the records process by process. Returns 0; ZELK_INV_PARAM3 bad head; ZELK_FILE_CORRUPT; ZELK_NO_MEMORY. */
+/* Prints the records process by process. Returns 0; ZELK_INV_PARAM3 bad head; ZELK_FILE_CORRUPT. */
 int zk_display_recs_by_proc(int debug_active, const char* debug_file, zk_proc_list_t* proc_list, int all,
                             nl_catd catfd);
 
-/* Prints the records group by group. Returns 0; ZELK_INV_PARAM3 null table; ZELK_FILE_CORRUPT; ZELK_NO_MEMORY. */
+/* Prints the records group by group. Returns 0; ZELK_INV_PARAM3 null table; ZELK_FILE_CORRUPT. */
 int zk_display_recs_by_rel(int debug_active, const char* debug_file, zk_stack_rec_t* rec_table, int all, nl_catd catfd);
 
 } /* extern "C" */

@@ -1,5 +1,4 @@
-/* zk_msg.h - the texts that the command prints: their numbers, the built-in table and the one way to print
- * them. */
+/* zk_msg.h - the texts that the command prints: their numbers, the built-in table and the one way to print them. */
 #ifndef ZK_MSG_H
 #define ZK_MSG_H
 
@@ -75,29 +74,37 @@ extern "C" {
 extern const char* const zk_mesgtbl_zkview_cmd[ZK_MSG_COUNT];
 extern const char zk_badid_zkview_cmd[44];
 
-/* Sets the locale from the environment, copies `catstring` to `dstring` (ZELK_PATH_SIZE bytes) and returns
- * `dstring`. */
+/* Sets the locale from the environment, copies `catstring` to `dstring` (ZELK_PATH_SIZE bytes) and returns `dstring`. */
 char* zk_get_msgcat_name(char* dstring, const char* catstring);
 
 } /* extern "C" */
+
+/* Opens the message catalog `name` for zk_print_message, of which one at a time is in use: by the locale of the
+ * messages or, where that finds none, by LANG. Returns its descriptor, or ZK_NO_CATALOG, which is no error: the built-in
+ * texts are then printed. The texts of this one catalog are taken apart once, not each time they are printed. */
+nl_catd zk_open_catalog(const char* name);
+void zk_close_catalog(nl_catd catfd);
 
 /* Arguments of a message. A null text prints as nothing. */
 cu_error_arg_t zk_msg_arg(int value);
 cu_error_arg_t zk_msg_arg(const char* text);
 
-/* Prints the message `number` on `stream`: the text of the catalog `catfd` when it has one that takes the
- * built-in text's arguments or fewer, else the built-in text. A number that has no text prints
- * zk_badid_zkview_cmd, or what the catalog has under that number. Before anything goes to standard error,
- * standard output is flushed. */
+/* Prints the message `number` on `stream`, standard output or standard error: the text of the catalog `catfd` when it
+ * has one that takes the built-in text's arguments or fewer, else the built-in text. A number that has no text prints
+ * zk_badid_zkview_cmd, or what the catalog has under that number. On a terminal, control characters of text arguments
+ * are shown as "?". Before anything goes to standard error, standard output is flushed; the message then leaves in one
+ * write. */
 void zk_print_message(FILE* stream, nl_catd catfd, int number, std::initializer_list<cu_error_arg_t> args = {});
 
-/* Gathers what is printed on standard output in `block` (fixed, `size` bytes) from here on, and writes it
- * when the block is full or zk_flush_report is called, retrying interrupted and short writes. Without it
- * standard output is written through stdio. */
+/* Prints the message `number` on standard output with a text that the C library made, which a terminal gets as it is. */
+void zk_print_own_text(nl_catd catfd, int number, const char* text);
+
+/* Gathers what is printed on standard output in `block` (fixed, `size` bytes) from here on, and writes it when the
+ * block is full or zk_flush_report is called. Without it each message is written at once. */
 void zk_buffer_report(char* block, size_t size);
 
-/* Writes what has been gathered. Returns 0, or the error number of the first write that failed since the
- * start. */
+/* Writes what has been gathered. Returns 0, or the error number of the first write that failed since the start; what
+ * follows that is dropped. */
 int zk_flush_report();
 
 #endif

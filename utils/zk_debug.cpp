@@ -1,10 +1,11 @@
 /* zk_debug.cpp - the debug trace file. */
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include <ctime>
 
 #include "qx_zelk.h"
+#include "zk_io.h"
 #include "zk_trace.h"
 #include "zk_trace_file.h"
 
@@ -33,30 +35,6 @@ enum {
 
 /* Bytes kept free behind an entry: the recycle marker must fit in the place of the end marker. */
 static constexpr off_t ENTRY_RESERVE = RECYCLE_MARKER_SIZE + 1;
-
-/* A record lock belongs to the process and goes with the first descriptor that is closed, so the threads of a
- * process take turns. They render the time in their turn too: the C library has a lock of its own for the
- * time zone, which a child forked at that moment would find taken for ever. */
-static pthread_mutex_t trace_mutex = PTHREAD_MUTEX_INITIALIZER;
-static pthread_once_t fork_handlers_once = PTHREAD_ONCE_INIT;
-
-static void lock_trace() {
-  pthread_mutex_lock(&trace_mutex);
-}
-
-static void unlock_trace() {
-  pthread_mutex_unlock(&trace_mutex);
-}
-
-/* A child forked while another thread is tracing would find the mutex taken by a thread that it does not
- * have. */
-static void register_fork_handlers() {
-  pthread_atfork(lock_trace, unlock_trace, unlock_trace);
-}
-
-static bool write_whole(int fildes, const char* text, size_t length) {
-  return write(fildes, text, length) == static_cast<ssize_t>(length);
-}
 
 int zk_is_debug_file_set(char* trace_filename) {
   static constexpr zk_errno_result STAT_RESULTS[] = {{ENAMETOOLONG, ZELK_NAME_TOO_LONG},
@@ -85,36 +63,117 @@ int zk_create_debug_file(const char* debug_file) {
   return zk_allocate_file(0, nullptr, debug_file, ZK_TRACE_FILE_SIZE, ZK_TRACE_FILE_SIZE_MIN, nullptr);
 }
 
-/* Prints what stands before the message of an entry and returns its length. */
-static size_t format_entry_header(std::array<char, ENTRY_SIZE>* entry, const char* interface_name) {
-  std::array<char, 32> time_text = {};
+/* ---- Turns ------------------------------------------------------------------------------------------------- *
+ * A record lock belongs to the process and goes with the first descriptor of the file that is closed, so the threads
+ * of a process take turns. The time is rendered within a turn too: the C library has a lock of its own for the time
+ * zone, and a child forked at that moment would find it taken for ever.
+ * During a turn the thread's signals are blocked: a handler that forks would wait for its own thread's turn to end. */
+static pthread_mutex_t trace_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+/* While a thread waits for the file's lock it has the turn, but its signals are open. A handler that forks then leaves
+ * the mutex alone; the entry is the parent's, and the child gives it up. */
+enum { NOT_WAITING, WAITING, FORKED };
+static thread_local volatile sig_atomic_t lock_wait = NOT_WAITING;
+
+static void begin_turn(sigset_t* signals) {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, signals);
+  pthread_mutex_lock(&trace_mutex);
+}
+
+static void end_turn(const sigset_t& signals) {
+  pthread_mutex_unlock(&trace_mutex);
+  pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+}
+
+/* A thread that forks takes a turn for it: the child would find the mutex taken by a thread that it does not have. */
+static sigset_t forking_signals; /* of the thread whose turn it is */
+
+static void before_fork() {
+  if (lock_wait != NOT_WAITING) return;
+  sigset_t signals;
+  begin_turn(&signals);
+  forking_signals = signals;
+}
+
+static void after_fork_in_parent() {
+  if (lock_wait != NOT_WAITING) return;
+  const sigset_t signals = forking_signals;
+  end_turn(signals);
+}
+
+static void after_fork_in_child() {
+  if (lock_wait != NOT_WAITING) lock_wait = FORKED;
+  after_fork_in_parent();
+}
+
+__attribute__((constructor)) static void register_fork_handlers() {
+  pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+}
+
+/* Locks the whole file, however long that takes. It waits with the thread's own mask, `signals`: a signal may end the
+ * wait, or the program. */
+static bool lock_file(int fildes, const sigset_t& signals) {
+  if (lseek(fildes, 0, SEEK_SET) != 0) return false;
+  if (lockf(fildes, F_TLOCK, 0) == 0) return true;
+  if (errno != EACCES && errno != EAGAIN) return false;
+
+  sigset_t all;
+  lock_wait = WAITING;
+  pthread_sigmask(SIG_SETMASK, &signals, &all);
+  bool is_locked = lockf(fildes, F_LOCK, 0) == 0;
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);
+  if (lock_wait == FORKED) is_locked = false;
+  lock_wait = NOT_WAITING;
+  return is_locked;
+}
+
+/* ---- Entries ----------------------------------------------------------------------------------------------- */
+
+/* The text of a time, to be called within a turn. It is kept until the second is over: rendering it costs nearly half a
+ * write. */
+static const char* render_time(time_t seconds) {
+  static std::array<char, 32> text;
+  static time_t rendered;
+  if (text[0] == '\0' || seconds != rendered) {
+    ctime_r(&seconds, text.data());
+    rendered = seconds;
+  }
+  return text.data();
+}
+
+/* Prints an entry with the folded message `lines`; what does not fit is cut off. */
+static void format_entry(std::array<char, ENTRY_SIZE>* entry, const char* interface_name, const char* lines) {
   struct timeval now = {};
   gettimeofday(&now, nullptr);
-  ctime_r(&now.tv_sec, time_text.data());
-  int thread_id = static_cast<int>(static_cast<uint32_t>(pthread_self()));
-  std::snprintf(entry->data(), entry->size(), "%c%s\t%s%s\n\t%s%d %s%d\n", ENTRY_START, time_text.data(),
-                "ZELK Routine: ", interface_name, "Called by PID ", static_cast<int>(getpid()), "Thread ", thread_id);
-  return std::strlen(entry->data());
+  const int thread_id = static_cast<int>(static_cast<uint32_t>(pthread_self()));
+  std::snprintf(entry->data(), entry->size(), "%c%s\tZELK Routine: %s\n\tCalled by PID %d Thread %d\n%s", ENTRY_START,
+                render_time(now.tv_sec), interface_name, static_cast<int>(getpid()), thread_id, lines);
 }
 
 /* Writes an entry into the trace file, under its lock. */
-static int append_entry(const char* trace_filename, const char* entry) {
+static int append_entry(const char* trace_filename, const char* interface_name, const char* lines) {
   static constexpr zk_errno_result OPEN_RESULTS[] = {
       {ENOENT, ZELK_FILE_MISSING}, {EACCES, ZELK_NO_ACCESS},    {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY},
       {EROFS, ZELK_READ_ONLY},     {ENOTDIR, ZELK_DIR_MISSING}, {ELOOP, ZELK_LINK_LOOP}};
-  int fildes = -1;
+  int fildes;
   do {
-    fildes = open(trace_filename, O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK); /* it may name a FIFO */
-  } while (fildes < 0 && errno == EINTR);
-  if (fildes < 0) return zk_result_of_errno(errno, OPEN_RESULTS);
+    fildes = zk_open_regular(trace_filename, O_RDWR);
+  } while (fildes == -1 && errno == EINTR);
+  if (fildes == -1) return zk_result_of_errno(errno, OPEN_RESULTS);
 
+  sigset_t signals;
+  begin_turn(&signals);
+  std::array<char, ENTRY_SIZE> entry;
+  format_entry(&entry, interface_name, lines);
   int result = ZELK_LOCK;
-  if (lseek(fildes, 0, SEEK_SET) == 0 && lockf(fildes, F_LOCK, 0) == 0) {
-    result = zk_record_debug_info(fildes, entry);
-    if (result != ZELK_SUCCESS && result != ZELK_FILE_CORRUPT) result = ZELK_FAILURE;
+  if (lock_file(fildes, signals)) {
+    result = zk_record_debug_info(fildes, entry.data());
     if (lockf(fildes, F_ULOCK, 0) != 0) result = ZELK_UNLOCK;
   }
   close(fildes);
+  end_turn(signals);
   return result;
 }
 
@@ -122,22 +181,20 @@ int zk_debug(const char* trace_filename, const char* interface_name, const char*
   if (trace_filename == nullptr) return ZELK_INV_PARAM1;
   if (interface_name == nullptr) return ZELK_INV_PARAM2;
   if (debug_info_fmt == nullptr) return ZELK_INV_PARAM3;
+  if (lock_wait != NOT_WAITING) return ZELK_LOCK; /* a signal handler: its own thread has the turn */
   const int caller_errno = errno;
+  int cancel_state = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
 
-  std::array<char, FOLDED_SIZE> message = {};
+  std::array<char, FOLDED_SIZE> lines;
+  lines[0] = '\0';
   va_list varargs;
   va_start(varargs, debug_info_fmt);
-  zk_format_debug_info(message.data(), debug_info_fmt, varargs);
+  zk_format_debug_info(lines.data(), debug_info_fmt, varargs);
   va_end(varargs);
+  const int result = append_entry(trace_filename, interface_name, lines.data());
 
-  pthread_once(&fork_handlers_once, register_fork_handlers);
-  lock_trace();
-  std::array<char, ENTRY_SIZE> entry = {};
-  size_t header_length = format_entry_header(&entry, interface_name);
-  size_t room = entry.size() - 1 - header_length;
-  std::memcpy(entry.data() + header_length, message.data(), std::min(std::strlen(message.data()), room));
-  int result = append_entry(trace_filename, entry.data());
-  unlock_trace();
+  pthread_setcancelstate(cancel_state, nullptr);
   errno = caller_errno;
   return result;
 }
@@ -146,12 +203,13 @@ int zk_format_debug_info(char* output_buffer, const char* debug_info_fmt, va_lis
   if (output_buffer == nullptr) return ZELK_INV_PARAM1;
   if (debug_info_fmt == nullptr) return ZELK_INV_PARAM2;
 
-  std::array<char, MESSAGE_SIZE> message = {};
+  std::array<char, MESSAGE_SIZE> message;
+  message[0] = '\0';
   std::vsnprintf(message.data(), message.size() - 1, debug_info_fmt, varargs);
 
   char* end = output_buffer + std::strlen(output_buffer);
   for (const char* text = message.data(); *text != '\0';) {
-    size_t width = std::min(std::strlen(text), size_t{LINE_WIDTH});
+    size_t width = strnlen(text, LINE_WIDTH);
     const void* newline = std::memchr(text, '\n', width + 1);
     if (newline != nullptr) width = static_cast<size_t>(static_cast<const char*>(newline) - text);
     *end++ = '\t';
@@ -166,13 +224,19 @@ int zk_format_debug_info(char* output_buffer, const char* debug_info_fmt, va_lis
 }
 
 /* Closes the lap at `next_write`: the marker, then zeros up to the end of the file. */
-static int recycle_file(int fildes, off_t next_write, off_t file_size) {
-  if (lseek(fildes, next_write, SEEK_SET) < 0) return ZELK_FILE_CORRUPT;
+static bool recycle_file(int fildes, off_t next_write, off_t file_size) {
+  if (lseek(fildes, next_write, SEEK_SET) < 0) return false;
   /* A marker that cannot be written is no reason to stop: the zeros behind it and the entry decide. */
-  [[maybe_unused]] bool marked = write_whole(fildes, RECYCLE_MARKER, RECYCLE_MARKER_SIZE);
-  off_t rest = file_size - next_write - ENTRY_RESERVE;
-  if (rest > 0 && fclear(fildes, rest) < 0) return ZELK_FILE_CORRUPT;
-  return ZELK_SUCCESS;
+  [[maybe_unused]] const ssize_t written = write(fildes, RECYCLE_MARKER, RECYCLE_MARKER_SIZE);
+  const off_t rest = file_size - next_write - ENTRY_RESERVE;
+  return rest <= 0 || fclear(fildes, rest) == rest;
+}
+
+/* Writes the entry and, behind it, the end marker. */
+static bool write_entry(int fildes, const char* entry, size_t length, off_t offset) {
+  const std::array<struct iovec, 2> pieces = {
+      {{const_cast<char*>(entry), length}, {const_cast<char*>(END_MARKER), END_MARKER_SIZE}}};
+  return pwritev(fildes, pieces.data(), pieces.size(), offset) == static_cast<ssize_t>(length + END_MARKER_SIZE);
 }
 
 int zk_record_debug_info(int fildes, const char* output_buffer) {
@@ -180,43 +244,35 @@ int zk_record_debug_info(int fildes, const char* output_buffer) {
   if (output_buffer == nullptr) return ZELK_INV_PARAM2;
 
   zk_control_line_t line = {};
-  if (read(fildes, line.data(), ZK_TRACE_CONTROL_SIZE) != ZK_TRACE_CONTROL_SIZE) return ZELK_FILE_CORRUPT;
   off_t next_write = 0;
   off_t file_size = 0;
   int wraps = 0;
-  int result = zk_get_file_ctrl_info(line.data(), &next_write, &file_size, &wraps);
-  if (result == ZELK_FILE_CORRUPT) return result;
-  if (result != ZELK_SUCCESS) return ZELK_FAILURE;
+  if (read(fildes, line.data(), ZK_TRACE_CONTROL_SIZE) != ZK_TRACE_CONTROL_SIZE) return ZELK_FILE_CORRUPT;
+  if (zk_get_file_ctrl_info(line.data(), &next_write, &file_size, &wraps) != ZELK_SUCCESS) return ZELK_FILE_CORRUPT;
   if (next_write < ZK_TRACE_CONTROL_SIZE) return ZELK_FILE_CORRUPT; /* the entry would overwrite the line */
 
   const size_t length = std::strlen(output_buffer);
   if (file_size <= next_write + static_cast<off_t>(length) + ENTRY_RESERVE) {
-    if (recycle_file(fildes, next_write, file_size) != ZELK_SUCCESS) return ZELK_FILE_CORRUPT;
+    if (!recycle_file(fildes, next_write, file_size)) return ZELK_FILE_CORRUPT;
     next_write = ZK_TRACE_CONTROL_SIZE;
     ++wraps;
   }
-
-  if (lseek(fildes, next_write, SEEK_SET) < 0) return ZELK_FILE_CORRUPT;
-  if (!write_whole(fildes, output_buffer, length)) return ZELK_FILE_CORRUPT;
+  if (!write_entry(fildes, output_buffer, length, next_write)) return ZELK_FILE_CORRUPT;
   next_write += static_cast<off_t>(length);
-  if (!write_whole(fildes, END_MARKER, END_MARKER_SIZE)) return ZELK_FILE_CORRUPT;
-  if (wraps != 0) {
-    result = zk_clear_record_remnant(fildes);
-    if (result == ZELK_FILE_CORRUPT) return result;
-    if (result != ZELK_SUCCESS) return ZELK_FAILURE;
-  }
+  if (wraps != 0 &&
+      (lseek(fildes, next_write + END_MARKER_SIZE, SEEK_SET) < 0 || zk_clear_record_remnant(fildes) != ZELK_SUCCESS))
+    return ZELK_FILE_CORRUPT;
 
-  int line_length = zk_format_control_line(&line, next_write, wraps, file_size);
-  if (lseek(fildes, 0, SEEK_SET) < 0) return ZELK_FILE_CORRUPT;
-  if (write(fildes, line.data(), ZK_TRACE_CONTROL_SIZE) != line_length) return ZELK_FILE_CORRUPT;
-  if (lseek(fildes, 0, SEEK_SET) < 0) return ZELK_FILE_CORRUPT;
-  return ZELK_SUCCESS;
+  const int line_length = zk_format_control_line(&line, next_write, wraps, file_size);
+  if (pwrite(fildes, line.data(), ZK_TRACE_CONTROL_SIZE, 0) != line_length) return ZELK_FILE_CORRUPT;
+  return lseek(fildes, 0, SEEK_SET) == 0 ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
 }
 
-/* The number at `text`, which the next field may follow without a blank. */
+/* The number behind the first "=" of `text`, which the next field may follow without a blank. */
 static int control_number(const char* text) {
-  std::array<char, 16> digits = {};
-  std::memcpy(digits.data(), text, strnlen(text, ZK_TRACE_NUMBER_WIDTH));
+  std::array<char, ZK_TRACE_NUMBER_WIDTH + 1> digits = {};
+  const char* number = std::strchr(text, '=') + 1;
+  std::memcpy(digits.data(), number, strnlen(number, ZK_TRACE_NUMBER_WIDTH));
   return std::atoi(digits.data());
 }
 
@@ -227,25 +283,25 @@ int zk_get_file_ctrl_info(const char* buf, off_t* record_pos, off_t* end_pos, in
   if (wrapped == nullptr) return ZELK_INV_PARAM4;
 
   if (std::strstr(buf, ZK_TRACE_OFFSET_KEY) == nullptr) return ZELK_FILE_CORRUPT;
-  *record_pos = control_number(std::strchr(buf, '=') + 1);
+  *record_pos = control_number(buf); /* not from its key on: the same place in a well-formed line */
   const char* wraps = std::strstr(buf, ZK_TRACE_WRAPS_KEY);
   if (wraps == nullptr) return ZELK_FILE_CORRUPT;
-  *wrapped = control_number(std::strchr(wraps, '=') + 1);
+  *wrapped = control_number(wraps);
   const char* size = std::strstr(buf, ZK_TRACE_SIZE_KEY);
   if (size == nullptr) return ZELK_FILE_CORRUPT;
-  *end_pos = control_number(std::strchr(size, '=') + 1);
+  *end_pos = control_number(size);
   return ZELK_SUCCESS;
 }
 
 int zk_clear_record_remnant(int fildes) {
   if (fildes < 0) return ZELK_INV_PARAM1;
 
-  off_t remnant = lseek(fildes, 0, SEEK_CUR);
+  const off_t remnant = lseek(fildes, 0, SEEK_CUR);
   if (remnant < 0) return ZELK_FILE_CORRUPT;
-  std::array<char, LOOK_AHEAD> ahead = {};
-  ssize_t count = read(fildes, ahead.data(), ahead.size());
+  std::array<char, LOOK_AHEAD> ahead;
+  const ssize_t count = read(fildes, ahead.data(), ahead.size());
   if (count < 0) return ZELK_FILE_CORRUPT;
-  size_t length = strnlen(ahead.data(), static_cast<size_t>(count));
+  const size_t length = strnlen(ahead.data(), static_cast<size_t>(count));
   const void* entry = std::memchr(ahead.data(), ENTRY_START, length);
   if (entry == nullptr) return ZELK_SUCCESS;
 

@@ -14,10 +14,10 @@
 #include "qx_zelk.h"
 #include "zk_trace.h"
 
-/* Looks up the status of `check_file` and, before it, that of its directory. `*in_directory` tells which of
- * the two a failure, -1 with errno set, is about. */
+/* Looks up the status of `check_file`'s directory and then that of `check_file`. On failure it returns -1 with errno
+ * set, and `*in_directory` tells which of the two it was. */
 static int stat_file(const char* check_file, struct stat* status, bool* in_directory) {
-  std::array<char, ZELK_DUMP_NAME_SIZE> path = {};
+  std::array<char, ZELK_DUMP_NAME_SIZE> path;
   *in_directory = true;
   const size_t size = std::strlen(check_file) + 1;
   if (size > path.size()) {
@@ -37,17 +37,19 @@ int zk_test_for_file(int debug_active, const char* debug_file, const char* check
       {EACCES, ZELK_NO_ACCESS}, {ENOTDIR, ZELK_DIR_MISSING}, {ENOENT, ZELK_FILE_MISSING}};
   if (check_file == nullptr || *check_file == '\0') return ZELK_INV_PARAM1;
 
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+
   struct stat status;
   bool in_directory = false;
   if (stat_file(check_file, &status, &in_directory) != 0) {
     const int error = errno;
-    int result = in_directory ? zk_result_of_errno(error, DIRECTORY_RESULTS) : zk_result_of_errno(error, FILE_RESULTS);
-    if (result == ZELK_FAILURE)
-      ZK_TRACE_RC(result,
-                  "Attemping to check status of file %s\nUnexpected failure on stat() call: %d\n"
-                  "Returning %s(%d)\n",
-                  check_file, error);
-    return result;
+    const int result =
+        in_directory ? zk_result_of_errno(error, DIRECTORY_RESULTS) : zk_result_of_errno(error, FILE_RESULTS);
+    if (result != ZELK_FAILURE) return result;
+    return zk_failed(trace, result,
+                     "Attemping to check status of file %s\nUnexpected failure on stat() call: %d\n"
+                     "Returning %s(%d)\n",
+                     check_file, error);
   }
   /* One bit of the file type, which block devices and sockets have as well. */
   return (status.st_mode & S_IFDIR) != 0 ? ZELK_IS_A_DIR : ZELK_SUCCESS;
@@ -62,68 +64,70 @@ int zk_test_for_dir(int debug_active, const char* debug_file, const char* check_
 
 int zk_get_dump_file_name(int debug_active, const char* debug_file, char* dump_file) {
   static constexpr char VARIABLE[] = "ZELKPNAME";
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   const char* command = std::getenv(VARIABLE);
   /* A "/" would lead the copy out of the directory. */
   if (command == nullptr || *command == '\0' || std::strchr(command, '/') != nullptr)
-    ZK_RETURN(ZELK_INV_ENV,
-              "Cannot obtain command name from envionment value %s\nAssuming corrupted ZELK Environment\n"
-              "Returning %s(%d) to the caller",
-              VARIABLE);
+    return zk_failed(trace, ZELK_INV_ENV,
+                     "Cannot obtain command name from envionment value %s\nAssuming corrupted ZELK Environment\n"
+                     "Returning %s(%d) to the caller",
+                     VARIABLE);
 
   struct timeval now = {};
   struct tm local = {};
   gettimeofday(&now, nullptr);
   localtime_r(&now.tv_sec, &local);
-  int length = std::snprintf(dump_file, ZELK_DUMP_NAME_SIZE, "%s/%s.%d.%4d%.2d%.2d.%.2d%.2d%.2d", ZELK_DUMP_DIR,
-                             command, static_cast<int>(getpid()), local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                             local.tm_hour, local.tm_min, local.tm_sec);
-  bool fits = length >= 0 && length < ZELK_DUMP_NAME_SIZE;
+  const int length = std::snprintf(dump_file, ZELK_DUMP_NAME_SIZE, "%s/%s.%d.%4d%.2d%.2d.%.2d%.2d%.2d", ZELK_DUMP_DIR,
+                                   command, static_cast<int>(getpid()), local.tm_year + 1900, local.tm_mon + 1,
+                                   local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  const bool fits = length >= 0 && length < ZELK_DUMP_NAME_SIZE;
 
-  int result = fits ? zk_test_for_file(debug_active, debug_file, dump_file) : int{ZELK_FAILURE};
+  const int result = fits ? zk_test_for_file(debug_active, debug_file, dump_file) : int{ZELK_FAILURE};
   if (result == ZELK_FILE_MISSING) return ZELK_SUCCESS;
   if (result == ZELK_SUCCESS)
-    ZK_RETURN(ZELK_FILE_EXIST, "Dump file \"%s\" already exists, cannot recreated it\nReturning %s(%d) to the caller\n",
-              dump_file);
-  ZK_TRACE("Unexpected failure testing for the file \"%s\"\nRetruning %d to the caller\n", dump_file, result);
+    return zk_failed(trace, ZELK_FILE_EXIST,
+                     "Dump file \"%s\" already exists, cannot recreated it\nReturning %s(%d) to the caller\n",
+                     dump_file);
+  zk_trace(trace, "Unexpected failure testing for the file \"%s\"\nRetruning %d to the caller\n", dump_file, result);
   return result;
 }
 
-/* Writes all of `size` bytes. Returns 0, or -1 with errno set. */
-static int write_all(int fildes, const char* bytes, size_t size) {
+/* Writes all of `size` bytes, and gives up at the first error, EINTR included. Returns false with errno set. */
+static bool write_copy(int fildes, const char* bytes, size_t size) {
   while (size > 0) {
-    ssize_t written = write(fildes, bytes, size);
-    if (written == 0) errno = ENOSPC; /* no progress and no error: it would never end */
-    if (written <= 0) return -1;
-    bytes += written;
-    size -= static_cast<size_t>(written);
+    const ssize_t count = write(fildes, bytes, size);
+    if (count == 0) errno = ENOSPC; /* neither progress nor an error: it would never end */
+    if (count <= 0) return false;
+    bytes += count;
+    size -= static_cast<size_t>(count);
   }
-  return 0;
+  return true;
 }
 
 int zk_copy_file(int debug_active, const char* debug_file, int input_file, int output_file) {
   static constexpr zk_errno_result WRITE_RESULTS[] = {
       {ENOSPC, ZELK_NO_SPACE}, {EFBIG, ZELK_NO_SPACE}, {EDQUOT, ZELK_NO_SPACE}};
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   for (unsigned int iteration = 0;; ++iteration) {
-    std::array<char, 1024> buffer = {};
-    ssize_t count = read(input_file, buffer.data(), buffer.size());
+    std::array<char, 1024> buffer;
+    const ssize_t count = read(input_file, buffer.data(), buffer.size());
     if (count < 0)
-      ZK_RETURN(ZELK_IO_ERROR,
-                "Error reading input from file - Iteration %u - Error Code %d\nReturning %s(%d) to caller\n", iteration,
-                errno);
-    if (count == 0) {
-      close(input_file);
-      close(output_file);
-      ZK_RETURN(ZELK_SUCCESS, "Successfully copied files\nReturning %s(%d) to caller\n");
-    }
-    if (write_all(output_file, buffer.data(), static_cast<size_t>(count)) != 0) {
-      ZK_TRACE("Error copying data - Iteration %u - Error Code %d\n", iteration, errno);
+      return zk_failed(trace, ZELK_IO_ERROR,
+                       "Error reading input from file - Iteration %u - Error Code %d\nReturning %s(%d) to caller\n",
+                       iteration, errno);
+    if (count == 0) break;
+    if (!write_copy(output_file, buffer.data(), static_cast<size_t>(count))) {
+      zk_trace(trace, "Error copying data - Iteration %u - Error Code %d\n", iteration, errno);
       return zk_result_of_errno(errno, WRITE_RESULTS);
     }
   }
+  close(input_file);
+  close(output_file);
+  return zk_succeeded(trace, "Successfully copied files\nReturning %s(%d) to caller\n");
 }
 
-/* Opens a dump file for reading. Returns the descriptor, or -1 with errno set, also for what is not a regular
- * file: a FIFO or a device may never end. */
+/* Opens a dump file for reading. Returns the descriptor, or -1 with errno set, also for anything but a regular file: a
+ * FIFO or a device may never end. */
 static int open_dump(const char* dump_input_file) {
   int fildes = open(dump_input_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fildes < 0) return -1;
@@ -139,8 +143,7 @@ static int open_dump(const char* dump_input_file) {
 }
 
 /* Copies `dump_input_file` into the new file `dump_file`, of which nothing is left on failure. */
-static int copy_dump(int debug_active, const char* debug_file, const char* routine, const char* dump_input_file,
-                     const char* dump_file) {
+static int copy_dump(const zk_trace_t& trace, const char* dump_input_file, const char* dump_file) {
   static constexpr zk_errno_result OUTPUT_RESULTS[] = {{ENOSPC, ZELK_NO_SPACE},
                                                        {EROFS, ZELK_READ_ONLY},
                                                        {ENFILE, ZELK_TOO_MANY},
@@ -150,18 +153,18 @@ static int copy_dump(int debug_active, const char* debug_file, const char* routi
       {ENOSPC, ZELK_NO_SPACE}, {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}, {EDQUOT, ZELK_TOO_MANY}};
   int output_file = open(dump_file, O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
   if (output_file < 0) {
-    ZK_TRACE_AS(routine, "Cannot open output file \"%s\"\nError code %d\n", dump_file, errno);
+    zk_trace(trace, "Cannot open output file \"%s\"\nError code %d\n", dump_file, errno);
     return zk_result_of_errno(errno, OUTPUT_RESULTS);
   }
 
   int result = ZELK_FAILURE;
   int input_file = open_dump(dump_input_file);
   if (input_file < 0) {
-    ZK_TRACE_AS(routine, "Cannot open input file \"%s\"\nError code %d\n", dump_input_file, errno);
+    zk_trace(trace, "Cannot open input file \"%s\"\nError code %d\n", dump_input_file, errno);
     result = zk_result_of_errno(errno, INPUT_RESULTS);
   } else {
-    ZK_TRACE_AS(routine, "Copying File \"%s\" to file \"%s\"\n", dump_input_file, dump_file);
-    result = zk_copy_file(debug_active, debug_file, input_file, output_file);
+    zk_trace(trace, "Copying File \"%s\" to file \"%s\"\n", dump_input_file, dump_file);
+    result = zk_copy_file(trace.active, trace.file, input_file, output_file);
     if (result == ZELK_SUCCESS) return result; /* both are closed */
     close(input_file);
   }
@@ -177,40 +180,38 @@ static void store_name(char* dump_output_file, const char* name) {
 
 int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char* dump_input_file,
                            char* dump_output_file) {
-  static constexpr char ROUTINE[] = "zk_copy_dump_file"; /* the name in traces */
-  if (dump_input_file == nullptr || *dump_input_file == '\0') {
-    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM3,
-                 "Called with invalid dump file input name\nReturning %s(%d) to the caller\n");
-  }
-  if (dump_output_file == nullptr) {
-    ZK_RETURN_AS(ROUTINE, ZELK_INV_PARAM4,
-                 "Called with invalid pointer for dump output file name\nReturingin %s(%d) to caller\n");
-  }
+  const zk_trace_t trace = {debug_active, debug_file, "zk_copy_dump_file"}; /* the name that its traces have */
+  if (dump_input_file == nullptr || *dump_input_file == '\0')
+    return zk_failed(trace, ZELK_INV_PARAM3,
+                     "Called with invalid dump file input name\nReturning %s(%d) to the caller\n");
+  if (dump_output_file == nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM4,
+                     "Called with invalid pointer for dump output file name\nReturingin %s(%d) to caller\n");
 
   int result = zk_test_for_file(debug_active, debug_file, dump_input_file);
   if (result != ZELK_SUCCESS) {
-    ZK_TRACE_AS(ROUTINE,
-                "Existence of file \"%s\" cannot be verified\nzk_test_for_file returned %d\n"
-                "Passing same return code to caller\n",
-                dump_input_file, result);
+    zk_trace(trace,
+             "Existence of file \"%s\" cannot be verified\nzk_test_for_file returned %d\n"
+             "Passing same return code to caller\n",
+             dump_input_file, result);
     return result;
   }
 
-  std::array<char, ZELK_DUMP_NAME_SIZE> dump_file = {};
+  std::array<char, ZELK_DUMP_NAME_SIZE> dump_file;
   result = zk_test_for_dir(debug_active, debug_file, ZELK_DUMP_DIR);
   if (result != ZELK_SUCCESS)
-    ZK_TRACE_AS(ROUTINE, "Existence of dump directory \"%s\" cannot be verified\nzk_test_for_dir returned %d\n",
-                dump_input_file, result);
+    zk_trace(trace, "Existence of dump directory \"%s\" cannot be verified\nzk_test_for_dir returned %d\n",
+             dump_input_file, result);
   else
     result = zk_get_dump_file_name(debug_active, debug_file, dump_file.data());
-  if (result == ZELK_SUCCESS) result = copy_dump(debug_active, debug_file, ROUTINE, dump_input_file, dump_file.data());
+  if (result == ZELK_SUCCESS) result = copy_dump(trace, dump_input_file, dump_file.data());
   if (result != ZELK_SUCCESS) {
     store_name(dump_output_file, dump_input_file);
     return result;
   }
 
-  ZK_TRACE_RC_AS(ROUTINE, result, "File \"%s\" successfully copied to \"%s\"\nReturning %s(%d) to the caller\n",
-                 dump_input_file, dump_file.data());
+  zk_trace(trace, "File \"%s\" successfully copied to \"%s\"\nReturning %s(%d) to the caller\n", dump_input_file,
+           dump_file.data(), zk_result_name(result), result);
   store_name(dump_output_file, dump_file.data());
   return result;
 }

@@ -1,11 +1,9 @@
-/* zk_eid_fields.cpp - the fields of an Error ID, each with a "get" routine from the value to the field's text
- * and a "conv" routine back. A field is built, and taken, in a buffer of its own: a trace never reads past
- * its width. */
+/* zk_eid_fields.cpp - the fields of an Error ID, each with a "get" routine from the value to the field's text and a
+ * "conv" routine back. */
 #include <dirent.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -13,8 +11,6 @@
 #include "qx_zelk.h"
 #include "zk_eid_layout.h"
 #include "zk_trace.h"
-
-constexpr size_t ENTRY_POS = 1; /* of the entry in an Error ID */
 
 /* The header digit is version bits and location bits. */
 constexpr int VERSION_MAX = 2;
@@ -26,17 +22,12 @@ constexpr unsigned int LOCATION_BITS = 7;
 constexpr uint64_t INODE_MASK = 0xFFFFFFFFF; /* the 36 bits that an entry can carry */
 constexpr uint64_t MICROSECONDS_MAX = 999999;
 
-/* Writes the digits of `value`, padded to `width` characters, without a terminator. */
-static int put_number(uint64_t value, char* field, size_t width) {
-  std::array<char, DIGITS_SIZE> digits = {};
-  const int result = zk_l64a_r(value, digits.data(), DIGITS_SIZE);
-  const size_t count = std::min(std::strlen(digits.data()), width);
-  std::memcpy(field, digits.data(), count);
-  std::memset(field + count, ZERO_DIGIT, width - count);
-  return result;
+void zk_write_time(const struct timeval& time, char* field) {
+  zk_write_digits(static_cast<uint64_t>(time.tv_sec), field, SECONDS_WIDTH);
+  zk_write_digits(static_cast<uint64_t>(time.tv_usec), field + SECONDS_WIDTH, MICROSECONDS_WIDTH);
 }
 
-/* The first `WIDTH` characters of `text`, or fewer when it ends before, as a text of their own. */
+/* The first `WIDTH` characters of `text`, fewer when it ends before, as a text of their own. */
 template <size_t WIDTH>
 static std::array<char, WIDTH + 1> take_field(const char* text) {
   std::array<char, WIDTH + 1> field = {};
@@ -47,120 +38,108 @@ static std::array<char, WIDTH + 1> take_field(const char* text) {
 /* ---- Header -------------------------------------------------------------------------------------------- */
 
 int zk_get_base_64_hdr(int debug_active, const char* debug_file, int version_id, int location_mask, char* hdr64rep) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (version_id < 1 || version_id > VERSION_MAX)
-    ZK_RETURN(ZELK_INV_PARAM3,
-              "Called with an invalid ZELK source code version of %d\nHighest supported version %d\n"
-              "Returning %s(%d) to the caller",
-              version_id, VERSION_MAX);
+    return zk_failed(trace, ZELK_INV_PARAM3,
+                     "Called with an invalid ZELK source code version of %d\nHighest supported version %d\n"
+                     "Returning %s(%d) to the caller",
+                     version_id, VERSION_MAX);
   if (location_mask < ZELK_LOCATION_TEMPLATE || location_mask > ZELK_LOCATION_SYSLOG)
-    ZK_RETURN(ZELK_INV_PARAM4,
-              "Called with an invalid location mask of 0x%x\nHighest supported 0x%x\n"
-              "Returning %s(%d) to the caller\n",
-              static_cast<unsigned int>(location_mask), static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
+    return zk_failed(trace, ZELK_INV_PARAM4,
+                     "Called with an invalid location mask of 0x%x\nHighest supported 0x%x\n"
+                     "Returning %s(%d) to the caller\n",
+                     static_cast<unsigned int>(location_mask), static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
   if (hdr64rep == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM5, "Called with a NULL pointer for hdr64rep\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM5, "Called with a NULL pointer for hdr64rep\nReturning %s(%d) to caller\n");
 
   const unsigned int version = version_id == 1 ? VERSION_ONE_BITS : VERSION_TWO_BITS;
   const unsigned int location = static_cast<unsigned int>(location_mask);
   const unsigned int code = version | location;
-
-  std::array<char, DIGITS_SIZE> digits = {};
-  zk_l64a_r(code, digits.data(), DIGITS_SIZE);
-  if (digits[0] == '\0') {
-    digits[0] = ZERO_DIGIT;
-    hdr64rep[0] = ZERO_DIGIT;
-  } else {
-    std::memcpy(hdr64rep, digits.data(), 2);
-  }
-  ZK_RETURN(ZELK_SUCCESS,
-            "Combined version code 0x%x and location 0x%x into header code 0x%x\nBase-64 equiv: %s\n"
-            "Returning %s(%d) to the caller\n",
-            version, location, code, digits.data());
+  const std::array<char, 2> digit = {base64_table[code], '\0'};
+  std::memcpy(hdr64rep, digit.data(), code == 0 ? 1 : 2); /* the digit 0 comes without a terminator */
+  return zk_succeeded(trace,
+                      "Combined version code 0x%x and location 0x%x into header code 0x%x\nBase-64 equiv: %s\n"
+                      "Returning %s(%d) to the caller\n",
+                      version, location, code, digit.data());
 }
 
 int zk_conv_base_64_hdr(int debug_active, const char* debug_file, const char* hdr64rep, int* version_id,
                         int* location_mask) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (hdr64rep == nullptr || hdr64rep[0] == '\0')
-    ZK_RETURN(ZELK_INV_PARAM3, "Called with a NULL value for hdr64rep\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL value for hdr64rep\nReturning %s(%d) to caller\n");
   if (version_id == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4, "Called with a NULL value for version_id\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL value for version_id\nReturning %s(%d) to caller\n");
   if (location_mask == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM5, "Called with a NULL value for location_mask\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM5,
+                     "Called with a NULL value for location_mask\nReturning %s(%d) to caller\n");
 
   const uint64_t value = zk_a64l(hdr64rep);
   const unsigned int code = static_cast<unsigned int>(value);
   if (value > (VERSION_BITS | LOCATION_BITS))
-    ZK_RETURN(ZELK_UNSUPPORTED,
-              "Header code %s converted to value 0x%x, outside of supported range\n"
-              "Returning %s(%d) to the caller\n",
-              hdr64rep, code);
+    return zk_failed(trace, ZELK_UNSUPPORTED,
+                     "Header code %s converted to value 0x%x, outside of supported range\n"
+                     "Returning %s(%d) to the caller\n",
+                     hdr64rep, code);
 
   const unsigned int version = code & VERSION_BITS;
   if (version != VERSION_ONE_BITS && version != VERSION_TWO_BITS)
-    ZK_RETURN(ZELK_UNSUPPORTED, "Unsupported ZELK Version 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)",
-              version, VERSION_TWO_BITS);
+    return zk_failed(trace, ZELK_UNSUPPORTED,
+                     "Unsupported ZELK Version 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)", version,
+                     VERSION_TWO_BITS);
   *version_id = version == VERSION_ONE_BITS ? 1 : 2;
 
   const unsigned int location = code & LOCATION_BITS;
   if (location > ZELK_LOCATION_SYSLOG)
-    ZK_RETURN(ZELK_UNSUPPORTED, "Unsupported record location 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)",
-              location, static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
+    return zk_failed(trace, ZELK_UNSUPPORTED,
+                     "Unsupported record location 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)", location,
+                     static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
   *location_mask = static_cast<int>(location);
 
-  ZK_RETURN(ZELK_SUCCESS,
-            "Header code %s translated into version %d and location 0x%x\nReturning %s(%d) to the caller\n", hdr64rep,
-            *version_id, location);
+  return zk_succeeded(trace,
+                      "Header code %s translated into version %d and location 0x%x\nReturning %s(%d) to the caller\n",
+                      hdr64rep, *version_id, location);
 }
 
 /* ---- I-node of an Error Stack -------------------------------------------------------------------------- */
 
-static constexpr std::array<zk_errno_result, 3> STAT_RESULTS = {{
-    {EACCES, ZELK_NO_ACCESS},
-    {ENOENT, ZELK_FILE_MISSING},
-    {ENOTDIR, ZELK_DIR_MISSING},
-}};
-
-static constexpr std::array<zk_errno_result, 3> OPENDIR_RESULTS = {{
-    {EACCES, ZELK_DIR_NO_ACCESS},
-    {ENOENT, ZELK_DIR_MISSING},
-    {ENOTDIR, ZELK_DIR_MISSING},
-}};
-
 int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* filename, char* inode64rep) {
+  static constexpr zk_errno_result STAT_RESULTS[] = {
+      {EACCES, ZELK_NO_ACCESS}, {ENOENT, ZELK_FILE_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (filename == nullptr || filename[0] == '\0')
-    ZK_RETURN(ZELK_INV_PARAM3, "Called with a NULL string for a file name\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL string for a file name\nReturning %s(%d) to caller\n");
   if (inode64rep == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4, "Called with a NULL pointer for inode64rep\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL pointer for inode64rep\nReturning %s(%d) to caller\n");
 
   struct stat status;
   if (stat(filename, &status) != 0) {
     const int error = errno;
-    ZK_TRACE("Error trying to get status of file %s\nErrno is %d\n", filename, error);
+    zk_trace(trace, "Error trying to get status of file %s\nErrno is %d\n", filename, error);
     return zk_result_of_errno(error, STAT_RESULTS);
   }
 
-  const uint64_t inode = status.st_ino;
-  std::array<char, ENTRY_WIDTH + 1> field = {};
-  if (put_number(inode, field.data(), ENTRY_WIDTH) != 0)
-    ZK_RETURN(ZELK_FAILURE, "Cannot convert inode number %llu to base-64\nReturning %s(%d) to the caller\n",
-              static_cast<unsigned long long>(inode));
-  std::memcpy(inode64rep, field.data(), ENTRY_WIDTH);
-  ZK_RETURN(ZELK_SUCCESS, "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n",
-            filename, static_cast<int>(inode), field.data());
+  zk_write_digits(status.st_ino, inode64rep, ENTRY_WIDTH);
+  return zk_succeeded(trace, "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n",
+                      filename, static_cast<int>(status.st_ino), take_field<ENTRY_WIDTH>(inode64rep).data());
 }
 
 int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory, const char* inode64rep,
                           char* filename_list, int filelist_limit) {
+  static constexpr zk_errno_result OPENDIR_RESULTS[] = {
+      {EACCES, ZELK_DIR_NO_ACCESS}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (directory == nullptr || directory[0] == '\0')
-    ZK_RETURN(ZELK_INV_PARAM3,
-              "Called with a NULL value for directory - cannot locate file without it\n"
-              "Returning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3,
+                     "Called with a NULL value for directory - cannot locate file without it\n"
+                     "Returning %s(%d) to caller\n");
   if (inode64rep == nullptr || inode64rep[0] == '\0')
-    ZK_RETURN(ZELK_INV_PARAM4,
-              "Called with a NULL value for inode64rep - cannot convert to file name\n"
-              "Returning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM4,
+                     "Called with a NULL value for inode64rep - cannot convert to file name\n"
+                     "Returning %s(%d) to caller\n");
   if (filename_list == nullptr || filelist_limit <= 0)
-    ZK_RETURN(ZELK_INV_PARAM5, "Called with a NULL pointer for file name list\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM5,
+                     "Called with a NULL pointer for file name list\nReturning %s(%d) to caller\n");
 
   const std::array<char, ENTRY_WIDTH + 1> field = take_field<ENTRY_WIDTH>(inode64rep);
   const uint64_t wanted = zk_a64l(field.data());
@@ -168,7 +147,7 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
   DIR* entries = opendir(directory);
   if (entries == nullptr) {
     const int error = errno;
-    ZK_TRACE("Unable to open the directory %s - errno is %d\n", directory, error);
+    zk_trace(trace, "Unable to open the directory %s - errno is %d\n", directory, error);
     return zk_result_of_errno(error, OPENDIR_RESULTS);
   }
   int matches = 0;
@@ -182,133 +161,135 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
   closedir(entries);
 
   if (matches == 0)
-    ZK_RETURN(ZELK_FILE_MISSING,
-              "Cannot locate the base-64 i-node %s (decimal %d) in directory %s\n"
-              "Returning %s(%d) to the caller\n",
-              field.data(), static_cast<int>(wanted), directory);
-  ZK_RETURN(ZELK_SUCCESS,
-            "%d matches to base-64 i-node %s (decimal %d) found in directory %s\nFirst match: %s\n"
-            "Returning %s(%d) to the caller\n",
-            matches, field.data(), static_cast<int>(wanted), directory, filename_list);
+    return zk_failed(trace, ZELK_FILE_MISSING,
+                     "Cannot locate the base-64 i-node %s (decimal %d) in directory %s\n"
+                     "Returning %s(%d) to the caller\n",
+                     field.data(), static_cast<int>(wanted), directory);
+  return zk_succeeded(trace,
+                      "%d matches to base-64 i-node %s (decimal %d) found in directory %s\nFirst match: %s\n"
+                      "Returning %s(%d) to the caller\n",
+                      matches, field.data(), static_cast<int>(wanted), directory, filename_list);
 }
 
 /* ---- Error template label ------------------------------------------------------------------------------ */
 
 int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int template_id, char* templ64rep) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (templ64rep == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
 
-  std::array<char, ENTRY_WIDTH + 1> field = {};
-  if (put_number(template_id, field.data(), ENTRY_WIDTH) != 0)
-    ZK_RETURN(ZELK_FAILURE, "Cannot convert template ID %d to base-64\nReturning %s(%d) to the caller\n",
-              static_cast<int>(template_id));
-  std::memcpy(templ64rep, field.data(), ENTRY_WIDTH);
-  ZK_RETURN(ZELK_SUCCESS, "Converted template ID %d to base-64 value of %s\nReturning %s(%d) to the caller\n",
-            static_cast<int>(template_id), field.data());
+  zk_write_digits(template_id, templ64rep, ENTRY_WIDTH);
+  return zk_succeeded(trace, "Converted template ID %d to base-64 value of %s\nReturning %s(%d) to the caller\n",
+                      static_cast<int>(template_id), take_field<ENTRY_WIDTH>(templ64rep).data());
 }
 
 int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep, unsigned int* template_id) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (templ64rep == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM3, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
   if (template_id == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4,
-              "Asked to translate a template ID of %d, which seems invalid\nReturning %s(%d) to the caller",
-              static_cast<int>(zk_trace_pointer(template_id)));
+    return zk_failed(trace, ZELK_INV_PARAM4,
+                     "Asked to translate a template ID of %d, which seems invalid\nReturning %s(%d) to the caller",
+                     static_cast<int>(zk_trace_pointer(template_id)));
 
   const std::array<char, ENTRY_WIDTH + 1> field = take_field<ENTRY_WIDTH>(templ64rep);
   *template_id = static_cast<unsigned int>(zk_a64l(field.data()));
   if (*template_id == 0)
-    ZK_RETURN(ZELK_FAILURE,
-              "Cannot convert base-64 valueof %s to a valid template ID value\n"
-              "Returning %s(%d) to caller\n",
-              field.data());
-  ZK_RETURN(ZELK_SUCCESS, "Converted template base-64 value of %s to %d\nReturning %s(%d) to the caller\n",
-            field.data(), static_cast<int>(*template_id));
+    return zk_failed(trace, ZELK_FAILURE,
+                     "Cannot convert base-64 valueof %s to a valid template ID value\n"
+                     "Returning %s(%d) to caller\n",
+                     field.data());
+  return zk_succeeded(trace, "Converted template base-64 value of %s to %d\nReturning %s(%d) to the caller\n",
+                      field.data(), static_cast<int>(*template_id));
 }
 
 /* ---- Syslog selector ----------------------------------------------------------------------------------- */
 
 int zk_get_base_64_selector(int debug_active, const char* debug_file, int facility, int priority, char* sel64rep) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (facility < 0 || facility > FACILITY_MAX)
-    ZK_RETURN(ZELK_INV_PARAM3, "facility %d invalid - returning %s(%d)\n", LOG_FAC(facility));
+    return zk_failed(trace, ZELK_INV_PARAM3, "facility %d invalid - returning %s(%d)\n", LOG_FAC(facility));
   if (priority < 0 || priority > PRIORITY_MAX)
-    ZK_RETURN(ZELK_INV_PARAM4, "priority value %d invalid - returning %s(%d)\n", priority);
+    return zk_failed(trace, ZELK_INV_PARAM4, "priority value %d invalid - returning %s(%d)\n", priority);
   if (sel64rep == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM5, "sel64rep pointer 0x%x invalid - returning %s(%d)\n", zk_trace_pointer(sel64rep));
+    return zk_failed(trace, ZELK_INV_PARAM5, "sel64rep pointer 0x%x invalid - returning %s(%d)\n",
+                     zk_trace_pointer(sel64rep));
 
   /* Both are written as one more than they are, so that neither digit is the padding. */
-  std::array<char, ENTRY_WIDTH + 1> field = {};
-  put_number(static_cast<uint64_t>(LOG_FAC(facility)) + 1, field.data(), 1);
-  put_number(static_cast<uint64_t>(priority) + 1, field.data() + 1, ENTRY_WIDTH - 1);
-  std::memcpy(sel64rep, field.data(), ENTRY_WIDTH);
-  ZK_RETURN(ZELK_SUCCESS, "Facility %d and priority %d translated to code \"%s\" - returning %s(%d)", LOG_FAC(facility),
-            priority, field.data());
+  zk_write_digits(static_cast<uint64_t>(LOG_FAC(facility)) + 1, sel64rep, 1);
+  zk_write_digits(static_cast<uint64_t>(priority) + 1, sel64rep + 1, ENTRY_WIDTH - 1);
+  return zk_succeeded(trace, "Facility %d and priority %d translated to code \"%s\" - returning %s(%d)",
+                      LOG_FAC(facility), priority, take_field<ENTRY_WIDTH>(sel64rep).data());
 }
 
 int zk_conv_base_64_selector(int debug_active, const char* debug_file, const char* sel64rep, int* facility,
                              int* priority) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (sel64rep == nullptr || sel64rep[0] == '\0')
-    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" at location 0x%x appears invalid - returning %s(%d)",
-              zk_trace_text(sel64rep), zk_trace_pointer(sel64rep));
+    return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" at location 0x%x appears invalid - returning %s(%d)",
+                     zk_trace_text(sel64rep), zk_trace_pointer(sel64rep));
   if (facility == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4, "Facility pointer 0x%x invalid - returning %s(%d)", zk_trace_pointer(facility));
+    return zk_failed(trace, ZELK_INV_PARAM4, "Facility pointer 0x%x invalid - returning %s(%d)",
+                     zk_trace_pointer(facility));
   if (priority == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM5, "Priority pointer 0x%x invalid - returning %s(%d)", zk_trace_pointer(priority));
+    return zk_failed(trace, ZELK_INV_PARAM5, "Priority pointer 0x%x invalid - returning %s(%d)",
+                     zk_trace_pointer(priority));
 
   const std::array<char, ENTRY_WIDTH + 1> field = take_field<ENTRY_WIDTH>(sel64rep);
   if (field[0] == ZERO_DIGIT || field[1] == ZERO_DIGIT || std::strcmp(field.data() + 2, "....") != 0)
-    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" invalid - returning %s(%d)", field.data());
+    return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" invalid - returning %s(%d)", field.data());
 
   const std::array<char, 2> facility_digit = take_field<1>(field.data());
   const int facility_number = static_cast<int>(zk_a64l(facility_digit.data())) - 1;
   if (facility_number < 0 || facility_number > LOG_FAC(FACILITY_MAX))
-    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid facility value %d - returning %s(%d)", field.data(),
-              facility_number);
+    return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid facility value %d - returning %s(%d)",
+                     field.data(), facility_number);
   const int priority_number = static_cast<int>(zk_a64l(field.data() + 1)) - 1;
   if (priority_number < 0 || priority_number > PRIORITY_MAX)
-    ZK_RETURN(ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid priority value %d - returning %s(%d)", field.data(),
-              priority_number);
+    return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid priority value %d - returning %s(%d)",
+                     field.data(), priority_number);
 
   *facility = facility_number * 8;
   *priority = priority_number;
-  ZK_RETURN(ZELK_SUCCESS, "Selector \"%s\" yielded:\n\tFacility %d\tPriority %d\nReturning %s(%d)", field.data(),
-            facility_number, priority_number);
+  return zk_succeeded(trace, "Selector \"%s\" yielded:\n\tFacility %d\tPriority %d\nReturning %s(%d)", field.data(),
+                      facility_number, priority_number);
 }
 
 void zk_selector_substr(const char* fid, char* selector) {
-  const size_t length = strnlen(fid, ENTRY_POS + ENTRY_WIDTH);
-  if (selector != nullptr && length > ENTRY_POS) std::memcpy(selector, fid + ENTRY_POS, length - ENTRY_POS);
+  constexpr size_t START = offsetof(zk_eid_parts_t, entry);
+  if (selector != nullptr && fid[0] != '\0') std::memcpy(selector, fid + START, strnlen(fid + START, ENTRY_WIDTH));
 }
 
 /* ---- Time stamp ---------------------------------------------------------------------------------------- */
 
 int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep, long* seconds) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (tod64rep == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM3, "Called with a NULL parameter for tod64rep\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL parameter for tod64rep\nReturning %s(%d) to caller\n");
   if (seconds == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4, "Called with a NULL parameter for seconds\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL parameter for seconds\nReturning %s(%d) to caller\n");
 
   struct timeval now = {};
   if (gettimeofday(&now, nullptr) != 0)
-    ZK_RETURN(ZELK_FAILURE, "Cannot obtain current time of day - returning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_FAILURE, "Cannot obtain current time of day - returning %s(%d) to caller\n");
 
-  std::array<char, TIME_WIDTH + 1> field = {};
-  if (put_number(static_cast<uint64_t>(now.tv_sec), field.data(), SECONDS_WIDTH) != 0)
-    ZK_RETURN(ZELK_FAILURE, "Cannot convert time of day value - returning %s(%d) to caller\n");
-  put_number(static_cast<uint64_t>(now.tv_usec), field.data() + SECONDS_WIDTH, MICROSECONDS_WIDTH);
-  std::memcpy(tod64rep, field.data(), TIME_WIDTH);
+  zk_write_time(now, tod64rep);
   *seconds = static_cast<long>(now.tv_sec);
-  ZK_RETURN(ZELK_SUCCESS,
-            "Time of day value %d secs %d usecs converted to base-64 rep of %s\n"
-            "Returning %s(%d) to caller\n",
-            static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec), field.data());
+  return zk_succeeded(trace,
+                      "Time of day value %d secs %d usecs converted to base-64 rep of %s\n"
+                      "Returning %s(%d) to caller\n",
+                      static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec),
+                      take_field<TIME_WIDTH>(tod64rep).data());
 }
 
 int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep, struct timeval* tbuf) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (tod64rep == nullptr || tod64rep[0] == '\0')
-    ZK_RETURN(ZELK_INV_PARAM3, "Called with a NULL string for a base-64 TOD\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3,
+                     "Called with a NULL string for a base-64 TOD\nReturning %s(%d) to caller\n");
   if (tbuf == nullptr)
-    ZK_RETURN(ZELK_INV_PARAM4, "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
+    return zk_failed(trace, ZELK_INV_PARAM4,
+                     "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
 
   const std::array<char, TIME_WIDTH + 1> field = take_field<TIME_WIDTH>(tod64rep);
   const auto seconds_field = take_field<SECONDS_WIDTH>(field.data());
@@ -317,21 +298,21 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
   const uint64_t seconds = zk_a64l(seconds_field.data());
   if (seconds == 0) {
     *tbuf = {};
-    ZK_RETURN(ZELK_INV_FID,
-              "Secs %s translated to %d - assuming an invalid time rep provided\n"
-              "Returning %s(%d) to caller\n",
-              seconds_field.data(), static_cast<int>(seconds));
+    return zk_failed(trace, ZELK_INV_FID,
+                     "Secs %s translated to %d - assuming an invalid time rep provided\n"
+                     "Returning %s(%d) to caller\n",
+                     seconds_field.data(), static_cast<int>(seconds));
   }
   const uint64_t microseconds = zk_a64l(microseconds_field.data());
   if (microseconds > MICROSECONDS_MAX) {
     *tbuf = {};
-    ZK_RETURN(ZELK_INV_FID,
-              "Usecs %s translated to %d - assuming an invalid time rep provided\n"
-              "Returning %s(%d) to caller\n",
-              microseconds_field.data(), static_cast<int>(microseconds));
+    return zk_failed(trace, ZELK_INV_FID,
+                     "Usecs %s translated to %d - assuming an invalid time rep provided\n"
+                     "Returning %s(%d) to caller\n",
+                     microseconds_field.data(), static_cast<int>(microseconds));
   }
   tbuf->tv_sec = static_cast<time_t>(seconds);
   tbuf->tv_usec = static_cast<suseconds_t>(microseconds);
-  ZK_RETURN(ZELK_SUCCESS, "Time base-64 rep of %s converted to %d secs %d usecs\nReturning %s(%d) to caller\n",
-            field.data(), static_cast<int>(seconds), static_cast<int>(microseconds));
+  return zk_succeeded(trace, "Time base-64 rep of %s converted to %d secs %d usecs\nReturning %s(%d) to caller\n",
+                      field.data(), static_cast<int>(seconds), static_cast<int>(microseconds));
 }

@@ -1,28 +1,56 @@
-/* zk_eid_layout.h - facts about an Error ID that its field codecs, its decoding and generation, and the node
- * addresses share. qx_zelk.h shows the layout as a whole. */
+/* zk_eid_layout.h - how the 42 characters of an Error ID lie, for those that take one apart or put one together.
+ * qx_zelk.h says what they mean. */
 #ifndef ZK_EID_LAYOUT_H
 #define ZK_EID_LAYOUT_H
 
+#include <sys/time.h>
 #include <syslog.h>
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 
-/* Widths of the fields in characters. */
+#include "qx_zelk.h"
+
+/* Widths in characters. */
 inline constexpr size_t ENTRY_WIDTH = 6;
 inline constexpr size_t SECONDS_WIDTH = 6;
 inline constexpr size_t MICROSECONDS_WIDTH = 4;
 inline constexpr size_t TIME_WIDTH = SECONDS_WIDTH + MICROSECONDS_WIDTH;
+inline constexpr size_t ADDR_CODE_WIDTH = ZELK_ADDR_CODE_SIZE - 1;
+inline constexpr size_t ADDR_WIDTH = ADDR_CODE_WIDTH + 1; /* the code, then its type: as in ZELKADDR */
 
 inline constexpr char ZERO_DIGIT = '.'; /* pads every field */
-inline constexpr int DIGITS_SIZE = 8;   /* room for the digits of any number */
 
 /* Address types. */
 inline constexpr char IPV4_TYPE = '.';
 inline constexpr char IPV6_TYPE = '/';
-inline constexpr size_t ADDR_WORDS = 4; /* 32-bit words of an address; IPv4 has one, the rest is 0 */
+
+/* An address in network byte order. IPv4 has one word, the others are 0. */
+inline constexpr size_t ADDR_WORDS = 4;
+using addr_words = std::array<uint32_t, ADDR_WORDS>;
 
 /* Facilities are in their shifted form, as syslog has them. */
 inline constexpr int FACILITY_MAX = LOG_LOCAL7;
 inline constexpr int PRIORITY_MAX = LOG_DEBUG;
+
+/* The parts of an Error ID where they lie in it; none has a terminator. */
+struct zk_eid_parts_t {
+  char header;
+  char entry[ENTRY_WIDTH];
+  char time[TIME_WIDTH];
+  char address[ADDR_WIDTH];
+};
+static_assert(sizeof(zk_eid_parts_t) == ZELK_EID_LENGTH);
+
+/* Writes `width` digits of `value`, least significant first, without a terminator: a small value is padded, of a large
+ * one the low 6 * `width` bits remain. */
+void zk_write_digits(uint64_t value, char* field, size_t width);
+
+/* Writes the TIME_WIDTH characters of a time stamp, without a terminator. */
+void zk_write_time(const struct timeval& time, char* field);
+
+/* Puts the parts together: ZELK_EID_SIZE bytes at `zelkid`. */
+void zk_join_eid(const zk_eid_parts_t& parts, char* zelkid);
 
 #endif

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "qx_zelk.h"
+#include "zk_io.h"
 #include "zk_trace.h"
 #include "zk_trace_file.h"
 
@@ -33,17 +34,14 @@ off_t fclear(int fildes, off_t offset) {
 
   static constexpr std::array<char, 1024> ZEROS = {};
   for (off_t left = offset; left > 0;) {
-    ssize_t written =
-        write(fildes, ZEROS.data(), static_cast<size_t>(std::min(left, static_cast<off_t>(ZEROS.size()))));
-    if (written < 0 && errno == EINTR) continue;
-    if (written == 0) errno = ENOSPC; /* no progress and no error: it would never end */
-    if (written <= 0) return -1;
-    left -= written;
+    const off_t piece = std::min(left, static_cast<off_t>(ZEROS.size()));
+    if (!zk_write_all(fildes, ZEROS.data(), static_cast<size_t>(piece))) return -1;
+    left -= piece;
   }
   return offset;
 }
 
-/* Part of a file system's blocks that a reservation leaves available. */
+/* Part of the blocks of a file system that a reservation leaves available. */
 static constexpr double KEPT_AVAILABLE = 0.05;
 
 struct space_figures {
@@ -52,8 +50,7 @@ struct space_figures {
   uint64_t limit;      /* most blocks that may be in use */
 };
 
-/* Asks for the space of the file system of `path`. Returns -1 with errno set on failure, also for figures
- * that no size can be reckoned with. */
+/* Asks for the space of the file system of `path`. Returns -1 with errno set on failure, also for a block size of 0. */
 static int query_space(const char* path, space_figures* space) {
   struct statvfs figures = {};
   if (statvfs(path, &figures) != 0) return -1;
@@ -67,9 +64,9 @@ static int query_space(const char* path, space_figures* space) {
   return 0;
 }
 
-/* The largest size that fits among `requested`, that less 2 blocks, less 4 blocks and so on; -1 for none. A
- * size needs its whole blocks and one more, and fits when the blocks in use then stay below the limit. The
- * number of steps is reckoned, not tried out: a request may be far larger than the file system. */
+/* The largest size that fits of `requested`, 2 blocks less, 4 blocks less and so on; -1 when none does. A size needs its
+ * whole blocks and one more, and fits when the blocks in use then stay below the limit. The number of steps is
+ * calculated, not tried out: a request may be far larger than the file system. */
 static off_t largest_fit(const space_figures& space, off_t requested) {
   if (requested < 0) return -1;
   const uint64_t whole = static_cast<uint64_t>(requested) / space.block_size;
@@ -86,55 +83,55 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
       {ENOENT, ZELK_DIR_MISSING}, {EACCES, ZELK_DIR_NO_ACCESS}, {ESTALE, ZELK_STALE}};
   if (filename == nullptr) return ZELK_INV_PARAM3;
   if (file_size == nullptr) return ZELK_INV_PARAM4;
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
 
-  std::array<char, ZELK_PATH_SIZE> path = {};
+  std::array<char, ZELK_PATH_SIZE> path;
   const size_t size = std::strlen(filename) + 1;
   if (size > path.size()) return ZELK_FAILURE;
   std::memcpy(path.data(), filename, size);
   const char* directory = dirname(path.data());
   space_figures space = {};
   if (query_space(directory, &space) != 0) {
-    ZK_TRACE("statvfs(%s) failed, error code %d\n", directory, errno);
+    zk_trace(trace, "statvfs(%s) failed, error code %d\n", directory, errno);
     return zk_result_of_errno(errno, STATVFS_RESULTS);
   }
   if (space.used > space.limit)
-    ZK_RETURN(ZELK_NO_SPACE, "5%% space in %s not available, returning %s(%d)\n", directory);
+    return zk_failed(trace, ZELK_NO_SPACE, "5%% space in %s not available, returning %s(%d)\n", directory);
 
   const off_t fit = largest_fit(space, requested_size);
   if (fit < 0 || (fit != requested_size && fit <= min_size))
-    ZK_RETURN(ZELK_NO_SPACE, "Cannot reserve %lld bytes, returning %s(%d)\n", static_cast<long long>(min_size));
+    return zk_failed(trace, ZELK_NO_SPACE, "Cannot reserve %lld bytes, returning %s(%d)\n",
+                     static_cast<long long>(min_size));
   *file_size = fit;
-  ZK_TRACE("Requested %lld bytes, able to get %lld bytes\n", static_cast<long long>(requested_size),
+  zk_trace(trace, "Requested %lld bytes, able to get %lld bytes\n", static_cast<long long>(requested_size),
            static_cast<long long>(fit));
   return ZELK_SUCCESS;
 }
 
-/* Takes the new file under a lock, fills it and asks for the space that this leaves. */
-static int fill_file(int debug_active, const char* debug_file, const char* filename, int fildes, off_t size,
-                     mode_t permissions, space_figures* space) {
-  static constexpr char ROUTINE[] = "zk_allocate_file";
+static constexpr mode_t PERMISSIONS = 0666; /* of a new file, whatever the umask */
+
+/* Locks the new file, fills it and asks for the space that this leaves. */
+static int fill_file(const zk_trace_t& trace, const char* filename, int fildes, off_t size, space_figures* space) {
   if (lockf(fildes, F_LOCK, 0) != 0) {
-    ZK_TRACE_AS(ROUTINE, "Cannot lock file %s - error %d\n", filename, errno);
+    zk_trace(trace, "Cannot lock file %s - error %d\n", filename, errno);
     return ZELK_LOCK;
   }
-  if (fchmod(fildes, permissions) != 0) {
-    ZK_TRACE_AS(ROUTINE, "Cannot force permissions on file %s - error %d\n", filename, errno);
+  if (fchmod(fildes, PERMISSIONS) != 0) {
+    zk_trace(trace, "Cannot force permissions on file %s - error %d\n", filename, errno);
     return ZELK_READ_ONLY;
   }
   if (fclear(fildes, size) != size) {
-    ZK_TRACE_AS(ROUTINE, "Not enough space for fclear(%s,%lld) - error %d\n", filename, static_cast<long long>(size),
-                errno);
+    zk_trace(trace, "Not enough space for fclear(%s,%lld) - error %d\n", filename, static_cast<long long>(size), errno);
     return ZELK_NO_SPACE;
   }
 
   zk_control_line_t line;
   zk_format_control_line(&line, ZK_TRACE_CONTROL_SIZE, 0, size);
-  lseek(fildes, 0, SEEK_SET);
-  /* The space is there; a file without its line counts as corrupt with whoever traces into it. */
-  [[maybe_unused]] ssize_t written = write(fildes, line.data(), ZK_TRACE_CONTROL_SIZE);
+  /* The space is there; to those who trace, a file without its line is a corrupt one. */
+  [[maybe_unused]] const ssize_t written = pwrite(fildes, line.data(), ZK_TRACE_CONTROL_SIZE, 0);
 
   if (query_space(filename, space) != 0) {
-    ZK_TRACE_AS(ROUTINE, "statvfs(%s) failed - error %d\n", filename, errno);
+    zk_trace(trace, "statvfs(%s) failed - error %d\n", filename, errno);
     return ZELK_FAILURE;
   }
   return ZELK_SUCCESS;
@@ -151,42 +148,41 @@ int zk_allocate_file(int debug_active, const char* debug_file, const char* filen
       {EEXIST, ZELK_SUCCESS},  {ENOSPC, ZELK_NO_SPACE}, {EACCES, ZELK_READ_ONLY}, {EROFS, ZELK_READ_ONLY},
       {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}, {EFBIG, ZELK_TOO_MANY},   {EDQUOT, ZELK_TOO_MANY}};
   static constexpr int FLAGS = O_RDWR | O_CREAT | O_EXCL | O_TRUNC;
-  static constexpr mode_t PERMISSIONS = 0666;
-  static constexpr unsigned int TRACED_PERMISSIONS = 0x9f6; /* what readers of traces know, whatever is used */
+  static constexpr unsigned int TRACED_PERMISSIONS = 0x9f6; /* what readers of traces know, not what is used */
   if (filename == nullptr) return ZELK_INV_PARAM3;
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
 
   for (;;) {
     off_t size = 0;
     int result = zk_determine_max_fsize(debug_active, debug_file, filename, requested_size, min_size, &size);
     if (result != ZELK_SUCCESS) return result;
 
-    int fildes = open(filename, FLAGS | O_CLOEXEC, PERMISSIONS);
+    const int fildes = open(filename, FLAGS | O_CLOEXEC, PERMISSIONS);
     if (fildes < 0) {
-      ZK_TRACE("Can't open %s mode 0x%x perm 0x%x- error %d\n", filename, static_cast<unsigned int>(FLAGS),
+      zk_trace(trace, "Can't open %s mode 0x%x perm 0x%x- error %d\n", filename, static_cast<unsigned int>(FLAGS),
                TRACED_PERMISSIONS, errno);
       if (errno == EINTR) continue;
       return zk_result_of_errno(errno, OPEN_RESULTS);
     }
 
     space_figures space = {};
-    result = fill_file(debug_active, debug_file, filename, fildes, size, PERMISSIONS, &space);
+    result = fill_file(trace, filename, fildes, size, &space);
     if (result == ZELK_SUCCESS && space.used <= space.limit) {
       release_file(fildes);
       if (actual_size != nullptr) *actual_size = size;
-      ZK_RETURN(result, "%s reserved (%lld bytes) - returning %s(%d)\n", filename, static_cast<long long>(size));
+      return zk_succeeded(trace, "%s reserved (%lld bytes) - returning %s(%d)\n", filename,
+                          static_cast<long long>(size));
     }
 
-    if (result == ZELK_SUCCESS) ZK_TRACE("%s", "Didn't leave 5% space - trying again\n");
+    if (result == ZELK_SUCCESS) zk_trace(trace, "%s", "Didn't leave 5% space - trying again\n");
     release_file(fildes);
     unlink(filename);
     if (result != ZELK_SUCCESS) return result;
-    if (space.block_size > static_cast<uint64_t>(size) / 2) {
-      requested_size = 0;
-    } else {
-      requested_size = size - static_cast<off_t>(2 * space.block_size);
-    }
+    /* Two blocks may be more than the whole file. */
+    const uint64_t whole_blocks = static_cast<uint64_t>(size) / space.block_size;
+    requested_size = whole_blocks < 2 ? 0 : size - static_cast<off_t>(2 * space.block_size);
     if (requested_size <= ZK_TRACE_FILE_SIZE_MIN) {
-      ZK_TRACE("Minimum space not available\n");
+      zk_trace(trace, "Minimum space not available\n");
       return ZELK_NO_SPACE;
     }
   }

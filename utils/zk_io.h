@@ -9,18 +9,25 @@
 #include <cerrno>
 #include <cstddef>
 
-/* Reads `size` bytes at `offset`. Returns how many there are before the end of the file or an error; errno is then
- * that error, else 0. */
+/* Reads `size` bytes at `offset` or, when that is below 0, at the file's position. Returns how many there are before the
+ * end of the file or an error; errno is then that error, else 0. */
 inline size_t zk_read_at(int fildes, void* bytes, size_t size, off_t offset) {
   size_t taken = 0;
   errno = 0;
   while (taken < size) {
-    ssize_t count = pread(fildes, static_cast<char*>(bytes) + taken, size - taken, offset + static_cast<off_t>(taken));
+    char* at = static_cast<char*>(bytes) + taken;
+    ssize_t count = offset < 0 ? read(fildes, at, size - taken)
+                               : pread(fildes, at, size - taken, offset + static_cast<off_t>(taken));
     if (count == 0 || (count < 0 && errno != EINTR)) break;
     if (count > 0) taken += static_cast<size_t>(count);
     errno = 0;
   }
   return taken;
+}
+
+/* Reads on at the file's position. */
+inline size_t zk_read_on(int fildes, void* bytes, size_t size) {
+  return zk_read_at(fildes, bytes, size, -1);
 }
 
 /* Writes all of `size` bytes at the file's position. Returns false, with errno set, when that fails; what was written

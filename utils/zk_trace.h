@@ -28,33 +28,6 @@ struct zk_trace_t {
   (zk_trace(trace, __VA_ARGS__, zk_result_name(result), static_cast<int>(result)), static_cast<int>(result))
 #define zk_succeeded(trace, ...) zk_failed(trace, ZELK_SUCCESS, __VA_ARGS__)
 
-/* Writes a trace entry under the routine name `routine`. */
-#define ZK_TRACE_AS(routine, ...)                                        \
-  do {                                                                   \
-    if (debug_active == 1) zk_debug(debug_file, (routine), __VA_ARGS__); \
-  } while (0)
-
-/* The same under the name of the enclosing routine. */
-#define ZK_TRACE(...) ZK_TRACE_AS(__func__, __VA_ARGS__)
-
-/* The same with the name and the value of the result code `rc` behind the other arguments: for texts that end
- * in "%s(%d)". */
-#if defined(__cppcheck__) /* it does not know __VA_OPT__ */
-#define ZK_TRACE_RC_AS(routine, rc, ...) ZK_TRACE_AS(routine, __VA_ARGS__)
-#else
-#define ZK_TRACE_RC_AS(routine, rc, format, ...) \
-  ZK_TRACE_AS(routine, format __VA_OPT__(, ) __VA_ARGS__, zk_result_name(rc), (rc))
-#endif
-#define ZK_TRACE_RC(rc, ...) ZK_TRACE_RC_AS(__func__, rc, __VA_ARGS__)
-
-/* The same, and returns `rc`. */
-#define ZK_RETURN_AS(routine, rc, ...)          \
-  do {                                          \
-    ZK_TRACE_RC_AS(routine, (rc), __VA_ARGS__); \
-    return (rc);                                \
-  } while (0)
-#define ZK_RETURN(rc, ...) ZK_RETURN_AS(__func__, rc, __VA_ARGS__)
-
 /* Name of a result code as it stands in a trace; "" for a number that is none. */
 const char* zk_result_name(int result);
 

@@ -16,19 +16,18 @@ enum {
 };
 
 /* Keys of the control line. */
-inline constexpr char ZK_TRACE_OFFSET_KEY[] = "ZKTFO=";
-inline constexpr char ZK_TRACE_WRAPS_KEY[] = "ZKTFW=";
-inline constexpr char ZK_TRACE_SIZE_KEY[] = "ZKTFS=";
+#define ZK_TRACE_OFFSET_KEY "ZKTFO="
+#define ZK_TRACE_WRAPS_KEY "ZKTFW="
+#define ZK_TRACE_SIZE_KEY "ZKTFS="
 
 /* The control line as text: numbers that outgrow their width make it longer than it is in the file. */
 typedef std::array<char, 2 * ZK_TRACE_CONTROL_SIZE> zk_control_line_t;
 
 /* Prints the control line and returns its length. */
 inline int zk_format_control_line(zk_control_line_t* line, off_t next_write, int wraps, off_t file_size) {
-  line->fill('\0');
-  return std::snprintf(line->data(), line->size(), "%s%-5lld %s%-5d %s%-5lld\n", ZK_TRACE_OFFSET_KEY,
-                       static_cast<long long>(next_write), ZK_TRACE_WRAPS_KEY, wraps, ZK_TRACE_SIZE_KEY,
-                       static_cast<long long>(file_size));
+  return std::snprintf(line->data(), line->size(),
+                       ZK_TRACE_OFFSET_KEY "%-5lld " ZK_TRACE_WRAPS_KEY "%-5d " ZK_TRACE_SIZE_KEY "%-5lld\n",
+                       static_cast<long long>(next_write), wraps, static_cast<long long>(file_size));
 }
 
 #endif

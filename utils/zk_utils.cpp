@@ -8,11 +8,19 @@
 #include <cstring>
 
 #include "qx_zelk.h"
+#include "zk_eid_layout.h"
 #include "zk_trace.h"
 
-const char base64_table[65] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+constexpr char base64_table[65] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
-enum { DIGIT_BITS = 6, DIGIT_MASK = 63, DIGITS_MAX = 6 };
+enum { DIGIT_BITS = 6, DIGIT_MASK = 63, DIGITS_MAX = 6, VALUE_BITS = 64 };
+
+/* The value of each character; 0 for those that are no digits. */
+static constexpr std::array<uint8_t, 256> DIGIT_VALUES = [] {
+  std::array<uint8_t, 256> values = {};
+  for (uint8_t value = 0; value <= DIGIT_MASK; ++value) values[static_cast<uint8_t>(base64_table[value])] = value;
+  return values;
+}();
 
 int zk_l64a_r(uint64_t convert, char* buffer, int length) {
   if (buffer == nullptr) {
@@ -36,12 +44,13 @@ int zk_l64a_r(uint64_t convert, char* buffer, int length) {
 uint64_t zk_a64l(const char* convert) {
   if (convert == nullptr) return 0;
   uint64_t value = 0;
-  for (size_t left = std::strlen(convert); left > 0; --left) {
-    const void* digit = std::memchr(base64_table, convert[left - 1], sizeof base64_table - 1);
-    value <<= DIGIT_BITS;
-    if (digit != nullptr) value += static_cast<uint64_t>(static_cast<const char*>(digit) - base64_table);
-  }
+  for (int shift = 0; shift < VALUE_BITS && *convert != '\0'; shift += DIGIT_BITS, ++convert)
+    value |= static_cast<uint64_t>(DIGIT_VALUES[static_cast<uint8_t>(*convert)]) << shift;
   return value;
+}
+
+void zk_write_digits(uint64_t value, char* field, size_t width) {
+  for (size_t index = 0; index < width; ++index, value >>= DIGIT_BITS) field[index] = base64_table[value & DIGIT_MASK];
 }
 
 const char* zk_result_name(int result) {
@@ -56,7 +65,7 @@ const char* zk_result_name(int result) {
 #undef RESULT_NAME
 }
 
-/* The last component of a path and its length, as basename() has it, but without a copy and so without a limit. */
+/* The last component of a path and its length: as basename() has it, but without a copy and so without a limit. */
 static const char* base_name(const char* path, int* length) {
   if (*path == '\0') path = ".";
   const char* end = path + std::strlen(path);
@@ -70,6 +79,7 @@ static const char* base_name(const char* path, int* length) {
 
 int zk_make_file_info_msg(int debug_active, const char* debug_file, char* buffer, const char* lpp_name,
                           const char* detecting_file, const char* sid_level, int line_pos, int* error_flags) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   int file_length = 0;
   const char* file = base_name(error_flags[ZELK_FLAG_FILE] == 0 ? detecting_file : "unknown_file", &file_length);
   const char* product = error_flags[ZELK_FLAG_PRODUCT] == 0 ? lpp_name : "pps_product";
@@ -82,10 +92,10 @@ int zk_make_file_info_msg(int debug_active, const char* debug_file, char* buffer
     std::memset(buffer + length, ' ', ZELK_FILE_INFO_SIZE - length);
     return ZELK_FILE_INFO_SIZE;
   }
-  ZK_TRACE(
-      "File Identification information \"%s\" is %d chars long, being truncated\n"
-      "Some information will be lost\n",
-      buffer, printed);
+  zk_trace(trace,
+           "File Identification information \"%s\" is %d chars long, being truncated\n"
+           "Some information will be lost\n",
+           buffer, printed);
   std::memset(buffer + ZELK_FILE_INFO_SIZE, 0, length - ZELK_FILE_INFO_SIZE);
   buffer[ZELK_FILE_INFO_SIZE - 1] = '>';
   return ZELK_FILE_INFO_SIZE;
@@ -96,13 +106,14 @@ void zk_determine_bsd_priority(int debug_active, const char* debug_file, int eve
   /* By event type. Notices come before warnings. */
   static constexpr std::array<int, ZELK_DEBUG + 1> PRIORITIES = {LOG_EMERG, LOG_ERR,   LOG_NOTICE, LOG_WARNING,
                                                                  LOG_INFO,  LOG_DEBUG, LOG_DEBUG};
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (event_type >= 0 && event_type < static_cast<int>(PRIORITIES.size())) {
     *bsd_pri = PRIORITIES[static_cast<size_t>(event_type)];
   } else {
-    ZK_TRACE("Invalid ZELK Event Type %d - mapping to type %s(%d)\n", event_type, "ZELK_DEBUG",
+    zk_trace(trace, "Invalid ZELK Event Type %d - mapping to type %s(%d)\n", event_type, "ZELK_DEBUG",
              static_cast<int>(ZELK_DEBUG));
     *bsd_pri = LOG_DEBUG;
     if (track_errors == 1) error_flags[ZELK_FLAG_EVENT_TYPE] = 1;
   }
-  ZK_TRACE("Assigning SysLog priority of %d to event type %d\n", *bsd_pri, event_type);
+  zk_trace(trace, "Assigning SysLog priority of %d to event type %d\n", *bsd_pri, event_type);
 }

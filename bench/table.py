@@ -1,0 +1,111 @@
+"""Runs what script/bench measures and prints the table of BENCHMARKS.md. The argument is the folder of the build."""
+
+import datetime
+import json
+import os
+import platform
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+build = sys.argv[1]
+zkview = os.path.abspath(build + "/bin/zkview")
+folder = tempfile.mkdtemp(prefix="zkview-bench-")
+environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "TZ": "UTC"}
+RECORDS = 100_000
+
+
+def output_of(command):
+    return subprocess.run(command, check=True, capture_output=True, text=True, env=environment).stdout
+
+
+def routines():
+    """CPU time of each routine in nanoseconds."""
+    report = output_of([build + "/bench/library_bench", "--benchmark_format=json", "--benchmark_min_time=0.5"])
+    return {row["name"]: row["cpu_time"] for row in json.loads(report)["benchmarks"]}
+
+
+def processes(commands, runs, rounds):
+    """Median wall time of each command line in milliseconds, all pinned to one CPU, for each of several rounds."""
+    result = folder + "/times.json"
+    times = []
+    for _ in range(rounds):
+        output_of(["taskset", "-c", "0", "hyperfine", "-N", "--style=none", "--warmup=20", f"--runs={runs}",
+                   "--export-json", result, *commands])
+        with open(result) as report:
+            times.append([1000 * row["median"] for row in json.load(report)["results"]])
+    return times
+
+
+def ratio(times, one, other):
+    """Median ratio of two commands over the rounds: a machine that slows down meanwhile slows both down."""
+    return statistics.median(of_round[one] / of_round[other] for of_round in times)
+
+
+def system_calls(command):
+    counted = subprocess.run(["strace", "-qq", "-f", "-o", folder + "/calls", *command.split()], check=True,
+                             stdout=subprocess.DEVNULL, env=environment)
+    with open(folder + "/calls") as calls:
+        return sum(1 for _ in calls) if counted.returncode == 0 else None
+
+
+def peak_memory(command):
+    """Largest resident size in KiB."""
+    subprocess.run(["time", "-f", "%M", "-o", folder + "/memory", *command.split()], check=True,
+                   stdout=subprocess.DEVNULL, env=environment)
+    with open(folder + "/memory") as memory:
+        return int(memory.read())
+
+
+def row(what, against, measured, goal):
+    print(f"| {what} | {against} | {measured} | {goal} |")
+
+
+def main():
+    subprocess.run([build + "/bench/make_inputs", folder], check=True)
+    print(f"{datetime.date.today()}, {platform.machine()}, {os.cpu_count()} CPUs, Linux {platform.release()}\n")
+    row("what", "against", "measured", "goal")
+    row("---", "---", "---", "---")
+
+    full = folder + "/full"
+    views = ["-d", "-r", "-p", "-a -d"]
+    commands = [f"{zkview} {view} -s {full}" for view in views] + [f"cat {full}"]
+    times = processes(commands, runs=300, rounds=15)
+    for column, view in enumerate(views):
+        row(f"`zkview {view}` of a full stack", "`cat` of it", f"{ratio(times, column, len(views)):.2f}",
+            "1.05" if "-a" in view else "0.90")
+    row("system calls of `zkview -d`", "those of `cat`",
+        f"{system_calls(commands[0]) - system_calls(commands[-1]):+d}", "+10")
+    row("peak memory of `zkview -d`", "that of `cat`",
+        f"{peak_memory(commands[0])} KiB, {peak_memory(commands[-1])} KiB", "")
+
+    logins = folder + "/logins"
+    commands = [f"{zkview} -d -s {folder}/many", f"{zkview} -a -d -s {folder}/many", f"utmpdump {logins}"]
+    if shutil.which("last"):
+        commands.append(f"last -f {logins}")
+    times = processes(commands, runs=5, rounds=5)
+    row(f"a record of {RECORDS}, `-d`", "an entry of `utmpdump`", f"{ratio(times, 0, 2):.2f}", "0.7")
+    row(f"a record of {RECORDS}, `-a -d`", "an entry of `utmpdump`", f"{ratio(times, 1, 2):.2f}", "1.3")
+    if len(commands) > 3:
+        row(f"a record of {RECORDS}, `-d`", "an entry of `last`", f"{ratio(times, 0, 3):.2f}", "")
+    strangers = [f"{zkview} {view} -s {folder}/strangers" for view in ("-d", "-r", "-p")]
+    for view, time in zip(("-d", "-r", "-p"), processes(strangers, runs=3, rounds=1)[0]):
+        row(f"`zkview {view}` of 10,000 records of other processes and unknown causes", "", f"{time:.0f} ms", "1000 ms")
+
+    nanoseconds = routines()
+    row("`zk_l64a_r`, six digits", "", f"{nanoseconds['zk_l64a_r_six_digits']:.1f} ns", "10 ns")
+    row("`zk_a64l`, six digits", "", f"{nanoseconds['zk_a64l_six_digits']:.1f} ns", "10 ns")
+    row("`zk_generate_eid_2`", "`uuid_generate_time`",
+        f"{nanoseconds['zk_generate_eid_2_stack'] / nanoseconds['uuid_generate_time']:.2f}", "0.5")
+    row("a trace entry", "its bare system calls",
+        f"{nanoseconds['trace_entry'] / nanoseconds['trace_entry_bare_calls']:.2f}", "1.10")
+    for name in ("zk_decode_eid_2_remote", "decode_record", "format_description", "walk_full_stack"):
+        row(f"`{name}`", "", f"{nanoseconds[name]:.0f} ns", "")
+
+
+try:
+    main()
+finally:
+    shutil.rmtree(folder)

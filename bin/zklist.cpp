@@ -1,0 +1,246 @@
+/* zklist.cpp - copies a stack's records into lists, by process or by related incident. */
+#include "zklist.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "zk_trace.h"
+#include "zkrecord.h"
+#include "zkwalk.h"
+
+bool zk_is_list_head(const zk_proc_list_t* head) {
+  return head != nullptr && head->process_id == 0 && head->parent_id == 0 && head->records == nullptr;
+}
+
+/* Checks the length of a record that is to be listed. */
+static int check_length(const zk_trace_t& trace, const void* record) {
+  int32_t length = zk_record_length(record);
+  if (length >= 1 && length <= ZK_REC_LISTED_MAX) return ZELK_SUCCESS;
+  return zk_failed(trace, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
+}
+
+static size_t record_size(const void* record) {
+  return ZK_REC_LENGTH_SIZE + static_cast<size_t>(zk_record_length(record));
+}
+
+/* Makes a list element with a copy of the record, a zero byte behind it, and no Error ID. Returns null with errno set
+ * and `*wanted`, the bytes that could not be had. */
+static zk_stack_rec_t* copy_record(const void* record, int* wanted) {
+  const size_t size = record_size(record);
+  *wanted = sizeof(zk_stack_rec_t);
+  zk_stack_rec_t* element = static_cast<zk_stack_rec_t*>(calloc(1, sizeof(zk_stack_rec_t)));
+  if (element == nullptr) return nullptr;
+  *wanted = static_cast<int>(size);
+  char* copy = static_cast<char*>(malloc(size + 1));
+  if (copy == nullptr) {
+    free(element);
+    errno = ENOMEM;
+    return nullptr;
+  }
+  std::memcpy(copy, record, size);
+  copy[size] = '\0';
+  element->record = copy;
+  return element;
+}
+
+/* ---- By process ---------------------------------------------------------------------------------------------------- */
+
+/* Finds the process identifier behind the process name. Returns 0; ZELK_REC_CORRUPT. */
+static int find_process_id(const zk_trace_t& trace, const void* record, pid_t* process) {
+  zk_cursor_t cursor = zk_record_cursor(record, ZK_REC_NAME_POS);
+  int length = 0; /* of the name: one that starts past the record's end is empty */
+  if (cursor.unread >= 0) {
+    /* The name is looked for within a stretch that stops a length word short of the record's end. */
+    ptrdiff_t stretch = cursor.unread - ZK_REC_LENGTH_SIZE;
+    length = zk_obtain_strlen(const_cast<char*>(cursor.at), static_cast<size_t>(stretch)); /* it only reads */
+    if (length == -1)
+      return zk_failed(trace, ZELK_REC_CORRUPT, "Error scanning rec for a char string - returning %s(%d)");
+  }
+  cursor = zk_record_cursor(record, ZK_REC_NAME_POS + length + 1);
+  *process = zk_take_int(&cursor);
+  return ZELK_SUCCESS;
+}
+
+int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head,
+                         zk_proc_list_t** proc_list) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (head == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
+  if (!zk_is_list_head(head))
+    return zk_failed(trace, ZELK_INV_PARAM4, "head parameter not initialized correctly  - returning %s(%d)");
+  if (proc_list == nullptr || *proc_list != nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM5, "proc_list parameter is invalid - returning %s(%d)");
+  if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
+
+  pid_t process = 0;
+  if (find_process_id(trace, record, &process) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
+  const pid_t parent = process; /* the recorded parent is not kept: processes are grouped by their own identifier */
+  zk_trace(trace, "Proc ID %d and Parent Proc ID %d obtained from record", process, parent);
+
+  zk_proc_list_t** link = &head->next;
+  while (*link != nullptr && (*link)->process_id != process) link = &(*link)->next;
+  zk_proc_list_t* node = *link;
+  if (node != nullptr) {
+    if (node->parent_id != parent)
+      return zk_failed(trace, ZELK_REC_CORRUPT,
+                       "Found an entry for proc ID %d, but parent ID in list (%d) does not agree with %d from rec\n"
+                       "Returining %s(%d)",
+                       process, node->parent_id, parent);
+    *proc_list = node;
+    return zk_succeeded(trace, "Found an entry for proc ID %d\nReturning %s(%d)", process);
+  }
+
+  node = static_cast<zk_proc_list_t*>(calloc(1, sizeof *node));
+  if (node == nullptr)
+    return zk_failed(trace, ZELK_NO_MEMORY,
+                     "Memory allocation failure - errno is %d\nAttempted to allocte %d bytes\nReturning %s(%d)", errno,
+                     static_cast<int>(sizeof *node));
+  node->process_id = process;
+  node->parent_id = parent;
+  *link = node;
+  *proc_list = node;
+  return zk_succeeded(trace, "Allocated list entry for proc ID %d (parent %d) - returning %s(%d)", process, parent);
+}
+
+int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (head == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
+  if (head->process_id == 0)
+    return zk_failed(trace, ZELK_INV_PARAM4, "head parameter not properly initialized - returning %s(%d)");
+  if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
+
+  int wanted = 0;
+  zk_stack_rec_t* element = copy_record(record, &wanted);
+  if (element == nullptr) {
+    bool is_element = wanted == sizeof *element;
+    return zk_failed(trace, ZELK_NO_MEMORY,
+                     "Unable to allocate memory for record %s - errno %d\nSize requested %d bytes\nReturning %s(%d)",
+                     is_element ? "element" : "info", errno, wanted);
+  }
+  zk_stack_rec_t** link = &head->records;
+  while (*link != nullptr) link = &(*link)->next;
+  *link = element;
+  return zk_succeeded(trace, "Record added to list for process %d - returning %s(%d)", head->process_id);
+}
+
+/* ---- By related incident ------------------------------------------------------------------------------------------- */
+
+/* Makes the element of a group. Returns 0; ZELK_NO_MEMORY. */
+static int make_group_element(const zk_trace_t& trace, const void* record, zk_stack_rec_t** made) {
+  int wanted = 0;
+  zk_stack_rec_t* element = copy_record(record, &wanted);
+  if (element == nullptr)
+    return zk_failed(trace, ZELK_NO_MEMORY,
+                     "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)", wanted,
+                     errno);
+  zk_record_eid(record, ZK_REC_EID_POS, element->fid);
+  *made = element;
+  return ZELK_SUCCESS;
+}
+
+/* The first element of that Error ID, group by group; null when there is none. */
+static zk_stack_rec_t* first_with_eid(zk_stack_rec_t* table, const zk_eid_t eid) {
+  for (zk_stack_rec_t* group = table; group != nullptr; group = group->next)
+    for (zk_stack_rec_t* element = group; element != nullptr; element = element->related)
+      if (std::strncmp(element->fid, eid, ZELK_EID_LENGTH) == 0) return element;
+  return nullptr;
+}
+
+int zk_find_related_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t* rec_table,
+                        zk_stack_rec_t** loc) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_eid_t own;
+  zk_eid_t wanted;
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (loc == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, "loc parameter is invalid - returning %s(%d)");
+  if (rec_table == nullptr) return zk_failed(trace, ZELK_FAILURE, "rec_table is empty - returning %s(%d)");
+
+  zk_record_eid(record, ZK_REC_EID_POS, own);
+  zk_record_eid(record, ZK_REC_RELATED_POS, wanted);
+  if (*wanted == '\0')
+    return zk_failed(trace, ZELK_FAILURE, "Rec for ZELK ID %s\ndoes not have a related record\nReturning %s(%d)", own);
+  zk_stack_rec_t* found = first_with_eid(rec_table, wanted);
+  if (found == nullptr) return ZELK_FAILURE;
+  *loc = found;
+  return zk_succeeded(trace, "Entry for related record %s found\nReturning %s(%d)", wanted);
+}
+
+int zk_add_related_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t* related) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_stack_rec_t* element = nullptr;
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (related == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "related parameter is invalid - returning %s(%d)");
+  if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
+  int result = make_group_element(trace, record, &element);
+  if (result != ZELK_SUCCESS) return result;
+
+  element->related = related->related;
+  related->related = element;
+  return zk_succeeded(trace, "Added ZELK ID %s to list as\nrelated to %.42s\nReturning %s(%d)", element->fid,
+                      related->fid);
+}
+
+int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_stack_rec_t* element = nullptr;
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
+  if (table == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "table parameter is invalid - returning %s(%d)");
+  if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
+  int result = make_group_element(trace, record, &element);
+  if (result != ZELK_SUCCESS) return result;
+
+  if (*table == nullptr) {
+    *table = element;
+    return zk_succeeded(trace, "Added ZELK ID %s as first in table\nReturning %s(%d)", element->fid);
+  }
+  zk_stack_rec_t* last = *table;
+  while (last->next != nullptr) last = last->next;
+  last->next = element;
+  return zk_succeeded(trace, "Added ZELK ID %s to list\nafter %.42s\nReturning %s(%d)", element->fid, last->fid);
+}
+
+/* ---- The walk that fills them -------------------------------------------------------------------------------------- */
+
+/* What a list routine's result means for the walk. */
+static int walk_result(int result) {
+  if (result == ZELK_SUCCESS || result == ZELK_NO_MEMORY) return result;
+  return result == ZELK_REC_CORRUPT ? ZELK_FILE_CORRUPT : ZELK_FAILURE;
+}
+
+static int place_by_process(const zk_trace_t& trace, void* record, zk_proc_list_t* head) {
+  zk_proc_list_t* process = nullptr;
+  int result = zk_find_proc_in_list(trace.active, trace.file, record, head, &process);
+  if (result == ZELK_SUCCESS) result = zk_add_rec_to_proc(trace.active, trace.file, record, process);
+  return walk_result(result);
+}
+
+static int place_by_relation(const zk_trace_t& trace, void* record, zk_stack_rec_t** table) {
+  zk_stack_rec_t* related = nullptr;
+  zk_stack_rec_t* groups = table != nullptr ? *table : nullptr;
+  if (zk_find_related_rec(trace.active, trace.file, record, groups, &related) == ZELK_SUCCESS)
+    return walk_result(zk_add_related_rec(trace.active, trace.file, record, related));
+  return walk_result(zk_add_unrelated_rec(trace.active, trace.file, record, table));
+}
+
+int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
+                  zk_proc_list_t* proc_list, zk_stack_rec_t** rec_table) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (order != 0 && order != 1)
+    return zk_failed(trace, ZELK_INV_PARAM3, "Invalid ordering selected %d  - Returning %s(%d)", order);
+  if (fildes < 1) return zk_failed(trace, ZELK_INV_PARAM4, "Invalid file descriptor %d\nReturning %s(%d)", fildes);
+  if (order == 0 && !zk_is_list_head(proc_list))
+    return zk_failed(trace, ZELK_INV_PARAM5, "proc_list parameter invalid or improperly initialized\nReturning %s(%d)");
+
+  zk_walk_t walk;
+  int result = zk_walk_begin(&walk, trace, fildes, catfd);
+  if (result == ZELK_LOCK) return result;
+  while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
+    void* record = walk.record.data();
+    result = order == 0 ? place_by_process(trace, record, proc_list) : place_by_relation(trace, record, rec_table);
+    if (result == ZELK_SUCCESS && zk_walk_at_write_pos(walk)) break;
+  }
+  zk_walk_end(walk);
+  return result == ZK_WALK_END ? int{ZELK_SUCCESS} : result;
+}

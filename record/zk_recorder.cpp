@@ -1,0 +1,313 @@
+/* zk_recorder.cpp - records incidents.
+ *
+ * A reader starts at earliest_rec and stops as soon as it is at write_pos behind a record, so what the header does not
+ * tell of is not seen. An incident takes up to four writes, in this order; the letters are those of zk_stack_state.cpp,
+ * "x" the place of the record, and a killed recorder leaves one of these states:
+ *
+ *   before                      S=====W...E==========0     two runs
+ *   1  header, earliest_rec     S=====W........E=====0     what will be overwritten is no longer shown
+ *   2  (in a new lap only) a length word of 0 at W, where the lap now ends
+ *   3  the record               S=====Wxxxxxx0.E=====0     not shown yet
+ *   4  header, write_pos        S===========W..E=====0     shown: the incident is recorded
+ *
+ * In a stack without records a reader looks at E although it is at W. There the record is written without its length
+ * word first, which then makes it appear. */
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "qx_record.h"
+#include "zk_eid_layout.h"
+#include "zk_io.h"
+#include "zk_record_image.h"
+#include "zk_stack_file.h"
+#include "zk_stack_state.h"
+#include "zk_trace.h"
+
+struct zk_recorder {
+  int fildes;
+  uint64_t inode;
+  std::array<char, ADDR_WIDTH> own_address; /* the node's, for when ZELKADDR has none */
+  bool is_known;                            /* the state is that of the file as this recorder left it */
+  zk_stack_state_t state;
+};
+
+/* ---- The file ------------------------------------------------------------------------------------------------------ */
+
+static bool set_lock(int fildes, short type) {
+  struct flock whole = {};
+  whole.l_type = type;
+  whole.l_whence = SEEK_SET;
+  int result;
+  do result = fcntl(fildes, F_OFD_SETLKW, &whole);
+  while (result == -1 && errno == EINTR);
+  return result == 0;
+}
+
+/* Reads from the start of the file, as much as a stack can have. Returns 0; ZELK_FAILURE. */
+static int read_state(int fildes, size_t size, zk_stack_state_t* state) {
+  size_t taken = zk_read_at(fildes, state->bytes.data(), size, 0);
+  if (taken < size && errno != 0) return ZELK_FAILURE;
+  std::memset(state->bytes.data() + taken, 0, size - taken);
+  return ZELK_SUCCESS;
+}
+
+/* Whether nobody has recorded since this recorder did: then the newest record is still the one with its Error ID. */
+static bool is_unchanged(const zk_recorder_t& recorder) {
+  constexpr size_t HEAD_SIZE = ZK_STACK_RECORDS_MIN;
+  const zk_stack_state_t& state = recorder.state;
+  std::array<char, HEAD_SIZE> head;
+  zk_eid_t eid;
+  const off_t position = state.newest + ZK_REC_EID_POS;
+  return recorder.is_known && zk_read_at(recorder.fildes, head.data(), head.size(), 0) == head.size() &&
+         std::memcmp(head.data(), state.bytes.data(), head.size()) == 0 &&
+         zk_read_at(recorder.fildes, eid, sizeof eid, position) == sizeof eid &&
+         std::memcmp(eid, state.bytes.data() + position, sizeof eid) == 0;
+}
+
+/* Learns the state of the locked stack. Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
+static int learn_state(const zk_trace_t& trace, zk_recorder_t* recorder) {
+  zk_stack_state_t* state = &recorder->state;
+  struct stat status;
+  if (fstat(recorder->fildes, &status) != 0) return ZELK_FAILURE;
+  const bool has_size = status.st_size == state->size;
+  if (has_size && is_unchanged(*recorder)) return ZELK_SUCCESS;
+  recorder->is_known = false;
+  if (!has_size) return zk_failed(trace, ZELK_FILE_CORRUPT, "The stack has another size\nReturning %s(%d) to caller");
+  if (read_state(recorder->fildes, static_cast<size_t>(state->size), state) != ZELK_SUCCESS)
+    return zk_failed(trace, ZELK_FAILURE, "Cannot read the stack - error code %d\nReturning %s(%d) to caller", errno);
+  if (!zk_take_stack_header(state) || !zk_take_stack_records(state))
+    return zk_failed(trace, ZELK_FILE_CORRUPT, "The stack is damaged\nReturning %s(%d) to caller");
+  return ZELK_SUCCESS;
+}
+
+/* Writes `size` bytes at `position`, in the file and in what is known of it. Returns false with errno set. */
+static bool write_at(zk_recorder_t* recorder, int32_t position, const void* bytes, size_t size) {
+  const char* at = static_cast<const char*>(bytes);
+  for (size_t written = 0; written < size;) {
+    ssize_t count = pwrite(recorder->fildes, at + written, size - written, position + static_cast<off_t>(written));
+    if (count < 0 && errno == EINTR) continue;
+    if (count == 0) errno = ENOSPC;
+    if (count <= 0) return false;
+    written += static_cast<size_t>(count);
+  }
+  std::memcpy(recorder->state.bytes.data() + position, bytes, size);
+  return true;
+}
+
+static bool write_header(zk_recorder_t* recorder) {
+  return write_at(recorder, ZK_STACK_HEADER_POS, &recorder->state.header, sizeof recorder->state.header);
+}
+
+/* Writes the record at its place and the header around it. Returns false with errno set. */
+static bool write_record(zk_recorder_t* recorder, const zk_placement_t& place, zk_record_image_t* image) {
+  static constexpr int32_t LAP_END = 0;
+  zk_estack_v1_header_t& header = recorder->state.header;
+  const int32_t size = static_cast<int32_t>(image->size);
+  const int32_t end = place.position + size;
+  const bool is_first = recorder->state.newest == 0;
+
+  if (place.earliest != header.earliest_rec) {
+    header.earliest_rec = place.earliest;
+    if (!write_header(recorder)) return false;
+  }
+  if (place.is_wrap && header.write_pos <= header.file_size - ZK_REC_LENGTH_SIZE &&
+      !write_at(recorder, header.write_pos, &LAP_END, sizeof LAP_END))
+    return false;
+
+  /* A length word of 0 behind the record ends what a search for an Error ID goes through. */
+  size_t whole = image->size;
+  if (end != place.earliest && end <= header.file_size - ZK_REC_LENGTH_SIZE) {
+    std::memcpy(image->bytes.data() + whole, &LAP_END, sizeof LAP_END);
+    whole += sizeof LAP_END;
+  }
+  const size_t skipped = is_first ? ZK_REC_LENGTH_SIZE : 0;
+  if (!write_at(recorder, place.position + static_cast<int32_t>(skipped), image->bytes.data() + skipped,
+                whole - skipped))
+    return false;
+  if (is_first && !write_at(recorder, place.position, image->bytes.data(), skipped)) return false;
+
+  header.write_pos = end;
+  if (place.is_wrap) header.has_wrapped = 1;
+  if (!write_header(recorder)) return false;
+  recorder->state.newest = place.position;
+  return true;
+}
+
+/* ---- Error IDs ----------------------------------------------------------------------------------------------------- */
+
+static bool is_address(const char* text) {
+  if (text == nullptr || strnlen(text, ADDR_WIDTH + 1) != ADDR_WIDTH) return false;
+  const char type = text[ADDR_WIDTH - 1];
+  return std::strspn(text, base64_table) == ADDR_WIDTH && (type == IPV4_TYPE || type == IPV6_TYPE);
+}
+
+/* The time of the newest record, by its Error ID or, where that has none, by its time field; zero for none. */
+static timeval newest_time(const zk_stack_state_t& state) {
+  timeval time = {};
+  if (state.newest == 0) return time;
+  const char* record = state.bytes.data() + state.newest;
+  zk_eid_t eid = {};
+  int32_t length, seconds = 0;
+  std::memcpy(&length, record, sizeof length);
+  if (length >= ZK_REC_RELATED_POS - ZK_REC_LENGTH_SIZE) std::memcpy(eid, record + ZK_REC_EID_POS, ZELK_EID_LENGTH);
+  const zk_eid_parts_t* parts = reinterpret_cast<const zk_eid_parts_t*>(eid);
+  if (std::strlen(eid) == ZELK_EID_LENGTH && zk_conv_base_64_time(0, nullptr, parts->time, &time) == ZELK_SUCCESS &&
+      time.tv_sec <= INT32_MAX)
+    return time;
+  if (length >= ZK_REC_NAME_POS - ZK_REC_LENGTH_SIZE) std::memcpy(&seconds, record + ZK_REC_TIME_POS, sizeof seconds);
+  return {.tv_sec = seconds, .tv_usec = 0};
+}
+
+/* Now, or a microsecond after the newest record where the clock does not tell of a later time. */
+static timeval next_time(const zk_stack_state_t& state) {
+  timeval now;
+  gettimeofday(&now, nullptr);
+  timeval after = newest_time(state);
+  if (++after.tv_usec == 1000000) after = {.tv_sec = after.tv_sec + 1, .tv_usec = 0};
+  return timercmp(&now, &after, <) ? after : now;
+}
+
+static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_t eid) {
+  const char* address = std::getenv("ZELKADDR");
+  zk_eid_parts_t parts;
+  std::array<char, 2> header = {};
+  zk_get_base_64_hdr(0, nullptr, 2, ZELK_LOCATION_STACK, header.data());
+  parts.header = header[0];
+  zk_write_digits(recorder.inode, parts.entry, ENTRY_WIDTH);
+  zk_write_time(time, parts.time);
+  std::memcpy(parts.address, is_address(address) ? address : recorder.own_address.data(), ADDR_WIDTH);
+  zk_join_eid(parts, eid);
+}
+
+/* ---- The interface ------------------------------------------------------------------------------------------------- */
+
+/* The node's own address; one without any gets the form that says so. */
+static void take_own_address(const zk_trace_t& trace, std::array<char, ADDR_WIDTH>* address) {
+  std::array<char, ZELK_ADDR_CODE_SIZE> code;
+  code.fill(ZERO_DIGIT);
+  char type = IPV6_TYPE;
+  zk_get_ipaddr(trace.active, trace.file, code.data(), &type);
+  std::memcpy(address->data(), code.data(), ADDR_CODE_WIDTH);
+  (*address)[ADDR_CODE_WIDTH] = type;
+}
+
+int zk_open_recorder(int debug_active, const char* debug_file, const char* stack_file, zk_recorder_t** recorder) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (stack_file == nullptr || *stack_file == '\0')
+    return zk_failed(trace, ZELK_INV_PARAM3, "Called without a name for the stack\nReturning %s(%d) to caller");
+  if (recorder == nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM4, "Called without a place for the recorder\nReturning %s(%d) to caller");
+
+  zk_recorder_t* opened = static_cast<zk_recorder_t*>(malloc(sizeof *opened));
+  if (opened == nullptr)
+    return zk_failed(trace, ZELK_NO_MEMORY, "No memory for a recorder\nReturning %s(%d) to caller");
+  const zk_stack_path_t path = zk_stack_path(stack_file);
+  int result = zk_open_stack_path(trace, path, &opened->fildes);
+  if (result != ZELK_SUCCESS) {
+    free(opened);
+    return result;
+  }
+
+  struct stat status = {};
+  bool is_stack = fstat(opened->fildes, &status) == 0 && S_ISREG(status.st_mode) &&
+                  status.st_size >= ZK_STACK_SIZE_MIN && status.st_size <= ZK_STACK_SIZE_MAX;
+  opened->inode = status.st_ino;
+  opened->is_known = false;
+  opened->state.size = static_cast<int32_t>(status.st_size);
+  opened->state.newest = 0;
+  if (is_stack) result = read_state(opened->fildes, ZK_STACK_RECORDS_MIN, &opened->state);
+  if (result == ZELK_SUCCESS && !(is_stack && zk_take_stack_header(&opened->state))) result = ZELK_FILE_CORRUPT;
+  if (result != ZELK_SUCCESS) {
+    zk_close_recorder(opened);
+    return zk_failed(trace, result, "%s is not a stack that can be recorded into\nReturning %s(%d) to caller",
+                     path.data());
+  }
+  take_own_address(trace, &opened->own_address);
+  *recorder = opened;
+  return zk_succeeded(trace, "Stack %s opened for recording\nReturning %s(%d) to caller", path.data());
+}
+
+static bool has_good_arguments(const zk_incident_t& incident) {
+  if (incident.argument_count != 0 && incident.arguments == nullptr) return false;
+  for (uint32_t i = 0; i < incident.argument_count; ++i) {
+    const cu_error_arg_t& argument = incident.arguments[i];
+    if (argument.cu_arg_type < CU_ERROR_ARG_INT || argument.cu_arg_type > CU_ERROR_ARG_VOID_PTR) return false;
+    if (argument.cu_arg_type == CU_ERROR_ARG_CHAR_STR && argument.cu_arg_value.cu_arg_char_str == nullptr) return false;
+  }
+  return true;
+}
+
+static bool is_eid_or_empty(const char* text) {
+  return text == nullptr || *text == '\0' || strnlen(text, ZELK_EID_SIZE) == ZELK_EID_LENGTH;
+}
+
+/* Records under the lock; `image` is that of the incident for any stack of usual size. */
+static int record_locked(const zk_trace_t& trace, zk_recorder_t* recorder, const zk_incident_t& incident,
+                         zk_record_image_t* image, zk_eid_t eid) {
+  static constexpr zk_errno_result WRITE_RESULTS[] = {
+      {ENOSPC, ZELK_NO_SPACE}, {EFBIG, ZELK_NO_SPACE}, {EDQUOT, ZELK_NO_SPACE}};
+  int result = learn_state(trace, recorder);
+  if (result != ZELK_SUCCESS) return result;
+
+  const size_t body_max = zk_longest_body(recorder->state);
+  if (body_max < ZK_REC_LISTED_MAX && zk_make_record_image(incident, body_max, image) != ZELK_SUCCESS)
+    return zk_failed(trace, ZELK_INV_RECLEN, "The stack is too small for the incident\nReturning %s(%d) to caller");
+  const timeval time = next_time(recorder->state);
+  make_eid(*recorder, time, eid);
+  zk_stamp_record_image(image, eid, static_cast<int32_t>(time.tv_sec));
+  const zk_placement_t place = zk_place_record(recorder->state, static_cast<int32_t>(image->size));
+  recorder->is_known = write_record(recorder, place, image);
+  if (recorder->is_known) return ZELK_SUCCESS;
+  const int error = errno;
+  return zk_failed(trace, zk_result_of_errno(error, WRITE_RESULTS),
+                   "Cannot write into the stack - error code %d\nReturning %s(%d) to caller", error);
+}
+
+int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* recorder, const zk_incident_t* incident,
+                       zk_eid_t eid) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (eid != nullptr) eid[0] = '\0';
+  if (recorder == nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM3, "Called without a recorder\nReturning %s(%d) to caller");
+  if (incident == nullptr || !has_good_arguments(*incident))
+    return zk_failed(trace, ZELK_INV_PARAM4,
+                     "Called without an incident, or with bad arguments\n"
+                     "Returning %s(%d) to caller");
+  if (eid == nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM5, "Called without a place for the ZELK ID\nReturning %s(%d) to caller");
+  if (!is_eid_or_empty(incident->associated_eid))
+    return zk_failed(trace, ZELK_INV_FID, "Associated ZELK ID \"%s\" is not correct size\nReturning %s(%d) to caller",
+                     incident->associated_eid);
+  zk_record_image_t image;
+  if (zk_make_record_image(*incident, ZK_REC_LISTED_MAX, &image) != ZELK_SUCCESS)
+    return zk_failed(trace, ZELK_INV_RECLEN, "The incident is too long for a record\nReturning %s(%d) to caller");
+
+  /* A thread that is cancelled here would leave the stack locked. */
+  int cancel_state;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+  int result = ZELK_LOCK;
+  zk_eid_t made = {};
+  if (set_lock(recorder->fildes, F_WRLCK)) {
+    result = record_locked(trace, recorder, *incident, &image, made);
+    set_lock(recorder->fildes, F_UNLCK);
+  } else {
+    zk_failed(trace, result, "Failure to lock stack - error code %d\nReturning %s(%d) to caller", errno);
+  }
+  pthread_setcancelstate(cancel_state, nullptr);
+  if (result != ZELK_SUCCESS) return result;
+  std::memcpy(eid, made, sizeof made);
+  return zk_succeeded(trace, "Recorded incident %s\nReturning %s(%d) to caller", eid);
+}
+
+void zk_close_recorder(zk_recorder_t* recorder) {
+  if (recorder == nullptr) return;
+  close(recorder->fildes); /* and with it the lock, unless a process that was forked has the file open too */
+  free(recorder);
+}

@@ -1,0 +1,69 @@
+/* tool.h - what the companion commands have in common: how they take options, trace, and end. */
+#ifndef TOOL_H
+#define TOOL_H
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "qx_zelk.h"
+
+/* Exit statuses. */
+enum { TOOL_DONE = 0, TOOL_FAILED = 1, TOOL_MISUSE = 2 };
+
+/* The trace pair of the whole run. */
+struct tool_trace_t {
+  int active;
+  std::array<char, ZELK_PATH_SIZE> file;
+};
+
+/* Sets up what every command does before it looks at its options: locale and trace. A file size limit is one more way in
+ * which writing fails. */
+inline tool_trace_t tool_start() {
+  tool_trace_t trace = {};
+  std::setlocale(LC_ALL, "");
+  std::signal(SIGXFSZ, SIG_IGN);
+  const int state = zk_is_debug_file_set(trace.file.data());
+  trace.active = state == ZELK_TRACE_EXISTS ||
+                 (state == ZELK_TRACE_MISSING && zk_create_debug_file(trace.file.data()) == ZELK_SUCCESS);
+  return trace;
+}
+
+/* Says on standard error what is wrong with the command line. Returns TOOL_MISUSE. */
+inline int tool_misuse(const std::string& name, const std::string& problem) {
+  std::fflush(stdout);
+  const std::string message = name + ": " + problem + "\nTry '" + name + " --help'\n";
+  std::fwrite(message.data(), 1, message.size(), stderr);
+  return TOOL_MISUSE;
+}
+
+/* Takes the command line apart. Returns the exit status where that ends the run: after --help, --version and misuse. */
+inline std::optional<int> tool_parse(CLI::App* app, int argc, char** argv) {
+  app->set_help_flag("-h,--help", "Print this help and exit");
+  app->set_version_flag("--version", app->get_name() + " " ZKVIEW_VERSION, "Print the version and exit");
+  try {
+    app->parse(argc, argv);
+  } catch (const CLI::Success& asked) {
+    return app->exit(asked) == 0 && std::fflush(stdout) == 0 ? TOOL_DONE : TOOL_FAILED;
+  } catch (const CLI::ParseError& error) {
+    return tool_misuse(app->get_name(), error.what());
+  }
+  return {};
+}
+
+/* Writes what standard output still holds. Returns `status`, or TOOL_FAILED with a line on standard error when it cannot
+ * be written. */
+inline int tool_end(const std::string& name, int status) {
+  const bool is_written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+  if (is_written) return status;
+  std::fprintf(stderr, "%s: cannot write standard output: %s\n", name.c_str(), std::strerror(errno));
+  return TOOL_FAILED;
+}
+
+#endif
