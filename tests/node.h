@@ -2,20 +2,13 @@
 #ifndef NODE_H
 #define NODE_H
 
+#include "faults.h"
+
 #include <arpa/inet.h>
 #include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdarg>
-#include <cstring>
 #include <optional>
-#include <string>
-#include <vector>
 
 struct adapter {
   std::string name, address;
@@ -27,14 +20,8 @@ constexpr short UP = IFF_UP, LOOPBACK = IFF_UP | IFF_LOOPBACK, DOWN = 0;
 
 /* The interfaces; the machine's own when there is no list. */
 static std::optional<std::vector<adapter>> node;
-static int interrupted = 0;                  /* so many queries fail with EINTR before one succeeds */
-static int socket_error = 0, list_error = 0; /* that making a socket or asking for the list ends with */
 
 static int list_adapters(ifconf* list) {
-  if (list_error != 0) {
-    errno = list_error;
-    return -1;
-  }
   const size_t room = static_cast<size_t>(list->ifc_len) / sizeof(ifreq), count = std::min(node->size(), room);
   for (size_t index = 0; index < count; ++index) {
     const adapter& source = (*node)[index];
@@ -58,24 +45,17 @@ static int tell_flags(ifreq* query) {
 }
 
 extern "C" int socket(int domain, int type, int protocol) noexcept {
-  if (socket_error == 0) return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
-  errno = socket_error;
-  return -1;
+  return is_refused("socket") ? -1 : static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
 extern "C" int ioctl(int fildes, unsigned long request, ...) noexcept {
   va_list more;
   va_start(more, request);
   void* argument = va_arg(more, void*);
   va_end(more);
-  const bool is_query = request == SIOCGIFCONF || request == SIOCGIFFLAGS;
-  if (is_query && interrupted > 0) {
-    --interrupted;
-    errno = EINTR;
-    return -1;
-  }
-  if (is_query && node.has_value())
-    return request == SIOCGIFCONF ? list_adapters(static_cast<ifconf*>(argument))
-                                  : tell_flags(static_cast<ifreq*>(argument));
+  if (request == SIOCGIFCONF && is_refused("list of interfaces")) return -1;
+  if (request == SIOCGIFFLAGS && is_refused("flags of an interface")) return -1;
+  if (request == SIOCGIFCONF && node.has_value()) return list_adapters(static_cast<ifconf*>(argument));
+  if (request == SIOCGIFFLAGS && node.has_value()) return tell_flags(static_cast<ifreq*>(argument));
   return static_cast<int>(syscall(SYS_ioctl, fildes, request, argument));
 }
 

@@ -382,36 +382,34 @@ TEST_F(trace_file, that_cannot_be_cleared_counts_as_corrupt) {
 
 /* ---- All writers at once --------------------------------------------------------------------------------------- */
 
-/* Has another process lock a file, and let go of it after some milliseconds, when `*released` becomes true. */
-struct lock_holder {
-  bool* released = static_cast<bool*>(mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  pid_t holder = 0;
+/* Another process that takes a file by its lock or by a lease, and lets go after a while, or when it is asked to. */
+struct other_process {
+  bool* done = static_cast<bool*>(mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  pid_t process = 0;
+  char has_it = 'n';
 
-  explicit lock_holder(const std::string& path, int milliseconds = 150) {
+  explicit other_process(const std::string& path, bool by_lease = false) {
     int ready[2];
     EXPECT_EQ(pipe(ready), 0);
-    holder = fork();
-    if (holder == 0) {
-      lockf(open(path.c_str(), O_RDWR), F_LOCK, 0);
-      close(ready[0]);
-      close(ready[1]);
-      usleep(static_cast<useconds_t>(milliseconds) * 1000);
-      *released = true;
+    process = fork();
+    if (process == 0) {
+      const int fildes = open(path.c_str(), O_RDWR);
+      const int taken = by_lease ? fcntl(fildes, F_SETLEASE, F_WRLCK) : lockf(fildes, F_LOCK, 0);
+      if (write(ready[1], taken == 0 ? "y" : "n", 1) == 1) usleep(150000);
+      *done = true;
       _exit(0);
     }
-    char end;
-    close(ready[1]);
-    EXPECT_EQ(read(ready[0], &end, 1), 0); /* until the other end is closed */
-    close(ready[0]);
+    EXPECT_EQ(read(ready[0], &has_it, 1), 1);
+    EXPECT_EQ(close(ready[0]) + close(ready[1]), 0);
   }
-  ~lock_holder() { waitpid(holder, nullptr, 0); }
+  ~other_process() { waitpid(process, nullptr, 0); }
 };
 
 TEST_F(trace_file, is_waited_for_while_another_process_has_its_lock) {
   const std::string path = new_file(FRESH);
-  const lock_holder other(path);
+  const other_process other(path);
   EXPECT_EQ(trace(path), 0);
-  EXPECT_TRUE(*other.released);
+  EXPECT_TRUE(*other.done);
 }
 
 TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {
@@ -435,7 +433,7 @@ TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {
 
 TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
   const std::string path = new_file(FRESH);
-  const lock_holder other(path);
+  const other_process other(path);
   std::thread waiting([&] { trace(path, "of the thread"); });
   usleep(50000);
   in_child([&] {
@@ -446,18 +444,17 @@ TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
   EXPECT_EQ(trace_entries(path).size(), 2U);
 }
 
-TEST_F(trace_file, DISABLED_is_open_to_a_signal_handler_that_forks) {
+TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
   const std::string path = new_file(FRESH);
   in_child([&] {
     alarm(20);
     static pid_t child = -1;
+    const other_process other(path);
     signal(SIGUSR1, [](int) {
       child = fork();
       if (child == 0) _exit(0);
     });
-    const lock_holder other(path);
-    const pthread_t tracer = pthread_self();
-    std::thread sender([&] {
+    std::thread sender([tracer = pthread_self()] {
       usleep(50000);
       pthread_kill(tracer, SIGUSR1);
     });
@@ -467,7 +464,7 @@ TEST_F(trace_file, DISABLED_is_open_to_a_signal_handler_that_forks) {
   });
 }
 
-TEST_F(trace_file, DISABLED_is_left_unlocked_by_a_thread_that_is_cancelled) {
+TEST_F(trace_file, is_left_unlocked_by_a_thread_that_is_cancelled) {
   const std::string path = new_file(FRESH);
   in_child([&] {
     alarm(20);
@@ -476,13 +473,9 @@ TEST_F(trace_file, DISABLED_is_left_unlocked_by_a_thread_that_is_cancelled) {
     pthread_t tracer;
     void* result = nullptr;
     {
-      const lock_holder other(path);
+      const other_process other(path);
       pthread_create(
-          &tracer, nullptr,
-          [](void*) {
-            trace(*file);
-            return pause() < 0 ? static_cast<void*>(nullptr) : nullptr;
-          },
+          &tracer, nullptr, [](void*) -> void* { return trace(*file) == 0 && pause() < 0 ? nullptr : nullptr; },
           nullptr);
       usleep(50000);
       EXPECT_EQ(pthread_cancel(tracer), 0);
@@ -494,24 +487,20 @@ TEST_F(trace_file, DISABLED_is_left_unlocked_by_a_thread_that_is_cancelled) {
   });
 }
 
-TEST_F(trace_file, DISABLED_that_another_process_has_leased_is_waited_for) {
+TEST_F(trace_file, that_another_process_has_leased_is_waited_for) {
   const std::string path = new_file(FRESH);
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  const pid_t holder = fork();
-  if (holder == 0) {
-    signal(SIGIO, [](int) {});
-    const bool has_lease = fcntl(open(path.c_str(), O_RDWR), F_SETLEASE, F_WRLCK) == 0;
-    if (write(ready[1], has_lease ? "y" : "n", 1) == 1 && has_lease) pause(); /* until somebody wants the file */
-    usleep(100000);
-    _exit(0);
-  }
-  char has_lease = 'n';
-  ASSERT_EQ(read(ready[0], &has_lease, 1), 1);
-  if (has_lease == 'y') {
-    EXPECT_EQ(trace(path), 0);
-  }
-  kill(holder, SIGKILL);
-  waitpid(holder, nullptr, 0);
-  if (has_lease == 'n') GTEST_SKIP() << "the file system has no leases";
+  const other_process other(path, true); /* which SIGIO ends */
+  if (other.has_it == 'n') GTEST_SKIP() << "the file system has no leases";
+  EXPECT_EQ(trace(path), 0);
+}
+
+TEST_F(trace_file, is_not_waited_for_after_a_signal) {
+  const std::string path = new_file(FRESH);
+  struct sigaction action = {};
+  action.sa_handler = [](int) {}; /* without SA_RESTART */
+  sigaction(SIGALRM, &action, nullptr);
+  const other_process other(path);
+  ualarm(50000, 0);
+  EXPECT_EQ(trace(path), -28);
+  EXPECT_FALSE(*other.done);
 }
