@@ -87,6 +87,8 @@ TEST(walk, leaves_the_stack_at_its_start_unlocked_and_nothing_open) {
       });
       EXPECT_EQ(lseek(fildes, 0, SEEK_CUR), 0);
       EXPECT_EQ(open_descriptors(), before);
+      keep(table);
+      keep(head.next);
       in_child([&] { EXPECT_EQ(lockf(open(path.c_str(), O_RDWR), F_TLOCK, 0), 0) << order; });
       close(fildes);
     }
