@@ -40,6 +40,16 @@ static pid_t pid_is = 0;       /* the process's number, unless it is 0 */
 static ino_t every_inode = 0;  /* every file has this one, unless it is 0 */
 static int closed_in_vain = 0; /* descriptors that were closed twice */
 
+/* A file system of blocks of 1000 bytes, of which some can be had by everybody, and all by root. */
+inline struct statvfs blocks(uint64_t number, uint64_t available) {
+  struct statvfs figures = {};
+  figures.f_bsize = 1000;
+  figures.f_frsize = 512;
+  figures.f_blocks = figures.f_bfree = number;
+  figures.f_bavail = available;
+  return figures;
+}
+
 inline void refuse(const std::string& call, int error, int times = 1, int spared = 0, const std::string& file = "") {
   fault = {call, error, times, spared, file};
 }

@@ -210,32 +210,6 @@ TEST_F(trace_file, holds_the_newest_entries_in_order_after_any_number_of_laps) {
 
 /* ---- The control line ------------------------------------------------------------------------------------------ */
 
-TEST(control_line, is_taken_apart_into_three_numbers) {
-  off_t offset = 7, size = 7;
-  int wraps = 7;
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=12345 ZKTFW=6     ZKTFS=99999\n", &offset, &size, &wraps), 0);
-  EXPECT_TRUE(offset == 12345 && wraps == 6 && size == 99999);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=1234567ZKTFW=-8ZKTFS=", &offset, &size, &wraps), 0); /* 5 characters each */
-  EXPECT_TRUE(offset == 12345 && wraps == -8 && size == 0);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFS=40    ZKTFW=41    ZKTFO=42   \n", &offset, &size, &wraps), 0);
-  EXPECT_TRUE(offset == 40 && wraps == 41 && size == 40); /* the offset is behind the first "=" of the line */
-}
-
-TEST(control_line, needs_its_three_markers) {
-  off_t offset = 7, size = 7;
-  int wraps = 7;
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTF0=40    ZKTFW=41    ZKTFS=42   \n", &offset, &size, &wraps), -26);
-  EXPECT_TRUE(offset == 7 && wraps == 7 && size == 7);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=40    ZKTFV=41    ZKTFS=42   \n", &offset, &size, &wraps), -26);
-  EXPECT_TRUE(offset == 40 && wraps == 7 && size == 7);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=43    ZKTFW=41    ZKTFZ=42   \n", &offset, &size, &wraps), -26);
-  EXPECT_TRUE(offset == 43 && wraps == 41 && size == 7);
-  EXPECT_EQ(zk_get_file_ctrl_info(nullptr, nullptr, nullptr, nullptr), -2);
-  EXPECT_EQ(zk_get_file_ctrl_info("", nullptr, nullptr, nullptr), -3);
-  EXPECT_EQ(zk_get_file_ctrl_info("", &offset, nullptr, nullptr), -4);
-  EXPECT_EQ(zk_get_file_ctrl_info("", &offset, &size, nullptr), -5);
-}
-
 TEST_F(trace_file, that_is_none_is_left_alone) {
   for (const std::string& bytes : {file_of(35, 0, 16384), file_of(-9, 0, 16384), FRESH.substr(0, 35), std::string(),
                                    std::string("ZKTFO=36    ZKTFW=0     ZKTFZ=16384\n")}) {
@@ -268,44 +242,6 @@ TEST(prepared_entry, is_written_as_it_is_and_leaves_the_file_at_its_start) {
   EXPECT_EQ(zk_record_debug_info(-1, nullptr), -2);
   EXPECT_EQ(zk_record_debug_info(fildes, nullptr), -3);
   EXPECT_EQ(close(fildes), 0);
-}
-
-/* ---- The name -------------------------------------------------------------------------------------------------- */
-
-/* What the start of a program makes of a name; the copy of the name, or "untouched". */
-static std::string at_start(const std::string& name) {
-  char copy[4097] = "untouched";
-  setenv("ZELKDEBUG", name.c_str(), 1);
-  return std::to_string(zk_is_debug_file_set(copy)) + " " + copy;
-}
-
-TEST(trace_name, is_taken_at_the_start_when_a_file_can_have_it) {
-  const std::string file = new_file(""), missing = scratch() + "/missing";
-  EXPECT_EQ(at_start(file), "1 " + file);
-  EXPECT_EQ(at_start(missing), "2 " + missing);
-  EXPECT_EQ(at_start(scratch() + "/none/missing"), "2 " + scratch() + "/none/missing");
-  EXPECT_EQ(at_start(""), "2 ");
-  EXPECT_EQ(at_start(scratch()), "-23 untouched");
-  EXPECT_EQ(at_start(file + "/x"), "-14 untouched");
-  EXPECT_EQ(at_start(std::string(9999, '/') + "x"), "-22 untouched");
-  unsetenv("ZELKDEBUG");
-  char copy[4097] = "untouched";
-  EXPECT_EQ(zk_is_debug_file_set(copy), 3);
-  EXPECT_STREQ(copy, "untouched");
-  EXPECT_EQ(zk_is_debug_file_set(nullptr), -2);
-}
-
-TEST(trace_name, that_cannot_be_looked_up_says_why) {
-  for (const auto& [error, result] : {std::pair(EACCES, "-13 untouched"),
-                                      {ENOTDIR, "-14 untouched"},
-                                      {ESTALE, "-15 untouched"},
-                                      {ELOOP, "-21 untouched"},
-                                      {ENAMETOOLONG, "-22 untouched"},
-                                      {EIO, "-1 untouched"},
-                                      {EOVERFLOW, "1 x"}}) {
-    refuse("stat", error);
-    EXPECT_EQ(at_start("x"), result) << error;
-  }
 }
 
 /* ---- Faults ---------------------------------------------------------------------------------------------------- */
