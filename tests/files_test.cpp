@@ -93,16 +93,16 @@ TEST_F(new_trace_file, waits_for_the_lock_of_whoever_finds_it_first) {
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   pid_t finder = 0;
-  after_open = [&] {
-    finder = fork();
-    if (finder == 0) {
-      lockf(openat(AT_FDCWD, path.c_str(), O_RDWR), F_LOCK, 0);
-      if (write(ready[1], "y", 1) == 1) usleep(100000);
-      _exit(contents(path).empty() ? 0 : 1); /* nobody has written meanwhile */
-    }
-    char locked;
-    EXPECT_EQ(read(ready[0], &locked, 1), 1);
-  };
+  meanwhile = {"lock", [&] {
+                 finder = fork();
+                 if (finder == 0) {
+                   lockf(openat(AT_FDCWD, path.c_str(), O_RDWR), F_LOCK, 0);
+                   if (write(ready[1], "y", 1) == 1) usleep(100000);
+                   _exit(contents(path).empty() ? 0 : 1); /* nobody has written meanwhile */
+                 }
+                 char locked;
+                 EXPECT_EQ(read(ready[0], &locked, 1), 1);
+               }};
   EXPECT_EQ(make(), 0);
   int status = 0;
   waitpid(finder, &status, 0);

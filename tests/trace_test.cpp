@@ -380,23 +380,32 @@ TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
   EXPECT_EQ(trace_entries(path).size(), 2U);
 }
 
+/* Traces in a child that is to receive a SIGUSR1 meanwhile, and whose handler forks. */
+static void trace_and_fork_in_handler(const std::string& path) {
+  static pid_t forked = -1;
+  alarm(20);
+  signal(SIGUSR1, [](int) {
+    forked = fork();
+    if (forked == 0) _exit(0);
+  });
+  EXPECT_EQ(trace(path), 0);
+  EXPECT_EQ(waitpid(forked, nullptr, 0), forked);
+}
+
 TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
   const std::string path = new_file(FRESH);
-  in_child([&] {
-    alarm(20);
-    static pid_t child = -1;
-    const other_process other(path);
-    signal(SIGUSR1, [](int) {
-      child = fork();
-      if (child == 0) _exit(0);
-    });
-    std::thread sender([tracer = pthread_self()] {
-      usleep(50000);
-      pthread_kill(tracer, SIGUSR1);
-    });
-    EXPECT_EQ(trace(path), 0);
-    sender.join();
-    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  in_child([&] { /* while it is written */
+                 meanwhile = {"write", [] { raise(SIGUSR1); }};
+                 trace_and_fork_in_handler(path);
+  });
+  in_child([&] { /* while it is waited for */
+                 const other_process other(path);
+                 std::thread sender([tracer = pthread_self()] {
+                   usleep(50000);
+                   pthread_kill(tracer, SIGUSR1);
+                 });
+                 trace_and_fork_in_handler(path);
+                 sender.join();
   });
 }
 
