@@ -15,7 +15,6 @@
 #include <dirent.h>
 
 #include <cstring>
-#include <regex>
 
 #include "transcript.h"
 
@@ -164,10 +163,13 @@ static void set_up(const std::vector<std::string>& situation) {
 
 /* Makes the call of a line; what there is to say of it. */
 static std::string made(const std::string& line, const std::vector<std::string>& situation) {
-  static const std::regex WORD("\"([^\"]*)\"|[^\",() ]+");
   call it = {};
-  for (std::sregex_iterator word(line.begin(), line.end(), WORD), end; word != end; ++word)
-    it.words.push_back((*word)[1].matched ? (*word)[1].str() : word->str());
+  for (size_t at = 0; (at = line.find_first_not_of("(,) ", at)) != line.npos;) {
+    const bool is_quoted = line[at] == '"';
+    const size_t end = is_quoted ? line.find('"', at + 1) : line.find_first_of("(,) ", at);
+    it.words.push_back(line.substr(at + is_quoted, end - at - is_quoted));
+    at = end + is_quoted;
+  }
   const std::string routine = it.words.at(0);
   it.words.erase(it.words.begin());
   transcript said{.name = "", .brief = !line.starts_with("zk_make_dump_file_copy")}; /* which traces by another name */

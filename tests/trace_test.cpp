@@ -367,13 +367,22 @@ TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {
   EXPECT_EQ(std::set(entries.begin(), entries.end()).size(), 720U);
 }
 
+/* Ends a process that hangs, which may have its other signals blocked. */
+static void die_after(time_t seconds) {
+  sigevent event = {};
+  event.sigev_signo = SIGKILL;
+  timer_t timer;
+  const itimerspec once = {{0, 0}, {seconds, 0}};
+  EXPECT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer) + timer_settime(timer, 0, &once, nullptr), 0);
+}
+
 TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
   const std::string path = new_file(FRESH);
   const other_process other(path);
   std::thread waiting([&] { trace(path, "of the thread"); });
   usleep(50000);
   in_child([&] {
-    alarm(20);
+    die_after(10);
     EXPECT_EQ(trace(path, "of the child"), 0);
   });
   waiting.join();
@@ -383,7 +392,7 @@ TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
 /* Traces in a child that is to receive a SIGUSR1 meanwhile, and whose handler forks. */
 static void trace_and_fork_in_handler(const std::string& path) {
   static pid_t forked = -1;
-  alarm(20);
+  die_after(10);
   signal(SIGUSR1, [](int) {
     forked = fork();
     if (forked == 0) _exit(0);
@@ -412,7 +421,7 @@ TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
 TEST_F(trace_file, is_left_unlocked_by_a_thread_that_is_cancelled) {
   const std::string path = new_file(FRESH);
   in_child([&] {
-    alarm(20);
+    die_after(10);
     const size_t open_files = count_files("/proc/self/fd");
     static const std::string* const file = &path;
     pthread_t tracer;
