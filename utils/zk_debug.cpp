@@ -131,14 +131,18 @@ static bool lock_file(int fildes, const sigset_t& signals) {
 
 /* ---- Entries ----------------------------------------------------------------------------------------------- */
 
-/* The text of a time, to be called within a turn. It is kept until the second is over: rendering it costs nearly half a
- * write. */
+/* The text of a time, to be called within a turn. It is kept while the second and TZ stay the same: rendering it costs
+ * nearly half a write. */
 static const char* render_time(time_t seconds) {
   static std::array<char, 32> text;
-  static time_t rendered;
-  if (text[0] == '\0' || seconds != rendered) {
+  static std::array<char, 64> rendered_zone;
+  static time_t rendered = -1;
+  const char* zone = std::getenv("TZ");
+  if (zone == nullptr) zone = "/etc/localtime";
+  if (seconds != rendered || std::strncmp(zone, rendered_zone.data(), rendered_zone.size()) != 0) {
     ctime_r(&seconds, text.data());
     rendered = seconds;
+    std::strncpy(rendered_zone.data(), zone, rendered_zone.size() - 1); /* a longer one is never found the same */
   }
   return text.data();
 }
