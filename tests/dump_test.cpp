@@ -77,54 +77,6 @@ TEST_F(dump, does_not_replace_what_stands_there) {
   EXPECT_FALSE(fs::exists(folder / "elsewhere"));
 }
 
-TEST_F(dump, tells_what_becomes_of_it) {
-  transcript said{"dump_copy"};
-  std::ofstream("big") << std::string(3000, 'd');
-  ASSERT_EQ(mkfifo("fifo", 0600), 0);
-  auto note = [&](const std::string& what, const std::string& input, const std::string& call = "",
-                  const std::string& file = "") {
-    said.note("zk_copy_dump_file (" + what + ")",
-              [&](int active, const char* trace) {
-                remove(copy.c_str());
-                strcpy(recorded, "as before");
-                refuse(call, EIO, 1, call == "open" ? 0 : 2, file);
-                return copy_of(input, active, trace);
-              })
-        .gives(recorded);
-  };
-  note("all is well", "big");
-  note("writing fails", "big", "write", copy);
-  note("reading fails", "big", "read", "big");
-  note("the copy cannot be made", "big", "open", copy);
-  note("the input cannot be opened", "big", "open", "big");
-  note("the input is a FIFO", "fifo");
-  note("the input is missing", "none");
-  note("the input is a folder", ".");
-  note("the input has no name", "");
-  for (const char* command : {"", "../etc/x"}) {
-    setenv("ZELKPNAME", command, 1);
-    note("the command is \"" + std::string(command) + "\"", "big");
-  }
-  setenv("ZELKPNAME", "prog", 1);
-  fs::create_directories(copy / "not empty");
-  note("the name stands for a folder", "big");
-  fs::remove_all(folder);
-  note("the folder of dumps is missing", "big");
-  std::ofstream{folder};
-  note("the folder of dumps is none", "big");
-  fs::rename("/var/adm/zelk", "/var/adm/away");
-  note("even its parent is missing", "big");
-  fs::rename("/var/adm/away", "/var/adm/zelk");
-  fs::remove(folder);
-  CALL(said, zk_make_dump_file_copy, nullptr, nullptr);
-  CALL(said, zk_make_dump_file_copy, "big", nullptr);
-  unsetenv("ZELKPNAME");
-  CALL(said, zk_get_dump_file_name, recorded);
-  setenv("ZELKPNAME", std::string(5000, 'p').c_str(), 1);
-  EXPECT_EQ(zk_get_dump_file_name(0, nullptr, recorded), -1);
-  said.compare();
-}
-
 TEST_F(dump, stays_open_when_copying_fails) {
   const int input = open(new_file("bytes").c_str(), O_RDONLY), output = open(new_file("").c_str(), O_WRONLY);
   refuse("write", EIO);

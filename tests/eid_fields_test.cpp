@@ -1,30 +1,9 @@
 /* Base-64 numbers and the fields of an Error ID. */
 #include "faults.h"
 
-#include <dirent.h>
-
-#include <cstring>
 #include <random>
 
 #include "transcript.h"
-
-/* Files with these i-nodes and names are all that there is, once there are any. */
-static std::vector<std::pair<ino_t, std::string>> only_files;
-static size_t files_read;
-
-extern "C" dirent* readdir(DIR* directory) {
-  static dirent entry;
-  if (only_files.empty()) {
-    dirent* next = nullptr;
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    readdir_r(directory, &entry, &next);
-    return next;
-  }
-  if (files_read == only_files.size()) return nullptr;
-  entry.d_ino = only_files[files_read].first;
-  std::strcpy(entry.d_name, only_files[files_read++].second.c_str());
-  return &entry;
-}
 
 static std::string digits(uint64_t value, int length = 8) {
   char text[8] = "stale";
@@ -66,6 +45,14 @@ TEST(base64, reads_a_whole_text_and_takes_other_characters_for_zero) {
   }
 }
 
+TEST(fields, header_has_a_terminator_unless_it_is_the_digit_zero) {
+  char text[4] = "###";
+  EXPECT_EQ(zk_get_base_64_hdr(0, nullptr, 1, 0, text), 0);
+  EXPECT_STREQ(text, ".##");
+  EXPECT_EQ(zk_get_base_64_hdr(0, nullptr, 2, 2, text), 0);
+  EXPECT_EQ(std::string(text, 3), std::string("8\0#", 3));
+}
+
 TEST(fields, selector_is_cut_out_of_an_id) {
   char text[10] = "123456789";
   zk_selector_substr("8M6....2zIZ/.", text);
@@ -88,36 +75,17 @@ TEST(fields, time_needs_a_clock) {
   EXPECT_EQ(text + std::to_string(seconds), "as before99");
 }
 
-TEST(fields, inode_leads_to_the_files_that_have_it) {
-  transcript said{"files_of_inode"};
-  char names[3 * 256] = "";
-  auto find = [&](const std::string& entry, int limit) {
-    std::memset(names, 0, sizeof names);
-    const std::string call = "zk_conv_base_64_inode(\"/\", \"" + entry + "\", names, " + std::to_string(limit) + ")";
-    said.note(call, [&](int active, const char* file) {
-      files_read = 0;
-      return zk_conv_base_64_inode(active, file, "/", entry.c_str(), names, limit);
-    });
-    said.gives(names, names + 256, names + 512);
-  };
-  only_files = {{4097, "first"}, {4098, "other"}, {(1ULL << 36) + 4097, "wide"}, {4097, "third"}, {4097, "last"}};
-  find("/./...", 1);
-  find("/./...more", 3);
-  find("0./", 2);
-  find("0.....", 2);
-  only_files.clear();
-  said.compare();
-}
-
 TEST(fields, inode_search_keeps_to_its_slots_and_closes_the_directory) {
-  std::string slots(3 * 256, '#');
-  const std::string longest(255, 'n');
+  const std::string folder = scratch() + "/folder", longest(255, 'n');
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  std::ofstream(folder + "/" + longest) << "a file with two names more";
+  for (const char* name : {"/second", "/third"})
+    std::filesystem::create_hard_link(folder + "/" + longest, folder + name);
+  std::string slots(3 * 256, '#'), entry(7, '\0');
+  ASSERT_EQ(zk_get_base_64_inode(0, nullptr, (folder + "/second").c_str(), entry.data()), 0);
   const size_t open_files = count_files("/proc/self/fd");
-  only_files = {{9, longest}, {9, "short"}, {9, "one too many"}};
-  files_read = 0;
-  EXPECT_EQ(zk_conv_base_64_inode(0, nullptr, "/", "7.....", slots.data(), 2), 0);
-  only_files.clear();
-  EXPECT_EQ(slots, longest + "#" + text("short") + std::string(250 + 256, '#'));
+  EXPECT_EQ(zk_conv_base_64_inode(0, nullptr, folder.c_str(), entry.c_str(), slots.data(), 2), 0);
+  EXPECT_TRUE(slots[0] != '#' && slots[255] == '#' && slots[256] != '#' && slots.substr(511) == std::string(257, '#'));
   EXPECT_EQ(count_files("/proc/self/fd"), open_files);
 }
 

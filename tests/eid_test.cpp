@@ -49,6 +49,23 @@ TEST_F(decoding, writes_four_bytes_of_an_ipv4_address) {
   EXPECT_EQ(std::string(out.files[0], out.files[1]), std::string(256, '#'));
 }
 
+TEST_F(decoding, needs_facility_and_priority_both) {
+  const std::string trace = new_file("ZKTFO=36    ZKTFW=0     ZKTFS=16384\n");
+  char place[16]; /* its low 32 bits */
+  snprintf(place, sizeof place, "0x%x", static_cast<unsigned int>(reinterpret_cast<uintptr_t>(&out.facility)));
+  for (int* facility : {&out.facility, static_cast<int*>(nullptr)}) {
+    int* const priority = facility == nullptr ? &out.facility : nullptr;
+    EXPECT_EQ(zk_decode_eid_2(1, trace.c_str(), ("8M6...." + HERE).c_str(), &out.local, &out.version, &out.location,
+                              out.files[0], 1, &out.label, facility, priority, &out.time, out.address, &out.ipv6),
+              -11);
+    EXPECT_EQ(trace_entries(trace).back(),
+              traced("zk_decode_eid_2", std::string("Detected invalid pointer for bsd_priority (") +
+                                            (priority != nullptr ? place : "0x0") + ") or bsd_facility (" +
+                                            (facility != nullptr ? place : "0x0") +
+                                            ")\nReturning ZELK_INV_PARAMCOMBO(-11) to the caller\n"));
+  }
+}
+
 TEST_F(decoding, takes_an_id_for_local_by_any_address_of_the_node) {
   node = {{"lo", "127.0.0.1", LOOPBACK}, {"eth0", "10.0.0.1", DOWN}, {"eth1", "192.168.1.2", UP}};
   EXPECT_EQ(decode_2("8M6...." + ELSEWHERE) + out.local, 1);

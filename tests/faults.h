@@ -33,18 +33,36 @@ static struct {
 static size_t most_at_once = SIZE_MAX; /* bytes that one read or write takes */
 static off_t bad_place = -1;           /* writing ends before this byte of a file; starting there is EIO */
 static timeval now_is = {1700000000, 123456};
-static std::function<void()> after_open; /* called once, when a file has been opened */
+/* What happens once, when the libraries come to a call. */
+static struct {
+  std::string call;
+  std::function<void()> work;
+} meanwhile;
 /* What the file systems say of their space, one answer after another and the last one for good. */
 static std::vector<struct statvfs> space(1);
 static pid_t pid_is = 0;       /* the process's number, unless it is 0 */
 static ino_t every_inode = 0;  /* every file has this one, unless it is 0 */
 static int closed_in_vain = 0; /* descriptors that were closed twice */
 
+/* A file system of blocks of 1000 bytes, of which some can be had by everybody, and all by root. */
+inline struct statvfs blocks(uint64_t number, uint64_t available) {
+  struct statvfs figures = {};
+  figures.f_bsize = 1000;
+  figures.f_frsize = 512;
+  figures.f_blocks = figures.f_bfree = number;
+  figures.f_bavail = available;
+  return figures;
+}
+
 inline void refuse(const std::string& call, int error, int times = 1, int spared = 0, const std::string& file = "") {
   fault = {call, error, times, spared, file};
 }
 
 static bool is_refused(const char* call, const std::string& path = "") {
+  if (call == meanwhile.call) {
+    meanwhile.call.clear();
+    meanwhile.work();
+  }
   if (call != fault.call || fault.times == 0 || !path.ends_with(fault.file) || fault.spared-- > 0) return false;
   fault.spared = 0;
   --fault.times;
@@ -65,9 +83,7 @@ extern "C" int open(const char* path, int flags, ...) {
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
   va_end(more);
   if (is_refused("open", path)) return -1;
-  const int fildes = openat(AT_FDCWD, path, flags, mode);
-  if (fildes >= 0 && after_open) std::exchange(after_open, nullptr)();
-  return fildes;
+  return openat(AT_FDCWD, path, flags, mode);
 }
 extern "C" int close(int fildes) {
   const long result = syscall(SYS_close, fildes);

@@ -13,7 +13,6 @@
 struct adapter {
   std::string name, address;
   short flags;
-  int error = 0; /* that asking for the flags ends with */
   sa_family_t family = AF_INET;
 };
 constexpr short UP = IFF_UP, LOOPBACK = IFF_UP | IFF_LOOPBACK, DOWN = 0;
@@ -35,12 +34,8 @@ static int list_adapters(ifconf* list) {
 }
 
 static int tell_flags(ifreq* query) {
-  const auto asked = std::find_if(node->begin(), node->end(), [&](auto& each) { return each.name == query->ifr_name; });
-  if (asked == node->end() || asked->error != 0) {
-    errno = asked == node->end() ? ENODEV : asked->error;
-    return -1;
-  }
-  query->ifr_flags = asked->flags;
+  for (const adapter& each : *node)
+    if (each.name == query->ifr_name) query->ifr_flags = each.flags;
   return 0;
 }
 
@@ -52,8 +47,8 @@ extern "C" int ioctl(int fildes, unsigned long request, ...) noexcept {
   va_start(more, request);
   void* argument = va_arg(more, void*);
   va_end(more);
-  if (request == SIOCGIFCONF && is_refused("list of interfaces")) return -1;
-  if (request == SIOCGIFFLAGS && is_refused("flags of an interface")) return -1;
+  if (request == SIOCGIFCONF && is_refused("interfaces")) return -1;
+  if (request == SIOCGIFFLAGS && is_refused("flags")) return -1;
   if (request == SIOCGIFCONF && node.has_value()) return list_adapters(static_cast<ifconf*>(argument));
   if (request == SIOCGIFFLAGS && node.has_value()) return tell_flags(static_cast<ifreq*>(argument));
   return static_cast<int>(syscall(SYS_ioctl, fildes, request, argument));

@@ -210,32 +210,6 @@ TEST_F(trace_file, holds_the_newest_entries_in_order_after_any_number_of_laps) {
 
 /* ---- The control line ------------------------------------------------------------------------------------------ */
 
-TEST(control_line, is_taken_apart_into_three_numbers) {
-  off_t offset = 7, size = 7;
-  int wraps = 7;
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=12345 ZKTFW=6     ZKTFS=99999\n", &offset, &size, &wraps), 0);
-  EXPECT_TRUE(offset == 12345 && wraps == 6 && size == 99999);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=1234567ZKTFW=-8ZKTFS=", &offset, &size, &wraps), 0); /* 5 characters each */
-  EXPECT_TRUE(offset == 12345 && wraps == -8 && size == 0);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFS=40    ZKTFW=41    ZKTFO=42   \n", &offset, &size, &wraps), 0);
-  EXPECT_TRUE(offset == 40 && wraps == 41 && size == 40); /* the offset is behind the first "=" of the line */
-}
-
-TEST(control_line, needs_its_three_markers) {
-  off_t offset = 7, size = 7;
-  int wraps = 7;
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTF0=40    ZKTFW=41    ZKTFS=42   \n", &offset, &size, &wraps), -26);
-  EXPECT_TRUE(offset == 7 && wraps == 7 && size == 7);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=40    ZKTFV=41    ZKTFS=42   \n", &offset, &size, &wraps), -26);
-  EXPECT_TRUE(offset == 40 && wraps == 7 && size == 7);
-  EXPECT_EQ(zk_get_file_ctrl_info("ZKTFO=43    ZKTFW=41    ZKTFZ=42   \n", &offset, &size, &wraps), -26);
-  EXPECT_TRUE(offset == 43 && wraps == 41 && size == 7);
-  EXPECT_EQ(zk_get_file_ctrl_info(nullptr, nullptr, nullptr, nullptr), -2);
-  EXPECT_EQ(zk_get_file_ctrl_info("", nullptr, nullptr, nullptr), -3);
-  EXPECT_EQ(zk_get_file_ctrl_info("", &offset, nullptr, nullptr), -4);
-  EXPECT_EQ(zk_get_file_ctrl_info("", &offset, &size, nullptr), -5);
-}
-
 TEST_F(trace_file, that_is_none_is_left_alone) {
   for (const std::string& bytes : {file_of(35, 0, 16384), file_of(-9, 0, 16384), FRESH.substr(0, 35), std::string(),
                                    std::string("ZKTFO=36    ZKTFW=0     ZKTFZ=16384\n")}) {
@@ -268,44 +242,6 @@ TEST(prepared_entry, is_written_as_it_is_and_leaves_the_file_at_its_start) {
   EXPECT_EQ(zk_record_debug_info(-1, nullptr), -2);
   EXPECT_EQ(zk_record_debug_info(fildes, nullptr), -3);
   EXPECT_EQ(close(fildes), 0);
-}
-
-/* ---- The name -------------------------------------------------------------------------------------------------- */
-
-/* What the start of a program makes of a name; the copy of the name, or "untouched". */
-static std::string at_start(const std::string& name) {
-  char copy[4097] = "untouched";
-  setenv("ZELKDEBUG", name.c_str(), 1);
-  return std::to_string(zk_is_debug_file_set(copy)) + " " + copy;
-}
-
-TEST(trace_name, is_taken_at_the_start_when_a_file_can_have_it) {
-  const std::string file = new_file(""), missing = scratch() + "/missing";
-  EXPECT_EQ(at_start(file), "1 " + file);
-  EXPECT_EQ(at_start(missing), "2 " + missing);
-  EXPECT_EQ(at_start(scratch() + "/none/missing"), "2 " + scratch() + "/none/missing");
-  EXPECT_EQ(at_start(""), "2 ");
-  EXPECT_EQ(at_start(scratch()), "-23 untouched");
-  EXPECT_EQ(at_start(file + "/x"), "-14 untouched");
-  EXPECT_EQ(at_start(std::string(9999, '/') + "x"), "-22 untouched");
-  unsetenv("ZELKDEBUG");
-  char copy[4097] = "untouched";
-  EXPECT_EQ(zk_is_debug_file_set(copy), 3);
-  EXPECT_STREQ(copy, "untouched");
-  EXPECT_EQ(zk_is_debug_file_set(nullptr), -2);
-}
-
-TEST(trace_name, that_cannot_be_looked_up_says_why) {
-  for (const auto& [error, result] : {std::pair(EACCES, "-13 untouched"),
-                                      {ENOTDIR, "-14 untouched"},
-                                      {ESTALE, "-15 untouched"},
-                                      {ELOOP, "-21 untouched"},
-                                      {ENAMETOOLONG, "-22 untouched"},
-                                      {EIO, "-1 untouched"},
-                                      {EOVERFLOW, "1 x"}}) {
-    refuse("stat", error);
-    EXPECT_EQ(at_start("x"), result) << error;
-  }
 }
 
 /* ---- Faults ---------------------------------------------------------------------------------------------------- */
@@ -431,43 +367,61 @@ TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {
   EXPECT_EQ(std::set(entries.begin(), entries.end()).size(), 720U);
 }
 
+/* Ends a process that hangs, which may have its other signals blocked. */
+static void die_after(time_t seconds) {
+  sigevent event = {};
+  event.sigev_signo = SIGKILL;
+  timer_t timer;
+  const itimerspec once = {{0, 0}, {seconds, 0}};
+  EXPECT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer) + timer_settime(timer, 0, &once, nullptr), 0);
+}
+
 TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
   const std::string path = new_file(FRESH);
   const other_process other(path);
   std::thread waiting([&] { trace(path, "of the thread"); });
   usleep(50000);
   in_child([&] {
-    alarm(20);
+    die_after(10);
     EXPECT_EQ(trace(path, "of the child"), 0);
   });
   waiting.join();
   EXPECT_EQ(trace_entries(path).size(), 2U);
 }
 
+/* Traces in a child that is to receive a SIGUSR1 meanwhile, and whose handler forks. */
+static void trace_and_fork_in_handler(const std::string& path) {
+  static pid_t forked = -1;
+  die_after(10);
+  signal(SIGUSR1, [](int) {
+    forked = fork();
+    if (forked == 0) _exit(0);
+  });
+  EXPECT_EQ(trace(path), 0);
+  EXPECT_EQ(waitpid(forked, nullptr, 0), forked);
+}
+
 TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
   const std::string path = new_file(FRESH);
-  in_child([&] {
-    alarm(20);
-    static pid_t child = -1;
-    const other_process other(path);
-    signal(SIGUSR1, [](int) {
-      child = fork();
-      if (child == 0) _exit(0);
-    });
-    std::thread sender([tracer = pthread_self()] {
-      usleep(50000);
-      pthread_kill(tracer, SIGUSR1);
-    });
-    EXPECT_EQ(trace(path), 0);
-    sender.join();
-    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  in_child([&] { /* while it is written */
+                 meanwhile = {"write", [] { raise(SIGUSR1); }};
+                 trace_and_fork_in_handler(path);
+  });
+  in_child([&] { /* while it is waited for */
+                 const other_process other(path);
+                 std::thread sender([tracer = pthread_self()] {
+                   usleep(50000);
+                   pthread_kill(tracer, SIGUSR1);
+                 });
+                 trace_and_fork_in_handler(path);
+                 sender.join();
   });
 }
 
 TEST_F(trace_file, is_left_unlocked_by_a_thread_that_is_cancelled) {
   const std::string path = new_file(FRESH);
   in_child([&] {
-    alarm(20);
+    die_after(10);
     const size_t open_files = count_files("/proc/self/fd");
     static const std::string* const file = &path;
     pthread_t tracer;
