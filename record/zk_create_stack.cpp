@@ -36,7 +36,7 @@ static int make_unnamed(const char* directory, unnamed_file_t* file) {
   }
 
   /* The file system or the node does not have such files. */
-  int length = std::snprintf(file->path.data(), file->path.size(), "%s/.zelk-%d-%d", directory,
+  int length = std::snprintf(file->path.data(), file->path.size(), "%s/%s%d-%d", directory, ZK_STACK_IN_MAKING,
                              static_cast<int>(getpid()), static_cast<int>(gettid()));
   if (length < 0 || static_cast<size_t>(length) >= file->path.size()) return ENAMETOOLONG;
   unlink(file->path.data()); /* left by a process of the same number that was killed here */

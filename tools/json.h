@@ -1,0 +1,19 @@
+/* json.h - incidents as lines of JSON. */
+#ifndef JSON_H
+#define JSON_H
+
+#include <string>
+
+#include "incident.h"
+#include "stacks.h"
+
+/* Each appends one line to `lines`: an incident; that incidents were overwritten before they could be read; trouble. */
+void write_json(const incident_t& incident, std::string* lines);
+void write_json_gap(const std::string& stack, std::string* lines);
+void write_json_trouble(const std::string& stack, const trouble_t& trouble, std::string* lines);
+
+/* Takes one line as they are written above. An incident is stored in `incident`; of a gap and of trouble, its stack and
+ * what it says, in `stack` and `note`, which is otherwise empty. Returns false when the line is none of them. */
+bool parse_json(const std::string& line, incident_t* incident, std::string* stack, std::string* note);
+
+#endif
