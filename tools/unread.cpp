@@ -44,7 +44,7 @@ trouble_t read_unread(const zk_trace_t& trace, int fildes, const std::string& na
 
   if (mark != nullptr && !is_found) {
     const bool is_same_file = mark->inode == moved->inode && mark->offset != 0;
-    if (trouble.code != ZELK_SUCCESS && is_same_file) { /* the damage keeps the walk from what was given out */
+    if (trouble.code != ZELK_SUCCESS && is_same_file) { /* the walk did not come to what was given out */
       *moved = *mark;
       return trouble;
     }
