@@ -89,7 +89,7 @@ static std::string digits_of(Number number, int base = 10) {
   return {text.data(), end};
 }
 
-static std::string digits_of_double(double number) {
+std::string digits_of_double(double number) {
   std::array<char, 32> text;
   const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), number);
   const std::string_view digits(text.data(), static_cast<size_t>(end - text.data()));

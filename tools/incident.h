@@ -44,6 +44,9 @@ const char* argument_type_name(int32_t type);
  * Returns 0; ZELK_INV_RECLEN; ZELK_INV_RECVERSN; ZELK_REC_CORRUPT. */
 int take_incident(const zk_trace_t& trace, const void* record, incident_t* incident);
 
+/* A number as JSON has it, and recognisable as one with a point. */
+std::string digits_of_double(double number);
+
 /* Times as RFC 3339 has them, in UTC: of seconds, and of microseconds, since the Epoch. */
 std::string utc_time(int64_t seconds);
 std::string utc_time_of_microseconds(int64_t microseconds);

@@ -12,8 +12,12 @@ void write_json(const incident_t& incident, std::string* lines);
 void write_json_gap(const std::string& stack, std::string* lines);
 void write_json_trouble(const std::string& stack, const trouble_t& trouble, std::string* lines);
 
-/* Takes one line as they are written above. An incident is stored in `incident`; of a gap and of trouble, its stack and
- * what it says, in `stack` and `note`, which is otherwise empty. Returns false when the line is none of them. */
-bool parse_json(const std::string& line, incident_t* incident, std::string* stack, std::string* note);
+/* Takes one line as they are written above: an incident, or a note of what the other lines say, which is otherwise empty.
+ * Returns false when the line is none of them. */
+bool parse_json(const std::string& line, incident_t* incident, std::string* note);
+
+/* What a gap and trouble are called for the eye. */
+std::string gap_note(const std::string& stack);
+std::string trouble_note(const std::string& stack, const trouble_t& trouble);
 
 #endif

@@ -80,7 +80,8 @@ static bool is_control(const character_t& character) {
 std::string readable(std::string_view text) {
   return without(text, REPLACEMENT, [](const character_t& character) {
     const bool is_layout = character.code == '\n' || character.code == '\t';
-    const bool is_noncharacter = character.code == 0xFFFE || character.code == 0xFFFF;
+    const bool is_noncharacter =
+        (character.code & 0xFFFE) == 0xFFFE || (character.code >= 0xFDD0 && character.code <= 0xFDEF);
     return !character.is_well_formed || is_noncharacter || (is_control(character) && !is_layout);
   });
 }
