@@ -266,7 +266,7 @@ static std::string make_time_line(const page_t& page) {
   html += make_times(page, places, height);
   for (size_t lane = 0; lane < chain.lane_names.size(); ++lane) {
     const int y = FIRST_LANE + static_cast<int>(lane) * LANE_HEIGHT;
-    html += formatted("<path class=\"lane\" d=\"M0 %dH%d\"/><text class=\"name\" x=\"2\" y=\"%d\">", y, width, y - 6) +
+    html += formatted("<path class=\"lane\" d=\"M0 %dH%d\"/><text class=\"name\" x=\"2\" y=\"%d\">", y, width, y + 22) +
             escaped(chain.lane_names[lane].process) + " " + std::to_string(chain.lane_names[lane].process_id) +
             "</text>\n";
   }
@@ -388,15 +388,17 @@ pre{margin:0;white-space:pre-wrap;font:.9rem/1.4 ui-monospace,monospace}code{fon
 @media (max-width:40rem){dl{grid-template-columns:1fr;gap:0;margin-left:0}dd{margin-bottom:.4rem}}
 @media print{body{max-width:none;padding:0}.lanes{display:none}.timeline{display:block;overflow:visible;border:0}
 svg{width:100%;height:auto}svg .name{display:block}details::details-content{content-visibility:visible;block-size:auto}
-details>*{display:block}dl{display:grid;break-inside:avoid}}
+details>*{display:block}dl{display:grid}summary{break-after:avoid}}
 )";
 
 static std::string make_header(const page_t& page) {
   const chain_t& chain = *page.chain;
   std::string html = "<header>\n<h1>" + count_of(chain.incidents.size(), "incident", "incidents") + "</h1>\n";
   if (!chain.incidents.empty()) {
-    const int64_t first = exact_time(chain.incidents.front());
-    const int64_t last = exact_time(chain.incidents.back());
+    std::vector<int64_t> times;
+    for (const incident_t& incident : chain.incidents) times.push_back(exact_time(incident));
+    const int64_t first = *std::min_element(times.begin(), times.end()); /* a clock may have been set back */
+    const int64_t last = *std::max_element(times.begin(), times.end());
     html += "<p class=\"summary\">" + count_of(chain.lane_names.size(), "process", "processes") + ", from " +
             date_of(first) + " " + clock_of(first) + " to " + date_of(last) + " " + clock_of(last) +
             " UTC. All times are UTC.</p>\n";

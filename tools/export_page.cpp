@@ -13,15 +13,6 @@
 static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;
 static constexpr size_t INPUT_MAX_SIZE = 256 * 1024 * 1024;
 
-std::string gap_note(const std::string& stack) {
-  return stack + ": incidents were overwritten before they could be read";
-}
-
-std::string trouble_note(const std::string& stack, const trouble_t& trouble) {
-  return stack + ": " + trouble.reason +
-         (trouble.offset >= 0 ? " (at offset " + std::to_string(trouble.offset) + ")" : "");
-}
-
 /* Gathers what the stacks hold. Returns the exit status. */
 static int gather(const zk_trace_t& trace, const request_t& request, chain_t* chain) {
   std::vector<std::string> names;

@@ -107,6 +107,15 @@ static bool take_incident(const Value& object, incident_t* incident) {
          take(object, "description", &incident->description) && take(object, "details", &incident->details);
 }
 
+std::string gap_note(const std::string& stack) {
+  return stack + ": incidents were overwritten before they could be read";
+}
+
+std::string trouble_note(const std::string& stack, const trouble_t& trouble) {
+  return stack + ": " + trouble.reason +
+         (trouble.offset >= 0 ? " (at offset " + std::to_string(trouble.offset) + ")" : "");
+}
+
 bool parse_json(const std::string& line, incident_t* incident, std::string* note) {
   constexpr unsigned int FLAGS = rapidjson::kParseIterativeFlag | /* however deep it is */
                                  rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
