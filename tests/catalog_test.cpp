@@ -4,11 +4,12 @@
 #include <nl_types.h>
 #include <sys/mount.h>
 
+#include "qx_cu.h"
+
 #include <clocale>
 #include <filesystem>
 #include <fstream>
 
-#include "qx_cu.h"
 #include "support.h"
 
 static const std::string here = scratch() + "/";
@@ -67,12 +68,11 @@ TEST(catalog, gives_texts_below_64_kib) {
 
 TEST(catalog, is_read_in_pieces_and_after_interruptions_and_closed) {
   const std::string path = catalog("plain.cat", "1 plain\n");
-  const size_t open_files =
-      static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+  const size_t open_files = open_descriptors();
   refuse("read", EINTR, 3);
-  most_at_once = 5;
+  most_read = 5;
   EXPECT_EQ(message_of(path), "plain");
-  most_at_once = SIZE_MAX;
+  most_read = SIZE_MAX;
   refuse("open", EINTR, 2);
   EXPECT_EQ(message_of(path), "plain");
   for (int reads = 0; reads < 3; ++reads) {
@@ -80,8 +80,7 @@ TEST(catalog, is_read_in_pieces_and_after_interruptions_and_closed) {
     EXPECT_EQ(message_of(path), "default");
   }
   EXPECT_EQ(message_of(stored("short", "too short for one")), "default");
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}),
-            static_cast<std::ptrdiff_t>(open_files));
+  EXPECT_EQ(open_descriptors(), open_files);
 }
 
 /* ---- Finding one -------------------------------------------------------------------------------------------------- */
