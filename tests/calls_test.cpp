@@ -12,12 +12,12 @@ namespace {
 
 const nl_catd none = reinterpret_cast<nl_catd>(-1); /* no catalog */
 
-/* A record in memory of its exact size and the one zero byte behind it; never released, as the lists are not. */
+/* A record in memory of its exact size and the one zero byte behind it. */
 void* record_of(const std::string& body) {
   const std::string bytes = image(static_cast<int32_t>(body.size())) + body;
-  static auto& kept = *new std::vector<char*>;
-  kept.push_back(static_cast<char*>(std::memcpy(new char[bytes.size() + 1], bytes.c_str(), bytes.size() + 1)));
-  return kept.back();
+  char* record = new char[bytes.size() + 1];
+  keep(record);
+  return std::memcpy(record, bytes.c_str(), bytes.size() + 1);
 }
 void* with_length(int32_t length) {
   void* record = record_of(incident{}.body());
@@ -62,6 +62,7 @@ TEST(calls, of_the_lists_of_processes) {
   CALL(said, zk_find_proc_in_list, first, &odd_list, &node);
   EXPECT_EQ(node, nullptr);
   said.note("zk_find_proc_in_list(first, &head, &node)", [&](int active, const char* file) {
+    keep(head.next);
     node = head.next = nullptr;
     return zk_find_proc_in_list(active, file, first, &head, &node);
   });
@@ -81,6 +82,7 @@ TEST(calls, of_the_lists_of_processes) {
   CALL(said, zk_add_rec_to_proc, first, node);
   said.compare();
   EXPECT_TRUE(node->records->fid[0] == '\0' && node->records->next->next == nullptr); /* it was added twice */
+  keep(head.next);
   EXPECT_TRUE(node->records->record != first && std::memcmp(node->records->record, first, 100) == 0);
 }
 
@@ -101,10 +103,12 @@ TEST(calls, of_the_table_of_groups) {
   CALL(said, zk_add_unrelated_rec, long_one, &table);
   EXPECT_EQ(table, nullptr);
   said.note("zk_add_unrelated_rec(cause, &table)", [&](int active, const char* file) {
+    keep(table);
     table = nullptr;
     return zk_add_unrelated_rec(active, file, cause, &table);
   });
   said.note("zk_add_unrelated_rec(stray, &table)", [&](int active, const char* file) {
+    keep(table->next);
     table->next = nullptr;
     return zk_add_unrelated_rec(active, file, stray, &table);
   });
@@ -120,6 +124,7 @@ TEST(calls, of_the_table_of_groups) {
   EXPECT_EQ(table->related, nullptr);
   CALL(said, zk_add_related_rec, effect, loc);
   said.compare();
+  keep(table);
   EXPECT_EQ(table->fid, eid("cause"));
   EXPECT_EQ(table->related->fid, eid("effect"));
   EXPECT_EQ(table->next->fid, eid("stray"));
@@ -207,6 +212,8 @@ TEST(calls, of_a_grouped_report) {
 
   EXPECT_EQ(zk_read_stack(0, nullptr, 0, stack, none, &head, nullptr), 0);
   EXPECT_EQ(zk_read_stack(0, nullptr, 1, stack, none, nullptr, &table), 0);
+  keep(head.next);
+  keep(table);
   EXPECT_EQ(lseek(stack, 0, SEEK_CUR), 0);
   CALL_PRINTED(said, zk_display_recs_by_proc, &head, 0, none);
   CALL_PRINTED(said, zk_display_recs_by_proc, &head, 2, none);

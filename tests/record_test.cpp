@@ -190,7 +190,6 @@ TEST(description, fits_the_columns_behind_where_it_starts) {
 
 /* Wherever a record ends, what is missing counts as zeros, and nothing outside is read. */
 TEST(record, may_end_anywhere) {
-  static auto& kept = *new std::vector<void*>; /* lists are never released */
   const std::string body = incident{.arg_count = 1, .args = string_arg("two")}.body();
   for (size_t length = 1; length <= body.size(); ++length) {
     cursor record = record_of(body.substr(0, length));
@@ -205,7 +204,8 @@ TEST(record, may_end_anywhere) {
       const int brief = zk_print_brief_stack_record(0, nullptr, nullptr, 0, none, table->record);
       EXPECT_EQ(zk_print_full_stack_record(0, nullptr, "", none, record.at), brief) << length;
     });
-    kept.insert(kept.end(), {table, head.next});
+    keep(table);
+    keep(head.next);
   }
 }
 

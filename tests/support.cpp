@@ -36,6 +36,11 @@ std::string incident::body() const {
 
 static constexpr int32_t AREA_START = 24;
 
+void keep(const void* memory) {
+  static auto& kept = *new std::vector<const void*>;
+  kept.push_back(memory);
+}
+
 stack::stack(int32_t size)
     : header{AREA_START, AREA_START, AREA_START, size, 0}, area(static_cast<size_t>(size - AREA_START), '\0') {}
 

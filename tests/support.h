@@ -49,6 +49,9 @@ inline std::string string_arg(std::string_view value) {
   return image(int32_t{5}) + text(value);
 }
 
+/* Keeps memory that its routine never releases, such as the lists of a walk, in sight of leak detection. */
+void keep(const void* memory);
+
 /* ---- Stacks -------------------------------------------------------------------------------------------------- */
 
 /* One incident; its body is what follows the length word. Times are seconds since the Epoch. */

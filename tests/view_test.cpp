@@ -72,6 +72,18 @@ TEST_F(many, lose_nothing_of_a_long_report) {
   EXPECT_EQ(at, report.size());
 }
 
+TEST(wrapped_stack, may_be_larger_than_what_is_read_at_once) {
+  stack s(200000);
+  std::string shown = HEADING;
+  s.version = 8;
+  for (const std::string lap : {"older", "newer"}) {
+    if (lap == "newer") s.wrap();
+    for (int n = 0; n < 300; ++n) s.add(lap + std::to_string(n));
+    for (int n = 0; n < 300; ++n) shown += line(lap + std::to_string(n));
+  }
+  for (const char* option : {"-d", "-r", "-p"}) EXPECT_EQ(view(s, {option}), good(shown)) << option;
+}
+
 TEST(walk, leaves_the_stack_at_its_start_unlocked_and_nothing_open) {
   const nl_catd none = reinterpret_cast<nl_catd>(-1);
   for (const std::string& path : {stack().add("A").wrap().add("B").file(), new_file("no stack")})
@@ -87,6 +99,8 @@ TEST(walk, leaves_the_stack_at_its_start_unlocked_and_nothing_open) {
       });
       EXPECT_EQ(lseek(fildes, 0, SEEK_CUR), 0);
       EXPECT_EQ(open_descriptors(), before);
+      keep(table);
+      keep(head.next);
       in_child([&] { EXPECT_EQ(lockf(open(path.c_str(), O_RDWR), F_TLOCK, 0), 0) << order; });
       close(fildes);
     }

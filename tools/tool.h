@@ -8,11 +8,13 @@
 #include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
 
 #include "qx_zelk.h"
+#include "zk_io.h"
 
 /* Exit statuses. */
 enum { TOOL_DONE = 0, TOOL_FAILED = 1, TOOL_MISUSE = 2 };
@@ -23,10 +25,11 @@ struct tool_trace_t {
   std::array<char, ZELK_PATH_SIZE> file;
 };
 
-/* Sets up what every command does before it looks at its options: locale and trace. A file size limit is one more way in
- * which writing fails. */
+/* Sets up what every command does before it looks at its options: standard streams, locale and trace. A file size limit
+ * is one more way in which writing fails. */
 inline tool_trace_t tool_start() {
   tool_trace_t trace = {};
+  if (!zk_fill_standard_streams()) std::exit(TOOL_FAILED);
   std::setlocale(LC_ALL, "");
   std::signal(SIGXFSZ, SIG_IGN);
   const int state = zk_is_debug_file_set(trace.file.data());

@@ -1,4 +1,5 @@
-/* zk_io.h - reading, writing and opening that carry on: after a short or interrupted call, and past a lease. */
+/* zk_io.h - reading, writing and opening that carry on: after a short or interrupted call, and past a lease; and what
+ * keeps them off the standard streams. */
 #ifndef ZK_IO_H
 #define ZK_IO_H
 
@@ -54,6 +55,14 @@ inline int zk_open_regular(const char* path, int flags) {
   bool is_leased = stat(path, &status) == 0 && S_ISREG(status.st_mode);
   errno = EAGAIN;
   return is_leased ? open(path, flags | O_NOCTTY | O_CLOEXEC) : -1;
+}
+
+/* Keeps a stack or a trace file from becoming a standard stream where one is closed. What is written to such a stream
+ * fails. Returns false, with errno set, when that cannot be done. */
+inline bool zk_fill_standard_streams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+    if (fcntl(stream, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDONLY) != stream) return false;
+  return true;
 }
 
 #endif
