@@ -110,11 +110,11 @@ TEST(catalog, is_looked_for_along_nlspath) {
 }
 
 TEST(catalog, is_looked_for_by_the_locale_of_messages_and_then_by_lang) {
-  catalog("[de_DE.UTF-8][de][DE][UTF-8]%", "1 parts of LANG\n");
-  catalog("[fr][fr][][]%", "1 a language alone\n");
-  catalog("[fr.UTF-8][fr][][UTF-8]%", "1 no territory\n");
-  catalog("[fr_FR][fr][FR][]%", "1 no codeset\n");
-  const std::string parts = here + "[%L][%l][%t][%c]%%";
+  catalog("%[de_DE.UTF-8][de][DE][UTF-8]", "1 parts of LANG\n");
+  catalog("%[fr][fr][][]", "1 a language alone\n");
+  catalog("%[fr.UTF-8][fr][][UTF-8]", "1 no territory\n");
+  catalog("%[fr_FR][fr][FR][]", "1 no codeset\n");
+  const std::string parts = here + "%%[%L][%l][%t][%c]";
   EXPECT_EQ(found(parts, "x", "de_DE.UTF-8"), "parts of LANG");
   EXPECT_EQ(found(parts, "x", "fr"), "a language alone");
   EXPECT_EQ(found(parts, "x", "fr.UTF-8"), "no territory");

@@ -93,7 +93,8 @@ TEST(path, cannot_be_told_without_the_right_to_look) {
   EXPECT_EQ(zk_test_for_file(0, nullptr, "file"), -13); /* its folder */
   refuse("stat", EACCES, 1, 1);
   EXPECT_EQ(zk_test_for_dir(0, nullptr, "file"), -25);
-  EXPECT_EQ(zk_test_for_file(0, nullptr, std::string(4096, 'n').c_str()), -1);
+  EXPECT_EQ(zk_test_for_file(0, nullptr, (std::string(4091, '/') + "none").c_str()), -24); /* of 4095 bytes */
+  EXPECT_EQ(zk_test_for_file(0, nullptr, (std::string(4092, '/') + "none").c_str()), -1);
 }
 
 TEST(path, is_a_folder_by_one_bit) {

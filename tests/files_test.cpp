@@ -26,7 +26,9 @@ TEST(space, is_reckoned_at_once_however_much_is_asked_for) {
 
 TEST(space, is_not_reckoned_for_an_unusable_name_or_file_system) {
   off_t size = 99;
+  space = {blocks(100, 20)};
   EXPECT_EQ(zk_determine_max_fsize(0, nullptr, std::string(4097, 'n').c_str(), 10, 0, &size), -1);
+  EXPECT_EQ(zk_determine_max_fsize(0, nullptr, std::string(4096, 'n').c_str(), 10, 0, &size), 0);
   space = {{}}; /* a block size of 0 */
   EXPECT_EQ(zk_determine_max_fsize(0, nullptr, "/folder/file", 10, 0, &size), -1);
 }
@@ -153,6 +155,9 @@ TEST_F(zeros, that_cannot_be_written_give_the_error) {
   lseek(fildes, 100, SEEK_SET);
   EXPECT_EQ(error_of(fildes, INT64_MAX - 99), EFBIG);
   EXPECT_EQ(error_of(fildes, -101), EFBIG);
+  most_written = 0; /* neither progress nor an error */
+  EXPECT_EQ(error_of(fildes, 2000), ENOSPC);
+  most_written = SIZE_MAX;
   bad_place = 1600;
   EXPECT_EQ(error_of(fildes, 2000), EIO);
   bad_place = -1;

@@ -91,7 +91,7 @@ TEST(format, leaves_what_is_no_conversion_as_it_stands_and_takes_nothing) {
 /* Whatever fits is as printf has it, in any locale. */
 static void expect_what_printf_prints(std::mt19937_64& random, const std::string& letters, const std::string& flags) {
   int (*const print)(char*, size_t, const char*, ...) = snprintf; /* whose formats need not be literals */
-  const std::string letter(1, letters[random() % letters.size()]);
+  const std::string letter(1, letters[static_cast<size_t>(random()) % letters.size()]);
   std::string head = "%";
   for (char flag : flags)
     if (random() % 3 == 0) head += flag;

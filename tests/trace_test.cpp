@@ -416,26 +416,28 @@ TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
   });
 }
 
-TEST_F(trace_file, is_left_unlocked_by_a_thread_that_is_cancelled) {
-  const std::string path = new_file(FRESH);
+/* Traces, and returns the result and whether the thread can be cancelled after that. */
+static void* trace_in_thread(void* path) {
+  static std::pair<int, int> result;
+  result.first = trace(*static_cast<const std::string*>(path));
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &result.second);
+  return &result;
+}
+
+TEST_F(trace_file, is_no_place_for_a_thread_to_be_cancelled) {
+  std::string path = new_file(FRESH);
   in_child([&] {
     die_after(10);
-    const size_t open_files = open_descriptors();
-    static const std::string* const file = &path;
+    const other_process other(path);
     pthread_t tracer;
     void* result = nullptr;
-    {
-      const other_process other(path);
-      pthread_create(
-          &tracer, nullptr, [](void*) -> void* { return trace(*file) == 0 && pause() < 0 ? nullptr : nullptr; },
-          nullptr);
-      usleep(50000);
-      EXPECT_EQ(pthread_cancel(tracer), 0);
-    }
-    EXPECT_EQ(pthread_join(tracer, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
-    EXPECT_EQ(trace(path), 0);
-    EXPECT_EQ(open_descriptors(), open_files);
+    ASSERT_EQ(pthread_create(&tracer, nullptr, trace_in_thread, &path), 0);
+    usleep(50000);
+    EXPECT_EQ(pthread_cancel(tracer) + pthread_join(tracer, &result), 0);
+    ASSERT_NE(result, PTHREAD_CANCELED);
+    const auto [traced, could_be_cancelled] = *static_cast<const std::pair<int, int>*>(result);
+    EXPECT_EQ(traced, 0);
+    EXPECT_EQ(could_be_cancelled, PTHREAD_CANCEL_ENABLE);
   });
 }
 
