@@ -38,12 +38,12 @@ ssize_t pwrite(int fildes, const void* bytes, size_t size, off_t position) {
 }
 
 static std::string empty_stack(int32_t size = 8192) {
-  const std::string path = new_file("");
-  unlink(path.c_str());
+  const std::string path = new_file("") + "-stack";
   EXPECT_EQ(zk_create_stack(0, nullptr, path.c_str(), size), 0);
   return path;
 }
 
+/* Texts belong to the caller. */
 static zk_incident_t incident_of(const char* message, const char* details = nullptr) {
   zk_incident_t incident = {};
   incident.process_name = "p";
@@ -52,48 +52,33 @@ static zk_incident_t incident_of(const char* message, const char* details = null
   return incident;
 }
 
-/* Records by a recorder of its own; stores the Error ID. */
-static int record(const std::string& path, const zk_incident_t& incident, std::string* id = nullptr) {
+/* Records by a recorder of its own. Returns the result, and the Error ID. */
+static int record(const std::string& path, const zk_incident_t& incident, char* eid) {
   zk_recorder_t* recorder = nullptr;
-  zk_eid_t eid = "none";
   int result = zk_open_recorder(0, nullptr, path.c_str(), &recorder);
   if (result == 0) result = zk_record_incident(0, nullptr, recorder, &incident, eid);
   zk_close_recorder(recorder);
-  if (id != nullptr) *id = eid;
   return result;
 }
 
-/* An incident that is known by its number. */
+/* Records an incident that is known by its number. */
 static int record(const std::string& path, int number, const std::string& details = "") {
-  return record(path, incident_of(std::to_string(number).c_str(), details.c_str()));
+  zk_eid_t eid;
+  return record(path, incident_of(std::to_string(number).c_str(), details.c_str()), eid);
 }
 
 /* The numbers that `zkview -d` shows, oldest first; the other views must succeed too. */
 static std::vector<int> shown(const std::string& path) {
-  std::vector<int> numbers;
   const outcome dump = run({program("zkview"), "-d", "-s", path});
-  EXPECT_EQ(dump.status, 0) << dump;
   std::istringstream lines(dump.out);
   std::string line;
+  std::vector<int> numbers;
   std::getline(lines, line); /* the heading */
   while (std::getline(lines, line)) numbers.push_back(std::stoi(line.substr(30)));
+  EXPECT_EQ(dump.status, 0) << dump;
   EXPECT_EQ(run({program("zkview"), "-p", "-s", path}).status, 0);
   EXPECT_EQ(run({program("zkview"), "-r", "-s", path}).status, numbers.empty() ? 99 : 0);
   return numbers;
-}
-
-/* The Error IDs of a full report. */
-static std::vector<std::string> ids_in(const std::string& report) {
-  const std::string label = "ZELK Error Identifier:\n\t ";
-  std::vector<std::string> ids;
-  for (size_t at = 0; (at = report.find(label, at)) != report.npos; ++at)
-    if (at == 0 || report[at - 1] == '\n') ids.push_back(report.substr(at + label.size(), 42));
-  return ids;
-}
-static std::vector<std::string> ids_shown(const std::string& path) {
-  const outcome report = run({program("zkview"), "-da", "-s", path});
-  EXPECT_EQ(report.status, 0) << report;
-  return ids_in(report.out);
 }
 
 /* Whether `recorded` ends with `run`. */
@@ -142,35 +127,43 @@ TEST(recording, keeps_its_promise_at_every_write) {
     const std::string path = empty_stack();
     std::vector<int> recorded;
     int32_t size = 0;
-    for (int laps = 0; laps <= 3;) {
-      const int32_t before = write_pos(path);
-      const bool is_next_to_wrap = size > 8192 - before, is_at_a_lap_start = before <= 24 + size;
-      if (is_next_to_wrap || is_at_a_lap_start)
+    for (int wraps = 0; wraps < 3;) {
+      const bool is_wrap = size > 8192 - write_pos(path), is_second_of_lap = write_pos(path) == 24 + size;
+      if (recorded.empty() || is_wrap || is_second_of_lap)
         for (fault_t what : {KILLED_BEFORE, KILLED_WITHIN, KILLED_AFTER, SHORT_WRITE, INPUT_OUTPUT_ERROR, NO_SPACE})
           for (int at = 1; keeps_promise(contents(path), recorded, details, what, at);) ++at;
       recorded.push_back(1000 + static_cast<int>(recorded.size()));
       ASSERT_EQ(record(path, recorded.back(), details), 0);
       if (size == 0) size = write_pos(path) - 24;
-      laps += is_next_to_wrap;
+      wraps += is_wrap;
     }
-    EXPECT_GE(std::ssize(shown(path)) * size, (8192 - 24) / 2);
   }
 }
 
 TEST(stack, never_keeps_less_than_half_of_its_area) {
   const std::string path = empty_stack();
-  unsigned int chance = 1;
-  for (int number = 1000; number < 1300; ++number) {
-    chance = chance * 1103515245 + 12345;
-    ASSERT_EQ(record(path, number, std::string(chance >> 16 & 1023, 'x')), 0);
-    const std::string report = run({program("zkview"), "-da", "-s", path}).out;
-    const auto details = std::count(report.begin(), report.end(), 'x'), records = std::ssize(ids_in(report));
-    const int least = number < 1050 ? 0 : (8192 - 24) / 2; /* it has been filled by then */
-    ASSERT_GE(138 * records + details, least) << number;
+  std::vector<size_t> details;
+  for (unsigned int chance = 1; details.size() < 300; chance = chance * 1103515245 + 12345) {
+    const int number = 1000 + static_cast<int>(details.size());
+    details.push_back(std::min((chance >> 16) % 1500, 886U));
+    ASSERT_EQ(record(path, number, std::string(details.back(), 'x')), 0);
+    size_t kept = 0;
+    for (int each : shown(path)) kept += 138 + details[static_cast<size_t>(each - 1000)];
+    ASSERT_TRUE(details.size() < 60 || kept >= (8192 - 24) / 2) << number; /* by the sixtieth it has been filled */
   }
 }
 
 /* ---- Many at once -------------------------------------------------------------------------------------------------- */
+
+static std::vector<std::string> ids_shown(const std::string& path) {
+  const outcome report = run({program("zkview"), "-da", "-s", path});
+  const std::string label = "ZELK Error Identifier:\n\t 7";
+  std::vector<std::string> ids;
+  for (size_t at = 0; (at = report.out.find(label, at)) != report.out.npos; at += label.size())
+    ids.push_back(report.out.substr(at + label.size() - 1, 42));
+  EXPECT_EQ(report.status, 0) << report;
+  return ids;
+}
 
 /* What orders Error IDs: their time. */
 static std::pair<int64_t, int64_t> time_of(const std::string& id) {
@@ -184,18 +177,17 @@ TEST(recorders, of_many_processes_and_threads_lose_and_mix_nothing) {
   const int log = open(acknowledged.c_str(), O_WRONLY | O_APPEND);
   auto record_many = [&](int number) {
     for (int i = 0; i < 40; ++i) {
-      std::string id;
+      zk_eid_t eid;
       const std::string details(static_cast<size_t>(number * i % 500), 'x');
-      record(path, incident_of("", details.c_str()), &id);
-      if (write(log, id.c_str(), 42) != 42) _exit(1);
+      if (record(path, incident_of("", details.c_str()), eid) != 0 || write(log, eid, 42) != 42) _exit(1);
     }
   };
   std::vector<pid_t> children;
-  for (int number = 0; number < 8; ++number) {
+  while (children.size() < 8) {
     children.push_back(fork());
     if (children.back() != 0) continue;
-    std::thread other(record_many, number);
-    record_many(number + 8);
+    std::thread other(record_many, 7);
+    record_many(static_cast<int>(children.size()));
     other.join();
     _exit(0);
   }
@@ -215,9 +207,11 @@ TEST(recorders, of_many_processes_and_threads_lose_and_mix_nothing) {
 
 TEST(lock, outlives_other_descriptors_and_forked_recorders) {
   const std::string path = empty_stack();
+  const zk_incident_t incident = incident_of("1000");
   zk_recorder_t* recorder = nullptr;
-  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
+  zk_eid_t eid;
   int times_held = 0;
+  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
   at_write = [&] {
     close(open(path.c_str(), O_RDWR));
     in_child([&] { zk_close_recorder(recorder); });
@@ -225,15 +219,10 @@ TEST(lock, outlives_other_descriptors_and_forked_recorders) {
     times_held += lockf(other, F_TLOCK, 0) == -1;
     close(other);
   };
-  const zk_incident_t incident = incident_of("1000");
-  zk_eid_t eid;
   EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
   at_write = [] {};
   EXPECT_EQ(times_held, 3); /* the record, its length, the header */
-  in_child([&] {
-    zk_close_recorder(recorder);
-    EXPECT_EQ(record(path, 1001), 0);
-  });
+  in_child([&] { EXPECT_EQ(record(path, 1001), 0); });
   EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
   EXPECT_EQ(shown(path), (std::vector{1000, 1001, 1000}));
   zk_close_recorder(recorder);
@@ -241,51 +230,196 @@ TEST(lock, outlives_other_descriptors_and_forked_recorders) {
 
 /* ---- Stacks of others ---------------------------------------------------------------------------------------------- */
 
-/* A stack of 8192 bytes by its header, and what is at an offset. */
+/* A stack of 8192 bytes with `records` at an offset. */
 static std::string made(zk_estack_v1_header_t header, size_t offset, const std::string& records) {
   std::string stack = image(0) + image(header);
   stack.resize(8192);
   return stack.replace(offset, records.size(), records);
 }
 
-/* Records of zeros are readable, whatever their length. */
+/* A record of zeros is readable, whatever its length. */
 static std::string zeros(int32_t length) {
   return image(length) + std::string(static_cast<size_t>(length), '\0');
 }
 
 TEST(recorder, goes_on_with_sound_stacks_of_others) {
   struct row_t {
-    int32_t start, write_pos, earliest;
-    uint8_t has_wrapped;
-    size_t offset;
-    std::string records;
-    int lines;
+    std::string stack;
+    int records; /* shown in the end */
   };
   std::vector<row_t> rows = {
-      {24, 24, 24, 0, 24, "", 1},                                       /* empty */
-      {24, 500, 500, 0, 500, "", 1},                                    /* empty, and not at its start */
-      {8000, 8000, 8000, 0, 8000, "", 0},                               /* too small for a record */
-      {7900, 7900, 7900, 0, 7900, "", 1},                               /* room for one or two */
-      {24, 24, 24, 0, 24, zeros(100) + zeros(100), 3},                  /* the header does not tell of them */
-      {24, 128, 128, 1, 24, zeros(100) + zeros(200) + zeros(7854), 0},  /* longer than any record is */
-      {24, 128, 128, 1, 24, zeros(100) + zeros(1118) + zeros(1000), 3}, /* full, to the last byte */
-      {24, 128, 8190, 1, 24, zeros(100), 2},                            /* the older run is used up */
-      {24, 128, 2000, 1, 24, zeros(100) + image(-1) + zeros(3), 2},     /* what nobody reads may be anything */
-      {6000, 7000, 6104, 1, 6000, zeros(100) + zeros(892), 2},          /* one run, after a lap */
-  };
-  for (int32_t length : {1, 4, 46, 94, 95, 1024, 1025, 1118}) {
-    const std::string three = zeros(length) + zeros(length) + zeros(length);
-    rows.push_back({40, 40 + static_cast<int32_t>(three.size()), 40, 0, 40, three, 4});
-  }
+      {made({24, 500, 500, 8192, 0}, 24, ""), 1},                                     /* empty, not at its start */
+      {made({7900, 7900, 7900, 8192, 0}, 24, ""), 1},                                 /* room for two */
+      {made({24, 24, 24, 8192, 0}, 24, zeros(100) + zeros(100)), 3},                  /* unknown to the header */
+      {made({24, 128, 128, 8192, 1}, 24, zeros(100) + zeros(1118) + zeros(1000)), 3}, /* full, without a gap */
+      {made({24, 128, 8190, 8192, 1}, 24, zeros(100)), 2},                            /* the older run is used up */
+      {made({24, 128, 2000, 8192, 1}, 24, zeros(100) + image(-1)), 2},                /* nobody looks behind it */
+      {made({6000, 7000, 6104, 8192, 1}, 6000, zeros(100) + zeros(892)), 2}};         /* one run, after a lap */
+  for (int32_t length : {1, 4, 46, 94, 95, 1024, 1025, 1118})
+    rows.push_back({made({40, 48 + 2 * length, 40, 8192, 0}, 40, zeros(length) + zeros(length)), 3});
   for (const row_t& row : rows) {
-    const std::string path =
-        new_file(made({row.start, row.write_pos, row.earliest, 8192, row.has_wrapped}, row.offset, row.records));
-    const bool is_expected = row.lines > 0;
-    EXPECT_EQ(record(path, 1000) == 0, is_expected) << row.start << " " << row.write_pos << " " << row.records.size();
-    if (!is_expected) continue;
+    const std::string path = new_file(row.stack);
+    EXPECT_EQ(record(path, 1000), 0) << &row - rows.data();
     const outcome report = run({program("zkview"), "-d", "-s", path});
-    EXPECT_EQ(report.status, 0);
-    EXPECT_EQ(std::count(report.out.begin(), report.out.end(), '\n'), 1 + row.lines) << report;
-    EXPECT_TRUE(report.out.ends_with(" 1000\n")) << report;
+    EXPECT_EQ(std::count(report.out.begin(), report.out.end(), '\n'), 1 + row.records) << report;
+    EXPECT_TRUE(report.status == 0 && report.out.ends_with(" 1000\n")) << report;
   }
+  EXPECT_EQ(record(new_file(made({8000, 8000, 8000, 8192, 0}, 24, "")), 1000), -33);
+}
+
+TEST(recorder, refuses_damaged_stacks_and_leaves_them_alone) {
+  const std::string two = zeros(100) + zeros(100), bad_version = image(100) + image(5) + std::string(96, 'x');
+  const std::string stacks[] = {
+      "",
+      image(8) + made({24, 24, 24, 8192, 0}, 24, "").substr(4), /* a later format */
+      made({24, 24, 24, 8192, 0}, 24, "").substr(0, 8191),
+      made({24, 24, 24, 8193, 0}, 24, ""),
+      made({23, 24, 24, 8192, 0}, 24, ""),
+      made({24, 8193, 24, 8192, 1}, 24, two),
+      made({24, -1, 24, 8192, 0}, 24, two),
+      made({128, 232, 24, 8192, 0}, 24, two),
+      made({24, 24, 128, 8192, 0}, 24, ""),
+      made({24, 24, 24, 8192, 1}, 24, two),
+      made({24, 128, 128, 8192, 2}, 24, two),
+      made({24, 231, 24, 8192, 0}, 24, two), /* not behind a record */
+      made({24, 128, 24, 8192, 0}, 24, image(-1) + two),
+      made({24, 2073, 24, 8192, 0}, 24, zeros(2045)),
+      made({24, 1147, 24, 8192, 0}, 24, zeros(1119)),
+      made({24, 128, 24, 8192, 0}, 24, bad_version),
+      made({24, 232, 60, 8192, 1}, 24, two),             /* its oldest record lies within another */
+      made({24, 128, 8100, 8192, 1}, 8100, image(100))}; /* a record goes beyond the end of the file */
+  for (const std::string& stack : stacks) {
+    const std::string path = new_file(stack);
+    EXPECT_EQ(record(path, 1000), -26) << &stack - stacks;
+    EXPECT_TRUE(contents(path) == stack) << &stack - stacks;
+  }
+}
+
+/* ---- Error IDs ----------------------------------------------------------------------------------------------------- */
+
+/* The time in the Error ID that follows one of that time, or a record without one and of that time field. */
+static std::string time_after(const std::string& time, int32_t seconds = 0) {
+  std::string newest = zeros(100);
+  zk_eid_t eid;
+  if (!time.empty()) newest.replace(8, 42, "7......" + time + std::string(24, '.') + "/");
+  newest.replace(94, 4, image(seconds));
+  EXPECT_EQ(record(new_file(made({24, 128, 24, 8192, 0}, 24, newest)), incident_of(""), eid), 0);
+  return std::string(eid).substr(7, 10);
+}
+
+TEST(error_id, is_later_than_the_newest_record_whatever_the_clock_says) {
+  EXPECT_EQ(time_after(".....0zzz/"), ".....0...0"); /* in 2038, and 524,287 microseconds */
+  EXPECT_EQ(time_after("zzzz.0z6o1"), "..../0...."); /* 999,999 microseconds */
+  EXPECT_EQ(time_after("", 2147483647), "zzzzz//...");
+  const int64_t now = time(nullptr);
+  for (const char* last_or_none : {"zzzzzzz6o1", ".........."})
+    EXPECT_LT(time_of("7......" + time_after(last_or_none)).first - now, 60);
+}
+
+TEST(error_id, names_stack_and_node) {
+  const std::string path = empty_stack(), given = "/...z/...................";
+  std::string own(25, '.'), entry(7, '\0');
+  char type = '/';
+  zk_get_ipaddr(0, nullptr, own.data(), &type);
+  own[24] = type;
+  EXPECT_EQ(zk_get_base_64_inode(0, nullptr, path.c_str(), entry.data()), 0);
+  for (const std::string& value :
+       {given.substr(0, 24), given + ".", "*" + given.substr(1), given.substr(1) + "0", given}) {
+    zk_eid_t eid;
+    setenv("ZELKADDR", value.c_str(), 1);
+    EXPECT_EQ(record(path, incident_of(""), eid), 0);
+    EXPECT_EQ(std::string(eid).substr(0, 7), "7" + entry.substr(0, 6));
+    EXPECT_EQ(std::string(eid).substr(17), value == given ? given : own) << value;
+    EXPECT_EQ(getenv("ZELKADDR"), value);
+  }
+  unsetenv("ZELKADDR");
+}
+
+/* ---- What is recorded ---------------------------------------------------------------------------------------------- */
+
+/* The body that an incident becomes in a new stack, from the process name on. */
+static std::string texts_of(const zk_incident_t& incident) {
+  const std::string path = empty_stack();
+  zk_eid_t eid;
+  EXPECT_EQ(record(path, incident, eid), 0);
+  EXPECT_LE(write_pos(path), 28 + 1024);
+  return contents(path).substr(122, static_cast<size_t>(write_pos(path) - 122));
+}
+
+TEST(details, are_cut_to_a_body_of_1024_bytes) {
+  const std::string a(2000, 'a');
+  std::string two_bytes, four_bytes;
+  for (int i = 0; i < 500; ++i) two_bytes += "\u00e9", four_bytes += "\U0001f600";
+  const struct {
+    size_t message; /* characters; the details, with their end, have 895 less that */
+    std::string details, kept;
+  } rows[] = {{1, a.substr(0, 893), a.substr(0, 893)},
+              {1, a.substr(0, 894), a.substr(0, 890) + "..."},
+              {2, two_bytes, two_bytes.substr(0, 888) + "..."},
+              {1, four_bytes, four_bytes.substr(0, 888) + "..."},
+              {1, std::string(2000, '\x80'), std::string(890, '\x80') + "..."}, /* is no UTF-8 */
+              {891, "abc", "abc"},
+              {891, "abcd", "..."},
+              {892, "abc", ""},
+              {894, "abc", ""}};
+  for (const auto& row : rows) {
+    const std::string message(row.message, 'm');
+    EXPECT_EQ(texts_of(incident_of(message.c_str(), row.details.c_str())).substr(35 + row.message), text(row.kept));
+  }
+}
+
+TEST(record, holds_every_field_and_kind_of_argument) {
+  char characters[] = "text";
+  cu_error_arg_t arguments[7] = {};
+  for (int kind = 0; kind < 7; ++kind) arguments[kind].cu_arg_type = kind;
+  arguments[0].cu_arg_value.cu_arg_int = -1;
+  arguments[1].cu_arg_value.cu_arg_long = 2;
+  arguments[2].cu_arg_value.cu_arg_long_long = -3;
+  arguments[3].cu_arg_value.cu_arg_double = 4.5;
+  arguments[5].cu_arg_value.cu_arg_char_str = characters;
+  arguments[6].cu_arg_value.cu_arg_void_ptr = characters;
+  std::string pointer = image(&characters);
+  pointer.resize(8);
+  EXPECT_EQ(texts_of({"name", 11, 12, 13, "file", "1.2", "product", 14, "catalog", 15, 16, "message", arguments, 7,
+                      "details", eid("cause").c_str()}),
+            text("name") + image(11) + image(12) + image(13) + text("file") + text("1.2") + text("product") +
+                image(14) + text("catalog") + image(15) + image(16) + text("message") + image(7) + /* arguments: */
+                image(0) + image(-1) + image(0) + image(1) + image(2) + image(0) + image(2) + image(int64_t{-3}) +
+                image(3) + image(4.5) + image(4) + image(int64_t{0}) + image(5) + text("text") + image(6) + pointer +
+                text("details"));
+  EXPECT_EQ(texts_of({}),
+            text("recorder_test") + image(getpid()) + image(getppid()) + image(gettid()) + std::string(26, '\0'));
+}
+
+TEST(incident, is_checked_in_order) {
+  const std::string path = empty_stack(), before = contents(path), too_long(895, 'm'), forty_three(43, 'x');
+  zk_recorder_t* recorder = nullptr;
+  EXPECT_EQ(zk_open_recorder(0, nullptr, nullptr, nullptr), -4);
+  EXPECT_EQ(zk_open_recorder(0, nullptr, "", nullptr), -4);
+  EXPECT_EQ(zk_open_recorder(0, nullptr, path.c_str(), nullptr), -5);
+  for (auto [name, result] : {std::pair{"/nowhere", -24}, {"/dev/null/x", -25}, {"/dev/null", -26}, {"/", -1}})
+    EXPECT_EQ(zk_open_recorder(0, nullptr, name, &recorder), result);
+  EXPECT_EQ(recorder, nullptr);
+  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
+
+  zk_eid_t eid = "none";
+  cu_error_arg_t of_no_kind = {7, {}}, no_text = {5, {}}, *no_argument = nullptr;
+  zk_incident_t bad = incident_of(too_long.c_str());
+  bad.argument_count = 1;
+  bad.associated_eid = forty_three.c_str();
+  EXPECT_EQ(zk_record_incident(0, nullptr, nullptr, nullptr, nullptr), -4);
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, nullptr, nullptr), -5);
+  for (const cu_error_arg_t* argument : {no_argument, &of_no_kind, &no_text}) {
+    bad.arguments = argument;
+    EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, nullptr), -5);
+  }
+  bad.argument_count = 0;
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, nullptr), -6);
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, eid), -36);
+  bad.associated_eid = "";
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, eid), -33);
+  EXPECT_STREQ(eid, "");
+  EXPECT_TRUE(contents(path) == before);
+  zk_close_recorder(recorder);
+  zk_close_recorder(nullptr);
 }
