@@ -101,6 +101,9 @@ TEST(catalog, is_looked_for_along_nlspath) {
   EXPECT_EQ(found(here + "%q%N:" + here + "%N%:" + here + "%N", "plain.cat"), "plain");
   EXPECT_EQ(found(here + "plain.cat%q:" + here + "plain.cat%", "x"), "default");
   EXPECT_EQ(found(std::string(5000, '/') + here + "%N:" + here + "%N", "plain.cat"), "plain");
+  const std::string longest = std::string(4095 - here.size() - 9, '/') + here + "plain.cat";
+  EXPECT_EQ(found(longest, "x"), "plain");
+  EXPECT_EQ(found(longest + "x", "x"), "default");
   EXPECT_EQ(found("/none:", "plain.cat"), "plain"); /* an empty element: the current folder */
   EXPECT_EQ(found(here + "%L/%N", "both"), "of C");
   stored("C/plain.cat", "not a catalog");
