@@ -1,6 +1,10 @@
 /* The routines of the libraries and of the command, beside what they are held against. */
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
@@ -8,6 +12,7 @@
 #include <cstring>
 
 #include "inputs.h"
+#include "qx_record.h"
 #include "zk_int.h"
 #include "zk_msg.h"
 #include "zkrecord.h"
@@ -148,3 +153,96 @@ static void trace_entry_bare_calls(benchmark::State& state) {
   unlink(path.c_str());
 }
 BENCHMARK(trace_entry_bare_calls);
+
+/* ---- Recording ----------------------------------------------------------------------------------------------------- */
+
+static const char DETAILS[] = "state      degraded, 7 of 8 disks\nredundancy none until a disk is replaced";
+
+static void record_incident(benchmark::State& state) {
+  const std::string path = "/tmp/zkview-bench-stack";
+  unlink(path.c_str());
+  zk_recorder_t* recorder = nullptr;
+  zk_create_stack(0, nullptr, path.c_str(), 16384);
+  if (zk_open_recorder(0, nullptr, path.c_str(), &recorder) != 0) std::abort();
+  zk_incident_t incident = {};
+  incident.default_message = "Volume archive is degraded.";
+  incident.details = DETAILS;
+  for (auto _ : state) {
+    zk_eid_t eid;
+    if (zk_record_incident(0, nullptr, recorder, &incident, eid) != 0) state.SkipWithError("not recorded");
+  }
+  zk_close_recorder(recorder);
+  unlink(path.c_str());
+}
+BENCHMARK(record_incident);
+
+/* The system calls of an incident in a stack that has wrapped, without what is between them. */
+static void record_incident_bare_calls(benchmark::State& state) {
+  const std::string path = new_file(std::string(16384, ' '));
+  const int fildes = open(path.c_str(), O_RDWR);
+  char header[24], record[240] = "";
+  struct flock whole = {};
+  whole.l_whence = SEEK_SET;
+  struct stat status;
+  for (off_t at = 24; auto _ : state) {
+    bool is_done = getpid() > 0 && getppid() >= 0 && gettid() > 0;
+    whole.l_type = F_WRLCK;
+    is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0 && fstat(fildes, &status) == 0;
+    is_done = is_done && pread(fildes, header, sizeof header, 0) > 0 && pread(fildes, record, 43, at) > 0;
+    is_done = is_done && pwrite(fildes, header, 20, 4) > 0 && pwrite(fildes, record, sizeof record, at) > 0;
+    is_done = is_done && pwrite(fildes, header, 20, 4) > 0;
+    whole.l_type = F_UNLCK;
+    is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0;
+    if (!is_done) state.SkipWithError("a call failed");
+    at = at < 16000 ? at + static_cast<off_t>(sizeof record) : 24;
+  }
+  close(fildes);
+  unlink(path.c_str());
+}
+BENCHMARK(record_incident_bare_calls);
+
+static void insert_into_sqlite(benchmark::State& state) {
+  const std::string path = new_file("");
+  sqlite3* database = nullptr;
+  sqlite3_stmt* insert = nullptr;
+  sqlite3_open(path.c_str(), &database);
+  sqlite3_exec(database,
+               "PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;"
+               "CREATE TABLE incident(id TEXT PRIMARY KEY, time INTEGER, process TEXT, description TEXT, details TEXT)",
+               nullptr, nullptr, nullptr);
+  sqlite3_prepare_v2(database, "INSERT INTO incident VALUES(?, ?, 'stn_volmgr', 'Volume archive is degraded.', ?)", -1,
+                     &insert, nullptr);
+  for (int number = 0; auto _ : state) {
+    const std::string eid = bench_eid(++number);
+    sqlite3_bind_text(insert, 1, eid.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_int(insert, 2, 1790000000 + number);
+    sqlite3_bind_text(insert, 3, DETAILS, -1, SQLITE_STATIC);
+    if (sqlite3_step(insert) != SQLITE_DONE) state.SkipWithError("not inserted");
+    sqlite3_reset(insert);
+  }
+  sqlite3_finalize(insert);
+  sqlite3_close(database);
+  for (const char* suffix : {"", "-wal", "-shm"}) unlink((path + suffix).c_str());
+}
+BENCHMARK(insert_into_sqlite);
+
+/* What syslog(3) does: formats a line with the time, and sends it to a local socket. A reader takes it there. */
+static void send_to_syslog_socket(benchmark::State& state) {
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_DGRAM, 0, pair) != 0) std::abort();
+  for (auto _ : state) {
+    char line[512], when[32];
+    const time_t now = time(nullptr);
+    tm parts;
+    strftime(when, sizeof when, "%h %e %T", localtime_r(&now, &parts));
+    const int size = std::snprintf(line, sizeof line, "<27>%s stn_volmgr[%d]: Volume archive is degraded. %s", when,
+                                   static_cast<int>(getpid()), DETAILS);
+    if (send(pair[0], line, static_cast<size_t>(size), MSG_NOSIGNAL) != size) state.SkipWithError("not sent");
+    state.PauseTiming();
+    if (recv(pair[1], line, sizeof line, 0) != size) state.SkipWithError("not received");
+    state.ResumeTiming();
+  }
+  close(pair[0]);
+  close(pair[1]);
+}
+BENCHMARK(send_to_syslog_socket);

@@ -98,7 +98,7 @@ int zk_get_rec_substring(int debug_active, const char* debug_file, void** buffer
   zk_cursor_t cursor = cursor_of(buffer, remaining_len);
   const char* text = take_text({debug_active, debug_file, __func__}, &cursor);
   if (text == nullptr) return ZELK_REC_CORRUPT;
-  std::memcpy(substring, text, std::strlen(text));
+  std::copy_n(text, std::strlen(text), substring); /* without a terminator */
   store(cursor, buffer, remaining_len);
   return ZELK_SUCCESS;
 }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
@@ -35,11 +36,12 @@ static int make_unnamed(const char* directory, unnamed_file_t* file) {
     return errno;
   }
 
-  /* The file system or the node does not have such files. */
-  int length = std::snprintf(file->path.data(), file->path.size(), "%s/%s%d-%d", directory, ZK_STACK_IN_MAKING,
-                             static_cast<int>(getpid()), static_cast<int>(gettid()));
+  /* The file system or the node does not have such files. The name is new, also among nodes that share the directory. */
+  uint64_t number;
+  if (getentropy(&number, sizeof number) != 0) return errno;
+  int length =
+      std::snprintf(file->path.data(), file->path.size(), "%s/%s%016" PRIx64, directory, ZK_STACK_IN_MAKING, number);
   if (length < 0 || static_cast<size_t>(length) >= file->path.size()) return ENAMETOOLONG;
-  unlink(file->path.data()); /* left by a process of the same number that was killed here */
   file->fildes = open(file->path.data(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, PERMISSIONS);
   file->is_named = file->fildes != -1;
   return file->is_named ? 0 : errno;

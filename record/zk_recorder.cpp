@@ -50,6 +50,13 @@ static bool set_lock(int fildes, short type) {
   return result == 0;
 }
 
+/* A thread that is cancelled between two calls would leave the stack locked, or open. Returns the state to restore. */
+static int put_off_cancellation() {
+  int state;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  return state;
+}
+
 /* Reads from the start of the file, as much as a stack can have. Returns 0; ZELK_FAILURE. */
 static int read_state(int fildes, size_t size, zk_stack_state_t* state) {
   size_t taken = zk_read_at(fildes, state->bytes.data(), size, 0);
@@ -71,20 +78,17 @@ static bool is_unchanged(const zk_recorder_t& recorder) {
          std::memcmp(eid, state.bytes.data() + position, sizeof eid) == 0;
 }
 
-/* Learns the state of the locked stack. Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
-static int learn_state(const zk_trace_t& trace, zk_recorder_t* recorder) {
+/* Learns the state of the locked stack. Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE with errno set. */
+static int learn_state(zk_recorder_t* recorder) {
   zk_stack_state_t* state = &recorder->state;
   struct stat status;
   if (fstat(recorder->fildes, &status) != 0) return ZELK_FAILURE;
   const bool has_size = status.st_size == state->size;
   if (has_size && is_unchanged(*recorder)) return ZELK_SUCCESS;
   recorder->is_known = false;
-  if (!has_size) return zk_failed(trace, ZELK_FILE_CORRUPT, "The stack has another size\nReturning %s(%d) to caller");
-  if (read_state(recorder->fildes, static_cast<size_t>(state->size), state) != ZELK_SUCCESS)
-    return zk_failed(trace, ZELK_FAILURE, "Cannot read the stack - error code %d\nReturning %s(%d) to caller", errno);
-  if (!zk_take_stack_header(state) || !zk_take_stack_records(state))
-    return zk_failed(trace, ZELK_FILE_CORRUPT, "The stack is damaged\nReturning %s(%d) to caller");
-  return ZELK_SUCCESS;
+  if (!has_size) return ZELK_FILE_CORRUPT;
+  if (read_state(recorder->fildes, static_cast<size_t>(state->size), state) != ZELK_SUCCESS) return ZELK_FAILURE;
+  return zk_take_stack_header(state) && zk_take_stack_records(state) ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
 }
 
 /* Writes `size` bytes at `position`, in the file and in what is known of it. Returns false with errno set. */
@@ -148,7 +152,7 @@ static bool is_address(const char* text) {
   return std::strspn(text, base64_table) == ADDR_WIDTH && (type == IPV4_TYPE || type == IPV6_TYPE);
 }
 
-/* The time of the newest record, by its Error ID or, where that has none, by its time field; zero for none. */
+/* The time of the newest record, by its Error ID or, where it has none, by its time field; zero for none. */
 static timeval newest_time(const zk_stack_state_t& state) {
   timeval time = {};
   if (state.newest == 0) return time;
@@ -158,21 +162,22 @@ static timeval newest_time(const zk_stack_state_t& state) {
   std::memcpy(&length, record, sizeof length);
   if (length >= ZK_REC_RELATED_POS - ZK_REC_LENGTH_SIZE) std::memcpy(eid, record + ZK_REC_EID_POS, ZELK_EID_LENGTH);
   const zk_eid_parts_t* parts = reinterpret_cast<const zk_eid_parts_t*>(eid);
-  if (std::strlen(eid) == ZELK_EID_LENGTH && zk_conv_base_64_time(0, nullptr, parts->time, &time) == ZELK_SUCCESS &&
-      time.tv_sec <= INT32_MAX)
+  if (std::strlen(eid) == ZELK_EID_LENGTH && zk_conv_base_64_time(0, nullptr, parts->time, &time) == ZELK_SUCCESS)
     return time;
   if (length >= ZK_REC_NAME_POS - ZK_REC_LENGTH_SIZE) std::memcpy(&seconds, record + ZK_REC_TIME_POS, sizeof seconds);
   return {.tv_sec = seconds, .tv_usec = 0};
 }
 
-/* Now, or a microsecond after the newest record where the clock does not tell of a later time. */
+/* Now, or a microsecond after the newest record where the clock does not tell of a later time. (Behind the last second
+ * that an Error ID can hold comes now.) */
 static timeval next_time(const zk_stack_state_t& state) {
+  constexpr int64_t SECONDS_END = int64_t{1} << (6 * SECONDS_WIDTH);
   timeval now;
   gettimeofday(&now, nullptr);
   timeval after = newest_time(state);
   if (++after.tv_usec == 1000000) after = {.tv_sec = after.tv_sec + 1, .tv_usec = 0};
   const bool is_later = now.tv_sec != after.tv_sec ? now.tv_sec > after.tv_sec : now.tv_usec >= after.tv_usec;
-  return is_later ? now : after;
+  return is_later || after.tv_sec >= SECONDS_END ? now : after;
 }
 
 static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_t eid) {
@@ -199,6 +204,53 @@ static void take_own_address(const zk_trace_t& trace, std::array<char, ADDR_WIDT
   (*address)[ADDR_CODE_WIDTH] = type;
 }
 
+/* Moves a descriptor away from the standard streams: what a program prints must not get into a stack. Returns false, with
+ * errno set, when that cannot be done. */
+static bool leave_standard_streams(int* fildes) {
+  if (*fildes > STDERR_FILENO) return true;
+  const int moved = fcntl(*fildes, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (moved == -1) return false;
+  close(*fildes);
+  *fildes = moved;
+  return true;
+}
+
+/* Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
+static int read_header(zk_recorder_t* recorder) {
+  if (read_state(recorder->fildes, ZK_STACK_RECORDS_MIN, &recorder->state) != ZELK_SUCCESS) return ZELK_FAILURE;
+  return zk_take_stack_header(&recorder->state) ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
+}
+
+/* Learns of the open file what stays as it is, and looks whether it is a stack. Returns as read_header. */
+static int take_stack(zk_recorder_t* recorder) {
+  struct stat status;
+  if (fstat(recorder->fildes, &status) != 0) return ZELK_FAILURE;
+  if (!S_ISREG(status.st_mode) || status.st_size < ZK_STACK_SIZE_MIN || status.st_size > ZK_STACK_SIZE_MAX)
+    return ZELK_FILE_CORRUPT;
+  recorder->inode = status.st_ino;
+  recorder->is_known = false;
+  recorder->state.size = static_cast<int32_t>(status.st_size);
+  recorder->state.newest = 0;
+
+  int result = read_header(recorder);
+  if (result == ZELK_FILE_CORRUPT && set_lock(recorder->fildes, F_WRLCK)) {
+    result = read_header(recorder); /* another recorder may have been writing it */
+    set_lock(recorder->fildes, F_UNLCK);
+  }
+  return result;
+}
+
+/* Opens the stack into `recorder`, whose descriptor is -1 after a failure to open it. Returns as zk_open_recorder. */
+static int open_stack(const zk_trace_t& trace, const zk_stack_path_t& path, zk_recorder_t* recorder) {
+  recorder->fildes = -1;
+  int result = zk_open_stack_path(trace, path, &recorder->fildes);
+  if (result != ZELK_SUCCESS) return result;
+  if (!leave_standard_streams(&recorder->fildes)) return ZELK_TOO_MANY;
+  result = take_stack(recorder);
+  if (result == ZELK_SUCCESS) take_own_address(trace, &recorder->own_address);
+  return result;
+}
+
 int zk_open_recorder(int debug_active, const char* debug_file, const char* stack_file, zk_recorder_t** recorder) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (stack_file == nullptr || *stack_file == '\0')
@@ -210,27 +262,12 @@ int zk_open_recorder(int debug_active, const char* debug_file, const char* stack
   if (opened == nullptr)
     return zk_failed(trace, ZELK_NO_MEMORY, "No memory for a recorder\nReturning %s(%d) to caller");
   const zk_stack_path_t path = zk_stack_path(stack_file);
-  int result = zk_open_stack_path(trace, path, &opened->fildes);
-  if (result != ZELK_SUCCESS) {
-    free(opened);
-    return result;
-  }
-
-  struct stat status = {};
-  bool is_stack = fstat(opened->fildes, &status) == 0 && S_ISREG(status.st_mode) &&
-                  status.st_size >= ZK_STACK_SIZE_MIN && status.st_size <= ZK_STACK_SIZE_MAX;
-  opened->inode = status.st_ino;
-  opened->is_known = false;
-  opened->state.size = static_cast<int32_t>(status.st_size);
-  opened->state.newest = 0;
-  if (is_stack) result = read_state(opened->fildes, ZK_STACK_RECORDS_MIN, &opened->state);
-  if (result == ZELK_SUCCESS && !(is_stack && zk_take_stack_header(&opened->state))) result = ZELK_FILE_CORRUPT;
-  if (result != ZELK_SUCCESS) {
-    zk_close_recorder(opened);
-    return zk_failed(trace, result, "%s is not a stack that can be recorded into\nReturning %s(%d) to caller",
-                     path.data());
-  }
-  take_own_address(trace, &opened->own_address);
+  const int cancel_state = put_off_cancellation();
+  const int result = open_stack(trace, path, opened);
+  if (result != ZELK_SUCCESS) zk_close_recorder(opened);
+  pthread_setcancelstate(cancel_state, nullptr);
+  if (result != ZELK_SUCCESS)
+    return zk_failed(trace, result, "Cannot record into stack %s\nReturning %s(%d) to caller", path.data());
   *recorder = opened;
   return zk_succeeded(trace, "Stack %s opened for recording\nReturning %s(%d) to caller", path.data());
 }
@@ -249,26 +286,24 @@ static bool is_eid_or_empty(const char* text) {
   return text == nullptr || *text == '\0' || strnlen(text, ZELK_EID_SIZE) == ZELK_EID_LENGTH;
 }
 
-/* Records under the lock; `image` is that of the incident for any stack of usual size. */
-static int record_locked(const zk_trace_t& trace, zk_recorder_t* recorder, const zk_incident_t& incident,
-                         zk_record_image_t* image, zk_eid_t eid) {
+/* Records under the lock; `image` is that of the incident for any stack of usual size. Returns as zk_record_incident; errno
+ * says why something could not be read or written. Nothing is traced here: the trace file has a lock of its own. */
+static int record_locked(zk_recorder_t* recorder, const zk_incident_t& incident, zk_record_image_t* image,
+                         zk_eid_t eid) {
   static constexpr zk_errno_result WRITE_RESULTS[] = {
       {ENOSPC, ZELK_NO_SPACE}, {EFBIG, ZELK_NO_SPACE}, {EDQUOT, ZELK_NO_SPACE}};
-  int result = learn_state(trace, recorder);
+  int result = learn_state(recorder);
   if (result != ZELK_SUCCESS) return result;
 
   const size_t body_max = zk_longest_body(recorder->state);
   if (body_max < ZK_REC_LISTED_MAX && zk_make_record_image(incident, body_max, image) != ZELK_SUCCESS)
-    return zk_failed(trace, ZELK_INV_RECLEN, "The stack is too small for the incident\nReturning %s(%d) to caller");
+    return ZELK_INV_RECLEN;
   const timeval time = next_time(recorder->state);
   make_eid(*recorder, time, eid);
   zk_stamp_record_image(image, eid, static_cast<int32_t>(time.tv_sec));
   const zk_placement_t place = zk_place_record(recorder->state, static_cast<int32_t>(image->size));
   recorder->is_known = write_record(recorder, place, image);
-  if (recorder->is_known) return ZELK_SUCCESS;
-  const int error = errno;
-  return zk_failed(trace, zk_result_of_errno(error, WRITE_RESULTS),
-                   "Cannot write into the stack - error code %d\nReturning %s(%d) to caller", error);
+  return recorder->is_known ? ZELK_SUCCESS : zk_result_of_errno(errno, WRITE_RESULTS);
 }
 
 int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* recorder, const zk_incident_t* incident,
@@ -290,25 +325,23 @@ int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* 
   if (zk_make_record_image(*incident, ZK_REC_LISTED_MAX, &image) != ZELK_SUCCESS)
     return zk_failed(trace, ZELK_INV_RECLEN, "The incident is too long for a record\nReturning %s(%d) to caller");
 
-  /* A thread that is cancelled here would leave the stack locked. */
-  int cancel_state;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+  const int cancel_state = put_off_cancellation();
   int result = ZELK_LOCK;
   zk_eid_t made = {};
-  if (set_lock(recorder->fildes, F_WRLCK)) {
-    result = record_locked(trace, recorder, *incident, &image, made);
-    set_lock(recorder->fildes, F_UNLCK);
-  } else {
-    zk_failed(trace, result, "Failure to lock stack - error code %d\nReturning %s(%d) to caller", errno);
-  }
+  const bool is_locked = set_lock(recorder->fildes, F_WRLCK);
+  if (is_locked) result = record_locked(recorder, *incident, &image, made);
+  const int error = errno;
+  if (is_locked) set_lock(recorder->fildes, F_UNLCK);
   pthread_setcancelstate(cancel_state, nullptr);
-  if (result != ZELK_SUCCESS) return result;
+  if (result != ZELK_SUCCESS)
+    return zk_failed(trace, result, "Cannot record the incident - error code %d\nReturning %s(%d) to caller", error);
   std::memcpy(eid, made, sizeof made);
   return zk_succeeded(trace, "Recorded incident %s\nReturning %s(%d) to caller", eid);
 }
 
 void zk_close_recorder(zk_recorder_t* recorder) {
   if (recorder == nullptr) return;
-  close(recorder->fildes); /* and with it the lock, unless a process that was forked has the file open too */
+  if (recorder->fildes != -1)
+    close(recorder->fildes); /* and with it the lock, unless a process that was forked has the file open too */
   free(recorder);
 }

@@ -100,31 +100,35 @@ bool zk_take_stack_header(zk_stack_state_t* state) {
   if (header.file_size != state->size) return false;
   if (header.records_start < ZK_STACK_RECORDS_MIN || !is_in_area(header.records_start)) return false;
   if (!is_in_area(header.write_pos) || !is_in_area(header.earliest_rec)) return false;
-  return header.has_wrapped == 1 || (header.has_wrapped == 0 && header.earliest_rec <= header.write_pos);
+  if (header.has_wrapped == 1) return header.write_pos > header.records_start; /* a lap begins with its first record */
+  return header.has_wrapped == 0 && header.earliest_rec <= header.write_pos;
+}
+
+static bool has_two_runs(const zk_estack_v1_header_t& header) {
+  return header.has_wrapped == 1 && header.earliest_rec >= header.write_pos;
+}
+
+/* Follows the records from `position` to write_pos or to the end of their lap. Returns where that is, -1 for a record
+ * that cannot be read. */
+static int32_t follow_run(zk_stack_state_t* state, int32_t position) {
+  for (;;) {
+    const int32_t length = body_length(*state, position);
+    if (length < 0) return -1;
+    if (length == 0) return position;
+    state->newest = position;
+    position = behind_record(*state, position);
+    if (position == state->header.write_pos) return position;
+  }
 }
 
 bool zk_take_stack_records(zk_stack_state_t* state) {
   zk_estack_v1_header_t& header = state->header;
-  const bool is_empty = header.earliest_rec == header.write_pos && header.has_wrapped == 0;
-  bool may_wrap = header.has_wrapped == 1;
-  int32_t position = header.earliest_rec;
   state->newest = 0;
-  for (;;) {
-    int32_t length = body_length(*state, position);
-    if (length < 0) return false;
-    if (length == 0 && !may_wrap) break;
-    if (length == 0) {
-      may_wrap = false;
-      position = header.records_start;
-      continue;
-    }
-    state->newest = position;
-    position = behind_record(*state, position);
-    if (position == header.write_pos) return true;
-  }
-  if (!is_empty) return false;
-  header.write_pos = position;
-  return true;
+  int32_t end = follow_run(state, header.earliest_rec);
+  if (end != -1 && has_two_runs(header)) end = follow_run(state, header.records_start);
+  if (end == -1) return false;
+  if (header.has_wrapped == 0 && header.earliest_rec == header.write_pos) header.write_pos = end; /* without records */
+  return end == header.write_pos;
 }
 
 size_t zk_longest_body(const zk_stack_state_t& state) {
@@ -138,13 +142,12 @@ size_t zk_longest_body(const zk_stack_state_t& state) {
 zk_placement_t zk_place_record(const zk_stack_state_t& state, int32_t size) {
   const zk_estack_v1_header_t& header = state.header;
   zk_placement_t place = {header.write_pos, header.earliest_rec, size > state.size - header.write_pos};
-  bool has_two_runs = header.has_wrapped == 1 && header.earliest_rec >= header.write_pos;
   if (place.is_wrap) {
     place.position = header.records_start;
-    if (has_two_runs) place.earliest = header.records_start; /* the older run ends where the lap does */
-    has_two_runs = true;                                     /* once the record is there */
+    if (has_two_runs(header)) place.earliest = header.records_start; /* the older run ends where the lap does */
+  } else if (!has_two_runs(header)) {
+    return place;
   }
-  if (!has_two_runs) return place;
 
   /* Behind the record comes the oldest one, or a length word of 0 and then the oldest one. */
   const int32_t end = place.position + size;

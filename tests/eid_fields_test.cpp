@@ -1,9 +1,11 @@
 /* Base-64 numbers and the fields of an Error ID. */
 #include "faults.h"
 
+#include <filesystem>
+#include <fstream>
 #include <random>
 
-#include "transcript.h"
+#include "support.h"
 
 static std::string digits(uint64_t value, int length = 8) {
   char text[8] = "stale";
@@ -83,10 +85,10 @@ TEST(fields, inode_search_keeps_to_its_slots_and_closes_the_directory) {
     std::filesystem::create_hard_link(folder + "/" + longest, folder + name);
   std::string slots(3 * 256, '#'), entry(7, '\0');
   ASSERT_EQ(zk_get_base_64_inode(0, nullptr, (folder + "/second").c_str(), entry.data()), 0);
-  const size_t open_files = count_files("/proc/self/fd");
+  const size_t open_files = open_descriptors();
   EXPECT_EQ(zk_conv_base_64_inode(0, nullptr, folder.c_str(), entry.c_str(), slots.data(), 2), 0);
   EXPECT_TRUE(slots[0] != '#' && slots[255] == '#' && slots[256] != '#' && slots.substr(511) == std::string(257, '#'));
-  EXPECT_EQ(count_files("/proc/self/fd"), open_files);
+  EXPECT_EQ(open_descriptors(), open_files);
 }
 
 TEST(fields, inode_refuses_what_may_not_be_searched) {

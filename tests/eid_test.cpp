@@ -2,9 +2,11 @@
 #include "node.h"
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <random>
 
-#include "transcript.h"
+#include "support.h"
 
 namespace fs = std::filesystem;
 

@@ -30,8 +30,8 @@ static struct {
   int spared;       /* after as many that did not */
   std::string file; /* and only with a file whose path ends so */
 } fault;
-static size_t most_at_once = SIZE_MAX; /* bytes that one read or write takes */
-static off_t bad_place = -1;           /* writing ends before this byte of a file; starting there is EIO */
+static size_t most_read = SIZE_MAX, most_written = SIZE_MAX; /* bytes that one call takes */
+static off_t bad_place = -1; /* writing ends before this byte of a file; starting there is EIO */
 static timeval now_is = {1700000000, 123456};
 /* What happens once, when the libraries come to a call. */
 static struct {
@@ -92,10 +92,10 @@ extern "C" int close(int fildes) {
 }
 
 static ssize_t read_some(int fildes, void* bytes, size_t size) {
-  return is_refused("read", fildes) ? -1 : syscall(SYS_read, fildes, bytes, std::min(size, most_at_once));
+  return is_refused("read", fildes) ? -1 : syscall(SYS_read, fildes, bytes, std::min(size, most_read));
 }
 static ssize_t write_some(int fildes, const std::string& bytes) {
-  size_t size = std::min(bytes.size(), most_at_once);
+  size_t size = std::min(bytes.size(), most_written);
   const off_t left = bad_place - lseek(fildes, 0, SEEK_CUR);
   if (bad_place >= 0 && left >= 0) size = std::min(size, static_cast<size_t>(left));
   if (is_refused("write", fildes)) return -1;

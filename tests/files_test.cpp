@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 
-#include "transcript.h"
+#include "support.h"
 
 /* The size that a file gets of those 100 blocks, or the failure. */
 static off_t size_for(uint64_t available, off_t requested, off_t least, uint64_t number = 100) {
@@ -24,7 +26,9 @@ TEST(space, is_reckoned_at_once_however_much_is_asked_for) {
 
 TEST(space, is_not_reckoned_for_an_unusable_name_or_file_system) {
   off_t size = 99;
+  space = {blocks(100, 20)};
   EXPECT_EQ(zk_determine_max_fsize(0, nullptr, std::string(4097, 'n').c_str(), 10, 0, &size), -1);
+  EXPECT_EQ(zk_determine_max_fsize(0, nullptr, std::string(4096, 'n').c_str(), 10, 0, &size), 0);
   space = {{}}; /* a block size of 0 */
   EXPECT_EQ(zk_determine_max_fsize(0, nullptr, "/folder/file", 10, 0, &size), -1);
 }
@@ -34,14 +38,14 @@ TEST(space, is_not_reckoned_for_an_unusable_name_or_file_system) {
 /* A file that is made where there is room, or not, with its descriptors counted. */
 struct new_trace_file : testing::Test {
   const std::string path = scratch() + "/made";
-  const size_t open_files = count_files("/proc/self/fd");
+  const size_t open_files = open_descriptors();
   off_t size = 7;
 
   void SetUp() override { space = {blocks(1000, 900)}; }
   int make(off_t requested = 20000) { return zk_allocate_file(0, nullptr, path.c_str(), requested, 3000, &size); }
   void TearDown() override {
     std::filesystem::remove(path);
-    EXPECT_EQ(count_files("/proc/self/fd"), open_files);
+    EXPECT_EQ(open_descriptors(), open_files);
     EXPECT_EQ(closed_in_vain, 0);
   }
 };
@@ -130,9 +134,9 @@ TEST_F(zeros, are_written_at_the_position) {
 
 TEST_F(zeros, are_carried_on_after_an_interruption_and_a_short_write) {
   refuse("write", EINTR, 2, 1);
-  most_at_once = 700;
+  most_written = 700;
   EXPECT_EQ(fclear(fildes, 3000), 3000);
-  most_at_once = SIZE_MAX;
+  most_written = SIZE_MAX;
   EXPECT_EQ(fault.times, 0);
   EXPECT_EQ(contents(path), std::string(3000, '\0') + std::string(2000, 'o'));
 }
@@ -151,6 +155,9 @@ TEST_F(zeros, that_cannot_be_written_give_the_error) {
   lseek(fildes, 100, SEEK_SET);
   EXPECT_EQ(error_of(fildes, INT64_MAX - 99), EFBIG);
   EXPECT_EQ(error_of(fildes, -101), EFBIG);
+  most_written = 0; /* neither progress nor an error */
+  EXPECT_EQ(error_of(fildes, 2000), ENOSPC);
+  most_written = SIZE_MAX;
   bad_place = 1600;
   EXPECT_EQ(error_of(fildes, 2000), EIO);
   bad_place = -1;

@@ -3,7 +3,7 @@
 
 #include <sched.h>
 
-#include "transcript.h"
+#include "support.h"
 
 /* The addresses that a list of `slots` slots gets, and what their number grows by, from 100. */
 static std::string listed(int* count) {
@@ -40,12 +40,12 @@ TEST(addresses, are_asked_for_again_after_an_interruption_and_no_other_fault) {
   node = {{"eth1", "10.0.0.4", UP}};
   for (const char* call : {"socket", "interfaces", "flags"}) {
     refuse(call, EINTR, 2);
-    const size_t open_files = count_files("/proc/self/fd");
+    const size_t open_files = open_descriptors();
     EXPECT_EQ(first(), "10.0.0.4");
     EXPECT_EQ(fault.times, 0);
     refuse(call, EPERM);
     EXPECT_EQ(zk_obtain_ipaddrs(0, nullptr, nullptr, 0, nullptr), -1);
-    EXPECT_EQ(count_files("/proc/self/fd"), open_files);
+    EXPECT_EQ(open_descriptors(), open_files);
   }
 }
 

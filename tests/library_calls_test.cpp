@@ -83,7 +83,7 @@ struct call {
   const char* file;
   std::vector<std::string> words;
   const char* text(size_t index) const { return words.at(index) == "NULL" ? nullptr : words[index].c_str(); }
-  int number(size_t index) const { return static_cast<int>(std::stol(words.at(index), nullptr, 0)); }
+  int number(size_t index) const { return static_cast<int>(std::stoll(words.at(index), nullptr, 0)); }
   template <typename Output>
   Output* at(size_t index, Output* output) const {
     return words.at(index) == "NULL" ? nullptr : output;

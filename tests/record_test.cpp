@@ -63,16 +63,18 @@ TEST(text, is_taken_with_its_end_and_is_empty_past_that_of_the_record) {
 
 TEST(text, is_printed_under_a_message_that_need_not_exist) {
   const std::string catalog = scratch() + "/some.cat", bad = "Bad message id for message set zkview_cmd";
-  const std::string make = "gencat " + catalog + " " + new_file("$set 6\n48 <%1$s>\n49 %d\n");
+  const std::string make = "gencat " + catalog + " " + new_file("$set 6\n7 name %1$s\n48 <%1$s>\n49 %d\n");
   ASSERT_EQ(system(make.c_str()), 0);
   nl_catd texts = catopen(catalog.c_str(), 0);
-  auto shown = [&](int number) {
+  auto shown = [&](nl_catd catfd, int number) {
     cursor name(text("proc"));
-    return printed([&] { zk_print_rec_substring(0, nullptr, texts, number, &name.at, &name.unread); });
+    return printed([&] { zk_print_rec_substring(0, nullptr, catfd, number, &name.at, &name.unread); });
   };
-  EXPECT_EQ(shown(7), "\t Process Name: proc\n");
-  EXPECT_EQ(shown(48), "<proc>");
-  for (int number : {49, 50, 0, -1, INT_MIN}) EXPECT_EQ(shown(number), bad) << number;
+  EXPECT_EQ(shown(texts, 7), "name proc");
+  EXPECT_EQ(shown(none, 7), "\t Process Name: proc\n");
+  EXPECT_EQ(shown(texts, 12), "\t File Version Code: proc\n");
+  EXPECT_EQ(shown(texts, 48), "<proc>");
+  for (int number : {49, 50, 0, -1, INT_MIN}) EXPECT_EQ(shown(texts, number), bad) << number;
   catclose(texts);
 }
 

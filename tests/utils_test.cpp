@@ -1,5 +1,5 @@
 /* The texts and numbers that recording programs make. */
-#include "transcript.h"
+#include "support.h"
 
 /* The field that a product, a file, version 1.5 and line -7 make in a buffer of "#", with some flags set. */
 static std::string file_info(const std::string& product, const std::string& file, const std::vector<size_t>& set = {}) {
@@ -41,12 +41,19 @@ TEST(file_info, that_is_too_long_ends_in_a_mark) {
   EXPECT_EQ(file_info(p34, "b.ccc").substr(0, 48), p34 + ",b.ccc,1.5,>" + '\0' + '#');
   EXPECT_EQ(file_info(p34, long_file),
             p34 + ",ffffffffff>" + std::string(5042 - 46, '\0') + std::string(6000 - 5042, '#'));
-  transcript said{"file_info"};
+}
+
+static const std::string TRACE = new_file("ZKTFO=36    ZKTFW=0     ZKTFS=16384\n");
+
+TEST(file_info, tells_what_it_cuts_off) {
   char buffer[60];
   int flags[9] = {};
-  CALL(said, zk_make_file_info_msg, buffer, "a product with a long name", "/usr/src/file.c", "version 1.5", 1234,
-       flags);
-  said.compare();
+  zk_make_file_info_msg(1, TRACE.c_str(), buffer, "a product with a long name", "/usr/src/file.c", "1.5 or so", 1234,
+                        flags);
+  EXPECT_EQ(trace_entries(TRACE).back(),
+            traced("zk_make_file_info_msg",
+                   "File Identification information \"a product with a long name,file.c,1.5 or so,1\" is "
+                   "48 chars long, being truncated\nSome information will be lost\n"));
 }
 
 TEST(priority, comes_from_the_event_type) {
@@ -60,15 +67,12 @@ TEST(priority, comes_from_the_event_type) {
 }
 
 TEST(priority, tells_of_a_bad_type_only_who_tracks_errors) {
-  transcript said{"priority"};
   int priority = -1, flags[11] = {};
   for (const int track : {0, 2}) zk_determine_bsd_priority(0, nullptr, 9, &priority, track, flags);
   EXPECT_EQ(flags[10], 0);
-  zk_determine_bsd_priority(0, nullptr, -9, &priority, 0, nullptr);
-  for (const int type : {3, 9})
-    said.note("zk_determine_bsd_priority(" + std::to_string(type) + ")", [&](int active, const char* file) {
-      zk_determine_bsd_priority(active, file, type, &priority, 0, nullptr);
-      return priority;
-    });
-  said.compare();
+  zk_determine_bsd_priority(1, TRACE.c_str(), -9, &priority, 0, nullptr);
+  const std::vector<std::string> entries = trace_entries(TRACE);
+  EXPECT_EQ(entries.end()[-2],
+            traced("zk_determine_bsd_priority", "Invalid ZELK Event Type -9 - mapping to type ZELK_DEBUG(6)\n"));
+  EXPECT_EQ(entries.back(), traced("zk_determine_bsd_priority", "Assigning SysLog priority of 7 to event type -9\n"));
 }

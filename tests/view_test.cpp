@@ -1,8 +1,8 @@
 /* The views of the command over long and large stacks, and what a walk leaves behind. */
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <climits>
 
 #include "support.h"
@@ -49,13 +49,23 @@ TEST_F(many, are_listed_in_order) {
   EXPECT_EQ(view(all, {"-p"}), good(by_process));
 }
 
+/* Seconds of processor time that the children of this process have taken so far. */
+double seconds_of_children() {
+  rusage all = {};
+  getrusage(RUSAGE_CHILDREN, &all);
+  auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+  };
+  return seconds(all.ru_utime) + seconds(all.ru_stime);
+}
+
 TEST_F(many, are_reported_within_a_second) {
   const double limit = *FAULT_SHIM != '\0' ? 1 : 30; /* emulators and sanitizers are slow */
   const std::string path = all.file();
   for (const char* option : {"-d", "-r", "-p", "-da", "-ra", "-pa"}) {
-    const auto start = std::chrono::steady_clock::now();
+    const double before = seconds_of_children();
     EXPECT_EQ(run({program("zkview"), option, "-s", path}).status, 0);
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), limit) << option;
+    EXPECT_LT(seconds_of_children() - before, limit) << option;
   }
 }
 
@@ -70,6 +80,18 @@ TEST_F(many, lose_nothing_of_a_long_report) {
     at += end.size();
   }
   EXPECT_EQ(at, report.size());
+}
+
+TEST(wrapped_stack, may_be_larger_than_what_is_read_at_once) {
+  stack s(200000);
+  std::string shown = HEADING;
+  s.version = 8;
+  for (const std::string lap : {"older", "newer"}) {
+    if (lap == "newer") s.wrap();
+    for (int n = 0; n < 300; ++n) s.add(lap + std::to_string(n));
+    for (int n = 0; n < 300; ++n) shown += line(lap + std::to_string(n));
+  }
+  for (const char* option : {"-d", "-r", "-p"}) EXPECT_EQ(view(s, {option}), good(shown)) << option;
 }
 
 TEST(walk, leaves_the_stack_at_its_start_unlocked_and_nothing_open) {

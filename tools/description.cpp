@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #include "cu_format.h"
 
@@ -115,6 +116,7 @@ static bool take_argument(std::string* operand, char letter, cu_error_arg_t* arg
   auto& value = argument->cu_arg_value;
   int64_t number = 0;
   uint64_t bits = 0;
+  uintptr_t address = 0;
   bool is_good = true;
   switch (argument->cu_arg_type) {
     case CU_ERROR_ARG_CHAR_STR:
@@ -124,7 +126,8 @@ static bool take_argument(std::string* operand, char letter, cu_error_arg_t* arg
       return take_double(*operand, &value.cu_arg_double);
     case CU_ERROR_ARG_VOID_PTR:
       is_good = take_unsigned(*operand, UINTPTR_MAX, &bits);
-      value.cu_arg_void_ptr = reinterpret_cast<void*>(static_cast<uintptr_t>(bits));
+      address = static_cast<uintptr_t>(bits);
+      std::memcpy(&value.cu_arg_void_ptr, &address, sizeof address);
       return is_good;
     case CU_ERROR_ARG_INT:
       if (operand->size() > 1) is_good = take_signed(*operand, INT32_MIN, INT32_MAX, &number);

@@ -1,7 +1,6 @@
 /* text.cpp - checks and repairs recorded texts. */
 #include "text.h"
 
-#include <algorithm>
 #include <cstdint>
 
 /* ---- UTF-8 --------------------------------------------------------------------------------------------------------- */
@@ -84,11 +83,6 @@ std::string readable(std::string_view text) {
         (character.code & 0xFFFE) == 0xFFFE || (character.code >= 0xFDD0 && character.code <= 0xFDEF);
     return !character.is_well_formed || is_noncharacter || (is_control(character) && !is_layout);
   });
-}
-
-std::string one_line(std::string_view text) {
-  return without(text, "?",
-                 [](const character_t& character) { return !character.is_well_formed || is_control(character); });
 }
 
 /* ---- Bytes --------------------------------------------------------------------------------------------------------- */

@@ -26,9 +26,6 @@ std::string repaired(std::string_view text);
 /* The same, also for control characters, and for what XML has no place for; newline and tab stay. */
 std::string readable(std::string_view text);
 
-/* The text as part of one line on standard error: control characters as "?". */
-std::string one_line(std::string_view text);
-
 std::string base64(std::string_view bytes);
 
 #endif

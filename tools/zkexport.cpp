@@ -4,7 +4,6 @@
 
 #include "export.h"
 #include "stacks.h"
-#include "text.h"
 #include "tool.h"
 #include "zkstatus.h"
 
@@ -13,9 +12,7 @@ static constexpr char NAME[] = "zkexport";
 /* ---- Output -------------------------------------------------------------------------------------------------------- */
 
 void complain(std::string_view what, std::string_view reason) {
-  const std::string line =
-      std::string(NAME) + ": " + one_line(what) + ": " + one_line(reason) + "\n"; /* one write: logs are shared */
-  std::fwrite(line.data(), 1, line.size(), stderr);
+  tool_fail(NAME, std::string(what), std::string(reason));
 }
 
 bool write_out(std::string_view text) {

@@ -89,7 +89,7 @@ static bool is_eid(const std::string& text) {
  * getopt does: options end at STACK, a value may be empty ("--details=") or look like an option, and a size is only what
  * is attached to -C. Returns the index of what follows the options. */
 static int split_options(const CLI::App& app, int argc, char** argv, std::vector<std::string>* options) {
-  int next = 1;
+  int next = std::min(1, argc);
   /* Puts an option; false when it takes no value. */
   auto put = [&](const std::string& name, const char* value) {
     const CLI::Option* const option = app.get_option_no_throw(name);
@@ -152,14 +152,14 @@ static void add_options(CLI::App* app, request_t* request) {
 static std::optional<int> take_command_line(int argc, char** argv, request_t* request) {
   CLI::App app("Records an incident in an Error Stack and prints its Error ID.", NAME);
   add_options(&app, request);
-  std::vector<std::string> options = {argv[0]};
+  std::vector<std::string> options = {NAME};
   const int stack = split_options(app, argc, argv, &options);
   const int operands = std::min(stack + 2, argc); /* they are not for CLI11: it takes a text in brackets for a list */
   auto is_like_option = [](const char* text) { return *text == '-'; };
   if (std::any_of(argv + stack, argv + operands, is_like_option)) options.push_back("--");
   options.insert(options.end(), argv + stack, argv + operands);
-  std::vector<char*> arguments;
-  for (std::string& option : options) arguments.push_back(option.data());
+  std::vector<char*> arguments(options.size());
+  std::transform(options.begin(), options.end(), arguments.begin(), [](std::string& option) { return option.data(); });
 
   if (auto status = tool_parse(&app, static_cast<int>(arguments.size()), arguments.data())) return status;
   request->operands.assign(argv + operands, argv + argc);
@@ -219,7 +219,7 @@ static bool read_details(std::string* details) {
 
 /* The details with a last line that names the dump file; where all of that does not fit, they are cut before it. */
 static std::string with_dump_line(zk_incident_t incident, std::string details, const std::string& name) {
-  const std::string line = "dump file  " + name;
+  std::string line = "dump file  " + name;
   if (details.ends_with('\n')) details.pop_back();
   zk_record_image_t image;
   incident.details = "";
