@@ -31,6 +31,7 @@ std::string short_description(const incident_t& incident, size_t limit) {
 /* Sorts by time, but leaves the incidents of a stack as they were recorded, also where its clock was set back. */
 static void sort_by_time(std::vector<incident_t>* incidents) {
   std::vector<int64_t> times;
+  times.reserve(incidents->size());
   std::unordered_map<std::string, int64_t> newest; /* of each stack */
   for (const incident_t& incident : *incidents) {
     const auto known = newest.try_emplace(incident.stack, exact_time(incident)).first;
@@ -41,6 +42,7 @@ static void sort_by_time(std::vector<incident_t>* incidents) {
   std::iota(order.begin(), order.end(), size_t{0});
   std::stable_sort(order.begin(), order.end(), [&](size_t one, size_t other) { return times[one] < times[other]; });
   std::vector<incident_t> sorted;
+  sorted.reserve(incidents->size());
   for (size_t index : order) sorted.push_back(std::move((*incidents)[index]));
   *incidents = std::move(sorted);
 }

@@ -9,7 +9,7 @@
 #include "zk_trace.h"
 
 /* The command line. */
-struct request_t {
+struct export_request_t {
   std::string format;
   std::vector<std::string> stacks;
   std::string id; /* of the one incident that is wanted, empty for all */
@@ -20,13 +20,13 @@ struct request_t {
 };
 
 /* Each gives out what the request asks for and returns the exit status. */
-int export_json(const zk_trace_t& trace, const request_t& request);
-int follow_json(const zk_trace_t& trace, const request_t& request); /* until SIGTERM or SIGINT */
-int export_page(const zk_trace_t& trace, const request_t& request); /* dot and html */
+int export_json(const zk_trace_t& trace, const export_request_t& request);
+int follow_json(const zk_trace_t& trace, const export_request_t& request); /* until SIGTERM or SIGINT */
+int export_page(const zk_trace_t& trace, const export_request_t& request); /* dot and html */
 
 /* The names of the stacks that are asked for. Returns the exit status, not 0 when they cannot be had, which has been
  * said. */
-int stacks_to_export(const zk_trace_t& trace, const request_t& request, std::vector<std::string>* names);
+int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, std::vector<std::string>* names);
 
 /* Writes on standard output, at once. Returns false when that fails, which has been said. */
 bool write_out(std::string_view text);

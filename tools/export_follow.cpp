@@ -43,7 +43,7 @@ struct followed_t {
 
 struct follower_t {
   const zk_trace_t* trace;
-  const request_t* request;
+  const export_request_t* request;
   std::vector<followed_t> stacks;
   std::set<int> folders; /* watches of folders */
   cursor_t cursor;
@@ -199,7 +199,16 @@ static bool follow_name(follower_t* follower, followed_t* stack) {
 /* ---- Watching ------------------------------------------------------------------------------------------------------ */
 
 static void add_stack(follower_t* follower, const std::string& name) {
-  followed_t stack = {name, zk_stack_path(name.c_str()).data(), -1, -1, follower->is_started, false, {}, {}, {}};
+  const zk_stack_path_t path = zk_stack_path(name.c_str());
+  followed_t stack = {.name = name,
+                      .path = path.data(),
+                      .fildes = -1,
+                      .watch = -1,
+                      .is_known = follower->is_started,
+                      .is_changed = false,
+                      .mark = {},
+                      .seen = {},
+                      .told = {}};
   const auto marked = follower->cursor.marks.find(stack.path);
   if (marked != follower->cursor.marks.end()) {
     stack.is_known = true;
@@ -293,7 +302,7 @@ static void raise_file_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-int follow_json(const zk_trace_t& trace, const request_t& request) {
+int follow_json(const zk_trace_t& trace, const export_request_t& request) {
   follower_t follower = {&trace, &request, {}, {}, {request.cursor_file, {}}, -1, false, true};
   std::string problem;
   if (!follower.cursor.file.empty() && !load_cursor(&follower.cursor, &problem)) {

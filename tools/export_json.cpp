@@ -40,13 +40,13 @@ static trouble_t gather_unread(const zk_trace_t& trace, const std::string& name,
   const auto known = cursor->marks.find(zk_stack_path(name.c_str()).data());
   const mark_t* const mark = known != cursor->marks.end() ? &known->second : nullptr;
   mark_t moved;
-  const trouble_t trouble = read_unread(trace, fildes, name, mark, &moved, lines);
+  trouble_t trouble = read_unread(trace, fildes, name, mark, &moved, lines);
   close(fildes);
   if (trouble.code != ZELK_LOCK) cursor->marks[zk_stack_path(name.c_str()).data()] = moved;
   return trouble;
 }
 
-int export_json(const zk_trace_t& trace, const request_t& request) {
+int export_json(const zk_trace_t& trace, const export_request_t& request) {
   cursor_t cursor = {request.cursor_file, {}};
   std::string problem;
   if (!cursor.file.empty() && !load_cursor(&cursor, &problem)) {

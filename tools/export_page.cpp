@@ -14,7 +14,7 @@ static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;
 static constexpr size_t INPUT_MAX_SIZE = 256 * 1024 * 1024;
 
 /* Gathers what the stacks hold. Returns the exit status. */
-static int gather(const zk_trace_t& trace, const request_t& request, chain_t* chain) {
+static int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* chain) {
   std::vector<std::string> names;
   int status = stacks_to_export(trace, request, &names);
   incident_t incident;
@@ -76,7 +76,7 @@ static int gather_input(chain_t* chain) {
   return TOOL_DONE;
 }
 
-int export_page(const zk_trace_t& trace, const request_t& request) {
+int export_page(const zk_trace_t& trace, const export_request_t& request) {
   chain_t chain;
   const int status = request.is_input ? gather_input(&chain) : gather(trace, request, &chain);
   if (request.is_input && status != TOOL_DONE) return status;

@@ -16,38 +16,38 @@
 
 /* ---- Failures ------------------------------------------------------------------------------------------------------ */
 
-struct failure_t {
+struct trouble_row_t {
   int code;
   int status;
   const char* reason;
 };
-static constexpr failure_t FAILURES[] = {{ZELK_SUCCESS, EXIT_REPORTED, ""},
-                                         {ZELK_LOCK, EXIT_NOT_LOCKED, "it cannot be locked"},
-                                         {ZELK_FILE_CORRUPT, EXIT_CORRUPT, "it is damaged"},
-                                         {ZELK_NO_MEMORY, EXIT_NO_MEMORY, "memory is exhausted"},
-                                         {ZELK_FILE_MISSING, EXIT_NO_STACK, "there is no such stack"},
-                                         {ZELK_NO_ACCESS, EXIT_NO_STACK, "access is refused"},
-                                         {ZELK_UNSUPPORTED, EXIT_LATER_VERSION, "it was made by a later version"},
-                                         {ZELK_INV_FID, EXIT_BAD_EID, "it is not an Error ID of an Error Stack"},
-                                         {ZELK_INV_STACKNAME, EXIT_BAD_EID, "it gives no stack name"},
-                                         {ZELK_REMOTE_FID, EXIT_REMOTE, "it was made on another node"},
-                                         {ZELK_TOO_MANY, EXIT_UNEXPECTED, "too many files are open"},
-                                         {ZELK_DIR_MISSING, EXIT_UNEXPECTED, "the directory is missing"},
-                                         {ZELK_DIR_NO_ACCESS, EXIT_UNEXPECTED, "the directory may not be read"}};
-static constexpr failure_t UNEXPECTED = {ZELK_FAILURE, EXIT_UNEXPECTED, "it cannot be read"};
+static constexpr trouble_row_t TROUBLES[] = {{ZELK_SUCCESS, EXIT_REPORTED, ""},
+                                             {ZELK_LOCK, EXIT_NOT_LOCKED, "it cannot be locked"},
+                                             {ZELK_FILE_CORRUPT, EXIT_CORRUPT, "it is damaged"},
+                                             {ZELK_NO_MEMORY, EXIT_NO_MEMORY, "memory is exhausted"},
+                                             {ZELK_FILE_MISSING, EXIT_NO_STACK, "there is no such stack"},
+                                             {ZELK_NO_ACCESS, EXIT_NO_STACK, "access is refused"},
+                                             {ZELK_UNSUPPORTED, EXIT_LATER_VERSION, "it was made by a later version"},
+                                             {ZELK_INV_FID, EXIT_BAD_EID, "it is not an Error ID of an Error Stack"},
+                                             {ZELK_INV_STACKNAME, EXIT_BAD_EID, "it gives no stack name"},
+                                             {ZELK_REMOTE_FID, EXIT_REMOTE, "it was made on another node"},
+                                             {ZELK_TOO_MANY, EXIT_UNEXPECTED, "too many files are open"},
+                                             {ZELK_DIR_MISSING, EXIT_UNEXPECTED, "the directory is missing"},
+                                             {ZELK_DIR_NO_ACCESS, EXIT_UNEXPECTED, "the directory may not be read"}};
+static constexpr trouble_row_t UNEXPECTED = {ZELK_FAILURE, EXIT_UNEXPECTED, "it cannot be read"};
 
-static const failure_t& failure_of(int code) {
-  for (const failure_t& failure : FAILURES)
-    if (failure.code == code) return failure;
+static const trouble_row_t& row_of(int code) {
+  for (const trouble_row_t& row : TROUBLES)
+    if (row.code == code) return row;
   return UNEXPECTED;
 }
 
 trouble_t trouble_of(int code) {
-  return {code, -1, failure_of(code).reason};
+  return {code, -1, row_of(code).reason};
 }
 
 int status_of(int code) {
-  return failure_of(code).status;
+  return row_of(code).status;
 }
 
 /* ---- Finding ------------------------------------------------------------------------------------------------------- */
@@ -112,10 +112,10 @@ static trouble_t damaged_record(const zk_walk_t& walk, int result) {
 trouble_t walk_stack(const zk_trace_t& trace, int fildes, const visitor_t& visit) {
   zk_walk_t walk;
   trouble_t trouble;
-  int result = zk_walk_begin(&walk, trace, fildes);
-  if (result == ZELK_LOCK) return trouble_of(result);
-  while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
-    result = visit(walk);
+  const int begun = zk_walk_begin(&walk, trace, fildes);
+  if (begun == ZELK_LOCK) return trouble_of(begun);
+  while (begun == ZELK_SUCCESS && zk_walk_next(&walk) == ZELK_SUCCESS) {
+    const int result = visit(walk);
     if (result != ZELK_SUCCESS) trouble = damaged_record(walk, result);
     if (result != ZELK_SUCCESS || zk_walk_at_write_pos(walk)) break;
   }
@@ -134,7 +134,7 @@ trouble_t read_stack(const zk_trace_t& trace, const std::string& name, const vis
   int fildes = -1;
   const int result = zk_open_stack_by_name(trace.active, trace.file, &fildes, name.c_str());
   if (result != ZELK_SUCCESS) return trouble_of(result);
-  const trouble_t trouble = walk_stack(trace, fildes, visit);
+  trouble_t trouble = walk_stack(trace, fildes, visit);
   close(fildes);
   return trouble;
 }

@@ -29,7 +29,7 @@ trouble_t read_unread(const zk_trace_t& trace, int fildes, const std::string& na
   incident_t incident;
   bool is_found = false;       /* the record of the mark */
   bool is_overwritten = false; /* the stack no longer holds all that it ever held */
-  const trouble_t trouble = walk_stack(trace, fildes, [&](const zk_walk_t& walk) {
+  trouble_t trouble = walk_stack(trace, fildes, [&](const zk_walk_t& walk) {
     const int result = take_incident_at(walk, name, &incident);
     if (result != ZELK_SUCCESS) return result;
     is_overwritten = walk.header.has_wrapped == 1 || walk.header.earliest_rec > walk.header.records_start;

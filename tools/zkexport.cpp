@@ -23,7 +23,7 @@ bool write_out(std::string_view text) {
 
 /* ---- Stacks -------------------------------------------------------------------------------------------------------- */
 
-int stacks_to_export(const zk_trace_t& trace, const request_t& request, std::vector<std::string>* names) {
+int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, std::vector<std::string>* names) {
   *names = request.stacks;
   if (request.is_every) {
     const int result = list_stacks(names);
@@ -42,7 +42,7 @@ int stacks_to_export(const zk_trace_t& trace, const request_t& request, std::vec
 
 /* ---- The command line ---------------------------------------------------------------------------------------------- */
 
-static void add_options(CLI::App* app, request_t* request) {
+static void add_options(CLI::App* app, export_request_t* request) {
   static auto not_empty = [](const std::string& text) { return std::string(text.empty() ? "it is empty" : ""); };
   app->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   app->add_option("STACK", request->stacks, "Error Stacks, relative to " ZELK_STACK_DIR)
@@ -64,7 +64,7 @@ static void add_options(CLI::App* app, request_t* request) {
 }
 
 /* What does not go together, an empty text when all does. */
-static std::string combination_problem(const request_t& request) {
+static std::string combination_problem(const export_request_t& request) {
   const int sources =
       (request.stacks.empty() ? 0 : 1) + (request.id.empty() ? 0 : 1) + int{request.is_every} + int{request.is_input};
   const bool is_json = request.format == "json";
@@ -96,12 +96,13 @@ static void show_brackets(std::string* text) {
 }
 
 /* Takes the command line. Returns the exit status where that ends the run. */
-static std::optional<int> take_command_line(int argc, char** argv, request_t* request) {
+static std::optional<int> take_command_line(int argc, char** argv, export_request_t* request) {
   CLI::App app("Gives the incidents of Error Stacks to scripts, pages and pipelines.", NAME);
   request->format = "json";
   add_options(&app, request);
   std::vector<std::string> arguments = with_hidden_brackets(argc, argv);
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size());
   for (std::string& argument : arguments) pointers.push_back(argument.data());
   if (std::optional<int> status = tool_parse(&app, argc, pointers.data())) return status;
 
@@ -116,7 +117,7 @@ static std::optional<int> take_command_line(int argc, char** argv, request_t* re
 
 int main(int argc, char** argv) {
   const tool_trace_t trace = tool_start();
-  request_t request = {};
+  export_request_t request = {};
   if (std::optional<int> status = take_command_line(argc, argv, &request)) return *status;
   const zk_trace_t own_trace = {trace.active, trace.file.data(), "main(zkexport)"};
   zk_trace(own_trace, "Input:\nFormat %s\nStacks given %d\nZELK ID %s\nEvery stack %d\nFollow %d\nCursor file %s",
