@@ -4,13 +4,13 @@
 #include <arpa/inet.h>
 
 #include <array>
-#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <span>
 
 #include "zk_eid_layout.h"
@@ -109,10 +109,9 @@ static std::string hexadecimal(std::span<const unsigned char> bytes) {
 }
 
 const char* argument_type_name(int32_t type) {
-  static constexpr std::array<const char*, 7> NAMES = {"int",      "long",   "long_long", "double",
-                                                       "reserved", "string", "pointer"};
+  static constexpr const char* NAMES[] = {"int", "long", "long_long", "double", "reserved", "string", "pointer"};
   const auto number = static_cast<uint32_t>(type);
-  return number < NAMES.size() ? NAMES[number] : "unknown";
+  return number < std::size(NAMES) ? NAMES[number] : "unknown";
 }
 
 static argument_t take_argument(const cu_error_arg_t& argument) {
