@@ -127,7 +127,7 @@ TEST(recording, keeps_its_promise_at_every_write) {
     const std::string path = empty_stack();
     std::vector<int> recorded;
     int32_t size = 0;
-    for (int wraps = 0; wraps < 3;) {
+    for (int wraps = 0; wraps < 2;) {
       const bool is_wrap = size > 8192 - write_pos(path), is_second_of_lap = write_pos(path) == 24 + size;
       if (recorded.empty() || is_wrap || is_second_of_lap)
         for (fault_t what : {KILLED_BEFORE, KILLED_WITHIN, KILLED_AFTER, SHORT_WRITE, INPUT_OUTPUT_ERROR, NO_SPACE})
@@ -143,7 +143,7 @@ TEST(recording, keeps_its_promise_at_every_write) {
 TEST(stack, never_keeps_less_than_half_of_its_area) {
   const std::string path = empty_stack();
   std::vector<size_t> details;
-  for (unsigned int chance = 1; details.size() < 300; chance = chance * 1103515245 + 12345) {
+  for (unsigned int chance = 1; details.size() < 120; chance = chance * 1103515245 + 12345) {
     const int number = 1000 + static_cast<int>(details.size());
     details.push_back(std::min((chance >> 16) % 1500, 886U));
     ASSERT_EQ(record(path, number, std::string(details.back(), 'x')), 0);
