@@ -1,19 +1,15 @@
 /* The routines of the libraries and of the command, beside what they are held against. */
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <sqlite3.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <syslog.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include "inputs.h"
 #include "qx_record.h"
@@ -120,122 +116,6 @@ static void walk_full_stack(benchmark::State& state) {
 }
 BENCHMARK(walk_full_stack);
 
-/* ---- Recording ----------------------------------------------------------------------------------------------------- */
-
-static const std::string bench_path = "/tmp/zkview-bench-recorded";
-
-static void record_incident(benchmark::State& state) {
-  zk_incident_t incident = {};
-  char disk[] = "disk07";
-  cu_error_arg_t arguments[2] = {};
-  arguments[0].cu_arg_type = CU_ERROR_ARG_CHAR_STR;
-  arguments[0].cu_arg_value.cu_arg_char_str = disk;
-  arguments[1].cu_arg_value.cu_arg_int = 85;
-  incident.process_name = "stn_diskmon";
-  incident.detecting_file = "/usr/src/stn/disk.c";
-  incident.default_message = "%1$s: %2$d unreadable sectors";
-  incident.details = "state ok";
-  incident.arguments = arguments;
-  incident.argument_count = 2;
-  unlink(bench_path.c_str());
-  zk_recorder_t* recorder = nullptr;
-  zk_eid_t eid;
-  bool is_good = zk_create_stack(0, nullptr, bench_path.c_str(), 16384) == ZELK_SUCCESS &&
-                 zk_open_recorder(0, nullptr, bench_path.c_str(), &recorder) == ZELK_SUCCESS;
-  for (auto _ : state) is_good = is_good && zk_record_incident(0, nullptr, recorder, &incident, eid) == ZELK_SUCCESS;
-  if (!is_good) state.SkipWithError("cannot record");
-  zk_close_recorder(recorder);
-  unlink(bench_path.c_str());
-}
-BENCHMARK(record_incident);
-
-/* The system calls of an incident in a stack that has wrapped, without what is between them. */
-static void record_incident_bare_calls(benchmark::State& state) {
-  constexpr off_t RECORD_SIZE = 206;
-  unlink(bench_path.c_str());
-  const int fildes = open(bench_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  const std::string bytes(ZK_STACK_SIZE_MAX, '\0');
-  bool is_good = write(fildes, bytes.data(), bytes.size()) == ZK_STACK_SIZE_MAX;
-  off_t newest = ZK_STACK_RECORDS_MIN;
-  for (auto _ : state) {
-    const off_t next =
-        newest + 2 * RECORD_SIZE < ZK_STACK_SIZE_MAX ? newest + RECORD_SIZE : off_t{ZK_STACK_RECORDS_MIN};
-    struct flock lock = {};
-    struct stat status;
-    char head[24], eid[ZELK_EID_SIZE];
-    benchmark::DoNotOptimize(getpid() + getppid() + gettid());
-    lock.l_type = F_WRLCK;
-    is_good = is_good && fcntl(fildes, F_OFD_SETLKW, &lock) == 0 && fstat(fildes, &status) == 0;
-    is_good = is_good && pread(fildes, head, sizeof head, 0) > 0 && pread(fildes, eid, sizeof eid, newest + 8) > 0;
-    is_good = is_good && pwrite(fildes, bytes.data(), 20, 4) > 0;
-    is_good = is_good && pwrite(fildes, bytes.data(), RECORD_SIZE + 4, next) > 0;
-    is_good = is_good && pwrite(fildes, bytes.data(), 20, 4) > 0;
-    lock.l_type = F_UNLCK;
-    is_good = is_good && fcntl(fildes, F_OFD_SETLKW, &lock) == 0;
-    newest = next;
-  }
-  if (!is_good) state.SkipWithError("a call failed");
-  close(fildes);
-  unlink(bench_path.c_str());
-}
-BENCHMARK(record_incident_bare_calls);
-
-/* The same into a table, one that keeps as many. */
-static void insert_into_table(benchmark::State& state) {
-  sqlite3* database = nullptr;
-  sqlite3_stmt* insert = nullptr;
-  for (const char* suffix : {"", "-wal", "-shm"}) unlink((bench_path + suffix).c_str());
-  bool is_good = sqlite3_open(bench_path.c_str(), &database) == SQLITE_OK;
-  auto execute = [&](const char* text) { return sqlite3_exec(database, text, nullptr, nullptr, nullptr) == SQLITE_OK; };
-  is_good = is_good && execute("PRAGMA journal_mode = WAL") && execute("PRAGMA synchronous = OFF") &&
-            execute(
-                "CREATE TABLE incident (slot INTEGER PRIMARY KEY, id, time, process, pid, parent, thread, file, line, "
-                "message, disk, sectors, details)") &&
-            sqlite3_prepare_v2(database,
-                               "INSERT OR REPLACE INTO incident VALUES (?, '7J4EI..3KW/f/...................', "
-                               "1790000000, 'stn_diskmon', ?, 1, 7, '/usr/src/stn/disk.c', 97, "
-                               "'%1$s: %2$d unreadable sectors', 'disk07', 85, 'state ok')",
-                               -1, &insert, nullptr) == SQLITE_OK;
-  int number = 0;
-  for (auto _ : state) {
-    is_good = is_good && sqlite3_bind_int(insert, 1, ++number % 79) == SQLITE_OK &&
-              sqlite3_bind_int(insert, 2, getpid()) == SQLITE_OK && sqlite3_step(insert) == SQLITE_DONE &&
-              sqlite3_reset(insert) == SQLITE_OK;
-  }
-  if (!is_good) state.SkipWithError("cannot insert");
-  sqlite3_finalize(insert);
-  sqlite3_close(database);
-  for (const char* suffix : {"", "-wal", "-shm"}) unlink((bench_path + suffix).c_str());
-}
-BENCHMARK(insert_into_table);
-
-/* The same to a log daemon of our own, which takes the lines and drops them, in a /dev that only this program sees. */
-static void send_to_syslog(benchmark::State& state) {
-  const int daemon = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = {AF_UNIX, "/dev/log"};
-  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0 ||
-      bind(daemon, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    state.SkipWithError("the machine forbids a mount namespace");
-    close(daemon);
-    return;
-  }
-  std::thread reader([=] {
-    char line[1024];
-    while (recv(daemon, line, sizeof line, 0) > 0) {
-    }
-  });
-  openlog("stn_diskmon", LOG_PID, LOG_DAEMON);
-  for (auto _ : state)
-    syslog(LOG_ERR, "/usr/src/stn/disk.c:%d: %s: %d unreadable sectors, %s", 97, "disk07", 85, "state ok");
-  closelog();
-  shutdown(daemon, SHUT_RDWR);
-  reader.join();
-  close(daemon);
-  umount("/dev");
-}
-BENCHMARK(send_to_syslog);
-
 /* ---- The trace ----------------------------------------------------------------------------------------------------- */
 
 static void trace_entry(benchmark::State& state) {
@@ -273,3 +153,96 @@ static void trace_entry_bare_calls(benchmark::State& state) {
   unlink(path.c_str());
 }
 BENCHMARK(trace_entry_bare_calls);
+
+/* ---- Recording ----------------------------------------------------------------------------------------------------- */
+
+static const char DETAILS[] = "state      degraded, 7 of 8 disks\nredundancy none until a disk is replaced";
+
+static void record_incident(benchmark::State& state) {
+  const std::string path = "/tmp/zkview-bench-stack";
+  unlink(path.c_str());
+  zk_recorder_t* recorder = nullptr;
+  zk_create_stack(0, nullptr, path.c_str(), 16384);
+  if (zk_open_recorder(0, nullptr, path.c_str(), &recorder) != 0) std::abort();
+  zk_incident_t incident = {};
+  incident.default_message = "Volume archive is degraded.";
+  incident.details = DETAILS;
+  for (auto _ : state) {
+    zk_eid_t eid;
+    if (zk_record_incident(0, nullptr, recorder, &incident, eid) != 0) state.SkipWithError("not recorded");
+  }
+  zk_close_recorder(recorder);
+  unlink(path.c_str());
+}
+BENCHMARK(record_incident);
+
+/* The system calls of an incident in a stack that has wrapped, without what is between them. */
+static void record_incident_bare_calls(benchmark::State& state) {
+  const std::string path = new_file(std::string(16384, ' '));
+  const int fildes = open(path.c_str(), O_RDWR);
+  char header[24], record[240] = "";
+  struct flock whole = {};
+  whole.l_whence = SEEK_SET;
+  struct stat status;
+  for (off_t at = 24; auto _ : state) {
+    bool is_done = getpid() > 0 && getppid() >= 0 && gettid() > 0;
+    whole.l_type = F_WRLCK;
+    is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0 && fstat(fildes, &status) == 0;
+    is_done = is_done && pread(fildes, header, sizeof header, 0) > 0 && pread(fildes, record, 43, at) > 0;
+    is_done = is_done && pwrite(fildes, header, 20, 4) > 0 && pwrite(fildes, record, sizeof record, at) > 0;
+    is_done = is_done && pwrite(fildes, header, 20, 4) > 0;
+    whole.l_type = F_UNLCK;
+    is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0;
+    if (!is_done) state.SkipWithError("a call failed");
+    at = at < 16000 ? at + static_cast<off_t>(sizeof record) : 24;
+  }
+  close(fildes);
+  unlink(path.c_str());
+}
+BENCHMARK(record_incident_bare_calls);
+
+static void insert_into_sqlite(benchmark::State& state) {
+  const std::string path = new_file("");
+  sqlite3* database = nullptr;
+  sqlite3_stmt* insert = nullptr;
+  sqlite3_open(path.c_str(), &database);
+  sqlite3_exec(database,
+               "PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;"
+               "CREATE TABLE incident(id TEXT PRIMARY KEY, time INTEGER, process TEXT, description TEXT, details TEXT)",
+               nullptr, nullptr, nullptr);
+  sqlite3_prepare_v2(database, "INSERT INTO incident VALUES(?, ?, 'stn_volmgr', 'Volume archive is degraded.', ?)", -1,
+                     &insert, nullptr);
+  for (int number = 0; auto _ : state) {
+    const std::string eid = bench_eid(++number);
+    sqlite3_bind_text(insert, 1, eid.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_int(insert, 2, 1790000000 + number);
+    sqlite3_bind_text(insert, 3, DETAILS, -1, SQLITE_STATIC);
+    if (sqlite3_step(insert) != SQLITE_DONE) state.SkipWithError("not inserted");
+    sqlite3_reset(insert);
+  }
+  sqlite3_finalize(insert);
+  sqlite3_close(database);
+  for (const char* suffix : {"", "-wal", "-shm"}) unlink((path + suffix).c_str());
+}
+BENCHMARK(insert_into_sqlite);
+
+/* What syslog(3) does: formats a line with the time, and sends it to a local socket. A reader takes it there. */
+static void send_to_syslog_socket(benchmark::State& state) {
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_DGRAM, 0, pair) != 0) std::abort();
+  for (auto _ : state) {
+    char line[512], when[32];
+    const time_t now = time(nullptr);
+    tm parts;
+    strftime(when, sizeof when, "%h %e %T", localtime_r(&now, &parts));
+    const int size = std::snprintf(line, sizeof line, "<27>%s stn_volmgr[%d]: Volume archive is degraded. %s", when,
+                                   static_cast<int>(getpid()), DETAILS);
+    if (send(pair[0], line, static_cast<size_t>(size), MSG_NOSIGNAL) != size) state.SkipWithError("not sent");
+    state.PauseTiming();
+    if (recv(pair[1], line, sizeof line, 0) != size) state.SkipWithError("not received");
+    state.ResumeTiming();
+  }
+  close(pair[0]);
+  close(pair[1]);
+}
+BENCHMARK(send_to_syslog_socket);

@@ -24,7 +24,7 @@ def output_of(command):
 def routines():
     """CPU time of each routine in nanoseconds."""
     report = output_of([build + "/bench/library_bench", "--benchmark_format=json", "--benchmark_min_time=0.5"])
-    return {row["name"]: row["cpu_time"] for row in json.loads(report)["benchmarks"] if not row.get("error_occurred")}
+    return {row["name"]: row["cpu_time"] for row in json.loads(report)["benchmarks"]}
 
 
 def processes(commands, runs, rounds):
@@ -101,10 +101,13 @@ def main():
         f"{nanoseconds['zk_generate_eid_2_stack'] / nanoseconds['uuid_generate_time']:.2f}", "0.5")
     row("a trace entry", "its bare system calls",
         f"{nanoseconds['trace_entry'] / nanoseconds['trace_entry_bare_calls']:.2f}", "1.10")
-    for name, other, goal in (("record_incident_bare_calls", "its bare system calls", "1.15"),
-                              ("insert_into_table", "an insert into SQLite", ""), ("send_to_syslog", "`syslog(3)`", "")):
-        measured = f"{nanoseconds['record_incident'] / nanoseconds[name]:.2f}" if name in nanoseconds else "not allowed here"
-        row("an incident, by an open recorder", other, measured, goal)
+    incident = nanoseconds["record_incident"]
+    row("an incident with an open recorder", "its bare system calls",
+        f"{incident / nanoseconds['record_incident_bare_calls']:.2f}", "1.15")
+    row("an incident with an open recorder", "an insert into SQLite (WAL, synchronous off)",
+        f"{incident / nanoseconds['insert_into_sqlite']:.2f}", "")
+    row("an incident with an open recorder", "a line of syslog to a local datagram socket",
+        f"{incident / nanoseconds['send_to_syslog_socket']:.2f}", "")
     for name in ("zk_decode_eid_2_remote", "decode_record", "format_description", "walk_full_stack"):
         row(f"`{name}`", "", f"{nanoseconds[name]:.0f} ns", "")
 

@@ -22,9 +22,11 @@ static bool is_selected(const char* wanted, const zk_eid_t eid) {
 }
 
 static std::tm local_time(time_t seconds) {
-  static const bool is_zone_set = (tzset(), true); /* once: it looks at a file each time */
+  static bool is_zone_set = false;
+  if (!is_zone_set) tzset(); /* once: it looks at a file each time */
+  is_zone_set = true;
   std::tm parts = {};
-  if (is_zone_set) localtime_r(&seconds, &parts);
+  localtime_r(&seconds, &parts);
   return parts;
 }
 

@@ -24,9 +24,13 @@ static void advance(zk_cursor_t* cursor, size_t size) {
 }
 
 static void take_bytes(zk_cursor_t* cursor, void* bytes, size_t size) {
-  size_t inside = std::min(size, static_cast<size_t>(std::max(cursor->unread, ptrdiff_t{0})));
-  std::memcpy(bytes, cursor->at, inside);
-  std::memset(static_cast<char*>(bytes) + inside, 0, size - inside);
+  if (cursor->unread >= static_cast<ptrdiff_t>(size)) {
+    std::memcpy(bytes, cursor->at, size);
+  } else {
+    size_t inside = static_cast<size_t>(std::max(cursor->unread, ptrdiff_t{0}));
+    std::memcpy(bytes, cursor->at, inside);
+    std::memset(static_cast<char*>(bytes) + inside, 0, size - inside);
+  }
   advance(cursor, size);
 }
 
@@ -75,32 +79,28 @@ int zk_obtain_strlen(void* buffer, size_t buflen) {
   return length <= buflen ? static_cast<int>(length) : -1;
 }
 
-int zk_get_rec_substring(int debug_active, const char* debug_file, void** buffer, char* substring,
-                         size_t* remaining_len) {
-  const zk_trace_t trace = {debug_active, debug_file, __func__};
-  zk_cursor_t cursor = cursor_of(buffer, remaining_len);
-  int length = text_length(cursor);
-  if (length == -1)
-    return zk_failed(trace, ZELK_REC_CORRUPT,
-                     "Could not find a NULL terminated string in buffer\nReturning %s(%d) to caller\n");
-  std::memcpy(substring, cursor.at, static_cast<size_t>(length));
-  advance(&cursor, static_cast<size_t>(length) + 1);
-  store(cursor, buffer, remaining_len);
-  return ZELK_SUCCESS;
+/* Takes the text at the cursor where it lies; null when it is corrupt. Traces as zk_get_rec_substring. */
+static const char* take_text(const zk_trace_t& caller, zk_cursor_t* cursor) {
+  const zk_trace_t trace = {caller.active, caller.file, "zk_get_rec_substring"};
+  int length = text_length(*cursor);
+  if (length == -1) {
+    zk_failed(trace, ZELK_REC_CORRUPT,
+              "Could not find a NULL terminated string in buffer\nReturning %s(%d) to caller\n");
+    return nullptr;
+  }
+  const char* text = cursor->unread >= 0 ? cursor->at : "";
+  advance(cursor, static_cast<size_t>(length) + 1);
+  return text;
 }
 
-/* Takes a text into `texts`, which has room for it, and terminates it. Returns it, or null when it is corrupt. */
-static const char* take_text(const zk_trace_t& trace, zk_cursor_t* cursor, char* texts, size_t* used) {
-  char* text = texts + *used;
-  const char* start = cursor->at;
-  int result = zk_take_by(cursor, [&](void** buffer, size_t* remaining) {
-    return zk_get_rec_substring(trace.active, trace.file, buffer, text, remaining);
-  });
-  if (result != ZELK_SUCCESS) return nullptr;
-  size_t size = static_cast<size_t>(cursor->at - start);
-  text[size - 1] = '\0';
-  *used += size;
-  return text;
+int zk_get_rec_substring(int debug_active, const char* debug_file, void** buffer, char* substring,
+                         size_t* remaining_len) {
+  zk_cursor_t cursor = cursor_of(buffer, remaining_len);
+  const char* text = take_text({debug_active, debug_file, __func__}, &cursor);
+  if (text == nullptr) return ZELK_REC_CORRUPT;
+  std::copy_n(text, std::strlen(text), substring); /* without a terminator */
+  store(cursor, buffer, remaining_len);
+  return ZELK_SUCCESS;
 }
 
 static void release_arguments(cu_error_arg_t* arguments, int count) {
@@ -164,16 +164,14 @@ int zk_extract_arg_values(int debug_active, const char* debug_file, void** buffe
   return ZELK_SUCCESS;
 }
 
-/* Takes the description block, its texts into `texts`. Traces as zk_get_description, whose work it is.
- * Returns 0; ZELK_REC_CORRUPT. */
-static int take_description(const zk_trace_t& caller, zk_cursor_t* cursor, zk_description_t* description, char* texts,
-                            size_t* used) {
+/* Takes the description block. Traces as zk_get_description, whose work it is. Returns 0; ZELK_REC_CORRUPT. */
+static int take_description(const zk_trace_t& caller, zk_cursor_t* cursor, zk_description_t* description) {
   const zk_trace_t trace = {caller.active, caller.file, "zk_get_description"};
-  description->catalog = take_text(trace, cursor, texts, used);
+  description->catalog = take_text(trace, cursor);
   if (description->catalog == nullptr) return ZELK_REC_CORRUPT;
   description->set = zk_take_int(cursor);
   description->number = zk_take_int(cursor);
-  description->default_text = take_text(trace, cursor, texts, used);
+  description->default_text = take_text(trace, cursor);
   if (description->default_text == nullptr) return ZELK_REC_CORRUPT;
 
   description->argument_count = 0;
@@ -183,7 +181,7 @@ static int take_description(const zk_trace_t& caller, zk_cursor_t* cursor, zk_de
                                  &description->arguments);
   });
   if (result == ZELK_NO_MEMORY) { /* lost with its record, as a corrupt one is */
-    zk_failed(trace, result, "Unable to allocate memory to store arguments\nReturning %s(%d) to caller\n");
+    zk_failed(trace, result, "Unable to allocate memory to store arguments\nReturning %s(%d) to caller");
     return ZELK_REC_CORRUPT;
   }
   if (result != ZELK_SUCCESS)
@@ -215,11 +213,9 @@ void zk_release_description(zk_description_t* description) {
 int zk_get_description(int debug_active, const char* debug_file, char** descript, void** buffer,
                        size_t* remaining_len) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  std::array<char, ZK_REC_STRING_MAX + 16> texts;
-  size_t used = 0;
   zk_description_t description;
   zk_cursor_t cursor = cursor_of(buffer, remaining_len);
-  int result = take_description(trace, &cursor, &description, texts.data(), &used);
+  int result = take_description(trace, &cursor, &description);
   if (result != ZELK_SUCCESS) return result;
   *descript = zk_describe(description);
   zk_release_description(&description);
@@ -248,8 +244,7 @@ int zk_open_record(const zk_trace_t& trace, const void* record, zk_record_t* ope
 
 int zk_decode_record(const zk_trace_t& trace, zk_record_t* opened) {
   zk_cursor_t* cursor = &opened->cursor;
-  auto take = [&] { return take_text(trace, cursor, opened->texts.data(), &opened->texts_used); };
-  opened->texts_used = 0;
+  auto take = [&] { return take_text(trace, cursor); };
   opened->is_description_corrupt = false;
 
   zk_take_eid(cursor, opened->related_eid);
@@ -263,7 +258,7 @@ int zk_decode_record(const zk_trace_t& trace, zk_record_t* opened) {
   if ((opened->product = take()) == nullptr) return ZELK_REC_CORRUPT;
   opened->line = zk_take_int(cursor);
 
-  int result = take_description(trace, cursor, &opened->description, opened->texts.data(), &opened->texts_used);
+  int result = take_description(trace, cursor, &opened->description);
   if (result != ZELK_SUCCESS) {
     opened->is_description_corrupt = true;
     return result;

@@ -2,7 +2,6 @@
 #ifndef ZKRECORD_H
 #define ZKRECORD_H
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -15,7 +14,8 @@ struct zk_cursor_t {
   ptrdiff_t unread; /* bytes of the record from there on */
 };
 
-/* What a description is made of; the texts are the record's, the arguments are released by zk_release_description. */
+/* What a description is made of. The texts are the record's own, the arguments are released by
+ * zk_release_description. */
 struct zk_description_t {
   const char* catalog;
   int32_t set;
@@ -25,7 +25,7 @@ struct zk_description_t {
   cu_error_arg_t* arguments; /* null without any */
 };
 
-/* A record by its fields, in their order. Texts point into `texts`. */
+/* A record by its fields, in their order. The texts are the record's own, where they end with a NUL. */
 struct zk_record_t {
   zk_eid_t eid;         /* empty for none */
   zk_eid_t related_eid; /* empty for none */
@@ -43,8 +43,6 @@ struct zk_record_t {
 
   zk_cursor_t cursor;          /* behind what has been taken */
   bool is_description_corrupt; /* it is why the record could not be decoded */
-  size_t texts_used;
-  std::array<char, ZK_REC_STRING_MAX + 16> texts; /* from the first text on, all that a record can hold, terminated */
 };
 
 /* The length word of a record. */

@@ -1,5 +1,4 @@
 /* zkview.cpp - the command: its options, its views, and what ends it with which message and exit status. */
-#include <fcntl.h>
 #include <nl_types.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <span>
 
 #include "zk_int.h"
+#include "zk_io.h"
 #include "zk_msg.h"
 #include "zk_trace.h"
 
@@ -59,14 +59,6 @@ struct failure_t {
   int message;
   int status;
 };
-
-/* Keeps a stack or a trace file from becoming a standard stream where one is closed. What is written to such a stream
- * fails. */
-static bool fill_standard_streams() {
-  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
-    if (fcntl(stream, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDONLY) != stream) return false;
-  return true;
-}
 
 static void set_up_trace(context_t* context) {
   int state = zk_is_debug_file_set(context->debug_file.data());
@@ -282,7 +274,7 @@ int main(int argc, char** argv) {
   static context_t context = {.debug_active = 0, .debug_file = {}, .catfd = ZK_NO_CATALOG};
 
   std::signal(SIGXFSZ, SIG_IGN); /* a file size limit is one more way in which writing fails */
-  if (!fill_standard_streams()) return report_unexpected(context, "open", errno);
+  if (!zk_fill_standard_streams()) return report_unexpected(context, "open", errno);
   zk_buffer_report(report_block.data(), report_block.size());
   set_up_trace(&context);
   open_catalog(&context);

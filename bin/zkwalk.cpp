@@ -64,9 +64,9 @@ int zk_read_header(int debug_active, const char* debug_file, int fildes, int* st
   if (hbuf == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "hbuf ptr value seems invalid\nReturning %s(%d)");
 
   if (lseek(fildes, 0, SEEK_SET) == -1) return zk_failed(trace, ZELK_FILE_CORRUPT, SEEK_FAILED, 0, errno);
-  if (zk_read_at(fildes, &version, sizeof version, 0) < sizeof version && errno != 0)
+  if (zk_read_on(fildes, &version, sizeof version) < sizeof version && errno != 0)
     return zk_failed(trace, ZELK_FILE_CORRUPT, READ_FAILED, 0, errno);
-  if (zk_read_at(fildes, &header, sizeof header, ZK_STACK_HEADER_POS) < sizeof header && errno != 0)
+  if (zk_read_on(fildes, &header, sizeof header) < sizeof header && errno != 0)
     return zk_failed(trace, ZELK_FILE_CORRUPT, READ_FAILED, int{ZK_STACK_HEADER_POS}, errno);
 
   if (!zk_is_known_version(version))
@@ -135,11 +135,12 @@ int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes, nl_catd 
   walk->window_start = walk->window_end = 0;
   walk->window_is_last = false;
 
-  bool is_at_start = lseek(fildes, 0, SEEK_SET) == 0; /* a lock reaches from the position at which it is taken */
+  /* A lock reaches from the position at which it is taken. What cannot seek fails when its header is read. */
+  lseek(fildes, 0, SEEK_SET);
   if (lockf(fildes, F_LOCK, 0) == -1)
     return zk_failed(trace, ZELK_LOCK, "Failure to lock stack - error code %d\nReturning %s(%d)", errno);
   int result = zk_read_header(trace.active, trace.file, fildes, &walk->stack_version, &walk->header);
-  if (result != ZELK_SUCCESS || !is_at_start) return ZELK_FILE_CORRUPT;
+  if (result != ZELK_SUCCESS) return ZELK_FILE_CORRUPT;
   walk->may_wrap = walk->header.has_wrapped == 1;
   walk->position = walk->header.earliest_rec;
   return ZELK_SUCCESS;

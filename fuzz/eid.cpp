@@ -15,7 +15,10 @@ static void decode(const char* trace, const char* text) {
   zk_decode_eid_2(1, trace, text, &local, &version, &location, list, 2, &label, &first, &second, &time, address, &ipv6);
   zk_conv_base_64_hdr(1, trace, text, &version, &location);
   zk_conv_base_64_inode(1, trace, "/", text, list, 2);
-  zk_conv_base_64_templ(1, trace, text, &label);
+  if (zk_conv_base_64_templ(1, trace, text, &label) == ZELK_SUCCESS) {
+    zk_get_base_64_templ(1, trace, label, again);
+    FUZZ_EXPECT(static_cast<unsigned int>(zk_a64l(again)) == label);
+  }
   for (char type : {'.', '/'}) zk_conv_ipaddr(1, trace, text, type, address);
   zk_is_addr_ipv6_type(text);
   if (zk_conv_base_64_time(1, trace, text, &time) == ZELK_SUCCESS)

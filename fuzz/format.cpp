@@ -14,6 +14,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int32_t type = 0; type < TYPES; ++type) arguments[type] = {type, {.cu_arg_long_long = value}};
   arguments[CU_ERROR_ARG_CHAR_STR].cu_arg_value.cu_arg_char_str = value != 0 ? string.data() : nullptr;
   const cu_error_t error = {1, nullptr, "", 1, 1, text.c_str(), TYPES, arguments};
-  fuzz_message(error);
+  const std::string filled = fuzz_message(error), plain = text.substr(0, std::strcspn(text.c_str(), "%"));
+  FUZZ_EXPECT(filled.starts_with(plain)); /* what comes before the first conversion */
   return 0;
 }

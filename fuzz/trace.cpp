@@ -5,14 +5,14 @@
 
 #include "fuzz.h"
 #include "qx_zelk.h"
-#include "zk_trace_file.h"
+
+constexpr size_t CONTROL_LINE_SIZE = 36; /* bytes */
 
 static bool take_control_line(const std::string& contents, off_t* next_write, off_t* file_size) {
-  const std::string line = contents.substr(0, ZK_TRACE_CONTROL_SIZE);
+  const std::string line = contents.substr(0, CONTROL_LINE_SIZE);
   int wraps = 0;
-  return line.size() == ZK_TRACE_CONTROL_SIZE &&
-         zk_get_file_ctrl_info(line.c_str(), next_write, file_size, &wraps) == ZELK_SUCCESS &&
-         *next_write >= ZK_TRACE_CONTROL_SIZE;
+  return line.size() == CONTROL_LINE_SIZE &&
+         zk_get_file_ctrl_info(line.c_str(), next_write, file_size, &wraps) == ZELK_SUCCESS && *next_write >= 36;
 }
 
 /* What may have become of a file that held `before` when an entry of `entry_max` bytes at most came. */
@@ -24,7 +24,7 @@ static void check(const std::string& before, const std::string& after, int resul
     return FUZZ_EXPECT(result == ZELK_FILE_CORRUPT && after == before);
   /* An entry lies within the stated size or starts behind the control line; the recycle marker does not. */
   const size_t stated = static_cast<size_t>(std::max(file_size, next_write + RECYCLE_MARKER_SIZE));
-  const size_t first = ZK_TRACE_CONTROL_SIZE + entry_max + END_MARKER.size();
+  const size_t first = CONTROL_LINE_SIZE + entry_max + END_MARKER.size();
   FUZZ_EXPECT(after.size() <= std::max({before.size(), stated, first}));
   if (result != ZELK_SUCCESS) return;
   FUZZ_EXPECT(take_control_line(after, &next_write, &new_size) && new_size == file_size);

@@ -309,7 +309,7 @@ int zk_create_debug_file(const char* debug_file);
  * while another process has it locked or leased. The thread's signals are blocked meanwhile, but not while it waits for
  * the lock: a signal handler that returns then ends the wait (ZELK_LOCK), unless it was installed with SA_RESTART. The
  * thread is not cancelled before the call returns. A child may be forked at any time, in a signal handler too; one that
- * a handler forks during the wait gives the entry up.
+ * a handler forks during the wait gives the entry up. A thread that forks waits until the others have written theirs.
  * A signal handler must not call it; neither must, before exec, a child that was forked while another thread converted
  * a time (the C library's lock for that is then taken for ever). TZ is read from the environment.
  * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM3 a null argument; ZELK_FILE_MISSING, ZELK_NO_ACCESS, ZELK_TOO_MANY,

@@ -11,7 +11,7 @@
 
 /* A record as the file will hold it, its length word included, and the length word of 0 that may follow it. */
 struct zk_record_image_t {
-  size_t size; /* without what follows */
+  size_t size = 0; /* without what follows */
   std::array<char, ZK_REC_LENGTH_SIZE + ZK_REC_LISTED_MAX + ZK_REC_LENGTH_SIZE> bytes;
 };
 

@@ -176,7 +176,8 @@ static timeval next_time(const zk_stack_state_t& state) {
   gettimeofday(&now, nullptr);
   timeval after = newest_time(state);
   if (++after.tv_usec == 1000000) after = {.tv_sec = after.tv_sec + 1, .tv_usec = 0};
-  return timercmp(&now, &after, <) && after.tv_sec < SECONDS_END ? after : now;
+  const bool is_later = now.tv_sec != after.tv_sec ? now.tv_sec > after.tv_sec : now.tv_usec >= after.tv_usec;
+  return is_later || after.tv_sec >= SECONDS_END ? now : after;
 }
 
 static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_t eid) {

@@ -1,13 +1,15 @@
-/* fault_shim.cpp - preloaded into the command: logs what it asks of the system and lets one call fail.
+/* fault_shim.cpp - preloaded into the command: one thing that it does with a file, or with memory, fails.
  *
- *   ZK_FAULT_LOG  file that gets a line for each call: its name, a number that tells such calls apart (a position, a
- *                 request, a number of bytes), the file that it is about
- *   ZK_FAULT      "N ERROR": the N-th of these calls fails with errno ERROR; for 0 it transfers one byte at most
+ *   FAULT      "EFFECT FILE NUMBER ERROR", for example "reading disk 2 EIO": the second time that a file of that name
+ *              is read there is an input/output error. "short" in place of an error lets one byte through.
+ *   FAULT_HIT  a file that is made when it comes to that
  *
- * What libraries call for themselves does not count. A run that takes too long is ended by a signal. */
+ * Effects: opening, reading, writing, locking and unlocking a file ("stdout" is the report); listing a directory;
+ * asking for node addresses, taking memory (FILE is "-", and what libraries take for themselves does not count). */
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/auxv.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,74 +18,81 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 static struct {
-  void* command; /* where it is loaded; null while nothing counts */
-  int log, error;
-  long number;
-  size_t limit; /* of the transfer that is let through */
+  char effect[16], file[64], error[16];
+  int number;
+  void* command; /* where it is loaded */
 } fault;
 
 __attribute__((constructor)) static void start() {
   Dl_info command = {};
-  fault.log = open(getenv("ZK_FAULT_LOG"), O_WRONLY | O_CLOEXEC);
-  sscanf(getenv("ZK_FAULT"), "%ld %d", &fault.number, &fault.error);
-  alarm(10);
+  if (sscanf(getenv("FAULT"), "%15s %63s %d %15s", fault.effect, fault.file, &fault.number, fault.error) != 4) abort();
   dladdr(reinterpret_cast<void*>(getauxval(AT_ENTRY)), &command);
   fault.command = command.dli_fbase;
+  alarm(20);
 }
 
-/* Logs a call of the command; returns whether it is to fail, with errno set. */
-static bool fails(void* caller, const char* call, long detail, const char* file) {
-  Dl_info place = {};
-  fault.limit = SIZE_MAX;
-  if (fault.command == nullptr || dladdr(caller, &place) == 0 || place.dli_fbase != fault.command) return false;
-  const int caller_errno = errno;
-  /* Registered within main, so that it comes before what writes coverage. */
-  static const int registered = atexit([] { fault.command = nullptr; });
-  static_cast<void>(registered);
-  dprintf(fault.log, "%s %ld %s\n", call, detail, file);
-  errno = caller_errno;
-  if (--fault.number != 0) return false;
-  fault.limit = 1;
-  errno = fault.error;
-  return fault.error != 0;
+/* Whether it comes to the fault: 0, or the error; "short" is -1. */
+static int fault_at(const char* effect, const char* file) {
+  const char* name = strrchr(file, '/');
+  if (strcmp(effect, fault.effect) != 0 || strcmp(name != nullptr ? name + 1 : file, fault.file) != 0) return 0;
+  if (--fault.number != 0) return 0;
+  if (const char* hit = getenv("FAULT_HIT")) syscall(SYS_close, syscall(SYS_openat, AT_FDCWD, hit, O_CREAT, 0600));
+  for (int error = 1; error < 140; ++error)
+    if (strerrorname_np(error) != nullptr && strcmp(strerrorname_np(error), fault.error) == 0) return errno = error;
+  return -1;
 }
 
-static bool fails(void* caller, const char* call, long detail, int fildes) {
+static int fault_at(const char* effect, int fildes) {
+  char link[32], name[PATH_MAX] = "stdout";
   const int caller_errno = errno;
-  char link[32], name[PATH_MAX] = "";
   snprintf(link, sizeof link, "/proc/self/fd/%d", fildes);
-  if (readlink(link, name, sizeof name - 1) == -1) errno = caller_errno;
-  return fails(caller, call, detail, name);
+  if (fildes != STDOUT_FILENO && readlink(link, name, sizeof name - 1) == -1) name[0] = '\0';
+  errno = caller_errno;
+  return fault_at(effect, name);
 }
 
-/* A routine that logs and then fails, or goes on to the real one. The headers' own declarations are left aside: a third
- * argument that may be missing is passed on in any case. */
-#define CALL(type, name, failed, parameters, detail, file, arguments)                              \
-  extern "C" type shim_##name parameters __asm__(#name);                                           \
-  type shim_##name parameters {                                                                    \
-    if (fails(__builtin_return_address(0), #name, static_cast<long>(detail), file)) return failed; \
-    return reinterpret_cast<decltype(&shim_##name)>(dlsym(RTLD_NEXT, #name)) arguments;            \
+static int memory_fault(void* caller) {
+  Dl_info place = {};
+  if (strcmp(fault.effect, "memory") != 0 || dladdr(caller, &place) == 0 || place.dli_fbase != fault.command) return 0;
+  return fault_at("memory", "-");
+}
+
+/* A routine that fails at the fault, or goes on to the real one; `size` is cut to 1 by a short transfer. The headers'
+ * own declarations are left aside: a third argument that may be missing is passed on in any case. */
+#define CALL(type, name, failed, parameters, which, arguments)                          \
+  extern "C" type shim_##name parameters __asm__(#name);                                \
+  type shim_##name parameters {                                                         \
+    const int error = which;                                                            \
+    if (error > 0) return failed;                                                       \
+    [[maybe_unused]] const size_t limit = error < 0 ? 1 : SIZE_MAX;                     \
+    return reinterpret_cast<decltype(&shim_##name)>(dlsym(RTLD_NEXT, #name)) arguments; \
   }
-#define WITHIN_LIMIT std::min(size, fault.limit)
-CALL(int, open, -1, (const char* path, int flags, int mode), flags, path, (path, flags, mode))
-CALL(int, fcntl, -1, (int fd, int request, void* more), request, fd, (fd, request, more))
-CALL(int, ioctl, -1, (int fd, unsigned long request, void* more), 0, fd, (fd, request, more))
-CALL(ssize_t, read, -1, (int fd, void* to, size_t size), 0, fd, (fd, to, WITHIN_LIMIT))
-CALL(ssize_t, pread, -1, (int fd, void* to, size_t size, off_t at), at, fd, (fd, to, WITHIN_LIMIT, at))
-CALL(ssize_t, write, -1, (int fd, const void* from, size_t size), 0, fd, (fd, from, WITHIN_LIMIT))
-CALL(off_t, lseek, -1, (int fd, off_t to, int whence), to, fd, (fd, to, whence))
-CALL(int, lockf, -1, (int fd, int request, off_t size), request, fd, (fd, request, size))
-CALL(int, fchmod, -1, (int fd, mode_t mode), 0, fd, (fd, mode))
-CALL(int, fstat, -1, (int fd, void* status), 0, fd, (fd, status))
-CALL(int, stat, -1, (const char* path, void* status), 0, path, (path, status))
-CALL(int, statvfs, -1, (const char* path, void* space), 0, path, (path, space))
-CALL(int, socket, -1, (int domain, int type, int protocol), 0, "", (domain, type, protocol))
-CALL(void*, opendir, nullptr, (const char* path), 0, path, (path))
-CALL(void*, readdir, nullptr, (void* entries), 0, "", (entries))
-CALL(intptr_t, catopen, -1, (const char* name, int flag), flag, name, (name, flag))
-CALL(void*, setlocale, nullptr, (int category, const char* name), 0, "", (category, name))
-CALL(void*, malloc, nullptr, (size_t size), size, "", (size))
-CALL(void*, calloc, nullptr, (size_t count, size_t size), (count * size), "", (count, size))
-CALL(void*, realloc, nullptr, (void* memory, size_t size), size, "", (memory, size))
+#define LIMITED std::min(size, limit)
+#define CALLER __builtin_return_address(0)
+CALL(int, open, -1, (const char* path, int flags, int mode), fault_at("opening", path), (path, flags, mode))
+CALL(int, openat, -1, (int folder, const char* path, int flags, int mode), fault_at("opening", path),
+     (folder, path, flags, mode))
+CALL(ssize_t, read, -1, (int fd, void* to, size_t size), fault_at("reading", fd), (fd, to, LIMITED))
+CALL(ssize_t, pread, -1, (int fd, void* to, size_t size, off_t at), fault_at("reading", fd), (fd, to, LIMITED, at))
+CALL(ssize_t, write, -1, (int fd, const void* from, size_t size), fault_at("writing", fd), (fd, from, LIMITED))
+CALL(ssize_t, pwrite, -1, (int fd, const void* from, size_t size, off_t at), fault_at("writing", fd),
+     (fd, from, LIMITED, at))
+static const char* lock_effect(bool is_unlock) {
+  return is_unlock ? "unlocking" : "locking";
+}
+CALL(int, lockf, -1, (int fd, int request, off_t size), fault_at(lock_effect(request == F_ULOCK), fd),
+     (fd, request, size))
+static int fcntl_fault(int fd, int request, void* more) {
+  const bool is_lock = request == F_SETLK || request == F_SETLKW || request == F_OFD_SETLK || request == F_OFD_SETLKW;
+  return is_lock ? fault_at(lock_effect(static_cast<struct flock*>(more)->l_type == F_UNLCK), fd) : 0;
+}
+CALL(int, fcntl, -1, (int fd, int request, void* more), fcntl_fault(fd, request, more), (fd, request, more))
+CALL(int, socket, -1, (int domain, int type, int protocol), fault_at("asking", "-"), (domain, type, protocol))
+CALL(int, ioctl, -1, (int fd, unsigned long request, void* more), fault_at("asking", "-"), (fd, request, more))
+CALL(void*, opendir, nullptr, (const char* path), fault_at("listing", path), (path))
+CALL(void*, malloc, nullptr, (size_t size), memory_fault(CALLER), (size))
+CALL(void*, calloc, nullptr, (size_t count, size_t size), memory_fault(CALLER), (count, size))
+CALL(void*, realloc, nullptr, (void* memory, size_t size), memory_fault(CALLER), (memory, size))

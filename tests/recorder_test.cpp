@@ -245,13 +245,14 @@ static std::string zeros(int32_t length) {
 TEST(recorder, goes_on_with_sound_stacks_of_others) {
   std::vector<std::pair<std::string, int>> rows = {
       /* and the records shown in the end */
-      {made({24, 500, 500, 8192, 0}, 24, ""), 1},                                     /* empty, not at its start */
-      {made({7900, 7900, 7900, 8192, 0}, 24, ""), 1},                                 /* room for two */
-      {made({24, 24, 24, 8192, 0}, 24, zeros(100) + zeros(100)), 3},                  /* unknown to the header */
-      {made({24, 128, 128, 8192, 1}, 24, zeros(100) + zeros(1118) + zeros(1000)), 3}, /* full, without a gap */
-      {made({24, 128, 8190, 8192, 1}, 24, zeros(100)), 2},                            /* the older run is used up */
-      {made({24, 128, 2000, 8192, 1}, 24, zeros(100) + image(-1)), 2},                /* nobody looks behind it */
-      {made({6000, 7000, 6104, 8192, 1}, 6000, zeros(100) + zeros(892)), 2}};         /* one run, after a lap */
+      {made({24, 500, 500, 8192, 0}, 24, ""), 1},                                         /* empty, not at its start */
+      {made({7900, 7900, 7900, 8192, 0}, 24, ""), 1},                                     /* room for two */
+      {made({24, 24, 24, 8192, 0}, 24, zeros(100) + zeros(100)), 3},                      /* unknown to the header */
+      {made({24, 128, 128, 8192, 1}, 24, zeros(100) + zeros(1118) + zeros(1000)), 3},     /* full, without a gap */
+      {made({24, 128, 8190, 8192, 1}, 24, zeros(100)), 2},                                /* the older run is used up */
+      {made({24, 128, 2000, 8192, 1}, 24, zeros(100) + image(-1)), 2},                    /* nobody looks behind it */
+      {made({6000, 8092, 8092, 8192, 1}, 6000, zeros(996) + zeros(1088) + zeros(90)), 2}, /* full, and at its end */
+      {made({6000, 7000, 6104, 8192, 1}, 6000, zeros(100) + zeros(892)), 2}};             /* one run, after a lap */
   for (int32_t length : {1, 4, 46, 94, 95, 1024, 1025, 1118})
     rows.emplace_back(made({40, 48 + 2 * length, 40, 8192, 0}, 40, zeros(length) + zeros(length)), 3);
   for (const auto& [stack, records] : rows) {

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,13 +18,13 @@
 
 static std::string eid_field(std::string_view id) {
   std::string field(id);
-  field.resize(ZELK_EID_SIZE);
+  field.resize(43);
   return field;
 }
 
 std::string eid(std::string_view name) {
   std::string id(name);
-  id.resize(ZELK_EID_LENGTH, '.');
+  id.resize(42, '.');
   return id;
 }
 
@@ -33,13 +34,19 @@ std::string incident::body() const {
          image(set) + image(number) + text(description) + image(arg_count) + args + text(details);
 }
 
+static constexpr int32_t AREA_START = 24;
+
+void keep(const void* memory) {
+  static auto& kept = *new std::vector<const void*>;
+  kept.push_back(memory);
+}
+
 stack::stack(int32_t size)
-    : header{ZK_STACK_RECORDS_MIN, ZK_STACK_RECORDS_MIN, ZK_STACK_RECORDS_MIN, size, 0},
-      area(static_cast<size_t>(size) - ZK_STACK_RECORDS_MIN, '\0') {}
+    : header{AREA_START, AREA_START, AREA_START, size, 0}, area(static_cast<size_t>(size - AREA_START), '\0') {}
 
 stack& stack::add_raw(int32_t length, std::string_view body) {
   std::string record = image(length) + std::string(body);
-  size_t at = static_cast<size_t>(header.write_pos - ZK_STACK_RECORDS_MIN);
+  size_t at = static_cast<size_t>(header.write_pos - AREA_START);
   if (at + record.size() > area.size()) area.resize(at + record.size());
   area.replace(at, record.size(), record);
   header.write_pos += static_cast<int32_t>(record.size());
@@ -48,27 +55,33 @@ stack& stack::add_raw(int32_t length, std::string_view body) {
 
 stack& stack::wrap() {
   /* The older lap stays where it is; what is added from here on overwrites its beginning. */
-  size_t used = static_cast<size_t>(header.write_pos - ZK_STACK_RECORDS_MIN);
+  size_t used = static_cast<size_t>(header.write_pos - AREA_START);
   std::string older = area.substr(0, used);
   area.assign(area.size(), '\0');
-  header.earliest_rec = static_cast<int32_t>(ZK_STACK_RECORDS_MIN + area.size() - used - 4);
+  header.earliest_rec = static_cast<int32_t>(AREA_START + area.size() - used - 4);
   area.replace(area.size() - used - 4, used, older);
   header.write_pos = header.records_start;
   header.has_wrapped = 1;
   return *this;
 }
 
-std::string told(int number, const std::string& first, const std::string& second) {
-  std::string text = message(number);
-  for (auto [start, value] : {std::pair{"%1$", first}, {"%2$", second}})
-    for (size_t at; (at = text.find(start)) != text.npos;) text.replace(at, 4, value);
-  return text;
-}
-
 std::string line(std::string_view description, std::string_view process) {
   std::string name(process.substr(0, 16));
   name.resize(16, ' ');
   return "020309052007 " + name + " " + std::string(description) + "\n";
+}
+
+std::string lines(const std::string& descriptions) {
+  std::string all = HEADING;
+  for (const std::string& description : words(descriptions)) all += line(description);
+  return all;
+}
+
+std::string unexpected(const std::string& routine, int code) {
+  return "2615-713 zkview Error: The command experienced an unexpected\n\t failure in the " + routine +
+         " routine.  Failure code from this\n\t routine was " + std::to_string(code) +
+         ".  Note the conditions present when this command\n\t was executed, and contact the system administrator.  "
+         "System\n\t administrators should contact the KVO Customer Support Center\n\t to report this failure.\n";
 }
 
 std::ostream& operator<<(std::ostream& stream, const outcome& what) {
@@ -78,6 +91,11 @@ std::ostream& operator<<(std::ostream& stream, const outcome& what) {
 std::vector<std::string> words(const std::string& text) {
   std::istringstream stream(text);
   return {std::istream_iterator<std::string>(stream), {}};
+}
+
+std::string replaced(std::string text, const std::string& what, const std::string& by) {
+  for (size_t at = 0; (at = text.find(what, at)) != text.npos; at += by.size()) text.replace(at, what.size(), by);
+  return text;
 }
 
 outcome run(const std::vector<std::string>& command, const environment& variables) {
@@ -96,6 +114,8 @@ outcome run(const std::vector<std::string>& command, const environment& variable
       made.push_back(nullptr);
       return made;
     };
+    const rlimit a_minute = {60, 60};
+    setrlimit(RLIMIT_CPU, &a_minute); /* what runs for ever must not outlive the test */
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
     dup2(open(out.c_str(), O_WRONLY), STDOUT_FILENO);
     dup2(open(err.c_str(), O_WRONLY), STDERR_FILENO);
@@ -107,22 +127,35 @@ outcome run(const std::vector<std::string>& command, const environment& variable
   return {contents(out), contents(err), WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status)};
 }
 
+outcome shell(const std::string& line, environment variables) {
+  const std::string folder = scratch() + "/bin/", script = folder + "zkview";
+  std::filesystem::create_directory(folder);
+  if (!std::filesystem::exists(script)) {
+    std::ofstream(script) << "#!/bin/sh\n[ -z \"$FAULT\" ] || LD_PRELOAD=" FAULT_SHIM " exec "
+                          << program("zkview_dynamic") << " \"$@\"\nexec " EMULATOR " " << program("zkview")
+                          << " \"$@\"\n";
+    std::filesystem::permissions(script, std::filesystem::perms::all);
+  }
+  variables["PROGRAM"] = program("zkview");
+  variables["PATH"] = folder + ":/usr/sbin:/usr/bin:/sbin:/bin";
+  outcome result = run({"/bin/sh", "-c", "cd " + scratch() + "; " + line}, variables);
+  for (const char* name : {"zkview_dynamic", "zkview"}) result.err = replaced(result.err, program(name), "zkview");
+  return result;
+}
+
 outcome zkview(std::vector<std::string> arguments, const environment& variables) {
   arguments.insert(arguments.begin(), program("zkview"));
   outcome result = run(arguments, variables);
   if (variables.contains("ZELKDEBUG")) return result;
-  /* Tracing changes nothing. */
   environment traced = variables;
-  traced["ZELKDEBUG"] = scratch() + "/command-trace";
+  traced["ZELKDEBUG"] = scratch() + "/unread-trace";
   EXPECT_EQ(run(arguments, traced), result);
   return result;
 }
 
-std::string report(const stack& what, std::vector<std::string> options) {
+outcome view(const stack& what, std::vector<std::string> options, const environment& variables) {
   options.insert(options.end(), {"-s", what.file()});
-  outcome result = zkview(options);
-  EXPECT_EQ(result.status, 0) << result.err;
-  return result.out;
+  return zkview(options, variables);
 }
 
 const std::string& scratch() {
@@ -148,6 +181,11 @@ std::string new_file(const std::string& contents) {
 std::string contents(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+size_t open_descriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 std::vector<std::string> trace_entries(const std::string& path) {
@@ -180,6 +218,12 @@ std::string folded(std::string message) {
   return lines;
 }
 
+void expect_golden(const std::string& name, const std::string& text) {
+  const std::string path = GOLDEN_FOLDER "/" + name + ".golden", now = replaced(text, scratch(), "FOLDER");
+  if (getenv("RENEW_GOLDEN") != nullptr) std::ofstream(path) << now;
+  EXPECT_EQ(run({"/usr/bin/diff", "-u", path, new_file(now)}).out, "") << "script/golden renews the golden files";
+}
+
 void in_child(const std::function<void()>& work) {
   pid_t child = fork();
   if (child == 0) {
@@ -206,8 +250,8 @@ bool has_private_var() {
         mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") != 0)
       return false;
     std::error_code error;
-    std::filesystem::create_directories(ZELK_STACK_DIR, error);
-    std::filesystem::create_directories(ZELK_DUMP_DIR, error);
+    std::filesystem::create_directories("/var/adm/zelk/stacks", error);
+    std::filesystem::create_directories("/var/adm/zelk/dumps", error);
     return !error;
   }();
   return made;

@@ -8,11 +8,16 @@
 #include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <cwctype>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "qx_zelk.h"
+#include "zk_io.h"
 
 /* Exit statuses. */
 enum { TOOL_DONE = 0, TOOL_FAILED = 1, TOOL_MISUSE = 2 };
@@ -23,10 +28,11 @@ struct tool_trace_t {
   std::array<char, ZELK_PATH_SIZE> file;
 };
 
-/* Sets up what every command does before it looks at its options: locale and trace. A file size limit is one more way in
- * which writing fails. */
+/* Sets up what every command does before it looks at its options: standard streams, locale and trace. A file size limit
+ * is one more way in which writing fails. */
 inline tool_trace_t tool_start() {
   tool_trace_t trace = {};
+  if (!zk_fill_standard_streams()) std::exit(TOOL_FAILED);
   std::setlocale(LC_ALL, "");
   std::signal(SIGXFSZ, SIG_IGN);
   const int state = zk_is_debug_file_set(trace.file.data());
@@ -35,10 +41,33 @@ inline tool_trace_t tool_start() {
   return trace;
 }
 
+/* The text with "?" for what the locale cannot print: it takes one line, and drives no terminal. */
+inline std::string tool_printable(std::string_view text) {
+  std::string shown;
+  while (!text.empty()) {
+    std::mbstate_t state = {};
+    wchar_t character = 0;
+    size_t length = std::mbrtowc(&character, text.data(), text.size(), &state);
+    const bool is_character = length >= 1 && length <= text.size(); /* no NUL, and no result of a failure */
+    if (!is_character) length = 1;
+    shown += is_character && std::iswprint(static_cast<wint_t>(character)) != 0 ? text.substr(0, length) : "?";
+    text.remove_prefix(length);
+  }
+  return shown;
+}
+
+/* Says on standard error, in one line, what has failed and why. Returns TOOL_FAILED. */
+inline int tool_fail(const std::string& name, const std::string& what, const std::string& reason) {
+  std::fflush(stdout);
+  const std::string message = name + ": " + tool_printable(what + ": " + reason) + "\n";
+  std::fwrite(message.data(), 1, message.size(), stderr);
+  return TOOL_FAILED;
+}
+
 /* Says on standard error what is wrong with the command line. Returns TOOL_MISUSE. */
 inline int tool_misuse(const std::string& name, const std::string& problem) {
   std::fflush(stdout);
-  const std::string message = name + ": " + problem + "\nTry '" + name + " --help'\n";
+  const std::string message = name + ": " + tool_printable(problem) + "\nTry '" + name + " --help'\n";
   std::fwrite(message.data(), 1, message.size(), stderr);
   return TOOL_MISUSE;
 }

@@ -131,14 +131,20 @@ static bool lock_file(int fildes, const sigset_t& signals) {
 
 /* ---- Entries ----------------------------------------------------------------------------------------------- */
 
-/* The text of a time, to be called within a turn. It is kept until the second is over: rendering it costs nearly half a
- * write. */
+/* The text of a time, to be called within a turn. It is kept until the second is over or the program changes its time
+ * zone: rendering it costs nearly half a write. */
 static const char* render_time(time_t seconds) {
+  struct rendering_t {
+    time_t seconds;
+    long offset; /* these two tell the zone */
+    std::array<const char*, 2> names;
+    bool operator==(const rendering_t&) const = default;
+  };
   static std::array<char, 32> text;
-  static time_t rendered;
-  if (text[0] == '\0' || seconds != rendered) {
+  static rendering_t kept;
+  if (text[0] == '\0' || kept != rendering_t{seconds, timezone, {tzname[0], tzname[1]}}) {
     ctime_r(&seconds, text.data());
-    rendered = seconds;
+    kept = {seconds, timezone, {tzname[0], tzname[1]}};
   }
   return text.data();
 }

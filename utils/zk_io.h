@@ -1,4 +1,5 @@
-/* zk_io.h - reading, writing and opening that carry on: after a short or interrupted call, and past a lease. */
+/* zk_io.h - reading, writing and opening that carry on: after a short or interrupted call, and past a lease; and what
+ * keeps them off the standard streams. */
 #ifndef ZK_IO_H
 #define ZK_IO_H
 
@@ -9,18 +10,25 @@
 #include <cerrno>
 #include <cstddef>
 
-/* Reads `size` bytes at `offset`. Returns how many there are before the end of the file or an error; errno is then
- * that error, else 0. */
+/* Reads `size` bytes at `offset` or, when that is below 0, at the file's position. Returns how many there are before the
+ * end of the file or an error; errno is then that error, else 0. */
 inline size_t zk_read_at(int fildes, void* bytes, size_t size, off_t offset) {
   size_t taken = 0;
   errno = 0;
   while (taken < size) {
-    ssize_t count = pread(fildes, static_cast<char*>(bytes) + taken, size - taken, offset + static_cast<off_t>(taken));
+    char* at = static_cast<char*>(bytes) + taken;
+    ssize_t count = offset < 0 ? read(fildes, at, size - taken)
+                               : pread(fildes, at, size - taken, offset + static_cast<off_t>(taken));
     if (count == 0 || (count < 0 && errno != EINTR)) break;
     if (count > 0) taken += static_cast<size_t>(count);
     errno = 0;
   }
   return taken;
+}
+
+/* Reads on at the file's position. */
+inline size_t zk_read_on(int fildes, void* bytes, size_t size) {
+  return zk_read_at(fildes, bytes, size, -1);
 }
 
 /* Writes all of `size` bytes at the file's position. Returns false, with errno set, when that fails; what was written
@@ -47,6 +55,14 @@ inline int zk_open_regular(const char* path, int flags) {
   bool is_leased = stat(path, &status) == 0 && S_ISREG(status.st_mode);
   errno = EAGAIN;
   return is_leased ? open(path, flags | O_NOCTTY | O_CLOEXEC) : -1;
+}
+
+/* Keeps a stack or a trace file from becoming a standard stream where one is closed. What is written to such a stream
+ * fails. Returns false, with errno set, when that cannot be done. */
+inline bool zk_fill_standard_streams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+    if (fcntl(stream, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDONLY) != stream) return false;
+  return true;
 }
 
 #endif

@@ -1,0 +1,99 @@
+/* What zkdecode shows of an Error ID, and what it says of a text that is none. */
+#include <filesystem>
+#include <fstream>
+
+#include "support.h"
+
+namespace fs = std::filesystem;
+
+/* What an ID ends with: 14 November 2023, 22:13:20.123456 UTC, at 127.0.0.1 or 192.168.1.2. */
+static const std::string MOMENT = ".2zIZ/.7S.", LOOPBACK = "/...z/...................", HERE = MOMENT + LOOPBACK,
+                         ELSEWHERE = MOMENT + "02.e.1...................";
+
+static outcome zkdecode(std::vector<std::string> arguments, const environment& variables = {}) {
+  arguments.insert(arguments.begin(), program("zkdecode"));
+  return run(arguments, variables);
+}
+/* What jq, a reader of its own, gives for `filter` of the JSON for these IDs. */
+static std::string jq(const std::string& filter, std::vector<std::string> ids) {
+  ids.insert(ids.begin(), "--json");
+  return run({"/usr/bin/jq", "-c", filter, new_file(zkdecode(ids).out)}).out;
+}
+
+TEST(zkdecode, shows_a_block_for_each_id_in_local_time) {
+  const std::string time = "Time: 2023-11-14 23:13:20.123456 CET (2023-11-14T22:13:20.123456Z)\n";
+  EXPECT_EQ(zkdecode({"8M6...." + HERE, ".0..../" + ELSEWHERE}, {{"TZ", "CET-1"}}),
+            good("Error ID: 8M6...." + HERE + "\nVersion: 2\nRecorded in: syslog\n" + time +
+                 "Node: 127.0.0.1 (this node)\nFacility: local7 (23)\nSeverity: debug (7)\n\n"
+                 "Error ID: .0..../" +
+                 ELSEWHERE + "\nVersion: 1\nRecorded in: error template\n" + time +
+                 "Node: 192.168.1.2 (another node)\nError template: 0x40000002\n"));
+}
+
+TEST(zkdecode, gives_json_in_a_fixed_order) {
+  const std::string time = R"("time":"2023-11-14T22:13:20.123456Z")";
+  EXPECT_EQ(jq(".", {"8/1...." + ELSEWHERE, "60....." + HERE}),
+            R"({"id":"8/1....)" + ELSEWHERE + R"(","version":2,"location":"syslog",)" + time +
+                R"(,"node":"192.168.1.2","local":false,"facility":"kern","severity":"crit"})" + "\n" +
+                R"({"id":"60.....)" + HERE + R"(","version":2,"location":"template",)" + time +
+                R"(,"node":"127.0.0.1","local":true,"template":2})" + "\n");
+}
+
+TEST(zkdecode, says_what_is_wrong_with_an_id_and_shows_the_others) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"8M6...!" + HERE, "its character 7 is outside the alphabet"},
+      {"GM6...." + HERE, "it is of a later version"},
+      {"9M6...." + HERE, "its location is one of a later version"},
+      {"8M6.....2zIZ/.7o1" + LOOPBACK, "its time stamp is out of range"},
+      {"8M6...." + HERE.substr(0, 34) + "a", "its address type is unknown"},
+      {"8.6...." + HERE, "its syslog selector is malformed or out of range"},
+      {"6......" + HERE, "its error template label is 0"}};
+  const std::string other = "60....." + ELSEWHERE, shown = zkdecode({other}).out;
+  for (const auto& [id, reason] : rows)
+    EXPECT_EQ(zkdecode({id, other}), (outcome{shown, "zkdecode: '" + id + "': " + reason + "\n", 1}));
+  EXPECT_EQ(zkdecode({"\n\x1b[2J"}).err, "zkdecode: '??[2J': its length is 5, not 42\n");
+}
+
+/* An ID of the only file in the stacks directory. */
+struct zkdecode_of_a_stack : testing::Test {
+  const fs::path folder = "/var/adm/zelk/stacks", file = folder / "stack";
+  std::string id;
+
+  void SetUp() override {
+    NEEDS_PRIVATE_VAR();
+    fs::remove_all(folder);
+    fs::create_directory(folder);
+    std::ofstream(file) << "any bytes";
+    char entry[7] = "";
+    ASSERT_EQ(zk_get_base_64_inode(0, nullptr, file.c_str(), entry), 0);
+    id = "7" + std::string(entry) + HERE;
+  }
+};
+
+TEST_F(zkdecode_of_a_stack, lists_all_candidates_in_the_order_of_the_directory) {
+  for (int i = 0; i < 99; ++i) fs::create_hard_link(file, folder / ("link" + std::to_string(i)));
+  std::string files;
+  for (const auto& entry : fs::directory_iterator(folder)) files += "Stack file: " + entry.path().string() + "\n";
+  EXPECT_TRUE(zkdecode({id}).out.ends_with("(this node)\n" + files + "Look it up: zkview -f " + id + "\n"));
+  EXPECT_EQ(jq(".stack_files | length", {id}), "100\n");
+}
+
+TEST_F(zkdecode_of_a_stack, takes_any_bytes_for_a_name) {
+  fs::rename(file, folder / "a\x1b[2J\xff\n\xc3\xa9");
+  EXPECT_EQ(jq(".stack_files", {id}), "[\"/var/adm/zelk/stacks/a\\u001b[2J\xef\xbf\xbd\\n\xc3\xa9\"]\n");
+  const std::string on_terminal = "script -qc '" + program("zkdecode") + " " + id + "' /dev/null";
+  EXPECT_NE(shell(on_terminal, {{"LC_ALL", "C.UTF-8"}}).out.find("/a?[2J??\xc3\xa9\r\n"), std::string::npos);
+}
+
+TEST_F(zkdecode_of_a_stack, needs_no_stack_and_no_directory) {
+  fs::remove_all(folder);
+  EXPECT_TRUE(zkdecode({id}).out.ends_with("(this node)\nStack file: none\nLook it up: zkview -f " + id + "\n"));
+  const std::string other = id.substr(0, 7) + ELSEWHERE;
+  EXPECT_TRUE(zkdecode({other}).out.ends_with("\nLook it up: zkview -f " + other + " on 192.168.1.2\n"));
+  EXPECT_EQ(zkdecode({id, other}).status, 0);
+}
+
+TEST(zkdecode, fails_when_it_cannot_write) {
+  const outcome full = shell(program("zkdecode") + " 60....." + HERE + " >/dev/full");
+  EXPECT_EQ(full, (outcome{"", "zkdecode: cannot write standard output: No space left on device\n", 1}));
+}

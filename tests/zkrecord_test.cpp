@@ -1,0 +1,133 @@
+/* Recording from a script: the command line, what is recorded, and what is said when it is not. */
+#include <filesystem>
+
+#include "support.h"
+
+static std::string new_stack() {
+  static int made = 0;
+  return scratch() + "/stack" + std::to_string(++made);
+}
+static outcome zkrecord(std::vector<std::string> arguments, const environment& variables = {}) {
+  arguments.insert(arguments.begin(), program("zkrecord"));
+  return run(arguments, variables);
+}
+/* A line of the shell in which `zkrecord` is the command and S a stack. */
+static outcome script(const std::string& stack, const std::string& line) {
+  return shell("zkrecord() { " + program("zkrecord") + " \"$@\"; }; S=" + stack + "; " + line);
+}
+/* What the full report of the newest incident shows from `label` up to `behind`. */
+static std::string newest(const std::string& stack, const std::string& label, const std::string& behind = "\n") {
+  const std::string report = zkview({"-d", "-a", "-s", stack}).out;
+  const size_t start = report.rfind(label) + label.size();
+  return report.substr(start, report.find(behind, start) - start);
+}
+static std::string description(const std::string& stack) {
+  return newest(stack, "\nDescription:\n", "\n" + SEPARATOR);
+}
+static const std::string DETAILS = "\n\nDetails:\n";
+
+TEST(zkrecord, takes_a_format_as_printf_does) {
+  const std::string stack = new_stack();
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"Disk %s is %d%% full.", "sda", "97"}, "Disk sda is 97% full."},
+      {{"%i %o %x %X %u", "010", "8", "-1", "0xff", "18446744073709551615"},
+       "8 10 ffffffffffffffff FF 18446744073709551615"},
+      {{"%c%c%c|", "A", "66", ""}, "AB|"},
+      {{"%.2f %g %E %a", "1.5", "inf", "100", "0x1p4"}, "1.50 inf 1.000000E+02 0x1p+4"},
+      {{"%p %p", "0x2007f3a0", "0"}, "0x2007f3a0 (nil)"},
+      {{"%2$s before %1$-4d|", "5", "text"}, "text before 5   |"},
+      {{"a\\tb\\\\ \\101\\x42 \\u00e9 \\q"}, "a\tb\\ AB \u00e9 \\q"},
+      {{"100\\045 d \\x25s"}, "100% d %s"},
+      {{"{}[a,b] %s %s", "[c,d]", "--quiet"}, "{}[a,b] [c,d] --quiet"}};
+  for (auto [arguments, shown] : rows) {
+    arguments.insert(arguments.begin(), {"-qC", stack});
+    EXPECT_EQ(zkrecord(arguments), good("")) << shown;
+    EXPECT_EQ(description(stack), shown + DETAILS);
+  }
+}
+
+TEST(zkrecord, makes_and_records_nothing_on_misuse) {
+  const std::string stack = new_stack(), no_eid(42, 'x');
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{stack}, "FORMAT is required"},
+      {{"--bogus", stack, "x"}, "The following argument was not expected: --bogus"},
+      {{stack, "%s and %s", "one"}, "FORMAT: argument 2, which '%s' asks for, is missing"},
+      {{stack, "%s", "one", "two"}, "FORMAT: no conversion takes argument 2"},
+      {{stack, "%d", "1x"}, "FORMAT: argument 1, '1x', is not a number, or out of range"},
+      {{stack, "%1$d %1$s", "1"}, "FORMAT: '%1$s' asks for another kind of argument than a conversion before it"},
+      {{stack, "%*d", "1"}, "FORMAT: '%*d' is not a conversion that can be recorded"},
+      {{stack, "%n%b%q"}, "FORMAT: '%n' is not a conversion that can be recorded"},
+      {{stack, "\\0"}, "FORMAT: a text cannot hold the character 0"},
+      {{"--cause", no_eid, stack, "x"}, "--cause: '" + no_eid + "' is not an Error ID"},
+      {{"-C8191", stack, "x"}, "--create: '8191' is not a number from 8192 to 16384"},
+      {{"--line=010", stack, "x"}, "--line: '010' is not a number from 0 to 2147483647"},
+      {{"-m", "stn.cat:2", stack, "x"}, "--message: 'stn.cat:2' is not CATALOG:SET:NUMBER"}};
+  for (auto [arguments, problem] : rows) {
+    arguments.insert(arguments.begin(), "-C");
+    EXPECT_EQ(zkrecord(arguments), (outcome{"", "zkrecord: " + problem + "\nTry 'zkrecord --help'\n", 2}));
+    EXPECT_FALSE(std::filesystem::exists(stack)) << problem;
+  }
+}
+
+TEST(zkrecord, makes_a_stack_where_there_is_none) {
+  const std::string stack = new_stack();
+  EXPECT_EQ(zkrecord({stack, "x"}), (outcome{"", "zkrecord: " + stack + ": there is no such file\n", 1}));
+  EXPECT_EQ(zkrecord({"-q", "-C=8192", stack, "one"}), good(""));
+  EXPECT_EQ(zkrecord({"-q", "--create=9000", stack, "two"}), good(""));
+  EXPECT_EQ(contents(stack).size(), 8192U); /* one that exists keeps its size */
+  EXPECT_EQ(zkrecord({"-C", "/dev/null", "x"}).err, "zkrecord: /dev/null: it is damaged, or no Error Stack\n");
+}
+
+TEST(zkrecord, prints_the_id_by_which_the_next_incident_names_its_cause) {
+  const std::string stack = new_stack();
+  const std::string cause = zkrecord({"-C", stack, "cause"}).out.substr(0, 42);
+  const outcome effect = zkrecord({"--details=", "--cause", cause, "--", stack, "-d"});
+  EXPECT_EQ(effect.out.size(), 43U);
+  EXPECT_EQ(newest(stack, "ZELK Error Identifier:\n\t "), cause); /* the associated one */
+  EXPECT_EQ(description(stack), "-d" + DETAILS);
+}
+
+TEST(zkrecord, records_the_caller_unless_told_otherwise) {
+  const std::string stack = new_stack();
+  const std::string ids = script(stack, "zkrecord -qC $S x; echo $$ $PPID").out;
+  EXPECT_EQ(newest(stack, "Process Name: "), "sh");
+  EXPECT_EQ(newest(stack, "\t Process Identifier: ") + " " + newest(stack, "Parent Process Identifier: ") + "\n", ids);
+  zkrecord({"-p", "stn_volmgr", "--pid=2147483647", "--file=vm.c", "--line=97", "--file-version=1.31", "--product=stn",
+            "-m", "stn.cat:2:3", stack, "Volume %s", "mail"});
+  const std::string source = text("vm.c") + text("1.31") + text("stn") + image(97);
+  EXPECT_NE(contents(stack).find(source + text("stn.cat") + image(2) + image(3) + text("Volume %s")),
+            std::string::npos);
+  EXPECT_EQ(newest(stack, "Process Name: "), "stn_volmgr");
+  EXPECT_EQ(newest(stack, "Process Thread Identifier: "), "2147483647");
+}
+
+TEST(zkrecord, takes_details_from_standard_input) {
+  const std::string stack = new_stack();
+  script(stack, "printf 'one\\ntwo\\n\\n' | zkrecord -C -d - $S x");
+  EXPECT_EQ(description(stack), "x" + DETAILS + "one\ntwo\n");
+  EXPECT_EQ(script(stack, "yes | zkrecord -q -d - $S endless"), good(""));
+  EXPECT_EQ(script(stack, "zkrecord -d - $S x </").err, "zkrecord: standard input: Is a directory\n");
+}
+
+TEST(zkrecord, preserves_a_dump_file_and_names_it_behind_what_fits_of_the_details) {
+  NEEDS_PRIVATE_VAR();
+  const std::string dump = new_file("state");
+  EXPECT_EQ(zkrecord({"-qC", "-p", "job", "-D", dump, "-d", std::string(2000, 'x'), "node", "x"},
+                     {{"ZELKPNAME", "stn_backup"}}),
+            good(""));
+  const std::string shown = description("node"), copy = shown.substr(shown.find("...\ndump file  ") + 15);
+  EXPECT_TRUE(copy.starts_with("/var/adm/zelk/dumps/stn_backup.")) << shown;
+  EXPECT_EQ(contents(copy), "state");
+  EXPECT_EQ(zkrecord({"-q", "-D", dump, "node", "x"}), good("")); /* an empty name, as run() gives it, makes no copy */
+  EXPECT_EQ(description("node"), "x" + DETAILS + "dump file  " + dump);
+  EXPECT_EQ(zkrecord({"-D", "/nowhere", "node", "x"}),
+            (outcome{"", "zkrecord: /nowhere: No such file or directory\n", 1}));
+}
+
+TEST(zkrecord, fails_when_the_id_cannot_be_written) {
+  const std::string stack = new_stack();
+  const outcome full = script(stack, "zkrecord -C $S full >/dev/full");
+  EXPECT_TRUE(full.status == 1 && full.err.ends_with(" cannot be written: No space left on device\n")) << full;
+  EXPECT_EQ(script(stack, "zkrecord $S closed >&-").status, 1);
+  EXPECT_EQ(description(stack), "closed" + DETAILS); /* the ID went nowhere, and not into the stack */
+}

@@ -1,0 +1,209 @@
+/* description.cpp - takes a format and its arguments as printf(1) does. */
+#include "description.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <clocale>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "cu_format.h"
+
+/* ---- Escapes ----------------------------------------------------------------------------------------------------- */
+
+/* An escape that is a number: its letter, its digits, and their base. */
+struct numeric_escape_t {
+  char letter; /* none for an octal one */
+  int base;
+  size_t digits_min;
+  size_t digits_max;
+};
+static constexpr numeric_escape_t OCTAL = {'\0', 8, 1, 3};
+static constexpr numeric_escape_t NUMERIC_ESCAPES[] = {{'x', 16, 1, 2}, {'u', 16, 4, 4}, {'U', 16, 8, 8}};
+
+/* Adds a character of its own, which the text must not hold as the start of a conversion. */
+static void put_byte(std::string* text, uint32_t byte) {
+  *text += static_cast<char>(byte);
+  if (byte == '%') *text += '%';
+}
+
+/* Adds the Unicode character `code` in UTF-8. */
+static void put_unicode(std::string* text, uint32_t code) {
+  if (code < 0x80) return put_byte(text, code);
+  const int following = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+  static constexpr uint32_t LEADS[] = {0, 0xc0, 0xe0, 0xf0};
+  put_byte(text, LEADS[following] | code >> (6 * following));
+  for (int i = following - 1; i >= 0; --i) put_byte(text, 0x80 | (code >> (6 * i) & 0x3f));
+}
+
+/* Takes the digits at `*at`. Returns what is wrong, or the empty text. */
+static std::string take_numeric_escape(const char** at, const numeric_escape_t& form, std::string* text) {
+  static constexpr char DIGITS[] = "0123456789abcdefABCDEF";
+  const std::string allowed = form.base == 8 ? "01234567" : DIGITS;
+  const std::string rest = std::string(*at).substr(0, form.digits_max);
+  const std::string digits = rest.substr(0, rest.find_first_not_of(allowed));
+  if (digits.size() < form.digits_min) return "a digit is missing in '\\" + std::string(1, form.letter) + rest + "'";
+  *at += digits.size();
+
+  const uint32_t code = static_cast<uint32_t>(std::stoul(digits, nullptr, form.base));
+  const bool is_unicode = form.digits_min > 1;
+  const bool is_surrogate = code >= 0xd800 && code <= 0xdfff;
+  if (is_unicode && (is_surrogate || code > 0x10ffff)) return "there is no character " + digits;
+  if (code == 0 || (!is_unicode && (code & 0xff) == 0)) return "a text cannot hold the character 0";
+  if (is_unicode)
+    put_unicode(text, code);
+  else
+    put_byte(text, code & 0xff);
+  return "";
+}
+
+/* Takes what follows the "\" of an escape; one that is none stands for itself. Returns what is wrong, or the empty
+ * text. */
+static std::string take_escape(const char** at, std::string* text) {
+  static constexpr std::string_view LETTERS = "abefnrtv\\\"";
+  static constexpr std::string_view CHARACTERS = "\a\b\033\f\n\r\t\v\\\"";
+  if (**at >= '0' && **at <= '7') return take_numeric_escape(at, OCTAL, text);
+  const char letter = **at;
+  if (letter != '\0') ++*at;
+  for (const numeric_escape_t& form : NUMERIC_ESCAPES)
+    if (letter == form.letter) return take_numeric_escape(at, form, text);
+  if (const size_t found = LETTERS.find(letter); found != LETTERS.npos) {
+    *text += CHARACTERS[found];
+    return "";
+  }
+  *text += '\\';
+  if (letter != '\0') put_byte(text, static_cast<unsigned char>(letter));
+  return "";
+}
+
+/* ---- Arguments --------------------------------------------------------------------------------------------------- */
+
+/* Whether `end`, behind what was taken of `text` as a number, is behind all of it. */
+static bool is_whole(const std::string& text, const char* end) {
+  return !text.empty() && end == text.c_str() + text.size();
+}
+
+static bool take_signed(const std::string& text, int64_t low, int64_t high, int64_t* value) {
+  char* end = nullptr;
+  errno = 0;
+  *value = std::strtoll(text.c_str(), &end, 0);
+  return is_whole(text, end) && errno == 0 && *value >= low && *value <= high;
+}
+
+static bool take_unsigned(const std::string& text, uint64_t high, uint64_t* value) {
+  char* end = nullptr;
+  errno = 0;
+  *value = std::strtoull(text.c_str(), &end, 0);
+  return is_whole(text, end) && errno == 0 && *value <= high && text.find('-') == text.npos;
+}
+
+/* A number as the user's locale writes it, or as C does. */
+static bool take_double(const std::string& text, double* value) {
+  const locale_t c_locale = newlocale(LC_NUMERIC_MASK, "C", nullptr);
+  char* end = nullptr;
+  *value = std::strtod(text.c_str(), &end);
+  if (!is_whole(text, end)) *value = strtod_l(text.c_str(), &end, c_locale);
+  freelocale(c_locale);
+  const bool is_named = text.find_first_of("nN") != text.npos; /* "inf" and "nan" are no overflow */
+  return is_whole(text, end) && (std::isfinite(*value) || is_named);
+}
+
+/* Makes the argument of a conversion. False when it is not a number, or one that is out of range. */
+static bool take_argument(std::string* operand, char letter, cu_error_arg_t* argument) {
+  auto& value = argument->cu_arg_value;
+  int64_t number = 0;
+  uint64_t bits = 0;
+  uintptr_t address = 0;
+  bool is_good = true;
+  switch (argument->cu_arg_type) {
+    case CU_ERROR_ARG_CHAR_STR:
+      value.cu_arg_char_str = operand->data();
+      return true;
+    case CU_ERROR_ARG_DOUBLE:
+      return take_double(*operand, &value.cu_arg_double);
+    case CU_ERROR_ARG_VOID_PTR:
+      is_good = take_unsigned(*operand, UINTPTR_MAX, &bits);
+      address = static_cast<uintptr_t>(bits);
+      std::memcpy(&value.cu_arg_void_ptr, &address, sizeof address);
+      return is_good;
+    case CU_ERROR_ARG_INT:
+      if (operand->size() > 1) is_good = take_signed(*operand, INT32_MIN, INT32_MAX, &number);
+      if (operand->size() == 1) number = static_cast<unsigned char>(operand->front());
+      value.cu_arg_int = static_cast<int32_t>(number);
+      return is_good;
+    default:
+      is_good = take_signed(*operand, INT64_MIN, INT64_MAX, &number);
+      if (!is_good && letter != 'd') {
+        is_good = take_unsigned(*operand, UINT64_MAX, &bits);
+        number = static_cast<int64_t>(bits);
+      }
+      value.cu_arg_long_long = number;
+      return is_good;
+  }
+}
+
+static cu_error_arg_type_t type_of(char letter) {
+  static constexpr struct {
+    std::string_view letters;
+    cu_error_arg_type_t type;
+  } TYPES[] = {{"duoxX", CU_ERROR_ARG_LONG_LONG},
+               {"c", CU_ERROR_ARG_INT},
+               {"aAeEfFgG", CU_ERROR_ARG_DOUBLE},
+               {"p", CU_ERROR_ARG_VOID_PTR}};
+  for (const auto& row : TYPES)
+    if (row.letters.find(letter) != row.letters.npos) return row.type;
+  return CU_ERROR_ARG_CHAR_STR;
+}
+
+/* ---- The description --------------------------------------------------------------------------------------------- */
+
+/* Takes the conversion at `*at`: into the text, and its letter as that of its argument. `letters` has a place for each
+ * operand. Returns what is wrong, or the empty text. */
+static std::string take_conversion(const char** at, size_t* unnumbered, std::string* letters, std::string* text) {
+  const char* start = *at;
+  const cu_piece_t piece = cu_take_piece(at, unnumbered);
+  const std::string written(start, *at);
+  *text += written;
+  if (piece.kind == CU_PIECE_TEXT) return "";
+  if (piece.kind != CU_PIECE_ARGUMENT) return "'" + written + "' is not a conversion that can be recorded";
+  if (piece.argument >= letters->size())
+    return "argument " + std::to_string(piece.argument + 1) + ", which '" + written + "' asks for, is missing";
+  char& letter = (*letters)[piece.argument];
+  if (letter != '\0' && type_of(letter) != type_of(piece.letter))
+    return "'" + written + "' asks for another kind of argument than a conversion before it";
+  if (letter == '\0') letter = piece.letter;
+  return "";
+}
+
+std::string take_description(const std::string& format, std::vector<std::string>* operands,
+                             description_t* description) {
+  std::string letters(operands->size(), '\0');
+  std::string problem;
+  size_t unnumbered = 0;
+  for (const char* at = format.c_str(); *at != '\0' && problem.empty();) {
+    if (*at == '%') {
+      problem = take_conversion(&at, &unnumbered, &letters, &description->text);
+    } else if (*at != '\\') {
+      description->text += *at++;
+    } else if (*++at == 'c') {
+      break; /* as printf(1): nothing more is printed */
+    } else {
+      problem = take_escape(&at, &description->text);
+    }
+  }
+  if (!problem.empty()) return problem;
+  if (!letters.empty() && letters.back() == '\0')
+    return "no conversion takes argument " + std::to_string(letters.size());
+
+  for (size_t i = 0; i < letters.size(); ++i) {
+    cu_error_arg_t argument = {.cu_arg_type = type_of(letters[i]), .cu_arg_value = {}};
+    std::string& operand = (*operands)[i];
+    if (!take_argument(&operand, letters[i], &argument))
+      return "argument " + std::to_string(i + 1) + ", '" + operand + "', is not a number, or out of range";
+    description->arguments.push_back(argument);
+  }
+  return "";
+}

@@ -1,0 +1,235 @@
+/* zkdecode.cpp - the command that shows what an Error ID says. */
+#include <arpa/inet.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "qx_zelk.h"
+#include "tool.h"
+
+static constexpr char NAME[] = "zkdecode";
+
+/* What the command line asks for. */
+struct decode_request_t {
+  std::vector<std::string> ids;
+  bool is_json;
+};
+
+/* What an Error ID says; what its location does not concern is 0. */
+struct decoded_t {
+  int version;
+  int location; /* ZELK_LOCATION_... */
+  timeval time;
+  std::string node; /* its address, as text */
+  int is_local;
+  std::optional<std::vector<std::string>> stack_files; /* paths of the candidates, where they can be known */
+  unsigned int label;
+  int facility; /* shifted, as syslog has it */
+  int severity;
+};
+
+/* ---- Names ------------------------------------------------------------------------------------------------------- */
+
+/* By location. */
+static constexpr struct {
+  const char* in_lines;
+  const char* in_json;
+} LOCATIONS[] = {{"error template", "template"}, {"Error Stack", "stack"}, {"syslog", "syslog"}};
+
+/* By number, as in syslog(3), which knows no names for 12 to 15. */
+static constexpr const char* FACILITIES[] = {"kern",   "user",     "mail",    "daemon", "auth",     "syslog",
+                                             "lpr",    "news",     "uucp",    "cron",   "authpriv", "ftp",
+                                             "ntp",    "security", "console", "clock",  "local0",   "local1",
+                                             "local2", "local3",   "local4",  "local5", "local6",   "local7"};
+static constexpr const char* SEVERITIES[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
+
+/* ---- Decoding ---------------------------------------------------------------------------------------------------- */
+
+/* Why the text cannot be an Error ID; empty when it can. The library decodes any characters. */
+static std::string problem_of_text(const std::string& id) {
+  if (id.size() != ZELK_EID_LENGTH)
+    return "its length is " + std::to_string(id.size()) + ", not " + std::to_string(ZELK_EID_LENGTH);
+  const size_t stray = id.find_first_not_of(base64_table);
+  return stray != id.npos ? "its character " + std::to_string(stray + 1) + " is outside the alphabet" : "";
+}
+
+/* Why an Error ID could not be decoded; empty for what is no failure: a stack file may be gone, and its directory too.
+ * Version and location are 0 until they are known. */
+static std::string problem_of_result(int result, int version, int location) {
+  switch (result) {
+    case ZELK_SUCCESS:
+    case ZELK_FILE_MISSING:
+    case ZELK_DIR_MISSING:
+      return "";
+    case ZELK_UNSUPPORTED:
+      return version == 0 ? "it is of a later version" : "its location is one of a later version";
+    case ZELK_INV_FID:
+      return "its time stamp is out of range";
+    case ZELK_INV_PARAM4:
+      return "its address type is unknown";
+    case ZELK_INV_PARAM3:
+      return "its syslog selector is malformed or out of range";
+    default:
+      return location == ZELK_LOCATION_TEMPLATE ? "its error template label is 0"
+                                                : "the directory " ZELK_STACK_DIR " cannot be read";
+  }
+}
+
+/* Decodes `id`. Returns what is wrong, empty when nothing is. `*decoded` has a value as far as the ID can be shown,
+ * also where only the stacks directory cannot be read. */
+static std::string decode(const tool_trace_t& trace, const std::string& id, std::optional<decoded_t>* decoded) {
+  std::string problem = problem_of_text(id);
+  if (!problem.empty()) return problem;
+
+  decoded_t eid = {};
+  std::array<unsigned char, sizeof(in6_addr)> address = {};
+  int is_ipv6 = 0;
+  std::string names; /* of the candidates, in slots */
+  size_t slots = 8;
+  int result;
+  do {
+    slots *= 2;
+    names.assign(slots * ZELK_FILE_SLOT_SIZE, '\0');
+    result = zk_decode_eid_2(trace.active, trace.file.data(), id.c_str(), &eid.is_local, &eid.version, &eid.location,
+                             names.data(), static_cast<int>(slots), &eid.label, &eid.facility, &eid.severity, &eid.time,
+                             address.data(), &is_ipv6);
+  } while (names[(slots - 1) * ZELK_FILE_SLOT_SIZE] != '\0'); /* with all slots taken there may be more */
+
+  problem = problem_of_result(result, eid.version, eid.location);
+  /* That the ID is one of this node is known once all but the entry has been decoded. */
+  const bool is_stack_here = eid.location == ZELK_LOCATION_STACK && eid.is_local == 1;
+  if (!problem.empty() && !is_stack_here) return problem;
+  std::array<char, INET6_ADDRSTRLEN> node = {};
+  inet_ntop(is_ipv6 == 1 ? AF_INET6 : AF_INET, address.data(), node.data(), node.size());
+  eid.node = node.data();
+  if (is_stack_here && problem.empty()) eid.stack_files.emplace();
+  for (const char* name = names.data(); eid.stack_files && *name != '\0'; name += ZELK_FILE_SLOT_SIZE)
+    eid.stack_files->push_back(std::string(ZELK_STACK_DIR "/") + name);
+  *decoded = std::move(eid);
+  return problem;
+}
+
+/* ---- Showing ----------------------------------------------------------------------------------------------------- */
+
+/* `separator` stands between date and time. */
+static std::string time_text(const std::tm& when, long microseconds, char separator) {
+  std::array<char, 96> text; /* room for any seven numbers */
+  std::snprintf(text.data(), text.size(), "%04d-%02d-%02d%c%02d:%02d:%02d.%06ld", when.tm_year + 1900, when.tm_mon + 1,
+                when.tm_mday, separator, when.tm_hour, when.tm_min, when.tm_sec, microseconds);
+  return text.data();
+}
+
+/* As in RFC 3339, UTC. */
+static std::string utc_text(const timeval& time) {
+  std::tm when = {};
+  gmtime_r(&time.tv_sec, &when);
+  return time_text(when, time.tv_usec, 'T') + "Z";
+}
+
+static std::string local_text(const timeval& time) {
+  std::tm when = {};
+  localtime_r(&time.tv_sec, &when);
+  return time_text(when, time.tv_usec, ' ') + " " + when.tm_zone;
+}
+
+/* A file name may hold any bytes: it is made to take one line, and on a terminal to be harmless. */
+static std::string shown_path(std::string path, bool is_terminal) {
+  if (is_terminal) return tool_printable(path);
+  std::replace(path.begin(), path.end(), '\n', '?');
+  return path;
+}
+
+static void show_lines(const std::string& id, const decoded_t& eid, bool is_terminal) {
+  auto show = [](const char* label, const std::string& value) { std::printf("%s: %s\n", label, value.c_str()); };
+  show("Error ID", id);
+  show("Version", std::to_string(eid.version));
+  show("Recorded in", LOCATIONS[eid.location].in_lines);
+  show("Time", local_text(eid.time) + " (" + utc_text(eid.time) + ")");
+  show("Node", eid.node + (eid.is_local == 1 ? " (this node)" : " (another node)"));
+  if (eid.stack_files) {
+    if (eid.stack_files->empty()) show("Stack file", "none");
+    for (const std::string& path : *eid.stack_files) show("Stack file", shown_path(path, is_terminal));
+  }
+  if (eid.location == ZELK_LOCATION_TEMPLATE) std::printf("Error template: 0x%08x\n", eid.label);
+  if (eid.location == ZELK_LOCATION_SYSLOG) {
+    std::printf("Facility: %s (%d)\n", FACILITIES[LOG_FAC(eid.facility)], LOG_FAC(eid.facility));
+    std::printf("Severity: %s (%d)\n", SEVERITIES[eid.severity], eid.severity);
+  }
+  if (eid.location == ZELK_LOCATION_STACK)
+    show("Look it up", "zkview -f " + id + (eid.is_local == 1 ? "" : " on " + eid.node));
+}
+
+/* What is not UTF-8 in a file name is replaced; on a terminal all but ASCII is escaped. */
+static void show_json(const std::string& id, const decoded_t& eid, bool is_terminal) {
+  nlohmann::ordered_json object = {{"id", id},
+                                   {"version", eid.version},
+                                   {"location", LOCATIONS[eid.location].in_json},
+                                   {"time", utc_text(eid.time)},
+                                   {"node", eid.node},
+                                   {"local", eid.is_local == 1}};
+  if (eid.stack_files) object["stack_files"] = *eid.stack_files;
+  if (eid.location == ZELK_LOCATION_TEMPLATE) object["template"] = eid.label;
+  if (eid.location == ZELK_LOCATION_SYSLOG) {
+    object["facility"] = FACILITIES[LOG_FAC(eid.facility)];
+    object["severity"] = SEVERITIES[eid.severity];
+  }
+  constexpr auto REPLACE = nlohmann::ordered_json::error_handler_t::replace;
+  std::puts(object.dump(-1, ' ', is_terminal, REPLACE).c_str());
+}
+
+static int show_all(const tool_trace_t& trace, const decode_request_t& request) {
+  const bool is_terminal = isatty(STDOUT_FILENO) == 1;
+  const auto show = request.is_json ? show_json : show_lines;
+  const char* separator = "";
+  int status = TOOL_DONE;
+  for (const std::string& id : request.ids) {
+    std::optional<decoded_t> eid;
+    const std::string problem = decode(trace, id, &eid);
+    if (!problem.empty()) status = tool_fail(NAME, "'" + id + "'", problem);
+    if (std::ferror(stdout) != 0) break;
+    if (!eid) continue;
+    std::fputs(separator, stdout);
+    show(id, *eid, is_terminal);
+    separator = request.is_json ? "" : "\n";
+  }
+  return status;
+}
+
+/* ---- The command line -------------------------------------------------------------------------------------------- */
+
+/* Takes the command line. Returns the exit status where that ends the run. The IDs are not for CLI11, which takes a text
+ * in brackets for a list. */
+static std::optional<int> take_command_line(int argc, char** argv, decode_request_t* request) {
+  std::string name = NAME;
+  std::vector<char*> options = {name.data()};
+  bool are_options_over = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    if (are_options_over || argument == "-" || !argument.starts_with('-'))
+      request->ids.emplace_back(argument);
+    else if (argument == "--")
+      are_options_over = true;
+    else
+      options.push_back(argv[i]);
+  }
+
+  CLI::App app("Shows what Error IDs say: where an incident was recorded, when, and on which node.", NAME);
+  app.add_option("ID", request->ids, "Error IDs of 42 characters")->type_name("")->required(request->ids.empty());
+  app.add_flag("-j,--json", request->is_json, "Print a JSON object for each ID, one a line")->disable_flag_override();
+  return tool_parse(&app, static_cast<int>(options.size()), options.data());
+}
+
+int main(int argc, char** argv) {
+  const tool_trace_t trace = tool_start();
+  decode_request_t request = {};
+  if (std::optional<int> status = take_command_line(argc, argv, &request)) return *status;
+  tzset(); /* localtime_r need not */
+  return tool_end(NAME, show_all(trace, request));
+}
