@@ -34,31 +34,30 @@ TEST(new_stack, is_empty_and_of_its_full_size) {
   EXPECT_TRUE(contents(path) == expected);
 }
 
-TEST(new_stack, leaves_what_exists_alone) {
-  const std::string file = new_file("mine"), link = file + "-link";
-  EXPECT_EQ(symlink("/nowhere", link.c_str()), 0);
-  for (const std::string& existing : {file, link, std::string("/")}) EXPECT_EQ(create(existing), -27);
-  EXPECT_EQ(contents(file), "mine");
-}
-
 TEST(new_stack, fails_by_the_reason_and_leaves_nothing_behind) {
   const std::string folder = new_folder(), path = folder + "/stack";
+  const std::string mine = new_file("mine");
+  EXPECT_EQ(symlink("/nowhere", (mine + "-link").c_str()), 0);
   EXPECT_EQ(create("", 0), -4);
+  for (const std::string& existing : {mine, mine + "-link", std::string("/")}) EXPECT_EQ(create(existing), -27);
+  EXPECT_EQ(contents(mine), "mine");
   for (int32_t size : {8191, 16385}) EXPECT_EQ(create(path, size), -5);
   for (const std::string& nowhere : {folder + "/none/stack", std::string("/dev/null/stack")})
     EXPECT_EQ(create(nowhere), -14);
   EXPECT_EQ(create(folder + "/" + std::string(256, 'x')), -1);
   as_ordinary_user([] { EXPECT_EQ(create("/stack"), -13); });
-  auto create_within = [&](auto resource, rlim_t limit, int expected) {
-    in_child([=] {
-      const rlimit both = {limit, limit};
-      signal(SIGXFSZ, SIG_IGN);
-      setrlimit(resource, &both);
-      EXPECT_EQ(create(path), expected);
-    });
+  auto create_within = [&](auto resource, rlim_t limit) {
+    rlimit usual = {};
+    getrlimit(resource, &usual);
+    const rlimit tight = {limit, usual.rlim_max};
+    setrlimit(resource, &tight);
+    const int result = create(path);
+    setrlimit(resource, &usual);
+    return result;
   };
-  create_within(RLIMIT_NOFILE, 3, -20);
-  create_within(RLIMIT_FSIZE, 4096, -1);
+  signal(SIGXFSZ, SIG_IGN);
+  EXPECT_EQ(create_within(RLIMIT_NOFILE, 3), -20);
+  EXPECT_EQ(create_within(RLIMIT_FSIZE, 4096), -1);
   EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
 
