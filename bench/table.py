@@ -14,7 +14,7 @@ build = sys.argv[1]
 zkview = os.path.abspath(build + "/bin/zkview")
 folder = tempfile.mkdtemp(prefix="zkview-bench-")
 environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "TZ": "UTC"}
-RECORDS = 100_000
+RECORDS = 100000
 
 
 def output_of(command):
@@ -111,13 +111,14 @@ def main():
 
     logins = folder + "/logins"
     commands = [f"{zkview} -d -s {folder}/many", f"{zkview} -a -d -s {folder}/many", f"utmpdump {logins}"]
-    if shutil.which("last"):
-        commands.append(f"last -f {logins}")
+    others = {"last": f"last -f {logins}", "dmesg": f"dmesg -F {folder}/messages"}
+    others = {name: command for name, command in others.items() if shutil.which(name)}
+    commands += others.values()
     times = processes(commands, runs=5, rounds=5)
     row(f"a record of {RECORDS}, `-d`", "an entry of `utmpdump`", f"{ratio(times, 0, 2):.2f}", "0.7")
     row(f"a record of {RECORDS}, `-a -d`", "an entry of `utmpdump`", f"{ratio(times, 1, 2):.2f}", "1.3")
-    if len(commands) > 3:
-        row(f"a record of {RECORDS}, `-d`", "an entry of `last`", f"{ratio(times, 0, 3):.2f}", "")
+    for column, name in enumerate(others, start=3):
+        row(f"a record of {RECORDS}, `-d`", f"an entry of `{name}`", f"{ratio(times, 0, column):.2f}", "")
     strangers = [f"{zkview} {view} -s {folder}/strangers" for view in ("-d", "-r", "-p")]
     for view, time in zip(("-d", "-r", "-p"), processes(strangers, runs=3, rounds=1)[0]):
         row(f"`zkview {view}` of 10,000 records of other processes and unknown causes", "", f"{time:.0f} ms", "1000 ms")

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "qx_cu.h"
+#include "zk_int.h"
 
 #define FUZZ_EXPECT(condition) ((condition) ? void() : std::abort())
 
@@ -50,6 +51,21 @@ inline std::string fuzz_message(const cu_error_t& error) {
   const std::string copy = text;
   free(text);
   return copy;
+}
+
+/* Release a list of the command's, which it leaves to its end, and return the number of records. */
+inline size_t fuzz_release(zk_stack_rec_t* element) {
+  if (element == nullptr) return 0;
+  const size_t others = fuzz_release(element->related) + fuzz_release(element->next);
+  free(element->record);
+  free(element);
+  return others + 1;
+}
+inline size_t fuzz_release(zk_proc_list_t* process) {
+  if (process == nullptr) return 0;
+  const size_t count = fuzz_release(process->records) + fuzz_release(process->next);
+  free(process);
+  return count;
 }
 
 /* A trace file for the routines that are tried with tracing on. */

@@ -2,23 +2,7 @@
 #include <algorithm>
 
 #include "fuzz.h"
-#include "zk_int.h"
 #include "zk_msg.h"
-
-/* Release a list, which the command leaves to its end, and return the number of records. */
-static size_t release(zk_stack_rec_t* element) {
-  if (element == nullptr) return 0;
-  const size_t others = release(element->related) + release(element->next);
-  free(element->record);
-  free(element);
-  return others + 1;
-}
-static size_t release(zk_proc_list_t* process) {
-  if (process == nullptr) return 0;
-  const size_t count = release(process->records) + release(process->next);
-  free(process);
-  return count;
-}
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static char block[1 << 16]; /* small: filling it is tried too */
@@ -42,7 +26,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     zk_display_recs_by_proc(traced, trace, &processes, all, catalog);
     zk_display_recs_by_rel(traced, trace, groups, all, catalog);
   }
-  const bool agree = release(processes.next) == release(groups);
+  const bool agree = fuzz_release(processes.next) == fuzz_release(groups);
   FUZZ_EXPECT(agree || by_process != ZELK_SUCCESS || by_relation != ZELK_SUCCESS);
   FUZZ_EXPECT(zk_flush_report() == 0);
   FUZZ_EXPECT(lseek(fildes, 0, SEEK_CUR) == 0 && fuzz_contents(fildes) == bytes); /* a stack is only read */

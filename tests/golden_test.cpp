@@ -21,6 +21,7 @@ namespace {
 
 bool has(const std::string& ability) {
   if (ability == "stacks-directory") return has_private_var();
+  if (ability == "character-sets") return sizeof(void*) == 8; /* the C library's, which are there for one host */
   if (ability == "native") return *EMULATOR == '\0';
   if (ability == "faults") return *FAULT_SHIM != '\0';
   if (ability == "loopback") return run({"/bin/sh", "-c", "grep -q '127.0.0.1' /proc/net/fib_trie"}).status == 0;

@@ -1,444 +1,411 @@
-/* Recording: what every view shows of a stack whose recorder was killed, refused or crowded, and what is recorded. */
-#undef _FORTIFY_SOURCE /* its inline variants cannot be replaced */
+/* recorder_test.cpp - records into stacks of all kinds, with the disk refusing and the process dying at every write, and
+ * looks at what the command shows of them. */
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <set>
+#include <functional>
+#include <sstream>
 #include <thread>
 
 #include "qx_record.h"
 #include "support.h"
 
-/* ---- Writing that goes wrong --------------------------------------------------------------------------------- */
+/* ---- What the tests share ------------------------------------------------------------------------------------------ */
 
-/* What happens to the write that comes after `spared` others: the recorder is killed before it, in its middle or after
- * it, or the write is refused or shortened. */
-enum mishap { NONE, KILLED_BEFORE, KILLED_WITHIN, KILLED_BEHIND, REFUSED, FULL, SHORT };
-static struct {
-  mishap what;
-  int spared;
-} next_mishap = {NONE, 0};
+enum fault_t { KILLED_BEFORE, KILLED_WITHIN, KILLED_AFTER, SHORT_WRITE, INPUT_OUTPUT_ERROR, NO_SPACE };
+static constexpr int KILLED = 9;
 
-/* The library is linked into this program, so its writes come here. */
-extern "C" ssize_t pwrite(int fildes, const void* bytes, size_t size, off_t offset) {
-  const bool is_hit = next_mishap.what != NONE && next_mishap.spared-- == 0;
-  const mishap what = is_hit ? next_mishap.what : NONE;
-  if (is_hit) next_mishap.what = NONE;
-  if (what == KILLED_BEFORE) _exit(9);
-  if (what == REFUSED || what == FULL) {
-    errno = what == FULL ? ENOSPC : EIO;
-    return -1;
-  }
-  const size_t length = what == KILLED_WITHIN || what == SHORT ? size / 2 : size;
-  lseek(fildes, offset, SEEK_SET);
-  const ssize_t written = syscall(SYS_write, fildes, bytes, length);
-  if (what == KILLED_WITHIN || what == KILLED_BEHIND) _exit(9);
-  return written;
+/* The library's writes come through here; the one at which the count gets to 0 meets the fault. */
+static int writes_until_fault = 0;
+static fault_t fault;
+static std::function<void()> at_write = [] {};
+
+ssize_t pwrite(int fildes, const void* bytes, size_t size, off_t position) {
+  auto pass = [&](size_t count) { return lseek(fildes, position, SEEK_SET) == -1 ? -1 : write(fildes, bytes, count); };
+  const bool is_one_piece = position < 24 || size == 4; /* the header; a length word */
+  at_write();
+  if (--writes_until_fault != 0) return pass(size);
+  if (fault == SHORT_WRITE) return pass(size / 2);
+  if ((fault == KILLED_WITHIN || fault == NO_SPACE) && !is_one_piece) pass(size / 2);
+  if (fault == KILLED_AFTER) pass(size);
+  if (fault <= KILLED_AFTER) _exit(KILLED);
+  errno = fault == NO_SPACE ? ENOSPC : EIO;
+  return -1;
 }
 
-/* ---- A recorder and its stack -------------------------------------------------------------------------------- */
+static std::string empty_stack(int32_t size = 8192) {
+  const std::string path = new_file("") + "-stack";
+  EXPECT_EQ(zk_create_stack(0, nullptr, path.c_str(), size), 0);
+  return path;
+}
 
-struct recorder : testing::Test {
-  void SetUp() override {
-    setenv("ZELKADDR", "/...z/...................", 1); /* 127.0.0.1 */
-    path = scratch() + "/" + testing::UnitTest::GetInstance()->current_test_info()->name();
-    unlink(path.c_str());
-    ASSERT_EQ(zk_create_stack(0, nullptr, path.c_str(), 8192), 0);
-  }
-  void TearDown() override {
-    next_mishap.what = NONE;
-    zk_close_recorder(open);
-  }
+/* Texts belong to the caller. */
+static zk_incident_t incident_of(const char* message, const char* details = nullptr) {
+  zk_incident_t incident = {};
+  incident.process_name = "p";
+  incident.default_message = message;
+  incident.details = details;
+  return incident;
+}
 
-  /* Records an incident that is known by its number; returns the result. */
-  int record(int number, size_t details = 0) {
-    if (open == nullptr && zk_open_recorder(0, nullptr, path.c_str(), &open) != 0) return -99;
-    const std::string name = "n" + std::to_string(number), more(details, 'd');
-    zk_incident_t what = {};
-    what.process_name = "proc";
-    what.process_id = 7;
-    what.default_message = name.c_str();
-    what.details = more.c_str();
-    return zk_record_incident(0, nullptr, open, &what, id);
-  }
-  int record(const zk_incident_t& what) {
-    if (open == nullptr && zk_open_recorder(0, nullptr, path.c_str(), &open) != 0) return -99;
-    return zk_record_incident(0, nullptr, open, &what, id);
-  }
+/* Records by a recorder of its own. Returns the result, and the Error ID. */
+static int record(const std::string& path, const zk_incident_t& incident, char* eid) {
+  zk_recorder_t* recorder = nullptr;
+  int result = zk_open_recorder(0, nullptr, path.c_str(), &recorder);
+  if (result == 0) result = zk_record_incident(0, nullptr, recorder, &incident, eid);
+  zk_close_recorder(recorder);
+  return result;
+}
 
-  /* The numbers that a view shows, in its order; the view has to end well. */
-  std::vector<int> shown(const std::string& option = "-d") const {
-    const outcome report = run({program("zkview"), option, "-s", path});
-    EXPECT_EQ(report.status, 0) << option << report;
-    std::vector<int> numbers;
-    for (size_t at = 0; (at = report.out.find(" n", at)) != report.out.npos; ++at)
-      numbers.push_back(std::stoi(report.out.substr(at + 2)));
-    return numbers;
+/* Records an incident that is known by its number. */
+static int record(const std::string& path, int number, const std::string& details = "") {
+  zk_eid_t eid;
+  return record(path, incident_of(std::to_string(number).c_str(), details.c_str()), eid);
+}
+
+/* The numbers that `zkview -d` shows, oldest first; the other views must succeed too. */
+static std::vector<int> shown(const std::string& path) {
+  const outcome dump = run({program("zkview"), "-d", "-s", path});
+  std::istringstream lines(dump.out);
+  std::string line;
+  std::vector<int> numbers;
+  std::getline(lines, line); /* the heading */
+  while (std::getline(lines, line)) numbers.push_back(std::stoi(line.substr(30)));
+  EXPECT_EQ(dump.status, 0) << dump;
+  EXPECT_EQ(run({program("zkview"), "-p", "-s", path}).status, 0);
+  EXPECT_EQ(run({program("zkview"), "-r", "-s", path}).status, numbers.empty() ? 99 : 0);
+  return numbers;
+}
+
+/* Whether `recorded` ends with `run`. */
+template <typename Run>
+bool ends_with(const Run& recorded, const Run& run) {
+  return run.size() <= recorded.size() && std::equal(run.rbegin(), run.rend(), recorded.rbegin());
+}
+
+static int32_t write_pos(const std::string& path) {
+  int32_t position;
+  std::memcpy(&position, contents(path).data() + 8, 4);
+  return position;
+}
+
+/* ---- What is promised ---------------------------------------------------------------------------------------------- */
+
+/* Lets a write of the next incident, 5000, meet the fault. Returns false when there are not so many writes. */
+static bool keeps_promise(const std::string& stack, std::vector<int> recorded, const std::string& details, fault_t what,
+                          int at) {
+  static constexpr int ENDS[] = {KILLED, KILLED, KILLED, 0, 1, 18}, NO_SUCH_WRITE = 100;
+  const std::string path = new_file(stack);
+  const pid_t child = fork();
+  if (child == 0) {
+    fault = what;
+    writes_until_fault = at;
+    const int result = record(path, 5000, details);
+    _exit(writes_until_fault > 0 ? NO_SUCH_WRITE : -result);
   }
-  /* Expects an unbroken run that ends with `newest` or, where that one was being recorded, the one before it. */
-  void expect_run(int newest, bool may_lack_newest) const {
-    for (const char* option : {"-d", "-p"}) {
-      const std::vector<int> numbers = shown(option);
-      ASSERT_FALSE(numbers.empty());
-      for (size_t i = 1; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], numbers[i - 1] + 1) << option;
-      EXPECT_TRUE(numbers.back() == newest || (may_lack_newest && numbers.back() == newest - 1)) << numbers.back();
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WEXITSTATUS(status) == NO_SUCH_WRITE) return false;
+  EXPECT_EQ(WEXITSTATUS(status), ENDS[what]);
+
+  const std::vector<int> left = shown(path);
+  if (what == SHORT_WRITE || (!left.empty() && left.back() == 5000)) recorded.push_back(5000);
+  EXPECT_TRUE(ends_with(recorded, left) && left.empty() == recorded.empty()) << what << " at write " << at;
+  EXPECT_EQ(record(path, 6000, details), 0);
+  recorded.push_back(6000);
+  const std::vector<int> later = shown(path);
+  EXPECT_TRUE(ends_with(recorded, later) && !later.empty()) << what << " at write " << at;
+  return true;
+}
+
+TEST(recording, keeps_its_promise_at_every_write) {
+  for (const std::string& details : {std::string(), std::string(2000, 'x')}) {
+    const std::string path = empty_stack();
+    std::vector<int> recorded;
+    int32_t size = 0;
+    for (int wraps = 0; wraps < 2;) {
+      const bool is_wrap = size > 8192 - write_pos(path), is_second_of_lap = write_pos(path) == 24 + size;
+      if (recorded.empty() || is_wrap || is_second_of_lap)
+        for (fault_t what : {KILLED_BEFORE, KILLED_WITHIN, KILLED_AFTER, SHORT_WRITE, INPUT_OUTPUT_ERROR, NO_SPACE})
+          for (int at = 1; keeps_promise(contents(path), recorded, details, what, at);) ++at;
+      recorded.push_back(1000 + static_cast<int>(recorded.size()));
+      ASSERT_EQ(record(path, recorded.back(), details), 0);
+      if (size == 0) size = write_pos(path) - 24;
+      wraps += is_wrap;
     }
-    EXPECT_EQ(shown("-r").size(), shown("-d").size());
   }
-
-  zk_estack_v1_header_t header() const {
-    zk_estack_v1_header_t header;
-    memcpy(&header, contents(path).data() + 4, sizeof header);
-    return header;
-  }
-
-  std::string path;
-  zk_recorder_t* open = nullptr;
-  zk_eid_t id = "";
-};
-
-/* ---- The promise --------------------------------------------------------------------------------------------- */
-
-static void restore(const std::string& path, const std::string& bytes) {
-  const int file = open(path.c_str(), O_WRONLY | O_TRUNC);
-  EXPECT_EQ(syscall(SYS_write, file, bytes.data(), bytes.size()), std::ssize(bytes));
-  close(file);
 }
 
-/* Lets `what` happen at each write of the incident `number`; each time the next recorder goes on. Leaves the stack as it
- * was. */
-static void survive(recorder& test, int number, size_t details, mishap what) {
-  const std::string before = contents(test.path);
-  bool is_recorded = false;
-  for (int write = 0; !is_recorded || what == SHORT; ++write) {
-    const pid_t child = fork();
-    if (child == 0) {
-      test.open = nullptr; /* a recorder of its own */
-      next_mishap = {what, write};
-      _exit(test.record(number, details) == 0 ? 0 : 1);
+TEST(stack, never_keeps_less_than_half_of_its_area) {
+  const std::string path = empty_stack();
+  std::vector<size_t> details;
+  for (unsigned int chance = 1; details.size() < 120; chance = chance * 1103515245 + 12345) {
+    const int number = 1000 + static_cast<int>(details.size());
+    details.push_back(std::min((chance >> 16) % 1500, 886U));
+    ASSERT_EQ(record(path, number, std::string(details.back(), 'x')), 0);
+    size_t kept = 0;
+    for (int each : shown(path)) kept += 138 + details[static_cast<size_t>(each - 1000)];
+    ASSERT_TRUE(details.size() < 60 || kept >= (8192 - 24) / 2) << number; /* by the sixtieth it has been filled */
+  }
+}
+
+/* ---- Many at once -------------------------------------------------------------------------------------------------- */
+
+static std::vector<std::string> ids_shown(const std::string& path) {
+  const outcome report = run({program("zkview"), "-da", "-s", path});
+  const std::string label = "ZELK Error Identifier:\n\t 7";
+  std::vector<std::string> ids;
+  for (size_t at = 0; (at = report.out.find(label, at)) != report.out.npos; at += label.size())
+    ids.push_back(report.out.substr(at + label.size() - 1, 42));
+  EXPECT_EQ(report.status, 0) << report;
+  return ids;
+}
+
+/* What orders Error IDs: their time. */
+static std::pair<int64_t, int64_t> time_of(const std::string& id) {
+  timeval time = {};
+  EXPECT_EQ(zk_conv_base_64_time(0, nullptr, id.substr(7, 10).c_str(), &time), 0) << id;
+  return {time.tv_sec, time.tv_usec};
+}
+
+TEST(recorders, of_many_processes_and_threads_lose_and_mix_nothing) {
+  const std::string path = empty_stack(16384), acknowledged = new_file("");
+  const int log = open(acknowledged.c_str(), O_WRONLY | O_APPEND);
+  auto record_many = [&](int number) {
+    for (int i = 0; i < 40; ++i) {
+      zk_eid_t eid;
+      const std::string details(static_cast<size_t>(number * i % 500), 'x');
+      if (record(path, incident_of("", details.c_str()), eid) != 0 || write(log, eid, 42) != 42) _exit(1);
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    is_recorded = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    if (number > 0) test.expect_run(number, !is_recorded);
-    ASSERT_EQ(test.record(number + 1, 3), 0) << "write " << write;
-    EXPECT_EQ(test.shown().back(), number + 1);
-    zk_close_recorder(test.open);
-    test.open = nullptr;
-    restore(test.path, before);
-    if (what == SHORT && write == 4) return;
-  }
-}
-
-static const mishap ALL[] = {KILLED_BEFORE, KILLED_WITHIN, KILLED_BEHIND, REFUSED, FULL, SHORT};
-
-TEST_F(recorder, is_survived_by_an_empty_stack) {
-  for (mishap what : ALL) survive(*this, 0, 100, what);
-}
-
-TEST_F(recorder, is_survived_before_the_first_wrap) {
-  for (int number = 0; number < 5; ++number) ASSERT_EQ(record(number), 0);
-  for (mishap what : ALL) survive(*this, 5, 100, what);
-}
-
-TEST_F(recorder, is_survived_at_each_wrap) {
-  constexpr int SIZE = 1028; /* of the largest record; seven of them fill a stack */
-  for (int number = 0; number < 7; ++number) ASSERT_EQ(record(number, 1500), 0);
-  EXPECT_EQ(header().write_pos, 24 + 7 * SIZE);
-  for (mishap what : ALL) survive(*this, 7, 1500, what);
-  for (int number = 7; header().write_pos != 24 + 7 * SIZE; ++number) ASSERT_EQ(record(number, 1500), 0);
-  const int next = shown().back() + 1;
-  for (mishap what : ALL) survive(*this, next, 1500, what);
-}
-
-TEST_F(recorder, is_survived_among_records_of_all_sizes) {
-  const int every = *EMULATOR == '\0' ? 60 : 150;
-  for (int number = 0; number < 300; ++number) {
-    ASSERT_EQ(record(number, static_cast<size_t>(number * 37 % 1100)), 0);
-    if (number % every != every - 1) continue;
-    for (mishap what : ALL) survive(*this, number + 1, static_cast<size_t>(number * 7 % 1000), what);
-    number = shown().back();
-  }
-  expect_run(shown().back(), false);
-}
-
-TEST_F(recorder, keeps_more_than_half_of_a_filled_stack) {
-  for (int number = 0; number < 400; ++number) {
-    ASSERT_EQ(record(number, number % 9 == 0 ? 1500 : 5), 0);
-    const auto [start, write_pos, earliest, size, has_wrapped] = header();
-    const int kept = write_pos - earliest + (earliest < write_pos ? 0 : size - start);
-    EXPECT_TRUE(has_wrapped == 0 || kept >= 8168 / 2) << number << ": " << kept;
-  }
-}
-
-/* ---- Several at once ------------------------------------------------------------------------------------------ */
-
-/* Records forty incidents, and notes the Error ID of each that was acknowledged. */
-static void record_forty(const std::string& path, int notes, std::atomic<int>* failures) {
-  zk_recorder_t* own = nullptr;
-  *failures += zk_open_recorder(0, nullptr, path.c_str(), &own) != 0;
-  for (int number = 0; number < 40; ++number) {
-    const std::string name = "n" + std::to_string(number);
-    zk_incident_t what = {};
-    what.default_message = name.c_str();
-    zk_eid_t made;
-    *failures += zk_record_incident(0, nullptr, own, &what, made) != 0 || write(notes, made, 42) != 42;
-  }
-  zk_close_recorder(own);
-}
-
-static bool is_earlier(const std::string& one, const std::string& other) {
-  timeval first, second;
-  zk_conv_base_64_time(0, nullptr, one.substr(7, 10).c_str(), &first);
-  zk_conv_base_64_time(0, nullptr, other.substr(7, 10).c_str(), &second);
-  return timercmp(&first, &second, <);
-}
-
-TEST_F(recorder, shares_a_stack_with_processes_and_threads) {
-  if (*EMULATOR != '\0') GTEST_SKIP() << "too slow under an emulator";
-  const std::string noted = new_file("");
-  const int notes = ::open(noted.c_str(), O_WRONLY | O_APPEND);
+  };
   std::vector<pid_t> children;
-  for (int process = 0; process < 8; ++process) {
+  while (children.size() < 8) {
     children.push_back(fork());
     if (children.back() != 0) continue;
-    std::atomic<int> failures = 0;
-    std::thread other(record_forty, path, notes, &failures);
-    record_forty(path, notes, &failures);
+    std::thread other(record_many, 7);
+    record_many(static_cast<int>(children.size()));
     other.join();
-    _exit(failures == 0 ? 0 : 1);
+    _exit(0);
   }
-  for (int looks = 0; looks < 20; ++looks) shown("-p");
   for (pid_t child : children) {
     int status = 0;
-    waitpid(child, &status, 0);
+    while (waitpid(child, &status, WNOHANG) == 0) ids_shown(path);
     EXPECT_EQ(status, 0);
   }
-  close(notes);
-
-  std::vector<std::string> acknowledged, left;
-  const std::string ids = contents(noted), report = run({program("zkview"), "-a", "-d", "-s", path}).out;
-  for (size_t at = 0; at < ids.size(); at += 42) acknowledged.push_back(ids.substr(at, 42));
-  std::sort(acknowledged.begin(), acknowledged.end(), is_earlier);
-  const std::string label = "ZELK Error Identifier:\n\t 7";
-  for (size_t at = 0; (at = report.find(label, at)) != report.npos; ++at)
-    left.push_back(report.substr(at + label.size() - 1, 42));
-  ASSERT_EQ(acknowledged.size(), 8U * 2 * 40);
-  EXPECT_EQ(std::set<std::string>(acknowledged.begin(), acknowledged.end()).size(), acknowledged.size());
-  ASSERT_GT(left.size(), 30U);
-  EXPECT_EQ(left, std::vector<std::string>(acknowledged.end() - std::ssize(left), acknowledged.end()));
+  std::vector<std::string> recorded;
+  for (const std::string all = contents(acknowledged); recorded.size() < all.size() / 42;)
+    recorded.push_back(all.substr(recorded.size() * 42, 42));
+  std::ranges::sort(recorded, {}, time_of);
+  EXPECT_EQ(recorded.size(), 640U);
+  EXPECT_TRUE(std::ranges::adjacent_find(recorded, {}, time_of) == recorded.end());
+  EXPECT_TRUE(ends_with(recorded, ids_shown(path)));
 }
 
-TEST_F(recorder, waits_for_a_lock_that_outlives_other_descriptors) {
-  ASSERT_EQ(record(1), 0);
-  const int reader = ::open(path.c_str(), O_RDWR);
-  ASSERT_EQ(lockf(reader, F_LOCK, 0), 0); /* as zkview takes it */
-  std::atomic<bool> is_recorded = false;
-  std::thread other([&] {
-    EXPECT_EQ(record(2), 0);
-    is_recorded = true;
-  });
-  usleep(100000);
-  EXPECT_FALSE(is_recorded);
-  EXPECT_EQ(lockf(reader, F_ULOCK, 0), 0);
-  other.join();
-  close(reader);
-  EXPECT_EQ(shown(), (std::vector<int>{1, 2}));
+TEST(lock, outlives_other_descriptors_and_forked_recorders) {
+  const std::string path = empty_stack();
+  const zk_incident_t incident = incident_of("1000");
+  zk_recorder_t* recorder = nullptr;
+  zk_eid_t eid;
+  int times_held = 0;
+  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
+  at_write = [&] {
+    close(open(path.c_str(), O_RDWR));
+    in_child([&] { zk_close_recorder(recorder); });
+    const int other = open(path.c_str(), O_RDWR);
+    times_held += lockf(other, F_TLOCK, 0) == -1;
+    close(other);
+  };
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
+  at_write = [] {};
+  EXPECT_EQ(times_held, 3); /* the record, its length, the header */
+  in_child([&] { EXPECT_EQ(record(path, 1001), 0); });
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
+  EXPECT_EQ(shown(path), (std::vector{1000, 1001, 1000}));
+  zk_close_recorder(recorder);
 }
 
-TEST_F(recorder, stays_with_the_parent_after_fork) {
-  ASSERT_EQ(record(1), 0);
-  in_child([&] {
-    zk_close_recorder(open);
-    open = nullptr;
-    EXPECT_EQ(record(2), 0);
-  });
-  EXPECT_EQ(record(3), 0);
-  EXPECT_EQ(shown(), (std::vector<int>{1, 2, 3}));
+/* ---- Stacks of others ---------------------------------------------------------------------------------------------- */
+
+/* A stack of 8192 bytes with `records` at an offset. */
+static std::string made(zk_estack_v1_header_t header, size_t offset, const std::string& records) {
+  std::string stack = image(0) + image(header);
+  stack.resize(8192);
+  return stack.replace(offset, records.size(), records);
 }
 
-/* ---- What is recorded ------------------------------------------------------------------------------------------ */
-
-TEST_F(recorder, records_every_field) {
-  cu_error_arg_t arguments[2] = {};
-  arguments[0].cu_arg_value.cu_arg_int = -7;
-  arguments[1].cu_arg_type = 5;
-  char disk[] = "disk07";
-  arguments[1].cu_arg_value.cu_arg_char_str = disk;
-  const std::string cause = eid("cause");
-  ASSERT_EQ(record({"proc", 100, 41, 7, "a.c", "1.1", "prod", 12, "", 3, 14, "%2$s: %1$d", arguments, 2, "more",
-                    cause.c_str()}),
-            0);
-  const std::string full = run({program("zkview"), "-a", "-d", "-s", path}).out;
-  EXPECT_EQ(full.substr(0, 68), "ZELK Error Identifier:\n\t " + std::string(id) + "\n");
-  for (const char* field :
-       {"Associated ZELK Error Identifier:\n\t cause.....", "Name: proc\n\t Process Identifier: 100\n",
-        "Parent Process Identifier: 41\n\t Process Thread Identifier: 7\n",
-        "File Name: a.c\n\t File Version Code: 1.1\n\t Licensed Programming Product: prod\n",
-        "Location Within the File: 12\n", "Description:\ndisk07: -7\n\nDetails:\nmore\n"})
-    EXPECT_NE(full.find(field), full.npos) << field << full;
+/* A record of zeros is readable, whatever its length. */
+static std::string zeros(int32_t length) {
+  return image(length) + std::string(static_cast<size_t>(length), '\0');
 }
 
-TEST_F(recorder, makes_an_error_id_of_its_file_now) {
-  struct stat status;
-  ASSERT_EQ(stat(path.c_str(), &status), 0);
-  const time_t now = time(nullptr);
-  ASSERT_EQ(record(1), 0);
-  EXPECT_EQ(std::string(id).substr(0, 1) + std::string(id).substr(17), "7/...z/...................");
-  zk_eid_t entry = "";
-  timeval when = {};
-  EXPECT_EQ(zk_get_base_64_inode(0, nullptr, path.c_str(), entry), 0);
-  EXPECT_EQ(std::string(id).substr(1, 6), std::string(entry).substr(0, 6));
-  EXPECT_EQ(zk_conv_base_64_time(0, nullptr, id + 7, &when), 0);
-  EXPECT_LE(when.tv_sec - now, 2);
-  EXPECT_GE(when.tv_sec, now);
+TEST(recorder, goes_on_with_sound_stacks_of_others) {
+  std::vector<std::pair<std::string, int>> rows = {
+      /* and the records shown in the end */
+      {made({24, 500, 500, 8192, 0}, 24, ""), 1},                                         /* empty, not at its start */
+      {made({7900, 7900, 7900, 8192, 0}, 24, ""), 1},                                     /* room for two */
+      {made({24, 24, 24, 8192, 0}, 24, zeros(100) + zeros(100)), 3},                      /* unknown to the header */
+      {made({24, 128, 128, 8192, 1}, 24, zeros(100) + zeros(1118) + zeros(1000)), 3},     /* full, without a gap */
+      {made({24, 128, 8190, 8192, 1}, 24, zeros(100)), 2},                                /* the older run is used up */
+      {made({24, 128, 2000, 8192, 1}, 24, zeros(100) + image(-1)), 2},                    /* nobody looks behind it */
+      {made({6000, 8092, 8092, 8192, 1}, 6000, zeros(996) + zeros(1088) + zeros(90)), 2}, /* full, and at its end */
+      {made({6000, 7000, 6104, 8192, 1}, 6000, zeros(100) + zeros(892)), 2}};             /* one run, after a lap */
+  for (int32_t length : {1, 4, 46, 94, 95, 1024, 1025, 1118})
+    rows.emplace_back(made({40, 48 + 2 * length, 40, 8192, 0}, 40, zeros(length) + zeros(length)), 3);
+  for (const auto& [stack, records] : rows) {
+    const std::string path = new_file(stack);
+    EXPECT_EQ(record(path, 1000), 0);
+    const outcome report = run({program("zkview"), "-d", "-s", path});
+    EXPECT_EQ(std::count(report.out.begin(), report.out.end(), '\n'), 1 + records) << report;
+    EXPECT_TRUE(report.status == 0 && report.out.ends_with(" 1000\n")) << report;
+  }
+  EXPECT_EQ(record(new_file(made({8000, 8000, 8000, 8192, 0}, 24, "")), 1000), -33);
 }
 
-TEST_F(recorder, goes_a_microsecond_on_where_the_clock_was_set_back) {
-  stack ahead; /* 1999999999.999999 seconds, in 2033 */
-  ahead.header.records_start = ahead.header.earliest_rec = ahead.header.write_pos = 24;
-  ahead.add({.id = "7AAAAAAzMzAr/z6o1/...z/...................", .time = 1999999999});
-  unlink(path.c_str());
-  std::filesystem::rename(ahead.file(), path);
-  timeval newest, next;
-  ASSERT_EQ(zk_conv_base_64_time(0, nullptr, "zMzAr/z6o1", &newest), 0);
-  ASSERT_EQ(record(1), 0);
-  ASSERT_EQ(zk_conv_base_64_time(0, nullptr, id + 7, &next), 0);
-  EXPECT_EQ(next.tv_sec, newest.tv_sec + 1);
-  EXPECT_EQ(next.tv_usec, 0);
-}
-
-TEST_F(recorder, takes_an_address_from_the_environment_only_if_it_is_one) {
-  char own[25] = "", type = 0;
-  ASSERT_EQ(zk_get_ipaddr(0, nullptr, own, &type), 0);
-  for (const char* bad :
-       {"", "short", "/...z/...................x", "/...z/..........!........", "/...z/..................0"}) {
-    setenv("ZELKADDR", bad, 1);
-    ASSERT_EQ(record(1), 0);
-    EXPECT_EQ(std::string(id + 17), own + std::string(1, type)) << bad;
+TEST(recorder, refuses_damaged_stacks_and_leaves_them_alone) {
+  const std::string good = made({24, 232, 24, 8192, 0}, 24, zeros(100) + zeros(100));
+  std::vector<std::string> stacks = {"", good.substr(0, 8191), made({24, 24, 24, 8192, 1}, 24, ""),
+                                     made({24, 232, 60, 8192, 1}, 24, good.substr(24)), /* begins within a record */
+                                     made({24, 128, 8100, 8192, 1}, 24, good.substr(24))};
+  stacks.back().replace(8100, 4, image(100)); /* beyond the end of the file */
+  for (auto [offset, word] : {std::pair{0, 8},
+                              {4, 23},
+                              {4, 128},
+                              {8, 8193},
+                              {8, -1},
+                              {8, 231},
+                              {12, 240},
+                              {16, 8193},
+                              {20, 0x02000002},
+                              {24, -1},
+                              {24, 2045},
+                              {24, 1119},
+                              {24, 8200},
+                              {28, 5},
+                              {132, 5}})
+    stacks.push_back(std::string(good).replace(static_cast<size_t>(offset), 4, image(word)));
+  for (const std::string& stack : stacks) {
+    const std::string path = new_file(stack);
+    EXPECT_EQ(record(path, 1000), -26) << &stack - stacks.data();
+    EXPECT_TRUE(contents(path) == stack) << &stack - stacks.data();
   }
 }
 
-TEST_F(recorder, cuts_details_at_a_whole_character) {
-  const std::string umlauts = "\xc3\xa4\xc3\xa4";
-  for (size_t room = 800; room < 806; ++room) {
-    std::string details(room, 'd');
-    while (details.size() < 1100) details += umlauts;
-    zk_incident_t what = {};
-    what.process_name = "proc";
-    what.details = details.c_str();
-    ASSERT_EQ(record(what), 0);
-    const std::string full = run({program("zkview"), "-a", "-d", "-s", path}).out;
-    const size_t start = full.rfind("Details:\n") + 9, end = full.find("...\n", start);
-    ASSERT_NE(end, full.npos);
-    EXPECT_EQ(full.substr(start, end - start), details.substr(0, end - start));
-    EXPECT_EQ((end - start - room) % 2, 0U) << "half a character";
-    EXPECT_GE(end - start, 1024U - 3 - 1 - 141);
+/* ---- Error IDs ----------------------------------------------------------------------------------------------------- */
+
+/* The time in the Error ID that follows one of that time, or a record without one and of that time field. */
+static std::string time_after(const std::string& time, int32_t seconds = 0) {
+  std::string newest = zeros(100);
+  zk_eid_t eid;
+  if (!time.empty()) newest.replace(8, 42, "7......" + time + std::string(24, '.') + "/");
+  newest.replace(94, 4, image(seconds));
+  EXPECT_EQ(record(new_file(made({24, 128, 24, 8192, 0}, 24, newest)), incident_of(""), eid), 0);
+  return std::string(eid).substr(7, 10);
+}
+
+TEST(error_id, is_later_than_the_newest_record_whatever_the_clock_says) {
+  EXPECT_EQ(time_after(".....0zzz/"), ".....0...0"); /* in 2038, and 524,287 microseconds */
+  EXPECT_EQ(time_after("zzzz.0z6o1"), "..../0...."); /* 999,999 microseconds */
+  EXPECT_EQ(time_after("", 2147483647), "zzzzz//...");
+  const int64_t now = time(nullptr);
+  for (const char* last_or_none : {"zzzzzzz6o1", ".........."})
+    EXPECT_LT(time_of("7......" + time_after(last_or_none)).first - now, 60);
+}
+
+TEST(error_id, names_stack_and_node) {
+  const std::string path = empty_stack();
+  std::string own(25, '.'), entry(7, '\0');
+  char type = '/';
+  zk_get_ipaddr(0, nullptr, own.data(), &type);
+  own[24] = type;
+  zk_get_base_64_inode(0, nullptr, path.c_str(), entry.data());
+  for (const char* value : {"", "short", "/...z/...................x", "/...z/..........!........",
+                            "/...z/..................0", "/...z/..................."}) {
+    zk_eid_t eid;
+    setenv("ZELKADDR", value, 1);
+    EXPECT_EQ(record(path, incident_of(""), eid), 0);
+    EXPECT_EQ(std::string(eid, 7), "7" + entry.substr(0, 6));
+    EXPECT_EQ(eid + 17, std::string(value).ends_with("z/...................") ? value : own);
+    EXPECT_STREQ(getenv("ZELKADDR"), value);
+  }
+  unsetenv("ZELKADDR");
+}
+
+/* ---- What is recorded ---------------------------------------------------------------------------------------------- */
+
+TEST(details, are_cut_to_a_body_of_1024_bytes) {
+  const std::string a(2000, 'a'), stray(2000, '\x80');
+  std::string wide, smileys; /* characters of two and of four bytes */
+  for (int i = 0; i < 500; ++i) wide += "\u00e9", smileys += "\U0001f600";
+  const struct {
+    size_t message; /* characters; the details, with their end, have 895 less that */
+    std::string details, kept;
+  } rows[] = {{1, a.substr(0, 893), a.substr(0, 893)},
+              {1, a.substr(0, 894), a.substr(0, 890) + "..."},
+              {2, wide, wide.substr(0, 888) + "..."},
+              {1, smileys, smileys.substr(0, 888) + "..."},
+              {1, stray, stray.substr(0, 890) + "..."},
+              {891, "abc", "abc"},
+              {891, "abcd", "..."},
+              {892, "abc", ""},
+              {894, "abc", ""}};
+  for (const auto& row : rows) {
+    const std::string path = empty_stack(), message(row.message, 'm');
+    zk_eid_t eid;
+    EXPECT_EQ(record(path, incident_of(message.c_str(), row.details.c_str()), eid), 0);
+    const size_t end = static_cast<size_t>(write_pos(path)), start = 157 + row.message;
+    EXPECT_EQ(contents(path).substr(start, end - start), text(row.kept));
   }
 }
 
-TEST_F(recorder, refuses_what_is_no_incident) {
-  zk_incident_t what = {};
-  cu_error_arg_t argument = {};
-  EXPECT_EQ(zk_record_incident(0, nullptr, nullptr, &what, id), -4);
-  ASSERT_EQ(record(1), 0);
-  EXPECT_EQ(zk_record_incident(0, nullptr, open, nullptr, id), -5);
-  what.argument_count = 1;
-  EXPECT_EQ(record(what), -5);
-  what.arguments = &argument;
-  for (int32_t kind : {-1, 7}) {
-    argument.cu_arg_type = kind;
-    EXPECT_EQ(record(what), -5) << kind;
+TEST(argument, of_every_kind_is_shown) {
+  const std::string path = empty_stack();
+  char name[] = "sda";
+  const cu_error_arg_t arguments[] = {{0, {.cu_arg_int = -1}},
+                                      {1, {.cu_arg_long = 2}},
+                                      {2, {.cu_arg_long_long = 1LL << 40}},
+                                      {3, {.cu_arg_double = 4.5}},
+                                      {4, {}},
+                                      {5, {.cu_arg_char_str = name}},
+                                      {6, {.cu_arg_void_ptr = nullptr}}};
+  zk_incident_t incident = incident_of("%d %d %d %g %d %s %p", "details");
+  incident.arguments = arguments;
+  incident.argument_count = 7;
+  zk_eid_t eid;
+  EXPECT_EQ(record(path, incident, eid), 0);
+  const std::string report = run({program("zkview"), "-da", "-s", path}).out;
+  EXPECT_NE(report.find("-1 2 1099511627776 4.5 %d sda (nil)"), report.npos) << report;
+}
+
+TEST(incident, is_checked_in_order) {
+  const std::string path = empty_stack(), before = contents(path), too_long(895, 'm'), forty_three(43, 'x');
+  zk_recorder_t* recorder = nullptr;
+  EXPECT_EQ(zk_open_recorder(0, nullptr, "", nullptr), -4);
+  EXPECT_EQ(zk_open_recorder(0, nullptr, path.c_str(), nullptr), -5);
+  for (auto [name, result] : {std::pair{"/nowhere", -24}, {"/dev/null/x", -25}, {"/dev/null", -26}, {"/", -1}})
+    EXPECT_EQ(zk_open_recorder(0, nullptr, name, &recorder), result);
+  EXPECT_EQ(recorder, nullptr);
+  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
+
+  zk_eid_t eid = "none";
+  cu_error_arg_t of_no_kind = {7, {}}, no_text = {5, {}}, *no_argument = nullptr;
+  zk_incident_t bad = incident_of(too_long.c_str());
+  bad.associated_eid = forty_three.c_str();
+  EXPECT_EQ(zk_record_incident(0, nullptr, nullptr, nullptr, nullptr), -4);
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, nullptr, nullptr), -5);
+  bad.argument_count = 1;
+  for (const cu_error_arg_t* argument : {no_argument, &of_no_kind, &no_text}) {
+    bad.arguments = argument;
+    EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, nullptr), -5);
   }
-  argument.cu_arg_type = 5; /* a null text */
-  EXPECT_EQ(record(what), -5);
-  what = {};
-  EXPECT_EQ(zk_record_incident(0, nullptr, open, &what, nullptr), -6);
-  what.associated_eid = "7short";
-  EXPECT_EQ(record(what), -36);
-  EXPECT_STREQ(id, "");
-  const std::string product(900, 'p');
-  what = {};
-  what.product = product.c_str();
-  what.process_name = "proc";
-  EXPECT_EQ(record(what), -33);
-  EXPECT_EQ(shown(), std::vector<int>{1});
-}
-
-/* ---- Stacks ------------------------------------------------------------------------------------------------------ */
-
-TEST(new_stack, appears_whole_or_not_at_all) {
-  const std::string path = scratch() + "/new";
-  umask(027);
-  EXPECT_EQ(zk_create_stack(0, nullptr, "", 8192), -4);
-  EXPECT_EQ(zk_create_stack(0, nullptr, path.c_str(), 8191), -5);
-  EXPECT_EQ(zk_create_stack(0, nullptr, path.c_str(), 16385), -5);
-  EXPECT_EQ(zk_create_stack(0, nullptr, (scratch() + "/none/new").c_str(), 8192), -14);
-  EXPECT_EQ(zk_create_stack(0, nullptr, (new_file("") + "/new").c_str(), 8192), -14);
-  EXPECT_EQ(access(path.c_str(), F_OK), -1);
-  EXPECT_EQ(zk_create_stack(0, nullptr, path.c_str(), 12000), 0);
-  EXPECT_EQ(contents(path), image(0) + image(24) + image(24) + image(24) + image(12000) + std::string(11980, '\0'));
-  struct stat status;
-  ASSERT_EQ(stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0640U);
-  EXPECT_EQ(zk_create_stack(0, nullptr, path.c_str(), 8192), -27);
-  EXPECT_EQ(zk_create_stack(0, nullptr, scratch().c_str(), 8192), -27);
-  EXPECT_EQ(status.st_blocks > 0, true) << "its space is not reserved";
-}
-
-TEST(foreign_stack, is_gone_on_with_where_it_is_sound) {
-  stack s(16384);
-  s.header.records_start = s.header.earliest_rec = s.header.write_pos = 100;
-  s.area.assign(s.area.size(), '\0');
-  s.add({.pid = 3, .description = "first"});
-  const std::string path = s.file();
-  zk_recorder_t* open = nullptr;
-  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &open), 0);
-  zk_incident_t what = {};
-  what.default_message = "second";
-  zk_eid_t id;
-  EXPECT_EQ(zk_record_incident(0, nullptr, open, &what, id), 0);
-  zk_close_recorder(open);
-  const std::string report = run({program("zkview"), "-d", "-s", path}).out;
-  EXPECT_LT(report.find("first"), report.find("second"));
-  EXPECT_NE(report.find("second"), report.npos);
-}
-
-TEST(damaged_stack, is_refused_and_left_alone) {
-  stack good;
-  good.add("A").add("B");
-  const std::pair<size_t, std::string> damages[] = {
-      {0, image(8)},   {4, image(23)},    {8, image(8193)}, {12, image(16)},     {16, image(8193)}, {20, "\2"},
-      {24, image(-1)}, {24, image(2045)}, {28, image(1)},   {24, image(100000)}, {8, image(30)}};
-  for (const auto& [at, damage] : damages) {
-    const std::string bytes = good.bytes().replace(at, damage.size(), damage), path = new_file(bytes);
-    zk_recorder_t* open = nullptr;
-    int result = zk_open_recorder(0, nullptr, path.c_str(), &open);
-    zk_incident_t what = {};
-    zk_eid_t id;
-    if (result == 0) result = zk_record_incident(0, nullptr, open, &what, id);
-    EXPECT_EQ(result, -26) << at;
-    EXPECT_EQ(contents(path), bytes) << at;
-    zk_close_recorder(open);
-  }
-}
-
-TEST(recorder_of, what_is_no_stack_is_refused) {
-  zk_recorder_t* open = nullptr;
-  EXPECT_EQ(zk_open_recorder(0, nullptr, "", &open), -4);
-  EXPECT_EQ(zk_open_recorder(0, nullptr, "x", nullptr), -5);
-  EXPECT_EQ(zk_open_recorder(0, nullptr, (scratch() + "/none").c_str(), &open), -24);
-  EXPECT_EQ(zk_open_recorder(0, nullptr, (new_file("") + "/x").c_str(), &open), -25);
-  EXPECT_EQ(zk_open_recorder(0, nullptr, new_file("").c_str(), &open), -26);
-  EXPECT_EQ(zk_open_recorder(0, nullptr, "/dev/null", &open), -26);
-  EXPECT_EQ(open, nullptr);
+  bad.argument_count = 0;
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, nullptr), -6);
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, eid), -36);
+  bad.associated_eid = "";
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, eid), -33);
+  EXPECT_TRUE(*eid == '\0' && contents(path) == before);
+  zk_close_recorder(recorder);
 }
