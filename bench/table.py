@@ -59,6 +59,34 @@ def peak_memory(command):
         return int(memory.read())
 
 
+def write_journal(path):
+    """A journal of 10,000 entries like the records of `strangers`. False where there is nothing to make it with."""
+    writer = "/lib/systemd/systemd-journal-remote"
+    if not os.path.exists(writer):
+        return False
+    fields = ["_BOOT_ID=0f2a3c4d5e6f708192a3b4c5d6e7f801", "_HOSTNAME=node7", "PRIORITY=3", "SYSLOG_FACILITY=3",
+              "SYSLOG_IDENTIFIER=stn_diskmon", "_TRANSPORT=syslog", "_UID=0", "_GID=0", "_COMM=stn_diskmon",
+              "_EXE=/usr/sbin/stn_diskmon", "_SYSTEMD_UNIT=stn-diskmon.service", "CODE_FILE=/usr/src/stn/disk.c",
+              "CODE_LINE=97", "MESSAGE=disk07: 85"]
+    entries = ("\n".join([f"__REALTIME_TIMESTAMP={1790000000000000 + 7000000 * number}",
+                          f"__MONOTONIC_TIMESTAMP={1000000 + 7000 * number}", f"_PID={1 + number}", *fields])
+               for number in range(10_000))
+    subprocess.run([writer, "-o", path, "-"], input="\n\n".join(entries) + "\n\n", text=True, check=True,
+                   capture_output=True)
+    return True
+
+
+def exports():
+    """How fast incidents are given to others."""
+    zkexport = os.path.abspath(build + "/bin/zkexport")
+    page = processes([f"{zkexport} --format=html {folder}/full"], runs=100, rounds=1)[0][0]
+    row("`zkexport --format=html` of a full stack", "", f"{page:.1f} ms", "20 ms")
+    if write_journal(folder + "/entries.journal"):
+        times = processes([f"{zkexport} {folder}/strangers", f"journalctl --file={folder}/entries.journal -o json"],
+                          runs=5, rounds=5)
+        row("10,000 records as json", "`journalctl -o json` of 10,000 entries", f"{ratio(times, 0, 1):.2f}", "0.2")
+
+
 def row(what, against, measured, goal):
     print(f"| {what} | {against} | {measured} | {goal} |")
 
@@ -94,6 +122,8 @@ def main():
     strangers = [f"{zkview} {view} -s {folder}/strangers" for view in ("-d", "-r", "-p")]
     for view, time in zip(("-d", "-r", "-p"), processes(strangers, runs=3, rounds=1)[0]):
         row(f"`zkview {view}` of 10,000 records of other processes and unknown causes", "", f"{time:.0f} ms", "1000 ms")
+
+    exports()
 
     nanoseconds = routines()
     row("`zk_l64a_r`, six digits", "", f"{nanoseconds['zk_l64a_r_six_digits']:.1f} ns", "10 ns")

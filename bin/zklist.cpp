@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "zk_msg.h"
 #include "zk_trace.h"
 #include "zkrecord.h"
 #include "zkwalk.h"
@@ -234,13 +235,14 @@ int zk_read_stack(int debug_active, const char* debug_file, int order, int filde
     return zk_failed(trace, ZELK_INV_PARAM5, "proc_list parameter invalid or improperly initialized\nReturning %s(%d)");
 
   zk_walk_t walk;
-  int result = zk_walk_begin(&walk, trace, fildes, catfd);
+  int result = zk_walk_begin(&walk, trace, fildes);
   if (result == ZELK_LOCK) return result;
   while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
     void* record = walk.record.data();
     result = order == 0 ? place_by_process(trace, record, proc_list) : place_by_relation(trace, record, rec_table);
     if (result == ZELK_SUCCESS && zk_walk_at_write_pos(walk)) break;
   }
+  if (walk.damage.is_record) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
   zk_walk_end(walk);
   return result == ZK_WALK_END ? int{ZELK_SUCCESS} : result;
 }

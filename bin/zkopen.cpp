@@ -1,10 +1,11 @@
 /* zkopen.cpp - opens an Error Stack: by its name, or by an Error ID that was recorded in it. */
+#include "zkopen.h"
+
 #include <unistd.h>
 
 #include <array>
 #include <cstring>
 
-#include "zk_int.h"
 #include "zk_stack_file.h"
 #include "zk_trace.h"
 
@@ -22,17 +23,12 @@ int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes,
   return result;
 }
 
-int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes, const char* fid, nl_catd catfd) {
-  constexpr int CANDIDATES_MAX = 4;
-  const zk_trace_t trace = {debug_active, debug_file, __func__};
-  std::array<char, CANDIDATES_MAX* ZELK_FILE_SLOT_SIZE> candidates = {};
+int zk_find_candidates(const zk_trace_t& trace, const char* fid, zk_candidates_t* candidates) {
   std::array<char, 16> address = {};
   timeval timestamp = {};
   int is_local = 0, version = 0, location = 0, facility = 0, priority = 0, is_ipv6 = 0;
   unsigned int template_id = 0;
 
-  if (fildes == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM3, "Called with NULL value for fildes pointer - returning %s(%d) to caller");
   if (fid == nullptr || *fid == '\0')
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "fid parameter is NULL or references NULL value - returning %s(%d) to the caller");
@@ -41,8 +37,8 @@ int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes
                      fid);
 
   int result =
-      zk_decode_eid_2(debug_active, debug_file, fid, &is_local, &version, &location, candidates.data(), CANDIDATES_MAX,
-                      &template_id, &facility, &priority, &timestamp, address.data(), &is_ipv6);
+      zk_decode_eid_2(trace.active, trace.file, fid, &is_local, &version, &location, candidates->data(),
+                      ZK_CANDIDATES_MAX, &template_id, &facility, &priority, &timestamp, address.data(), &is_ipv6);
   if (result <= ZELK_INV_PARAM2 && result >= ZELK_INV_PARAMCOMBO) return ZELK_FAILURE;
   if (result != ZELK_SUCCESS) return result;
   if (location != ZELK_LOCATION_STACK)
@@ -50,12 +46,21 @@ int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes
                      "ZELK Error ID \"%s\" not generated from an ZELK Error Stack - returning %s(%d)", fid);
   if (is_local == 0)
     return zk_failed(trace, ZELK_REMOTE_FID, "ZELK ID \"%s\" was generated remotely\nReturning %s(%d) to caller", fid);
-  if (candidates[0] == '\0')
+  if ((*candidates)[0] == '\0')
     return zk_failed(trace, ZELK_INV_STACKNAME,
                      "ZELK Error ID \"%s\" yielded a NULL stack file name - returning %s(%d) to caller", fid);
+  return ZELK_SUCCESS;
+}
 
-  result =
-      zk_scan_files_for_fid(debug_active, debug_file, fid, candidates.data(), CANDIDATES_MAX, fildes, nullptr, catfd);
+int zk_open_stack_with_fid(int debug_active, const char* debug_file, int* fildes, const char* fid, nl_catd catfd) {
+  const zk_trace_t trace = {debug_active, debug_file, __func__};
+  zk_candidates_t candidates = {};
+  if (fildes == nullptr)
+    return zk_failed(trace, ZELK_INV_PARAM3, "Called with NULL value for fildes pointer - returning %s(%d) to caller");
+  int result = zk_find_candidates(trace, fid, &candidates);
+  if (result != ZELK_SUCCESS) return result;
+  result = zk_scan_files_for_fid(debug_active, debug_file, fid, candidates.data(), ZK_CANDIDATES_MAX, fildes, nullptr,
+                                 catfd);
   return result == ZELK_INV_FID ? int{ZELK_FILE_MISSING} : result;
 }
 

@@ -171,7 +171,7 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
   if (fildes <= 0) return zk_failed(trace, ZELK_INV_PARAM4, "Invalid file descriptor %d\nReturning %s(%d)", fildes);
 
   zk_walk_t walk;
-  int result = zk_walk_begin(&walk, trace, fildes, catfd);
+  int result = zk_walk_begin(&walk, trace, fildes);
   if (result == ZELK_LOCK) return result;
   if (result == ZELK_SUCCESS && dump_header == 1)
     zk_dump_header(debug_active, debug_file, fildes, catfd, walk.stack_version, walk.header);
@@ -190,6 +190,7 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
     if (all == 1 && fid == nullptr) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
     if (zk_walk_at_write_pos(walk)) break;
   }
+  if (walk.damage.is_record) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
   zk_walk_end(walk);
   if (result == ZK_WALK_END) return is_search ? ZELK_INV_FID : ZELK_SUCCESS;
   return result;

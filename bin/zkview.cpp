@@ -13,22 +13,7 @@
 #include "zk_io.h"
 #include "zk_msg.h"
 #include "zk_trace.h"
-
-enum {
-  EXIT_REPORTED = 0,
-  EXIT_HELP = 2,
-  EXIT_INCOMPLETE = 10,
-  EXIT_LATER_VERSION = 11,
-  EXIT_UNKNOWN_OPTION = 12,
-  EXIT_NO_MEMORY = 18,
-  EXIT_NO_STACK = 20,
-  EXIT_NOT_LOCKED = 22,
-  EXIT_CORRUPT = 24,
-  EXIT_EXCLUDED = 26,
-  EXIT_BAD_EID = 27,
-  EXIT_REMOTE = 43,
-  EXIT_UNEXPECTED = 99
-};
+#include "zkstatus.h"
 
 static constexpr size_t REPORT_BLOCK_SIZE =
     1024 * 1024; /* holds the report of any stack whose texts ask for no widths */

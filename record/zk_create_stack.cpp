@@ -39,7 +39,8 @@ static int make_unnamed(const char* directory, unnamed_file_t* file) {
   /* The file system or the node does not have such files. The name is new, also among nodes that share the directory. */
   uint64_t number;
   if (getentropy(&number, sizeof number) != 0) return errno;
-  int length = std::snprintf(file->path.data(), file->path.size(), "%s/.zelk-%016" PRIx64, directory, number);
+  int length =
+      std::snprintf(file->path.data(), file->path.size(), "%s/%s%016" PRIx64, directory, ZK_STACK_IN_MAKING, number);
   if (length < 0 || static_cast<size_t>(length) >= file->path.size()) return ENAMETOOLONG;
   file->fildes = open(file->path.data(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, PERMISSIONS);
   file->is_named = file->fildes != -1;

@@ -6,12 +6,13 @@
 
 #include <algorithm>
 #include <ctime>
-#include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "json_line.h"
 #include "qx_zelk.h"
+#include "text.h"
 #include "tool.h"
 
 static constexpr char NAME[] = "zkdecode";
@@ -166,22 +167,31 @@ static void show_lines(const std::string& id, const decoded_t& eid, bool is_term
     show("Look it up", "zkview -f " + id + (eid.is_local == 1 ? "" : " on " + eid.node));
 }
 
-/* What is not UTF-8 in a file name is replaced; on a terminal all but ASCII is escaped. */
-static void show_json(const std::string& id, const decoded_t& eid, bool is_terminal) {
-  nlohmann::ordered_json object = {{"id", id},
-                                   {"version", eid.version},
-                                   {"location", LOCATIONS[eid.location].in_json},
-                                   {"time", utc_text(eid.time)},
-                                   {"node", eid.node},
-                                   {"local", eid.is_local == 1}};
-  if (eid.stack_files) object["stack_files"] = *eid.stack_files;
-  if (eid.location == ZELK_LOCATION_TEMPLATE) object["template"] = eid.label;
-  if (eid.location == ZELK_LOCATION_SYSLOG) {
-    object["facility"] = FACILITIES[LOG_FAC(eid.facility)];
-    object["severity"] = SEVERITIES[eid.severity];
+static void put_members(json_writer_t* writer, const std::string& id, const decoded_t& eid) {
+  put_text(writer, "id", id);
+  put_number(writer, "version", eid.version);
+  put_text(writer, "location", LOCATIONS[eid.location].in_json);
+  put_text(writer, "time", utc_text(eid.time));
+  put_text(writer, "node", eid.node);
+  put_key(writer, "local");
+  writer->Bool(eid.is_local == 1);
+  if (eid.stack_files) {
+    put_key(writer, "stack_files");
+    writer->StartArray();
+    for (const std::string& path : *eid.stack_files) put_string(writer, repaired(path));
+    writer->EndArray();
   }
-  constexpr auto REPLACE = nlohmann::ordered_json::error_handler_t::replace;
-  std::puts(object.dump(-1, ' ', is_terminal, REPLACE).c_str());
+  if (eid.location == ZELK_LOCATION_TEMPLATE) put_number(writer, "template", eid.label);
+  if (eid.location == ZELK_LOCATION_SYSLOG) {
+    put_text(writer, "facility", FACILITIES[LOG_FAC(eid.facility)]);
+    put_text(writer, "severity", SEVERITIES[eid.severity]);
+  }
+}
+
+static void show_json(const std::string& id, const decoded_t& eid, bool) {
+  std::string line;
+  append_json_line(&line, [&](json_writer_t* writer) { put_members(writer, id, eid); });
+  std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
 static int show_all(const tool_trace_t& trace, const decode_request_t& request) {

@@ -13,6 +13,9 @@ using zk_stack_path_t = std::array<char, ZELK_PATH_SIZE>;
  * "/". */
 zk_stack_path_t zk_stack_path(const char* name);
 
+/* What the name of a stack begins with while it is being made, where the file system needs one then. */
+inline constexpr char ZK_STACK_IN_MAKING[] = ".zelk-";
+
 /* Opens a stack for reading, and for writing too: whoever reads it locks it. Waits for nothing but another process's
  * lease. Returns 0 with `*fildes` set; ZELK_FILE_MISSING; ZELK_NO_ACCESS; ZELK_TOO_MANY; ZELK_FAILURE. */
 int zk_open_stack_path(const zk_trace_t& trace, const zk_stack_path_t& path, int* fildes);

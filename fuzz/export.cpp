@@ -1,0 +1,112 @@
+/* export.cpp - the input is an Error Stack file; zkexport makes lines of JSON, a digraph and a page of it. Whatever was
+ * recorded, all are well formed, and the lines are taken back. */
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "chain.h"
+#include "fuzz.h"
+#include "json.h"
+#include "text.h"
+
+/* Printable UTF-8 and newlines; the digraph and the page may have tabs too. */
+static void expect_printable(std::string_view text, bool has_tabs) {
+  for (size_t at = 0; at < text.size();) {
+    const character_t character = character_at(text, at);
+    const bool is_layout = character.code == '\n' || (has_tabs && character.code == '\t');
+    FUZZ_EXPECT(character.is_well_formed && (character.code >= 0x20 || is_layout));
+    FUZZ_EXPECT(character.code < 0x7F || character.code >= 0xA0);
+    at += character.size;
+  }
+}
+
+/* The position behind the quoted text at `position`. */
+static size_t behind_quoted(std::string_view text, size_t position, bool has_escapes) {
+  for (++position; text[position] != '"'; ++position) {
+    if (has_escapes && text[position] == '\\') ++position;
+    FUZZ_EXPECT(position + 1 < text.size());
+  }
+  return position + 1;
+}
+
+/* Outside quotes, a digraph has nothing but the words of its own. */
+static void expect_digraph(std::string_view dot) {
+  static constexpr std::string_view WORDS =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_=,;->[]{} \n";
+  int depth = 0;
+  for (size_t at = 0; at < dot.size();) {
+    if (dot[at] == '"') {
+      at = behind_quoted(dot, at, true);
+      continue;
+    }
+    FUZZ_EXPECT(WORDS.find(dot[at]) != WORDS.npos);
+    if (dot[at] == '{') ++depth;
+    if (dot[at] == '}') --depth;
+    ++at;
+  }
+  FUZZ_EXPECT(depth == 0);
+}
+
+/* Elements are nested, attributes quoted, and no element comes from a record. */
+static void expect_page(std::string_view html) {
+  static constexpr std::string_view EMPTY = " !DOCTYPE meta br path circle ";
+  static constexpr std::string_view OTHERS =
+      " html head title style body header main section h1 h2 p div ol ul li small bdi svg text a b i code pre dl dt dd "
+      "details summary time ";
+  std::vector<std::string> open;
+  for (size_t at = 0; (at = html.find('<', at)) != html.npos;) {
+    const bool is_end = html[at + 1] == '/';
+    const size_t start = at + (is_end ? 2 : 1);
+    const size_t end = html.find_first_of(" />", start);
+    FUZZ_EXPECT(end != html.npos);
+    const std::string name(html.substr(start, end - start));
+    const bool is_empty = EMPTY.find(" " + name + " ") != EMPTY.npos;
+    FUZZ_EXPECT(is_empty || OTHERS.find(" " + name + " ") != OTHERS.npos);
+    for (at = end; html[at] != '>';) at = html[at] == '"' ? behind_quoted(html, at, false) : at + 1;
+    if (is_end) {
+      FUZZ_EXPECT(!open.empty() && open.back() == name);
+      open.pop_back();
+    } else if (!is_empty) {
+      open.push_back(name);
+    }
+  }
+  FUZZ_EXPECT(open.empty());
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const int fildes = fuzz_file({data, data + size});
+  const std::string name(data, data + std::min(size, size_t{8})); /* a stack may have any name */
+  const zk_trace_t trace = {0, nullptr, "fuzz"};
+  chain_t chain, taken_back;
+  std::string line, note;
+  incident_t incident;
+  const trouble_t trouble = walk_stack(trace, fildes, [&](const zk_walk_t& walk) {
+    const int result = take_incident_at(walk, name, &incident);
+    if (result != ZELK_SUCCESS) return result;
+    line.clear();
+    write_json(incident, &line);
+    expect_printable(line, false);
+    FUZZ_EXPECT(line.find('\n') == line.size() - 1);
+    chain.incidents.push_back(incident);
+    FUZZ_EXPECT(parse_json(line.substr(0, line.size() - 1), &taken_back.incidents.emplace_back(), &note));
+    FUZZ_EXPECT(note.empty());
+    return chain.incidents.size() < 200 ? result : int{ZELK_REC_CORRUPT};
+  });
+  if (trouble.code != ZELK_SUCCESS) {
+    line.clear();
+    write_json_trouble(name, trouble, &line);
+    expect_printable(line, false);
+    FUZZ_EXPECT(parse_json(line.substr(0, line.size() - 1), &incident, &note) && !note.empty());
+    chain.notes.push_back(note);
+  }
+  for (chain_t* each : {&chain, &taken_back}) {
+    find_causes(each);
+    const std::string dot = make_dot(*each), html = make_html(*each);
+    expect_printable(dot, true);
+    expect_digraph(dot);
+    expect_printable(html, true);
+    expect_page(html);
+  }
+  close(fildes);
+  return 0;
+}

@@ -1,0 +1,233 @@
+/* The command that exports incidents, read by independent readers: jq, Python, Graphviz, a browser. */
+#include <limits>
+
+#include "support.h"
+
+static const std::string ID = "726md..Wdc/f/iJr/06...1...................",
+                         CAUSE = "726md..Wdc/f/uJr/06...1...................";
+
+/* What would do harm, or be lost, where it is taken for anything but text. */
+static const std::string HOSTILE =
+    "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9B \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xF0\x9F\x98\x80";
+
+static incident hostile(const std::string& id, const std::string& cause) {
+  incident made = {.id = id, .related = cause, .arg_count = 1, .args = string_arg(HOSTILE)};
+  for (auto field : {&incident::process, &incident::file, &incident::file_version, &incident::product,
+                     &incident::description, &incident::details})
+    made.*field = HOSTILE;
+  return made;
+}
+
+static outcome zkexport(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), program("zkexport"));
+  return run(arguments);
+}
+
+/* What a line of the shell prints, on both streams, in which $zkexport and $zkrecord are the commands and $folder is a new
+ * folder. */
+static std::string script(const std::string& line) {
+  static int count = 0;
+  const std::string folder = scratch() + "/script-" + std::to_string(++count);
+  const outcome ended =
+      run({"/bin/sh", "-c", "mkdir $folder; cd $folder; " + line},
+          {{"folder", folder}, {"zkexport", program("zkexport")}, {"zkrecord", program("zkrecord")}, {"HOME", folder}});
+  return ended.out + ended.err;
+}
+
+TEST(json, gives_all_that_is_recorded_in_the_order_of_its_keys) {
+  const std::string arguments = int_arg(-3) + int_arg(4, CU_ERROR_ARG_LONG) +
+                                wide_arg(CU_ERROR_ARG_LONG_LONG, int64_t{1} << 40) +
+                                wide_arg(CU_ERROR_ARG_DOUBLE, 118.5) + string_arg("disk") +
+                                wide_arg(CU_ERROR_ARG_VOID_PTR, uintptr_t{0x2007f3a0});
+  const std::string file =
+      stack().add({.id = ID, .related = CAUSE, .description = "%5$s %1$d", .arg_count = 6, .args = arguments}).file();
+  EXPECT_EQ(zkexport({file}),
+            good(R"({"stack":")" + file + R"(","offset":24,"id":")" + ID + R"(","cause":")" + CAUSE +
+                 R"(","time":"2007-02-03T09:05:00Z","id_time":"2026-11-25T07:12:34.488814Z","node":"192.0.2.2",)"
+                 R"("process":{"name":"proc","id":100,"parent":41,"thread":7},)"
+                 R"("source":{"file":"a.c","version":"1.1","product":"prod","line":12},)"
+                 R"("message":{"catalog":"","set":3,"number":14,"default":"%5$s %1$d","arguments":[)"
+                 R"({"type":"int","value":-3},{"type":"long","value":4},{"type":"long_long","value":1099511627776},)"
+                 R"({"type":"double","value":118.5},{"type":"string","value":"disk"},)"
+                 R"({"type":"pointer","value":"0x2007f3a0"}]},"description":"disk -3","details":"details"})"
+                 "\n"));
+}
+
+TEST(json, shows_a_value_that_it_cannot_hold_as_a_text) {
+  const std::string arguments = wide_arg(CU_ERROR_ARG_DOUBLE, std::numeric_limits<double>::infinity()) +
+                                image(int32_t{CU_ERROR_ARG_RESERVED}) + "\x01\x02\x03\x04\x05\x06\x07\x08" +
+                                image(int32_t{99}) + "\x10\x20\x30\x40\x50\x60\x70\x7F";
+  const std::string file = stack().add({.id = "", .arg_count = 3, .args = arguments}).file();
+  EXPECT_EQ(script("$zkexport " + file + " | jq -c '[.id, .node, .message.arguments[][]]'"),
+            R"([null,null,"double","inf","reserved","0102030405060708","unknown","102030405060707f"])"
+            "\n");
+}
+
+/* Python replaces each maximal ill-formed part too. */
+TEST(json, keeps_the_bytes_of_a_text_that_is_not_utf8) {
+  const std::string file = stack().add(hostile(HOSTILE.substr(0, 42), "")).file();
+  const std::string text = new_file(HOSTILE);
+  const std::string checked = script("$zkexport " + file + " | python3 -c '" + R"(
+import base64, json, sys
+line = sys.stdin.buffer.read()
+assert not any(byte < 32 or byte == 127 for byte in line[:-1]) and b"\xC2\x9B" not in line
+incident = json.loads(line)
+def check(part, key, text):
+    assert part[key] == text.decode("utf-8", "replace"), (key, part[key])
+    assert part[key + "_base64"] == base64.b64encode(text).decode(), key
+    assert list(part).index(key + "_base64") == list(part).index(key) + 1
+text = open(")" + text + R"(", "rb").read()
+for place in ["process name", "source file", "source version", "source product", "message default"]:
+    check(incident[place.split()[0]], place.split()[1], text)
+check(incident["message"]["arguments"][0], "value", text)
+check(incident, "details", text)
+assert "id_time" not in incident
+')");
+  EXPECT_EQ(checked, "");
+}
+
+TEST(json, tells_where_a_stack_is_damaged_and_goes_on_with_the_next) {
+  stack bad_length, bad_version, bad_header;
+  bad_length.add("one").add_raw(-7, "");
+  bad_version.add({.version = 3});
+  bad_header.header.write_pos = 23;
+  const std::vector<std::string> stacks = {bad_length.file(), bad_version.file(), bad_header.file(),
+                                           scratch() + "/missing", stack().add("fine").file()};
+  const outcome all = zkexport(stacks);
+  EXPECT_EQ(all.err, "zkexport: " + stacks[3] + ": there is no such stack\n");
+  EXPECT_EQ(all.status, 24);
+  EXPECT_EQ(zkexport({stacks[3]}).status, 20);
+  EXPECT_EQ(script("jq -c '.description // [.error[]]' " + new_file(all.out)),
+            "\"one\"\n"
+            "[-26,\"ZELK_FILE_CORRUPT\",181,\"the record's length is out of range\"]\n"
+            "[-26,\"ZELK_FILE_CORRUPT\",24,\"the record's version is not supported\"]\n"
+            "[-26,\"ZELK_FILE_CORRUPT\",8,\"the recording position is out of range\"]\n"
+            "[-24,\"ZELK_FILE_MISSING\",\"there is no such stack\"]\n"
+            "\"fine\"\n");
+}
+
+TEST(node, exports_every_stack_by_name_and_the_incident_of_an_id) {
+  NEEDS_PRIVATE_VAR();
+  const std::string taken =
+      script("mkdir " ZELK_STACK_DIR
+             "/folder; for s in b a; do $zkrecord -C $s 'first of %s' $s; $zkrecord -q $s 'more'; done");
+  EXPECT_EQ(script("$zkexport --every | jq -r '.stack + \" \" + .description'"),
+            "a first of a\na more\nb first of b\nb more\n");
+  const std::string id = taken.substr(0, 42);
+  EXPECT_EQ(script("$zkexport --id=" + id + " | jq -r '.stack, .id'"), "b\n" + id + "\n");
+  for (const std::string& bad : {id.substr(1), "." + id.substr(1), std::string(id).replace(17, 6, "o/////"),
+                                 std::string(id).replace(1, 6, "zzzzzz")})
+    EXPECT_EQ(zkexport({"--id", bad}).status, zkview({"-f", bad}).status) << bad;
+}
+
+/* Starts the command in the background, and waits until it has given out so many lines. */
+static const std::string FOLLOW =
+    "follow() { $zkexport --follow \"$@\" >>out 2>err & }; end() { kill -$1 $!; wait $!; echo ended $?; };"
+    "lines() { n=0; while [ $(wc -l <out) -lt $1 ] && [ $n -lt 100 ]; do sleep 0.1; n=$((n + 1)); done; };"
+    "shown() { jq -r '.description // (.gap // .error | tostring)' out | tr '\\n' ' '; }; touch out; ";
+
+TEST(follow, gives_what_is_recorded_in_a_stack_that_appears_later_and_is_replaced) {
+  EXPECT_EQ(script(FOLLOW + "s=$folder/sub/s; follow $s; sleep 0.3; mkdir sub;"
+                            "$zkrecord -q -C $s one; $zkrecord -q $s two; lines 2;"
+                            "$zkrecord -q -C $s.new three; $zkrecord -q $s late; mv $s.new $s; lines 4;"
+                            "$zkrecord -q $s four; lines 5; shown; end TERM"),
+            "one two late three four ended 0\n");
+}
+
+TEST(follow, tells_damage_once_and_sleeps_while_nothing_happens) {
+  EXPECT_EQ(script(FOLLOW + "s=$folder/s; $zkrecord -q -C $s one; follow $s; lines 1;"
+                            "printf '\\377' | dd of=$s bs=1 seek=20 conv=notrunc 2>/dev/null; lines 2; sleep 0.3;"
+                            "before=$(grep ^vol /proc/$!/status); sleep 1;"
+                            "[ \"$before\" = \"$(grep ^vol /proc/$!/status)\" ] && echo asleep; wc -l <out; end TERM"),
+            "asleep\n2\nended 0\n");
+}
+
+TEST(cursor, goes_on_where_the_last_run_ended) {
+  EXPECT_EQ(script("s=$folder/s; news() { $zkexport --cursor-file=cursor $s | jq -r '.description // .gap'; };"
+                   "$zkrecord -q -C=8192 $s one; news; $zkrecord -q $s two; news; news;"
+                   "for n in $(seq 1 90); do $zkrecord -q $s \"n$n\"; done; news | sed -n '1p;$p';"
+                   "$zkrecord -q -C $s.new new; mv $s.new $s; news; cp $s copy; mv copy $s; news"),
+            "one\ntwo\ntrue\nn90\nnew\n");
+}
+
+TEST(cursor, that_is_damaged_is_refused_and_left_alone) {
+  for (const char* damaged : {"", "text", "zkexport cursor 1\n1 2 3 /x\n", "zkexport cursor 1\n1 2 /x\nend\n"}) {
+    const std::string cursor = new_file(damaged);
+    const outcome refused = zkexport({"-c", cursor, stack().add("one").file()});
+    EXPECT_EQ(refused, (outcome{"", "zkexport: " + cursor + ": it is damaged, or no cursor\n", 1}));
+    EXPECT_EQ(contents(cursor), damaged);
+  }
+  EXPECT_EQ(zkexport({"-c", "/dev/null", stack().file()}).status, 1); /* it would be replaced */
+}
+
+TEST(dot, puts_causes_above_and_unknown_ones_outside_the_processes) {
+  const std::string file = stack().add("one").add("two", "one").add("three", "elsewhere").file();
+  EXPECT_EQ(script("$zkexport --format=dot " + file +
+                   " | dot -Tjson | jq -r '.objects as $o | (.edges[] | $o[.tail].name + \" \" + $o[.head].name),"
+                   "($o[] | select(.nodes) | .label), ([$o[] | select(.pos) | .pos | split(\",\")[1] | tonumber]"
+                   " | .[0] > .[1])'"),
+            "i0 i1\nc0 i2\n" + file + "\\nproc 100\ntrue\n");
+}
+
+TEST(pictures, show_whatever_is_recorded_as_text) {
+  const std::string file =
+      stack().add(hostile("<b>\"'&", "\xFF")).add(hostile("same", "<b>\"'&")).add(hostile("same", "same")).file();
+  EXPECT_EQ(script("$zkexport --format=dot " + file + " | dot -Tsvg | python3 -c '" + R"(
+import sys, xml.etree.ElementTree as tree
+texts = [text.text for text in tree.parse(sys.stdin).iter("{http://www.w3.org/2000/svg}text")]
+assert any("<script>&amp;\"" in text and "\\N\\" in text for text in texts), texts')"),
+            "");
+  EXPECT_EQ(script("$zkexport --format=html " + file + " | python3 -c '" + R"(
+import html.parser, sys
+page, elements, ids, texts = sys.stdin.read(), [], [], []
+class Reader(html.parser.HTMLParser):
+    def handle_starttag(self, tag, attributes):
+        elements.append(tag); ids.extend(value for key, value in attributes if key == "id")
+    def handle_data(self, text): texts.append(text)
+Reader().feed(page)
+hostile = open(")" +
+                   new_file(HOSTILE) + R"(", "rb").read().decode("utf-8", "replace")
+for control in "\x1b\x7f\x9b": hostile = hostile.replace(control, "\ufffd")
+assert texts.count(hostile) >= 3 * 6, texts
+assert "script" not in elements and set(ids) >= {"<b>\"" + chr(39) + "&", "same"} and len(ids) == 3, ids')"),
+            "");
+}
+
+TEST(html, is_drawn_by_a_browser_narrow_and_wide_light_and_dark) {
+  if (run({"/bin/sh", "-c", "command -v chromium"}).status != 0) GTEST_SKIP() << "there is no Chromium";
+  const std::string file = stack().add("one").add("two", "one").file();
+  for (const char* look : {"400,900 1", "400,900 0", "1400,900 1", "1400,900 0"})
+    EXPECT_EQ(
+        script("set -- " + std::string(look) + "; $zkexport --format=html " + file + " >page.html;" +
+               "timeout 60 chromium --headless --no-sandbox --user-data-dir=profile --disable-gpu --window-size=$1 "
+               "--blink-settings=preferredColorScheme=$2 --screenshot=page.png --virtual-time-budget=1000 "
+               "file://$folder/page.html >/dev/null 2>err; [ $(wc -c <page.png) -gt 5000 ] && echo drawn;"
+               "grep -c 'Content Security' err"),
+        "drawn\n0\n");
+}
+
+TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
+  const std::string file = stack().add("one").add("two", "one").add(hostile("three", "two")).add_raw(-1, "").file();
+  for (const char* format : {"dot", "html"})
+    EXPECT_EQ(script("$zkexport " + file + " | jq -c '.host = \"n1\"' | $zkexport --input --format=" + format),
+              zkexport({"--format", format, file}).out);
+  EXPECT_EQ(script("($zkexport " + file + "; echo '{\"stack\":1}') | $zkexport --input --format=dot"),
+            "zkexport: line 5: it is no incident as json gives them\n");
+}
+
+TEST(zkexport, refuses_what_does_not_go_together) {
+  for (const char* misuse : {"", "--format=xml s", "--every s", "--follow --format=dot s", "--input", "--id=x --follow",
+                             "--cursor-file=c --format=html s", "--unknown s"}) {
+    const outcome refused = zkexport(words(misuse));
+    EXPECT_EQ(refused.status, 2) << misuse;
+    EXPECT_NE(refused.err.find("\nTry 'zkexport --help'\n"), std::string::npos) << refused;
+  }
+}
+
+TEST(zkexport, fails_when_it_cannot_write_and_ends_with_the_pipe) {
+  const std::string file = stack().add("one").file();
+  EXPECT_EQ(script("$zkexport " + file + " >/dev/full || echo $?"),
+            "1\nzkexport: standard output: No space left on device\n");
+  EXPECT_EQ(script("{ timeout 10 $zkexport --follow " + file + "; echo $? >&2; } | head -n 1 | jq -r .description"),
+            "one\n141\n");
+}

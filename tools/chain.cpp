@@ -1,0 +1,65 @@
+/* chain.cpp - puts incidents of several stacks together. */
+#include "chain.h"
+
+#include <algorithm>
+#include <map>
+#include <numeric>
+#include <tuple>
+#include <unordered_map>
+
+#include "text.h"
+
+static constexpr int64_t SECOND = 1000000; /* microseconds */
+
+int64_t exact_time(const incident_t& incident) {
+  return incident.node.empty() ? incident.time * SECOND : incident.id_time;
+}
+
+std::string short_description(const incident_t& incident, size_t limit) {
+  const std::string& text = incident.description;
+  std::string line;
+  for (size_t at = 0; at < text.size(); --limit) {
+    if (limit == 0) return line + "\xE2\x80\xA6"; /* an ellipsis */
+    const character_t character = character_at(text, at);
+    const bool is_blank = character.code == '\n' || character.code == '\t';
+    line += is_blank ? " " : text.substr(at, character.size);
+    at += character.size;
+  }
+  return line;
+}
+
+/* Sorts by time, but leaves the incidents of a stack as they were recorded, also where its clock was set back. */
+static void sort_by_time(std::vector<incident_t>* incidents) {
+  std::vector<int64_t> times;
+  times.reserve(incidents->size());
+  std::unordered_map<std::string, int64_t> newest; /* of each stack */
+  for (const incident_t& incident : *incidents) {
+    const auto known = newest.try_emplace(incident.stack, exact_time(incident)).first;
+    known->second = std::max(known->second, exact_time(incident));
+    times.push_back(known->second);
+  }
+  std::vector<size_t> order(incidents->size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  std::stable_sort(order.begin(), order.end(), [&](size_t one, size_t other) { return times[one] < times[other]; });
+  std::vector<incident_t> sorted;
+  sorted.reserve(incidents->size());
+  for (size_t index : order) sorted.push_back(std::move((*incidents)[index]));
+  *incidents = std::move(sorted);
+}
+
+void find_causes(chain_t* chain) {
+  sort_by_time(&chain->incidents);
+  std::unordered_map<std::string, size_t> by_id;
+  for (size_t index = 0; index < chain->incidents.size(); ++index)
+    if (!chain->incidents[index].id.empty()) by_id.try_emplace(chain->incidents[index].id, index);
+
+  std::map<std::tuple<std::string, std::string, int32_t>, size_t> by_lane;
+  for (const incident_t& incident : chain->incidents) {
+    const auto cause = incident.cause.empty() ? by_id.end() : by_id.find(incident.cause);
+    chain->causes.push_back(cause != by_id.end() ? cause->second : NO_CAUSE);
+    const auto [lane, is_new] =
+        by_lane.try_emplace({incident.stack, incident.process, incident.process_id}, by_lane.size());
+    if (is_new) chain->lane_names.push_back({incident.stack, incident.process, incident.process_id});
+    chain->lanes.push_back(lane->second);
+  }
+}

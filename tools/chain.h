@@ -1,0 +1,44 @@
+/* chain.h - incidents with what caused them, as the formats for the eye take them. */
+#ifndef CHAIN_H
+#define CHAIN_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "incident.h"
+
+inline constexpr size_t NO_CAUSE = static_cast<size_t>(-1); /* or one that is not among the incidents */
+
+/* What is shown together: the incidents of a process in one stack. */
+struct lane_t {
+  std::string stack;
+  std::string process;
+  int32_t process_id;
+  bool operator==(const lane_t&) const = default;
+};
+
+struct chain_t {
+  std::vector<incident_t> incidents; /* in order of time; those of one stack in order of recording */
+  std::vector<std::string> notes;    /* what the incidents are not complete for */
+
+  /* Of each incident, by index; find_causes fills these in. */
+  std::vector<size_t> causes; /* the incident that caused it, or NO_CAUSE */
+  std::vector<size_t> lanes;  /* its entry in `lane_names` */
+  std::vector<lane_t> lane_names;
+};
+
+/* Puts the incidents in order and finds their causes and lanes. Of several with one Error ID the first is a cause. */
+void find_causes(chain_t* chain);
+
+/* Microseconds since the Epoch at which an incident was recorded, as exactly as is known. */
+int64_t exact_time(const incident_t& incident);
+
+/* What the incident is described by in one line: at most `limit` characters of it. */
+std::string short_description(const incident_t& incident, size_t limit);
+
+/* Each gives the whole file. */
+std::string make_dot(const chain_t& chain);
+std::string make_html(const chain_t& chain);
+
+#endif

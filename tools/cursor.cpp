@@ -1,0 +1,141 @@
+/* cursor.cpp - reads and writes the cursor: lines of the mark of a stack and its path, between a first and a last line by
+ * which a file that is cut short, or another one, is known.
+ *
+ *   zkexport cursor 1
+ *   INODE OFFSET FINGERPRINT PATH      numbers in decimal; in PATH "%" and bytes outside ' ' to '~' as %XX
+ *   end */
+#include "cursor.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "qx_zelk.h"
+#include "zk_io.h"
+
+static constexpr std::string_view FIRST_LINE = "zkexport cursor 1";
+static constexpr std::string_view LAST_LINE = "end";
+static constexpr off_t LARGEST = 64 * 1024 * 1024; /* bytes; nobody has that many stacks */
+
+/* ---- Lines --------------------------------------------------------------------------------------------------------- */
+
+static std::string escaped(std::string_view path) {
+  static constexpr char DIGITS[] = "0123456789ABCDEF";
+  std::string text;
+  for (char character : path) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (byte >= ' ' && byte <= '~' && byte != '%')
+      text += character;
+    else
+      text += {'%', DIGITS[byte >> 4], DIGITS[byte & 0xF]};
+  }
+  return text;
+}
+
+static bool unescape(std::string_view text, std::string* path) {
+  path->clear();
+  for (size_t at = 0; at < text.size(); ++at) {
+    unsigned int byte = static_cast<unsigned char>(text[at]);
+    if (byte < ' ' || byte > '~') return false;
+    if (byte == '%') {
+      if (at + 2 >= text.size()) return false;
+      const char* const digits = text.data() + at + 1;
+      const auto [end, error] = std::from_chars(digits, digits + 2, byte, 16);
+      if (end != digits + 2 || byte == 0) return false;
+      at += 2;
+    }
+    *path += static_cast<char>(byte);
+  }
+  return !path->empty();
+}
+
+/* Takes a number and the blank behind it. */
+template <typename Number>
+static bool take_number(std::string_view* line, Number* number) {
+  const auto [end, error] = std::from_chars(line->data(), line->data() + line->size(), *number);
+  const size_t size = static_cast<size_t>(end - line->data());
+  if (error != std::errc{} || size == line->size() || *end != ' ') return false;
+  line->remove_prefix(size + 1);
+  return true;
+}
+
+/* Takes a line, without its end, from the start of a text; false where there is none. */
+static bool take_line(std::string_view* text, std::string_view* line) {
+  const size_t size = text->find('\n');
+  if (size == text->npos) return false;
+  *line = text->substr(0, size);
+  text->remove_prefix(size + 1);
+  return true;
+}
+
+static bool take_mark(std::string_view line, std::map<std::string, mark_t>* marks) {
+  mark_t mark = {};
+  std::string path;
+  if (!take_number(&line, &mark.inode) || !take_number(&line, &mark.offset) || !take_number(&line, &mark.fingerprint))
+    return false;
+  return mark.offset >= 0 && unescape(line, &path) && marks->insert({path, mark}).second;
+}
+
+static bool parse_marks(std::string_view text, std::map<std::string, mark_t>* marks) {
+  std::string_view line;
+  if (!take_line(&text, &line) || line != FIRST_LINE) return false;
+  while (take_line(&text, &line)) {
+    if (line == LAST_LINE) return text.empty();
+    if (!take_mark(line, marks)) return false;
+  }
+  return false;
+}
+
+/* ---- The file ------------------------------------------------------------------------------------------------------ */
+
+bool load_cursor(cursor_t* cursor, std::string* problem) {
+  std::array<char, PATH_MAX> resolved;
+  if (realpath(cursor->file.c_str(), resolved.data()) != nullptr) cursor->file = resolved.data(); /* not the link */
+  const int fildes = zk_open_regular(cursor->file.c_str(), O_RDONLY);
+  if (fildes == -1 && errno == ENOENT) return true;
+  struct stat status;
+  if (fildes == -1 || fstat(fildes, &status) != 0) {
+    *problem = std::strerror(errno);
+    if (fildes != -1) close(fildes);
+    return false;
+  }
+  *problem = "it is not a regular file";
+  bool is_good = S_ISREG(status.st_mode);
+  if (is_good && status.st_size <= LARGEST) {
+    std::string text(static_cast<size_t>(status.st_size), '\0');
+    text.resize(zk_read_at(fildes, text.data(), text.size(), 0));
+    is_good = parse_marks(text, &cursor->marks);
+    *problem = "it is damaged, or no cursor";
+  }
+  close(fildes);
+  return is_good;
+}
+
+bool save_cursor(const cursor_t& cursor, std::string* problem) {
+  const std::string made = cursor.file + ".new";
+  std::string text(FIRST_LINE);
+  text += '\n';
+  for (const auto& [path, mark] : cursor.marks)
+    text += std::to_string(mark.inode) + ' ' + std::to_string(mark.offset) + ' ' + std::to_string(mark.fingerprint) +
+            ' ' + escaped(path) + '\n';
+  text += LAST_LINE;
+  text += '\n';
+
+  unlink(made.c_str()); /* left by a run that was killed here */
+  const int fildes = open(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+  bool is_good = fildes != -1 && zk_write_all(fildes, text.data(), text.size());
+  if (fildes != -1 && close(fildes) != 0) is_good = false;
+  if (is_good && std::rename(made.c_str(), cursor.file.c_str()) == 0) return true;
+  *problem = std::strerror(errno);
+  if (fildes != -1) unlink(made.c_str());
+  return false;
+}

@@ -1,0 +1,23 @@
+/* cursor.h - the file that says how far stacks have been given out. */
+#ifndef CURSOR_H
+#define CURSOR_H
+
+#include <map>
+#include <string>
+
+#include "unread.h"
+
+/* Marks of stacks, by their full paths. */
+struct cursor_t {
+  std::string file; /* empty: there is none, and nothing is kept */
+  std::map<std::string, mark_t> marks;
+};
+
+/* Reads the cursor's file; one that does not exist has no marks. Returns false with `*problem` when it is damaged, or no
+ * file that a cursor may replace. */
+bool load_cursor(cursor_t* cursor, std::string* problem);
+
+/* Renames a new file over the cursor's. Returns false with `*problem` when it cannot be written. */
+bool save_cursor(const cursor_t& cursor, std::string* problem);
+
+#endif

@@ -1,0 +1,333 @@
+/* export_follow.cpp - gives out incidents as they are recorded. The file system says when there is something to read.
+ *
+ * The signals that end the run are blocked but while it waits: for the lock of a stack, for something to happen, for the
+ * reader of its output. Whatever has been given out is in the cursor then, and no line is half written. */
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <set>
+
+#include "cursor.h"
+#include "export.h"
+#include "json.h"
+#include "tool.h"
+#include "unread.h"
+#include "zk_stack_file.h"
+
+/* What may happen to a stack, and in a folder in which one may appear. */
+static constexpr uint32_t STACK_EVENTS = IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
+static constexpr uint32_t FOLDER_EVENTS =
+    IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR;
+
+/* How long damage has to last until it is told: a stack may be just being copied into its place. */
+static constexpr int DAMAGE_PAUSE = 200; /* milliseconds */
+
+static constexpr int UNTIL_SOMETHING_HAPPENS = -1;
+
+struct followed_t {
+  std::string name;
+  std::string path;
+  int fildes;           /* of the file that is there, or was there last; -1 for none */
+  int watch;            /* of that file, -1 for none */
+  bool is_known;        /* what is overwritten from now on has been missed */
+  bool is_changed;      /* it is to be read */
+  mark_t mark;          /* how far it was given out */
+  trouble_t seen, told; /* the last trouble, and the last that was told */
+};
+
+struct follower_t {
+  const zk_trace_t* trace;
+  const export_request_t* request;
+  std::vector<followed_t> stacks;
+  std::set<int> folders; /* watches of folders */
+  cursor_t cursor;
+  int inotify;
+  bool is_started;    /* stacks that appear from now on are new */
+  bool is_rearranged; /* files may have come, gone or been replaced */
+};
+
+/* ---- Waiting ------------------------------------------------------------------------------------------------------- */
+
+static void end_run(int) {
+  _exit(TOOL_DONE);
+}
+
+static sigset_t ending_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  return signals;
+}
+
+/* Blocks the signals that end the run, or lets them come. */
+static void block_signals(bool is_blocked) {
+  const sigset_t signals = ending_signals();
+  sigprocmask(is_blocked ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
+}
+
+/* Waits until one of the descriptors is ready or `timeout`, in milliseconds, is over. */
+static void wait_for(pollfd* descriptors, nfds_t count, int timeout) {
+  block_signals(false);
+  poll(descriptors, count, timeout);
+  block_signals(true);
+}
+
+/* Ends the run as writing to a closed pipe does. Returns false, having said so, where SIGPIPE is ignored. */
+static bool lose_reader() {
+  std::raise(SIGPIPE);
+  complain("standard output", std::strerror(EPIPE));
+  return false;
+}
+
+/* Writes each of the lines by itself, when their reader has room for them. */
+static bool write_lines(std::string_view lines) {
+  while (!lines.empty()) {
+    const size_t size = lines.find('\n') + 1;
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    wait_for(&output, 1, UNTIL_SOMETHING_HAPPENS);
+    if (!write_out(lines.substr(0, size))) return false;
+    lines.remove_prefix(size);
+  }
+  return true;
+}
+
+/* ---- Reading ------------------------------------------------------------------------------------------------------- */
+
+/* Tells trouble that lasts. Returns true when it has to be looked at again for that. */
+static bool tell_trouble(followed_t* stack, const trouble_t& trouble, std::string* lines) {
+  const bool is_lasting = trouble == stack->seen;
+  stack->seen = trouble;
+  if (trouble.code == ZELK_SUCCESS) stack->told = trouble;
+  if (trouble == stack->told) return false;
+  if (!is_lasting) return true;
+  stack->told = trouble;
+  write_json_trouble(stack->name, trouble, lines);
+  if (trouble.offset < 0) complain(stack->name, trouble.reason);
+  return false;
+}
+
+/* Keeps the cursor's file up to date. */
+static bool keep_mark(follower_t* follower, const followed_t& stack) {
+  if (follower->cursor.file.empty()) return true;
+  const auto known = follower->cursor.marks.find(stack.path);
+  if (known != follower->cursor.marks.end() && known->second == stack.mark) return true;
+  follower->cursor.marks[stack.path] = stack.mark;
+  std::string problem;
+  if (save_cursor(follower->cursor, &problem)) return true;
+  complain(follower->cursor.file, problem);
+  return false;
+}
+
+/* Gives out what the stack's open file holds that has not been given out. */
+static bool give_unread(follower_t* follower, followed_t* stack) {
+  std::string lines;
+  mark_t moved = stack->mark;
+  block_signals(false);
+  const bool is_locked = lseek(stack->fildes, 0, SEEK_SET) == 0 && lockf(stack->fildes, F_LOCK, 0) == 0;
+  block_signals(true);
+  const trouble_t trouble = is_locked ? read_unread(*follower->trace, stack->fildes, stack->name,
+                                                    stack->is_known ? &stack->mark : nullptr, &moved, &lines)
+                                      : trouble_of(ZELK_LOCK);
+  stack->mark = moved;
+  stack->is_known = true;
+  stack->is_changed = tell_trouble(stack, trouble, &lines);
+  return write_lines(lines) && keep_mark(follower, *stack);
+}
+
+/* Opens the file that has the stack's name now, if there is one. */
+static bool open_file(follower_t* follower, followed_t* stack) {
+  const zk_trace_t& trace = *follower->trace;
+  const int result = zk_open_stack_by_name(trace.active, trace.file, &stack->fildes, stack->name.c_str());
+  if (result == ZELK_SUCCESS) {
+    stack->is_changed = true;
+    stack->watch = inotify_add_watch(follower->inotify, stack->path.c_str(), STACK_EVENTS);
+    if (stack->watch != -1) return true;
+    follower->is_rearranged = errno == ENOENT; /* it has just gone */
+    if (!follower->is_rearranged) complain(stack->name, std::string("it cannot be watched: ") + std::strerror(errno));
+    return follower->is_rearranged;
+  }
+  stack->is_known = true;
+  const trouble_t trouble = trouble_of(result);
+  if (trouble == stack->told) return true;
+  if (result == ZELK_FILE_MISSING) {
+    if (!follower->is_started) complain(stack->name, "there is no such stack yet");
+    stack->told = trouble;
+    return true;
+  }
+  std::string lines;
+  stack->seen = trouble; /* it is told at once */
+  tell_trouble(stack, trouble, &lines);
+  return write_lines(lines);
+}
+
+static bool is_in_place(const followed_t& stack) {
+  struct stat there, open;
+  return stack.fildes != -1 && stat(stack.path.c_str(), &there) == 0 && fstat(stack.fildes, &open) == 0 &&
+         there.st_ino == open.st_ino && there.st_dev == open.st_dev;
+}
+
+/* Stops watching the stack's file, unless another name of it is followed too. */
+static void stop_watching(const follower_t* follower, followed_t* stack) {
+  const auto& stacks = follower->stacks;
+  const auto uses =
+      std::count_if(stacks.begin(), stacks.end(), [&](const followed_t& other) { return other.watch == stack->watch; });
+  if (uses == 1) inotify_rm_watch(follower->inotify, stack->watch);
+  stack->watch = -1;
+}
+
+/* Follows the stack's name to the file that has it now. What the file before it still holds is given out first. */
+static bool follow_name(follower_t* follower, followed_t* stack) {
+  if (is_in_place(*stack)) return true;
+  if (stack->fildes != -1) {
+    const bool is_given = give_unread(follower, stack);
+    close(stack->fildes);
+    stop_watching(follower, stack);
+    stack->fildes = -1;
+    stack->is_changed = false;
+    if (!is_given) return false;
+  }
+  return open_file(follower, stack);
+}
+
+/* ---- Watching ------------------------------------------------------------------------------------------------------ */
+
+static void add_stack(follower_t* follower, const std::string& name) {
+  const zk_stack_path_t path = zk_stack_path(name.c_str());
+  followed_t stack = {.name = name,
+                      .path = path.data(),
+                      .fildes = -1,
+                      .watch = -1,
+                      .is_known = follower->is_started,
+                      .is_changed = false,
+                      .mark = {},
+                      .seen = {},
+                      .told = {}};
+  const auto marked = follower->cursor.marks.find(stack.path);
+  if (marked != follower->cursor.marks.end()) {
+    stack.is_known = true;
+    stack.mark = marked->second;
+  }
+  follower->stacks.push_back(stack);
+}
+
+static void add_new_stacks(follower_t* follower) {
+  std::vector<std::string> names;
+  list_stacks(&names);
+  for (const std::string& name : names) {
+    const auto& known = follower->stacks;
+    if (std::none_of(known.begin(), known.end(), [&](const followed_t& stack) { return stack.name == name; }))
+      add_stack(follower, name);
+  }
+}
+
+/* Watches the folder or, while it is missing, the nearest one above it. */
+static void watch_folder(int inotify, const std::filesystem::path& folder, std::set<int>* watches) {
+  for (int nearest = -1;;) {
+    std::filesystem::path above = folder;
+    int watch = inotify_add_watch(inotify, above.c_str(), FOLDER_EVENTS);
+    for (; watch == -1 && above != above.parent_path();
+         watch = inotify_add_watch(inotify, above.c_str(), FOLDER_EVENTS))
+      above = above.parent_path();
+    if (watch == nearest) { /* nothing came between looking and watching */
+      if (watch != -1) watches->insert(watch);
+      return;
+    }
+    nearest = watch;
+  }
+}
+
+/* Watches the folders in which stacks are or may appear, and no others. */
+static void watch_folders(follower_t* follower) {
+  std::set<std::string> wanted;
+  std::set<int> watches;
+  if (follower->request->is_every) wanted.insert(ZELK_STACK_DIR);
+  for (const followed_t& stack : follower->stacks)
+    wanted.insert(std::filesystem::path(stack.path).parent_path().string());
+  for (const std::string& folder : wanted) watch_folder(follower->inotify, folder, &watches);
+  for (int watch : follower->folders)
+    if (!watches.contains(watch)) inotify_rm_watch(follower->inotify, watch);
+  follower->folders = watches;
+}
+
+/* Finds out which files are to be followed now. */
+static bool look_around(follower_t* follower) {
+  watch_folders(follower);
+  if (follower->request->is_every) add_new_stacks(follower);
+  for (followed_t& stack : follower->stacks)
+    if (!follow_name(follower, &stack)) return false;
+  return true;
+}
+
+/* Takes in what has happened. */
+static void take_events(follower_t* follower) {
+  alignas(inotify_event) std::array<char, 16384> events;
+  for (ssize_t size; (size = read(follower->inotify, events.data(), events.size())) > 0;) {
+    for (const char* at = events.data(); at < events.data() + size;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(at);
+      const bool is_lost = (event->mask & IN_Q_OVERFLOW) != 0;
+      for (followed_t& stack : follower->stacks)
+        if (is_lost || stack.watch == event->wd) stack.is_changed = stack.fildes != -1;
+      if ((event->mask & ~uint32_t{IN_MODIFY}) != 0) follower->is_rearranged = true;
+      at += sizeof(inotify_event) + event->len;
+    }
+  }
+}
+
+/* Waits until something happens; not for ever where trouble may have to be told. */
+static bool wait_for_events(follower_t* follower) {
+  const auto& stacks = follower->stacks;
+  const bool is_pending =
+      std::any_of(stacks.begin(), stacks.end(), [](const followed_t& stack) { return stack.is_changed; });
+  std::array<pollfd, 2> descriptors = {{{follower->inotify, POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
+  wait_for(descriptors.data(), descriptors.size(), is_pending ? DAMAGE_PAUSE : UNTIL_SOMETHING_HAPPENS);
+  if ((descriptors[1].revents & POLLERR) != 0) return lose_reader();
+  take_events(follower);
+  return true;
+}
+
+/* ---- The run ------------------------------------------------------------------------------------------------------- */
+
+/* Lets the command have as many files open as it may. */
+static void raise_file_limit() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+int follow_json(const zk_trace_t& trace, const export_request_t& request) {
+  follower_t follower = {&trace, &request, {}, {}, {request.cursor_file, {}}, -1, false, true};
+  std::string problem;
+  if (!follower.cursor.file.empty() && !load_cursor(&follower.cursor, &problem)) {
+    complain(request.cursor_file, problem);
+    return TOOL_FAILED;
+  }
+  follower.inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (follower.inotify == -1) {
+    complain("inotify", std::strerror(errno));
+    return TOOL_FAILED;
+  }
+  block_signals(true);
+  std::signal(SIGTERM, end_run);
+  std::signal(SIGINT, end_run);
+  raise_file_limit();
+  for (const std::string& name : request.stacks) add_stack(&follower, name);
+
+  for (;;) {
+    if (follower.is_rearranged) {
+      follower.is_rearranged = false;
+      if (!look_around(&follower)) return TOOL_FAILED;
+      follower.is_started = true;
+    }
+    for (followed_t& stack : follower.stacks)
+      if (stack.is_changed && !give_unread(&follower, &stack)) return TOOL_FAILED;
+    if (!wait_for_events(&follower)) return TOOL_FAILED;
+  }
+}

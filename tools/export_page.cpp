@@ -1,0 +1,86 @@
+/* export_page.cpp - gathers incidents, from stacks or from standard input, and gives them out as one file. */
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "chain.h"
+#include "export.h"
+#include "json.h"
+#include "stacks.h"
+#include "tool.h"
+
+/* Limits of standard input, in bytes: far above what a record can become, and what a page can show. */
+static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;
+static constexpr size_t INPUT_MAX_SIZE = 256 * 1024 * 1024;
+
+/* Gathers what the stacks hold. Returns the exit status. */
+static int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* chain) {
+  std::vector<std::string> names;
+  int status = stacks_to_export(trace, request, &names);
+  incident_t incident;
+  for (const std::string& name : names) {
+    const trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
+      bool is_wanted = false;
+      int result = select_record(trace, walk.record.data(), request.id, &is_wanted);
+      if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
+      if (result == ZELK_SUCCESS && is_wanted) chain->incidents.push_back(incident);
+      return result;
+    });
+    if (trouble.code == ZELK_SUCCESS) continue;
+    chain->notes.push_back(trouble_note(name, trouble));
+    complain(name, chain->notes.back().substr(name.size() + 2));
+    status = std::max(status, status_of(trouble.code));
+  }
+  return status;
+}
+
+/* Takes one line of standard input. Returns false when it is not one that json gives. */
+static bool take_line(const std::string& line, chain_t* chain) {
+  incident_t incident = {};
+  std::string note;
+  if (!parse_json(line, &incident, &note)) return false;
+  if (note.empty())
+    chain->incidents.push_back(incident);
+  else
+    chain->notes.push_back(note);
+  return true;
+}
+
+static int fail_at(size_t number, const char* reason) {
+  complain("line " + std::to_string(number), reason);
+  return TOOL_FAILED;
+}
+
+/* Gathers the incidents of standard input. Returns the exit status. */
+static int gather_input(chain_t* chain) {
+  std::array<char, 65536> block;
+  std::string line;
+  size_t number = 1, total = 0;
+  for (;;) {
+    const size_t size = zk_read_on(STDIN_FILENO, block.data(), block.size());
+    if (errno != 0) return fail_at(number, std::strerror(errno));
+    std::string_view rest(block.data(), size);
+    for (size_t end; (end = rest.find('\n')) != rest.npos; ++number) {
+      line += rest.substr(0, end);
+      rest.remove_prefix(end + 1);
+      if (!take_line(line, chain)) return fail_at(number, "it is no incident as json gives them");
+      line.clear();
+    }
+    line += rest;
+    total += size;
+    if (line.size() > LINE_MAX_SIZE) return fail_at(number, "it is too long");
+    if (total > INPUT_MAX_SIZE) return fail_at(number, "there are more incidents than can be shown");
+    if (size < block.size()) break;
+  }
+  if (!line.empty() && !take_line(line, chain)) return fail_at(number, "it is no incident as json gives them");
+  return TOOL_DONE;
+}
+
+int export_page(const zk_trace_t& trace, const export_request_t& request) {
+  chain_t chain;
+  const int status = request.is_input ? gather_input(&chain) : gather(trace, request, &chain);
+  if (request.is_input && status != TOOL_DONE) return status;
+  if (status != TOOL_DONE && chain.incidents.empty() && chain.notes.empty()) return status; /* no stack at all */
+  find_causes(&chain);
+  return write_out(request.format == "dot" ? make_dot(chain) : make_html(chain)) ? status : int{TOOL_FAILED};
+}

@@ -1,0 +1,183 @@
+/* incident.cpp - takes an incident from a record. */
+#include "incident.h"
+
+#include <arpa/inet.h>
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <span>
+
+#include "zk_eid_layout.h"
+#include "zkrecord.h"
+
+static constexpr int64_t SECOND = 1000000; /* microseconds */
+
+/* ---- Times --------------------------------------------------------------------------------------------------------- */
+
+std::string utc_time(int64_t seconds) {
+  const time_t time = seconds;
+  std::tm parts = {};
+  gmtime_r(&time, &parts);
+  std::array<char, 80> text;
+  const int size = std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02dZ", parts.tm_year + 1900,
+                                 parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+  return {text.data(), static_cast<size_t>(size)};
+}
+
+std::string utc_time_of_microseconds(int64_t microseconds) {
+  std::string text = utc_time(microseconds / SECOND);
+  std::array<char, 16> fraction;
+  std::snprintf(fraction.data(), fraction.size(), ".%06dZ", static_cast<int>(microseconds % SECOND));
+  text.replace(text.size() - 1, 1, fraction.data());
+  return text;
+}
+
+bool parse_utc_time(std::string_view text, int64_t* microseconds) {
+  const std::string copy(text);
+  std::tm parts = {};
+  int fraction = 0;
+  const int taken = std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%6d", &parts.tm_year, &parts.tm_mon,
+                                &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &fraction);
+  if (taken < 6) return false;
+  parts.tm_year -= 1900;
+  parts.tm_mon -= 1;
+  const int64_t seconds = timegm(&parts);
+  *microseconds = seconds * SECOND + fraction;
+  return copy == (taken == 6 ? utc_time(seconds) : utc_time_of_microseconds(*microseconds));
+}
+
+/* ---- The Error ID -------------------------------------------------------------------------------------------------- */
+
+/* Takes time and node of the Error ID, whose entry may be anything. They are left out when it cannot be decoded. */
+static void decode_id(incident_t* incident) {
+  incident->node.clear();
+  const std::string_view id = incident->id;
+  if (id.size() != ZELK_EID_LENGTH) return;
+  zk_eid_parts_t parts;
+  std::memcpy(&parts, id.data(), sizeof parts);
+  std::memset(parts.entry, ZERO_DIGIT, sizeof parts.entry);
+  const std::string_view digits(reinterpret_cast<const char*>(&parts), sizeof parts);
+  if (digits.find_first_not_of(base64_table) != digits.npos) return;
+
+  const std::array<char, 2> header = {parts.header, '\0'};
+  const char type = parts.address[ADDR_CODE_WIDTH];
+  int version, location;
+  timeval time;
+  addr_words address = {};
+  if (zk_conv_base_64_hdr(0, nullptr, header.data(), &version, &location) != ZELK_SUCCESS) return;
+  if (zk_conv_base_64_time(0, nullptr, parts.time, &time) != ZELK_SUCCESS) return;
+  if (zk_conv_ipaddr(0, nullptr, parts.address, type, address.data()) != ZELK_SUCCESS) return;
+
+  std::array<char, ZELK_ADDR_SLOT_SIZE> node = {};
+  inet_ntop(type == IPV4_TYPE ? AF_INET : AF_INET6, address.data(), node.data(), node.size());
+  incident->id_time = time.tv_sec * SECOND + time.tv_usec;
+  incident->node = node.data();
+}
+
+/* ---- Arguments ----------------------------------------------------------------------------------------------------- */
+
+template <typename Number>
+static std::string digits_of(Number number, int base = 10) {
+  std::array<char, 32> text;
+  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), number, base);
+  return {text.data(), end};
+}
+
+std::string digits_of_double(double number) {
+  std::array<char, 32> text;
+  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), number);
+  const std::string_view digits(text.data(), static_cast<size_t>(end - text.data()));
+  const bool is_whole = digits.find_first_not_of("-0123456789") == digits.npos;
+  return std::string(digits) + (is_whole ? ".0" : ""); /* a reader sees the type */
+}
+
+/* The bytes of a value in the order of the file. */
+static std::string hexadecimal(std::span<const unsigned char> bytes) {
+  static constexpr char DIGITS[] = "0123456789abcdef";
+  std::string text;
+  for (unsigned char byte : bytes) {
+    text += DIGITS[byte >> 4];
+    text += DIGITS[byte & 0xF];
+  }
+  return text;
+}
+
+const char* argument_type_name(int32_t type) {
+  static constexpr const char* NAMES[] = {"int", "long", "long_long", "double", "reserved", "string", "pointer"};
+  const auto number = static_cast<uint32_t>(type);
+  return number < std::size(NAMES) ? NAMES[number] : "unknown";
+}
+
+static argument_t take_argument(const cu_error_arg_t& argument) {
+  const auto& value = argument.cu_arg_value;
+  argument_t taken = {argument_type_name(argument.cu_arg_type), "", true};
+  switch (argument.cu_arg_type) {
+    case CU_ERROR_ARG_INT:
+    case CU_ERROR_ARG_LONG:
+      taken.value = digits_of(value.cu_arg_int);
+      return taken;
+    case CU_ERROR_ARG_LONG_LONG:
+      taken.value = digits_of(value.cu_arg_long_long);
+      return taken;
+    case CU_ERROR_ARG_DOUBLE:
+      taken.value = digits_of_double(value.cu_arg_double);
+      taken.is_number = std::isfinite(value.cu_arg_double);
+      return taken;
+    case CU_ERROR_ARG_CHAR_STR:
+      taken.value = value.cu_arg_char_str;
+      break;
+    case CU_ERROR_ARG_VOID_PTR:
+      taken.value = "0x" + digits_of(reinterpret_cast<uintptr_t>(value.cu_arg_void_ptr), 16);
+      break;
+    default: {
+      std::array<unsigned char, ZK_REC_ARG_SIZE> bytes;
+      std::memcpy(bytes.data(), &value, bytes.size());
+      taken.value = hexadecimal(bytes);
+    }
+  }
+  taken.is_number = false;
+  return taken;
+}
+
+/* ---- Records ------------------------------------------------------------------------------------------------------- */
+
+int take_incident(const zk_trace_t& trace, const void* record, incident_t* incident) {
+  zk_record_t taken;
+  int result = zk_open_record(trace, record, &taken);
+  if (result == ZELK_SUCCESS) result = zk_decode_record(trace, &taken);
+  if (result != ZELK_SUCCESS) return result;
+
+  incident->id = taken.eid;
+  incident->cause = taken.related_eid;
+  incident->time = taken.time;
+  decode_id(incident);
+  incident->process = taken.process_name;
+  incident->process_id = taken.process_id;
+  incident->parent_id = taken.parent_id;
+  incident->thread_id = taken.thread_id;
+  incident->file = taken.detecting_file;
+  incident->file_version = taken.file_version;
+  incident->product = taken.product;
+  incident->line = taken.line;
+  zk_description_t* const description = &taken.description;
+  incident->catalog = description->catalog;
+  incident->message_set = description->set;
+  incident->message_number = description->number;
+  incident->default_message = description->default_text;
+  incident->arguments.clear();
+  for (const cu_error_arg_t& argument :
+       std::span(description->arguments, static_cast<size_t>(description->argument_count)))
+    incident->arguments.push_back(take_argument(argument));
+  char* const text = zk_describe(*description);
+  incident->description = text != nullptr ? text : "";
+  free(text);
+  zk_release_description(description);
+  incident->details = taken.details;
+  return ZELK_SUCCESS;
+}

@@ -1,0 +1,57 @@
+/* incident.h - an incident as the formats of zkexport take it, from a record or from a line of JSON. */
+#ifndef INCIDENT_H
+#define INCIDENT_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "zk_trace.h"
+
+/* An argument of the description, its value as a text. */
+struct argument_t {
+  std::string type; /* int, long, long_long, double, reserved, string, pointer, unknown */
+  std::string value;
+  bool is_number; /* the value is a number as JSON has them */
+};
+
+/* Texts hold the bytes that were recorded. */
+struct incident_t {
+  std::string stack; /* as the stack was named */
+  int64_t offset;    /* of the record in it */
+  std::string id;    /* Error ID, at most 42 characters, empty for none */
+  std::string cause; /* the same of the incident that caused this one */
+  int64_t time;      /* seconds since the Epoch */
+  int64_t id_time;   /* microseconds since the Epoch, and */
+  std::string node;  /* address of the node: from the Error ID, empty when it cannot be decoded */
+  std::string process;
+  int32_t process_id, parent_id, thread_id;
+  std::string file, file_version, product;
+  int32_t line;
+  std::string catalog;
+  int32_t message_set, message_number;
+  std::string default_message;
+  std::vector<argument_t> arguments;
+  std::string description; /* filled in */
+  std::string details;
+};
+
+/* Names a kind of argument, CU_ERROR_ARG_... or any other number. */
+const char* argument_type_name(int32_t type);
+
+/* Takes the fields of a record, all but `stack` and `offset`.
+ * Returns 0; ZELK_INV_RECLEN; ZELK_INV_RECVERSN; ZELK_REC_CORRUPT. */
+int take_incident(const zk_trace_t& trace, const void* record, incident_t* incident);
+
+/* A number as JSON has it, and recognisable as one with a point. */
+std::string digits_of_double(double number);
+
+/* Times as RFC 3339 has them, in UTC: of seconds, and of microseconds, since the Epoch. */
+std::string utc_time(int64_t seconds);
+std::string utc_time_of_microseconds(int64_t microseconds);
+
+/* Seconds and microseconds of such a time, which has to be written exactly so; false for anything else. */
+bool parse_utc_time(std::string_view text, int64_t* microseconds);
+
+#endif

@@ -1,0 +1,140 @@
+/* stacks.cpp - finds stacks, and walks them without printing. */
+#include "stacks.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "zk_stack_file.h"
+#include "zkopen.h"
+#include "zkrecord.h"
+#include "zkstatus.h"
+
+/* ---- Failures ------------------------------------------------------------------------------------------------------ */
+
+struct trouble_row_t {
+  int code;
+  int status;
+  const char* reason;
+};
+static constexpr trouble_row_t TROUBLES[] = {{ZELK_SUCCESS, EXIT_REPORTED, ""},
+                                             {ZELK_LOCK, EXIT_NOT_LOCKED, "it cannot be locked"},
+                                             {ZELK_FILE_CORRUPT, EXIT_CORRUPT, "it is damaged"},
+                                             {ZELK_NO_MEMORY, EXIT_NO_MEMORY, "memory is exhausted"},
+                                             {ZELK_FILE_MISSING, EXIT_NO_STACK, "there is no such stack"},
+                                             {ZELK_NO_ACCESS, EXIT_NO_STACK, "access is refused"},
+                                             {ZELK_UNSUPPORTED, EXIT_LATER_VERSION, "it was made by a later version"},
+                                             {ZELK_INV_FID, EXIT_BAD_EID, "it is not an Error ID of an Error Stack"},
+                                             {ZELK_INV_STACKNAME, EXIT_BAD_EID, "it gives no stack name"},
+                                             {ZELK_REMOTE_FID, EXIT_REMOTE, "it was made on another node"},
+                                             {ZELK_TOO_MANY, EXIT_UNEXPECTED, "too many files are open"},
+                                             {ZELK_DIR_MISSING, EXIT_UNEXPECTED, "the directory is missing"},
+                                             {ZELK_DIR_NO_ACCESS, EXIT_UNEXPECTED, "the directory may not be read"}};
+static constexpr trouble_row_t UNEXPECTED = {ZELK_FAILURE, EXIT_UNEXPECTED, "it cannot be read"};
+
+static const trouble_row_t& row_of(int code) {
+  for (const trouble_row_t& row : TROUBLES)
+    if (row.code == code) return row;
+  return UNEXPECTED;
+}
+
+trouble_t trouble_of(int code) {
+  return {code, -1, row_of(code).reason};
+}
+
+int status_of(int code) {
+  return row_of(code).status;
+}
+
+/* ---- Finding ------------------------------------------------------------------------------------------------------- */
+
+int list_stacks(std::vector<std::string>* names) {
+  static constexpr zk_errno_result OPENDIR_RESULTS[] = {
+      {EACCES, ZELK_DIR_NO_ACCESS}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
+  names->clear();
+  DIR* const directory = opendir(ZELK_STACK_DIR);
+  if (directory == nullptr) return zk_result_of_errno(errno, OPENDIR_RESULTS);
+  while (const dirent* entry = readdir(directory)) {
+    const std::string name = entry->d_name;
+    struct stat status;
+    const bool is_file = fstatat(dirfd(directory), entry->d_name, &status, 0) == 0 && S_ISREG(status.st_mode);
+    if (is_file && !name.starts_with(ZK_STACK_IN_MAKING)) names->push_back(name);
+  }
+  closedir(directory);
+  std::sort(names->begin(), names->end());
+  return ZELK_SUCCESS;
+}
+
+int select_record(const zk_trace_t& trace, const void* record, const std::string& id, bool* is_wanted) {
+  zk_record_t opened;
+  const int result = zk_open_record(trace, record, &opened);
+  *is_wanted = result == ZELK_SUCCESS && (id.empty() || id == opened.eid);
+  return result;
+}
+
+int find_stack(const zk_trace_t& trace, const std::string& id, std::string* name) {
+  zk_candidates_t candidates = {};
+  const int result = zk_find_candidates(trace, id.c_str(), &candidates);
+  if (result != ZELK_SUCCESS) return result;
+  auto slot = [&](int index) { return candidates.data() + ptrdiff_t{index} * ZELK_FILE_SLOT_SIZE; };
+  *name = slot(0);
+  if (*slot(1) == '\0') return ZELK_SUCCESS; /* the only one is taken unsearched */
+
+  for (int index = 0; index < ZK_CANDIDATES_MAX && *slot(index) != '\0'; ++index) {
+    bool is_found = false;
+    *name = slot(index);
+    const trouble_t trouble = read_stack(trace, *name, [&](const zk_walk_t& walk) {
+      bool is_wanted = false;
+      const int opened = select_record(trace, walk.record.data(), id, &is_wanted);
+      is_found = is_found || is_wanted;
+      return opened;
+    });
+    if (is_found) return ZELK_SUCCESS;
+    if (trouble.code == ZELK_FILE_CORRUPT || trouble.code == ZELK_LOCK) return ZELK_FAILURE;
+    if (trouble.code != ZELK_SUCCESS) return trouble.code;
+  }
+  return ZELK_FILE_MISSING;
+}
+
+/* ---- Reading ------------------------------------------------------------------------------------------------------- */
+
+/* Damage of the record that the walk is at, by the result of its visitor. */
+static trouble_t damaged_record(const zk_walk_t& walk, int result) {
+  const char* const reason = result == ZELK_INV_RECVERSN ? "the record's version is not supported"
+                                                         : "a text or an argument of the record is damaged";
+  return {ZELK_FILE_CORRUPT, walk.record_position, reason};
+}
+
+trouble_t walk_stack(const zk_trace_t& trace, int fildes, const visitor_t& visit) {
+  zk_walk_t walk;
+  trouble_t trouble;
+  const int begun = zk_walk_begin(&walk, trace, fildes);
+  if (begun == ZELK_LOCK) return trouble_of(begun);
+  while (begun == ZELK_SUCCESS && zk_walk_next(&walk) == ZELK_SUCCESS) {
+    const int result = visit(walk);
+    if (result != ZELK_SUCCESS) trouble = damaged_record(walk, result);
+    if (result != ZELK_SUCCESS || zk_walk_at_write_pos(walk)) break;
+  }
+  zk_walk_end(walk);
+  if (walk.damage.reason != nullptr) trouble = {ZELK_FILE_CORRUPT, walk.damage.position, walk.damage.reason};
+  return trouble;
+}
+
+int take_incident_at(const zk_walk_t& walk, const std::string& name, incident_t* incident) {
+  incident->stack = name;
+  incident->offset = walk.record_position;
+  return take_incident(walk.trace, walk.record.data(), incident);
+}
+
+trouble_t read_stack(const zk_trace_t& trace, const std::string& name, const visitor_t& visit) {
+  int fildes = -1;
+  const int result = zk_open_stack_by_name(trace.active, trace.file, &fildes, name.c_str());
+  if (result != ZELK_SUCCESS) return trouble_of(result);
+  trouble_t trouble = walk_stack(trace, fildes, visit);
+  close(fildes);
+  return trouble;
+}

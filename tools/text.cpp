@@ -1,0 +1,102 @@
+/* text.cpp - checks and repairs recorded texts. */
+#include "text.h"
+
+#include <cstdint>
+
+/* ---- UTF-8 --------------------------------------------------------------------------------------------------------- */
+
+/* First bytes of characters of several bytes, with what may follow them at once; the bytes behind that are 80 to BF. */
+struct sequence_t {
+  uint8_t first, last; /* first byte of the character */
+  uint8_t second, second_last;
+  uint8_t size;
+  uint8_t bits; /* of the first byte that are part of the code */
+};
+static constexpr sequence_t SEQUENCES[] = {{0xC2, 0xDF, 0x80, 0xBF, 2, 0x1F}, {0xE0, 0xE0, 0xA0, 0xBF, 3, 0x0F},
+                                           {0xE1, 0xEC, 0x80, 0xBF, 3, 0x0F}, {0xED, 0xED, 0x80, 0x9F, 3, 0x0F},
+                                           {0xEE, 0xEF, 0x80, 0xBF, 3, 0x0F}, {0xF0, 0xF0, 0x90, 0xBF, 4, 0x07},
+                                           {0xF1, 0xF3, 0x80, 0xBF, 4, 0x07}, {0xF4, 0xF4, 0x80, 0x8F, 4, 0x07}};
+
+character_t character_at(std::string_view text, size_t position) {
+  auto byte = [&](size_t index) { return static_cast<uint8_t>(text[position + index]); };
+  const size_t left = text.size() - position;
+  if (left == 0) return {0, 0, true};
+  if (byte(0) < 0x80) return {1, byte(0), true};
+
+  for (const sequence_t& sequence : SEQUENCES) {
+    if (byte(0) < sequence.first || byte(0) > sequence.last) continue;
+    char32_t code = byte(0) & sequence.bits;
+    size_t size = 1;
+    for (; size < sequence.size && size < left; ++size) {
+      const uint8_t low = size == 1 ? sequence.second : 0x80;
+      const uint8_t high = size == 1 ? sequence.second_last : 0xBF;
+      if (byte(size) < low || byte(size) > high) break;
+      code = code << 6 | (byte(size) & 0x3FU);
+    }
+    if (size == sequence.size) return {size, code, true};
+    return {size, 0xFFFD, false};
+  }
+  return {1, 0xFFFD, false};
+}
+
+bool is_utf8(std::string_view text) {
+  for (size_t at = 0; at < text.size();) {
+    if (static_cast<uint8_t>(text[at]) < 0x80) {
+      ++at;
+      continue;
+    }
+    const character_t character = character_at(text, at);
+    if (!character.is_well_formed) return false;
+    at += character.size;
+  }
+  return true;
+}
+
+/* The text with `substitute` for the characters that `is_bad` says. */
+template <typename Check>
+static std::string without(std::string_view text, std::string_view substitute, Check is_bad) {
+  std::string made;
+  made.reserve(text.size());
+  for (size_t at = 0; at < text.size();) {
+    const character_t character = character_at(text, at);
+    if (is_bad(character))
+      made += substitute;
+    else
+      made += text.substr(at, character.size);
+    at += character.size;
+  }
+  return made;
+}
+
+std::string repaired(std::string_view text) {
+  return without(text, REPLACEMENT, [](const character_t& character) { return !character.is_well_formed; });
+}
+
+static bool is_control(const character_t& character) {
+  return character.code < 0x20 || (character.code >= 0x7F && character.code < 0xA0);
+}
+
+std::string readable(std::string_view text) {
+  return without(text, REPLACEMENT, [](const character_t& character) {
+    const bool is_layout = character.code == '\n' || character.code == '\t';
+    const bool is_noncharacter =
+        (character.code & 0xFFFE) == 0xFFFE || (character.code >= 0xFDD0 && character.code <= 0xFDEF);
+    return !character.is_well_formed || is_noncharacter || (is_control(character) && !is_layout);
+  });
+}
+
+/* ---- Bytes --------------------------------------------------------------------------------------------------------- */
+
+std::string base64(std::string_view bytes) {
+  static constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (size_t at = 0; at < bytes.size(); at += 3) {
+    const std::string_view group = bytes.substr(at, 3);
+    uint32_t bits = 0;
+    for (size_t index = 0; index < 3; ++index)
+      bits = bits << 8 | (index < group.size() ? static_cast<uint8_t>(group[index]) : 0U);
+    for (size_t digit = 0; digit < 4; ++digit) /* one digit more than there are bytes; the rest is padding */
+      text += digit <= group.size() ? DIGITS[bits >> (18 - 6 * digit) & 0x3F] : '=';
+  }
+  return text;
+}

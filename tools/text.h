@@ -1,0 +1,31 @@
+/* text.h - recorded texts for formats that are UTF-8, whatever was recorded. */
+#ifndef TEXT_H
+#define TEXT_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+inline constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD"; /* U+FFFD */
+
+/* A character of a text, or the longest run of bytes that could have begun one. */
+struct character_t {
+  size_t size;   /* in bytes, 0 at the end of the text */
+  char32_t code; /* U+FFFD where it is ill-formed */
+  bool is_well_formed;
+};
+
+/* The character at `position` of a text. */
+character_t character_at(std::string_view text, size_t position);
+
+bool is_utf8(std::string_view text);
+
+/* The text with U+FFFD for each maximal ill-formed part. */
+std::string repaired(std::string_view text);
+
+/* The same, also for control characters, and for what XML has no place for; newline and tab stay. */
+std::string readable(std::string_view text);
+
+std::string base64(std::string_view bytes);
+
+#endif

@@ -1,0 +1,128 @@
+/* zkexport.cpp - the command that gives incidents to scripts, pages and pipelines: its options, and what all its formats
+ * need. */
+#include <unistd.h>
+
+#include "export.h"
+#include "stacks.h"
+#include "tool.h"
+#include "zkstatus.h"
+
+static constexpr char NAME[] = "zkexport";
+
+/* ---- Output -------------------------------------------------------------------------------------------------------- */
+
+void complain(std::string_view what, std::string_view reason) {
+  tool_fail(NAME, std::string(what), std::string(reason));
+}
+
+bool write_out(std::string_view text) {
+  if (zk_write_all(STDOUT_FILENO, text.data(), text.size())) return true;
+  complain("standard output", std::strerror(errno));
+  return false;
+}
+
+/* ---- Stacks -------------------------------------------------------------------------------------------------------- */
+
+int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, std::vector<std::string>* names) {
+  *names = request.stacks;
+  if (request.is_every) {
+    const int result = list_stacks(names);
+    if (result == ZELK_SUCCESS) return TOOL_DONE;
+    complain(ZELK_STACK_DIR, trouble_of(result).reason);
+    return EXIT_NO_STACK;
+  }
+  if (!request.id.empty()) {
+    const int result = find_stack(trace, request.id, &names->emplace_back());
+    if (result == ZELK_SUCCESS) return TOOL_DONE;
+    complain(request.id, trouble_of(result).reason);
+    return status_of(result);
+  }
+  return TOOL_DONE;
+}
+
+/* ---- The command line ---------------------------------------------------------------------------------------------- */
+
+static void add_options(CLI::App* app, export_request_t* request) {
+  static auto not_empty = [](const std::string& text) { return std::string(text.empty() ? "it is empty" : ""); };
+  app->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  app->add_option("STACK", request->stacks, "Error Stacks, relative to " ZELK_STACK_DIR)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->type_name("")
+      ->check(not_empty);
+  app->add_option("-o,--format", request->format, "json (lines of JSON, unless given), dot or html")
+      ->type_name("FORMAT")
+      ->check(CLI::IsMember({"json", "dot", "html"}));
+  app->add_option("-i,--id", request->id, "Only the incident of this Error ID")->type_name("ID")->check(not_empty);
+  app->add_flag("-e,--every", request->is_every, "All stacks of " ZELK_STACK_DIR)->disable_flag_override();
+  app->add_flag("--input", request->is_input, "Incidents from standard input, as json gives them")
+      ->disable_flag_override();
+  app->add_flag("-f,--follow", request->is_follow, "Go on with new incidents as they are recorded")
+      ->disable_flag_override();
+  app->add_option("-c,--cursor-file", request->cursor_file, "Begin behind what FILE says was given out, and keep it up")
+      ->type_name("FILE")
+      ->check(not_empty);
+}
+
+/* What does not go together, an empty text when all does. */
+static std::string combination_problem(const export_request_t& request) {
+  const int sources =
+      (request.stacks.empty() ? 0 : 1) + (request.id.empty() ? 0 : 1) + int{request.is_every} + int{request.is_input};
+  const bool is_json = request.format == "json";
+  const struct {
+    bool is_broken;
+    const char* problem;
+  } rules[] = {{sources == 0, "a stack, --id, --every or --input is needed"},
+               {sources > 1, "only one of a stack, --id, --every and --input can be given"},
+               {request.is_input && is_json, "--input needs --format=dot or --format=html"},
+               {request.is_follow && !is_json, "--follow gives json only"},
+               {!request.cursor_file.empty() && !is_json, "--cursor-file is for json only"},
+               {request.is_follow && !request.id.empty(), "--follow and --id exclude each other"},
+               {!request.cursor_file.empty() && !request.id.empty(), "--cursor-file and --id exclude each other"}};
+  for (const auto& rule : rules)
+    if (rule.is_broken) return rule.problem;
+  return "";
+}
+
+/* CLI11 takes "[a,b]" for a list of two. This hides the bracket from it, and shows it again. */
+static constexpr char NO_LIST = '\1';
+static std::vector<std::string> with_hidden_brackets(int argc, char** argv) {
+  std::vector<std::string> arguments(argv, argv + argc);
+  for (std::string& argument : arguments)
+    if (argument.starts_with('[')) argument.insert(argument.begin(), NO_LIST);
+  return arguments;
+}
+static void show_brackets(std::string* text) {
+  if (text->starts_with(NO_LIST)) text->erase(0, 1);
+}
+
+/* Takes the command line. Returns the exit status where that ends the run. */
+static std::optional<int> take_command_line(int argc, char** argv, export_request_t* request) {
+  CLI::App app("Gives the incidents of Error Stacks to scripts, pages and pipelines.", NAME);
+  request->format = "json";
+  add_options(&app, request);
+  std::vector<std::string> arguments = with_hidden_brackets(argc, argv);
+  std::vector<char*> pointers;
+  pointers.reserve(arguments.size());
+  for (std::string& argument : arguments) pointers.push_back(argument.data());
+  if (std::optional<int> status = tool_parse(&app, argc, pointers.data())) return status;
+
+  for (std::string& name : request->stacks) show_brackets(&name);
+  show_brackets(&request->id);
+  show_brackets(&request->cursor_file);
+  request->id = request->id.substr(0, ZELK_EID_LENGTH); /* as zkview takes it */
+  const std::string problem = combination_problem(*request);
+  if (!problem.empty()) return tool_misuse(NAME, problem);
+  return {};
+}
+
+int main(int argc, char** argv) {
+  const tool_trace_t trace = tool_start();
+  export_request_t request = {};
+  if (std::optional<int> status = take_command_line(argc, argv, &request)) return *status;
+  const zk_trace_t own_trace = {trace.active, trace.file.data(), "main(zkexport)"};
+  zk_trace(own_trace, "Input:\nFormat %s\nStacks given %d\nZELK ID %s\nEvery stack %d\nFollow %d\nCursor file %s",
+           request.format.c_str(), static_cast<int>(request.stacks.size()), request.id.c_str(), int{request.is_every},
+           int{request.is_follow}, request.cursor_file.c_str());
+  if (request.format != "json") return export_page(own_trace, request);
+  return request.is_follow ? follow_json(own_trace, request) : export_json(own_trace, request);
+}
