@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export_dot.cpp - draws a chain of causes as a Graphviz digraph. */
 #include <map>
 
