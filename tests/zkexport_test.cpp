@@ -217,7 +217,7 @@ TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
 
 TEST(zkexport, refuses_what_does_not_go_together) {
   for (const char* misuse : {"", "--format=xml s", "--every s", "--follow --format=dot s", "--input", "--id=x --follow",
-                             "--cursor-file=c --format=html s", "--unknown s"}) {
+                             "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s"}) {
     const outcome refused = zkexport(words(misuse));
     EXPECT_EQ(refused.status, 2) << misuse;
     EXPECT_NE(refused.err.find("\nTry 'zkexport --help'\n"), std::string::npos) << refused;
@@ -227,6 +227,8 @@ TEST(zkexport, refuses_what_does_not_go_together) {
 TEST(zkexport, fails_when_it_cannot_write_and_ends_with_the_pipe) {
   const std::string file = stack().add("one").file();
   EXPECT_EQ(script("$zkexport " + file + " >/dev/full || echo $?"),
+            "1\nzkexport: standard output: No space left on device\n");
+  EXPECT_EQ(script("$zkexport --version >/dev/full || echo $?"),
             "1\nzkexport: standard output: No space left on device\n");
   EXPECT_EQ(script("{ timeout 10 $zkexport --follow " + file + "; echo $? >&2; } | head -n 1 | jq -r .description"),
             "one\n141\n");
