@@ -17,15 +17,9 @@ static constexpr size_t INPUT_MAX_SIZE = 256 * 1024 * 1024;
 static int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* chain) {
   std::vector<std::string> names;
   int status = stacks_to_export(trace, request, &names);
-  incident_t incident;
   for (const std::string& name : names) {
-    const trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
-      bool is_wanted = false;
-      int result = select_record(trace, walk.record.data(), request.id, &is_wanted);
-      if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
-      if (result == ZELK_SUCCESS && is_wanted) chain->incidents.push_back(incident);
-      return result;
-    });
+    const trouble_t trouble =
+        read_incidents(trace, request, name, [&](const incident_t& incident) { chain->incidents.push_back(incident); });
     if (trouble.code == ZELK_SUCCESS) continue;
     chain->notes.push_back(trouble_note(name, trouble));
     complain(name, chain->notes.back().substr(name.size() + 2));

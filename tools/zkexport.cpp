@@ -40,6 +40,24 @@ int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, s
   return TOOL_DONE;
 }
 
+trouble_t read_incidents(const zk_trace_t& trace, const export_request_t& request, const std::string& name,
+                         const std::function<void(const incident_t&)>& take) {
+  incident_t incident;
+  bool is_any_taken = false;
+  const trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
+    bool is_wanted = false;
+    int result = select_record(trace, walk.record.data(), request.id, &is_wanted);
+    if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
+    if (result != ZELK_SUCCESS || !is_wanted) return result;
+    is_any_taken = true;
+    take(incident);
+    return result;
+  });
+  if (trouble.code == ZELK_SUCCESS && !request.id.empty() && !is_any_taken)
+    complain(request.id, "its stack no longer holds it"); /* no failure to zkview either */
+  return trouble;
+}
+
 /* ---- The command line ---------------------------------------------------------------------------------------------- */
 
 static void add_options(CLI::App* app, export_request_t* request) {
