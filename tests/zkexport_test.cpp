@@ -97,6 +97,8 @@ TEST(json, tells_where_a_stack_is_damaged_and_goes_on_with_the_next) {
   EXPECT_EQ(all.err, "zkexport: " + stacks[3] + ": there is no such stack\n");
   EXPECT_EQ(all.status, 24);
   EXPECT_EQ(zkexport({stacks[3]}).status, 20);
+  EXPECT_EQ(zkexport({"/tmp"}).status, 99); /* and yet damage is worse */
+  EXPECT_EQ(zkexport({"/tmp", stacks[2], stacks[3]}).status, 24);
   EXPECT_EQ(script("jq -c '.description // [.error[]]' " + new_file(all.out)),
             "\"one\"\n"
             "[-26,\"ZELK_FILE_CORRUPT\",181,\"the record's length is out of range\"]\n"
@@ -115,6 +117,8 @@ TEST(node, exports_every_stack_by_name_and_the_incident_of_an_id) {
             "a first of a\na more\nb first of b\nb more\n");
   const std::string id = taken.substr(0, 42);
   EXPECT_EQ(script("$zkexport --id=" + id + " | jq -r '.stack, .id'"), "b\n" + id + "\n");
+  const std::string gone = std::string(id).replace(7, 6, "zzzzzz"); /* zkview would show the stack */
+  EXPECT_EQ(zkexport({"--id", gone}), (outcome{"", "zkexport: " + gone + ": its stack no longer holds it\n", 0}));
   for (const std::string& bad : {id.substr(1), "." + id.substr(1), std::string(id).replace(17, 6, "o/////"),
                                  std::string(id).replace(1, 6, "zzzzzz")})
     EXPECT_EQ(zkexport({"--id", bad}).status, zkview({"-f", bad}).status) << bad;

@@ -1,8 +1,6 @@
 /* export_json.cpp - gives out what stacks hold as lines of JSON. */
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "cursor.h"
 #include "export.h"
 #include "json.h"
@@ -57,7 +55,7 @@ int export_json(const zk_trace_t& trace, const export_request_t& request) {
     if (trouble.code != ZELK_SUCCESS) {
       write_json_trouble(name, trouble, &lines);
       if (trouble.offset < 0) complain(name, trouble.reason);
-      status = std::max(status, status_of(trouble.code));
+      status = worst_status(status, status_of(trouble.code));
     }
     if (!is_written || !write_out(lines)) return TOOL_FAILED;
     lines.clear();

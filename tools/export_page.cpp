@@ -1,8 +1,6 @@
 /* export_page.cpp - gathers incidents, from stacks or from standard input, and gives them out as one file. */
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "chain.h"
 #include "export.h"
 #include "json.h"
@@ -23,7 +21,7 @@ static int gather(const zk_trace_t& trace, const export_request_t& request, chai
     if (trouble.code == ZELK_SUCCESS) continue;
     chain->notes.push_back(trouble_note(name, trouble));
     complain(name, chain->notes.back().substr(name.size() + 2));
-    status = std::max(status, status_of(trouble.code));
+    status = worst_status(status, status_of(trouble.code));
   }
   return status;
 }
