@@ -146,6 +146,13 @@ TEST(follow, tells_damage_once_and_sleeps_while_nothing_happens) {
             "asleep\n2\nended 0\n");
 }
 
+TEST(follow, ends_while_a_long_line_waits_for_its_reader) {
+  EXPECT_EQ(script("s=$folder/s; details=$(printf '%0840d' 0 | tr 0 '\\001'); mkfifo pipe; sleep 60 <pipe & reader=$!;"
+                   "for n in $(seq 16); do $zkrecord -qC -d \"$details\" $s $n; done; $zkexport --follow $s >pipe &"
+                   "sleep 0.5; kill $!; sleep 0.2; kill $reader; wait $!; echo $?"),
+            "0\n");
+}
+
 TEST(cursor, goes_on_where_the_last_run_ended) {
   EXPECT_EQ(script("s=$folder/s; news() { $zkexport --cursor-file=cursor $s | jq -r '.description // .gap'; };"
                    "$zkrecord -q -C=8192 $s one; news; $zkrecord -q $s two; news; news;"

@@ -1,7 +1,8 @@
 /* export_follow.cpp - gives out incidents as they are recorded. The file system says when there is something to read.
  *
  * The signals that end the run are blocked but while it waits: for the lock of a stack, for something to happen, for the
- * reader of its output. Whatever has been given out is in the cursor then, and no line is half written. */
+ * reader of its output. What the cursor says has been written then; only where a reader takes no more may a line be half
+ * written. */
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <filesystem>
 #include <set>
@@ -86,10 +88,11 @@ static bool lose_reader() {
   return false;
 }
 
-/* Writes each of the lines by itself, when their reader has room for them. */
+/* Writes each of the lines by itself, when their reader has room for them. A pipe that is ready has room for PIPE_BUF
+ * bytes: more would have to wait where no signal is let through. */
 static bool write_lines(std::string_view lines) {
   while (!lines.empty()) {
-    const size_t size = lines.find('\n') + 1;
+    const size_t size = std::min(lines.find('\n') + 1, size_t{PIPE_BUF});
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
     wait_for(&output, 1, UNTIL_SOMETHING_HAPPENS);
     if (!write_out(lines.substr(0, size))) return false;
