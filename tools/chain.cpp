@@ -8,8 +8,7 @@
 #include <unordered_map>
 
 #include "text.h"
-
-static constexpr int64_t SECOND = 1000000; /* microseconds */
+#include "utc_time.h"
 
 int64_t exact_time(const incident_t& incident) {
   return incident.node.empty() ? incident.time * SECOND : incident.id_time;
