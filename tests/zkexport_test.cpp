@@ -226,6 +226,16 @@ TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
             "zkexport: line 5: it is no incident as json gives them\n");
 }
 
+TEST(input, puts_incidents_of_several_nodes_in_order_of_time) {
+  const std::string late = std::string(ID).replace(7, 1, "X"), /* the next second */
+      elsewhere = std::string(ID).replace(17, 25, "02.e.1...................");
+  const std::string here = stack().add({.id = late, .description = "late"}).file();
+  const std::string there = stack().add({.id = elsewhere, .description = "early"}).file();
+  EXPECT_EQ(script("$zkexport " + here + " " + there +
+                   " | jq -c '.stack = \"same\"' | $zkexport --input --format=dot | grep -o 'early\\|late'"),
+            "early\nlate\n");
+}
+
 TEST(zkexport, refuses_what_does_not_go_together) {
   for (const char* misuse : {"", "--format=xml s", "--every s", "--follow --format=dot s", "--input", "--id=x --follow",
                              "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s"}) {
