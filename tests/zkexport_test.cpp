@@ -131,7 +131,7 @@ static const std::string FOLLOW =
     "shown() { jq -r '.description // (.gap // .error | tostring)' out | tr '\\n' ' '; }; touch out; ";
 
 TEST(follow, gives_what_is_recorded_in_a_stack_that_appears_later_and_is_replaced) {
-  EXPECT_EQ(script(FOLLOW + "s=$folder/sub/s; follow $s; sleep 0.3; mkdir sub;"
+  EXPECT_EQ(script(FOLLOW + "s=$folder/sub/s; ln -s $s link; follow $folder/link; sleep 0.3; mkdir sub;"
                             "$zkrecord -q -C $s one; $zkrecord -q $s two; lines 2;"
                             "$zkrecord -q -C $s.new three; $zkrecord -q $s late; mv $s.new $s; lines 4;"
                             "$zkrecord -q $s four; lines 5; shown; end TERM"),

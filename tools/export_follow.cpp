@@ -246,13 +246,25 @@ static void watch_folder(int inotify, const std::filesystem::path& folder, std::
   }
 }
 
+/* Adds the folders in which the file of a stack may appear: that of its path and, where that is a link, of what it leads
+ * to. */
+static void add_folders(std::filesystem::path path, std::set<std::string>* folders) {
+  constexpr int LINKS_MAX = 40; /* more are not followed by Linux either */
+  for (int links = 0; links <= LINKS_MAX; ++links) {
+    folders->insert(path.parent_path().string());
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::read_symlink(path, error);
+    if (error) return;
+    path = path.parent_path() / target;
+  }
+}
+
 /* Watches the folders in which stacks are or may appear, and no others. */
 static void watch_folders(follower_t* follower) {
   std::set<std::string> wanted;
   std::set<int> watches;
   if (follower->request->is_every) wanted.insert(ZELK_STACK_DIR);
-  for (const followed_t& stack : follower->stacks)
-    wanted.insert(std::filesystem::path(stack.path).parent_path().string());
+  for (const followed_t& stack : follower->stacks) add_folders(stack.path, &wanted);
   for (const std::string& folder : wanted) watch_folder(follower->inotify, folder, &watches);
   for (int watch : follower->folders)
     if (!watches.contains(watch)) inotify_rm_watch(follower->inotify, watch);
