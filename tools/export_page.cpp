@@ -38,9 +38,12 @@ static bool take_line(const std::string& line, chain_t* chain) {
   return true;
 }
 
-static int fail_at(size_t number, const char* reason) {
-  complain("line " + std::to_string(number), reason);
+static int fail(const std::string& what, const char* reason) {
+  complain(what, reason);
   return TOOL_FAILED;
+}
+static int fail_at(size_t line, const char* reason) {
+  return fail("line " + std::to_string(line), reason);
 }
 
 /* Gathers the incidents of standard input. Returns the exit status. */
@@ -50,7 +53,7 @@ static int gather_input(chain_t* chain) {
   size_t number = 1, total = 0;
   for (;;) {
     const size_t size = zk_read_on(STDIN_FILENO, block.data(), block.size());
-    if (errno != 0) return fail_at(number, std::strerror(errno));
+    if (errno != 0) return fail("standard input", std::strerror(errno));
     std::string_view rest(block.data(), size);
     for (size_t end; (end = rest.find('\n')) != rest.npos; ++number) {
       line += rest.substr(0, end);
