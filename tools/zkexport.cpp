@@ -44,7 +44,7 @@ trouble_t read_incidents(const zk_trace_t& trace, const export_request_t& reques
                          const std::function<void(const incident_t&)>& take) {
   incident_t incident;
   bool is_any_taken = false;
-  const trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
+  trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
     bool is_wanted = false;
     int result = select_record(trace, walk.record.data(), request.id, &is_wanted);
     if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
