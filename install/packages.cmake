@@ -57,6 +57,7 @@ Error ID says, and zkexport gives incidents as lines of JSON, as a graph and
 as a page.")
 set(scripts ${CMAKE_CURRENT_SOURCE_DIR}/debian)
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_DEPENDS passwd)
+set(CPACK_DEBIAN_ZKVIEW_PACKAGE_SUGGESTS "graphviz, jq")
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/postrm)
 set(CPACK_RPM_ZKVIEW_POST_INSTALL_SCRIPT_FILE ${scripts}/postinst)
 
