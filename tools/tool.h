@@ -91,14 +91,15 @@ inline void tool_translate_help(CLI::App* app) {
 /* What CLI11 says of a command line, in the user's language where it is one of the usual mistakes. */
 inline std::string tool_problem(const CLI::ParseError& error) {
   static constexpr struct {
-    const char* error;
+    CLI::ExitCodes error;
     tool_message_t message;
-  } USUAL[] = {{"ExtrasError", TOOL_MSG_UNEXPECTED_ARGUMENT},
-               {"ExtrasError", TOOL_MSG_UNEXPECTED_ARGUMENTS},
-               {"RequiredError", TOOL_MSG_IS_REQUIRED},
-               {"ArgumentMismatch", TOOL_MSG_VALUE_MISSING}};
+  } USUAL[] = {{CLI::ExitCodes::ExtrasError, TOOL_MSG_UNEXPECTED_ARGUMENT},
+               {CLI::ExitCodes::ExtrasError, TOOL_MSG_UNEXPECTED_ARGUMENTS},
+               {CLI::ExitCodes::RequiredError, TOOL_MSG_IS_REQUIRED},
+               {CLI::ExitCodes::ArgumentMismatch, TOOL_MSG_VALUE_MISSING},
+               {CLI::ExitCodes::ArgumentMismatch, TOOL_MSG_VALUE_NOT_TAKEN}};
   for (const auto& row : USUAL) {
-    if (error.get_name() != row.error) continue;
+    if (error.get_exit_code() != static_cast<int>(row.error)) continue;
     if (const auto values = values_in(error.what(), row.message)) return message_text(row.message, *values);
   }
   return error.what();
