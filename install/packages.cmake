@@ -27,11 +27,13 @@ set(CPACK_RPM_PACKAGE_LICENSE MIT)
 set(CPACK_RPM_PACKAGE_RELOCATABLE OFF)
 set(CPACK_RPM_SPEC_MORE_DEFINE "%define _build_id_links none")
 # Folders that belong to other packages.
+foreach(locale ${catalog_locales})
+  list(APPEND locale_folders share/locale/${locale} share/locale/${locale}/LC_MESSAGES)
+endforeach()
 foreach(folder lib/sysusers.d lib/tmpfiles.d lib64/cmake lib64/pkgconfig share/bash-completion
                share/bash-completion/completions share/fish share/fish/vendor_completions.d
-               share/fish/vendor_functions.d share/locale share/locale/C share/locale/C/LC_MESSAGES share/locale/de
-               share/locale/de/LC_MESSAGES share/man share/man/man1 share/man/man3 share/man/man5 share/man/man7
-               share/zsh share/zsh/site-functions)
+               share/fish/vendor_functions.d share/locale ${locale_folders} share/man share/man/man1 share/man/man3
+               share/man/man5 share/man/man7 share/zsh share/zsh/site-functions)
   list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION ${CMAKE_INSTALL_PREFIX}/${folder})
 endforeach()
 

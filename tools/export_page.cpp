@@ -29,7 +29,7 @@ static int gather(const zk_trace_t& trace, const export_request_t& request, chai
     });
     if (trouble.code == ZELK_SUCCESS) continue;
     chain->notes.push_back(trouble_note(name, trouble));
-    complain(name, chain->notes.back().substr(name.size() + 2));
+    complain(name, trouble.offset < 0 ? reason_of(trouble.code) : chain->notes.back().substr(name.size() + 2));
     status = std::max(status, status_of(trouble.code));
   }
   return status;
@@ -47,8 +47,8 @@ static bool take_line(const std::string& line, chain_t* chain) {
   return true;
 }
 
-static int fail_at(size_t number, const char* reason) {
-  complain("line " + std::to_string(number), reason);
+static int fail_at(size_t number, const std::string& reason) {
+  complain(message_text(TOOL_MSG_LINE_NUMBER, {std::to_string(number)}), reason);
   return TOOL_FAILED;
 }
 
@@ -64,16 +64,16 @@ static int gather_input(chain_t* chain) {
     for (size_t end; (end = rest.find('\n')) != rest.npos; ++number) {
       line += rest.substr(0, end);
       rest.remove_prefix(end + 1);
-      if (!take_line(line, chain)) return fail_at(number, "it is no incident as json gives them");
+      if (!take_line(line, chain)) return fail_at(number, message_text(TOOL_MSG_NO_INCIDENT));
       line.clear();
     }
     line += rest;
     total += size;
-    if (line.size() > LINE_MAX_SIZE) return fail_at(number, "it is too long");
-    if (total > INPUT_MAX_SIZE) return fail_at(number, "there are more incidents than can be shown");
+    if (line.size() > LINE_MAX_SIZE) return fail_at(number, message_text(TOOL_MSG_LINE_TOO_LONG));
+    if (total > INPUT_MAX_SIZE) return fail_at(number, message_text(TOOL_MSG_TOO_MANY_INCIDENTS));
     if (size < block.size()) break;
   }
-  if (!line.empty() && !take_line(line, chain)) return fail_at(number, "it is no incident as json gives them");
+  if (!line.empty() && !take_line(line, chain)) return fail_at(number, message_text(TOOL_MSG_NO_INCIDENT));
   return TOOL_DONE;
 }
 
