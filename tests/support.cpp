@@ -139,6 +139,7 @@ outcome shell(const std::string& line, environment variables) {
   }
   variables["PROGRAM"] = program("zkview");
   variables["PATH"] = folder + ":/usr/sbin:/usr/bin:/sbin:/bin";
+  variables["CATALOGS"] = PROGRAM_FOLDER "/../catalogs";
   outcome result = run({"/bin/sh", "-c", "cd " + scratch() + "; " + line}, variables);
   for (const char* name : {"zkview_dynamic", "zkview"}) result.err = replaced(result.err, program(name), "zkview");
   return result;

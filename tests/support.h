@@ -128,7 +128,8 @@ std::ostream& operator<<(std::ostream& stream, const outcome& what);
 using environment = std::map<std::string, std::string>;
 /* Runs a program with nothing in its environment but `variables` and TZ, UTC unless given, and standard input empty. */
 outcome run(const std::vector<std::string>& command, const environment& variables = {});
-/* Runs a line of the shell in scratch(), where `zkview` is the command. FAULT as fault_shim.cpp takes it. */
+/* Runs a line of the shell in scratch(), where `zkview` is the command and CATALOGS the folder of the translations. FAULT
+ * as fault_shim.cpp takes it. */
 outcome shell(const std::string& line, environment variables = {});
 /* Runs the command, once more with tracing, which must make no difference. */
 outcome zkview(std::vector<std::string> arguments, const environment& variables = {});
