@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* Translations: the catalogs made of catalogs/, each held against the English one. */
 #include <filesystem>
-#include <regex>
+#include <sstream>
 
 #include "cu_format.h"
 #include "support.h"
@@ -28,15 +28,21 @@ static std::map<std::pair<int, int>, std::string> texts_of(const fs::path& folde
   catclose(catalog);
   return texts;
 }
-/* What a text says to programs: the number of a message, the line between records, an option of the usage. */
+/* What a text says to programs: the number of a message, the line between records, the options of the usage. */
 static std::vector<std::string> fixed_parts(const std::string& text) {
-  static const std::regex parts("2615-7[0-9][0-9] zkview|-----+|\t -[a-z] \t ");
-  return {std::sregex_token_iterator(text.begin(), text.end(), parts), {}};
+  std::vector<std::string> parts;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("2615-")) parts.push_back(line.substr(0, sizeof "2615-701 zkview" - 1));
+    if (line.starts_with("-----")) parts.push_back(line);
+    if (line.starts_with("\t -")) parts.push_back(line.substr(0, sizeof "\t -a \t " - 1));
+  }
+  return parts;
 }
 
 struct each_catalog : testing::TestWithParam<std::string> {};
 INSTANTIATE_TEST_SUITE_P(translation, each_catalog, testing::ValuesIn(catalogs()),
-                         [](const auto& made) { return std::regex_replace(made.param, std::regex("\\W"), "_"); });
+                         [](const auto& made) { return replaced(replaced(made.param, "-", "_"), ".", "_"); });
 
 TEST_P(each_catalog, has_every_message_with_its_arguments) {
   const auto english = texts_of(BUILD), translated = texts_of(BUILD / "catalogs" / GetParam());
@@ -55,7 +61,9 @@ TEST_P(each_catalog, keeps_the_columns_of_the_brief_report) {
   std::string heading = printed([&] { zk_print_message(stdout, catalog, ZK_MSG_HEADING); });
   if (GetParam().ends_with("UTF-8")) /* to one byte a character */
     std::erase_if(heading, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; });
-  EXPECT_TRUE(std::regex_match(heading, std::regex("\\S.{10} {2}\\S.{14} {2}\\S.*\n"))) << heading;
+  const std::vector<std::string> labels = words(heading);
+  EXPECT_EQ(heading.find(labels.at(1)), 13U) << heading;
+  EXPECT_EQ(heading.find(labels.at(2)), 30U) << heading;
   const std::pair<const char*, std::string> names[] = {{"proc", "proc            "},
                                                        {"a_name_of_21_letters.", "a_name_of_21_let"}};
   for (const auto& [name, shown] : names) {
