@@ -30,8 +30,11 @@ std::string image(T value) {
 inline std::string text(std::string_view characters) {
   return std::string(characters) + '\0';
 }
-/* The words of a text, separated by blanks. */
+/* The words of a text, separated by blanks; its first one, and what follows that. */
 std::vector<std::string> words(const std::string& text);
+std::pair<std::string, std::string> split(const std::string& line);
+/* A text of a golden file, in which a newline stands as "\\n", and any byte as in "\\x9b". */
+std::string unescaped(std::string text);
 std::string replaced(std::string text, const std::string& what, const std::string& by);
 /* A well-formed Error ID for tests that only compare: 42 characters, told apart by `name`. */
 std::string eid(std::string_view name);
@@ -77,14 +80,14 @@ struct incident {
 /* A stack file in the making. Records are appended at write_pos; fields may be changed at will before use. */
 struct stack {
   explicit stack(int32_t size = 8192);
-  stack& add(const incident& what) { return add_raw(what.body()); }
+  stack& add(const incident& what) { return add_raw(static_cast<int32_t>(what.body().size()), what.body()); }
   stack& add(std::string_view name) { return add({.id = eid(name), .description = std::string(name)}); }
   /* An incident of its own, caused by another. */
   stack& add(std::string_view name, std::string_view cause) {
     return add({.id = eid(name), .related = eid(cause), .description = std::string(name)});
   }
-  stack& add_raw(std::string_view body) { return add_raw(static_cast<int32_t>(body.size()), body); }
-  stack& add_raw(int32_t length, std::string_view body);
+  stack& add_raw(int32_t length, const std::string& body) { return add_bytes(image(length) + body); }
+  stack& add_bytes(const std::string& record); /* with its length word */
   /* The next record goes to records_start; what is added before counts as the older lap. */
   stack& wrap();
   /* The whole file, header included. */
@@ -96,6 +99,12 @@ struct stack {
   zk_estack_v1_header_t header;
   std::string area; /* from offset 24 */
 };
+
+/* As a golden file describes them. A record, with its length word, by its fields, each after two blanks: "NAME  FIELD
+ * VALUE  ..."; "cut TEXT" ends it behind that text, "length N" is for a length word that is wrong. A stack, by lines
+ * "record ...", "wrap", "FIELD VALUE" of its header, and "bytes N" for a file that ends early. */
+std::string recorded(const std::string& fields);
+std::string described_stack(const std::string& description);
 
 /* ---- What the command prints --------------------------------------------------------------------------------- */
 
@@ -154,6 +163,9 @@ std::string printed(Work&& work) {
 
 /* ---- Traces -------------------------------------------------------------------------------------------------- */
 
+/* A trace file without an entry: the writers make do with its control line. */
+inline const std::string EMPTY_TRACE = "ZKTFO=36    ZKTFW=0     ZKTFS=16384\n";
+
 /* Entries of a trace file in order of age, oldest first: what follows "\tZELK Routine: ", up to the next
  * entry, without the line about process and thread. */
 std::vector<std::string> trace_entries(const std::string& path);
@@ -166,8 +178,9 @@ inline std::string traced(const std::string& routine, const std::string& message
 
 /* ---- Golden files -------------------------------------------------------------------------------------------- */
 
-/* Compares `text` with tests/golden/NAME.golden, in which FOLDER stands for scratch(); with RENEW_GOLDEN set in the
- * environment the file is written anew. */
+/* How `now` differs from a golden file; with RENEW_GOLDEN set in the environment (script/golden) the file is written anew. */
+std::string difference(const std::string& path, const std::string& now);
+/* Compares `text` with tests/golden/NAME.golden, in which FOLDER stands for scratch(). */
 void expect_golden(const std::string& name, const std::string& text);
 
 /* ---- Processes ----------------------------------------------------------------------------------------------- */
@@ -180,6 +193,8 @@ void as_ordinary_user(const std::function<void()>& work);
 /* Gives this process an empty /var of its own with /var/adm/zelk/stacks and dumps, once. False where the
  * machine forbids it. */
 bool has_private_var();
+/* Whether the machine has a program, or "stacks-directory" (/var as above), "faults", "native" and other abilities. */
+bool has(const std::string& ability);
 #define NEEDS_PRIVATE_VAR() \
   if (!has_private_var()) GTEST_SKIP() << "the machine forbids a mount namespace"
 
