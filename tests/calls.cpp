@@ -69,7 +69,7 @@ void expect_calls(const std::filesystem::path& file, const subject& about) {
   bool has_calls = false;
   for (std::string line; std::getline(lines, line);) {
     if (line.starts_with(" ") || line.starts_with("\t")) continue; /* what came of a call */
-    if (line.find('(') != line.npos && line.starts_with("zk_")) {
+    if (line.find(") = ") != line.npos && line[0] != '#') {
       text += made(line.substr(0, line.find(") = ") + 1), situation, about);
       has_calls = true;
       continue;

@@ -18,6 +18,7 @@
 #include <sstream>
 
 #include "calls.h"
+#include "qx_cu.h"
 
 static struct outputs {
   int local = 99, version = 99, location = 99, ipv6 = 99, facility = 99, priority = 99;
@@ -155,6 +156,16 @@ static int descriptor(const call& c, size_t index) {
   return opened = open(c.text(index), O_RDWR | O_NONBLOCK);
 }
 
+/* The text of a message without arguments. */
+static int describe(const char* catalog, int set, int number, const char* recorded, char* output) {
+  const cu_error_t error = {1, "", catalog, set, number, recorded, 0, nullptr};
+  char* text = nullptr;
+  const int result = cu_get_errmsg_1(&error, &text);
+  std::strcpy(output, text);
+  free(text);
+  return result;
+}
+
 static const char ADDRESSES[5][46] = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "", "10.0.0.5"};
 
 static const subject LIBRARY = {
@@ -203,6 +214,8 @@ static const subject LIBRARY = {
             zk_determine_bsd_priority(c.active, c.file, c.number(0), &out.priority, c.number(2), out.error_flags);
             return 0LL;
           }},
+         {"cu_get_errmsg_1",
+          [](const call& c) { return 0LL + describe(c.text(0), c.number(1), c.number(2), c.text(3), out.text); }},
          UNTRACED(zk_record_debug_info, descriptor(c, 0), c.text(1)),
          UNTRACED(zk_clear_record_remnant, descriptor(c, 0))},
     .situations = {{"fault", set_up_fault},
