@@ -37,7 +37,7 @@ static std::string quoted(const std::string& printed_lines) {
 /* Makes a call, first without tracing and then with it, which must make no difference; says what comes of it. */
 static std::string made(const std::string& line, const std::vector<std::string>& situation, const subject& about) {
   const std::string trace = new_file(EMPTY_TRACE);
-  std::vector<std::string> words = parsed(line);
+  std::vector<std::string> words = parsed(replaced(line, "FOLDER", scratch()));
   const std::string routine = words.at(0);
   words.erase(words.begin());
   std::string said[2];

@@ -6,7 +6,7 @@
  *   NAME=value           an environment variable, which stays
  *   a line that begins with a small letter  sets up something for the calls that follow up to an empty line, or for all
  *                        calls when there is none up to the first empty line; the tests say what
- *   zk_routine(WORDS)    a call, without the trace pair
+ *   zk_routine(WORDS)    a call, without the trace pair; FOLDER is a folder of the test's own
  *
  * With RENEW_GOLDEN in the environment the files are written anew. */
 #ifndef CALLS_H

@@ -14,11 +14,13 @@
 #include <dirent.h>
 
 #include <cstring>
+#include <fstream>
 #include <iomanip>
 #include <sstream>
 
 #include "calls.h"
 #include "qx_cu.h"
+#include "qx_record.h"
 
 static struct outputs {
   int local = 99, version = 99, location = 99, ipv6 = 99, facility = 99, priority = 99;
@@ -35,6 +37,7 @@ static struct outputs {
 
 static std::vector<std::pair<ino_t, std::string>> only_files;
 static size_t files_read;
+static zk_recorder_t* recorder;
 static int opened = -1; /* "made", for the call that takes a descriptor */
 
 extern "C" dirent* readdir(DIR* directory) {
@@ -53,8 +56,9 @@ extern "C" dirent* readdir(DIR* directory) {
 
 /* ---- What a call gives ----------------------------------------------------------------------------------------- */
 
-/* The lines of a file, each behind the offset at which it starts; zeros are left out. */
+/* The lines of a text file, each behind the offset at which it starts; zeros are left out. */
 static std::string lines_with_offsets(const std::string& bytes) {
+  if (bytes.size() >= 8192 && bytes[0] == '\0') return ""; /* a stack */
   std::ostringstream said;
   for (size_t at = 0, end; (at = bytes.find_first_not_of('\0', at)) != bytes.npos; at = end) {
     end = std::min(bytes.find_first_of(text("\n"), at), bytes.size());
@@ -96,6 +100,9 @@ static std::string given() {
   if (opened != -1) say("position", lseek(opened, 0, SEEK_CUR), off_t{0});
   if (opened != -1) close(opened);
   opened = -1;
+  if (recorder != nullptr) said << " a recorder";
+  zk_close_recorder(recorder);
+  recorder = nullptr;
   if (std::filesystem::exists("made")) said << " made " << std::filesystem::file_size("made") << " bytes";
   return (said.str().empty() ? "" : "    gives" + said.str() + "\n") + lines_with_offsets(contents("made"));
 }
@@ -200,6 +207,8 @@ static const subject LIBRARY = {
          ROUTINE(zk_test_for_file, c.text(0)),
          ROUTINE(zk_test_for_dir, c.text(0)),
          ROUTINE(zk_make_file_info_msg, out.text, c.text(1), c.text(2), c.text(3), c.number(4), out.error_flags),
+         ROUTINE(zk_create_stack, c.text(0), c.number(1)),
+         ROUTINE(zk_open_recorder, c.text(0), c.at(1, &recorder)),
          UNTRACED(zk_create_debug_file, c.text(0)),
          UNTRACED(zk_is_debug_file_set, c.at(0, out.text)),
          UNTRACED(zk_get_file_ctrl_info, c.text(0), c.at(1, &out.offset), c.at(2, &out.size), c.at(3, &out.wraps)),
@@ -239,6 +248,7 @@ TEST_P(library_calls, say_what_stands_in) {
   ASSERT_EQ(std::system("echo any bytes >file; mkdir -p folder; ln -sfn loop loop; mkfifo fifo 2>/dev/null; head -c "
                         "3000 /dev/zero >big"),
             0);
+  std::ofstream("stack") << stack().add("one").bytes();
   expect_calls(GetParam(), LIBRARY);
   begin(); /* nothing is to be odd when the folder is removed */
   pid_is = 0;
