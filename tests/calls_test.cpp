@@ -164,6 +164,26 @@ void set_up_head(const std::string& details) {
 
 /* ---- The routines ---------------------------------------------------------------------------------------------- */
 
+/* A text in memory of its exact size. */
+char* exact(const call& c, size_t index) {
+  if (c.text(index) == nullptr) return nullptr;
+  char* memory = strdup(c.text(index));
+  keep(memory);
+  return memory;
+}
+
+long long print_text(const call& c) {
+  void* at = exact(c, 2);
+  size_t unread = c.words[2].size() + 1;
+  return zk_print_rec_substring(c.active, c.file, none, c.number(1), &at, &unread);
+}
+long long truncate(const call& c) {
+  char* description = exact(c, 0);
+  zk_truncate_description(description, c.number(1));
+  puts(description);
+  return 0;
+}
+
 const subject COMMAND = {
     .routines = {ROUTINE(zk_open_stack_by_name, c.at(0, &out.fildes), c.text(1)),
                  ROUTINE(zk_open_stack_with_fid, c.at(0, &out.fildes), c.text(1), none),
@@ -181,7 +201,10 @@ const subject COMMAND = {
                  ROUTINE(zk_display_recs_by_proc, process(c, 0), c.number(1), none),
                  ROUTINE(zk_display_recs_by_rel, c.at(0, groups), c.number(1), none),
                  ROUTINE(zk_print_brief_stack_record, id(c, 0), c.number(1), none, record(c.words.at(3))),
-                 ROUTINE(zk_print_full_stack_record, id(c, 0), none, record(c.words.at(2)))},
+                 ROUTINE(zk_print_full_stack_record, id(c, 0), none, record(c.words.at(2))),
+                 UNTRACED(zk_obtain_strlen, exact(c, 0), static_cast<size_t>(c.large(1))),
+                 {"zk_print_rec_substring", print_text},
+                 {"zk_truncate_description", truncate}},
     .situations = {{"record", [](const std::string& fields) { records[split(fields).first] = recorded(fields); }},
                    {"stack", set_up_stack},
                    {"candidates", set_up_candidates},
