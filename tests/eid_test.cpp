@@ -2,6 +2,7 @@
 #include "node.h"
 
 #include <cstring>
+#include <fstream>
 #include <random>
 
 #include "support.h"
@@ -89,6 +90,17 @@ TEST(fields, are_written_with_a_terminator_but_for_a_header_of_the_digit_zero) {
   std::strcpy(text, "123456789");
   zk_selector_substr("8M6....2zIZ/.", text);
   EXPECT_STREQ(text, "M6....789");
+}
+
+TEST(fields, inode_gives_a_name_of_255_characters_within_its_slot) {
+  const std::string folder = scratch() + "/folder", name(255, 'n');
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  std::ofstream(folder + "/" + name) << "any bytes";
+  char entry[7] = "";
+  ASSERT_EQ(zk_get_base_64_inode(0, nullptr, (folder + "/" + name).c_str(), entry), 0);
+  std::string slots(2 * 256, '#');
+  EXPECT_EQ(zk_conv_base_64_inode(0, nullptr, folder.c_str(), entry, slots.data(), 1), 0);
+  EXPECT_EQ(slots, name + std::string(257, '#'));
 }
 
 TEST(fields, inode_is_not_looked_for_where_that_is_forbidden) {
