@@ -1,11 +1,10 @@
-/* concurrency_test.cpp - many at once: programs that record, reports, readers that do not read, shared logs and traces. */
+/* concurrency_test.cpp - many at once: locks, readers that do not read, and a shared trace. */
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <set>
 
 #include "support.h"
 
@@ -26,44 +25,6 @@ int waiting_bytes(FILE* reporter) {
   int bytes = -1;
   ioctl(fileno(reporter), FIONREAD, &bytes);
   return bytes;
-}
-
-/* Every record of a full report must be whole, and be there once. */
-void check_records(const std::string& report) {
-  const std::string parts[] = {"ZELK Error Identifier:\n\t ",
-                               "\nAssociated ZELK Error Identifier:\n\t ",
-                               "\n\t Process Name: stn_",
-                               "\n\t Licensed Programming Product: stn.node\n",
-                               ".\n\nDetails:\n",
-                               SEPARATOR};
-  std::set<std::string> ids;
-  for (size_t at = 0; at < report.size();) {
-    const std::string rest = report.substr(at), id = rest.substr(parts[0].size(), 42);
-    EXPECT_TRUE(rest.starts_with(parts[0])) << rest;
-    EXPECT_TRUE(ids.insert(id).second || id.starts_with("unknown\n")) << rest;
-    const size_t end = report.find(SEPARATOR, at);
-    for (const std::string& part : parts) ASSERT_LE(at = report.find(part, at), end) << part << " in " << rest;
-    ASSERT_NE(end, report.npos) << rest;
-    at += SEPARATOR.size();
-  }
-  EXPECT_GT(ids.size(), 10U);
-}
-
-TEST(reports, are_snapshots_of_whole_records) {
-  NEEDS_PRIVATE_VAR();
-  const std::string path = scratch() + "/recorded", recorder = program("record_incidents");
-  const environment address = {{"ZELKADDR", "/...z/..................."}};
-  ASSERT_EQ(run({recorder, "-z", "16384", path}, address).status, 0);
-  const pid_t recorders = fork();
-  if (recorders == 0) _exit(run({recorder, "-j", "4", "-n", "10000", path}, address).status);
-  int status = -1;
-  while (waitpid(recorders, &status, WNOHANG) == 0)
-    for (const std::string view : {"-d", "-r", "-p"}) {
-      const outcome result = run({program("zkview"), view, "-a", "-s", path});
-      ASSERT_TRUE(result.status == 0 && result.err.empty()) << result;
-      check_records(result.out);
-    }
-  EXPECT_EQ(status, 0);
 }
 
 /* ---- Locks --------------------------------------------------------------------------------------------------- */

@@ -36,12 +36,16 @@ TEST(error_id, of_an_ipv4_node_gives_four_bytes_of_address_and_no_file) {
 }
 
 TEST(error_id, is_decoded_into_facility_and_priority_both) {
-  const std::string id = "8M6...." + HERE;
-  for (int* facility : {&out.facility, static_cast<int*>(nullptr)})
-    EXPECT_EQ(
-        zk_decode_eid_2(0, nullptr, id.c_str(), &out.local, &out.version, &out.location, out.files, 1, &out.label,
-                        facility, facility == nullptr ? &out.priority : nullptr, &out.time, out.address, &out.ipv6),
-        -11);
+  const std::string id = "8M6...." + HERE, trace = new_file(EMPTY_TRACE);
+  auto decode_into = [&](int* facility, int* priority) {
+    return zk_decode_eid_2(1, trace.c_str(), id.c_str(), &out.local, &out.version, &out.location, out.files, 1,
+                           &out.label, facility, priority, &out.time, out.address, &out.ipv6);
+  };
+  auto traced = [&] { return replaced(trace_entries(trace).back(), "\n\t", ""); };
+  EXPECT_EQ(decode_into(&out.facility, nullptr), -11);
+  EXPECT_NE(traced().find("bsd_priority (0x0) or bsd_facility (0x"), std::string::npos);
+  EXPECT_EQ(decode_into(nullptr, &out.priority), -11);
+  EXPECT_NE(traced().find("bsd_facility (0x0)"), std::string::npos);
 }
 
 TEST(error_id, is_local_by_any_of_64_addresses) {

@@ -3,8 +3,7 @@
  *   # any line                what follows is about; it ends the output of a command
  *   needs gencat              program or ability without which nothing of the file is tried
  *   file NAME                 makes FOLDER/NAME of the indented lines that follow
- *   stack NAME                the same, an Error Stack: of lines "record NAME", "wrap", "FIELD VALUE"; a record may give
- *                             more of its fields behind its name, each after two blanks
+ *   stack NAME                the same, an Error Stack, as described_stack() takes it
  *   $ COMMAND                 a line for the shell, run in FOLDER
  *
  * and after each command what it printed: standard output, then "--- stderr", "--- status" (other than 0) and "--- trace"

@@ -8,6 +8,7 @@
  *   interfaces NAME ADDRESS FLAGS, ...  flags: up, loopback, both, none; a family other than IPv4 has no address
  *   directory INODE NAME, ...      all the files that there are
  *   flags NUMBER ...               these of the error flags are set
+ *   stack  LINE, ...               the file "stack", of such lines as described_stack() takes
  *   done SHELL COMMAND             before each call */
 #include "node.h"
 
@@ -21,6 +22,7 @@
 #include "calls.h"
 #include "qx_cu.h"
 #include "qx_record.h"
+#include "zk_msg.h"
 
 static struct outputs {
   int local = 99, version = 99, location = 99, ipv6 = 99, facility = 99, priority = 99;
@@ -144,6 +146,10 @@ static void set_up_flags(const std::string& details) {
   for (const std::string& flag : words(details)) out.error_flags[std::stoul(flag)] = 1;
 }
 
+static void set_up_stack(const std::string& lines) {
+  std::ofstream("stack") << described_stack(replaced(lines.substr(1), ", ", "\n"));
+}
+
 /* ---- The routines ---------------------------------------------------------------------------------------------- */
 
 /* Routines whose formats are not checked here. */
@@ -170,6 +176,23 @@ static int describe(const char* catalog, int set, int number, const char* record
   const int result = cu_get_errmsg_1(&error, &text);
   std::strcpy(output, text);
   free(text);
+  return result;
+}
+
+/* Records into the file "stack", and shows what a stack holds then, or says that it is as it was. */
+static long long record(const call& c) {
+  const std::string before = contents("stack");
+  zk_incident_t incident = {};
+  incident.process_name = "recorder";
+  incident.default_message = c.text(1);
+  int result = zk_open_recorder(0, nullptr, (scratch() + "/stack").c_str(), &recorder);
+  if (result == 0) result = zk_record_incident(c.active, c.file, recorder, &incident, out.text);
+  const int fildes = open("stack", O_RDWR);
+  if (result == 0) zk_dump_stack(0, nullptr, 0, 0, nullptr, 0, fildes, ZK_NO_CATALOG);
+  if (result != 0) puts(contents("stack") == before ? "as it was" : "changed");
+  close(fildes);
+  zk_close_recorder(recorder);
+  recorder = nullptr;
   return result;
 }
 
@@ -209,6 +232,7 @@ static const subject LIBRARY = {
          ROUTINE(zk_make_file_info_msg, out.text, c.text(1), c.text(2), c.text(3), c.number(4), out.error_flags),
          ROUTINE(zk_create_stack, c.text(0), c.number(1)),
          ROUTINE(zk_open_recorder, c.text(0), c.at(1, &recorder)),
+         {"zk_record_incident", record},
          UNTRACED(zk_create_debug_file, c.text(0)),
          UNTRACED(zk_is_debug_file_set, c.at(0, out.text)),
          UNTRACED(zk_get_file_ctrl_info, c.text(0), c.at(1, &out.offset), c.at(2, &out.size), c.at(3, &out.wraps)),
@@ -234,6 +258,7 @@ static const subject LIBRARY = {
                    {"interfaces", set_up_interfaces},
                    {"directory", set_up_directory},
                    {"flags", set_up_flags},
+                   {"stack", set_up_stack},
                    {"done", [](const std::string& command) { EXPECT_EQ(std::system(command.c_str()), 0) << command; }}},
     .begin = begin,
     .given = given};

@@ -95,15 +95,20 @@ std::string recorded(const std::string& fields) {
 std::string described_stack(const std::string& description) {
   stack made;
   size_t size = std::string::npos;
+  std::map<size_t, int32_t> replaced_words;
   std::istringstream all(description);
   for (std::string line; std::getline(all, line);) {
     const auto [field, value] = split(line);
     if (field == "record") made.add_bytes(recorded(value));
+    for (int count = field == "records" ? std::stoi(value) : 0; count > 0; --count) made.add(std::to_string(count));
     if (field == "wrap") made.wrap();
     if (field == "version") made.version = std::stoi(value);
     if (field == "has_wrapped") made.header.has_wrapped = static_cast<uint8_t>(std::stoi(value));
+    if (field == "word") replaced_words[std::stoul(value)] = std::stoi(split(value).second);
     if (field == "bytes") size = static_cast<size_t>(std::stoi(value));
     if (OFFSETS.contains(field)) made.header.*OFFSETS.at(field) = std::stoi(value);
   }
-  return made.bytes().substr(0, size);
+  std::string bytes = made.bytes();
+  for (const auto& [offset, word] : replaced_words) bytes.replace(offset, 4, image(word));
+  return bytes.substr(0, size);
 }

@@ -102,7 +102,8 @@ struct stack {
 
 /* As a golden file describes them. A record, with its length word, by its fields, each after two blanks: "NAME  FIELD
  * VALUE  ..."; "cut TEXT" ends it behind that text, "length N" is for a length word that is wrong. A stack, by lines
- * "record ...", "wrap", "FIELD VALUE" of its header, and "bytes N" for a file that ends early. */
+ * "record ...", "records COUNT", "wrap", "FIELD VALUE" of its header, "word OFFSET VALUE" for what is to stand there in the end, and "bytes N" for a file that
+ * ends early. */
 std::string recorded(const std::string& fields);
 std::string described_stack(const std::string& description);
 

@@ -1,7 +1,5 @@
-/* The views of the command over long and large stacks, and what a walk leaves behind. */
-#include <fcntl.h>
+/* The views of the command over long and large stacks. */
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <climits>
 
@@ -72,14 +70,10 @@ TEST_F(many, are_reported_within_a_second) {
 TEST_F(many, lose_nothing_of_a_long_report) {
   size_t at = 0;
   const std::string report = view(all, {"-a", "-d"}).out;
-  for (int n = 0; n < 10000; ++n) {
-    const std::string start = "ZELK Error Identifier:\n\t " + eid(name(n)) + "\n";
-    const std::string end = "Description:\n" + name(n) + "\n\nDetails:\ndetails\n" + SEPARATOR;
-    ASSERT_EQ(report.substr(at, start.size()), start);
-    ASSERT_NE(at = report.find(end, at), report.npos) << n;
-    at += end.size();
-  }
-  EXPECT_EQ(at, report.size());
+  for (int n = 0; n < 10000; ++n)
+    ASSERT_NE(at = report.find("\nDescription:\n" + name(n) + "\n\nDetails:\ndetails\n" + SEPARATOR, at + 1),
+              report.npos)
+        << n;
 }
 
 TEST(wrapped_stack, may_be_larger_than_what_is_read_at_once) {
@@ -92,28 +86,6 @@ TEST(wrapped_stack, may_be_larger_than_what_is_read_at_once) {
     for (int n = 0; n < 300; ++n) shown += line(lap + std::to_string(n));
   }
   for (const char* option : {"-d", "-r", "-p"}) EXPECT_EQ(view(s, {option}), good(shown)) << option;
-}
-
-TEST(walk, leaves_the_stack_at_its_start_unlocked_and_nothing_open) {
-  const nl_catd none = reinterpret_cast<nl_catd>(-1);
-  for (const std::string& path : {stack().add("A").wrap().add("B").file(), new_file("no stack")})
-    for (int order : {-1, 0, 1}) {
-      const int fildes = open(path.c_str(), O_RDWR);
-      const size_t before = open_descriptors();
-      zk_proc_list_t head = {};
-      zk_stack_rec_t* table = nullptr;
-      lseek(fildes, 100, SEEK_SET);
-      printed([&] {
-        if (order == -1) zk_dump_stack(0, nullptr, 0, 0, nullptr, 0, fildes, none);
-        if (order != -1) zk_read_stack(0, nullptr, order, fildes, none, &head, &table);
-      });
-      EXPECT_EQ(lseek(fildes, 0, SEEK_CUR), 0);
-      EXPECT_EQ(open_descriptors(), before);
-      keep(table);
-      keep(head.next);
-      in_child([&] { EXPECT_EQ(lockf(open(path.c_str(), O_RDWR), F_TLOCK, 0), 0) << order; });
-      close(fildes);
-    }
 }
 
 }  // namespace
