@@ -260,46 +260,6 @@ TEST(recorder, goes_on_with_records_of_any_length) {
   }
 }
 
-/* ---- Error IDs ----------------------------------------------------------------------------------------------------- */
-
-/* The time in the Error ID that follows one of that time, or a record without one and of that time field. */
-static std::string time_after(const std::string& time, int32_t seconds = 0) {
-  std::string newest = zeros(100);
-  zk_eid_t eid;
-  if (!time.empty()) newest.replace(8, 42, "7......" + time + std::string(24, '.') + "/");
-  newest.replace(94, 4, image(seconds));
-  EXPECT_EQ(record(new_file(made({24, 128, 24, 8192, 0}, 24, newest)), incident_of(""), eid), 0);
-  return std::string(eid).substr(7, 10);
-}
-
-TEST(error_id, is_later_than_the_newest_record_whatever_the_clock_says) {
-  EXPECT_EQ(time_after(".....0zzz/"), ".....0...0"); /* in 2038, and 524,287 microseconds */
-  EXPECT_EQ(time_after("zzzz.0z6o1"), "..../0...."); /* 999,999 microseconds */
-  EXPECT_EQ(time_after("", 2147483647), "zzzzz//...");
-  const int64_t now = time(nullptr);
-  for (const char* last_or_none : {"zzzzzzz6o1", ".........."})
-    EXPECT_LT(time_of("7......" + time_after(last_or_none)).first - now, 60);
-}
-
-TEST(error_id, names_stack_and_node) {
-  const std::string path = empty_stack();
-  std::string own(25, '.'), entry(7, '\0');
-  char type = '/';
-  zk_get_ipaddr(0, nullptr, own.data(), &type);
-  own[24] = type;
-  zk_get_base_64_inode(0, nullptr, path.c_str(), entry.data());
-  for (const char* value : {"", "short", "/...z/...................x", "/...z/..........!........",
-                            "/...z/..................0", "/...z/..................."}) {
-    zk_eid_t eid;
-    setenv("ZELKADDR", value, 1);
-    EXPECT_EQ(record(path, incident_of(""), eid), 0);
-    EXPECT_EQ(std::string(eid, 7), "7" + entry.substr(0, 6));
-    EXPECT_EQ(eid + 17, std::string(value).ends_with("z/...................") ? value : own);
-    EXPECT_STREQ(getenv("ZELKADDR"), value);
-  }
-  unsetenv("ZELKADDR");
-}
-
 /* ---- What is recorded ---------------------------------------------------------------------------------------------- */
 
 TEST(details, are_cut_to_a_body_of_1024_bytes) {

@@ -4,12 +4,14 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -31,13 +33,6 @@ std::string lines(const std::string& descriptions) {
   std::string all = HEADING;
   for (const std::string& description : words(descriptions)) all += line(description);
   return all;
-}
-
-std::string unexpected(const std::string& routine, int code) {
-  return "2615-713 zkview Error: The command experienced an unexpected\n\t failure in the " + routine +
-         " routine.  Failure code from this\n\t routine was " + std::to_string(code) +
-         ".  Note the conditions present when this command\n\t was executed, and contact the system administrator.  "
-         "System\n\t administrators should contact the KVO Customer Support Center\n\t to report this failure.\n";
 }
 
 std::ostream& operator<<(std::ostream& stream, const outcome& what) {
@@ -193,13 +188,10 @@ std::string difference(const std::string& path, const std::string& now) {
   return run({"/usr/bin/diff", "-u", path, new_file(now)}).out;
 }
 
-void expect_golden(const std::string& name, const std::string& text) {
-  EXPECT_EQ(difference(GOLDEN_FOLDER "/" + name + ".golden", replaced(text, scratch(), "FOLDER")), "");
-}
-
 void in_child(const std::function<void()>& work) {
   pid_t child = fork();
   if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL); /* what hangs ends with the test */
     work();
     std::exit(testing::Test::HasFailure() ? 1 : 0); /* not _exit: coverage is written at exit */
   }

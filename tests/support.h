@@ -102,8 +102,8 @@ struct stack {
 
 /* As a golden file describes them. A record, with its length word, by its fields, each after two blanks: "NAME  FIELD
  * VALUE  ..."; "cut TEXT" ends it behind that text, "length N" is for a length word that is wrong. A stack, by lines
- * "record ...", "records COUNT", "wrap", "FIELD VALUE" of its header, "word OFFSET VALUE" for what is to stand there in the end, and "bytes N" for a file that
- * ends early. */
+ * "record ...", "records COUNT", "wrap", "FIELD VALUE" of its header, "word OFFSET VALUE" for what is to stand there in
+ * the end, and "bytes N" for a file that ends early. */
 std::string recorded(const std::string& fields);
 std::string described_stack(const std::string& description);
 
@@ -114,7 +114,6 @@ inline const std::string
     SEPARATOR = "\n------------------------------------------------------------\n\n",
     RECORD_CORRUPT =
         "Remaining record contents appear to be corrupted.  Unable to display\nremaining record information.\n",
-    NO_MEMORY = "2615-701 zkview Error: Memory allocation failure. Exiting.\n",
     STACK_CORRUPT =
         "2615-719 zkview Error: The ZELK Error Stack file appears to be\n\t corrupted.  Ending the report of the ZELK "
         "Error Stack file\n\t contents at this point.\n";
@@ -122,8 +121,6 @@ inline const std::string
 std::string line(std::string_view description, std::string_view process = "proc");
 /* A brief report of such lines, for descriptions separated by blanks. */
 std::string lines(const std::string& descriptions);
-/* Message 2615-713. */
-std::string unexpected(const std::string& routine, int code);
 
 /* ---- Running things ------------------------------------------------------------------------------------------ */
 
@@ -181,8 +178,6 @@ inline std::string traced(const std::string& routine, const std::string& message
 
 /* How `now` differs from a golden file; with RENEW_GOLDEN set in the environment (script/golden) the file is written anew. */
 std::string difference(const std::string& path, const std::string& now);
-/* Compares `text` with tests/golden/NAME.golden, in which FOLDER stands for scratch(). */
-void expect_golden(const std::string& name, const std::string& text);
 
 /* ---- Processes ----------------------------------------------------------------------------------------------- */
 
@@ -199,9 +194,6 @@ bool has(const std::string& ability);
 #define NEEDS_PRIVATE_VAR() \
   if (!has_private_var()) GTEST_SKIP() << "the machine forbids a mount namespace"
 
-/* Faults can be had in the command where a library can be preloaded into it. */
-#define NEEDS_FAULTS() \
-  if (*FAULT_SHIM == '\0') GTEST_SKIP() << "nothing can be preloaded into this build of the command"
 #define NEEDS_NATIVE() \
   if (*EMULATOR != '\0') GTEST_SKIP() << "an emulator has descriptors, locks and signals of its own"
 
