@@ -1,4 +1,4 @@
-/* concurrency_test.cpp - many at once: locks, readers that do not read, and a shared trace. */
+/* concurrency_test.cpp - many at once: locks, leases, and readers that do not read. */
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -11,8 +11,8 @@
 namespace {
 
 /* Starts a report. */
-FILE* started(const std::string& view, const std::string& path, const std::string& more = "") {
-  const std::string surroundings = "exec env -i TZ=UTC ASAN_OPTIONS=detect_leaks=0 " + more + " " EMULATOR " ";
+FILE* started(const std::string& view, const std::string& path) {
+  const std::string surroundings = "exec env -i TZ=UTC ASAN_OPTIONS=detect_leaks=0 " EMULATOR " ";
   return popen((surroundings + program("zkview") + " " + view + " -s " + path).c_str(), "r");
 }
 /* All that it prints; it must succeed. */
@@ -100,25 +100,6 @@ TEST(report, waits_for_a_lease_on_the_stack) {
   EXPECT_EQ(fcntl(fildes, F_SETLEASE, F_UNLCK), 0);
   EXPECT_EQ(ended(reporter), lines("A"));
   close(fildes);
-}
-
-/* ---- What commands share ------------------------------------------------------------------------------------- */
-
-TEST(trace_file, is_made_whole_by_one_of_many) {
-  const std::string path = stack().add("one").file(), trace = scratch() + "/trace", wanted = lines("one");
-  EXPECT_EQ(ended(started("-d", path, "ZELKDEBUG=" + trace)), wanted);
-  const size_t of_one = trace_entries(trace).size();
-  for (int round = 0; round < 20; ++round) {
-    unlink(trace.c_str());
-    std::vector<FILE*> reporters;
-    for (int i = 0; i < 6; ++i) reporters.push_back(started("-d", path, "ZELKDEBUG=" + trace));
-    for (FILE* reporter : reporters) EXPECT_EQ(ended(reporter), wanted);
-
-    const std::string bytes = contents(trace);
-    EXPECT_EQ(bytes.size(), 16384U);
-    EXPECT_TRUE(bytes.starts_with("ZKTFO=" + std::to_string(bytes.find("[END OF FINAL ENTRY]\n")) + " "));
-    EXPECT_GE(trace_entries(trace).size(), of_one);
-  }
 }
 
 }  // namespace

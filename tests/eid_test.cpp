@@ -75,16 +75,6 @@ TEST(error_id, that_is_made_is_taken_apart_again) {
   }
 }
 
-TEST(base64, takes_a_number_there_and_back) {
-  std::mt19937_64 random(1);
-  for (int round = 0; round < 1000; ++round) {
-    const uint64_t value = random() >> (28 + random() % 36);
-    char text[8] = "";
-    ASSERT_EQ(zk_l64a_r(value, text, 8), 0);
-    EXPECT_EQ(zk_a64l(text), value);
-  }
-}
-
 TEST(fields, are_written_with_a_terminator_but_for_a_header_of_the_digit_zero) {
   char text[10] = "###";
   EXPECT_EQ(zk_get_base_64_hdr(0, nullptr, 1, 0, text), 0);
@@ -105,14 +95,4 @@ TEST(fields, inode_gives_a_name_of_255_characters_within_its_slot) {
   std::string slots(2 * 256, '#');
   EXPECT_EQ(zk_conv_base_64_inode(0, nullptr, folder.c_str(), entry, slots.data(), 1), 0);
   EXPECT_EQ(slots, name + std::string(257, '#'));
-}
-
-TEST(fields, inode_is_not_looked_for_where_that_is_forbidden) {
-  const std::string shut = scratch() + "/shut";
-  ASSERT_EQ(mkdir(shut.c_str(), 0) | chmod(scratch().c_str(), 0755), 0);
-  as_ordinary_user([&] {
-    char text[256] = "";
-    EXPECT_EQ(zk_get_base_64_inode(0, nullptr, (shut + "/x").c_str(), text), -25);
-    EXPECT_EQ(zk_conv_base_64_inode(0, nullptr, shut.c_str(), "/", text, 1), -13);
-  });
 }

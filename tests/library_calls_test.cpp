@@ -9,6 +9,8 @@
  *   directory INODE NAME, ...      all the files that there are
  *   flags NUMBER ...               these of the error flags are set
  *   stack  LINE, ...               the file "stack", of such lines as described_stack() takes
+ *   incident associated ID         what is recorded names that ID
+ *   incident arguments TYPE        it has an argument of that type without a value, or, by NULL, none where there should be one
  *   done SHELL COMMAND             before each call */
 #include "node.h"
 
@@ -40,6 +42,8 @@ static struct outputs {
 static std::vector<std::pair<ino_t, std::string>> only_files;
 static size_t files_read;
 static zk_recorder_t* recorder;
+static zk_incident_t incident;
+static cu_error_arg_t argument;
 static int opened = -1; /* "made", for the call that takes a descriptor */
 
 extern "C" dirent* readdir(DIR* directory) {
@@ -54,6 +58,11 @@ extern "C" dirent* readdir(DIR* directory) {
   entry.d_ino = only_files[files_read].first;
   std::strcpy(entry.d_name, only_files[files_read++].second.c_str());
   return &entry;
+}
+
+extern "C" DIR* opendir(const char* path) {
+  const int fildes = is_refused("opendir", path) ? -1 : openat(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  return fildes == -1 ? nullptr : fdopendir(fildes);
 }
 
 /* ---- What a call gives ----------------------------------------------------------------------------------------- */
@@ -113,6 +122,8 @@ static std::string given() {
 
 static void begin() {
   out = {};
+  incident = {};
+  incident.process_name = "recorder";
   fault = {};
   bad_place = -1;
   only_files.clear();
@@ -146,6 +157,13 @@ static void set_up_flags(const std::string& details) {
   for (const std::string& flag : words(details)) out.error_flags[std::stoul(flag)] = 1;
 }
 
+static void set_up_incident(const std::string& details) {
+  static std::string associated;
+  const auto [field, value] = split(details);
+  if (field == "arguments") incident.argument_count = 1;
+  if (value != "NULL" && field == "arguments") argument = {std::stoi(value), {}}, incident.arguments = &argument;
+  if (field == "associated") associated = value, incident.associated_eid = associated.c_str();
+}
 static void set_up_stack(const std::string& lines) {
   std::ofstream("stack") << described_stack(replaced(lines.substr(1), ", ", "\n"));
 }
@@ -182,11 +200,10 @@ static int describe(const char* catalog, int set, int number, const char* record
 /* Records into the file "stack", and shows what a stack holds then, or says that it is as it was. */
 static long long record(const call& c) {
   const std::string before = contents("stack");
-  zk_incident_t incident = {};
-  incident.process_name = "recorder";
   incident.default_message = c.text(1);
   int result = zk_open_recorder(0, nullptr, (scratch() + "/stack").c_str(), &recorder);
-  if (result == 0) result = zk_record_incident(c.active, c.file, recorder, &incident, out.text);
+  if (result == 0)
+    result = zk_record_incident(c.active, c.file, c.at(0, recorder), c.at(1, &incident), c.at(2, out.text));
   const int fildes = open("stack", O_RDWR);
   if (result == 0) zk_dump_stack(0, nullptr, 0, 0, nullptr, 0, fildes, ZK_NO_CATALOG);
   if (result != 0) puts(contents("stack") == before ? "as it was" : "changed");
@@ -259,6 +276,7 @@ static const subject LIBRARY = {
                    {"directory", set_up_directory},
                    {"flags", set_up_flags},
                    {"stack", set_up_stack},
+                   {"incident", set_up_incident},
                    {"done", [](const std::string& command) { EXPECT_EQ(std::system(command.c_str()), 0) << command; }}},
     .begin = begin,
     .given = given};

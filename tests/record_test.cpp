@@ -110,8 +110,9 @@ TEST(description, that_is_damaged_leaves_the_cursor) {
     EXPECT_EQ(zk_get_description(0, nullptr, &description, &body.at, &body.unread), -35);
     EXPECT_EQ(description, nullptr);
     EXPECT_EQ(body.moved(), 0);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(zk_print_description(0, nullptr, none, &body.at, &body.unread), -35); }),
-              RECORD_CORRUPT);
+    const std::string out =
+        printed([&] { EXPECT_EQ(zk_print_description(0, nullptr, none, &body.at, &body.unread), -35); });
+    EXPECT_TRUE(out.starts_with("Remaining record contents appear to be corrupted.")) << out;
   }
 }
 

@@ -236,30 +236,6 @@ TEST(lock, outlives_other_descriptors_and_forked_recorders) {
   zk_close_recorder(recorder);
 }
 
-/* ---- Stacks of others ---------------------------------------------------------------------------------------------- */
-
-/* A stack of 8192 bytes with `records` at an offset. */
-static std::string made(zk_estack_v1_header_t header, size_t offset, const std::string& records) {
-  std::string stack = image(0) + image(header);
-  stack.resize(8192);
-  return stack.replace(offset, records.size(), records);
-}
-
-/* A record of zeros is readable, whatever its length. */
-static std::string zeros(int32_t length) {
-  return image(length) + std::string(static_cast<size_t>(length), '\0');
-}
-
-TEST(recorder, goes_on_with_records_of_any_length) {
-  for (int32_t length : {1, 4, 46, 94, 95, 1024, 1025, 1118}) {
-    const std::string path = new_file(made({40, 48 + 2 * length, 40, 8192, 0}, 40, zeros(length) + zeros(length)));
-    EXPECT_EQ(record(path, 1000), 0);
-    const outcome report = run({program("zkview"), "-d", "-s", path});
-    EXPECT_EQ(std::count(report.out.begin(), report.out.end(), '\n'), 4) << report;
-    EXPECT_TRUE(report.status == 0 && report.out.ends_with(" 1000\n")) << report;
-  }
-}
-
 /* ---- What is recorded ---------------------------------------------------------------------------------------------- */
 
 TEST(details, are_cut_to_a_body_of_1024_bytes) {
@@ -285,47 +261,4 @@ TEST(details, are_cut_to_a_body_of_1024_bytes) {
     const size_t end = static_cast<size_t>(write_pos(path)), start = 157 + row.message;
     EXPECT_EQ(contents(path).substr(start, end - start), text(row.kept));
   }
-}
-
-TEST(argument, of_every_kind_is_shown) {
-  const std::string path = empty_stack();
-  char name[] = "sda";
-  const cu_error_arg_t arguments[] = {{0, {.cu_arg_int = -1}},
-                                      {1, {.cu_arg_long = 2}},
-                                      {2, {.cu_arg_long_long = 1LL << 40}},
-                                      {3, {.cu_arg_double = 4.5}},
-                                      {4, {}},
-                                      {5, {.cu_arg_char_str = name}},
-                                      {6, {.cu_arg_void_ptr = nullptr}}};
-  zk_incident_t incident = incident_of("%d %d %d %g %d %s %p", "details");
-  incident.arguments = arguments;
-  incident.argument_count = 7;
-  zk_eid_t eid;
-  EXPECT_EQ(record(path, incident, eid), 0);
-  const std::string report = run({program("zkview"), "-da", "-s", path}).out;
-  EXPECT_NE(report.find("-1 2 1099511627776 4.5 %d sda (nil)"), report.npos) << report;
-}
-
-TEST(incident, is_checked_in_order) {
-  const std::string path = empty_stack(), before = contents(path), too_long(895, 'm'), forty_three(43, 'x');
-  zk_recorder_t* recorder = nullptr;
-  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
-  zk_eid_t eid = "none";
-  cu_error_arg_t of_no_kind = {7, {}}, no_text = {5, {}}, *no_argument = nullptr;
-  zk_incident_t bad = incident_of(too_long.c_str());
-  bad.associated_eid = forty_three.c_str();
-  EXPECT_EQ(zk_record_incident(0, nullptr, nullptr, nullptr, nullptr), -4);
-  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, nullptr, nullptr), -5);
-  bad.argument_count = 1;
-  for (const cu_error_arg_t* argument : {no_argument, &of_no_kind, &no_text}) {
-    bad.arguments = argument;
-    EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, nullptr), -5);
-  }
-  bad.argument_count = 0;
-  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, nullptr), -6);
-  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, eid), -36);
-  bad.associated_eid = "";
-  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &bad, eid), -33);
-  EXPECT_TRUE(*eid == '\0' && contents(path) == before);
-  zk_close_recorder(recorder);
 }

@@ -82,6 +82,7 @@ std::string recorded(const std::string& fields) {
     const auto [field, value] = split(fields.substr(at + 2, end - at - 2));
     if (field == "cut") last = value;
     if (field == "length") length = value;
+    if (field == "fill") what.details += std::string(std::stoul(value) - what.body().size(), 'd');
     if (field == "related") what.related = eid(value);
     if (TEXTS.contains(field)) what.*TEXTS.at(field) = unescaped(value);
     if (NUMBERS.contains(field)) what.*NUMBERS.at(field) = std::stoi(value);

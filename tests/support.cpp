@@ -1,7 +1,6 @@
 #include "support.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -173,16 +172,6 @@ std::vector<std::string> trace_entries(const std::string& path) {
   return entries;
 }
 
-std::string folded(std::string message) {
-  std::string lines;
-  for (message = message.substr(0, 254); !message.empty();) {
-    size_t end = std::min({message.find('\n'), message.size(), size_t{72}});
-    lines += '\t' + message.substr(0, end) + '\n';
-    message.erase(0, message[end] == '\n' ? end + 1 : end);
-  }
-  return lines;
-}
-
 std::string difference(const std::string& path, const std::string& now) {
   if (getenv("RENEW_GOLDEN") != nullptr) std::ofstream(path) << now;
   return run({"/usr/bin/diff", "-u", path, new_file(now)}).out;
@@ -198,14 +187,6 @@ void in_child(const std::function<void()>& work) {
   int status = 0;
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
-}
-
-void as_ordinary_user(const std::function<void()>& work) {
-  in_child([&] {
-    constexpr unsigned int NOBODY = 65534;
-    EXPECT_TRUE(geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 && setuid(NOBODY) == 0));
-    work();
-  });
 }
 
 bool has_private_var() {

@@ -101,7 +101,7 @@ struct stack {
 };
 
 /* As a golden file describes them. A record, with its length word, by its fields, each after two blanks: "NAME  FIELD
- * VALUE  ..."; "cut TEXT" ends it behind that text, "length N" is for a length word that is wrong. A stack, by lines
+ * VALUE  ..."; "cut TEXT" ends it behind that text, "fill N" gives it N bytes by more details, "length N" is for a length word that is wrong. A stack, by lines
  * "record ...", "records COUNT", "wrap", "FIELD VALUE" of its header, "word OFFSET VALUE" for what is to stand there in
  * the end, and "bytes N" for a file that ends early. */
 std::string recorded(const std::string& fields);
@@ -109,14 +109,8 @@ std::string described_stack(const std::string& description);
 
 /* ---- What the command prints --------------------------------------------------------------------------------- */
 
-inline const std::string
-    HEADING = "TIMESTAMP    PROCESS          DESCRIPTION\n",
-    SEPARATOR = "\n------------------------------------------------------------\n\n",
-    RECORD_CORRUPT =
-        "Remaining record contents appear to be corrupted.  Unable to display\nremaining record information.\n",
-    STACK_CORRUPT =
-        "2615-719 zkview Error: The ZELK Error Stack file appears to be\n\t corrupted.  Ending the report of the ZELK "
-        "Error Stack file\n\t contents at this point.\n";
+inline const std::string HEADING = "TIMESTAMP    PROCESS          DESCRIPTION\n",
+                         SEPARATOR = "\n------------------------------------------------------------\n\n";
 /* The brief line of an incident with the defaults of `incident`, in UTC. */
 std::string line(std::string_view description, std::string_view process = "proc");
 /* A brief report of such lines, for descriptions separated by blanks. */
@@ -140,12 +134,8 @@ outcome shell(const std::string& line, environment variables = {});
 outcome zkview(std::vector<std::string> arguments, const environment& variables = {});
 /* The same with a stack. */
 outcome view(const stack& what, std::vector<std::string> options, const environment& variables = {});
-/* A report that succeeds, and one that ends at a damaged place. */
 inline outcome good(const std::string& shown) {
   return {shown, "", 0};
-}
-inline outcome corrupt(const std::string& shown) {
-  return {shown, STACK_CORRUPT, 24};
 }
 /* The program under test, or another one of this build: "zkview", "record_incidents", ... */
 inline std::string program(const std::string& name) {
@@ -168,12 +158,6 @@ inline const std::string EMPTY_TRACE = "ZKTFO=36    ZKTFW=0     ZKTFS=16384\n";
  * entry, without the line about process and thread. */
 std::vector<std::string> trace_entries(const std::string& path);
 
-/* The lines that a message becomes in a trace entry, and a whole entry as trace_entries gives it. */
-std::string folded(std::string message);
-inline std::string traced(const std::string& routine, const std::string& message) {
-  return routine + "\n" + folded(message);
-}
-
 /* ---- Golden files -------------------------------------------------------------------------------------------- */
 
 /* How `now` differs from a golden file; with RENEW_GOLDEN set in the environment (script/golden) the file is written anew. */
@@ -183,8 +167,6 @@ std::string difference(const std::string& path, const std::string& now);
 
 /* Runs `work` in a child process, where it may change what it likes; its checks count here. */
 void in_child(const std::function<void()>& work);
-/* The same without the rights of root. */
-void as_ordinary_user(const std::function<void()>& work);
 
 /* Gives this process an empty /var of its own with /var/adm/zelk/stacks and dumps, once. False where the
  * machine forbids it. */

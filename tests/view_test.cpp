@@ -1,27 +1,9 @@
 /* The views of the command over long and large stacks. */
 #include <sys/resource.h>
 
-#include <climits>
-
 #include "support.h"
 
 namespace {
-
-TEST(record, is_shown_by_each_view_up_to_a_length) {
-  for (int32_t length : {1024, 1025, 1118, 1119, 2044, 2045, INT_MAX, -1, INT_MIN}) {
-    const bool is_cut = length < 0 || length > 2044; /* told before the message about the stack */
-    const bool is_shown = !is_cut && length <= 1118; /* above, its process name is too far from the end */
-    const bool is_grouped = !is_cut && length <= 1024;
-    const std::string told = is_cut ? RECORD_CORRUPT : "";
-    stack s(16384);
-    incident sized = {.description = "sized"};
-    sized.details += std::string(std::min(static_cast<uint32_t>(length), 2044U) - sized.body().size(), 'd');
-    s.add("A").add_raw(length, sized.body());
-    EXPECT_EQ(view(s, {"-d"}), is_shown ? good(lines("A sized")) : corrupt(lines("A") + told)) << length;
-    for (const char* option : {"-r", "-p"})
-      EXPECT_EQ(view(s, {option}), is_grouped ? good(lines("A sized")) : corrupt(told)) << length;
-  }
-}
 
 /* 10,000 incidents of 200 processes, each third one the start of a chain of three. Their full report has 6 MB. */
 struct many : testing::Test {
