@@ -41,9 +41,8 @@ static struct {
 } meanwhile;
 /* What the file systems say of their space, one answer after another and the last one for good. */
 static std::vector<struct statvfs> space(1);
-static pid_t pid_is = 0;       /* the process's number, unless it is 0 */
-static ino_t every_inode = 0;  /* every file has this one, unless it is 0 */
-static int closed_in_vain = 0; /* descriptors that were closed twice */
+static pid_t pid_is = 0;      /* the process's number, unless it is 0 */
+static ino_t every_inode = 0; /* every file has this one, unless it is 0 */
 
 /* A file system of blocks of 1000 bytes, of which some can be had by everybody, and all by root. */
 inline struct statvfs blocks(uint64_t number, uint64_t available) {
@@ -86,12 +85,6 @@ extern "C" int open(const char* path, int flags, ...) {
   if (is_refused("open", path)) return -1;
   return openat(AT_FDCWD, path, flags, mode);
 }
-extern "C" int close(int fildes) {
-  const long result = syscall(SYS_close, fildes);
-  closed_in_vain += result != 0;
-  return static_cast<int>(result);
-}
-
 static ssize_t read_some(int fildes, void* bytes, size_t size) {
   return is_refused("read", fildes) ? -1 : syscall(SYS_read, fildes, bytes, std::min(size, most_read));
 }

@@ -23,12 +23,6 @@ TEST(format, has_a_text_for_a_null_string) {
   EXPECT_EQ(made("%1$s|%1$7s|%1$.5s|%1$.6s|%1$5.5s|", {null}), "(null)| (null)||(null)|     |");
 }
 
-TEST(format, fills_1024_columns) {
-  const cu_error_arg_t seven = {0, {.cu_arg_int = -7}};
-  EXPECT_EQ(made("%1$1024d", {seven}), std::string(1022, ' ') + "-7");
-  EXPECT_EQ(made("%.1024d", {seven}), "-" + std::string(1023, '0') + "7");
-}
-
 /* Whatever fits is as printf has it. */
 static void expect_what_printf_prints(std::mt19937_64& random, const std::string& letters, const std::string& flags) {
   int (*const print)(char*, size_t, const char*, ...) = snprintf; /* whose formats need not be literals */

@@ -81,34 +81,26 @@ static std::string lines_with_offsets(const std::string& bytes) {
 
 static std::string given() {
   std::ostringstream said;
-  auto say = [&](const char* name, auto value, decltype(value) unchanged = {99}) {
-    if (value != unchanged) said << " " << name << " " << value;
-  };
   auto quote = [&](const char* name, const std::string& value) {
     if (!value.empty()) said << " " << name << " \"" << replaced(replaced(value, "\n", "\\n"), "\t", "\\t") << "\"";
   };
-  say("local", out.local);
-  say("version", out.version);
-  say("location", out.location);
-  say("label", out.label);
-  say("facility", out.facility);
-  say("priority", out.priority);
-  say("seconds", out.seconds);
-  say("offset", out.offset);
-  say("size", out.size);
-  say("wraps", out.wraps);
-  say("count", out.count);
+  const std::pair<const char*, long long> numbers[] = {
+      {"local", out.local},       {"version", out.version},   {"location", out.location}, {"label", out.label},
+      {"facility", out.facility}, {"priority", out.priority}, {"seconds", out.seconds},   {"offset", out.offset},
+      {"size", out.size},         {"wraps", out.wraps},       {"count", out.count},       {"IPv6", out.ipv6}};
+  for (const auto& [name, value] : numbers)
+    if (value != 99) said << " " << name << " " << value;
   if (out.time.tv_sec != 99) said << " time " << out.time.tv_sec << "." << out.time.tv_usec;
   quote("text", out.text);
-  say("type", out.type, '\0');
+  quote("type", std::string(&out.type, out.type == '\0' ? 0 : 1));
   char address[46];
   if (std::count(out.address, out.address + 16, 0) < 16)
     said << " address " << inet_ntop(AF_INET6, out.address, address, sizeof address);
-  say("IPv6", out.ipv6);
   for (const auto& file : out.files) quote("file", file);
   for (const auto& slot : out.list) quote("listed", slot);
   if (out.error_flags[10] != 0) said << " an error flag";
-  if (opened != -1) say("position", lseek(opened, 0, SEEK_CUR), off_t{0});
+  const off_t position = opened == -1 ? 0 : lseek(opened, 0, SEEK_CUR);
+  if (position != 0) said << " position " << position;
   if (opened != -1) close(opened);
   opened = -1;
   if (recorder != nullptr) said << " a recorder";

@@ -22,10 +22,8 @@ void keep(const void* memory) {
   kept.push_back(memory);
 }
 
-std::string line(std::string_view description, std::string_view process) {
-  std::string name(process.substr(0, 16));
-  name.resize(16, ' ');
-  return "020309052007 " + name + " " + std::string(description) + "\n";
+std::string line(std::string_view description) {
+  return "020309052007 proc             " + std::string(description) + "\n";
 }
 
 std::string lines(const std::string& descriptions) {

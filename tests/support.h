@@ -112,7 +112,7 @@ std::string described_stack(const std::string& description);
 inline const std::string HEADING = "TIMESTAMP    PROCESS          DESCRIPTION\n",
                          SEPARATOR = "\n------------------------------------------------------------\n\n";
 /* The brief line of an incident with the defaults of `incident`, in UTC. */
-std::string line(std::string_view description, std::string_view process = "proc");
+std::string line(std::string_view description);
 /* A brief report of such lines, for descriptions separated by blanks. */
 std::string lines(const std::string& descriptions);
 

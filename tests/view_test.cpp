@@ -49,15 +49,6 @@ TEST_F(many, are_reported_within_a_second) {
   }
 }
 
-TEST_F(many, lose_nothing_of_a_long_report) {
-  size_t at = 0;
-  const std::string report = view(all, {"-a", "-d"}).out;
-  for (int n = 0; n < 10000; ++n)
-    ASSERT_NE(at = report.find("\nDescription:\n" + name(n) + "\n\nDetails:\ndetails\n" + SEPARATOR, at + 1),
-              report.npos)
-        << n;
-}
-
 TEST(wrapped_stack, may_be_larger_than_what_is_read_at_once) {
   stack s(200000);
   std::string shown = HEADING;
