@@ -6,9 +6,6 @@
 
 #include "qx_cu.h"
 
-#include <filesystem>
-#include <fstream>
-
 #include "support.h"
 
 static std::string message_of(const std::string& catalog, int set = 1, int number = 1) {

@@ -1,11 +1,9 @@
 /* create_stack_test.cpp - makes empty stacks, also where there is no room. Reasons to fail stand in
  * golden/library/create_stack.calls. */
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 
 #include "qx_record.h"
@@ -25,18 +23,6 @@ TEST(new_stack, is_empty_and_of_its_full_size) {
   EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0640});
   EXPECT_GE(status.st_blocks * 512, 16384); /* nothing is skipped over */
   EXPECT_TRUE(contents(path) == empty + std::string(16384 - 20, '\0'));
-}
-
-TEST(new_stack, above_a_limit_leaves_nothing_behind) {
-  const std::string folder = scratch() + "/folder";
-  mkdir(folder.c_str(), 0755);
-  in_child([&] {
-    const rlimit limit = {4096, 4096};
-    signal(SIGXFSZ, SIG_IGN);
-    setrlimit(RLIMIT_FSIZE, &limit);
-    EXPECT_EQ(create(folder + "/stack"), -1);
-  });
-  EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
 
 TEST(new_stack, needs_space_and_a_file_system_that_is_written) {

@@ -3,9 +3,7 @@
 
 #include <sys/socket.h>
 
-#include <ctime>
 #include <filesystem>
-#include <fstream>
 
 #include "support.h"
 

@@ -48,13 +48,6 @@ TEST(error_id, is_decoded_into_facility_and_priority_both) {
   EXPECT_NE(traced().find("bsd_facility (0x0)"), std::string::npos);
 }
 
-TEST(error_id, is_local_by_any_of_64_addresses) {
-  node = std::vector<adapter>(64, {"eth", "10.0.0.1", UP});
-  EXPECT_EQ(decode_2("8M6...." + ELSEWHERE) + out.local, 0);
-  node->back() = {"eth64", "192.168.1.2", DOWN};
-  EXPECT_EQ(decode_2("8M6...." + ELSEWHERE) + out.local, 1);
-}
-
 TEST(error_id, that_is_made_is_taken_apart_again) {
   char id[43] = "";
   long seconds = 0;

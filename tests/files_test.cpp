@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "support.h"
 
@@ -25,15 +24,6 @@ TEST(new_trace_file, is_open_to_everybody) {
   umask(077);
   EXPECT_EQ(zk_create_debug_file(path.c_str()), 0);
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0666});
-}
-
-TEST(new_trace_file, that_exists_already_is_left_alone) {
-  const std::string path = new_file("as before");
-  space = {blocks(1000, 900)};
-  off_t size = 7;
-  EXPECT_EQ(zk_allocate_file(0, nullptr, path.c_str(), 20000, 3000, &size), 0);
-  EXPECT_EQ(size, 7);
-  EXPECT_EQ(contents(path), "as before");
 }
 
 TEST(new_trace_file, waits_for_the_lock_of_whoever_finds_it_first) {
@@ -64,14 +54,6 @@ struct zeros : testing::Test {
   const std::string path = new_file(std::string(5000, 'o'));
   const int fildes = open(path.c_str(), O_RDWR);
 };
-
-TEST_F(zeros, are_written_at_the_position) {
-  lseek(fildes, 100, SEEK_SET);
-  EXPECT_EQ(fclear(fildes, 2500), 2500);
-  EXPECT_EQ(lseek(fildes, 0, SEEK_CUR), 2600);
-  EXPECT_EQ(contents(path), std::string(100, 'o') + std::string(2500, '\0') + std::string(2400, 'o'));
-  EXPECT_EQ(fclear(fildes, -100), -100);
-}
 
 TEST_F(zeros, are_carried_on_after_an_interruption_and_a_short_write) {
   refuse("write", EINTR, 2, 1);

@@ -91,16 +91,6 @@ TEST(arguments, are_refused_with_a_text_that_does_not_end) {
 
 /* ---- Descriptions -------------------------------------------------------------------------------------------- */
 
-TEST(description, is_taken_from_its_block) {
-  const std::string arguments = image(2) + string_arg("disk") + int_arg(-7);
-  cursor body(text("") + image(3) + image(14) + text("%2$d of %1$s") + arguments + "rest");
-  char* description = nullptr;
-  EXPECT_EQ(zk_get_description(0, nullptr, &description, &body.at, &body.unread), 0);
-  EXPECT_STREQ(description, "-7 of disk");
-  EXPECT_EQ(body.left(), 4);
-  free(description);
-}
-
 TEST(description, that_is_damaged_leaves_the_cursor) {
   const std::string texts = text("catalog") + image(3) + image(14) + text("%s");
   for (const std::string& damaged :

@@ -45,7 +45,6 @@ inline std::string int_arg(int32_t value, int32_t type = 0) {
 }
 template <typename T>
 std::string wide_arg(int32_t type, T value) {
-  static_assert(sizeof value == 8);
   return image(type) + image(value);
 }
 inline std::string string_arg(std::string_view value) {
@@ -175,8 +174,5 @@ bool has_private_var();
 bool has(const std::string& ability);
 #define NEEDS_PRIVATE_VAR() \
   if (!has_private_var()) GTEST_SKIP() << "the machine forbids a mount namespace"
-
-#define NEEDS_NATIVE() \
-  if (*EMULATOR != '\0') GTEST_SKIP() << "an emulator has descriptors, locks and signals of its own"
 
 #endif

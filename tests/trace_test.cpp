@@ -106,20 +106,19 @@ TEST_F(trace_file, has_its_entry_even_if_it_cannot_be_unlocked) {
 
 /* ---- All writers at once --------------------------------------------------------------------------------------- */
 
-/* Another process that takes a file by its lock or by a lease, and lets go after a while, or when it is asked to. */
+/* Another process that takes the lock of a file, and lets go after a while. */
 struct other_process {
   bool* done = static_cast<bool*>(mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t process = 0;
-  char has_it = 'n';
 
-  explicit other_process(const std::string& path, bool by_lease = false) {
+  explicit other_process(const std::string& path) {
     int ready[2];
+    char has_it = 'n';
     EXPECT_EQ(pipe(ready), 0);
     process = fork();
     if (process == 0) {
-      const int fildes = open(path.c_str(), O_RDWR);
-      const int taken = by_lease ? fcntl(fildes, F_SETLEASE, F_WRLCK) : lockf(fildes, F_LOCK, 0);
-      if (write(ready[1], taken == 0 ? "y" : "n", 1) == 1) usleep(150000);
+      lockf(open(path.c_str(), O_RDWR), F_LOCK, 0);
+      if (write(ready[1], "y", 1) == 1) usleep(150000);
       *done = true;
       _exit(0);
     }
@@ -211,12 +210,6 @@ TEST_F(trace_file, is_no_place_for_a_thread_to_be_cancelled) {
     EXPECT_EQ(traced, 0);
     EXPECT_EQ(could_be_cancelled, PTHREAD_CANCEL_ENABLE);
   });
-}
-
-TEST_F(trace_file, that_another_process_has_leased_is_waited_for) {
-  const other_process other(path, true); /* which SIGIO ends */
-  if (other.has_it == 'n') GTEST_SKIP() << "the file system has no leases";
-  EXPECT_EQ(trace(path), 0);
 }
 
 TEST_F(trace_file, is_not_waited_for_after_a_signal) {
