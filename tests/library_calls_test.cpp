@@ -235,6 +235,7 @@ static const subject LIBRARY = {
          ROUTINE(zk_determine_max_fsize, c.text(0), c.large(1), c.large(2), c.at(3, &out.size)),
          ROUTINE(zk_allocate_file, c.text(0), c.number(1), c.number(2), c.at(3, &out.size)),
          ROUTINE(zk_make_dump_file_copy, c.text(0), c.at(1, out.text)),
+         ROUTINE(zk_get_dump_file_name, c.at(0, out.text)),
          ROUTINE(zk_test_for_file, c.text(0)),
          ROUTINE(zk_test_for_dir, c.text(0)),
          ROUTINE(zk_make_file_info_msg, out.text, c.text(1), c.text(2), c.text(3), c.number(4), out.error_flags),
