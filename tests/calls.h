@@ -13,7 +13,6 @@
 #define CALLS_H
 
 #include <filesystem>
-#include <functional>
 
 #include "support.h"
 

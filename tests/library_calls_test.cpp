@@ -200,8 +200,6 @@ static long long record(const call& c) {
   if (result == 0) zk_dump_stack(0, nullptr, 0, 0, nullptr, 0, fildes, ZK_NO_CATALOG);
   if (result != 0) puts(contents("stack") == before ? "as it was" : "changed");
   close(fildes);
-  zk_close_recorder(recorder);
-  recorder = nullptr;
   return result;
 }
 

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -178,7 +177,11 @@ std::string difference(const std::string& path, const std::string& now) {
 void in_child(const std::function<void()>& work) {
   pid_t child = fork();
   if (child == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL); /* what hangs ends with the test */
+    sigevent kill = {}; /* what hangs may have its other signals blocked */
+    kill.sigev_signo = SIGKILL;
+    timer_t timer;
+    const itimerspec limit = {{0, 0}, {20, 0}};
+    if (timer_create(CLOCK_MONOTONIC, &kill, &timer) == 0) timer_settime(timer, 0, &limit, nullptr);
     work();
     std::exit(testing::Test::HasFailure() ? 1 : 0); /* not _exit: coverage is written at exit */
   }
