@@ -28,9 +28,11 @@ build() {
     fi
 }
 
-# Runs the tests of a preset, several at a time.
+# Runs the tests of a preset, several at a time; further arguments say which, as ctest takes them.
 run_tests() {
-    ctest --test-dir "build/$1" --output-on-failure --no-label-summary -j "$(nproc)"
+    preset=$1
+    shift
+    ctest --test-dir "build/$preset" --output-on-failure --no-label-summary -j "$(nproc)" "$@"
 }
 
 # Prints what a public header declares, a name a line.
