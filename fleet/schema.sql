@@ -209,4 +209,7 @@ REVOKE ALL ON FUNCTION zelk_put(text, text, text), zelk_make_partition(timestamp
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text) TO zelk_writer;
 GRANT SELECT ON zelk_incident, zelk_incident_other, zelk_notice, zelk_rejected, zelk_gaps TO zelk_reader;
 
+-- The recursive queries above look dear to the planner and are not; compiling them takes longer than they do.
+SELECT format('ALTER DATABASE %I SET jit = off', current_database()) \gexec
+
 COMMIT;
