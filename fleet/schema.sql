@@ -73,7 +73,6 @@ BEGIN
   EXECUTE format('WITH moved AS (DELETE FROM zelk_incident_other WHERE time >= %L AND time < %L RETURNING *)
                   INSERT INTO %I SELECT * FROM moved', first, behind, name);
   EXECUTE format('ALTER TABLE zelk_incident ATTACH PARTITION %I FOR VALUES FROM (%L) TO (%L)', name, first, behind);
-  EXECUTE format('GRANT SELECT ON %I TO zelk_reader', name);
 END $$;
 
 -- What is wrong with a line that claims to be an incident, null for nothing.
