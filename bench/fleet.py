@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Runs what script/bench-fleet measures and prints the table of BENCHMARKS.md. The argument is the folder of the build.
 
 Every node has files and a host name of its own, and what a real one runs: zelk-spool with zkexport, and rsyslog. For

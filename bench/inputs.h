@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* inputs.h - the stacks that are measured, made in memory. */
 #ifndef INPUTS_H
 #define INPUTS_H

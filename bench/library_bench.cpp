@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The routines of the libraries and of the command, beside what they are held against. */
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* make_inputs FOLDER - writes what the commands are measured with: a full stack, long ones, and a file of logins and one
  * of kernel messages with as many entries as the longest has records. */
 #include <utmpx.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Runs what script/bench measures and prints the table of BENCHMARKS.md. The argument is the folder of the build."""
 
 import datetime

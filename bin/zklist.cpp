@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zklist.cpp - copies a stack's records into lists, by process or by related incident. */
 #include "zklist.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zklist.h - what those who fill and those who print the lists of records share; zk_int.h has the rest. */
 #ifndef ZKLIST_H
 #define ZKLIST_H

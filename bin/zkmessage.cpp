@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkmessage.cpp - prints the command's messages: picks the text, fills in its arguments, keeps recorded texts from
  * driving the operator's terminal, and gathers what is to leave in one piece. */
 #include <langinfo.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkopen.cpp - opens an Error Stack: by its name, or by an Error ID that was recorded in it. */
 #include "zkopen.h"
 

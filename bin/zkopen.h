@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkopen.h - which stack files of this node an Error ID can mean. */
 #ifndef ZKOPEN_H
 #define ZKOPEN_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkprint.cpp - prints records, brief and in full, stacks in order of recording, and lists of records. */
 #include <algorithm>
 #include <array>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkrecord.cpp - takes a record apart. Whatever it holds, nothing outside its memory is read but the zero byte behind
  * it. */
 #include "zkrecord.h"

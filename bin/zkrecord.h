@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkrecord.h - takes a record apart: the cursor over its fields, and all of them as one structure. */
 #ifndef ZKRECORD_H
 #define ZKRECORD_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkstatus.h - the exit statuses of zkview; commands that read stacks for others end with the same. */
 #ifndef ZKSTATUS_H
 #define ZKSTATUS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkview.cpp - the command: its options, its views, and what ends it with which message and exit status. */
 #include <nl_types.h>
 #include <unistd.h>

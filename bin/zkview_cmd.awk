@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Turns the message source (gencat format, quoted texts) into the initialisers of the built-in table: one C string
 # literal for each message, in the order of their numbers. The escapes of both are the same, so texts pass unchanged.
 # Ends with an error when a number is missing or out of order.

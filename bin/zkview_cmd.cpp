@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkview_cmd.cpp - the command's message table, made from zkview_cmd.msg, and the name of its catalog. */
 #include <clocale>
 #include <cstdio>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkwalk.cpp - reads an Error Stack under its lock, from the oldest record to the newest. */
 #include "zkwalk.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkwalk.h - one reading of an Error Stack: the lock, the control header, and the step from record to record. Every
  * view walks a stack through it. */
 #ifndef ZKWALK_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* cu_catalog.cpp - finds and reads message catalogs as gencat writes them. A record can name any file, so nothing in one
  * is trusted, and it is read rather than mapped: a file that is truncated meanwhile must not kill the process.
  *

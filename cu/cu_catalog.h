@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* cu_catalog.h - finds and reads the message catalog that a message names. */
 #ifndef CU_CATALOG_H
 #define CU_CATALOG_H

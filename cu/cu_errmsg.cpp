@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* cu_errmsg.cpp - turns the description of an incident into text. */
 #include <algorithm>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* cu_format.cpp - takes formats apart and fills them. */
 #include "cu_format.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* cu_format.h - fills the conversions of a text with typed arguments. The text may come from a record or from a message
  * catalog, so it is never handed to printf: it is taken apart here, and each argument is printed by its own type.
  *

@@ -1,3 +1,4 @@
+-- SPDX-License-Identifier: MIT
 -- schema.sql - the database of a fleet: one row an incident, whatever is delivered twice, and what can be asked of it.
 --
 -- Made once, by the owner of an empty database (PostgreSQL 15), from any folder:

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* catalog.cpp - the input is a set, a message number, and a file: once the file is the catalog that a record
  * names, and once a text of the command's own catalog. */
 #include <cstring>

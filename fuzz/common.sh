@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=sh
 # Sourced by script/fuzz and script/fuzz-check behind script/common.sh, from the repository's root.
 

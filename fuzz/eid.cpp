@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* eid.cpp - the input is an Error ID, which is decoded and searched for. */
 #include <cstring>
 

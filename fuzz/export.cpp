@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export.cpp - the input is an Error Stack file; zkexport makes lines of JSON, a digraph and a page of it. Whatever was
  * recorded, all are well formed, and the lines are taken back. */
 #include <algorithm>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* format.cpp - the input is a value of 8 bytes and a format, which gets arguments of every type. */
 #include <cstring>
 

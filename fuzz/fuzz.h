@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* fuzz.h - what the fuzz targets share. A target builds what its input stands for, hands it to the product
  * and checks what the product promises; the sanitizers see to the rest. A failed check aborts: the line is in
  * the stack that libFuzzer prints. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* recorder.cpp - the input is an Error Stack that a recorder is given: it goes on, and the stack can then be shown, or it
  * leaves the stack alone. */
 #include "fuzz.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* stack.cpp - the input is an Error Stack file; it goes through every view. */
 #include <algorithm>
 

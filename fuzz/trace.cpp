@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* trace.cpp - the input is a message, a NUL and a trace file; the message is appended to the file. */
 #include <algorithm>
 #include <cerrno>

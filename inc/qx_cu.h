@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* qx_cu.h - the description of an incident as the common-utility library takes it, and the call that turns it
  * into text. Usable from C11 and from C++. The same layout serves the bundled library and a site's own
  * libqx_cu.so. */

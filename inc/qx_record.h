@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* qx_record.h - recording incidents into an Error Stack. Usable from C11 and from C++.
  *
  * A recorder is an open stack. What a call of zk_record_incident acknowledged by returning 0 is in the file, and every

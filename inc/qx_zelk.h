@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* qx_zelk.h - what a program that records incidents links: Error IDs, node addresses, the shared debug trace file
  * and file utilities. Usable from C11 and from C++.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_layout.h - the layout of an Error Stack file: the one place that its readers and writers share.
  *
  *   offset  bytes

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_msg.h - the texts that the command prints: their numbers, the built-in table and the one way to print them. */
 #ifndef ZK_MSG_H
 #define ZK_MSG_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_create_stack.cpp - makes an empty Error Stack, which appears under its name whole or not at all. */
 #include <fcntl.h>
 #include <libgen.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_record_image.cpp - makes the bytes of a record. */
 #include "zk_record_image.h"
 

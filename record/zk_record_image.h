@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_record_image.h - makes the bytes of a record: the writing side of the layout that zk_layout.h draws. */
 #ifndef ZK_RECORD_IMAGE_H
 #define ZK_RECORD_IMAGE_H

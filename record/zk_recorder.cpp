@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_recorder.cpp - records incidents.
  *
  * A reader starts at earliest_rec and stops as soon as it is at write_pos behind a record, so what the header does not

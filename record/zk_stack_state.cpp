@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_stack_state.cpp - follows the records of a stack as a reader does, and finds room for the next one.
  *
  * The records lie in one of two shapes. Offsets grow to the right; S is records_start, E earliest_rec, W write_pos:

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_stack_state.h - what a recorder has to know of a stack, and where its next record goes. */
 #ifndef ZK_STACK_STATE_H
 #define ZK_STACK_STATE_H

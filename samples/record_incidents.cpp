@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* record_incidents.cpp - records incidents in an Error Stack.
  *
  *   record_incidents [-z SIZE] [-n COUNT] [-j PROCESSES] [-p PAUSE_MS] [-F] STACK

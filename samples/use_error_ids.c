@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* use_error_ids.c - makes an Error ID as a recording program does, and takes it apart again.
  *
  *   use_error_ids            for a syslog message at facility local0, severity "error"

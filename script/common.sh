@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=sh
 # Sourced by the scripts beside it, from the repository's root: installing what is missing, and building.
 

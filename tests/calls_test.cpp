@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* calls_test.cpp - the command's routines, called one by one: what each check answers, prints and traces, as it stands in
  * golden/NAME.calls. */
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The message catalog that a message names: where it is looked for, what is read, what stands in for a bad one. */
 #include "faults.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* concurrency_test.cpp - many at once: programs that record, reports, readers that do not read, shared logs and traces. */
 #include <fcntl.h>
 #include <sys/ioctl.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* create_stack_test.cpp - makes empty stacks, also where that fails. */
 #include <sys/mount.h>
 #include <sys/resource.h>

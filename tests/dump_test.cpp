@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Copies of dump files, and what a path leads to. */
 #include "faults.h"
 

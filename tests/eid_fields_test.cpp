@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Base-64 numbers and the fields of an Error ID. */
 #include "faults.h"
 

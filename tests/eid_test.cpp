@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Error IDs as a whole: made, and taken apart. */
 #include "node.h"
 

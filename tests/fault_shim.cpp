@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* fault_shim.cpp - preloaded into the command: one thing that it does with a file, or with memory, fails.
  *
  *   FAULT      "EFFECT FILE NUMBER ERROR", for example "reading disk 2 EIO": the second time that a file of that name

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* fault_test.cpp - the command while something fails at the first, the second, ... time that it can, until there is none
  * any more. */
 #include <unistd.h>

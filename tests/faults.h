@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* faults.h - the system as a test wants it: a call that fails, reads and writes that take less, a clock that stands. The
  * calls of the libraries come here, since they are linked into the test program. To be included before anything else, by
  * one source of a program. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Files whose space is reserved: how large they may be, how they are made, what is left of them after a fault. */
 #include "faults.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The text of a message: its conversions, filled with typed arguments. */
 #include <sys/resource.h>
 

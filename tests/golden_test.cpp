@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* golden_test.cpp - what the command says, word for word. Each file of golden/ tells a story:
  *
  *   # any line                what follows is about; it ends the output of a command

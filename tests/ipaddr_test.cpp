@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The addresses of a node: those of its interfaces, and their code in an Error ID. */
 #include "node.h"
 

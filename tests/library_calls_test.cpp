@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Calls that stand in text files, tests/golden/library/NAME.calls: each with its result, what it traces and what it gives,
  * that is, the outputs that it changes and the file "made", if there is one then. "out" stands for the place of an output.
  *

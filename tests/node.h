@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* node.h - the network interfaces of a node, as a test wants them. To be included by one source of a program. */
 #ifndef NODE_H
 #define NODE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The routines that take records apart and look for them, called one by one. Records stand in memory of their exact size
  * with the one zero byte behind them, so that a memory checker sees what is read outside. */
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* recorder_test.cpp - records into stacks of all kinds, with the disk refusing and the process dying at every write, and
  * looks at what the command shows of them. */
 #include <fcntl.h>

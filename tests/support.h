@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* support.h - what the tests share: stacks built in memory, programs run in an environment of their own, traces, golden
  * files, and a private /var for what lives under /var/adm. */
 #ifndef SUPPORT_H

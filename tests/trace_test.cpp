@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The debug trace file: its name, its bytes, and all its writers at once. */
 #include "faults.h"
 

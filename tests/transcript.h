@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* transcript.h - what the routines say, in files that read like documentation: tests/golden/NAME.calls has a call with its
  * result, its outputs and what it traces, one call after another. A test makes the calls and compares. With
  * RENEW_GOLDEN in the environment it writes the file instead. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The texts and numbers that recording programs make. */
 #include "support.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The views of the command over long and large stacks, and what a walk leaves behind. */
 #include <fcntl.h>
 #include <sys/resource.h>

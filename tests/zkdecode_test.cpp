@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* What zkdecode shows of an Error ID, and what it says of a text that is none. */
 #include <filesystem>
 #include <fstream>

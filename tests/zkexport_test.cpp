@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The command that exports incidents, read by independent readers: jq, Python, Graphviz, a browser. */
 #include <limits>
 

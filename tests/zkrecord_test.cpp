@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Recording from a script: the command line, what is recorded, and what is said when it is not. */
 #include <filesystem>
 

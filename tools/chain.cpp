@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* chain.cpp - puts incidents of several stacks together. */
 #include "chain.h"
 

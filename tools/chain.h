@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* chain.h - incidents with what caused them, as the formats for the eye take them. */
 #ifndef CHAIN_H
 #define CHAIN_H

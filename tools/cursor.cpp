@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* cursor.cpp - reads and writes the cursor: lines of the mark of a stack and its path, between a first and a last line by
  * which a file that is cut short, or another one, is known.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* cursor.h - the file that says how far stacks have been given out. */
 #ifndef CURSOR_H
 #define CURSOR_H

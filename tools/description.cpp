@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* description.cpp - takes a format and its arguments as printf(1) does. */
 #include "description.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* description.h - what printf(1) takes, made into what an incident records: a text with conversions, and typed
  * arguments. */
 #ifndef DESCRIPTION_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export.h - what zkexport is asked for, and the ways in which it answers. */
 #ifndef EXPORT_H
 #define EXPORT_H

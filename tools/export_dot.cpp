@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export_dot.cpp - draws a chain of causes as a Graphviz digraph. */
 #include <map>
 
@@ -49,7 +50,7 @@ static std::string folded(std::string_view text) {
 }
 
 static std::string node_name(size_t index) {
-  return "i" + std::to_string(index);
+  return std::string("i").append(std::to_string(index));
 }
 
 /* The nodes of a process, in a box. */
@@ -84,7 +85,7 @@ std::string make_dot(const chain_t& chain) {
     if (chain.causes[index] != NO_CAUSE) {
       from = node_name(chain.causes[index]);
     } else {
-      const auto [known, is_new] = outside.try_emplace(cause, "c" + std::to_string(outside.size()));
+      const auto [known, is_new] = outside.try_emplace(cause, std::string("c").append(std::to_string(outside.size())));
       from = known->second;
       if (is_new)
         dot += "  " + from + " [label=" + quoted(cause + "\nnot recorded here") +

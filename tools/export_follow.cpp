@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export_follow.cpp - gives out incidents as they are recorded. The file system says when there is something to read.
  *
  * The signals that end the run are blocked but while it waits: for the lock of a stack, for something to happen, for the

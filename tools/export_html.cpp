@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export_html.cpp - one page that shows incidents on a time line and as a tree of causes and effects. It runs no script,
  * and the only ids on it are those of incidents: what was recorded cannot meet another one. */
 #include <algorithm>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export_json.cpp - gives out what stacks hold as lines of JSON. */
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* export_page.cpp - gathers incidents, from stacks or from standard input, and gives them out as one file. */
 #include <unistd.h>
 

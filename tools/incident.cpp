@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* incident.cpp - takes an incident from a record. */
 #include "incident.h"
 

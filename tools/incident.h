@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* incident.h - an incident as the formats of zkexport take it, from a record or from a line of JSON. */
 #ifndef INCIDENT_H
 #define INCIDENT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* json.cpp - writes incidents as lines of JSON, with their keys in a fixed order. */
 #include "json.h"
 

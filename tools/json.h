@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* json.h - incidents as lines of JSON. */
 #ifndef JSON_H
 #define JSON_H

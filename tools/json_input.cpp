@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* json_input.cpp - takes a line of JSON as json.cpp writes it. Pipelines may have added keys of their own. */
 #include <rapidjson/document.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* json_line.cpp - writes lines of JSON that no recorded byte can break. */
 #include "json_line.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* json_line.h - writing lines of JSON, an object each. */
 #ifndef JSON_LINE_H
 #define JSON_LINE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* stacks.cpp - finds stacks, and walks them without printing. */
 #include "stacks.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* stacks.h - which stacks are exported, and how one is read. */
 #ifndef STACKS_H
 #define STACKS_H

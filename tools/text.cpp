@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* text.cpp - checks and repairs recorded texts. */
 #include "text.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* text.h - recorded texts for formats that are UTF-8, whatever was recorded. */
 #ifndef TEXT_H
 #define TEXT_H

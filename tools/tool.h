@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* tool.h - what the companion commands have in common: how they take options, trace, and end. */
 #ifndef TOOL_H
 #define TOOL_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* unread.cpp - finds where the reading of a stack goes on. A record is known again by its offset and its bytes: writing
  * that comes round puts another one there. */
 #include "unread.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* unread.h - the records of a stack that have not been given out yet, as lines of JSON. */
 #ifndef UNREAD_H
 #define UNREAD_H

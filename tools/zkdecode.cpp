@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkdecode.cpp - the command that shows what an Error ID says. */
 #include <arpa/inet.h>
 #include <sys/time.h>

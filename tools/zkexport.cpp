@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkexport.cpp - the command that gives incidents to scripts, pages and pipelines: its options, and what all its formats
  * need. */
 #include <unistd.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zkrecord.cpp - the command that records an incident for a script. */
 #include <unistd.h>
 

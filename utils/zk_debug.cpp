@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_debug.cpp - the debug trace file. */
 #include <fcntl.h>
 #include <pthread.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_dump.cpp - copies of dump files. */
 #include <fcntl.h>
 #include <libgen.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_eid.cpp - whole Error IDs: decoding and generation. Version 2 adds syslog messages to version 1. */
 #include <arpa/inet.h>
 #include <syslog.h>

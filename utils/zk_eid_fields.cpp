@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_eid_fields.cpp - the fields of an Error ID, each with a "get" routine from the value to the field's text and a
  * "conv" routine back. */
 #include <dirent.h>

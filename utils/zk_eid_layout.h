@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_eid_layout.h - how the 42 characters of an Error ID lie, for those that take one apart or put one together.
  * qx_zelk.h says what they mean. */
 #ifndef ZK_EID_LAYOUT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_files.cpp - files whose space is reserved when they are made, within what the file system can spare. */
 #include <fcntl.h>
 #include <libgen.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_io.h - reading, writing and opening that carry on: after a short or interrupted call, and past a lease; and what
  * keeps them off the standard streams. */
 #ifndef ZK_IO_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_ipaddr.cpp - the addresses of this node: found at its network interfaces, encoded for an Error ID, decoded and
  * recognised again. */
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_stack_file.cpp - finds and opens the file of an Error Stack. */
 #include "zk_stack_file.h"
 

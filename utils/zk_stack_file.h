@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_stack_file.h - the one way in which the name of an Error Stack becomes an open file. */
 #ifndef ZK_STACK_FILE_H
 #define ZK_STACK_FILE_H

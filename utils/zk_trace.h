@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_trace.h - how a routine traces what it decides. A public routine makes a zk_trace_t of the trace pair that it is
  * given and of its own name, and hands that on to the steps that work for it:
  *

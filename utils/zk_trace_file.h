@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_trace_file.h - the layout of the debug trace file, shared by the routine that makes it and those that
  * write it. qx_zelk.h shows it as a whole. */
 #ifndef ZK_TRACE_FILE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* zk_utils.cpp - base-64 numbers and what recording programs need beside the Error ID. */
 #include <syslog.h>
 

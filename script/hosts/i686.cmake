@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # 32 bits, little-endian. The host's kernel runs these programs; they bring their own loader.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # 32 bits, big-endian: the byte order and union layout that Error Stacks were first written in. Runs under qemu-user.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR powerpc)

@@ -1,0 +1,125 @@
+# SPDX-License-Identifier: MIT
+# shellcheck shell=bash
+# Completion for bash (with bash-completion): zkview, zkrecord, zkdecode and zkexport.
+
+# Takes the words before the cursor. Stores in `given` the options, "STACK" for a name and "PICTURE" for --format=dot or
+# --format=html, and in `awaiting` the option whose argument the cursor is at.
+_zkview_take_words() {
+    local word
+    given=() awaiting=
+    for word in "${words[@]:1:cword-1}"; do
+        if [[ $awaiting ]]; then
+            [[ $awaiting == @(-o|--format) && $word == @(dot|html) ]] && given+=(PICTURE)
+            awaiting=
+        elif [[ $word == --*=* ]]; then
+            given+=("${word%%=*}")
+            [[ $word == --format=@(dot|html) ]] && given+=(PICTURE)
+        elif [[ $word == --* ]]; then
+            given+=("$word")
+            [[ " $with_argument " == *" $word "* ]] && awaiting=$word
+        elif [[ $word == -?* ]]; then
+            # Letters up to one that takes the rest for its argument, or the next word.
+            while [[ ${word:=-} != - ]]; do
+                given+=("${word:0:2}")
+                if [[ " $with_argument " == *" ${word:0:2} "* ]]; then
+                    [[ ${word:2} ]] || awaiting=$word
+                    break
+                fi
+                word=-${word:2}
+            done
+        else
+            given+=(STACK)
+        fi
+    done
+}
+
+# Whether the option may be given beside what is given: nothing of a set that it is in, and nothing that goes alone.
+_zkview_may_give() {
+    local option=$1 set other
+    [[ ${#given[@]} -eq 0 ]] || [[ " $alone " != *" $option "* ]] || return 1
+    for other in "${given[@]}"; do
+        [[ " $alone " != *" $other "* ]] || return 1
+        [[ $other != "$option" || $option != STACK ]] || continue # there may be several
+        for set in "${sets[@]}"; do
+            [[ " $set " == *" $option "* && " $set " == *" $other "* ]] && return 1
+        done
+    done
+    return 0
+}
+
+# Offers the words given that begin like the one at the cursor.
+_zkview_offer() {
+    mapfile -t COMPREPLY < <(compgen -W "$*" -- "$cur")
+}
+
+_zkview_offer_stacks() {
+    if [[ $cur == /* ]]; then
+        _filedir
+    else
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(cd /var/adm/zelk/stacks 2>/dev/null && compgen -f -- "$cur")
+    fi
+}
+
+_zkview_offer_formats() {
+    local format formats=()
+    for format in json dot html; do
+        [[ $format == json ]] && _zkview_may_give JSON && formats+=("$format")
+        [[ $format != json ]] && _zkview_may_give PICTURE && formats+=("$format")
+    done
+    _zkview_offer "${formats[@]}"
+}
+
+_zkview_offer_options() {
+    local set option options=()
+    for set in "${sets[@]}" "$alone"; do
+        for option in $set; do
+            [[ $option == -* && " ${options[*]} " != *" $option "* ]] && _zkview_may_give "$option" && options+=("$option")
+        done
+    done
+    _zkview_offer "${options[@]}"
+}
+
+_zkview() {
+    local cur prev words cword split given awaiting
+    _init_completion -s || return
+
+    # Of each set one option may be given.
+    local sets with_argument alone='-h --help --version' command=${words[0]##*/}
+    case $command in
+        zkview)
+            sets=('-a' '-d -p -r -i' '-f -s' '-i -s')
+            with_argument='-f -s' alone='-h'
+            ;;
+        zkrecord)
+            sets=('-c --cause' '-d --details' '-D --dump' '-p --process' '--pid' '--file' '--line' '--file-version'
+                '--product' '-m --message' '-C --create' '-q --quiet')
+            with_argument='-c --cause -d --details -D --dump -p --process --pid --file --line --file-version --product
+                -m --message'
+            with_argument=${with_argument//$'\n'/ }
+            ;;
+        zkdecode)
+            sets=('-j --json')
+            with_argument=
+            ;;
+        zkexport)
+            sets=('-o --format' '-i --id -e --every --input STACK' '-f --follow -i --id' '-c --cursor-file -i --id'
+                '-f --follow PICTURE' '-f --follow --input' '-c --cursor-file PICTURE' '-c --cursor-file --input' 'JSON --input')
+            with_argument='-o --format -i --id -c --cursor-file'
+            ;;
+    esac
+    _zkview_take_words
+    [[ $split == true ]] && awaiting=$prev
+
+    case $command:$awaiting in
+        zkview:-s) _zkview_offer_stacks ;;
+        zkrecord:-D | zkrecord:--dump | zkrecord:--file | zkexport:-c | zkexport:--cursor-file) _filedir ;;
+        zkexport:-o | zkexport:--format) _zkview_offer_formats ;;
+        *:-*) ;; # text, a number or an Error ID
+        zkrecord:) [[ " ${given[*]} " == *' STACK '* ]] || if [[ $cur == -* ]]; then _zkview_offer_options; else _zkview_offer_stacks; fi ;;
+        zkexport:) if [[ $cur == -* ]]; then _zkview_offer_options; elif _zkview_may_give STACK; then _zkview_offer_stacks; fi ;;
+        *) [[ $cur != -* && $command != zkview ]] || _zkview_offer_options ;;
+    esac
+}
+
+complete -F _zkview zkview zkrecord zkdecode zkexport

@@ -1,0 +1,100 @@
+# SPDX-License-Identifier: MIT
+# Packages by CPack, one for each component: what script/package makes.
+set(ZKVIEW_PACKAGER "the zkview authors <zkview@localhost>" CACHE STRING "Who answers for the packages")
+set(release 1)
+
+set(CPACK_PACKAGE_NAME zkview)
+set(CPACK_PACKAGE_VENDOR "the zkview authors")
+set(CPACK_PACKAGE_CONTACT ${ZKVIEW_PACKAGER})
+set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_COMPONENTS_ALL "")
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${release})
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+set(CPACK_DEBIAN_TEMPLATES ${CMAKE_CURRENT_SOURCE_DIR}/debian)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/debian.cmake)
+
+set(CPACK_RPM_COMPONENT_INSTALL ON)
+set(CPACK_RPM_PACKAGE_RELEASE ${release})
+set(CPACK_RPM_PACKAGE_LICENSE MIT)
+set(CPACK_RPM_PACKAGE_RELOCATABLE OFF)
+set(CPACK_RPM_SPEC_MORE_DEFINE "%define _build_id_links none")
+# Folders that belong to other packages.
+foreach(folder lib/sysusers.d lib/tmpfiles.d lib64/cmake lib64/pkgconfig share/bash-completion
+               share/bash-completion/completions share/fish share/fish/vendor_completions.d
+               share/fish/vendor_functions.d share/locale share/locale/C share/locale/C/LC_MESSAGES share/locale/de
+               share/locale/de/LC_MESSAGES share/man share/man/man1 share/man/man3 share/man/man5 share/man/man7
+               share/zsh share/zsh/site-functions)
+  list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION ${CMAKE_INSTALL_PREFIX}/${folder})
+endforeach()
+
+# Makes the component a package.
+macro(add_package component deb_name rpm_name section summary description)
+  list(APPEND CPACK_COMPONENTS_ALL ${component})
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${deb_name})
+  set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${section})
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}\n${description}")
+  set(CPACK_RPM_${upper}_PACKAGE_NAME ${rpm_name})
+  set(CPACK_RPM_${upper}_FILE_NAME RPM-DEFAULT)
+  set(CPACK_RPM_${upper}_PACKAGE_SUMMARY "${summary}")
+  set(CPACK_RPM_${upper}_PACKAGE_DESCRIPTION "${description}")
+endmacro()
+
+add_package(zkview zkview zkview admin "report the Error Stacks of this node"
+"When something fails on a node, its programs record the incident in an Error
+Stack, a file of fixed size that holds the newest incidents. zkview reports
+what such a file holds: in order of recording, by chain of cause, or by
+process. zkrecord records an incident for a script, zkdecode shows what an
+Error ID says, and zkexport gives incidents as lines of JSON, as a graph and
+as a page.")
+set(scripts ${CMAKE_CURRENT_SOURCE_DIR}/debian)
+set(CPACK_DEBIAN_ZKVIEW_PACKAGE_DEPENDS passwd)
+set(CPACK_DEBIAN_ZKVIEW_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/postrm)
+set(CPACK_RPM_ZKVIEW_POST_INSTALL_SCRIPT_FILE ${scripts}/postinst)
+
+add_package(dev libzkview-dev zkview-devel libdevel "record incidents in Error Stacks: development files"
+"Headers, libraries and manual pages for programs that record incidents: making
+and decoding Error IDs, node addresses, the debug trace file, descriptions.")
+set(deb_needs libc6-dev)
+set(rpm_needs glibc-devel)
+
+if(BUILD_SHARED_LIBS)
+  set(qx_zelk_summary "Error IDs and trace files for programs that record incidents")
+  set(qx_zelk_description
+"Makes and decodes Error IDs, which name an incident by place, time and node.
+Writes the debug trace file that all programs of a node share, preserves dump
+files and reserves the space of new files.")
+  set(qx_record_summary "record incidents in Error Stacks")
+  set(qx_record_description
+"Writes records into the Error Stacks that zkview reports, from any number of
+processes and threads at a time. What has been recorded is found again, however
+the program that recorded it came to its end.")
+  set(qx_cu_summary "descriptions of incidents as texts")
+  set(qx_cu_description
+"Makes the description of an incident from a message of a catalog, or from its
+default, and the arguments that were recorded. Neither a damaged catalog nor
+arguments that do not fit lead it astray.")
+  foreach(name ${libraries})
+    set(rpm_name lib${name}${PROJECT_VERSION_MAJOR})
+    string(REPLACE _ - deb_name ${rpm_name})
+    add_package(${name} ${deb_name} ${rpm_name} libs "${${name}_summary}" "${${name}_description}")
+    set(CPACK_DEBIAN_${upper}_PACKAGE_SHLIBDEPS ON)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA ${scripts}/triggers)
+    string(APPEND deb_needs ", ${deb_name} (= ${PROJECT_VERSION}-${release})")
+    string(APPEND rpm_needs ", ${rpm_name} = ${PROJECT_VERSION}-${release}")
+  endforeach()
+  set(CPACK_DEBIAN_QX_RECORD_PACKAGE_DEPENDS
+      "libqx-zelk${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}-${release})")
+endif()
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS ${deb_needs})
+set(CPACK_RPM_DEV_PACKAGE_REQUIRES ${rpm_needs})
+
+include(CPack)
