@@ -107,6 +107,7 @@ DECLARE
   problem text;
   at timestamptz;
   id text;
+  known json;
 BEGIN
   host := left(host, 255);
   place := left(place, 255);
@@ -133,15 +134,14 @@ BEGIN
     id := '#' || encode(sha256(convert_to(host || ' ' || (said->>'stack') || ' ' || (said->>'offset') || ' ' ||
                                           zelk_essence(said)::text, 'UTF8')), 'hex');
   END IF;
-  PERFORM zelk_make_partition(at);
-  INSERT INTO zelk_incident (time, key, cause, host, incident)
-    VALUES (at, id, nullif(said->>'cause', ''), host, line::json) ON CONFLICT DO NOTHING;
-  IF NOT FOUND THEN -- delivered again, or another incident that has the ID of this one
+  SELECT i.incident INTO known FROM zelk_incident i WHERE i.key = id LIMIT 1;
+  IF NOT FOUND THEN
+    PERFORM zelk_make_partition(at);
+    INSERT INTO zelk_incident (time, key, cause, host, incident)
+      VALUES (at, id, nullif(said->>'cause', ''), host, line::json) ON CONFLICT DO NOTHING;
+  ELSIF zelk_essence(known::jsonb) <> zelk_essence(said) THEN
     INSERT INTO zelk_rejected (host, place, reason, line)
-      SELECT zelk_put.host, zelk_put.place, 'another incident has this Error ID', zelk_put.line
-        FROM zelk_incident known
-        WHERE known.key = id AND known.time = at AND zelk_essence(known.incident::jsonb) <> zelk_essence(said)
-      ON CONFLICT DO NOTHING;
+      VALUES (host, place, 'another incident has this Error ID', line) ON CONFLICT DO NOTHING;
   END IF;
 END $$;
 
