@@ -146,7 +146,7 @@ BEGIN
 END $$;
 
 -- ---- Asking ---------------------------------------------------------------------------------------------------------
--- All of these follow causes across nodes, and end where causes go round in a circle.
+-- All of these follow causes across nodes, over 1,000 steps at most, and end where causes go round in a circle.
 
 -- The incident `id`, the one that caused it, and so on to the first cause. A cause that has not come in ends the list.
 CREATE FUNCTION zelk_causes(id text)
@@ -155,7 +155,7 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
     SELECT 0 AS depth, i.key, i.time, i.host, i.cause, i.incident FROM zelk_incident i WHERE i.key = zelk_causes.id
     UNION ALL
     SELECT trail.depth + 1, i.key, i.time, i.host, i.cause, i.incident
-      FROM trail JOIN zelk_incident i ON i.key = trail.cause
+      FROM trail JOIN zelk_incident i ON i.key = trail.cause WHERE trail.depth < 1000
   ) CYCLE key SET is_again USING seen
   SELECT trail.depth, trail.key, trail.time, trail.host, trail.cause, trail.incident
     FROM trail WHERE NOT is_again ORDER BY trail.depth $$;
@@ -171,7 +171,7 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
     UNION ALL
     SELECT trail.depth + 1, i.key, i.time, i.host, i.cause, i.incident,
            trail.way || (coalesce(i.incident->>'id_time', i.incident->>'time') || i.key)
-      FROM trail JOIN zelk_incident i ON i.cause = trail.key
+      FROM trail JOIN zelk_incident i ON i.cause = trail.key WHERE trail.depth < 1000
   ) CYCLE key SET is_again USING seen
   SELECT trail.depth, trail.key, trail.time, trail.host, trail.cause, trail.incident
     FROM trail WHERE NOT is_again ORDER BY trail.way $$;
@@ -187,14 +187,15 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
 CREATE FUNCTION zelk_first_causes(since timestamptz)
 RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json) LANGUAGE sql STABLE AS $$
   WITH RECURSIVE trail AS (
-    SELECT i.key AS effect, i.key, i.cause FROM zelk_incident i WHERE i.time >= zelk_first_causes.since
+    SELECT 0 AS depth, i.key AS effect, i.key, i.cause FROM zelk_incident i WHERE i.time >= zelk_first_causes.since
     UNION ALL
-    SELECT trail.effect, trail.cause, (SELECT i.cause FROM zelk_incident i WHERE i.key = trail.cause LIMIT 1)
-      FROM trail WHERE trail.cause IS NOT NULL
-  ) CYCLE key SET is_again USING seen,
+    SELECT trail.depth + 1, trail.effect, trail.cause,
+           (SELECT i.cause FROM zelk_incident i WHERE i.key = trail.cause LIMIT 1)
+      FROM trail WHERE trail.cause IS NOT NULL AND trail.depth < 1000
+  ),
   heads AS (
     SELECT trail.key, count(*) FILTER (WHERE trail.effect <> trail.key) AS effects
-      FROM trail WHERE trail.cause IS NULL AND NOT is_again GROUP BY trail.key
+      FROM trail WHERE trail.cause IS NULL GROUP BY trail.key
   )
   SELECT heads.effects, heads.key, i.time, i.host, i.incident
     FROM heads LEFT JOIN zelk_incident i USING (key) ORDER BY heads.effects DESC, i.time $$;
