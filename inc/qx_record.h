@@ -68,7 +68,8 @@ int zk_open_recorder(int debug_active, const char* debug_file, const char* stack
 /* Records an incident, now, and stores its new Error ID, of version 2, in `eid`: no two of a node are equal, and records
  * stand in the order of their times. The node address in it is the value of ZELKADDR when that is one, else the node's
  * own as it was when the recorder was opened. A record's body is at most 1024 bytes: details that do not fit are cut, at
- * a whole UTF-8 character, and end in "..."; where not even that fits, they are empty.
+ * a whole UTF-8 character, and end in "..."; where not even that fits, they are empty. `eid` may be where
+ * the associated Error ID stands.
  * Returns 0; ZELK_INV_PARAM3 null recorder; ZELK_INV_PARAM4 null incident, or arguments that are null while counted, of
  * a kind other than CU_ERROR_ARG_..., or null texts; ZELK_INV_PARAM5 null `eid`; ZELK_INV_FID an associated Error ID that
  * is neither empty nor 42 characters; ZELK_INV_RECLEN too long even without details; ZELK_LOCK; ZELK_FILE_CORRUPT the

@@ -307,10 +307,9 @@ static int record_locked(zk_recorder_t* recorder, const zk_incident_t& incident,
   return recorder->is_known ? ZELK_SUCCESS : zk_result_of_errno(errno, WRITE_RESULTS);
 }
 
-int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* recorder, const zk_incident_t* incident,
-                       zk_eid_t eid) {
-  const zk_trace_t trace = {debug_active, debug_file, __func__};
-  if (eid != nullptr) eid[0] = '\0';
+/* The work of zk_record_incident: `made` receives the Error ID, and may hold one after a failure too. */
+static int record_incident(const zk_trace_t& trace, zk_recorder_t* recorder, const zk_incident_t* incident,
+                           const char* eid, zk_eid_t made) {
   if (recorder == nullptr)
     return zk_failed(trace, ZELK_INV_PARAM3, "Called without a recorder\nReturning %s(%d) to caller");
   if (incident == nullptr || !has_good_arguments(*incident))
@@ -328,7 +327,6 @@ int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* 
 
   const int cancel_state = put_off_cancellation();
   int result = ZELK_LOCK;
-  zk_eid_t made = {};
   const bool is_locked = set_lock(recorder->fildes, F_WRLCK);
   if (is_locked) result = record_locked(recorder, *incident, &image, made);
   const int error = errno;
@@ -336,8 +334,16 @@ int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* 
   pthread_setcancelstate(cancel_state, nullptr);
   if (result != ZELK_SUCCESS)
     return zk_failed(trace, result, "Cannot record the incident - error code %d\nReturning %s(%d) to caller", error);
-  std::memcpy(eid, made, sizeof made);
-  return zk_succeeded(trace, "Recorded incident %s\nReturning %s(%d) to caller", eid);
+  return zk_succeeded(trace, "Recorded incident %s\nReturning %s(%d) to caller", made);
+}
+
+int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* recorder, const zk_incident_t* incident,
+                       zk_eid_t eid) {
+  zk_eid_t made = {};
+  const int result = record_incident({debug_active, debug_file, __func__}, recorder, incident, eid, made);
+  if (result != ZELK_SUCCESS) made[0] = '\0';
+  if (eid != nullptr) std::memcpy(eid, made, sizeof made); /* last: its text may be the cause of the incident */
+  return result;
 }
 
 void zk_close_recorder(zk_recorder_t* recorder) {

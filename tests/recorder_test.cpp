@@ -381,6 +381,17 @@ TEST(argument, of_every_kind_is_shown) {
   EXPECT_NE(report.find("-1 2 1099511627776 4.5 %d sda (nil)"), report.npos) << report;
 }
 
+TEST(incident, may_be_the_cause_of_the_next_in_the_same_buffer) {
+  const std::string path = empty_stack();
+  zk_eid_t eid;
+  EXPECT_EQ(record(path, incident_of("cause"), eid), 0);
+  const std::string cause = eid;
+  zk_incident_t effect = incident_of("effect");
+  effect.associated_eid = eid;
+  EXPECT_EQ(record(path, effect, eid), 0);
+  EXPECT_NE(contents(path).find(text(eid) + text(cause)), std::string::npos);
+}
+
 TEST(incident, is_checked_in_order) {
   const std::string path = empty_stack(), before = contents(path), too_long(895, 'm'), forty_three(43, 'x');
   zk_recorder_t* recorder = nullptr;

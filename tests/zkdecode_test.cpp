@@ -96,5 +96,5 @@ TEST_F(zkdecode_of_a_stack, needs_no_stack_and_no_directory) {
 
 TEST(zkdecode, fails_when_it_cannot_write) {
   const outcome full = shell(program("zkdecode") + " 60....." + HERE + " >/dev/full");
-  EXPECT_EQ(full, (outcome{"", "zkdecode: cannot write standard output: No space left on device\n", 1}));
+  EXPECT_EQ(full, (outcome{"", "zkdecode: standard output: No space left on device\n", 1}));
 }

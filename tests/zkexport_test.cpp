@@ -98,6 +98,8 @@ TEST(json, tells_where_a_stack_is_damaged_and_goes_on_with_the_next) {
   EXPECT_EQ(all.err, "zkexport: " + stacks[3] + ": there is no such stack\n");
   EXPECT_EQ(all.status, 24);
   EXPECT_EQ(zkexport({stacks[3]}).status, 20);
+  EXPECT_EQ(zkexport({"/tmp"}).status, 99); /* and yet damage is worse */
+  EXPECT_EQ(zkexport({"/tmp", stacks[2], stacks[3]}).status, 24);
   EXPECT_EQ(script("jq -c '.description // [.error[]]' " + new_file(all.out)),
             "\"one\"\n"
             "[-26,\"ZELK_FILE_CORRUPT\",181,\"the record's length is out of range\"]\n"
@@ -116,6 +118,8 @@ TEST(node, exports_every_stack_by_name_and_the_incident_of_an_id) {
             "a first of a\na more\nb first of b\nb more\n");
   const std::string id = taken.substr(0, 42);
   EXPECT_EQ(script("$zkexport --id=" + id + " | jq -r '.stack, .id'"), "b\n" + id + "\n");
+  const std::string gone = std::string(id).replace(7, 6, "zzzzzz"); /* zkview would show the stack */
+  EXPECT_EQ(zkexport({"--id", gone}), (outcome{"", "zkexport: " + gone + ": its stack no longer holds it\n", 0}));
   for (const std::string& bad : {id.substr(1), "." + id.substr(1), std::string(id).replace(17, 6, "o/////"),
                                  std::string(id).replace(1, 6, "zzzzzz")})
     EXPECT_EQ(zkexport({"--id", bad}).status, zkview({"-f", bad}).status) << bad;
@@ -128,7 +132,7 @@ static const std::string FOLLOW =
     "shown() { jq -r '.description // (.gap // .error | tostring)' out | tr '\\n' ' '; }; touch out; ";
 
 TEST(follow, gives_what_is_recorded_in_a_stack_that_appears_later_and_is_replaced) {
-  EXPECT_EQ(script(FOLLOW + "s=$folder/sub/s; follow $s; sleep 0.3; mkdir sub;"
+  EXPECT_EQ(script(FOLLOW + "s=$folder/sub/s; ln -s $s link; follow $folder/link; sleep 0.3; mkdir sub;"
                             "$zkrecord -q -C $s one; $zkrecord -q $s two; lines 2;"
                             "$zkrecord -q -C $s.new three; $zkrecord -q $s late; mv $s.new $s; lines 4;"
                             "$zkrecord -q $s four; lines 5; shown; end TERM"),
@@ -141,6 +145,13 @@ TEST(follow, tells_damage_once_and_sleeps_while_nothing_happens) {
                             "before=$(grep ^vol /proc/$!/status); sleep 1;"
                             "[ \"$before\" = \"$(grep ^vol /proc/$!/status)\" ] && echo asleep; wc -l <out; end TERM"),
             "asleep\n2\nended 0\n");
+}
+
+TEST(follow, ends_while_a_long_line_waits_for_its_reader) {
+  EXPECT_EQ(script("s=$folder/s; details=$(printf '%0840d' 0 | tr 0 '\\001'); mkfifo pipe; sleep 60 <pipe & reader=$!;"
+                   "for n in $(seq 16); do $zkrecord -qC -d \"$details\" $s $n; done; $zkexport --follow $s >pipe &"
+                   "sleep 0.5; kill $!; sleep 0.2; kill $reader; wait $!; echo $?"),
+            "0\n");
 }
 
 TEST(cursor, goes_on_where_the_last_run_ended) {
@@ -216,9 +227,19 @@ TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
             "zkexport: line 5: it is no incident as json gives them\n");
 }
 
+TEST(input, puts_incidents_of_several_nodes_in_order_of_time) {
+  const std::string late = std::string(ID).replace(7, 1, "X"), /* the next second */
+      elsewhere = std::string(ID).replace(17, 25, "02.e.1...................");
+  const std::string here = stack().add({.id = late, .description = "late"}).file();
+  const std::string there = stack().add({.id = elsewhere, .description = "early"}).file();
+  EXPECT_EQ(script("$zkexport " + here + " " + there +
+                   " | jq -c '.stack = \"same\"' | $zkexport --input --format=dot | grep -o 'early\\|late'"),
+            "early\nlate\n");
+}
+
 TEST(zkexport, refuses_what_does_not_go_together) {
   for (const char* misuse : {"", "--format=xml s", "--every s", "--follow --format=dot s", "--input", "--id=x --follow",
-                             "--cursor-file=c --format=html s", "--unknown s"}) {
+                             "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s"}) {
     const outcome refused = zkexport(words(misuse));
     EXPECT_EQ(refused.status, 2) << misuse;
     EXPECT_NE(refused.err.find("\nTry 'zkexport --help'\n"), std::string::npos) << refused;
@@ -228,6 +249,8 @@ TEST(zkexport, refuses_what_does_not_go_together) {
 TEST(zkexport, fails_when_it_cannot_write_and_ends_with_the_pipe) {
   const std::string file = stack().add("one").file();
   EXPECT_EQ(script("$zkexport " + file + " >/dev/full || echo $?"),
+            "1\nzkexport: standard output: No space left on device\n");
+  EXPECT_EQ(script("$zkexport --version >/dev/full || echo $?"),
             "1\nzkexport: standard output: No space left on device\n");
   EXPECT_EQ(script("{ timeout 10 $zkexport --follow " + file + "; echo $? >&2; } | head -n 1 | jq -r .description"),
             "one\n141\n");

@@ -62,7 +62,8 @@ TEST(zkrecord, makes_and_records_nothing_on_misuse) {
       {{"--cause", no_eid, stack, "x"}, "--cause: '" + no_eid + "' is not an Error ID"},
       {{"-C8191", stack, "x"}, "--create: '8191' is not a number from 8192 to 16384"},
       {{"--line=010", stack, "x"}, "--line: '010' is not a number from 0 to 2147483647"},
-      {{"-m", "stn.cat:2", stack, "x"}, "--message: 'stn.cat:2' is not CATALOG:SET:NUMBER"}};
+      {{"-m", "stn.cat:2", stack, "x"}, "--message: 'stn.cat:2' is not CATALOG:SET:NUMBER"},
+      {{"--message=", stack, "x"}, "--message: it is empty"}};
   for (auto [arguments, problem] : rows) {
     arguments.insert(arguments.begin(), "-C");
     EXPECT_EQ(zkrecord(arguments), (outcome{"", "zkrecord: " + problem + "\nTry 'zkrecord --help'\n", 2}));
@@ -77,6 +78,7 @@ TEST(zkrecord, makes_a_stack_where_there_is_none) {
   EXPECT_EQ(zkrecord({"-q", "--create=9000", stack, "two"}), good(""));
   EXPECT_EQ(contents(stack).size(), 8192U); /* one that exists keeps its size */
   EXPECT_EQ(zkrecord({"-C", "/dev/null", "x"}).err, "zkrecord: /dev/null: it is damaged, or no Error Stack\n");
+  EXPECT_EQ(zkrecord({"/no\n\x1b[2J", "x"}).err, "zkrecord: /no??[2J: there is no such file\n");
 }
 
 TEST(zkrecord, prints_the_id_by_which_the_next_incident_names_its_cause) {

@@ -9,8 +9,7 @@
 #include <unordered_map>
 
 #include "text.h"
-
-static constexpr int64_t SECOND = 1000000; /* microseconds */
+#include "utc_time.h"
 
 int64_t exact_time(const incident_t& incident) {
   return incident.node.empty() ? incident.time * SECOND : incident.id_time;
@@ -29,13 +28,14 @@ std::string short_description(const incident_t& incident, size_t limit) {
   return line;
 }
 
-/* Sorts by time, but leaves the incidents of a stack as they were recorded, also where its clock was set back. */
+/* Sorts by time, but leaves the incidents of a stack as they were recorded, also where its clock was set back. Stacks of
+ * several nodes may have the same name. */
 static void sort_by_time(std::vector<incident_t>* incidents) {
   std::vector<int64_t> times;
   times.reserve(incidents->size());
-  std::unordered_map<std::string, int64_t> newest; /* of each stack */
+  std::unordered_map<std::string, int64_t> newest; /* of each node's stack */
   for (const incident_t& incident : *incidents) {
-    const auto known = newest.try_emplace(incident.stack, exact_time(incident)).first;
+    const auto known = newest.try_emplace(incident.stack + '\n' + incident.node, exact_time(incident)).first;
     known->second = std::max(known->second, exact_time(incident));
     times.push_back(known->second);
   }

@@ -3,10 +3,13 @@
 #ifndef EXPORT_H
 #define EXPORT_H
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "incident.h"
+#include "stacks.h"
 #include "zk_trace.h"
 
 /* The command line. */
@@ -28,6 +31,10 @@ int export_page(const zk_trace_t& trace, const export_request_t& request); /* do
 /* The names of the stacks that are asked for. Returns the exit status, not 0 when they cannot be had, which has been
  * said. */
 int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, std::vector<std::string>* names);
+
+/* Reads the stack `name`, and gives each of the incidents that are asked for to `take`. */
+trouble_t read_incidents(const zk_trace_t& trace, const export_request_t& request, const std::string& name,
+                         const std::function<void(const incident_t&)>& take);
 
 /* Writes on standard output, at once. Returns false when that fails, which has been said. */
 bool write_out(std::string_view text);

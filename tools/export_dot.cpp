@@ -4,6 +4,7 @@
 
 #include "chain.h"
 #include "text.h"
+#include "utc_time.h"
 
 static constexpr size_t LABEL_WIDTH = 32;  /* characters of a line */
 static constexpr size_t LABEL_LIMIT = 120; /* of a description */

@@ -2,7 +2,8 @@
 /* export_follow.cpp - gives out incidents as they are recorded. The file system says when there is something to read.
  *
  * The signals that end the run are blocked but while it waits: for the lock of a stack, for something to happen, for the
- * reader of its output. Whatever has been given out is in the cursor then, and no line is half written. */
+ * reader of its output. What the cursor says has been written then; only where a reader takes no more may a line be half
+ * written. */
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <filesystem>
 #include <set>
@@ -87,10 +89,11 @@ static bool lose_reader() {
   return false;
 }
 
-/* Writes each of the lines by itself, when their reader has room for them. */
+/* Writes each of the lines by itself, when their reader has room for them. A pipe that is ready has room for PIPE_BUF
+ * bytes: more would have to wait where no signal is let through. */
 static bool write_lines(std::string_view lines) {
   while (!lines.empty()) {
-    const size_t size = lines.find('\n') + 1;
+    const size_t size = std::min(lines.find('\n') + 1, size_t{PIPE_BUF});
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
     wait_for(&output, 1, UNTIL_SOMETHING_HAPPENS);
     if (!write_out(lines.substr(0, size))) return false;
@@ -244,13 +247,25 @@ static void watch_folder(int inotify, const std::filesystem::path& folder, std::
   }
 }
 
+/* Adds the folders in which the file of a stack may appear: that of its path and, where that is a link, of what it leads
+ * to. */
+static void add_folders(std::filesystem::path path, std::set<std::string>* folders) {
+  constexpr int LINKS_MAX = 40; /* more are not followed by Linux either */
+  for (int links = 0; links <= LINKS_MAX; ++links) {
+    folders->insert(path.parent_path().string());
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::read_symlink(path, error);
+    if (error) return;
+    path = path.parent_path() / target;
+  }
+}
+
 /* Watches the folders in which stacks are or may appear, and no others. */
 static void watch_folders(follower_t* follower) {
   std::set<std::string> wanted;
   std::set<int> watches;
   if (follower->request->is_every) wanted.insert(ZELK_STACK_DIR);
-  for (const followed_t& stack : follower->stacks)
-    wanted.insert(std::filesystem::path(stack.path).parent_path().string());
+  for (const followed_t& stack : follower->stacks) add_folders(stack.path, &wanted);
   for (const std::string& folder : wanted) watch_folder(follower->inotify, folder, &watches);
   for (int watch : follower->folders)
     if (!watches.contains(watch)) inotify_rm_watch(follower->inotify, watch);

@@ -9,6 +9,7 @@
 
 #include "chain.h"
 #include "text.h"
+#include "utc_time.h"
 
 /* ---- Texts --------------------------------------------------------------------------------------------------------- */
 
@@ -58,8 +59,6 @@ static std::string fragment(std::string_view anchor) {
   }
   return made;
 }
-
-static constexpr int64_t SECOND = 1000000; /* microseconds */
 
 static std::string count_of(size_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);

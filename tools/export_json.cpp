@@ -2,8 +2,6 @@
 /* export_json.cpp - gives out what stacks hold as lines of JSON. */
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "cursor.h"
 #include "export.h"
 #include "json.h"
@@ -14,22 +12,14 @@
 /* What is gathered before it is written; more than a stack of version one can give. */
 static constexpr size_t BLOCK_SIZE = 1024 * 1024;
 
-/* Gathers the incidents of a stack, all or the one of an Error ID. What a stack of a later format has in excess of the
- * block is written under way. */
-static trouble_t gather_all(const zk_trace_t& trace, const std::string& name, const std::string& id, bool* is_written,
-                            std::string* lines) {
-  incident_t incident;
-  return read_stack(trace, name, [&](const zk_walk_t& walk) {
-    bool is_wanted = false;
-    int result = select_record(trace, walk.record.data(), id, &is_wanted);
-    if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
-    if (result != ZELK_SUCCESS || !is_wanted) return result;
+/* Gathers the incidents of a stack. What a stack of a later format has in excess of the block is written under way. */
+static trouble_t gather_all(const zk_trace_t& trace, const export_request_t& request, const std::string& name,
+                            bool* is_written, std::string* lines) {
+  return read_incidents(trace, request, name, [&](const incident_t& incident) {
     write_json(incident, lines);
-    if (lines->size() >= BLOCK_SIZE) {
-      *is_written = *is_written && write_out(*lines);
-      lines->clear();
-    }
-    return result;
+    if (lines->size() < BLOCK_SIZE) return;
+    *is_written = *is_written && write_out(*lines);
+    lines->clear();
   });
 }
 
@@ -61,12 +51,12 @@ int export_json(const zk_trace_t& trace, const export_request_t& request) {
   std::string lines;
   for (const std::string& name : names) {
     bool is_written = true;
-    const trouble_t trouble = cursor.file.empty() ? gather_all(trace, name, request.id, &is_written, &lines)
+    const trouble_t trouble = cursor.file.empty() ? gather_all(trace, request, name, &is_written, &lines)
                                                   : gather_unread(trace, name, &cursor, &lines);
     if (trouble.code != ZELK_SUCCESS) {
       write_json_trouble(name, trouble, &lines);
       if (trouble.offset < 0) complain(name, trouble.reason);
-      status = std::max(status, status_of(trouble.code));
+      status = worst_status(status, status_of(trouble.code));
     }
     if (!is_written || !write_out(lines)) return TOOL_FAILED;
     lines.clear();

@@ -2,8 +2,6 @@
 /* export_page.cpp - gathers incidents, from stacks or from standard input, and gives them out as one file. */
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "chain.h"
 #include "export.h"
 #include "json.h"
@@ -18,19 +16,13 @@ static constexpr size_t INPUT_MAX_SIZE = 256 * 1024 * 1024;
 static int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* chain) {
   std::vector<std::string> names;
   int status = stacks_to_export(trace, request, &names);
-  incident_t incident;
   for (const std::string& name : names) {
-    const trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
-      bool is_wanted = false;
-      int result = select_record(trace, walk.record.data(), request.id, &is_wanted);
-      if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
-      if (result == ZELK_SUCCESS && is_wanted) chain->incidents.push_back(incident);
-      return result;
-    });
+    const trouble_t trouble =
+        read_incidents(trace, request, name, [&](const incident_t& incident) { chain->incidents.push_back(incident); });
     if (trouble.code == ZELK_SUCCESS) continue;
     chain->notes.push_back(trouble_note(name, trouble));
     complain(name, chain->notes.back().substr(name.size() + 2));
-    status = std::max(status, status_of(trouble.code));
+    status = worst_status(status, status_of(trouble.code));
   }
   return status;
 }
@@ -47,9 +39,12 @@ static bool take_line(const std::string& line, chain_t* chain) {
   return true;
 }
 
-static int fail_at(size_t number, const char* reason) {
-  complain("line " + std::to_string(number), reason);
+static int fail(const std::string& what, const char* reason) {
+  complain(what, reason);
   return TOOL_FAILED;
+}
+static int fail_at(size_t line, const char* reason) {
+  return fail("line " + std::to_string(line), reason);
 }
 
 /* Gathers the incidents of standard input. Returns the exit status. */
@@ -59,7 +54,7 @@ static int gather_input(chain_t* chain) {
   size_t number = 1, total = 0;
   for (;;) {
     const size_t size = zk_read_on(STDIN_FILENO, block.data(), block.size());
-    if (errno != 0) return fail_at(number, std::strerror(errno));
+    if (errno != 0) return fail("standard input", std::strerror(errno));
     std::string_view rest(block.data(), size);
     for (size_t end; (end = rest.find('\n')) != rest.npos; ++number) {
       line += rest.substr(0, end);

@@ -48,11 +48,4 @@ int take_incident(const zk_trace_t& trace, const void* record, incident_t* incid
 /* A number as JSON has it, and recognisable as one with a point. */
 std::string digits_of_double(double number);
 
-/* Times as RFC 3339 has them, in UTC: of seconds, and of microseconds, since the Epoch. */
-std::string utc_time(int64_t seconds);
-std::string utc_time_of_microseconds(int64_t microseconds);
-
-/* Seconds and microseconds of such a time, which has to be written exactly so; false for anything else. */
-bool parse_utc_time(std::string_view text, int64_t* microseconds);
-
 #endif

@@ -3,6 +3,7 @@
 #include "json.h"
 
 #include "json_line.h"
+#include "utc_time.h"
 #include "zk_trace.h"
 
 static void put_text_or_null(json_writer_t* writer, std::string_view key, std::string_view text) {

@@ -5,6 +5,7 @@
 #include "json.h"
 #include "qx_zelk.h"
 #include "text.h"
+#include "utc_time.h"
 
 using rapidjson::Value;
 
@@ -58,7 +59,7 @@ static bool take_times(const Value& object, incident_t* incident) {
   std::string text;
   int64_t microseconds = 0;
   if (!take(object, "time", &text) || !parse_utc_time(text, &microseconds)) return false;
-  incident->time = microseconds / 1000000;
+  incident->time = microseconds / SECOND;
   incident->node.clear();
   if (member(object, "id_time") == nullptr && member(object, "node") == nullptr) return true;
   return take(object, "node", &incident->node) && take(object, "id_time", &text) &&

@@ -51,6 +51,12 @@ int status_of(int code) {
   return row_of(code).status;
 }
 
+int worst_status(int one, int other) {
+  for (int status : {EXIT_CORRUPT, EXIT_NOT_LOCKED, EXIT_NO_STACK})
+    if (one == status || other == status) return status;
+  return std::max(one, other);
+}
+
 /* ---- Finding ------------------------------------------------------------------------------------------------------- */
 
 int list_stacks(std::vector<std::string>* names) {

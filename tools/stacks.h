@@ -26,6 +26,9 @@ trouble_t trouble_of(int code);
 /* Exit status of zkview for such a code. */
 int status_of(int code);
 
+/* The worse of two such statuses: damage, then a lock that cannot be had, then a stack that is missing. */
+int worst_status(int one, int other);
+
 /* The names of the stacks of this node, in order. Returns 0; ZELK_DIR_MISSING; ZELK_DIR_NO_ACCESS; ZELK_FAILURE. */
 int list_stacks(std::vector<std::string>* names);
 

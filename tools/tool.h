@@ -73,27 +73,26 @@ inline int tool_misuse(const std::string& name, const std::string& problem) {
   return TOOL_MISUSE;
 }
 
-/* Takes the command line apart. Returns the exit status where that ends the run: after --help, --version and misuse. */
-inline std::optional<int> tool_parse(CLI::App* app, int argc, char** argv) {
-  app->set_help_flag("-h,--help", "Print this help and exit");
-  app->set_version_flag("--version", app->get_name() + " " ZKVIEW_VERSION, "Print the version and exit");
-  try {
-    app->parse(argc, argv);
-  } catch (const CLI::Success& asked) {
-    return app->exit(asked) == 0 && std::fflush(stdout) == 0 ? TOOL_DONE : TOOL_FAILED;
-  } catch (const CLI::ParseError& error) {
-    return tool_misuse(app->get_name(), error.what());
-  }
-  return {};
-}
-
 /* Writes what standard output still holds. Returns `status`, or TOOL_FAILED with a line on standard error when it cannot
  * be written. */
 inline int tool_end(const std::string& name, int status) {
   const bool is_written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-  if (is_written) return status;
-  std::fprintf(stderr, "%s: cannot write standard output: %s\n", name.c_str(), std::strerror(errno));
-  return TOOL_FAILED;
+  return is_written ? status : tool_fail(name, "standard output", std::strerror(errno));
+}
+
+/* Takes the command line apart. Returns the exit status where that ends the run: after --help, --version and misuse. */
+inline std::optional<int> tool_parse(CLI::App* app, int argc, char** argv) {
+  app->set_help_flag("-h,--help", "Print this help and exit")->disable_flag_override();
+  app->set_version_flag("--version", app->get_name() + " " ZKVIEW_VERSION, "Print the version and exit")
+      ->disable_flag_override();
+  try {
+    app->parse(argc, argv);
+  } catch (const CLI::Success& asked) {
+    return tool_end(app->get_name(), app->exit(asked));
+  } catch (const CLI::ParseError& error) {
+    return tool_misuse(app->get_name(), error.what());
+  }
+  return {};
 }
 
 #endif

@@ -15,6 +15,7 @@
 #include "qx_zelk.h"
 #include "text.h"
 #include "tool.h"
+#include "utc_time.h"
 
 static constexpr char NAME[] = "zkdecode";
 
@@ -120,25 +121,17 @@ static std::string decode(const tool_trace_t& trace, const std::string& id, std:
 
 /* ---- Showing ----------------------------------------------------------------------------------------------------- */
 
-/* `separator` stands between date and time. */
-static std::string time_text(const std::tm& when, long microseconds, char separator) {
-  std::array<char, 96> text; /* room for any seven numbers */
-  std::snprintf(text.data(), text.size(), "%04d-%02d-%02d%c%02d:%02d:%02d.%06ld", when.tm_year + 1900, when.tm_mon + 1,
-                when.tm_mday, separator, when.tm_hour, when.tm_min, when.tm_sec, microseconds);
-  return text.data();
-}
-
-/* As in RFC 3339, UTC. */
 static std::string utc_text(const timeval& time) {
-  std::tm when = {};
-  gmtime_r(&time.tv_sec, &when);
-  return time_text(when, time.tv_usec, 'T') + "Z";
+  return utc_time_of_microseconds(time.tv_sec * SECOND + time.tv_usec);
 }
 
 static std::string local_text(const timeval& time) {
   std::tm when = {};
   localtime_r(&time.tv_sec, &when);
-  return time_text(when, time.tv_usec, ' ') + " " + when.tm_zone;
+  std::array<char, 96> text; /* room for any seven numbers */
+  std::snprintf(text.data(), text.size(), "%04d-%02d-%02d %02d:%02d:%02d.%06d ", when.tm_year + 1900, when.tm_mon + 1,
+                when.tm_mday, when.tm_hour, when.tm_min, when.tm_sec, static_cast<int>(time.tv_usec));
+  return std::string(text.data()) + when.tm_zone;
 }
 
 /* A file name may hold any bytes: it is made to take one line, and on a terminal to be harmless. */

@@ -41,6 +41,24 @@ int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, s
   return TOOL_DONE;
 }
 
+trouble_t read_incidents(const zk_trace_t& trace, const export_request_t& request, const std::string& name,
+                         const std::function<void(const incident_t&)>& take) {
+  incident_t incident;
+  bool is_any_taken = false;
+  trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
+    bool is_wanted = false;
+    int result = select_record(trace, walk.record.data(), request.id, &is_wanted);
+    if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
+    if (result != ZELK_SUCCESS || !is_wanted) return result;
+    is_any_taken = true;
+    take(incident);
+    return result;
+  });
+  if (trouble.code == ZELK_SUCCESS && !request.id.empty() && !is_any_taken)
+    complain(request.id, "its stack no longer holds it"); /* no failure to zkview either */
+  return trouble;
+}
+
 /* ---- The command line ---------------------------------------------------------------------------------------------- */
 
 static void add_options(CLI::App* app, export_request_t* request) {
@@ -84,12 +102,21 @@ static std::string combination_problem(const export_request_t& request) {
   return "";
 }
 
-/* CLI11 takes "[a,b]" for a list of two. This hides the bracket from it, and shows it again. */
+/* The command line as CLI11 has to be given it. It takes "[a,b]" for a list of two: the bracket is hidden from it, and
+ * shown again. It takes the next argument for the value of "--name=": the empty one becomes an argument of its own. */
 static constexpr char NO_LIST = '\1';
-static std::vector<std::string> with_hidden_brackets(int argc, char** argv) {
-  std::vector<std::string> arguments(argv, argv + argc);
-  for (std::string& argument : arguments)
+static std::vector<std::string> arguments_for_cli11(int argc, char** argv) {
+  std::vector<std::string> arguments;
+  bool are_options_over = false;
+  for (std::string argument : std::vector<std::string>(argv, argv + argc)) {
+    are_options_over = are_options_over || argument == "--";
+    const bool is_option = !are_options_over && argument.starts_with("--");
+    const bool has_empty_value = is_option && argument.find('=') == argument.size() - 1;
     if (argument.starts_with('[')) argument.insert(argument.begin(), NO_LIST);
+    if (has_empty_value) argument.pop_back();
+    arguments.push_back(argument);
+    if (has_empty_value) arguments.emplace_back();
+  }
   return arguments;
 }
 static void show_brackets(std::string* text) {
@@ -101,11 +128,11 @@ static std::optional<int> take_command_line(int argc, char** argv, export_reques
   CLI::App app("Gives the incidents of Error Stacks to scripts, pages and pipelines.", NAME);
   request->format = "json";
   add_options(&app, request);
-  std::vector<std::string> arguments = with_hidden_brackets(argc, argv);
+  std::vector<std::string> arguments = arguments_for_cli11(argc, argv);
   std::vector<char*> pointers;
   pointers.reserve(arguments.size());
   for (std::string& argument : arguments) pointers.push_back(argument.data());
-  if (std::optional<int> status = tool_parse(&app, argc, pointers.data())) return status;
+  if (std::optional<int> status = tool_parse(&app, static_cast<int>(pointers.size()), pointers.data())) return status;
 
   for (std::string& name : request->stacks) show_brackets(&name);
   show_brackets(&request->id);

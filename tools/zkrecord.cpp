@@ -31,8 +31,7 @@ struct request_t {
 
 /* Says on standard error why nothing, or not all, was done. Returns TOOL_FAILED. */
 static int fail(const std::string& what, const std::string& reason) {
-  std::fprintf(stderr, "%s: %s: %s\n", NAME, what.c_str(), reason.c_str());
-  return TOOL_FAILED;
+  return tool_fail(NAME, what, reason);
 }
 
 /* ---- The command line -------------------------------------------------------------------------------------------- */
@@ -142,7 +141,8 @@ static void add_options(CLI::App* app, request_t* request) {
   add("--line", &request->line, "N", "Line in that file")->check(number_from(0, INT32_MAX));
   add("--file-version", &request->version, "TEXT", "Version of that file");
   add("--product", &request->product, "TEXT", "Product that it belongs to");
-  add("-m,--message", &request->message, "CATALOG:SET:NUMBER", "Message of a catalog, with FORMAT as the default");
+  add("-m,--message", &request->message, "CATALOG:SET:NUMBER", "Message of a catalog, with FORMAT as the default")
+      ->check(not_empty);
   add("-C,--create", &request->new_size, "[=SIZE]", "Make the stack first where there is none")
       ->check(number_from(ZK_STACK_SIZE_MIN, ZK_STACK_SIZE_MAX));
   app->add_flag("-q,--quiet", request->is_quiet, "Print no Error ID")->disable_flag_override();

@@ -1,0 +1,18 @@
+/* utc_time.h - times as RFC 3339 has them, in UTC. */
+#ifndef UTC_TIME_H
+#define UTC_TIME_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+inline constexpr int64_t SECOND = 1000000; /* microseconds */
+
+/* Times of seconds, and of microseconds, since the Epoch. */
+std::string utc_time(int64_t seconds);
+std::string utc_time_of_microseconds(int64_t microseconds);
+
+/* Microseconds of such a time, which has to be written exactly so; false for anything else. */
+bool parse_utc_time(std::string_view text, int64_t* microseconds);
+
+#endif
