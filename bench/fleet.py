@@ -73,7 +73,8 @@ wait
 def start_nodes(folders, port_count):
     """A node for each folder of stacks; an empty name for none. They share the first ports."""
     return [start(["unshare", "--mount", "--uts", "sh", "-c", NODE, "node", str(number), FLEET, stacks],
-                  ZELK_MIDDLE="127.0.0.1", ZELK_PORT=PORTS[number % port_count], ZELK_SPOOL="/var/lib/zelk/spool", ZELK_STATE="/run/zelk-forward")
+                  ZELK_MIDDLE="127.0.0.1", ZELK_PORT=PORTS[number % port_count],
+                  ZELK_SPOOL="/var/lib/zelk/spool", ZELK_STATE="/run/zelk-forward")
             for number, stacks in enumerate(folders)]
 
 
