@@ -115,37 +115,6 @@ static void put_harmless(output_t* output, std::string_view text) {
 
 /* ---- Which text ---------------------------------------------------------------------------------------------------- */
 
-static constexpr size_t ARGUMENTS_MAX = 9;
-using argument_kinds = std::array<char, ARGUMENTS_MAX>; /* 's', 'c' or 'd' by argument, NUL for none */
-
-/* Notes in `kinds` what kind of argument each conversion of `text` takes; false when one is not of the simple form that
- * every text of this command has, or when plain and numbered ones are mixed. */
-static bool note_kinds(const char* text, argument_kinds* kinds) {
-  size_t unnumbered = 0;
-  bool has_numbered = false;
-  while (*text != '\0') {
-    const cu_piece_t piece = cu_take_piece(&text, &unnumbered);
-    if (piece.kind == CU_PIECE_TEXT) continue;
-    if (piece.kind == CU_PIECE_UNFILLABLE || piece.has_length || piece.argument >= ARGUMENTS_MAX) return false;
-    if (piece.letter != 's' && piece.letter != 'c' && piece.letter != 'd') return false;
-    char* kind = &(*kinds)[piece.argument];
-    if (*kind != '\0' && *kind != piece.letter) return false;
-    *kind = piece.letter;
-    has_numbered = has_numbered || piece.is_numbered;
-  }
-  return unnumbered == 0 || !has_numbered;
-}
-
-/* Whether a translated text takes the arguments of the built-in one: any of them, each by its own kind. */
-static bool takes_same_arguments(const char* translated, const char* builtin) {
-  argument_kinds wanted = {};
-  argument_kinds given = {};
-  if (!note_kinds(translated, &wanted) || !note_kinds(builtin, &given)) return false;
-  for (size_t i = 0; i < ARGUMENTS_MAX; ++i)
-    if (wanted[i] != '\0' && wanted[i] != given[i]) return false;
-  return true;
-}
-
 static bool is_known(int number) {
   return number >= 1 && number < ZK_MSG_COUNT;
 }
@@ -156,7 +125,7 @@ static const char* message_text(nl_catd catfd, int number) {
       is_known(number) ? builtin : "%s"; /* whoever prints an unknown message has one text to show */
   if (catfd == ZK_NO_CATALOG) return builtin;
   const char* text = catgets(catfd, ZK_MSG_SET, number, builtin);
-  return text == builtin || takes_same_arguments(text, arguments) ? text : builtin;
+  return text == builtin || cu_takes_same_arguments(text, arguments) ? text : builtin;
 }
 
 /* The texts of the catalog in use, taken apart when they are first printed. */

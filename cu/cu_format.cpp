@@ -237,3 +237,35 @@ void cu_put_pieces(cu_sink_t* sink, std::span<const cu_piece_t> pieces, std::spa
 void cu_put_format(cu_sink_t* sink, const char* format, std::span<const cu_error_arg_t> arguments) {
   for (size_t unnumbered = 0; *format != '\0';) put_piece(sink, cu_take_piece(&format, &unnumbered), arguments);
 }
+
+/* ---- Translations ------------------------------------------------------------------------------------------------ */
+
+static constexpr size_t ARGUMENTS_MAX = 9;
+using argument_kinds = std::array<char, ARGUMENTS_MAX>; /* 's', 'c' or 'd' by argument, NUL for none */
+
+/* Notes in `kinds` what kind of argument each conversion of `text` takes; false when one is not of the simple form that
+ * the texts of commands have, or when plain and numbered ones are mixed. */
+static bool note_kinds(const char* text, argument_kinds* kinds) {
+  size_t unnumbered = 0;
+  bool has_numbered = false;
+  while (*text != '\0') {
+    const cu_piece_t piece = cu_take_piece(&text, &unnumbered);
+    if (piece.kind == CU_PIECE_TEXT) continue;
+    if (piece.kind == CU_PIECE_UNFILLABLE || piece.has_length || piece.argument >= ARGUMENTS_MAX) return false;
+    if (piece.letter != 's' && piece.letter != 'c' && piece.letter != 'd') return false;
+    char* kind = &(*kinds)[piece.argument];
+    if (*kind != '\0' && *kind != piece.letter) return false;
+    *kind = piece.letter;
+    has_numbered = has_numbered || piece.is_numbered;
+  }
+  return unnumbered == 0 || !has_numbered;
+}
+
+bool cu_takes_same_arguments(const char* translation, const char* original) {
+  argument_kinds wanted = {};
+  argument_kinds given = {};
+  if (!note_kinds(translation, &wanted) || !note_kinds(original, &given)) return false;
+  for (size_t i = 0; i < ARGUMENTS_MAX; ++i)
+    if (wanted[i] != '\0' && wanted[i] != given[i]) return false;
+  return true;
+}

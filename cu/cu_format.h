@@ -57,4 +57,9 @@ size_t cu_parse_format(const char* format, std::span<cu_piece_t> pieces);
 void cu_put_pieces(cu_sink_t* sink, std::span<const cu_piece_t> pieces, std::span<const cu_error_arg_t> arguments);
 void cu_put_format(cu_sink_t* sink, const char* format, std::span<const cu_error_arg_t> arguments);
 
+/* Whether a translation of `original` can be filled from its arguments: it takes any of them, in any order, each by the
+ * kind of conversion that `original` has for it, "s", "c" or "d" without a length modifier. False where either text has
+ * a conversion of another kind, or numbered ones beside others. */
+bool cu_takes_same_arguments(const char* translation, const char* original);
+
 #endif

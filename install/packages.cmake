@@ -27,11 +27,13 @@ set(CPACK_RPM_PACKAGE_LICENSE MIT)
 set(CPACK_RPM_PACKAGE_RELOCATABLE OFF)
 set(CPACK_RPM_SPEC_MORE_DEFINE "%define _build_id_links none")
 # Folders that belong to other packages.
+foreach(locale ${catalog_locales})
+  list(APPEND locale_folders share/locale/${locale} share/locale/${locale}/LC_MESSAGES)
+endforeach()
 foreach(folder lib/sysusers.d lib/tmpfiles.d lib64/cmake lib64/pkgconfig share/bash-completion
                share/bash-completion/completions share/fish share/fish/vendor_completions.d
-               share/fish/vendor_functions.d share/locale share/locale/C share/locale/C/LC_MESSAGES share/locale/de
-               share/locale/de/LC_MESSAGES share/man share/man/man1 share/man/man3 share/man/man5 share/man/man7
-               share/zsh share/zsh/site-functions)
+               share/fish/vendor_functions.d share/locale ${locale_folders} share/man share/man/man1 share/man/man3
+               share/man/man5 share/man/man7 share/zsh share/zsh/site-functions)
   list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION ${CMAKE_INSTALL_PREFIX}/${folder})
 endforeach()
 
@@ -57,6 +59,7 @@ Error ID says, and zkexport gives incidents as lines of JSON, as a graph and
 as a page.")
 set(scripts ${CMAKE_CURRENT_SOURCE_DIR}/debian)
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_DEPENDS passwd)
+set(CPACK_DEBIAN_ZKVIEW_PACKAGE_SUGGESTS "graphviz, jq")
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/postrm)
 set(CPACK_RPM_ZKVIEW_POST_INSTALL_SCRIPT_FILE ${scripts}/postinst)
 

@@ -32,3 +32,8 @@ build() {
 run_tests() {
     ctest --test-dir "build/$1" --output-on-failure --no-label-summary -j "$(nproc)"
 }
+
+# Prints what a public header declares, a name a line.
+public_names() {
+    sed -n '/^typedef/d; /static_assert/d; s/^[a-z][a-z0-9_ ]*[ *]\([a-z0-9_]*\)[[(].*/\1/p' "inc/$1.h" | sort -u
+}

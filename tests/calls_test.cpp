@@ -1,307 +1,240 @@
 /* SPDX-License-Identifier: MIT */
-/* calls_test.cpp - the command's routines, called one by one: what each check answers, prints and traces, as it stands in
- * golden/NAME.calls. */
+/* calls_test.cpp - what the command's own routines say, in golden/command: the calls, their results, what they trace, print
+ * and give. "out" stands for the place of an output, "none" for no message catalog. What can be set up:
+ *
+ *   record NAME  FIELD VALUE ...   a record in memory, named by calls
+ *   stack NAME  LINE, ...          a stack file of such lines as recorded() and described_stack() take, whose name stands
+ *                                  for its descriptor, at offset 100; "read-only" is another
+ *   candidates NAME ...            "candidates", the stack files of a search
+ *   groups RECORD ..., ...         "groups", a list of groups of records, each with its cause first
+ *   processes RECORD ...           "processes", a list of processes of records; "last" is the last of them
+ *   process ID PARENT              appends one to the list without a record
+ *   head ID PARENT RECORD          makes the list's head one that is none */
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
-#include "transcript.h"
+#include "calls.h"
 #include "zk_msg.h"
 
 namespace {
 
-const nl_catd none = reinterpret_cast<nl_catd>(-1); /* no catalog */
+const nl_catd none = ZK_NO_CATALOG;
 
-/* A record in memory of its exact size and the one zero byte behind it. */
-void* record_of(const std::string& body) {
-  const std::string bytes = image(static_cast<int32_t>(body.size())) + body;
-  char* record = new char[bytes.size() + 1];
-  keep(record);
-  return std::memcpy(record, bytes.c_str(), bytes.size() + 1);
-}
-void* with_length(int32_t length) {
-  void* record = record_of(incident{}.body());
-  return std::memcpy(record, &length, sizeof length);
-}
-void* const no_record = nullptr;
-zk_proc_list_t* const no_list = nullptr;
+std::map<std::string, std::string> records; /* by name, with their length words */
+std::map<std::string, int> descriptors;     /* of stacks, by name */
+std::string candidates;
+zk_proc_list_t processes, *taken = &processes; /* the place of an output that is not null before */
+zk_stack_rec_t* groups;
 
-/* As CALL, and notes what is printed on standard output. */
-#define CALL_PRINTED(said, routine, ...)                                           \
-  do {                                                                             \
-    std::string out;                                                               \
-    (said).note(#routine "(" #__VA_ARGS__ ")", [&](int active, const char* file) { \
-      int result = 0;                                                              \
-      out = printed([&] { result = routine(active, file, __VA_ARGS__); });         \
-      return result;                                                               \
-    });                                                                            \
-    (said).text += out;                                                            \
-  } while (false)
-TEST(calls, of_the_lists_of_processes) {
-  transcript said{"lists_of_processes"};
-  zk_proc_list_t head = {}, *node = nullptr, *taken = &head;
-  zk_stack_rec_t element = {};
-  zk_proc_list_t of_process = {5, 0, nullptr, nullptr}, of_parent = {0, 1, nullptr, nullptr};
-  zk_proc_list_t of_records = {0, 0, &element, nullptr}, odd = {7001, 5, nullptr, nullptr},
-                 odd_list = {0, 0, nullptr, &odd};
-  void *first = record_of(incident{.pid = 7001, .parent = 310}.body()), *empty = with_length(0),
-       *negative = with_length(-1), *long_one = with_length(1025),
-       *unnamed = record_of(incident{}.body().substr(0, 96));
-
-  CALL(said, zk_find_proc_in_list, no_record, no_list, nullptr);
-  CALL(said, zk_find_proc_in_list, empty, no_list, nullptr);
-  CALL(said, zk_find_proc_in_list, empty, &of_process, nullptr);
-  CALL(said, zk_find_proc_in_list, empty, &of_parent, nullptr);
-  CALL(said, zk_find_proc_in_list, empty, &of_records, nullptr);
-  CALL(said, zk_find_proc_in_list, empty, &head, nullptr);
-  CALL(said, zk_find_proc_in_list, empty, &head, &taken);
-  CALL(said, zk_find_proc_in_list, empty, &head, &node);
-  CALL(said, zk_find_proc_in_list, negative, &head, &node);
-  CALL(said, zk_find_proc_in_list, long_one, &head, &node);
-  CALL(said, zk_find_proc_in_list, unnamed, &head, &node);
-  CALL(said, zk_find_proc_in_list, first, &odd_list, &node);
-  EXPECT_EQ(node, nullptr);
-  said.note("zk_find_proc_in_list(first, &head, &node)", [&](int active, const char* file) {
-    keep(head.next);
-    node = head.next = nullptr;
-    return zk_find_proc_in_list(active, file, first, &head, &node);
-  });
-  said.gives(node->process_id, node->parent_id, node == head.next);
-  said.note("zk_find_proc_in_list(again, &head, &node)", [&](int active, const char* file) {
-    node = nullptr;
-    return zk_find_proc_in_list(active, file, first, &head, &node);
-  });
-  EXPECT_TRUE(node == head.next && node->next == nullptr);
-
-  CALL(said, zk_add_rec_to_proc, no_record, no_list);
-  CALL(said, zk_add_rec_to_proc, empty, no_list);
-  CALL(said, zk_add_rec_to_proc, empty, &head);
-  CALL(said, zk_add_rec_to_proc, empty, node);
-  CALL(said, zk_add_rec_to_proc, long_one, node);
-  EXPECT_EQ(node->records, nullptr);
-  CALL(said, zk_add_rec_to_proc, first, node);
-  said.compare();
-  EXPECT_TRUE(node->records->fid[0] == '\0' && node->records->next->next == nullptr); /* it was added twice */
-  keep(head.next);
-  EXPECT_TRUE(node->records->record != first && std::memcmp(node->records->record, first, 100) == 0);
-}
-
-TEST(calls, of_the_table_of_groups) {
-  transcript said{"table_of_groups"};
-  zk_stack_rec_t *table = nullptr, *loc = nullptr, **no_loc = nullptr, *no_table = nullptr;
-  void *cause = record_of(incident{.id = eid("cause")}.body()),
-       *effect = record_of(incident{.id = eid("effect"), .related = eid("cause")}.body()),
-       *stray = record_of(incident{.id = eid("stray"), .related = eid("gone")}.body()), *empty = with_length(0),
-       *long_one = with_length(1025);
-
-  CALL(said, zk_find_related_rec, no_record, no_table, no_loc);
-  CALL(said, zk_find_related_rec, effect, no_table, no_loc);
-  CALL(said, zk_find_related_rec, effect, no_table, &loc);
-  CALL(said, zk_add_unrelated_rec, no_record, nullptr);
-  CALL(said, zk_add_unrelated_rec, empty, nullptr);
-  CALL(said, zk_add_unrelated_rec, empty, &table);
-  CALL(said, zk_add_unrelated_rec, long_one, &table);
-  EXPECT_EQ(table, nullptr);
-  said.note("zk_add_unrelated_rec(cause, &table)", [&](int active, const char* file) {
-    keep(table);
-    table = nullptr;
-    return zk_add_unrelated_rec(active, file, cause, &table);
-  });
-  said.note("zk_add_unrelated_rec(stray, &table)", [&](int active, const char* file) {
-    keep(table->next);
-    table->next = nullptr;
-    return zk_add_unrelated_rec(active, file, stray, &table);
-  });
-  CALL(said, zk_find_related_rec, cause, table, &loc);
-  CALL(said, zk_find_related_rec, stray, table, &loc);
-  EXPECT_EQ(loc, nullptr);
-  CALL(said, zk_find_related_rec, effect, table, &loc);
-  EXPECT_EQ(loc, table);
-  CALL(said, zk_add_related_rec, no_record, nullptr);
-  CALL(said, zk_add_related_rec, empty, nullptr);
-  CALL(said, zk_add_related_rec, empty, table);
-  CALL(said, zk_add_related_rec, long_one, table);
-  EXPECT_EQ(table->related, nullptr);
-  CALL(said, zk_add_related_rec, effect, loc);
-  said.compare();
-  keep(table);
-  EXPECT_EQ(table->fid, eid("cause"));
-  EXPECT_EQ(table->related->fid, eid("effect"));
-  EXPECT_EQ(table->next->fid, eid("stray"));
-}
-
-TEST(calls, of_the_header) {
-  transcript said{"header_checks"};
-  int version = 77, closed = -1;
+struct outputs {
+  int fildes = -1, version = 77;
   zk_estack_v1_header_t header = {};
-  CALL(said, zk_read_header, closed, &version, nullptr);
-  CALL(said, zk_read_header, 1000, &version, nullptr);
-  said.note("zk_read_header(a closed descriptor)",
-            [&](int active, const char* file) { return zk_read_header(active, file, 1000, &version, &header); });
-  /* Each has one field worse than the next: they are checked in this order. */
-  const std::pair<int32_t, zk_estack_v1_header_t> headers[] = {
-      {4, {23, 23, 23, 8191, 2}},       {-8, {23, 23, 23, 8191, 2}},
-      {64, {23, 23, 23, 8191, 2}},      {0, {23, 23, 23, 8191, 2}},
-      {0, {23, 23, 23, 16385, 2}},      {0, {23, 23, 23, 8192, 2}},
-      {0, {23, 16385, 23, 8192, 2}},    {0, {23, 16384, 23, 8192, 2}},
-      {0, {23, 16384, 16385, 8192, 2}}, {0, {23, -1, 16384, 16384, 2}},
-      {0, {16385, 24, 24, 16384, 2}},   {0, {24, 24, 24, 8192, 2}},
-      {0, {24, 24, -1, 8192, 1}},       {0, {-1, -2147483647 - 1, 16384, 16384, 1}},
-      {56, {23, 23, 100, 8191, 2}}};
-  for (const auto& [code, fields] : headers) {
-    const int fildes = open(new_file(image(code) + image(fields)).c_str(), O_RDWR);
-    version = 77;
-    header = {};
-    said.note("zk_read_header(version " + std::to_string(code) + ", records_start " +
-                  std::to_string(fields.records_start) + ", write_pos " + std::to_string(fields.write_pos) +
-                  ",\n    earliest_rec " + std::to_string(fields.earliest_rec) + ", file_size " +
-                  std::to_string(fields.file_size) + ", has_wrapped " + std::to_string(fields.has_wrapped) + ")",
-              [&](int active, const char* file) { return zk_read_header(active, file, fildes, &version, &header); });
-    said.gives("version", version, "file size", header.file_size);
-    if (version != 77) said.gives("position", lseek(fildes, 0, SEEK_CUR));
-    close(fildes);
+  char* file = nullptr;
+  zk_stack_rec_t* found = nullptr;
+  zk_proc_list_t* process = nullptr;
+} out;
+
+/* ---- What a call is given -------------------------------------------------------------------------------------- */
+
+/* In memory of its exact size, and the one zero byte behind it. */
+void* record(const std::string& name) {
+  if (name == "NULL") return nullptr;
+  const std::string& bytes = records.at(name);
+  char* memory = new char[bytes.size() + 1];
+  keep(memory);
+  return std::memcpy(memory, bytes.c_str(), bytes.size() + 1);
+}
+const char* id(const call& c, size_t index) {
+  static std::string text;
+  if (c.text(index) == nullptr || *c.text(index) == '\0') return c.text(index);
+  text = eid(c.text(index));
+  return text.c_str();
+}
+int descriptor(const call& c, size_t index) {
+  return descriptors.contains(c.words.at(index)) ? descriptors[c.words[index]] : c.number(index);
+}
+zk_proc_list_t* process(const call& c, size_t index) {
+  zk_proc_list_t* last = &processes;
+  while (c.words.at(index) == "last" && last->next != nullptr) last = last->next;
+  return c.at(index, last);
+}
+
+/* ---- What it gives --------------------------------------------------------------------------------------------- */
+
+std::string name(const zk_eid_t fid) {
+  return std::string(fid).substr(0, std::strcspn(fid, "."));
+}
+std::string listed(const zk_stack_rec_t* first) {
+  std::string text;
+  for (const zk_stack_rec_t* group = first; group != nullptr; group = group->next) {
+    text += group == first ? "" : ",";
+    for (const zk_stack_rec_t* each = group; each != nullptr; each = each->related) text += " " + name(each->fid);
   }
-  said.compare();
+  return text;
+}
+std::string listed(const zk_proc_list_t* process) {
+  std::string text;
+  for (; process != nullptr; process = process->next) {
+    text += " " + std::to_string(process->process_id) + " of " + std::to_string(process->parent_id);
+    for (const zk_stack_rec_t* each = process->records; each != nullptr; each = each->next)
+      text += " " + name(static_cast<const char*>(each->record) + 8) + name(each->fid);
+  }
+  return text;
 }
 
-TEST(calls, of_a_dump) {
-  transcript said{"dump"};
-  stack s, later;
-  s.add("older").wrap().add("newer");
-  later.version = 8;
-  const int stack = open(s.file().c_str(), O_RDWR), later_stack = open(later.file().c_str(), O_RDWR);
-  const int read_only = open(s.file().c_str(), O_RDONLY);
-  const std::string newer = eid("newer"), gone = eid("gone");
-  const char* const every = nullptr;
-
-  CALL(said, zk_dump_stack, 0, 0, "", 0, 0, none);
-  CALL(said, zk_dump_stack, 0, 0, every, 0, 0, none);
-  CALL(said, zk_dump_stack, 0, 0, every, 0, -3, none);
-  said.note("zk_dump_stack(0, 0, every, 0, read_only, none)",
-            [&](int active, const char* file) { return zk_dump_stack(active, file, 0, 0, every, 0, read_only, none); });
-  CALL_PRINTED(said, zk_dump_stack, 1, 0, gone.c_str(), 0, stack, none);
-  CALL_PRINTED(said, zk_dump_stack, 1, 1, newer.c_str(), 0, stack, none);
-  CALL_PRINTED(said, zk_dump_stack, 1, 0, every, 0, later_stack, none);
-  CALL_PRINTED(said, zk_dump_stack, 1, 0, every, 0, stack, none);
-  CALL_PRINTED(said, zk_dump_stack, 0, 0, newer.c_str(), 1, stack, none);
-  CALL_PRINTED(said, zk_dump_stack, 0, 0, gone.c_str(), 1, stack, none);
-  CALL_PRINTED(said, zk_dump_stack, 0, 2, newer.c_str(), 2, stack, none);
-  EXPECT_EQ(lseek(stack, 0, SEEK_CUR), 0);
-  said.compare();
-  for (int fildes : {stack, later_stack, read_only}) close(fildes);
+std::string given() {
+  std::string text;
+  if (out.fildes != -1)
+    text += " a descriptor of " +
+            std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(out.fildes)).string() + " at position " +
+            std::to_string(lseek(out.fildes, 0, SEEK_CUR));
+  if (out.file != nullptr) text += std::string(" the candidate ") + out.file;
+  if (out.version != 77)
+    text += " version " + std::to_string(out.version) + ", file size " + std::to_string(out.header.file_size);
+  if (out.found != nullptr) text += " " + name(out.found->fid);
+  if (out.process != nullptr && out.process != &processes)
+    text += " the process " + std::to_string(out.process->process_id);
+  if (!text.empty()) text = "    gives" + text + "\n";
+  if (groups != nullptr) text += "    groups" + listed(groups) + "\n";
+  if (processes.next != nullptr) text += "    processes" + listed(processes.next) + "\n";
+  for (const auto& [file, fildes] : descriptors) {
+    struct flock other = {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = 0, .l_len = 0, .l_pid = 0};
+    fcntl(fildes, F_OFD_GETLK, &other);
+    const off_t position = lseek(fildes, 0, SEEK_CUR);
+    if (position != 100) text += "    " + file + " is left at " + std::to_string(position) + "\n";
+    if (other.l_type != F_UNLCK) text += "    " + file + " is left locked\n";
+  }
+  close(out.fildes);
+  return text;
 }
 
-TEST(calls, of_a_grouped_report) {
-  transcript said{"grouped_report"};
-  stack s;
-  s.add("cause").add("effect", "cause");
-  const int stack = open(s.file().c_str(), O_RDWR), read_only = open(s.file().c_str(), O_RDONLY);
-  zk_stack_rec_t *table = nullptr, *const no_table = nullptr;
-  zk_proc_list_t head = {}, of_process = {5, 0, nullptr, nullptr};
+/* ---- Situations ------------------------------------------------------------------------------------------------ */
 
-  CALL(said, zk_read_stack, 2, 0, none, no_list, nullptr);
-  CALL(said, zk_read_stack, 0, 0, none, no_list, nullptr);
-  CALL(said, zk_read_stack, 0, 1000, none, no_list, nullptr);
-  CALL(said, zk_read_stack, 0, 1000, none, &of_process, nullptr);
-  said.note("zk_read_stack(1, read_only, none, no_list, &table)", [&](int active, const char* file) {
-    return zk_read_stack(active, file, 1, read_only, none, no_list, &table);
-  });
-  CALL(said, zk_display_recs_by_proc, no_list, 0, none);
-  CALL(said, zk_display_recs_by_proc, &of_process, 0, none);
-  CALL(said, zk_display_recs_by_rel, no_table, 0, none);
-
-  EXPECT_EQ(zk_read_stack(0, nullptr, 0, stack, none, &head, nullptr), 0);
-  EXPECT_EQ(zk_read_stack(0, nullptr, 1, stack, none, nullptr, &table), 0);
-  keep(head.next);
-  keep(table);
-  EXPECT_EQ(lseek(stack, 0, SEEK_CUR), 0);
-  CALL_PRINTED(said, zk_display_recs_by_proc, &head, 0, none);
-  CALL_PRINTED(said, zk_display_recs_by_proc, &head, 2, none);
-  CALL_PRINTED(said, zk_display_recs_by_rel, table, 0, none);
-  CALL_PRINTED(said, zk_display_recs_by_rel, table, 2, none);
-  said.compare();
-  close(stack);
-  close(read_only);
+void begin() {
+  for (const auto& [file, fildes] : descriptors) close(fildes);
+  descriptors.clear();
+  keep(groups);
+  keep(processes.next);
+  groups = nullptr;
+  processes = {};
+  out = {};
 }
 
-TEST(calls, of_the_printers) {
-  transcript said{"printers"};
-  const char* const every = nullptr;
-  const std::string one = eid("one"), other = eid("other");
-  void *record = record_of(incident{}.body()), *empty = with_length(0), *negative = with_length(-8),
-       *unnamed = record_of(incident{.id = ""}.body()), *later = record_of(image(4));
-
-  CALL(said, zk_print_brief_stack_record, every, 0, none, no_record);
-  CALL(said, zk_print_brief_stack_record, every, 0, none, empty);
-  CALL(said, zk_print_brief_stack_record, every, 0, none, negative);
-  CALL(said, zk_print_brief_stack_record, every, 0, none, later);
-  CALL_PRINTED(said, zk_print_brief_stack_record, other.c_str(), 1, none, record);
-  CALL_PRINTED(said, zk_print_brief_stack_record, other.c_str(), 0, none, record);
-  CALL_PRINTED(said, zk_print_brief_stack_record, other.c_str(), 2, none, unnamed);
-  CALL_PRINTED(said, zk_print_brief_stack_record, "", 1, none, unnamed);
-  CALL_PRINTED(said, zk_print_brief_stack_record, one.c_str(), 1, none, record);
-  CALL(said, zk_print_full_stack_record, every, none, no_record);
-  CALL(said, zk_print_full_stack_record, every, none, empty);
-  CALL(said, zk_print_full_stack_record, every, none, negative);
-  CALL(said, zk_print_full_stack_record, every, none, later);
-  CALL_PRINTED(said, zk_print_full_stack_record, other.c_str(), none, record);
-  CALL_PRINTED(said, zk_print_full_stack_record, one.c_str(), none, unnamed);
-  CALL_PRINTED(said, zk_print_full_stack_record, one.c_str(), none, record);
-  said.compare();
+void set_up_stack(const std::string& details) {
+  const auto [file, lines] = split(details);
+  const std::string path = scratch() + "/" + file;
+  std::ofstream(path) << described_stack(replaced(lines.substr(lines.find_first_not_of(' ')), ", ", "\n"));
+  descriptors[file] = open(path.c_str(), O_RDWR);
+  descriptors["read-only"] = open(path.c_str(), O_RDONLY);
+  lseek(descriptors[file], 100, SEEK_SET);
+  lseek(descriptors["read-only"], 100, SEEK_SET);
+}
+void set_up_candidates(const std::string& details) {
+  candidates.clear();
+  for (const std::string& file : words(details))
+    candidates += (scratch() + "/" + file + std::string(256, '\0')).substr(0, 256);
+  candidates += '\0'; /* an empty slot ends the list */
 }
 
-TEST(calls, of_the_opening_routines) {
-  transcript said{.name = "opening", .places = {{scratch(), "FOLDER"}}};
-  const std::string other = scratch() + "/other", found = scratch() + "/found";
-  std::ofstream(other) << stack().add("other").bytes();
-  std::ofstream(found) << stack().add("wanted").bytes();
-  auto slots = [](const std::vector<std::string>& names) {
-    std::string all;
-    for (const std::string& each : names) all += each + std::string(256 - each.size(), '\0');
-    return all + '\0'; /* an empty slot ends the list */
-  };
-  const std::string one = slots({"/nowhere"}), both = slots({other, found}), neither = slots({other, other});
-  const std::string id = eid("wanted"), long_id = id + ".";
-  int fildes = -1, *const no_fildes = nullptr;
-  const char* const null = nullptr;
-
-  CALL(said, zk_open_stack_by_name, no_fildes, null);
-  CALL(said, zk_open_stack_by_name, &fildes, null);
-  CALL(said, zk_open_stack_by_name, &fildes, "");
-  CALL(said, zk_open_stack_by_name, &fildes, "/nowhere");
-  CALL(said, zk_open_stack_by_name, &fildes, "nowhere");
-  CALL(said, zk_open_stack_with_fid, no_fildes, null, none);
-  CALL(said, zk_open_stack_with_fid, &fildes, null, none);
-  CALL(said, zk_open_stack_with_fid, &fildes, "", none);
-  CALL(said, zk_open_stack_with_fid, &fildes, long_id.c_str(), none);
-  CALL(said, zk_open_stack_with_fid, &fildes, "7z.....Fris1/..../...z/..................", none);
-  EXPECT_EQ(fildes, -1);
-  CALL(said, zk_scan_files_for_fid, null, null, 4, &fildes, nullptr, none);
-  CALL(said, zk_scan_files_for_fid, "", null, 4, &fildes, nullptr, none);
-  CALL(said, zk_scan_files_for_fid, "x", null, 4, &fildes, nullptr, none);
-  CALL(said, zk_scan_files_for_fid, id.c_str(), one.data(), 4, &fildes, nullptr, none);
-  CALL(said, zk_scan_files_for_fid, id.c_str(), neither.data(), 4, &fildes, nullptr, none);
-  EXPECT_EQ(fildes, -1);
-  CALL_PRINTED(said, zk_scan_files_for_fid, id.c_str(), both.data(), 4, &fildes, nullptr, none);
-  EXPECT_GT(fildes, 0);
-  said.compare();
+/* A group has its cause first, behind which an effect is inserted. */
+void set_up_groups(const std::string& details) {
+  for (const auto& names : items(details)) {
+    zk_add_unrelated_rec(0, nullptr, record(names.at(0)), &groups);
+    zk_stack_rec_t* cause = groups;
+    while (cause->next != nullptr) cause = cause->next;
+    for (size_t effect = names.size() - 1; effect > 0; --effect)
+      zk_add_related_rec(0, nullptr, record(names[effect]), cause);
+  }
 }
 
-TEST(calls, that_print_what_no_run_shows) {
-  transcript said{"messages"};
-  const char* const id = "7z.....Fris1/..../...z/...................";
-  said.text = std::string("0 ") + zk_mesgtbl_zkview_cmd[0] + "\n";
-  auto show = [&](int number, std::initializer_list<cu_error_arg_t> arguments) {
-    said.text += std::to_string(number) + " " + printed([&] { zk_print_message(stdout, none, number, arguments); });
-  };
-  show(15, {});
-  show(16, {});
-  show(28, {zk_msg_arg("zk_print_description"), zk_msg_arg(-1)});
-  show(35, {zk_msg_arg(id), zk_msg_arg("cluster"), zk_msg_arg(5)});
-  show(37, {zk_msg_arg(id), zk_msg_arg("cluster"), zk_msg_arg(5)});
-  show(40, {zk_msg_arg(id)});
-  said.compare();
+void set_up_processes(const std::string& details) {
+  for (const std::string& each : words(details)) {
+    zk_proc_list_t* process = nullptr;
+    zk_find_proc_in_list(0, nullptr, record(each), &processes, &process);
+    zk_add_rec_to_proc(0, nullptr, record(each), process);
+  }
 }
+void set_up_process(const std::string& details) {
+  static zk_proc_list_t process;
+  process = {std::stoi(words(details).at(0)), std::stoi(words(details).at(1)), nullptr, nullptr};
+  processes.next = &process;
+}
+void set_up_head(const std::string& details) {
+  static zk_stack_rec_t any;
+  const std::vector<std::string> word = words(details);
+  processes = {std::stoi(word.at(0)), std::stoi(word.at(1)), word.size() > 2 ? &any : nullptr, nullptr};
+}
+
+/* ---- The routines ---------------------------------------------------------------------------------------------- */
+
+/* A text in memory of its exact size. */
+char* exact(const call& c, size_t index) {
+  if (c.text(index) == nullptr) return nullptr;
+  char* memory = strdup(c.text(index));
+  keep(memory);
+  return memory;
+}
+
+long long print_text(const call& c) {
+  void* at = exact(c, 2);
+  size_t unread = c.words[2].size() + 1;
+  return zk_print_rec_substring(c.active, c.file, none, c.number(1), &at, &unread);
+}
+long long truncate(const call& c) {
+  char* description = exact(c, 0);
+  zk_truncate_description(description, c.number(1));
+  puts(description);
+  return 0;
+}
+
+const subject COMMAND = {
+    .routines = {ROUTINE(zk_open_stack_by_name, c.at(0, &out.fildes), c.text(1)),
+                 ROUTINE(zk_open_stack_with_fid, c.at(0, &out.fildes), c.text(1), none),
+                 ROUTINE(zk_scan_files_for_fid, id(c, 0), c.at(1, candidates.data()), c.number(2), c.at(3, &out.fildes),
+                         c.at(4, &out.file), none),
+                 ROUTINE(zk_read_header, descriptor(c, 0), c.at(1, &out.version), c.at(2, &out.header)),
+                 ROUTINE(zk_dump_stack, c.number(0), c.number(1), id(c, 2), c.number(3), descriptor(c, 4), none),
+                 ROUTINE(zk_read_stack, c.number(0), descriptor(c, 1), none, process(c, 3), c.at(4, &groups)),
+                 ROUTINE(zk_find_proc_in_list, record(c.words.at(0)), process(c, 1),
+                         c.words.at(2) == "taken" ? &taken : c.at(2, &out.process)),
+                 ROUTINE(zk_add_rec_to_proc, record(c.words.at(0)), process(c, 1)),
+                 ROUTINE(zk_find_related_rec, record(c.words.at(0)), c.at(1, groups), c.at(2, &out.found)),
+                 ROUTINE(zk_add_related_rec, record(c.words.at(0)), c.at(1, groups)),
+                 ROUTINE(zk_add_unrelated_rec, record(c.words.at(0)), c.at(1, &groups)),
+                 ROUTINE(zk_display_recs_by_proc, process(c, 0), c.number(1), none),
+                 ROUTINE(zk_display_recs_by_rel, c.at(0, groups), c.number(1), none),
+                 ROUTINE(zk_print_brief_stack_record, id(c, 0), c.number(1), none, record(c.words.at(3))),
+                 ROUTINE(zk_print_full_stack_record, id(c, 0), none, record(c.words.at(2))),
+                 UNTRACED(zk_obtain_strlen, exact(c, 0), static_cast<size_t>(c.large(1))),
+                 {"zk_print_rec_substring", print_text},
+                 {"zk_truncate_description", truncate}},
+    .situations = {{"record", [](const std::string& fields) { records[split(fields).first] = recorded(fields); }},
+                   {"stack", set_up_stack},
+                   {"candidates", set_up_candidates},
+                   {"groups", set_up_groups},
+                   {"processes", set_up_processes},
+                   {"process", set_up_process},
+                   {"head", set_up_head}},
+    .begin = begin,
+    .given = given};
+
+TEST(messages, have_these_texts) {
+  std::string all;
+  for (int number = 0; number < 48; ++number)
+    all += std::to_string(number) + " " + replaced(zk_mesgtbl_zkview_cmd[number], "\n", "\\n") + "\n";
+  EXPECT_EQ(difference(GOLDEN_FOLDER "/messages.golden", all), "");
+}
+
+struct calls : testing::TestWithParam<std::filesystem::path> {};
+
+TEST_P(calls, say_what_stands_in) {
+  setenv("TZ", "UTC", 1);
+  expect_calls(GetParam(), COMMAND);
+}
+INSTANTIATE_TEST_SUITE_P(files, calls, testing::ValuesIn(files_of_calls("command")), name_of_calls);
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,9 +42,8 @@ static struct {
 } meanwhile;
 /* What the file systems say of their space, one answer after another and the last one for good. */
 static std::vector<struct statvfs> space(1);
-static pid_t pid_is = 0;       /* the process's number, unless it is 0 */
-static ino_t every_inode = 0;  /* every file has this one, unless it is 0 */
-static int closed_in_vain = 0; /* descriptors that were closed twice */
+static pid_t pid_is = 0;      /* the process's number, unless it is 0 */
+static ino_t every_inode = 0; /* every file has this one, unless it is 0 */
 
 /* A file system of blocks of 1000 bytes, of which some can be had by everybody, and all by root. */
 inline struct statvfs blocks(uint64_t number, uint64_t available) {
@@ -86,22 +86,17 @@ extern "C" int open(const char* path, int flags, ...) {
   if (is_refused("open", path)) return -1;
   return openat(AT_FDCWD, path, flags, mode);
 }
-extern "C" int close(int fildes) {
-  const long result = syscall(SYS_close, fildes);
-  closed_in_vain += result != 0;
-  return static_cast<int>(result);
-}
-
 static ssize_t read_some(int fildes, void* bytes, size_t size) {
   return is_refused("read", fildes) ? -1 : syscall(SYS_read, fildes, bytes, std::min(size, most_read));
 }
-static ssize_t write_some(int fildes, const std::string& bytes) {
-  size_t size = std::min(bytes.size(), most_written);
+static ssize_t write_some(int fildes, const void* bytes, size_t size) {
+  size = std::min(size, most_written);
   const off_t left = bad_place - lseek(fildes, 0, SEEK_CUR);
   if (bad_place >= 0 && left >= 0) size = std::min(size, static_cast<size_t>(left));
   if (is_refused("write", fildes)) return -1;
-  if (bad_place >= 0 && left == 0) errno = EIO;
-  return bad_place >= 0 && left == 0 ? -1 : syscall(SYS_write, fildes, bytes.data(), size);
+  if (bad_place < 0 || left != 0) return syscall(SYS_write, fildes, bytes, size);
+  errno = EIO;
+  return -1;
 }
 /* Moves to an offset for as long as `work` takes. */
 template <typename Work>
@@ -114,15 +109,6 @@ static ssize_t at_offset(int fildes, off_t offset, Work&& work) {
   errno = error;
   return result;
 }
-static std::string joined(const iovec* pieces, int count) {
-  std::string bytes;
-  for (int piece = 0; piece < count; ++piece)
-    bytes.append(static_cast<const char*>(pieces[piece].iov_base), pieces[piece].iov_len);
-  return bytes;
-}
-static std::string copied(const void* bytes, size_t size) {
-  return std::string(static_cast<const char*>(bytes), size);
-}
 
 extern "C" ssize_t read(int fildes, void* bytes, size_t size) {
   return read_some(fildes, bytes, size);
@@ -131,16 +117,16 @@ extern "C" ssize_t pread(int fildes, void* bytes, size_t size, off_t offset) {
   return at_offset(fildes, offset, [&] { return read_some(fildes, bytes, size); });
 }
 extern "C" ssize_t write(int fildes, const void* bytes, size_t size) {
-  return write_some(fildes, copied(bytes, size));
+  return write_some(fildes, bytes, size);
 }
 extern "C" ssize_t pwrite(int fildes, const void* bytes, size_t size, off_t offset) {
-  return at_offset(fildes, offset, [&] { return write_some(fildes, copied(bytes, size)); });
-}
-extern "C" ssize_t writev(int fildes, const iovec* pieces, int count) {
-  return write_some(fildes, joined(pieces, count));
+  return at_offset(fildes, offset, [&] { return write_some(fildes, bytes, size); });
 }
 extern "C" ssize_t pwritev(int fildes, const iovec* pieces, int count, off_t offset) {
-  return at_offset(fildes, offset, [&] { return write_some(fildes, joined(pieces, count)); });
+  std::string bytes;
+  for (const iovec& piece : std::span(pieces, static_cast<size_t>(count)))
+    bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
+  return pwrite(fildes, bytes.data(), bytes.size(), offset);
 }
 extern "C" int lockf(int fildes, int request, off_t size) {
   struct flock range = {};
@@ -156,6 +142,11 @@ extern "C" int fchmod(int fildes, mode_t mode) noexcept {
 }
 extern "C" int stat(const char* path, struct stat* status) noexcept {
   const int result = is_refused("stat", path) ? -1 : fstatat(AT_FDCWD, path, status, 0);
+  if (every_inode != 0) status->st_ino = every_inode;
+  return result;
+}
+extern "C" int fstat(int fildes, struct stat* status) noexcept {
+  const int result = fstatat(fildes, "", status, AT_EMPTY_PATH);
   if (every_inode != 0) status->st_ino = every_inode;
   return result;
 }

@@ -2,7 +2,6 @@
 #include "support.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -11,78 +10,26 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
-static std::string eid_field(std::string_view id) {
-  std::string field(id);
-  field.resize(43);
-  return field;
-}
-
-std::string eid(std::string_view name) {
-  std::string id(name);
-  id.resize(42, '.');
-  return id;
-}
-
-std::string incident::body() const {
-  return image(version) + eid_field(id) + eid_field(related) + image(time) + text(process) + image(pid) +
-         image(parent) + image(thread) + text(file) + text(file_version) + text(product) + image(line) + text(catalog) +
-         image(set) + image(number) + text(description) + image(arg_count) + args + text(details);
-}
-
-static constexpr int32_t AREA_START = 24;
-
 void keep(const void* memory) {
   static auto& kept = *new std::vector<const void*>;
   kept.push_back(memory);
 }
 
-stack::stack(int32_t size)
-    : header{AREA_START, AREA_START, AREA_START, size, 0}, area(static_cast<size_t>(size - AREA_START), '\0') {}
-
-stack& stack::add_raw(int32_t length, std::string_view body) {
-  std::string record = image(length) + std::string(body);
-  size_t at = static_cast<size_t>(header.write_pos - AREA_START);
-  if (at + record.size() > area.size()) area.resize(at + record.size());
-  area.replace(at, record.size(), record);
-  header.write_pos += static_cast<int32_t>(record.size());
-  return *this;
-}
-
-stack& stack::wrap() {
-  /* The older lap stays where it is; what is added from here on overwrites its beginning. */
-  size_t used = static_cast<size_t>(header.write_pos - AREA_START);
-  std::string older = area.substr(0, used);
-  area.assign(area.size(), '\0');
-  header.earliest_rec = static_cast<int32_t>(AREA_START + area.size() - used - 4);
-  area.replace(area.size() - used - 4, used, older);
-  header.write_pos = header.records_start;
-  header.has_wrapped = 1;
-  return *this;
-}
-
-std::string line(std::string_view description, std::string_view process) {
-  std::string name(process.substr(0, 16));
-  name.resize(16, ' ');
-  return "020309052007 " + name + " " + std::string(description) + "\n";
+std::string line(std::string_view description) {
+  return "020309052007 proc             " + std::string(description) + "\n";
 }
 
 std::string lines(const std::string& descriptions) {
   std::string all = HEADING;
   for (const std::string& description : words(descriptions)) all += line(description);
   return all;
-}
-
-std::string unexpected(const std::string& routine, int code) {
-  return "2615-713 zkview Error: The command experienced an unexpected\n\t failure in the " + routine +
-         " routine.  Failure code from this\n\t routine was " + std::to_string(code) +
-         ".  Note the conditions present when this command\n\t was executed, and contact the system administrator.  "
-         "System\n\t administrators should contact the KVO Customer Support Center\n\t to report this failure.\n";
 }
 
 std::ostream& operator<<(std::ostream& stream, const outcome& what) {
@@ -92,6 +39,18 @@ std::ostream& operator<<(std::ostream& stream, const outcome& what) {
 std::vector<std::string> words(const std::string& text) {
   std::istringstream stream(text);
   return {std::istream_iterator<std::string>(stream), {}};
+}
+
+std::pair<std::string, std::string> split(const std::string& line) {
+  const size_t end = std::min(line.find(' '), line.size());
+  return {line.substr(0, end), line.substr(std::min(end + 1, line.size()))};
+}
+
+std::string unescaped(std::string text) {
+  text = replaced(text, "\\n", "\n");
+  for (size_t at = 0; (at = text.find("\\x", at)) != text.npos; ++at)
+    text.replace(at, 4, 1, static_cast<char>(std::stoi(text.substr(at + 2, 2), nullptr, 16)));
+  return text;
 }
 
 std::string replaced(std::string text, const std::string& what, const std::string& by) {
@@ -139,6 +98,7 @@ outcome shell(const std::string& line, environment variables) {
   }
   variables["PROGRAM"] = program("zkview");
   variables["PATH"] = folder + ":/usr/sbin:/usr/bin:/sbin:/bin";
+  variables["CATALOGS"] = PROGRAM_FOLDER "/../catalogs";
   outcome result = run({"/bin/sh", "-c", "cd " + scratch() + "; " + line}, variables);
   for (const char* name : {"zkview_dynamic", "zkview"}) result.err = replaced(result.err, program(name), "zkview");
   return result;
@@ -185,8 +145,10 @@ std::string contents(const std::string& path) {
 }
 
 size_t open_descriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<size_t>(std::distance(begin(all), end(all)));
+  size_t count = 0;
+  for (int fildes = 0; fildes < 256; ++fildes)
+    if (fcntl(fildes, F_GETFD) != -1) ++count;
+  return count;
 }
 
 std::vector<std::string> trace_entries(const std::string& path) {
@@ -209,39 +171,25 @@ std::vector<std::string> trace_entries(const std::string& path) {
   return entries;
 }
 
-std::string folded(std::string message) {
-  std::string lines;
-  for (message = message.substr(0, 254); !message.empty();) {
-    size_t end = std::min({message.find('\n'), message.size(), size_t{72}});
-    lines += '\t' + message.substr(0, end) + '\n';
-    message.erase(0, message[end] == '\n' ? end + 1 : end);
-  }
-  return lines;
-}
-
-void expect_golden(const std::string& name, const std::string& text) {
-  const std::string path = GOLDEN_FOLDER "/" + name + ".golden", now = replaced(text, scratch(), "FOLDER");
+std::string difference(const std::string& path, const std::string& now) {
   if (getenv("RENEW_GOLDEN") != nullptr) std::ofstream(path) << now;
-  EXPECT_EQ(run({"/usr/bin/diff", "-u", path, new_file(now)}).out, "") << "script/golden renews the golden files";
+  return run({"/usr/bin/diff", "-u", path, new_file(now)}).out;
 }
 
 void in_child(const std::function<void()>& work) {
   pid_t child = fork();
   if (child == 0) {
+    sigevent kill = {}; /* what hangs may have its other signals blocked */
+    kill.sigev_signo = SIGKILL;
+    timer_t timer;
+    const itimerspec limit = {{0, 0}, {20, 0}};
+    if (timer_create(CLOCK_MONOTONIC, &kill, &timer) == 0) timer_settime(timer, 0, &limit, nullptr);
     work();
     std::exit(testing::Test::HasFailure() ? 1 : 0); /* not _exit: coverage is written at exit */
   }
   int status = 0;
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
-}
-
-void as_ordinary_user(const std::function<void()>& work) {
-  in_child([&] {
-    constexpr unsigned int NOBODY = 65534;
-    EXPECT_TRUE(geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 && setuid(NOBODY) == 0));
-    work();
-  });
 }
 
 bool has_private_var() {
@@ -256,4 +204,13 @@ bool has_private_var() {
     return !error;
   }();
   return made;
+}
+
+bool has(const std::string& ability) {
+  if (ability == "stacks-directory") return has_private_var();
+  if (ability == "character-sets") return sizeof(void*) == 8; /* the C library's, which are there for one host */
+  if (ability == "native") return *EMULATOR == '\0';
+  if (ability == "faults") return *FAULT_SHIM != '\0';
+  if (ability == "loopback") return run({"/bin/sh", "-c", "grep -q '127.0.0.1' /proc/net/fib_trie"}).status == 0;
+  return run({"/bin/sh", "-c", "command -v " + ability}, {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}}).status == 0;
 }

@@ -31,8 +31,11 @@ std::string image(T value) {
 inline std::string text(std::string_view characters) {
   return std::string(characters) + '\0';
 }
-/* The words of a text, separated by blanks. */
+/* The words of a text, separated by blanks; its first one, and what follows that. */
 std::vector<std::string> words(const std::string& text);
+std::pair<std::string, std::string> split(const std::string& line);
+/* A text of a golden file, in which a newline stands as "\\n", and any byte as in "\\x9b". */
+std::string unescaped(std::string text);
 std::string replaced(std::string text, const std::string& what, const std::string& by);
 /* A well-formed Error ID for tests that only compare: 42 characters, told apart by `name`. */
 std::string eid(std::string_view name);
@@ -43,7 +46,6 @@ inline std::string int_arg(int32_t value, int32_t type = 0) {
 }
 template <typename T>
 std::string wide_arg(int32_t type, T value) {
-  static_assert(sizeof value == 8);
   return image(type) + image(value);
 }
 inline std::string string_arg(std::string_view value) {
@@ -78,14 +80,14 @@ struct incident {
 /* A stack file in the making. Records are appended at write_pos; fields may be changed at will before use. */
 struct stack {
   explicit stack(int32_t size = 8192);
-  stack& add(const incident& what) { return add_raw(what.body()); }
+  stack& add(const incident& what) { return add_raw(static_cast<int32_t>(what.body().size()), what.body()); }
   stack& add(std::string_view name) { return add({.id = eid(name), .description = std::string(name)}); }
   /* An incident of its own, caused by another. */
   stack& add(std::string_view name, std::string_view cause) {
     return add({.id = eid(name), .related = eid(cause), .description = std::string(name)});
   }
-  stack& add_raw(std::string_view body) { return add_raw(static_cast<int32_t>(body.size()), body); }
-  stack& add_raw(int32_t length, std::string_view body);
+  stack& add_raw(int32_t length, const std::string& body) { return add_bytes(image(length) + body); }
+  stack& add_bytes(const std::string& record); /* with its length word */
   /* The next record goes to records_start; what is added before counts as the older lap. */
   stack& wrap();
   /* The whole file, header included. */
@@ -98,23 +100,21 @@ struct stack {
   std::string area; /* from offset 24 */
 };
 
+/* As a golden file describes them. A record, with its length word, by its fields, each after two blanks: "NAME  FIELD
+ * VALUE  ..."; "cut TEXT" ends it behind that text, "fill N" gives it N bytes by more details, "length N" is for a length word that is wrong. A stack, by lines
+ * "record ...", "records COUNT", "wrap", "FIELD VALUE" of its header, "word OFFSET VALUE" for what is to stand there in
+ * the end, and "bytes N" for a file that ends early. */
+std::string recorded(const std::string& fields);
+std::string described_stack(const std::string& description);
+
 /* ---- What the command prints --------------------------------------------------------------------------------- */
 
-inline const std::string
-    HEADING = "TIMESTAMP    PROCESS          DESCRIPTION\n",
-    SEPARATOR = "\n------------------------------------------------------------\n\n",
-    RECORD_CORRUPT =
-        "Remaining record contents appear to be corrupted.  Unable to display\nremaining record information.\n",
-    NO_MEMORY = "2615-701 zkview Error: Memory allocation failure. Exiting.\n",
-    STACK_CORRUPT =
-        "2615-719 zkview Error: The ZELK Error Stack file appears to be\n\t corrupted.  Ending the report of the ZELK "
-        "Error Stack file\n\t contents at this point.\n";
+inline const std::string HEADING = "TIMESTAMP    PROCESS          DESCRIPTION\n",
+                         SEPARATOR = "\n------------------------------------------------------------\n\n";
 /* The brief line of an incident with the defaults of `incident`, in UTC. */
-std::string line(std::string_view description, std::string_view process = "proc");
+std::string line(std::string_view description);
 /* A brief report of such lines, for descriptions separated by blanks. */
 std::string lines(const std::string& descriptions);
-/* Message 2615-713. */
-std::string unexpected(const std::string& routine, int code);
 
 /* ---- Running things ------------------------------------------------------------------------------------------ */
 
@@ -128,18 +128,15 @@ std::ostream& operator<<(std::ostream& stream, const outcome& what);
 using environment = std::map<std::string, std::string>;
 /* Runs a program with nothing in its environment but `variables` and TZ, UTC unless given, and standard input empty. */
 outcome run(const std::vector<std::string>& command, const environment& variables = {});
-/* Runs a line of the shell in scratch(), where `zkview` is the command. FAULT as fault_shim.cpp takes it. */
+/* Runs a line of the shell in scratch(), where `zkview` is the command and CATALOGS the folder of the translations. FAULT
+ * as fault_shim.cpp takes it. */
 outcome shell(const std::string& line, environment variables = {});
 /* Runs the command, once more with tracing, which must make no difference. */
 outcome zkview(std::vector<std::string> arguments, const environment& variables = {});
 /* The same with a stack. */
 outcome view(const stack& what, std::vector<std::string> options, const environment& variables = {});
-/* A report that succeeds, and one that ends at a damaged place. */
 inline outcome good(const std::string& shown) {
   return {shown, "", 0};
-}
-inline outcome corrupt(const std::string& shown) {
-  return {shown, STACK_CORRUPT, 24};
 }
 /* The program under test, or another one of this build: "zkview", "record_incidents", ... */
 inline std::string program(const std::string& name) {
@@ -155,39 +152,29 @@ std::string printed(Work&& work) {
 
 /* ---- Traces -------------------------------------------------------------------------------------------------- */
 
+/* A trace file without an entry: the writers make do with its control line. */
+inline const std::string EMPTY_TRACE = "ZKTFO=36    ZKTFW=0     ZKTFS=16384\n";
+
 /* Entries of a trace file in order of age, oldest first: what follows "\tZELK Routine: ", up to the next
  * entry, without the line about process and thread. */
 std::vector<std::string> trace_entries(const std::string& path);
 
-/* The lines that a message becomes in a trace entry, and a whole entry as trace_entries gives it. */
-std::string folded(std::string message);
-inline std::string traced(const std::string& routine, const std::string& message) {
-  return routine + "\n" + folded(message);
-}
-
 /* ---- Golden files -------------------------------------------------------------------------------------------- */
 
-/* Compares `text` with tests/golden/NAME.golden, in which FOLDER stands for scratch(); with RENEW_GOLDEN set in the
- * environment the file is written anew. */
-void expect_golden(const std::string& name, const std::string& text);
+/* How `now` differs from a golden file; with RENEW_GOLDEN set in the environment (script/golden) the file is written anew. */
+std::string difference(const std::string& path, const std::string& now);
 
 /* ---- Processes ----------------------------------------------------------------------------------------------- */
 
 /* Runs `work` in a child process, where it may change what it likes; its checks count here. */
 void in_child(const std::function<void()>& work);
-/* The same without the rights of root. */
-void as_ordinary_user(const std::function<void()>& work);
 
 /* Gives this process an empty /var of its own with /var/adm/zelk/stacks and dumps, once. False where the
  * machine forbids it. */
 bool has_private_var();
+/* Whether the machine has a program, or "stacks-directory" (/var as above), "faults", "native" and other abilities. */
+bool has(const std::string& ability);
 #define NEEDS_PRIVATE_VAR() \
   if (!has_private_var()) GTEST_SKIP() << "the machine forbids a mount namespace"
-
-/* Faults can be had in the command where a library can be preloaded into it. */
-#define NEEDS_FAULTS() \
-  if (*FAULT_SHIM == '\0') GTEST_SKIP() << "nothing can be preloaded into this build of the command"
-#define NEEDS_NATIVE() \
-  if (*EMULATOR != '\0') GTEST_SKIP() << "an emulator has descriptors, locks and signals of its own"
 
 #endif

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "message.h"
 #include "qx_zelk.h"
 #include "zk_io.h"
 
@@ -109,13 +110,13 @@ bool load_cursor(cursor_t* cursor, std::string* problem) {
     if (fildes != -1) close(fildes);
     return false;
   }
-  *problem = "it is not a regular file";
+  *problem = message_text(TOOL_MSG_NOT_REGULAR);
   bool is_good = S_ISREG(status.st_mode);
   if (is_good && status.st_size <= LARGEST) {
     std::string text(static_cast<size_t>(status.st_size), '\0');
     text.resize(zk_read_at(fildes, text.data(), text.size(), 0));
     is_good = parse_marks(text, &cursor->marks);
-    *problem = "it is damaged, or no cursor";
+    *problem = message_text(TOOL_MSG_NO_CURSOR);
   }
   close(fildes);
   return is_good;

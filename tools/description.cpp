@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "cu_format.h"
+#include "message.h"
 
 /* ---- Escapes ----------------------------------------------------------------------------------------------------- */
 
@@ -46,14 +47,17 @@ static std::string take_numeric_escape(const char** at, const numeric_escape_t& 
   const std::string allowed = form.base == 8 ? "01234567" : DIGITS;
   const std::string rest = std::string(*at).substr(0, form.digits_max);
   const std::string digits = rest.substr(0, rest.find_first_not_of(allowed));
-  if (digits.size() < form.digits_min) return "a digit is missing in '\\" + std::string(1, form.letter) + rest + "'";
+  if (digits.size() < form.digits_min) {
+    const std::string escape = "\\" + std::string(1, form.letter) + rest;
+    return message_text(TOOL_MSG_DIGIT_MISSING, {escape});
+  }
   *at += digits.size();
 
   const uint32_t code = static_cast<uint32_t>(std::stoul(digits, nullptr, form.base));
   const bool is_unicode = form.digits_min > 1;
   const bool is_surrogate = code >= 0xd800 && code <= 0xdfff;
-  if (is_unicode && (is_surrogate || code > 0x10ffff)) return "there is no character " + digits;
-  if (code == 0 || (!is_unicode && (code & 0xff) == 0)) return "a text cannot hold the character 0";
+  if (is_unicode && (is_surrogate || code > 0x10ffff)) return message_text(TOOL_MSG_NO_CHARACTER, {digits});
+  if (code == 0 || (!is_unicode && (code & 0xff) == 0)) return message_text(TOOL_MSG_CHARACTER_ZERO);
   if (is_unicode)
     put_unicode(text, code);
   else
@@ -169,12 +173,11 @@ static std::string take_conversion(const char** at, size_t* unnumbered, std::str
   const std::string written(start, *at);
   *text += written;
   if (piece.kind == CU_PIECE_TEXT) return "";
-  if (piece.kind != CU_PIECE_ARGUMENT) return "'" + written + "' is not a conversion that can be recorded";
+  if (piece.kind != CU_PIECE_ARGUMENT) return message_text(TOOL_MSG_NOT_A_CONVERSION, {written});
   if (piece.argument >= letters->size())
-    return "argument " + std::to_string(piece.argument + 1) + ", which '" + written + "' asks for, is missing";
+    return message_text(TOOL_MSG_ARGUMENT_MISSING, {std::to_string(piece.argument + 1), written});
   char& letter = (*letters)[piece.argument];
-  if (letter != '\0' && type_of(letter) != type_of(piece.letter))
-    return "'" + written + "' asks for another kind of argument than a conversion before it";
+  if (letter != '\0' && type_of(letter) != type_of(piece.letter)) return message_text(TOOL_MSG_OTHER_KIND, {written});
   if (letter == '\0') letter = piece.letter;
   return "";
 }
@@ -197,13 +200,13 @@ std::string take_description(const std::string& format, std::vector<std::string>
   }
   if (!problem.empty()) return problem;
   if (!letters.empty() && letters.back() == '\0')
-    return "no conversion takes argument " + std::to_string(letters.size());
+    return message_text(TOOL_MSG_ARGUMENT_UNUSED, {std::to_string(letters.size())});
 
   for (size_t i = 0; i < letters.size(); ++i) {
     cu_error_arg_t argument = {.cu_arg_type = type_of(letters[i]), .cu_arg_value = {}};
     std::string& operand = (*operands)[i];
     if (!take_argument(&operand, letters[i], &argument))
-      return "argument " + std::to_string(i + 1) + ", '" + operand + "', is not a number, or out of range";
+      return message_text(TOOL_MSG_ARGUMENT_NOT_A_NUMBER, {std::to_string(i + 1), operand});
     description->arguments.push_back(argument);
   }
   return "";

@@ -85,7 +85,7 @@ static void wait_for(pollfd* descriptors, nfds_t count, int timeout) {
 /* Ends the run as writing to a closed pipe does. Returns false, having said so, where SIGPIPE is ignored. */
 static bool lose_reader() {
   std::raise(SIGPIPE);
-  complain("standard output", std::strerror(EPIPE));
+  complain(message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(EPIPE));
   return false;
 }
 
@@ -113,7 +113,7 @@ static bool tell_trouble(followed_t* stack, const trouble_t& trouble, std::strin
   if (!is_lasting) return true;
   stack->told = trouble;
   write_json_trouble(stack->name, trouble, lines);
-  if (trouble.offset < 0) complain(stack->name, trouble.reason);
+  if (trouble.offset < 0) complain(stack->name, reason_of(trouble.code));
   return false;
 }
 
@@ -154,14 +154,14 @@ static bool open_file(follower_t* follower, followed_t* stack) {
     stack->watch = inotify_add_watch(follower->inotify, stack->path.c_str(), STACK_EVENTS);
     if (stack->watch != -1) return true;
     follower->is_rearranged = errno == ENOENT; /* it has just gone */
-    if (!follower->is_rearranged) complain(stack->name, std::string("it cannot be watched: ") + std::strerror(errno));
+    if (!follower->is_rearranged) complain(stack->name, message_text(TOOL_MSG_NOT_WATCHED, {std::strerror(errno)}));
     return follower->is_rearranged;
   }
   stack->is_known = true;
   const trouble_t trouble = trouble_of(result);
   if (trouble == stack->told) return true;
   if (result == ZELK_FILE_MISSING) {
-    if (!follower->is_started) complain(stack->name, "there is no such stack yet");
+    if (!follower->is_started) complain(stack->name, message_text(TOOL_MSG_NO_STACK_YET));
     stack->told = trouble;
     return true;
   }

@@ -55,7 +55,7 @@ int export_json(const zk_trace_t& trace, const export_request_t& request) {
                                                   : gather_unread(trace, name, &cursor, &lines);
     if (trouble.code != ZELK_SUCCESS) {
       write_json_trouble(name, trouble, &lines);
-      if (trouble.offset < 0) complain(name, trouble.reason);
+      if (trouble.offset < 0) complain(name, reason_of(trouble.code));
       status = worst_status(status, status_of(trouble.code));
     }
     if (!is_written || !write_out(lines)) return TOOL_FAILED;

@@ -21,7 +21,7 @@ static int gather(const zk_trace_t& trace, const export_request_t& request, chai
         read_incidents(trace, request, name, [&](const incident_t& incident) { chain->incidents.push_back(incident); });
     if (trouble.code == ZELK_SUCCESS) continue;
     chain->notes.push_back(trouble_note(name, trouble));
-    complain(name, chain->notes.back().substr(name.size() + 2));
+    complain(name, trouble.offset < 0 ? reason_of(trouble.code) : chain->notes.back().substr(name.size() + 2));
     status = worst_status(status, status_of(trouble.code));
   }
   return status;
@@ -39,12 +39,12 @@ static bool take_line(const std::string& line, chain_t* chain) {
   return true;
 }
 
-static int fail(const std::string& what, const char* reason) {
+static int fail(const std::string& what, const std::string& reason) {
   complain(what, reason);
   return TOOL_FAILED;
 }
-static int fail_at(size_t line, const char* reason) {
-  return fail("line " + std::to_string(line), reason);
+static int fail_at(size_t line, const std::string& reason) {
+  return fail(message_text(TOOL_MSG_LINE_NUMBER, {std::to_string(line)}), reason);
 }
 
 /* Gathers the incidents of standard input. Returns the exit status. */
@@ -54,21 +54,21 @@ static int gather_input(chain_t* chain) {
   size_t number = 1, total = 0;
   for (;;) {
     const size_t size = zk_read_on(STDIN_FILENO, block.data(), block.size());
-    if (errno != 0) return fail("standard input", std::strerror(errno));
+    if (errno != 0) return fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
     std::string_view rest(block.data(), size);
     for (size_t end; (end = rest.find('\n')) != rest.npos; ++number) {
       line += rest.substr(0, end);
       rest.remove_prefix(end + 1);
-      if (!take_line(line, chain)) return fail_at(number, "it is no incident as json gives them");
+      if (!take_line(line, chain)) return fail_at(number, message_text(TOOL_MSG_NO_INCIDENT));
       line.clear();
     }
     line += rest;
     total += size;
-    if (line.size() > LINE_MAX_SIZE) return fail_at(number, "it is too long");
-    if (total > INPUT_MAX_SIZE) return fail_at(number, "there are more incidents than can be shown");
+    if (line.size() > LINE_MAX_SIZE) return fail_at(number, message_text(TOOL_MSG_LINE_TOO_LONG));
+    if (total > INPUT_MAX_SIZE) return fail_at(number, message_text(TOOL_MSG_TOO_MANY_INCIDENTS));
     if (size < block.size()) break;
   }
-  if (!line.empty() && !take_line(line, chain)) return fail_at(number, "it is no incident as json gives them");
+  if (!line.empty() && !take_line(line, chain)) return fail_at(number, message_text(TOOL_MSG_NO_INCIDENT));
   return TOOL_DONE;
 }
 

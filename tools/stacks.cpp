@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "message.h"
 #include "zk_stack_file.h"
 #include "zkopen.h"
 #include "zkrecord.h"
@@ -20,22 +21,21 @@
 struct trouble_row_t {
   int code;
   int status;
-  const char* reason;
+  tool_message_t reason;
 };
-static constexpr trouble_row_t TROUBLES[] = {{ZELK_SUCCESS, EXIT_REPORTED, ""},
-                                             {ZELK_LOCK, EXIT_NOT_LOCKED, "it cannot be locked"},
-                                             {ZELK_FILE_CORRUPT, EXIT_CORRUPT, "it is damaged"},
-                                             {ZELK_NO_MEMORY, EXIT_NO_MEMORY, "memory is exhausted"},
-                                             {ZELK_FILE_MISSING, EXIT_NO_STACK, "there is no such stack"},
-                                             {ZELK_NO_ACCESS, EXIT_NO_STACK, "access is refused"},
-                                             {ZELK_UNSUPPORTED, EXIT_LATER_VERSION, "it was made by a later version"},
-                                             {ZELK_INV_FID, EXIT_BAD_EID, "it is not an Error ID of an Error Stack"},
-                                             {ZELK_INV_STACKNAME, EXIT_BAD_EID, "it gives no stack name"},
-                                             {ZELK_REMOTE_FID, EXIT_REMOTE, "it was made on another node"},
-                                             {ZELK_TOO_MANY, EXIT_UNEXPECTED, "too many files are open"},
-                                             {ZELK_DIR_MISSING, EXIT_UNEXPECTED, "the directory is missing"},
-                                             {ZELK_DIR_NO_ACCESS, EXIT_UNEXPECTED, "the directory may not be read"}};
-static constexpr trouble_row_t UNEXPECTED = {ZELK_FAILURE, EXIT_UNEXPECTED, "it cannot be read"};
+static constexpr trouble_row_t TROUBLES[] = {{ZELK_LOCK, EXIT_NOT_LOCKED, TOOL_MSG_NOT_LOCKED},
+                                             {ZELK_FILE_CORRUPT, EXIT_CORRUPT, TOOL_MSG_DAMAGED},
+                                             {ZELK_NO_MEMORY, EXIT_NO_MEMORY, TOOL_MSG_NO_MEMORY},
+                                             {ZELK_FILE_MISSING, EXIT_NO_STACK, TOOL_MSG_NO_STACK},
+                                             {ZELK_NO_ACCESS, EXIT_NO_STACK, TOOL_MSG_NO_ACCESS},
+                                             {ZELK_UNSUPPORTED, EXIT_LATER_VERSION, TOOL_MSG_STACK_OF_LATER_VERSION},
+                                             {ZELK_INV_FID, EXIT_BAD_EID, TOOL_MSG_NOT_A_STACK_ID},
+                                             {ZELK_INV_STACKNAME, EXIT_BAD_EID, TOOL_MSG_NO_STACK_NAME},
+                                             {ZELK_REMOTE_FID, EXIT_REMOTE, TOOL_MSG_OTHER_NODE},
+                                             {ZELK_TOO_MANY, EXIT_UNEXPECTED, TOOL_MSG_TOO_MANY_FILES},
+                                             {ZELK_DIR_MISSING, EXIT_UNEXPECTED, TOOL_MSG_DIRECTORY_MISSING},
+                                             {ZELK_DIR_NO_ACCESS, EXIT_UNEXPECTED, TOOL_MSG_DIRECTORY_NOT_READ}};
+static constexpr trouble_row_t UNEXPECTED = {ZELK_FAILURE, EXIT_UNEXPECTED, TOOL_MSG_CANNOT_READ};
 
 static const trouble_row_t& row_of(int code) {
   for (const trouble_row_t& row : TROUBLES)
@@ -44,7 +44,11 @@ static const trouble_row_t& row_of(int code) {
 }
 
 trouble_t trouble_of(int code) {
-  return {code, -1, row_of(code).reason};
+  return {code, -1, english_text(row_of(code).reason)};
+}
+
+std::string reason_of(int code) {
+  return message_text(row_of(code).reason);
 }
 
 int status_of(int code) {

@@ -16,12 +16,15 @@
 struct trouble_t {
   int code = 0;        /* ZELK_..., 0 for no trouble */
   int64_t offset = -1; /* of what is damaged, -1 where there is no such place */
-  std::string reason;
+  std::string reason;  /* in English, also where the user reads another language: programs read it */
   bool operator==(const trouble_t&) const = default;
 };
 
 /* What a failure of opening, or of an Error ID, means. */
 trouble_t trouble_of(int code);
+
+/* The same for the user. */
+std::string reason_of(int code);
 
 /* Exit status of zkview for such a code. */
 int status_of(int code);

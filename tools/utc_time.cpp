@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* utc_time.cpp - writes times as RFC 3339 has them, and reads them again. */
 #include "utc_time.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* utc_time.h - times as RFC 3339 has them, in UTC. */
 #ifndef UTC_TIME_H
 #define UTC_TIME_H

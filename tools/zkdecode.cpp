@@ -58,9 +58,9 @@ static constexpr const char* SEVERITIES[] = {"emerg", "alert", "crit", "err", "w
 /* Why the text cannot be an Error ID; empty when it can. The library decodes any characters. */
 static std::string problem_of_text(const std::string& id) {
   if (id.size() != ZELK_EID_LENGTH)
-    return "its length is " + std::to_string(id.size()) + ", not " + std::to_string(ZELK_EID_LENGTH);
+    return message_text(TOOL_MSG_WRONG_LENGTH, {std::to_string(id.size()), std::to_string(ZELK_EID_LENGTH)});
   const size_t stray = id.find_first_not_of(base64_table);
-  return stray != id.npos ? "its character " + std::to_string(stray + 1) + " is outside the alphabet" : "";
+  return stray != id.npos ? message_text(TOOL_MSG_STRAY_CHARACTER, {std::to_string(stray + 1)}) : "";
 }
 
 /* Why an Error ID could not be decoded; empty for what is no failure: a stack file may be gone, and its directory too.
@@ -72,16 +72,16 @@ static std::string problem_of_result(int result, int version, int location) {
     case ZELK_DIR_MISSING:
       return "";
     case ZELK_UNSUPPORTED:
-      return version == 0 ? "it is of a later version" : "its location is one of a later version";
+      return message_text(version == 0 ? TOOL_MSG_LATER_VERSION : TOOL_MSG_LATER_LOCATION);
     case ZELK_INV_FID:
-      return "its time stamp is out of range";
+      return message_text(TOOL_MSG_BAD_TIME);
     case ZELK_INV_PARAM4:
-      return "its address type is unknown";
+      return message_text(TOOL_MSG_BAD_ADDRESS_TYPE);
     case ZELK_INV_PARAM3:
-      return "its syslog selector is malformed or out of range";
+      return message_text(TOOL_MSG_BAD_SELECTOR);
     default:
-      return location == ZELK_LOCATION_TEMPLATE ? "its error template label is 0"
-                                                : "the directory " ZELK_STACK_DIR " cannot be read";
+      return location == ZELK_LOCATION_TEMPLATE ? message_text(TOOL_MSG_LABEL_ZERO)
+                                                : message_text(TOOL_MSG_DIRECTORY_UNREADABLE, {ZELK_STACK_DIR});
   }
 }
 
@@ -224,9 +224,9 @@ static std::optional<int> take_command_line(int argc, char** argv, decode_reques
       options.push_back(argv[i]);
   }
 
-  CLI::App app("Shows what Error IDs say: where an incident was recorded, when, and on which node.", NAME);
-  app.add_option("ID", request->ids, "Error IDs of 42 characters")->type_name("")->required(request->ids.empty());
-  app.add_flag("-j,--json", request->is_json, "Print a JSON object for each ID, one a line")->disable_flag_override();
+  CLI::App app(message_text(TOOL_MSG_DECODE_ABOUT), NAME);
+  app.add_option("ID", request->ids, message_text(TOOL_MSG_DECODE_ID))->type_name("")->required(request->ids.empty());
+  app.add_flag("-j,--json", request->is_json, message_text(TOOL_MSG_DECODE_JSON))->disable_flag_override();
   return tool_parse(&app, static_cast<int>(options.size()), options.data());
 }
 

@@ -18,7 +18,7 @@ void complain(std::string_view what, std::string_view reason) {
 
 bool write_out(std::string_view text) {
   if (zk_write_all(STDOUT_FILENO, text.data(), text.size())) return true;
-  complain("standard output", std::strerror(errno));
+  complain(message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(errno));
   return false;
 }
 
@@ -29,13 +29,13 @@ int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, s
   if (request.is_every) {
     const int result = list_stacks(names);
     if (result == ZELK_SUCCESS) return TOOL_DONE;
-    complain(ZELK_STACK_DIR, trouble_of(result).reason);
+    complain(ZELK_STACK_DIR, reason_of(result));
     return EXIT_NO_STACK;
   }
   if (!request.id.empty()) {
     const int result = find_stack(trace, request.id, &names->emplace_back());
     if (result == ZELK_SUCCESS) return TOOL_DONE;
-    complain(request.id, trouble_of(result).reason);
+    complain(request.id, reason_of(result));
     return status_of(result);
   }
   return TOOL_DONE;
@@ -55,29 +55,35 @@ trouble_t read_incidents(const zk_trace_t& trace, const export_request_t& reques
     return result;
   });
   if (trouble.code == ZELK_SUCCESS && !request.id.empty() && !is_any_taken)
-    complain(request.id, "its stack no longer holds it"); /* no failure to zkview either */
+    complain(request.id, message_text(TOOL_MSG_OVERWRITTEN)); /* no failure to zkview either */
   return trouble;
 }
 
 /* ---- The command line ---------------------------------------------------------------------------------------------- */
 
+static constexpr char FORMATS[] = "{json,dot,html}";
+
+static std::string is_format(const std::string& text) {
+  const bool is_known = text == "json" || text == "dot" || text == "html";
+  return is_known ? "" : message_text(TOOL_MSG_NOT_A_FORMAT, {text, FORMATS});
+}
+
 static void add_options(CLI::App* app, export_request_t* request) {
-  static auto not_empty = [](const std::string& text) { return std::string(text.empty() ? "it is empty" : ""); };
+  static auto not_empty = [](const std::string& text) { return text.empty() ? message_text(TOOL_MSG_EMPTY) : ""; };
   app->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  app->add_option("STACK", request->stacks, "Error Stacks, relative to " ZELK_STACK_DIR)
+  app->add_option("STACK", request->stacks, message_text(TOOL_MSG_EXPORT_STACK, {ZELK_STACK_DIR}))
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->type_name("")
       ->check(not_empty);
-  app->add_option("-o,--format", request->format, "json (lines of JSON, unless given), dot or html")
+  app->add_option("-o,--format", request->format, message_text(TOOL_MSG_EXPORT_FORMAT))
       ->type_name("FORMAT")
-      ->check(CLI::IsMember({"json", "dot", "html"}));
-  app->add_option("-i,--id", request->id, "Only the incident of this Error ID")->type_name("ID")->check(not_empty);
-  app->add_flag("-e,--every", request->is_every, "All stacks of " ZELK_STACK_DIR)->disable_flag_override();
-  app->add_flag("--input", request->is_input, "Incidents from standard input, as json gives them")
+      ->check(is_format, FORMATS);
+  app->add_option("-i,--id", request->id, message_text(TOOL_MSG_EXPORT_ID))->type_name("ID")->check(not_empty);
+  app->add_flag("-e,--every", request->is_every, message_text(TOOL_MSG_EXPORT_EVERY, {ZELK_STACK_DIR}))
       ->disable_flag_override();
-  app->add_flag("-f,--follow", request->is_follow, "Go on with new incidents as they are recorded")
-      ->disable_flag_override();
-  app->add_option("-c,--cursor-file", request->cursor_file, "Begin behind what FILE says was given out, and keep it up")
+  app->add_flag("--input", request->is_input, message_text(TOOL_MSG_EXPORT_INPUT))->disable_flag_override();
+  app->add_flag("-f,--follow", request->is_follow, message_text(TOOL_MSG_EXPORT_FOLLOW))->disable_flag_override();
+  app->add_option("-c,--cursor-file", request->cursor_file, message_text(TOOL_MSG_EXPORT_CURSOR_FILE))
       ->type_name("FILE")
       ->check(not_empty);
 }
@@ -89,16 +95,16 @@ static std::string combination_problem(const export_request_t& request) {
   const bool is_json = request.format == "json";
   const struct {
     bool is_broken;
-    const char* problem;
-  } rules[] = {{sources == 0, "a stack, --id, --every or --input is needed"},
-               {sources > 1, "only one of a stack, --id, --every and --input can be given"},
-               {request.is_input && is_json, "--input needs --format=dot or --format=html"},
-               {request.is_follow && !is_json, "--follow gives json only"},
-               {!request.cursor_file.empty() && !is_json, "--cursor-file is for json only"},
-               {request.is_follow && !request.id.empty(), "--follow and --id exclude each other"},
-               {!request.cursor_file.empty() && !request.id.empty(), "--cursor-file and --id exclude each other"}};
+    tool_message_t problem;
+  } rules[] = {{sources == 0, TOOL_MSG_NO_SOURCE},
+               {sources > 1, TOOL_MSG_TWO_SOURCES},
+               {request.is_input && is_json, TOOL_MSG_INPUT_AS_JSON},
+               {request.is_follow && !is_json, TOOL_MSG_FOLLOW_NOT_JSON},
+               {!request.cursor_file.empty() && !is_json, TOOL_MSG_CURSOR_NOT_JSON},
+               {request.is_follow && !request.id.empty(), TOOL_MSG_FOLLOW_AND_ID},
+               {!request.cursor_file.empty() && !request.id.empty(), TOOL_MSG_CURSOR_AND_ID}};
   for (const auto& rule : rules)
-    if (rule.is_broken) return rule.problem;
+    if (rule.is_broken) return message_text(rule.problem);
   return "";
 }
 
@@ -125,7 +131,7 @@ static void show_brackets(std::string* text) {
 
 /* Takes the command line. Returns the exit status where that ends the run. */
 static std::optional<int> take_command_line(int argc, char** argv, export_request_t* request) {
-  CLI::App app("Gives the incidents of Error Stacks to scripts, pages and pipelines.", NAME);
+  CLI::App app(message_text(TOOL_MSG_EXPORT_ABOUT), NAME);
   request->format = "json";
   add_options(&app, request);
   std::vector<std::string> arguments = arguments_for_cli11(argc, argv);

@@ -49,11 +49,11 @@ static auto number_from(int32_t low, int32_t high) {
   return [low, high](const std::string& text) {
     int32_t number = 0;
     if (take_number(text, low, high, &number)) return std::string();
-    return "'" + text + "' is not a number from " + std::to_string(low) + " to " + std::to_string(high);
+    return message_text(TOOL_MSG_NOT_A_NUMBER, {text, std::to_string(low), std::to_string(high)});
   };
 }
 static std::string not_empty(const std::string& text) {
-  return text.empty() ? "it is empty" : "";
+  return text.empty() ? message_text(TOOL_MSG_EMPTY) : "";
 }
 
 /* Takes CATALOG:SET:NUMBER apart. */
@@ -123,35 +123,34 @@ static int split_options(const CLI::App& app, int argc, char** argv, std::vector
 }
 
 static void add_options(CLI::App* app, request_t* request) {
-  auto add = [&](const char* names, auto* value, const char* type, const char* meaning) {
-    return app->add_option(names, *value, meaning)->type_name(type);
+  auto add = [&](const char* names, auto* value, const char* type, tool_message_t meaning) {
+    return app->add_option(names, *value, message_text(meaning, {ZELK_STACK_DIR}))->type_name(type);
   };
   app->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  add("STACK", &request->stack, "", "The Error Stack, relative to " ZELK_STACK_DIR)->required()->check(not_empty);
-  add("FORMAT", &request->format, "", "Description of the incident, as printf(1) takes it")->required();
-  add("ARGUMENT", &request->operands, "", "One for each conversion of FORMAT");
-  add("-c,--cause", &request->cause, "ID", "The incident that caused this one")->check([](const std::string& text) {
-    return is_eid(text) ? std::string() : "'" + text + "' is not an Error ID";
+  add("STACK", &request->stack, "", TOOL_MSG_RECORD_STACK)->required()->check(not_empty);
+  add("FORMAT", &request->format, "", TOOL_MSG_RECORD_FORMAT)->required();
+  add("ARGUMENT", &request->operands, "", TOOL_MSG_RECORD_ARGUMENT);
+  add("-c,--cause", &request->cause, "ID", TOOL_MSG_RECORD_CAUSE)->check([](const std::string& text) {
+    return is_eid(text) ? std::string() : message_text(TOOL_MSG_NOT_AN_EID, {text});
   });
-  add("-d,--details", &request->details, "TEXT", "Details; - reads them from standard input");
-  add("-D,--dump", &request->dump, "FILE", "Preserve FILE as a dump file")->check(not_empty);
-  add("-p,--process", &request->process, "NAME", "Name of the process, the caller unless given")->check(not_empty);
-  add("--pid", &request->process_id, "N", "Its ID")->check(number_from(1, INT32_MAX));
-  add("--file", &request->file, "NAME", "Source file that detected the incident");
-  add("--line", &request->line, "N", "Line in that file")->check(number_from(0, INT32_MAX));
-  add("--file-version", &request->version, "TEXT", "Version of that file");
-  add("--product", &request->product, "TEXT", "Product that it belongs to");
-  add("-m,--message", &request->message, "CATALOG:SET:NUMBER", "Message of a catalog, with FORMAT as the default")
-      ->check(not_empty);
-  add("-C,--create", &request->new_size, "[=SIZE]", "Make the stack first where there is none")
+  add("-d,--details", &request->details, "TEXT", TOOL_MSG_RECORD_DETAILS);
+  add("-D,--dump", &request->dump, "FILE", TOOL_MSG_RECORD_DUMP)->check(not_empty);
+  add("-p,--process", &request->process, "NAME", TOOL_MSG_RECORD_PROCESS)->check(not_empty);
+  add("--pid", &request->process_id, "N", TOOL_MSG_RECORD_PID)->check(number_from(1, INT32_MAX));
+  add("--file", &request->file, "NAME", TOOL_MSG_RECORD_FILE);
+  add("--line", &request->line, "N", TOOL_MSG_RECORD_LINE)->check(number_from(0, INT32_MAX));
+  add("--file-version", &request->version, "TEXT", TOOL_MSG_RECORD_FILE_VERSION);
+  add("--product", &request->product, "TEXT", TOOL_MSG_RECORD_PRODUCT);
+  add("-m,--message", &request->message, "CATALOG:SET:NUMBER", TOOL_MSG_RECORD_MESSAGE)->check(not_empty);
+  add("-C,--create", &request->new_size, "[=SIZE]", TOOL_MSG_RECORD_CREATE)
       ->check(number_from(ZK_STACK_SIZE_MIN, ZK_STACK_SIZE_MAX));
-  app->add_flag("-q,--quiet", request->is_quiet, "Print no Error ID")->disable_flag_override();
+  app->add_flag("-q,--quiet", request->is_quiet, message_text(TOOL_MSG_RECORD_QUIET))->disable_flag_override();
 }
 
 /* Takes the command line, all of which is checked before anything is made. Returns the exit status where that ends the
  * run. */
 static std::optional<int> take_command_line(int argc, char** argv, request_t* request) {
-  CLI::App app("Records an incident in an Error Stack and prints its Error ID.", NAME);
+  CLI::App app(message_text(TOOL_MSG_RECORD_ABOUT), NAME);
   add_options(&app, request);
   std::vector<std::string> options = {NAME};
   const int stack = split_options(app, argc, argv, &options);
@@ -165,7 +164,7 @@ static std::optional<int> take_command_line(int argc, char** argv, request_t* re
   if (auto status = tool_parse(&app, static_cast<int>(arguments.size()), arguments.data())) return status;
   request->operands.assign(argv + operands, argv + argc);
   if (!request->message.empty() && !take_message(request))
-    return tool_misuse(NAME, "--message: '" + request->message + "' is not CATALOG:SET:NUMBER");
+    return tool_misuse(NAME, "--message: " + message_text(TOOL_MSG_NOT_A_MESSAGE, {request->message}));
   const std::string problem = take_description(request->format, &request->operands, &request->description);
   if (!problem.empty()) return tool_misuse(NAME, "FORMAT: " + problem);
   return {};
@@ -244,24 +243,24 @@ static std::string preserve_dump(const tool_trace_t& trace, const request_t& req
 
 /* ---- Recording --------------------------------------------------------------------------------------------------- */
 
-static const char* reason_of(int result) {
+static std::string reason_of(int result) {
   static constexpr struct {
     int result;
-    const char* reason;
-  } REASONS[] = {{ZELK_DIR_NO_ACCESS, "the directory may not be written to"},
-                 {ZELK_DIR_MISSING, "the directory is missing"},
-                 {ZELK_READ_ONLY, "the file system is read-only"},
-                 {ZELK_NO_SPACE, "no space is left"},
-                 {ZELK_NO_MEMORY, "memory is exhausted"},
-                 {ZELK_TOO_MANY, "too many files are open, or the quota is used up"},
-                 {ZELK_FILE_MISSING, "there is no such file"},
-                 {ZELK_NO_ACCESS, "access is refused"},
-                 {ZELK_FILE_CORRUPT, "it is damaged, or no Error Stack"},
-                 {ZELK_LOCK, "it cannot be locked"},
-                 {ZELK_INV_RECLEN, "the incident is too long"}};
+    tool_message_t reason;
+  } REASONS[] = {{ZELK_DIR_NO_ACCESS, TOOL_MSG_DIRECTORY_NO_ACCESS},
+                 {ZELK_DIR_MISSING, TOOL_MSG_DIRECTORY_MISSING},
+                 {ZELK_READ_ONLY, TOOL_MSG_READ_ONLY},
+                 {ZELK_NO_SPACE, TOOL_MSG_NO_SPACE},
+                 {ZELK_NO_MEMORY, TOOL_MSG_NO_MEMORY},
+                 {ZELK_TOO_MANY, TOOL_MSG_TOO_MANY_OR_QUOTA},
+                 {ZELK_FILE_MISSING, TOOL_MSG_NO_FILE},
+                 {ZELK_NO_ACCESS, TOOL_MSG_NO_ACCESS},
+                 {ZELK_FILE_CORRUPT, TOOL_MSG_DAMAGED_OR_NO_STACK},
+                 {ZELK_LOCK, TOOL_MSG_NOT_LOCKED},
+                 {ZELK_INV_RECLEN, TOOL_MSG_TOO_LONG_INCIDENT}};
   for (const auto& row : REASONS)
-    if (row.result == result) return row.reason;
-  return "it cannot be opened or written";
+    if (row.result == result) return message_text(row.reason);
+  return message_text(TOOL_MSG_NOT_OPENED);
 }
 
 /* Opens the stack, and makes it before where it is missing and may be made. */
@@ -275,7 +274,8 @@ static int open_recorder(const tool_trace_t& trace, const request_t& request, zk
 }
 
 static int record(const tool_trace_t& trace, request_t* request) {
-  if (request->details == "-" && !read_details(&request->details)) return fail("standard input", std::strerror(errno));
+  if (request->details == "-" && !read_details(&request->details))
+    return fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
   if (!request->dump.empty() && access(request->dump.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR))
     return fail(request->dump, std::strerror(errno));
   zk_recorder_t* recorder = nullptr;
@@ -309,8 +309,8 @@ static int record(const tool_trace_t& trace, request_t* request) {
   if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result));
   if (request->is_quiet) return TOOL_DONE;
   if (std::puts(eid) == EOF || std::fflush(stdout) != 0)
-    return fail("standard output",
-                "recorded, but the Error ID " + std::string(eid) + " cannot be written: " + std::strerror(errno));
+    return fail(message_text(TOOL_MSG_STANDARD_OUTPUT),
+                message_text(TOOL_MSG_ID_NOT_WRITTEN, {eid, std::strerror(errno)}));
   return TOOL_DONE;
 }
 

@@ -1,0 +1,39 @@
+# SPDX-License-Identifier: MIT
+# Turns a message source (gencat format, quoted texts) into the initialisers of a built-in table: one C string literal for
+# each message, in the order of their numbers from `first` on. The escapes of both are the same, so texts pass unchanged.
+# With names=1 it makes enumerators instead, `prefix` and the NAME of the comment "$ NAME: ..." above each message. Ends
+# with an error when a number is missing or out of order, or when there are not `count` messages (0: any number).
+
+BEGIN { expected = first }
+
+/^\$ [A-Z][A-Z_]*:/ { name = substr($2, 1, length($2) - 1) }
+/^\$/ { next }
+
+!continued && /^[0-9]+ "/ {
+  if ($1 != expected++) exit_with("message " $1 " is out of order")
+  if (names) print prefix name " = " $1 ","
+  sub(/^[0-9]+ "/, "")
+  continued = 1
+  text = ""
+}
+
+continued {
+  if (sub(/\\$/, "")) {
+    text = text $0
+    next
+  }
+  if (!sub(/"$/, "")) exit_with("message " expected - 1 " does not end with a quote")
+  if (!names) print "\"" text $0 "\","
+  continued = 0
+}
+
+function exit_with(reason) {
+  print FILENAME ":" FNR ": " reason > "/dev/stderr"
+  failed = 1
+  exit 1
+}
+
+END {
+  if (failed) exit 1
+  if (continued || (count && expected != first + count)) exit_with("there are not " count " whole messages")
+}
