@@ -12,6 +12,8 @@
 #include "stacks.h"
 #include "zk_trace.h"
 
+inline constexpr char EXPORT_NAME[] = "zkexport";
+
 /* The command line. */
 struct export_request_t {
   std::string format;

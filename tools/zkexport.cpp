@@ -1,63 +1,7 @@
 /* SPDX-License-Identifier: MIT */
-/* zkexport.cpp - the command that gives incidents to scripts, pages and pipelines: its options, and what all its formats
- * need. */
-#include <unistd.h>
-
+/* zkexport.cpp - the command that gives incidents to scripts, pages and pipelines: its options. */
 #include "export.h"
-#include "stacks.h"
 #include "tool.h"
-#include "zkstatus.h"
-
-static constexpr char NAME[] = "zkexport";
-
-/* ---- Output -------------------------------------------------------------------------------------------------------- */
-
-void complain(std::string_view what, std::string_view reason) {
-  tool_fail(NAME, std::string(what), std::string(reason));
-}
-
-bool write_out(std::string_view text) {
-  if (zk_write_all(STDOUT_FILENO, text.data(), text.size())) return true;
-  complain(message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(errno));
-  return false;
-}
-
-/* ---- Stacks -------------------------------------------------------------------------------------------------------- */
-
-int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, std::vector<std::string>* names) {
-  *names = request.stacks;
-  if (request.is_every) {
-    const int result = list_stacks(names);
-    if (result == ZELK_SUCCESS) return TOOL_DONE;
-    complain(ZELK_STACK_DIR, reason_of(result));
-    return EXIT_NO_STACK;
-  }
-  if (!request.id.empty()) {
-    const int result = find_stack(trace, request.id, &names->emplace_back());
-    if (result == ZELK_SUCCESS) return TOOL_DONE;
-    complain(request.id, reason_of(result));
-    return status_of(result);
-  }
-  return TOOL_DONE;
-}
-
-trouble_t read_incidents(const zk_trace_t& trace, const export_request_t& request, const std::string& name,
-                         const std::function<void(const incident_t&)>& take) {
-  incident_t incident;
-  bool is_any_taken = false;
-  trouble_t trouble = read_stack(trace, name, [&](const zk_walk_t& walk) {
-    bool is_wanted = false;
-    int result = select_record(trace, walk.record.data(), request.id, &is_wanted);
-    if (result == ZELK_SUCCESS && is_wanted) result = take_incident_at(walk, name, &incident);
-    if (result != ZELK_SUCCESS || !is_wanted) return result;
-    is_any_taken = true;
-    take(incident);
-    return result;
-  });
-  if (trouble.code == ZELK_SUCCESS && !request.id.empty() && !is_any_taken)
-    complain(request.id, message_text(TOOL_MSG_OVERWRITTEN)); /* no failure to zkview either */
-  return trouble;
-}
 
 /* ---- The command line ---------------------------------------------------------------------------------------------- */
 
@@ -131,7 +75,7 @@ static void show_brackets(std::string* text) {
 
 /* Takes the command line. Returns the exit status where that ends the run. */
 static std::optional<int> take_command_line(int argc, char** argv, export_request_t* request) {
-  CLI::App app(message_text(TOOL_MSG_EXPORT_ABOUT), NAME);
+  CLI::App app(message_text(TOOL_MSG_EXPORT_ABOUT), EXPORT_NAME);
   request->format = "json";
   add_options(&app, request);
   std::vector<std::string> arguments = arguments_for_cli11(argc, argv);
@@ -145,7 +89,7 @@ static std::optional<int> take_command_line(int argc, char** argv, export_reques
   show_brackets(&request->cursor_file);
   request->id = request->id.substr(0, ZELK_EID_LENGTH); /* as zkview takes it */
   const std::string problem = combination_problem(*request);
-  if (!problem.empty()) return tool_misuse(NAME, problem);
+  if (!problem.empty()) return tool_misuse(EXPORT_NAME, problem);
   return {};
 }
 
