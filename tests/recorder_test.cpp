@@ -249,7 +249,7 @@ TEST(details, are_cut_to_a_body_of_1024_bytes) {
   } rows[] = {{1, a.substr(0, 893), a.substr(0, 893)},
               {1, a.substr(0, 894), a.substr(0, 890) + "..."},
               {2, wide, wide.substr(0, 888) + "..."},
-              {1, smileys, smileys.substr(0, 888) + "..."},
+              {0, smileys, smileys.substr(0, 888) + "..."},
               {1, stray, stray.substr(0, 890) + "..."},
               {891, "abc", "abc"},
               {891, "abcd", "..."},
@@ -273,4 +273,18 @@ TEST(incident, may_be_the_cause_of_the_next_in_the_same_buffer) {
   effect.associated_eid = eid;
   EXPECT_EQ(record(path, effect, eid), 0);
   EXPECT_NE(contents(path).find(text(eid) + text(cause)), std::string::npos);
+}
+
+TEST(eid, has_the_time_at_which_it_is_recorded) {
+  const std::string path = empty_stack();
+  zk_eid_t eid;
+  for (int i = 0; i < 3; ++i) {
+    timeval before = {}, after = {};
+    gettimeofday(&before, nullptr);
+    EXPECT_EQ(record(path, incident_of("later"), eid), 0);
+    gettimeofday(&after, nullptr);
+    EXPECT_LE(std::pair(before.tv_sec, before.tv_usec), time_of(eid));
+    EXPECT_LE(time_of(eid), std::pair(after.tv_sec, after.tv_usec + 1));
+    usleep(3000);
+  }
 }
