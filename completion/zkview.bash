@@ -2,17 +2,19 @@
 # shellcheck shell=bash
 # Completion for bash (with bash-completion): zkview, zkrecord, zkdecode and zkexport.
 
-# Takes the words before the cursor. Stores in `given` the options, "STACK" for a name and "PICTURE" for --format=dot or
-# --format=html, and in `awaiting` the option whose argument the cursor is at.
+# Takes the words before the cursor. Stores in `given` the options, "STACK" for a name, "JSON" for --format=json and "PICTURE"
+# for --format=dot or --format=html, and in `awaiting` the option whose argument the cursor is at.
 _zkview_take_words() {
     local word
     given=() awaiting=
     for word in "${words[@]:1:cword-1}"; do
         if [[ $awaiting ]]; then
+            [[ $awaiting == @(-o|--format) && $word == json ]] && given+=(JSON)
             [[ $awaiting == @(-o|--format) && $word == @(dot|html) ]] && given+=(PICTURE)
             awaiting=
         elif [[ $word == --*=* ]]; then
             given+=("${word%%=*}")
+            [[ $word == --format=json ]] && given+=(JSON)
             [[ $word == --format=@(dot|html) ]] && given+=(PICTURE)
         elif [[ $word == --* ]]; then
             given+=("$word")

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* Translations: the catalogs made of catalogs/, each held against the English one. */
 #include <filesystem>
+#include <set>
 #include <sstream>
 
 #include "cu_format.h"
@@ -19,25 +20,49 @@ static std::vector<std::string> catalogs() {
     if (entry.path().extension() == ".cat") names.push_back(entry.path().parent_path().filename());
   return names;
 }
-/* The texts of a catalog by set and number, in each set up to the first that is missing. */
+/* The texts of a catalog by set and number. */
 static std::map<std::pair<int, int>, std::string> texts_of(const fs::path& folder) {
   std::map<std::pair<int, int>, std::string> texts;
   const nl_catd catalog = catopen((folder / "zelk.cat").c_str(), 0);
   for (int set : {int{ZK_MSG_SET}, ZK_MSG_SET + 1})
-    for (int n = 1; const char* text = catgets(catalog, set, n, nullptr); ++n) texts[{set, n}] = text;
+    for (int n = 1; n < 1000; ++n)
+      if (const char* text = catgets(catalog, set, n, nullptr)) texts[{set, n}] = text;
   catclose(catalog);
   return texts;
 }
-/* What a text says to programs: the number of a message, the line between records, the options of the usage. */
+static std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream rest(text);
+  for (std::string line; std::getline(rest, line);) lines.push_back(line);
+  return lines;
+}
+/* What a text says to programs: the number of a message, the line between records, the options of the usage, a command
+ * to copy. */
 static std::vector<std::string> fixed_parts(const std::string& text) {
   std::vector<std::string> parts;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : lines_of(text)) {
     if (line.starts_with("2615-")) parts.push_back(line.substr(0, sizeof "2615-701 zkview" - 1));
-    if (line.starts_with("-----")) parts.push_back(line);
+    if (line.starts_with("-----") || line.starts_with("\t\t zkdecode")) parts.push_back(line);
     if (line.starts_with("\t -")) parts.push_back(line.substr(0, sizeof "\t -a \t " - 1));
   }
   return parts;
+}
+/* The tabs and blanks that lines begin with. */
+static std::set<std::string> indents(const std::string& text) {
+  std::set<std::string> found;
+  for (const std::string& line : lines_of(text)) found.insert(line.substr(0, line.find_first_not_of("\t ")));
+  return found;
+}
+/* The columns that a line takes; in UTF-8 a character has one byte that does not go on with another. */
+static size_t columns(const std::string& line, bool is_utf8) {
+  size_t column = 0;
+  for (char byte : line) {
+    if (byte == '\t')
+      column += 8 - column % 8;
+    else if (!is_utf8 || (static_cast<unsigned char>(byte) & 0xC0) != 0x80)
+      ++column;
+  }
+  return column;
 }
 
 struct each_catalog : testing::TestWithParam<std::string> {};
@@ -45,33 +70,48 @@ INSTANTIATE_TEST_SUITE_P(translation, each_catalog, testing::ValuesIn(catalogs()
                          [](const auto& made) { return replaced(replaced(made.param, "-", "_"), ".", "_"); });
 
 TEST_P(each_catalog, has_every_message_with_its_arguments) {
-  const auto english = texts_of(BUILD), translated = texts_of(BUILD / "catalogs" / GetParam());
-  EXPECT_EQ(translated.size(), english.size());
-  for (const auto& [key, text] : translated) {
-    const std::string original = english.at(key);
-    EXPECT_TRUE(cu_takes_same_arguments(text.c_str(), original.c_str())) << text;
-    EXPECT_EQ(text.ends_with('\n'), original.ends_with('\n')) << text;
-    EXPECT_EQ(fixed_parts(text), fixed_parts(original)) << text;
+  const auto english = texts_of(BUILD);
+  auto translated = texts_of(BUILD / "catalogs" / GetParam());
+  for (const auto& [key, original] : english) {
+    const std::string text = translated[key];
+    SCOPED_TRACE("set " + std::to_string(key.first) + ", message " + std::to_string(key.second) + ": " + text);
+    EXPECT_FALSE(text.empty());
+    EXPECT_TRUE(cu_takes_same_arguments(text.c_str(), original.c_str()));
+    EXPECT_EQ(text.ends_with('\n'), original.ends_with('\n'));
+    EXPECT_EQ(fixed_parts(text), fixed_parts(original));
+  }
+  EXPECT_EQ(translated.size(), english.size()) << "there are messages that English lacks";
+}
+
+TEST_P(each_catalog, keeps_the_shape_of_lines) {
+  const bool is_utf8 = GetParam().ends_with("UTF-8");
+  auto translated = texts_of(BUILD / "catalogs" / GetParam());
+  for (const auto& [key, original] : texts_of(BUILD)) {
+    if (key.first != ZK_MSG_SET) continue; /* the others are parts of lines */
+    const std::string text = translated[key];
+    EXPECT_EQ(indents(text), indents(original)) << text;
+    for (const std::string& line : lines_of(text)) EXPECT_LE(columns(line, is_utf8), 79U) << line;
   }
 }
 
 TEST_P(each_catalog, keeps_the_columns_of_the_brief_report) {
+  const bool is_utf8 = GetParam().ends_with("UTF-8");
   const fs::path path = BUILD / "catalogs" / GetParam() / "zelk.cat";
   const nl_catd catalog = zk_open_catalog(path.c_str());
-  std::string heading = printed([&] { zk_print_message(stdout, catalog, ZK_MSG_HEADING); });
-  if (GetParam().ends_with("UTF-8")) /* to one byte a character */
-    std::erase_if(heading, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; });
+  const std::string heading = printed([&] { zk_print_message(stdout, catalog, ZK_MSG_HEADING); });
   const std::vector<std::string> labels = words(heading);
-  EXPECT_EQ(heading.find(labels.at(1)), 13U) << heading;
-  EXPECT_EQ(heading.find(labels.at(2)), 30U) << heading;
+  EXPECT_EQ(columns(heading.substr(0, heading.find(labels.at(1))), is_utf8), 13U) << heading;
+  EXPECT_EQ(columns(heading.substr(0, heading.find(labels.at(2))), is_utf8), 30U) << heading;
   const std::pair<const char*, std::string> names[] = {{"proc", "proc            "},
                                                        {"a_name_of_21_letters.", "a_name_of_21_let"}};
   for (const auto& [name, shown] : names) {
-    const cu_error_arg_t two = zk_msg_arg(2), process = zk_msg_arg(name), what = zk_msg_arg("what");
+    const cu_error_arg_t process = zk_msg_arg(name);
     const std::string brief = printed([&] {
-      zk_print_message(stdout, catalog, ZK_MSG_BRIEF_LINE, {two, two, two, two, two, process, what});
+      zk_print_message(
+          stdout, catalog, ZK_MSG_BRIEF_LINE,
+          {zk_msg_arg(1), zk_msg_arg(2), zk_msg_arg(3), zk_msg_arg(4), zk_msg_arg(2026), process, zk_msg_arg("what")});
     });
-    EXPECT_EQ(brief, "020202020002 " + shown + " what\n");
+    EXPECT_EQ(brief, "010203042026 " + shown + " what\n");
   }
   zk_close_catalog(catalog);
 }

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 complete -c zkexport -f
 
-# Whether the words before the cursor let that be given, too: a "stack" by name, another "source", an option of "lines"
-# alone, a "picture", or an option by its name.
+# Whether the words before the cursor let that be given, too: a "stack" by name, another "source", "input", an option of
+# "lines" alone, a "picture", or an option by its name.
 function __zkexport_may -a what
     set -l words (commandline -opc)[2..]
     __zkview_at -o --format -i --id -c --cursor-file; and set -e words[-1]
@@ -15,6 +15,8 @@ function __zkexport_may -a what
             __zkexport_may stack; and test (count $argv) -eq 0
         case lines
             not set -q _flag_id; and not set -q _flag_input; and not contains -- "$_flag_format" dot html
+        case input
+            __zkexport_may source; and __zkexport_may picture; and test "$_flag_format" != json
         case picture
             not set -q _flag_follow; and not set -q _flag_cursor_file
         case '*'
@@ -33,7 +35,7 @@ complete -c zkexport -n '__zkexport_may format; or __zkview_at -o --format' -s o
 complete -c zkexport -n '__zkexport_may source; and __zkexport_may picture; or __zkview_at -i --id' -s i -l id -x \
     -d 'Only the incident of this Error ID'
 complete -c zkexport -n '__zkexport_may source' -s e -l every -d 'All stacks'
-complete -c zkexport -n '__zkexport_may source; and __zkexport_may picture' -l input -d 'Incidents from standard input'
+complete -c zkexport -n '__zkexport_may input' -l input -d 'Incidents from standard input'
 complete -c zkexport -n '__zkexport_may follow; and __zkexport_may lines' -s f -l follow -d 'Go on with new incidents'
 complete -c zkexport -n '__zkexport_may cursor_file; and __zkexport_may lines; or __zkview_at -c --cursor-file' \
     -s c -l cursor-file -r -F -d 'Begin behind what was given out'
