@@ -50,6 +50,7 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
 TEST(zkrecord, makes_and_records_nothing_on_misuse) {
   const std::string stack = new_stack(), no_eid(42, 'x');
   const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"--nonsense"}, "The following argument was not expected: --nonsense"},
       {{stack}, "FORMAT is required"},
       {{"--bogus", stack, "x"}, "The following argument was not expected: --bogus"},
       {{stack, "%s and %s", "one"}, "FORMAT: argument 2, which '%s' asks for, is missing"},

@@ -123,6 +123,11 @@ inline std::optional<int> tool_parse(CLI::App* app, int argc, char** argv) {
     app->parse(argc, argv);
   } catch (const CLI::Success& asked) {
     return tool_end(app->get_name(), app->exit(asked));
+  } catch (const CLI::RequiredError& error) {
+    const std::vector<std::string> unexpected = app->remaining(); /* an unknown option says more than what is missing */
+    return tool_misuse(app->get_name(), unexpected.empty()
+                                            ? tool_problem(error)
+                                            : message_text(TOOL_MSG_UNEXPECTED_ARGUMENT, {unexpected.front()}));
   } catch (const CLI::ParseError& error) {
     return tool_misuse(app->get_name(), tool_problem(error));
   }
