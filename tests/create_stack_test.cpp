@@ -16,12 +16,12 @@ static int create(const std::string& path, int32_t size = 8192) {
 
 TEST(new_stack, is_empty_and_of_its_full_size) {
   const std::string path = scratch() + "/stack", empty = image(0) + image(24) + image(24) + image(24) + image(16384);
-  const mode_t mask = umask(026);
+  const mode_t mask = umask(023);
   EXPECT_EQ(create(path, 16384), 0);
   umask(mask);
   struct stat status = {};
   EXPECT_EQ(stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0640});
+  EXPECT_EQ(status.st_mode, mode_t{S_IFREG | 0644});
   EXPECT_GE(status.st_blocks * 512, 16384); /* nothing is skipped over */
   EXPECT_TRUE(contents(path) == empty + std::string(16384 - 20, '\0'));
 }

@@ -288,3 +288,17 @@ TEST(eid, has_the_time_at_which_it_is_recorded) {
     usleep(3000);
   }
 }
+
+TEST(incident, is_shown_with_all_its_fields) {
+  const std::string path = empty_stack();
+  const zk_incident_t incident = {"proc", 101, 102, 103,    "a.c",   "1.1", "prod", 12,
+                                  "",     1,   2,   "text", nullptr, 0,     "more", ""};
+  zk_eid_t eid;
+  EXPECT_EQ(record(path, incident, eid), 0);
+  const outcome report = run({program("zkview"), "-a", "-s", path});
+  for (const char* field :
+       {"Process Name: proc\n", "Process Identifier: 101\n", "Parent Process Identifier: 102\n",
+        "Process Thread Identifier: 103\n", "File Name: a.c\n", "File Version Code: 1.1\n", "Product: prod\n",
+        "Location Within the File: 12\n", "Description:\ntext\n", "Details:\nmore\n"})
+    EXPECT_NE(report.out.find(field), std::string::npos) << field << report;
+}
