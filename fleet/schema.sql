@@ -66,7 +66,7 @@ BEGIN
   IF day NOT BETWEEN now() - interval '10 years' AND now() + interval '1 month' OR to_regclass(name) IS NOT NULL THEN
     RETURN;
   END IF;
-  PERFORM pg_advisory_xact_lock(hashtext('zelk_make_partition'));
+  LOCK TABLE zelk_incident IN SHARE UPDATE EXCLUSIVE MODE; -- of which ATTACH needs no more; incidents still come in
   IF to_regclass(name) IS NOT NULL THEN
     RETURN; -- another session was faster
   END IF;
@@ -134,9 +134,9 @@ BEGIN
     id := '#' || encode(sha256(convert_to(host || ' ' || (said->>'stack') || ' ' || (said->>'offset') || ' ' ||
                                           zelk_essence(said)::text, 'UTF8')), 'hex');
   END IF;
+  PERFORM zelk_make_partition(at); -- while nothing is locked that another session waits for
   SELECT i.incident INTO known FROM zelk_incident i WHERE i.key = id LIMIT 1;
   IF NOT FOUND THEN
-    PERFORM zelk_make_partition(at);
     INSERT INTO zelk_incident (time, key, cause, host, incident)
       VALUES (at, id, nullif(said->>'cause', ''), host, line::json) ON CONFLICT DO NOTHING;
   ELSIF zelk_essence(known::jsonb) <> zelk_essence(said) THEN
