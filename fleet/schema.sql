@@ -76,22 +76,28 @@ BEGIN
   EXECUTE format('ALTER TABLE zelk_incident ATTACH PARTITION %I FOR VALUES FROM (%L) TO (%L)', name, first, behind);
 END $$;
 
--- What is wrong with a line that claims to be an incident, null for nothing.
+-- What is wrong with a line that claims to be an incident, null for nothing. It has to be one that zkexport --input takes.
 CREATE FUNCTION zelk_problem(line jsonb) RETURNS text LANGUAGE sql IMMUTABLE AS $$
   SELECT CASE
     WHEN jsonb_typeof(line) <> 'object' THEN 'not an object'
     WHEN jsonb_typeof(line->'stack') IS DISTINCT FROM 'string' THEN 'no stack'
     WHEN line ? 'gap' OR line ? 'error' THEN NULL
-    WHEN jsonb_typeof(line->'offset') IS DISTINCT FROM 'number' THEN 'no offset'
-    WHEN jsonb_typeof(line->'time') IS DISTINCT FROM 'string' THEN 'no time'
-    WHEN line->>'time' !~ '^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$' THEN 'a time that is not RFC 3339'
     WHEN jsonb_typeof(line->'id') IS NULL OR jsonb_typeof(line->'id') NOT IN ('string', 'null') THEN 'no id'
     WHEN jsonb_typeof(line->'cause') IS NULL OR jsonb_typeof(line->'cause') NOT IN ('string', 'null') THEN 'no cause'
+    WHEN missing.members IS NOT NULL THEN 'no ' || missing.members
+    WHEN line->>'time' !~ '^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$' THEN 'a time that is not RFC 3339'
     WHEN length(line->>'id') > 42 OR length(line->>'cause') > 42 THEN 'an Error ID that is too long'
-    WHEN jsonb_typeof(line->'process') IS DISTINCT FROM 'object' THEN 'no process'
-    WHEN jsonb_typeof(line->'message') IS DISTINCT FROM 'object' THEN 'no message'
-    WHEN jsonb_typeof(line->'description') IS DISTINCT FROM 'string' THEN 'no description'
-  END $$;
+  END
+  FROM (
+    SELECT string_agg(member, ', ') AS members
+      FROM (VALUES
+        ('number', 'offset'), ('string', 'time'), ('string', 'description'), ('string', 'details'),
+        ('string', 'process.name'), ('number', 'process.id'), ('number', 'process.parent'), ('number', 'process.thread'),
+        ('string', 'source.file'), ('string', 'source.version'), ('string', 'source.product'), ('number', 'source.line'),
+        ('string', 'message.catalog'), ('number', 'message.set'), ('number', 'message.number'),
+        ('string', 'message.default'), ('array', 'message.arguments')) wanted (type, member)
+      WHERE jsonb_typeof(line #> string_to_array(member, '.')) IS DISTINCT FROM type
+  ) missing $$;
 
 -- What an incident says whoever tells it: a copy of its stack has it elsewhere, and the description depends on the
 -- node's catalogs.
