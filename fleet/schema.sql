@@ -36,19 +36,19 @@ CREATE TABLE zelk_notice (
   place     text        NOT NULL,
   kind      text        NOT NULL CHECK (kind IN ('gap', 'error')),
   stack     text        NOT NULL,
-  notice    json        NOT NULL,
-  PRIMARY KEY (host, place)
+  notice    json        NOT NULL
 );
+CREATE UNIQUE INDEX zelk_notice_key ON zelk_notice (host, place, md5(notice::text));
 
--- Lines that are none of these, as they came.
+-- Lines that are none of these, as they came. Whoever sends them may say nothing of their place.
 CREATE TABLE zelk_rejected (
   received  timestamptz NOT NULL DEFAULT clock_timestamp(),
   host      text        NOT NULL,
   place     text        NOT NULL,
   reason    text        NOT NULL,
-  line      text        NOT NULL,
-  PRIMARY KEY (host, place)
+  line      text        NOT NULL
 );
+CREATE UNIQUE INDEX zelk_rejected_key ON zelk_rejected (host, place, md5(line));
 
 CREATE VIEW zelk_gaps AS
   SELECT host, stack, count(*) AS gaps, max(received) AS newest FROM zelk_notice WHERE kind = 'gap' GROUP BY host, stack;
