@@ -215,6 +215,7 @@ END $$;
 REVOKE ALL ON FUNCTION zelk_put(text, text, text), zelk_make_partition(timestamptz) FROM PUBLIC;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text) TO zelk_writer;
 GRANT SELECT ON zelk_incident, zelk_incident_other, zelk_notice, zelk_rejected, zelk_gaps TO zelk_reader;
+SELECT format('REVOKE TEMPORARY ON DATABASE %I FROM PUBLIC', current_database()) \gexec
 
 -- The recursive queries above look dear to the planner and are not; compiling them takes longer than they do.
 SELECT format('ALTER DATABASE %I SET jit = off', current_database()) \gexec
