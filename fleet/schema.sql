@@ -66,7 +66,7 @@ BEGIN
   IF day NOT BETWEEN now() - interval '10 years' AND now() + interval '1 month' OR to_regclass(name) IS NOT NULL THEN
     RETURN;
   END IF;
-  LOCK TABLE zelk_incident IN SHARE UPDATE EXCLUSIVE MODE; -- of which ATTACH needs no more; incidents still come in
+  LOCK TABLE zelk_incident IN SHARE UPDATE EXCLUSIVE MODE; -- as ATTACH does; incidents still come in
   IF to_regclass(name) IS NOT NULL THEN
     RETURN; -- another session was faster
   END IF;
