@@ -198,7 +198,7 @@ RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident jso
     SELECT trail.depth + 1, trail.effect, trail.cause,
            (SELECT i.cause FROM zelk_incident i WHERE i.key = trail.cause LIMIT 1)
       FROM trail WHERE trail.cause IS NOT NULL AND trail.depth < 1000
-  ),
+  ) CYCLE effect, key SET is_again USING seen,
   heads AS (
     SELECT trail.key, count(*) FILTER (WHERE trail.effect <> trail.key) AS effects
       FROM trail WHERE trail.cause IS NULL GROUP BY trail.key
