@@ -36,19 +36,19 @@ CREATE TABLE zelk_notice (
   place     text        NOT NULL,
   kind      text        NOT NULL CHECK (kind IN ('gap', 'error')),
   stack     text        NOT NULL,
-  notice    json        NOT NULL,
-  PRIMARY KEY (host, place)
+  notice    json        NOT NULL
 );
+CREATE UNIQUE INDEX zelk_notice_key ON zelk_notice (host, place, md5(notice::text));
 
--- Lines that are none of these, as they came.
+-- Lines that are none of these, as they came. Whoever sends them may say nothing of their place.
 CREATE TABLE zelk_rejected (
   received  timestamptz NOT NULL DEFAULT clock_timestamp(),
   host      text        NOT NULL,
   place     text        NOT NULL,
   reason    text        NOT NULL,
-  line      text        NOT NULL,
-  PRIMARY KEY (host, place)
+  line      text        NOT NULL
 );
+CREATE UNIQUE INDEX zelk_rejected_key ON zelk_rejected (host, place, md5(line));
 
 CREATE VIEW zelk_gaps AS
   SELECT host, stack, count(*) AS gaps, max(received) AS newest FROM zelk_notice WHERE kind = 'gap' GROUP BY host, stack;
@@ -66,7 +66,7 @@ BEGIN
   IF day NOT BETWEEN now() - interval '10 years' AND now() + interval '1 month' OR to_regclass(name) IS NOT NULL THEN
     RETURN;
   END IF;
-  PERFORM pg_advisory_xact_lock(hashtext('zelk_make_partition'));
+  LOCK TABLE zelk_incident IN SHARE UPDATE EXCLUSIVE MODE; -- as ATTACH does; incidents still come in
   IF to_regclass(name) IS NOT NULL THEN
     RETURN; -- another session was faster
   END IF;
@@ -76,22 +76,28 @@ BEGIN
   EXECUTE format('ALTER TABLE zelk_incident ATTACH PARTITION %I FOR VALUES FROM (%L) TO (%L)', name, first, behind);
 END $$;
 
--- What is wrong with a line that claims to be an incident, null for nothing.
+-- What is wrong with a line that claims to be an incident, null for nothing. It has to be one that zkexport --input takes.
 CREATE FUNCTION zelk_problem(line jsonb) RETURNS text LANGUAGE sql IMMUTABLE AS $$
   SELECT CASE
     WHEN jsonb_typeof(line) <> 'object' THEN 'not an object'
     WHEN jsonb_typeof(line->'stack') IS DISTINCT FROM 'string' THEN 'no stack'
     WHEN line ? 'gap' OR line ? 'error' THEN NULL
-    WHEN jsonb_typeof(line->'offset') IS DISTINCT FROM 'number' THEN 'no offset'
-    WHEN jsonb_typeof(line->'time') IS DISTINCT FROM 'string' THEN 'no time'
-    WHEN line->>'time' !~ '^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$' THEN 'a time that is not RFC 3339'
     WHEN jsonb_typeof(line->'id') IS NULL OR jsonb_typeof(line->'id') NOT IN ('string', 'null') THEN 'no id'
     WHEN jsonb_typeof(line->'cause') IS NULL OR jsonb_typeof(line->'cause') NOT IN ('string', 'null') THEN 'no cause'
+    WHEN missing.members IS NOT NULL THEN 'no ' || missing.members
+    WHEN line->>'time' !~ '^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$' THEN 'a time that is not RFC 3339'
     WHEN length(line->>'id') > 42 OR length(line->>'cause') > 42 THEN 'an Error ID that is too long'
-    WHEN jsonb_typeof(line->'process') IS DISTINCT FROM 'object' THEN 'no process'
-    WHEN jsonb_typeof(line->'message') IS DISTINCT FROM 'object' THEN 'no message'
-    WHEN jsonb_typeof(line->'description') IS DISTINCT FROM 'string' THEN 'no description'
-  END $$;
+  END
+  FROM (
+    SELECT string_agg(member, ', ') AS members
+      FROM (VALUES
+        ('number', 'offset'), ('string', 'time'), ('string', 'description'), ('string', 'details'),
+        ('string', 'process.name'), ('number', 'process.id'), ('number', 'process.parent'), ('number', 'process.thread'),
+        ('string', 'source.file'), ('string', 'source.version'), ('string', 'source.product'), ('number', 'source.line'),
+        ('string', 'message.catalog'), ('number', 'message.set'), ('number', 'message.number'),
+        ('string', 'message.default'), ('array', 'message.arguments')) wanted (type, member)
+      WHERE jsonb_typeof(line #> string_to_array(member, '.')) IS DISTINCT FROM type
+  ) missing $$;
 
 -- What an incident says whoever tells it: a copy of its stack has it elsewhere, and the description depends on the
 -- node's catalogs.
@@ -134,9 +140,9 @@ BEGIN
     id := '#' || encode(sha256(convert_to(host || ' ' || (said->>'stack') || ' ' || (said->>'offset') || ' ' ||
                                           zelk_essence(said)::text, 'UTF8')), 'hex');
   END IF;
+  PERFORM zelk_make_partition(at); -- while nothing is locked that another session waits for
   SELECT i.incident INTO known FROM zelk_incident i WHERE i.key = id LIMIT 1;
   IF NOT FOUND THEN
-    PERFORM zelk_make_partition(at);
     INSERT INTO zelk_incident (time, key, cause, host, incident)
       VALUES (at, id, nullif(said->>'cause', ''), host, line::json) ON CONFLICT DO NOTHING;
   ELSIF zelk_essence(known::jsonb) <> zelk_essence(said) THEN
@@ -192,7 +198,7 @@ RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident jso
     SELECT trail.depth + 1, trail.effect, trail.cause,
            (SELECT i.cause FROM zelk_incident i WHERE i.key = trail.cause LIMIT 1)
       FROM trail WHERE trail.cause IS NOT NULL AND trail.depth < 1000
-  ),
+  ) CYCLE effect, key SET is_again USING seen,
   heads AS (
     SELECT trail.key, count(*) FILTER (WHERE trail.effect <> trail.key) AS effects
       FROM trail WHERE trail.cause IS NULL GROUP BY trail.key
@@ -209,6 +215,7 @@ END $$;
 REVOKE ALL ON FUNCTION zelk_put(text, text, text), zelk_make_partition(timestamptz) FROM PUBLIC;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text) TO zelk_writer;
 GRANT SELECT ON zelk_incident, zelk_incident_other, zelk_notice, zelk_rejected, zelk_gaps TO zelk_reader;
+SELECT format('REVOKE TEMPORARY ON DATABASE %I FROM PUBLIC', current_database()) \gexec
 
 -- The recursive queries above look dear to the planner and are not; compiling them takes longer than they do.
 SELECT format('ALTER DATABASE %I SET jit = off', current_database()) \gexec
