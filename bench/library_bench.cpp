@@ -16,7 +16,7 @@
 #include "qx_record.h"
 #include "zk_int.h"
 #include "zk_msg.h"
-#include "zkrecord.h"
+#include "zkfields.h"
 
 static std::string new_file(const std::string& contents) {
   char path[] = "/tmp/zkview-bench-XXXXXX";
@@ -84,10 +84,10 @@ BENCHMARK(zk_decode_eid_2_remote);
 static void decode_record(benchmark::State& state) {
   const std::string record = bench_record(1, 1000, -1);
   for (auto _ : state) {
-    zk_record_t decoded;
+    zk_decoded_t decoded;
     zk_open_record({}, record.data(), &decoded);
     benchmark::DoNotOptimize(zk_decode_record({}, &decoded));
-    zk_release_description(&decoded.description);
+    zk_release_arguments(&decoded);
   }
 }
 BENCHMARK(decode_record);
@@ -181,7 +181,7 @@ BENCHMARK(record_incident);
 static void record_incident_bare_calls(benchmark::State& state) {
   const std::string path = new_file(std::string(16384, ' '));
   const int fildes = open(path.c_str(), O_RDWR);
-  char header[24], record[240] = "";
+  char stack[16384], record[240] = "";
   struct flock whole = {};
   whole.l_whence = SEEK_SET;
   struct stat status;
@@ -189,9 +189,9 @@ static void record_incident_bare_calls(benchmark::State& state) {
     bool is_done = getpid() > 0 && getppid() >= 0 && gettid() > 0;
     whole.l_type = F_WRLCK;
     is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0 && fstat(fildes, &status) == 0;
-    is_done = is_done && pread(fildes, header, sizeof header, 0) > 0 && pread(fildes, record, 43, at) > 0;
-    is_done = is_done && pwrite(fildes, header, 20, 4) > 0 && pwrite(fildes, record, sizeof record, at) > 0;
-    is_done = is_done && pwrite(fildes, header, 20, 4) > 0;
+    is_done = is_done && pread(fildes, stack, sizeof stack, 0) > 0;
+    is_done = is_done && pwrite(fildes, stack, 20, 4) > 0 && pwrite(fildes, record, sizeof record, at) > 0;
+    is_done = is_done && pwrite(fildes, stack, 20, 4) > 0;
     whole.l_type = F_UNLCK;
     is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0;
     if (!is_done) state.SkipWithError("a call failed");

@@ -7,9 +7,8 @@
 #include <cstring>
 
 #include "zk_msg.h"
-#include "zk_trace.h"
-#include "zkrecord.h"
-#include "zkwalk.h"
+#include "zk_record.h"
+#include "zk_walk.h"
 
 bool zk_is_list_head(const zk_proc_list_t* head) {
   return head != nullptr && head->process_id == 0 && head->parent_id == 0 && head->records == nullptr;
@@ -60,7 +59,7 @@ static int find_process_id(const zk_trace_t& trace, const void* record, pid_t* p
       return zk_failed(trace, ZELK_REC_CORRUPT, "Error scanning rec for a char string - returning %s(%d)");
   }
   cursor = zk_record_cursor(record, ZK_REC_NAME_POS + length + 1);
-  *process = zk_take_int(&cursor);
+  *process = zk_read_int(&cursor);
   return ZELK_SUCCESS;
 }
 
@@ -243,7 +242,9 @@ int zk_read_stack(int debug_active, const char* debug_file, int order, int filde
     result = order == 0 ? place_by_process(trace, record, proc_list) : place_by_relation(trace, record, rec_table);
     if (result == ZELK_SUCCESS && zk_walk_at_write_pos(walk)) break;
   }
-  if (walk.damage.is_record) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
+  if (result == ZELK_FILE_CORRUPT && walk.damage.reason == nullptr)
+    zk_report_damage(trace, {walk.record_position, "the record does not fit into a grouped view"});
+  if (walk.is_record_lost) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
   zk_walk_end(walk);
   return result == ZK_WALK_END ? int{ZELK_SUCCESS} : result;
 }

@@ -9,6 +9,7 @@
 
 #include "zk_stack_file.h"
 #include "zk_trace.h"
+#include "zkprint.h"
 
 int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes, const char* stack_file) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};

@@ -8,12 +8,12 @@
 #include <cstring>
 #include <ctime>
 
-#include "zk_int.h"
 #include "zk_msg.h"
 #include "zk_trace.h"
+#include "zk_walk.h"
+#include "zkfields.h"
 #include "zklist.h"
-#include "zkrecord.h"
-#include "zkwalk.h"
+#include "zkprint.h"
 
 static constexpr int DESCRIPTION_COLUMN = 30; /* of a brief line, behind the time and the process name */
 
@@ -79,69 +79,74 @@ static void print_time(nl_catd catfd, int32_t seconds) {
 int zk_print_brief_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, int searching,
                                 nl_catd catfd, void* record) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  zk_record_t decoded;
+  zk_decoded_t decoded;
   int result = zk_open_record(trace, record, &decoded);
   if (result != ZELK_SUCCESS) return result;
-  if (!is_selected(fid_to_display, decoded.eid)) return searching == 1 ? ZELK_INV_FID : ZELK_SUCCESS;
+  const zk_record_t& fields = decoded.fields;
+  if (!is_selected(fid_to_display, fields.eid)) return searching == 1 ? ZELK_INV_FID : ZELK_SUCCESS;
 
   result = zk_decode_record(trace, &decoded);
+  char* description = result == ZELK_SUCCESS ? zk_describe(decoded) : nullptr;
+  zk_release_arguments(&decoded);
   if (result != ZELK_SUCCESS) {
-    if (decoded.is_description_corrupt) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
+    if (fields.product != nullptr && !decoded.has_description) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
     return result;
   }
-  char* description = zk_describe(decoded.description);
-  zk_release_description(&decoded.description);
   if (description != nullptr) zk_truncate_description(description, DESCRIPTION_COLUMN);
-  const std::tm when = local_time(decoded.time);
+  const std::tm when = local_time(fields.time);
   zk_print_message(
       stdout, catfd, ZK_MSG_BRIEF_LINE,
       {zk_msg_arg(when.tm_mon + 1), zk_msg_arg(when.tm_mday), zk_msg_arg(when.tm_hour), zk_msg_arg(when.tm_min),
-       zk_msg_arg(when.tm_year + 1900), zk_msg_arg(decoded.process_name), zk_msg_arg(description)});
+       zk_msg_arg(when.tm_year + 1900), zk_msg_arg(fields.process_name), zk_msg_arg(description)});
   free(description);
   return ZELK_SUCCESS;
 }
 
-/* The full report prints as it goes: what comes before the damage must be shown. */
+/* Prints the fields that stand before the damage, if there is any: it ends them. */
+static void print_fields(nl_catd catfd, const zk_decoded_t& decoded) {
+  const zk_record_t& fields = decoded.fields;
+  auto print_int = [&](int message, int32_t value) { zk_print_message(stdout, catfd, message, {zk_msg_arg(value)}); };
+  auto print_text = [&](int message, const char* text) {
+    if (text != nullptr) zk_print_message(stdout, catfd, message, {zk_msg_arg(text)});
+    return text != nullptr;
+  };
+
+  if (*fields.eid != '\0')
+    print_text(ZK_MSG_EID, fields.eid);
+  else
+    zk_print_message(stdout, catfd, ZK_MSG_EID_UNKNOWN);
+  print_text(ZK_MSG_RELATED_EID, fields.related_eid);
+  print_time(catfd, fields.time);
+  if (!print_text(ZK_MSG_PROCESS_NAME, fields.process_name)) return;
+  print_int(ZK_MSG_PROCESS_ID, fields.process_id);
+  print_int(ZK_MSG_PARENT_ID, fields.parent_id);
+  print_int(ZK_MSG_THREAD_ID, fields.thread_id);
+  if (!print_text(ZK_MSG_FILE_NAME, fields.detecting_file)) return;
+  if (!print_text(ZK_MSG_FILE_VERSION, fields.file_version)) return;
+  if (!print_text(ZK_MSG_PRODUCT, fields.product)) return;
+  print_int(ZK_MSG_LINE, fields.line);
+  if (!decoded.has_description) {
+    zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
+    zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT); /* a second time, as readers of full reports know it */
+    return;
+  }
+  char* description = zk_describe(decoded);
+  zk_print_message(stdout, catfd, ZK_MSG_DESCRIPTION, {zk_msg_arg(description)});
+  free(description);
+  print_text(ZK_MSG_DETAILS, fields.details);
+}
+
 int zk_print_full_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, nl_catd catfd,
                                void* record) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  zk_record_t opened;
-  int result = zk_open_record(trace, record, &opened);
+  zk_decoded_t decoded;
+  int result = zk_open_record(trace, record, &decoded);
   if (result != ZELK_SUCCESS) return result;
-  if (!is_selected(fid_to_display, opened.eid)) return ZELK_SUCCESS;
-  zk_cursor_t* cursor = &opened.cursor;
-  auto print_int = [&](int message) { zk_print_message(stdout, catfd, message, {zk_msg_arg(zk_take_int(cursor))}); };
-  auto print_text = [&](int message) {
-    return zk_take_by(cursor, [&](void** buffer, size_t* remaining) {
-      return zk_print_rec_substring(debug_active, debug_file, catfd, message, buffer, remaining);
-    });
-  };
-
-  if (*opened.eid != '\0')
-    zk_print_message(stdout, catfd, ZK_MSG_EID, {zk_msg_arg(opened.eid)});
-  else
-    zk_print_message(stdout, catfd, ZK_MSG_EID_UNKNOWN);
-  zk_take_eid(cursor, opened.related_eid);
-  zk_print_message(stdout, catfd, ZK_MSG_RELATED_EID, {zk_msg_arg(opened.related_eid)});
-
-  print_time(catfd, zk_take_int(cursor));
-  if ((result = print_text(ZK_MSG_PROCESS_NAME)) != ZELK_SUCCESS) return result;
-  print_int(ZK_MSG_PROCESS_ID);
-  print_int(ZK_MSG_PARENT_ID);
-  print_int(ZK_MSG_THREAD_ID);
-  if ((result = print_text(ZK_MSG_FILE_NAME)) != ZELK_SUCCESS) return result;
-  if ((result = print_text(ZK_MSG_FILE_VERSION)) != ZELK_SUCCESS) return result;
-  if ((result = print_text(ZK_MSG_PRODUCT)) != ZELK_SUCCESS) return result;
-  print_int(ZK_MSG_LINE);
-
-  result = zk_take_by(cursor, [&](void** buffer, size_t* remaining) {
-    return zk_print_description(debug_active, debug_file, catfd, buffer, remaining);
-  });
-  if (result != ZELK_SUCCESS) {
-    zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT); /* a second time, as readers of full reports know it */
-    return result;
-  }
-  return print_text(ZK_MSG_DETAILS);
+  if (!is_selected(fid_to_display, decoded.fields.eid)) return ZELK_SUCCESS;
+  result = zk_decode_record(trace, &decoded);
+  print_fields(catfd, decoded); /* what comes before damage must be shown */
+  zk_release_arguments(&decoded);
+  return result;
 }
 
 /* Whether the result of a record's printer says that the record is bad, so that its stack is corrupt. */
@@ -191,7 +196,7 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
     if (all == 1 && fid == nullptr) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
     if (zk_walk_at_write_pos(walk)) break;
   }
-  if (walk.damage.is_record) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
+  if (walk.is_record_lost) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
   zk_walk_end(walk);
   if (result == ZK_WALK_END) return is_search ? ZELK_INV_FID : ZELK_SUCCESS;
   return result;

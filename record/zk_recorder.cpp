@@ -13,6 +13,8 @@
  *
  * In a stack without records a reader looks at E although it is at W. There the record is written without its length
  * word first, which then makes it appear. */
+#include "zk_recorder.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/time.h>
@@ -23,9 +25,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qx_record.h"
 #include "zk_eid_layout.h"
 #include "zk_io.h"
+#include "zk_record.h"
 #include "zk_record_image.h"
 #include "zk_stack_file.h"
 #include "zk_stack_state.h"
@@ -35,6 +37,7 @@ struct zk_recorder {
   int fildes;
   uint64_t inode;
   std::array<char, ADDR_WIDTH> own_address; /* the node's, for when ZELKADDR has none */
+  zk_damage_t damage;                       /* why the stack was refused last */
   bool is_known;                            /* the state is that of the file as this recorder left it */
   zk_stack_state_t state;
 };
@@ -58,38 +61,32 @@ static int put_off_cancellation() {
   return state;
 }
 
-/* Reads from the start of the file, as much as a stack can have. Returns 0; ZELK_FAILURE. */
-static int read_state(int fildes, size_t size, zk_stack_state_t* state) {
-  size_t taken = zk_read_at(fildes, state->bytes.data(), size, 0);
-  if (taken < size && errno != 0) return ZELK_FAILURE;
-  std::memset(state->bytes.data() + taken, 0, size - taken);
+/* Reads the stack from its start, under the lock. Returns 0; ZELK_FAILURE with errno set. */
+static int read_stack(int fildes, void* bytes, size_t size) {
+  const size_t count = zk_read_at(fildes, bytes, size, 0);
+  if (count < size && errno != 0) return ZELK_FAILURE;
+  std::memset(static_cast<char*>(bytes) + count, 0, size - count);
   return ZELK_SUCCESS;
 }
 
-/* Whether nobody has recorded since this recorder did: then the newest record is still the one with its Error ID. */
-static bool is_unchanged(const zk_recorder_t& recorder) {
-  constexpr size_t HEAD_SIZE = ZK_STACK_RECORDS_MIN;
-  const zk_stack_state_t& state = recorder.state;
-  std::array<char, HEAD_SIZE> head;
-  zk_eid_t eid;
-  const off_t position = state.newest + ZK_REC_EID_POS;
-  return recorder.is_known && zk_read_at(recorder.fildes, head.data(), head.size(), 0) == head.size() &&
-         std::memcmp(head.data(), state.bytes.data(), head.size()) == 0 &&
-         zk_read_at(recorder.fildes, eid, sizeof eid, position) == sizeof eid &&
-         std::memcmp(eid, state.bytes.data() + position, sizeof eid) == 0;
-}
-
-/* Learns the state of the locked stack. Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE with errno set. */
+/* Learns the state of the locked stack, which others may have changed, and not only recorders. Returns 0;
+ * ZELK_FILE_CORRUPT; ZELK_FAILURE with errno set. */
 static int learn_state(zk_recorder_t* recorder) {
-  zk_stack_state_t* state = &recorder->state;
+  zk_stack_state_t* const state = &recorder->state;
+  const size_t size = static_cast<size_t>(state->size);
+  std::array<char, ZK_STACK_SIZE_MAX> bytes;
   struct stat status;
   if (fstat(recorder->fildes, &status) != 0) return ZELK_FAILURE;
-  const bool has_size = status.st_size == state->size;
-  if (has_size && is_unchanged(*recorder)) return ZELK_SUCCESS;
-  recorder->is_known = false;
-  if (!has_size) return ZELK_FILE_CORRUPT;
-  if (read_state(recorder->fildes, static_cast<size_t>(state->size), state) != ZELK_SUCCESS) return ZELK_FAILURE;
-  return zk_take_stack_header(state) && zk_take_stack_records(state) ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
+  if (status.st_size == state->size) {
+    if (read_stack(recorder->fildes, bytes.data(), size) != ZELK_SUCCESS) return ZELK_FAILURE;
+    if (recorder->is_known && std::memcmp(bytes.data(), state->walk.window.data(), size) == 0) return ZELK_SUCCESS;
+    std::memcpy(state->walk.window.data(), bytes.data(), size);
+    recorder->damage = zk_check_stack(state);
+  } else {
+    recorder->damage = ZK_OTHER_SIZE;
+  }
+  recorder->is_known = recorder->damage.reason == nullptr;
+  return recorder->is_known ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
 }
 
 /* Writes `size` bytes at `position`, in the file and in what is known of it. Returns false with errno set. */
@@ -102,18 +99,19 @@ static bool write_at(zk_recorder_t* recorder, int32_t position, const void* byte
     if (count <= 0) return false;
     written += static_cast<size_t>(count);
   }
-  std::memcpy(recorder->state.bytes.data() + position, bytes, size);
+  std::memcpy(recorder->state.walk.window.data() + position, bytes, size);
   return true;
 }
 
 static bool write_header(zk_recorder_t* recorder) {
-  return write_at(recorder, ZK_STACK_HEADER_POS, &recorder->state.header, sizeof recorder->state.header);
+  const zk_estack_v1_header_t header = recorder->state.walk.header;
+  return write_at(recorder, ZK_STACK_HEADER_POS, &header, sizeof header);
 }
 
 /* Writes the record at its place and the header around it. Returns false with errno set. */
 static bool write_record(zk_recorder_t* recorder, const zk_placement_t& place, zk_record_image_t* image) {
   static constexpr int32_t LAP_END = 0;
-  zk_estack_v1_header_t& header = recorder->state.header;
+  zk_estack_v1_header_t& header = recorder->state.walk.header;
   const int32_t size = static_cast<int32_t>(image->size);
   const int32_t end = place.position + size;
   const bool is_first = recorder->state.newest == 0;
@@ -157,16 +155,14 @@ static bool is_address(const char* text) {
 static timeval newest_time(const zk_stack_state_t& state) {
   timeval time = {};
   if (state.newest == 0) return time;
-  const char* record = state.bytes.data() + state.newest;
-  zk_eid_t eid = {};
-  int32_t length, seconds = 0;
-  std::memcpy(&length, record, sizeof length);
-  if (length >= ZK_REC_RELATED_POS - ZK_REC_LENGTH_SIZE) std::memcpy(eid, record + ZK_REC_EID_POS, ZELK_EID_LENGTH);
+  const char* record = state.walk.window.data() + state.newest;
+  zk_eid_t eid;
+  zk_record_eid(record, ZK_REC_EID_POS, eid);
   const zk_eid_parts_t* parts = reinterpret_cast<const zk_eid_parts_t*>(eid);
   if (std::strlen(eid) == ZELK_EID_LENGTH && zk_conv_base_64_time(0, nullptr, parts->time, &time) == ZELK_SUCCESS)
     return time;
-  if (length >= ZK_REC_NAME_POS - ZK_REC_LENGTH_SIZE) std::memcpy(&seconds, record + ZK_REC_TIME_POS, sizeof seconds);
-  return {.tv_sec = seconds, .tv_usec = 0};
+  zk_cursor_t cursor = zk_record_cursor(record, ZK_REC_TIME_POS);
+  return {.tv_sec = zk_read_int(&cursor), .tv_usec = 0};
 }
 
 /* Now, or a microsecond after the newest record where the clock does not tell of a later time. (Behind the last second
@@ -196,7 +192,7 @@ static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_
 /* ---- The interface ------------------------------------------------------------------------------------------------- */
 
 /* The node's own address; one without any gets the form that says so. */
-static void take_own_address(const zk_trace_t& trace, std::array<char, ADDR_WIDTH>* address) {
+static void read_own_address(const zk_trace_t& trace, std::array<char, ADDR_WIDTH>* address) {
   std::array<char, ZELK_ADDR_CODE_SIZE> code;
   code.fill(ZERO_DIGIT);
   char type = IPV6_TYPE;
@@ -216,16 +212,20 @@ static bool leave_standard_streams(int* fildes) {
   return true;
 }
 
-/* Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
-static int read_header(zk_recorder_t* recorder) {
-  if (read_state(recorder->fildes, ZK_STACK_RECORDS_MIN, &recorder->state) != ZELK_SUCCESS) return ZELK_FAILURE;
-  return zk_take_stack_header(&recorder->state) ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
+/* Reads the header and looks whether it is one that a recorder leaves. Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
+static int check_header(zk_recorder_t* recorder) {
+  zk_stack_state_t* const state = &recorder->state;
+  if (read_stack(recorder->fildes, state->walk.window.data(), ZK_STACK_RECORDS_MIN) != ZELK_SUCCESS)
+    return ZELK_FAILURE;
+  recorder->damage = zk_check_stack_header(state);
+  return recorder->damage.reason == nullptr ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
 }
 
-/* Learns of the open file what stays as it is, and looks whether it is a stack. Returns as read_header. */
-static int take_stack(zk_recorder_t* recorder) {
+/* Learns of the open file what stays as it is, and looks whether it is a stack. Returns as check_header. */
+static int check_file(zk_recorder_t* recorder) {
   struct stat status;
   if (fstat(recorder->fildes, &status) != 0) return ZELK_FAILURE;
+  recorder->damage = S_ISREG(status.st_mode) ? ZK_BAD_FILE_SIZE : ZK_NOT_REGULAR;
   if (!S_ISREG(status.st_mode) || status.st_size < ZK_STACK_SIZE_MIN || status.st_size > ZK_STACK_SIZE_MAX)
     return ZELK_FILE_CORRUPT;
   recorder->inode = status.st_ino;
@@ -233,9 +233,9 @@ static int take_stack(zk_recorder_t* recorder) {
   recorder->state.size = static_cast<int32_t>(status.st_size);
   recorder->state.newest = 0;
 
-  int result = read_header(recorder);
+  int result = check_header(recorder);
   if (result == ZELK_FILE_CORRUPT && set_lock(recorder->fildes, F_WRLCK)) {
-    result = read_header(recorder); /* another recorder may have been writing it */
+    result = check_header(recorder); /* another recorder may have been writing it */
     set_lock(recorder->fildes, F_UNLCK);
   }
   return result;
@@ -244,16 +244,18 @@ static int take_stack(zk_recorder_t* recorder) {
 /* Opens the stack into `recorder`, whose descriptor is -1 after a failure to open it. Returns as zk_open_recorder. */
 static int open_stack(const zk_trace_t& trace, const zk_stack_path_t& path, zk_recorder_t* recorder) {
   recorder->fildes = -1;
+  recorder->damage = {};
   int result = zk_open_stack_path(trace, path, &recorder->fildes);
   if (result != ZELK_SUCCESS) return result;
   if (!leave_standard_streams(&recorder->fildes)) return ZELK_TOO_MANY;
-  result = take_stack(recorder);
-  if (result == ZELK_SUCCESS) take_own_address(trace, &recorder->own_address);
+  result = check_file(recorder);
+  if (result == ZELK_SUCCESS) read_own_address(trace, &recorder->own_address);
+  if (result == ZELK_FILE_CORRUPT) zk_report_damage(trace, recorder->damage);
   return result;
 }
 
-int zk_open_recorder(int debug_active, const char* debug_file, const char* stack_file, zk_recorder_t** recorder) {
-  const zk_trace_t trace = {debug_active, debug_file, __func__};
+int zk_open_recorder_or_say(const zk_trace_t& trace, const char* stack_file, zk_recorder_t** recorder,
+                            zk_damage_t* damage) {
   if (stack_file == nullptr || *stack_file == '\0')
     return zk_failed(trace, ZELK_INV_PARAM3, "Called without a name for the stack\nReturning %s(%d) to caller");
   if (recorder == nullptr)
@@ -265,12 +267,22 @@ int zk_open_recorder(int debug_active, const char* debug_file, const char* stack
   const zk_stack_path_t path = zk_stack_path(stack_file);
   const int cancel_state = put_off_cancellation();
   const int result = open_stack(trace, path, opened);
+  *damage = opened->damage;
   if (result != ZELK_SUCCESS) zk_close_recorder(opened);
   pthread_setcancelstate(cancel_state, nullptr);
   if (result != ZELK_SUCCESS)
     return zk_failed(trace, result, "Cannot record into stack %s\nReturning %s(%d) to caller", path.data());
   *recorder = opened;
   return zk_succeeded(trace, "Stack %s opened for recording\nReturning %s(%d) to caller", path.data());
+}
+
+int zk_open_recorder(int debug_active, const char* debug_file, const char* stack_file, zk_recorder_t** recorder) {
+  zk_damage_t damage = {};
+  return zk_open_recorder_or_say({debug_active, debug_file, __func__}, stack_file, recorder, &damage);
+}
+
+zk_damage_t zk_recorder_damage(const zk_recorder_t* recorder) {
+  return recorder->damage;
 }
 
 static bool has_good_arguments(const zk_incident_t& incident) {
@@ -332,6 +344,10 @@ static int record_incident(const zk_trace_t& trace, zk_recorder_t* recorder, con
   const int error = errno;
   if (is_locked) set_lock(recorder->fildes, F_UNLCK);
   pthread_setcancelstate(cancel_state, nullptr);
+  if (result == ZELK_FILE_CORRUPT) {
+    zk_report_damage(trace, recorder->damage);
+    return zk_failed(trace, result, "Cannot record the incident\nReturning %s(%d) to caller");
+  }
   if (result != ZELK_SUCCESS)
     return zk_failed(trace, result, "Cannot record the incident - error code %d\nReturning %s(%d) to caller", error);
   return zk_succeeded(trace, "Recorded incident %s\nReturning %s(%d) to caller", made);

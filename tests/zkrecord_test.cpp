@@ -78,7 +78,8 @@ TEST(zkrecord, makes_a_stack_where_there_is_none) {
   EXPECT_EQ(zkrecord({"-q", "-C=8192", stack, "one"}), good(""));
   EXPECT_EQ(zkrecord({"-q", "--create=9000", stack, "two"}), good(""));
   EXPECT_EQ(contents(stack).size(), 8192U); /* one that exists keeps its size */
-  EXPECT_EQ(zkrecord({"-C", "/dev/null", "x"}).err, "zkrecord: /dev/null: it is damaged, or no Error Stack\n");
+  EXPECT_EQ(zkrecord({"-C", "/dev/null", "x"}).err,
+            "zkrecord: /dev/null: it is damaged, or no Error Stack: it is not a regular file (offset 0)\n");
   EXPECT_EQ(zkrecord({"/no\n\x1b[2J", "x"}).err, "zkrecord: /no??[2J: there is no such file\n");
 }
 

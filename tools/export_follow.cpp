@@ -22,6 +22,7 @@
 #include "tool.h"
 #include "unread.h"
 #include "zk_stack_file.h"
+#include "zkopen.h"
 
 /* What may happen to a stack, and in a folder in which one may appear. */
 static constexpr uint32_t STACK_EVENTS = IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;

@@ -8,6 +8,7 @@
 #include "tool.h"
 #include "unread.h"
 #include "zk_stack_file.h"
+#include "zkopen.h"
 
 /* What is gathered before it is written; more than a stack of version one can give. */
 static constexpr size_t BLOCK_SIZE = 1024 * 1024;

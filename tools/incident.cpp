@@ -14,7 +14,7 @@
 
 #include "utc_time.h"
 #include "zk_eid_layout.h"
-#include "zkrecord.h"
+#include "zkfields.h"
 
 /* ---- The Error ID -------------------------------------------------------------------------------------------------- */
 
@@ -111,37 +111,40 @@ static argument_t take_argument(const cu_error_arg_t& argument) {
 
 /* ---- Records ------------------------------------------------------------------------------------------------------- */
 
-int take_incident(const zk_trace_t& trace, const void* record, incident_t* incident) {
-  zk_record_t taken;
-  int result = zk_open_record(trace, record, &taken);
-  if (result == ZELK_SUCCESS) result = zk_decode_record(trace, &taken);
-  if (result != ZELK_SUCCESS) return result;
-
-  incident->id = taken.eid;
-  incident->cause = taken.related_eid;
-  incident->time = taken.time;
+/* Fills in what a record says, all but `stack` and `offset`. */
+static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
+  const zk_record_t& fields = decoded.fields;
+  incident->id = fields.eid;
+  incident->cause = fields.related_eid;
+  incident->time = fields.time;
   decode_id(incident);
-  incident->process = taken.process_name;
-  incident->process_id = taken.process_id;
-  incident->parent_id = taken.parent_id;
-  incident->thread_id = taken.thread_id;
-  incident->file = taken.detecting_file;
-  incident->file_version = taken.file_version;
-  incident->product = taken.product;
-  incident->line = taken.line;
-  zk_description_t* const description = &taken.description;
-  incident->catalog = description->catalog;
-  incident->message_set = description->set;
-  incident->message_number = description->number;
-  incident->default_message = description->default_text;
+  incident->process = fields.process_name;
+  incident->process_id = fields.process_id;
+  incident->parent_id = fields.parent_id;
+  incident->thread_id = fields.thread_id;
+  incident->file = fields.detecting_file;
+  incident->file_version = fields.file_version;
+  incident->product = fields.product;
+  incident->line = fields.line;
+  incident->catalog = fields.description.catalog;
+  incident->message_set = fields.description.set;
+  incident->message_number = fields.description.number;
+  incident->default_message = fields.description.default_text;
   incident->arguments.clear();
-  for (const cu_error_arg_t& argument :
-       std::span(description->arguments, static_cast<size_t>(description->argument_count)))
+  for (const cu_error_arg_t& argument : std::span(decoded.arguments, static_cast<size_t>(decoded.argument_count)))
     incident->arguments.push_back(take_argument(argument));
-  char* const text = zk_describe(*description);
+  char* const text = zk_describe(decoded);
   incident->description = text != nullptr ? text : "";
   free(text);
-  zk_release_description(description);
-  incident->details = taken.details;
-  return ZELK_SUCCESS;
+  incident->details = fields.details;
+}
+
+int take_incident(const zk_trace_t& trace, const void* record, incident_t* incident) {
+  zk_decoded_t decoded;
+  int result = zk_open_record(trace, record, &decoded);
+  if (result != ZELK_SUCCESS) return result;
+  result = zk_decode_record(trace, &decoded);
+  if (result == ZELK_SUCCESS) fill_in(decoded, incident);
+  zk_release_arguments(&decoded);
+  return result;
 }

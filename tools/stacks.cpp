@@ -12,8 +12,8 @@
 
 #include "message.h"
 #include "zk_stack_file.h"
+#include "zkfields.h"
 #include "zkopen.h"
-#include "zkrecord.h"
 #include "zkstatus.h"
 
 /* ---- Failures ------------------------------------------------------------------------------------------------------ */
@@ -81,9 +81,9 @@ int list_stacks(std::vector<std::string>* names) {
 }
 
 int select_record(const zk_trace_t& trace, const void* record, const std::string& id, bool* is_wanted) {
-  zk_record_t opened;
+  zk_decoded_t opened;
   const int result = zk_open_record(trace, record, &opened);
-  *is_wanted = result == ZELK_SUCCESS && (id.empty() || id == opened.eid);
+  *is_wanted = result == ZELK_SUCCESS && (id.empty() || id == opened.fields.eid);
   return result;
 }
 
@@ -113,13 +113,6 @@ int find_stack(const zk_trace_t& trace, const std::string& id, std::string* name
 
 /* ---- Reading ------------------------------------------------------------------------------------------------------- */
 
-/* Damage of the record that the walk is at, by the result of its visitor. */
-static trouble_t damaged_record(const zk_walk_t& walk, int result) {
-  const char* const reason = result == ZELK_INV_RECVERSN ? "the record's version is not supported"
-                                                         : "a text or an argument of the record is damaged";
-  return {ZELK_FILE_CORRUPT, walk.record_position, reason};
-}
-
 trouble_t walk_stack(const zk_trace_t& trace, int fildes, const visitor_t& visit) {
   zk_walk_t walk;
   trouble_t trouble;
@@ -127,11 +120,11 @@ trouble_t walk_stack(const zk_trace_t& trace, int fildes, const visitor_t& visit
   if (begun == ZELK_LOCK) return trouble_of(begun);
   while (begun == ZELK_SUCCESS && zk_walk_next(&walk) == ZELK_SUCCESS) {
     const int result = visit(walk);
-    if (result != ZELK_SUCCESS) trouble = damaged_record(walk, result);
+    if (result != ZELK_SUCCESS) trouble = {ZELK_FILE_CORRUPT, walk.record_position, zk_record_damage(result)};
     if (result != ZELK_SUCCESS || zk_walk_at_write_pos(walk)) break;
   }
   zk_walk_end(walk);
-  if (walk.damage.reason != nullptr) trouble = {ZELK_FILE_CORRUPT, walk.damage.position, walk.damage.reason};
+  if (walk.damage.reason != nullptr) trouble = {ZELK_FILE_CORRUPT, walk.damage.offset, walk.damage.reason};
   return trouble;
 }
 

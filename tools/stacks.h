@@ -10,7 +10,7 @@
 
 #include "incident.h"
 #include "zk_trace.h"
-#include "zkwalk.h"
+#include "zk_walk.h"
 
 /* Why a stack, or an Error ID, cannot be exported whole. */
 struct trouble_t {

@@ -8,7 +8,7 @@
 #include <cstddef>
 
 #include "json.h"
-#include "zkrecord.h"
+#include "zk_record.h"
 
 /* A number that tells records apart (FNV-1a). */
 static uint64_t fingerprint_of(const zk_walk_t& walk) {

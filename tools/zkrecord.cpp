@@ -14,6 +14,7 @@
 #include "tool.h"
 #include "zk_eid_layout.h"
 #include "zk_record_image.h"
+#include "zk_recorder.h"
 
 static constexpr char NAME[] = "zkrecord";
 static constexpr char DEFAULT_SIZE[] = "16384"; /* bytes of a stack that is made */
@@ -243,7 +244,8 @@ static std::string preserve_dump(const tool_trace_t& trace, const request_t& req
 
 /* ---- Recording --------------------------------------------------------------------------------------------------- */
 
-static std::string reason_of(int result) {
+/* What a result of the recorder means to the user; `damage` is that of a damaged stack. */
+static std::string reason_of(int result, const zk_damage_t& damage) {
   static constexpr struct {
     int result;
     tool_message_t reason;
@@ -255,22 +257,24 @@ static std::string reason_of(int result) {
                  {ZELK_TOO_MANY, TOOL_MSG_TOO_MANY_OR_QUOTA},
                  {ZELK_FILE_MISSING, TOOL_MSG_NO_FILE},
                  {ZELK_NO_ACCESS, TOOL_MSG_NO_ACCESS},
-                 {ZELK_FILE_CORRUPT, TOOL_MSG_DAMAGED_OR_NO_STACK},
                  {ZELK_LOCK, TOOL_MSG_NOT_LOCKED},
                  {ZELK_INV_RECLEN, TOOL_MSG_TOO_LONG_INCIDENT}};
+  if (result == ZELK_FILE_CORRUPT)
+    return message_text(TOOL_MSG_DAMAGED_OR_NO_STACK, {damage.reason, std::to_string(damage.offset)});
   for (const auto& row : REASONS)
     if (row.result == result) return message_text(row.reason);
   return message_text(TOOL_MSG_NOT_OPENED);
 }
 
 /* Opens the stack, and makes it before where it is missing and may be made. */
-static int open_recorder(const tool_trace_t& trace, const request_t& request, zk_recorder_t** recorder) {
+static int open_recorder(const tool_trace_t& trace, const request_t& request, zk_recorder_t** recorder,
+                         zk_damage_t* damage) {
   const char* const name = request.stack.c_str();
   if (request.new_size != 0) {
     const int result = zk_create_stack(trace.active, trace.file.data(), name, request.new_size);
     if (result != ZELK_SUCCESS && result != ZELK_FILE_EXIST) return result;
   }
-  return zk_open_recorder(trace.active, trace.file.data(), name, recorder);
+  return zk_open_recorder_or_say({trace.active, trace.file.data(), "zk_open_recorder"}, name, recorder, damage);
 }
 
 static int record(const tool_trace_t& trace, request_t* request) {
@@ -279,8 +283,9 @@ static int record(const tool_trace_t& trace, request_t* request) {
   if (!request->dump.empty() && access(request->dump.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR))
     return fail(request->dump, std::strerror(errno));
   zk_recorder_t* recorder = nullptr;
-  int result = open_recorder(trace, *request, &recorder);
-  if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result));
+  zk_damage_t damage = {};
+  int result = open_recorder(trace, *request, &recorder, &damage);
+  if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result, damage));
 
   const process_t process = recorded_process(*request);
   const std::vector<cu_error_arg_t>& arguments = request->description.arguments;
@@ -305,8 +310,9 @@ static int record(const tool_trace_t& trace, request_t* request) {
   incident.details = request->details.c_str();
   zk_eid_t eid;
   result = zk_record_incident(trace.active, trace.file.data(), recorder, &incident, eid);
+  damage = zk_recorder_damage(recorder);
   zk_close_recorder(recorder);
-  if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result));
+  if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result, damage));
   if (request->is_quiet) return TOOL_DONE;
   if (std::puts(eid) == EOF || std::fflush(stdout) != 0)
     return fail(message_text(TOOL_MSG_STANDARD_OUTPUT),

@@ -3,28 +3,23 @@
 #ifndef ZK_STACK_STATE_H
 #define ZK_STACK_STATE_H
 
-#include <array>
-#include <cstddef>
-#include <cstdint>
-
-#include "zk_layout.h"
+#include "zk_walk.h"
 
 /* A stack as it was read under the lock. */
 struct zk_stack_state_t {
-  zk_estack_v1_header_t header;
-  int32_t size;   /* of the file; that of the header is the same */
+  int32_t size;   /* of the file, whose bytes begin the walk's window; that of the header is the same */
   int32_t newest; /* offset of the newest record, 0 for none */
-  std::array<char, ZK_STACK_SIZE_MAX> bytes;
+  zk_walk_t walk; /* with the header */
 };
 
-/* Whether the header at the start of `state.bytes` is one that a recorder leaves in a file of `state.size` bytes;
- * fills in `state.header`. */
-bool zk_take_stack_header(zk_stack_state_t* state);
+/* Whether the header that the state's bytes begin with is one that a recorder leaves; fills in the walk's. Returns what
+ * is wrong. */
+zk_damage_t zk_check_stack_header(zk_stack_state_t* state);
 
-/* Whether the records, as a reader meets them, are whole and end at the header's write_pos; fills in `state.newest`. A
- * first record that was completed without the header telling of it is taken as recorded: the header then moves behind
- * it. */
-bool zk_take_stack_records(zk_stack_state_t* state);
+/* The same for the whole stack: every record as a reader meets them can be read, and they end at write_pos. A first
+ * record that was completed without the header telling of it is taken as recorded: the header then moves behind it.
+ * Fills in `newest` too. */
+zk_damage_t zk_check_stack(zk_stack_state_t* state);
 
 /* Longest body that a record can have, so that it fits beside the newest one. */
 size_t zk_longest_body(const zk_stack_state_t& state);

@@ -1,25 +1,16 @@
 /* SPDX-License-Identifier: MIT */
-/* zkwalk.h - one reading of an Error Stack: the lock, the control header, and the step from record to record. Every
- * view walks a stack through it. */
-#ifndef ZKWALK_H
-#define ZKWALK_H
-
-#include <sys/types.h>
+/* zk_walk.h - one reading of an Error Stack: the lock, the control header, and the step from record to record. Every
+ * view walks a stack through it, and so does a recorder before it writes. */
+#ifndef ZK_WALK_H
+#define ZK_WALK_H
 
 #include <array>
 
-#include "zk_int.h"
-#include "zk_trace.h"
+#include "zk_damage.h"
+#include "zk_header.h"
 
 /* Result of zk_walk_next beside the codes of qx_zelk.h. */
 enum { ZK_WALK_END = 1 };
-
-/* What a walk found damaged. */
-struct zk_damage_t {
-  off_t position;     /* of the record's length word, or of the field of the control header */
-  const char* reason; /* a phrase; null for no damage */
-  bool is_record;     /* a record that cannot be had whole */
-};
 
 struct zk_walk_t {
   zk_trace_t trace;
@@ -28,10 +19,11 @@ struct zk_walk_t {
   int stack_version;
   zk_estack_v1_header_t header;
   bool may_wrap;  /* the one return to records_start is still to come */
-  off_t position; /* of the next byte to take */
+  off_t position; /* of the next byte */
   zk_damage_t damage;
+  bool is_record_lost; /* the damage is a record that cannot be had whole */
 
-  /* The record that the last step took, with its length word and a zero byte behind it. */
+  /* The record that the last step came to, with its length word and a zero byte behind it. */
   std::array<char, ZK_REC_SIZE_MAX + 1> record;
   off_t record_position;
 
@@ -47,11 +39,15 @@ struct zk_walk_t {
  * result is ZELK_LOCK, zk_walk_end must follow. Returns 0; ZELK_LOCK; ZELK_FILE_CORRUPT, `damage` then says where. */
 int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes);
 
-/* Takes the next record, going back to records_start once where the stack has wrapped. Returns 0; ZK_WALK_END no
+/* Goes on to the next record, back to records_start once where the stack has wrapped. Returns 0; ZK_WALK_END no
  * record is left; ZELK_FILE_CORRUPT, `damage` then says where. */
 int zk_walk_next(zk_walk_t* walk);
 
-/* Whether the last record taken is the newest one. */
+/* Begins a walk over a stack of version one whose first `size` bytes, all it has, are in the window already: untraced, with
+ * `header` in place of what stands there. The lock is the caller's. */
+void zk_walk_begin_in_memory(zk_walk_t* walk, const zk_estack_v1_header_t& header, int32_t size);
+
+/* Whether the record that the walk is at is the newest one. */
 bool zk_walk_at_write_pos(const zk_walk_t& walk);
 
 /* Releases the lock and leaves the file at its start. */

@@ -1,0 +1,77 @@
+/* SPDX-License-Identifier: MIT */
+/* zk_record.h - takes a record apart: the cursor over its fields, and all of them as one structure. Whatever a record
+ * holds, nothing outside its memory is read but the zero byte that must stand behind it. */
+#ifndef ZK_RECORD_H
+#define ZK_RECORD_H
+
+#include <stddef.h>
+
+#include "qx_cu.h"
+#include "qx_zelk.h"
+#include "zk_layout.h"
+
+/* Length of the text at `buffer`, whose NUL is looked for in `buflen` + 1 bytes; -1 when there is none, `buffer` is
+ * null or `buflen` above 1024. A `buflen` below zero (as a signed number): 0 when the first byte is NUL, else -1. */
+extern "C" int zk_obtain_strlen(void* buffer, size_t buflen);
+
+/* Where the reading of a record stands. Fixed fields may reach past the record's end: the count is then below zero. */
+struct zk_cursor_t {
+  const char* at;
+  ptrdiff_t unread; /* bytes of the record from there on */
+};
+
+/* A cursor at `position` of a record. */
+zk_cursor_t zk_record_cursor(const void* record, int position);
+
+/* Read a field and move behind it: an integer; an Error ID, at most 42 characters whatever the 43rd byte holds; a text,
+ * which is the record's own, null when its end is not found; an argument, whose text is the record's own, false when it
+ * is damaged. Bytes past the record's end count as zeros; a text that starts there is empty. */
+int32_t zk_read_int(zk_cursor_t* cursor);
+void zk_read_eid(zk_cursor_t* cursor, zk_eid_t eid);
+const char* zk_read_text(zk_cursor_t* cursor);
+bool zk_read_argument(zk_cursor_t* cursor, cu_error_arg_t* argument);
+
+/* What a description is made of. */
+struct zk_description_t {
+  const char* catalog;
+  int32_t set;
+  int32_t number;
+  const char* default_text;
+  zk_cursor_t arguments; /* at their count */
+};
+
+/* Reads the description block; false when a text, which is then null, or an argument is damaged. */
+bool zk_read_description(zk_cursor_t* cursor, zk_description_t* description);
+
+/* A record by its fields, in their order. The texts are the record's own; from the damaged one on they are null. */
+struct zk_record_t {
+  int32_t version;
+  zk_eid_t eid;         /* empty for none */
+  zk_eid_t related_eid; /* empty for none */
+  int32_t time;         /* seconds since the Epoch */
+  const char* process_name;
+  int32_t process_id;
+  int32_t parent_id;
+  int32_t thread_id;
+  const char* detecting_file;
+  const char* file_version;
+  const char* product;
+  int32_t line;
+  zk_description_t description;
+  const char* details;
+};
+
+/* Takes a record apart. Returns 0; ZELK_INV_RECLEN a length below 1, ZELK_INV_RECVERSN: no fields are set but the version;
+ * ZELK_REC_CORRUPT. */
+int zk_parse_record(const void* record, zk_record_t* fields);
+
+/* Such a result as the reason of damage, null for 0. */
+const char* zk_record_damage(int result);
+
+/* The length word of a record. */
+int32_t zk_record_length(const void* record);
+
+/* The Error ID field at `position` of a record. */
+void zk_record_eid(const void* record, int position, zk_eid_t eid);
+
+#endif
