@@ -7,7 +7,7 @@ findings=build/fuzz-findings
 
 # Builds the targets and their seeds. llvm puts names and lines into the stack of a finding.
 build_targets() {
-    install_missing clang cmake libclang-rt-14-dev llvm ninja-build rapidjson-dev
+    install_missing clang cmake libclang-rt-14-dev llvm ninja-build
     build fuzz
     mkdir -p "$findings"
 }

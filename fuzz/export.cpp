@@ -7,7 +7,8 @@
 
 #include "chain.h"
 #include "fuzz.h"
-#include "json.h"
+#include "json_line.h"
+#include "stack_reader.h"
 #include "text.h"
 
 /* Printable UTF-8 and newlines; the digraph and the page may have tabs too. */
@@ -71,31 +72,34 @@ static void expect_page(std::string_view html) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int fildes = fuzz_file({data, data + size});
-  const std::string name(data, data + std::min(size, size_t{8})); /* a stack may have any name */
+  std::string name(data, data + std::min(size, size_t{8})); /* a stack may have any name */
+  name.resize(std::min(name.size(), name.find('\0')));
   const zk_trace_t trace = {0, nullptr, "fuzz"};
-  chain_t chain, taken_back;
-  std::string line, note;
+  chain_t chain, parsed;
+  std::string line;
   incident_t incident;
-  const trouble_t trouble = walk_stack(trace, fildes, [&](const zk_walk_t& walk) {
-    const int result = take_incident_at(walk, name, &incident);
-    if (result != ZELK_SUCCESS) return result;
+  damage_t damage;
+  stack_reader_t reader;
+  begin_open_stack(&reader, trace, fildes, name);
+  while (chain.incidents.size() < 200 && next_incident(&reader, &incident)) {
     line.clear();
     write_json(incident, &line);
     expect_printable(line, false);
     FUZZ_EXPECT(line.find('\n') == line.size() - 1);
     chain.incidents.push_back(incident);
-    FUZZ_EXPECT(parse_json(line.substr(0, line.size() - 1), &taken_back.incidents.emplace_back(), &note));
-    FUZZ_EXPECT(note.empty());
-    return chain.incidents.size() < 200 ? result : int{ZELK_REC_CORRUPT};
-  });
-  if (trouble.code != ZELK_SUCCESS) {
-    line.clear();
-    write_json_trouble(name, trouble, &line);
-    expect_printable(line, false);
-    FUZZ_EXPECT(parse_json(line.substr(0, line.size() - 1), &incident, &note) && !note.empty());
-    chain.notes.push_back(note);
+    line.pop_back();
+    FUZZ_EXPECT(parse_json_line(line, &parsed.incidents.emplace_back(), &damage) == line_t::INCIDENT);
   }
-  for (chain_t* each : {&chain, &taken_back}) {
+  const damage_t found = end_stack(&reader);
+  if (found.code != ZELK_SUCCESS) {
+    line.clear();
+    write_json_damage(name, found, &line);
+    expect_printable(line, false);
+    line.pop_back();
+    FUZZ_EXPECT(parse_json_line(line, &incident, &damage) == line_t::DAMAGE && damage == found);
+    chain.notes.push_back(damage_note(name, found));
+  }
+  for (chain_t* each : {&chain, &parsed}) {
     find_causes(each);
     const std::string dot = make_dot(*each), html = make_html(*each);
     expect_printable(dot, true);

@@ -227,6 +227,44 @@ TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
             "zkexport: line 5: it is no incident as json gives them\n");
 }
 
+TEST(input, is_what_json_gives_and_nothing_else) {
+  const std::string file = stack().add({.id = ID, .related = CAUSE, .arg_count = 1, .args = int_arg(5)}).file();
+  const std::string good_line = zkexport({file}).out;
+  auto status_with = [&](const std::string& was, const std::string& is) {
+    std::string line = good_line;
+    EXPECT_NE(line.find(was), line.npos) << was;
+    const std::string text = new_file(line.replace(line.find(was), was.size(), is));
+    return run({"/bin/sh", "-c", program("zkexport") + " --input --format=dot <" + text}).status;
+  };
+  const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+  for (const auto& [was, is] : std::vector<std::pair<std::string, std::string>>{{"}\n", "}\r\n"},
+                                                                                {"{", "{ \"more\" : [1e3, null] , "},
+                                                                                {"\"proc\"", "\"\\u0070roc\""},
+                                                                                {"\"proc\"", "\"\\ud83d\\ude00\""}})
+    EXPECT_EQ(status_with(was, is), 0) << is;
+  for (const auto& [was, is] :
+       std::vector<std::pair<std::string, std::string>>{{"\"value\":5", "\"value\":1e131071"},
+                                                        {"\"value\":5", "\"value\":2147483648"},
+                                                        {"\"value\":5", "\"value\":\"5\""},
+                                                        {"\"value\":5", "\"value\":05"},
+                                                        {"{", "{\"more\":" + deep + ","},
+                                                        {"\"proc\"", "\"\\u0000\""},
+                                                        {"\"proc\"", "\"\xFF\""},
+                                                        {"\"proc\"", "\"\\ud83d\""},
+                                                        {"\"proc\"", "\"a\tb\""},
+                                                        {"{", "{\"stack\":\"other\","},
+                                                        {"09:05:00Z", "09:05:60Z"},
+                                                        {"2026-11-25", "1969-11-25"},
+                                                        {"2007-02-03", "2007-02-29"},
+                                                        {"\"node\":\"192.0.2.2\",", ""},
+                                                        {"\"node\":\"192.0.2.2\"", "\"node\":\"n1\""},
+                                                        {"\"line\":12", "\"line\":12.0"},
+                                                        {"\"details\"", "\"gap\":true,\"details\""},
+                                                        {"}\n", "},\n"},
+                                                        {",\"offset\":24", ""}})
+    EXPECT_EQ(status_with(was, is), 1) << is.substr(0, 80);
+}
+
 TEST(input, puts_incidents_of_several_nodes_in_order_of_time) {
   const std::string late = std::string(ID).replace(7, 1, "X"), /* the next second */
       elsewhere = std::string(ID).replace(17, 25, "02.e.1...................");
@@ -235,6 +273,19 @@ TEST(input, puts_incidents_of_several_nodes_in_order_of_time) {
   EXPECT_EQ(script("$zkexport " + here + " " + there +
                    " | jq -c '.stack = \"same\"' | $zkexport --input --format=dot | grep -o 'early\\|late'"),
             "early\nlate\n");
+}
+
+TEST(zkexport, takes_a_command_line_as_gnu_does_but_no_part_of_a_name) {
+  const std::string file = stack().add("one").file();
+  const std::string dot = zkexport({"--format=dot", file}).out;
+  for (const std::string& same : {"-odot " + file, "-o dot -- " + file, file + " --format dot", "-ojson -odot " + file})
+    EXPECT_EQ(zkexport(words(same)).out, dot) << same;
+  const std::string unexpected = "zkexport: The following argument was not expected: ";
+  for (const std::string bad : {"--form", "--bogus=3", "-x", "--ever"})
+    EXPECT_EQ(zkexport({file, bad}), (outcome{"", unexpected + bad + "\nTry 'zkexport --help'\n", 2}));
+  EXPECT_EQ(zkexport({"--every=yes"}).err,
+            "zkexport: every was given a disallowed flag override\nTry 'zkexport --help'\n");
+  EXPECT_EQ(zkexport({"-i"}).err, "zkexport: --id: 1 required ID missing\nTry 'zkexport --help'\n");
 }
 
 TEST(zkexport, refuses_what_does_not_go_together) {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* description.cpp - takes a format and its arguments as printf(1) does. */
+/* description.cpp - parses a format and its arguments as printf(1) does. */
 #include "description.h"
 
 #include <algorithm>
@@ -13,6 +13,7 @@
 
 #include "cu_format.h"
 #include "message.h"
+#include "text.h"
 
 /* ---- Escapes ----------------------------------------------------------------------------------------------------- */
 
@@ -32,17 +33,8 @@ static void put_byte(std::string* text, uint32_t byte) {
   if (byte == '%') *text += '%';
 }
 
-/* Adds the Unicode character `code` in UTF-8. */
-static void put_unicode(std::string* text, uint32_t code) {
-  if (code < 0x80) return put_byte(text, code);
-  const int following = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
-  static constexpr uint32_t LEADS[] = {0, 0xc0, 0xe0, 0xf0};
-  put_byte(text, LEADS[following] | code >> (6 * following));
-  for (int i = following - 1; i >= 0; --i) put_byte(text, 0x80 | (code >> (6 * i) & 0x3f));
-}
-
-/* Takes the digits at `*at`. Returns what is wrong, or the empty text. */
-static std::string take_numeric_escape(const char** at, const numeric_escape_t& form, std::string* text) {
+/* Parses the digits at `*at`. Returns what is wrong, or the empty text. */
+static std::string parse_numeric_escape(const char** at, const numeric_escape_t& form, std::string* text) {
   static constexpr char DIGITS[] = "0123456789abcdefABCDEF";
   const std::string allowed = form.base == 8 ? "01234567" : DIGITS;
   const std::string rest = std::string(*at).substr(0, form.digits_max);
@@ -58,23 +50,23 @@ static std::string take_numeric_escape(const char** at, const numeric_escape_t& 
   const bool is_surrogate = code >= 0xd800 && code <= 0xdfff;
   if (is_unicode && (is_surrogate || code > 0x10ffff)) return message_text(TOOL_MSG_NO_CHARACTER, {digits});
   if (code == 0 || (!is_unicode && (code & 0xff) == 0)) return message_text(TOOL_MSG_CHARACTER_ZERO);
-  if (is_unicode)
-    put_unicode(text, code);
+  if (is_unicode && code != '%')
+    append_utf8(text, code);
   else
     put_byte(text, code & 0xff);
   return "";
 }
 
-/* Takes what follows the "\" of an escape; one that is none stands for itself. Returns what is wrong, or the empty
+/* Parses what follows the "\" of an escape; one that is none stands for itself. Returns what is wrong, or the empty
  * text. */
-static std::string take_escape(const char** at, std::string* text) {
+static std::string parse_escape(const char** at, std::string* text) {
   static constexpr std::string_view LETTERS = "abefnrtv\\\"";
   static constexpr std::string_view CHARACTERS = "\a\b\033\f\n\r\t\v\\\"";
-  if (**at >= '0' && **at <= '7') return take_numeric_escape(at, OCTAL, text);
+  if (**at >= '0' && **at <= '7') return parse_numeric_escape(at, OCTAL, text);
   const char letter = **at;
   if (letter != '\0') ++*at;
   for (const numeric_escape_t& form : NUMERIC_ESCAPES)
-    if (letter == form.letter) return take_numeric_escape(at, form, text);
+    if (letter == form.letter) return parse_numeric_escape(at, form, text);
   if (const size_t found = LETTERS.find(letter); found != LETTERS.npos) {
     *text += CHARACTERS[found];
     return "";
@@ -91,14 +83,14 @@ static bool is_whole(const std::string& text, const char* end) {
   return !text.empty() && end == text.c_str() + text.size();
 }
 
-static bool take_signed(const std::string& text, int64_t low, int64_t high, int64_t* value) {
+static bool parse_signed(const std::string& text, int64_t low, int64_t high, int64_t* value) {
   char* end = nullptr;
   errno = 0;
   *value = std::strtoll(text.c_str(), &end, 0);
   return is_whole(text, end) && errno == 0 && *value >= low && *value <= high;
 }
 
-static bool take_unsigned(const std::string& text, uint64_t high, uint64_t* value) {
+static bool parse_unsigned(const std::string& text, uint64_t high, uint64_t* value) {
   char* end = nullptr;
   errno = 0;
   *value = std::strtoull(text.c_str(), &end, 0);
@@ -106,7 +98,7 @@ static bool take_unsigned(const std::string& text, uint64_t high, uint64_t* valu
 }
 
 /* A number as the user's locale writes it, or as C does. */
-static bool take_double(const std::string& text, double* value) {
+static bool parse_double(const std::string& text, double* value) {
   const locale_t c_locale = newlocale(LC_NUMERIC_MASK, "C", nullptr);
   char* end = nullptr;
   *value = std::strtod(text.c_str(), &end);
@@ -117,7 +109,7 @@ static bool take_double(const std::string& text, double* value) {
 }
 
 /* Makes the argument of a conversion. False when it is not a number, or one that is out of range. */
-static bool take_argument(std::string* operand, char letter, cu_error_arg_t* argument) {
+static bool parse_argument(std::string* operand, char letter, cu_error_arg_t* argument) {
   auto& value = argument->cu_arg_value;
   int64_t number = 0;
   uint64_t bits = 0;
@@ -128,21 +120,21 @@ static bool take_argument(std::string* operand, char letter, cu_error_arg_t* arg
       value.cu_arg_char_str = operand->data();
       return true;
     case CU_ERROR_ARG_DOUBLE:
-      return take_double(*operand, &value.cu_arg_double);
+      return parse_double(*operand, &value.cu_arg_double);
     case CU_ERROR_ARG_VOID_PTR:
-      is_good = take_unsigned(*operand, UINTPTR_MAX, &bits);
+      is_good = parse_unsigned(*operand, UINTPTR_MAX, &bits);
       address = static_cast<uintptr_t>(bits);
       std::memcpy(&value.cu_arg_void_ptr, &address, sizeof address);
       return is_good;
     case CU_ERROR_ARG_INT:
-      if (operand->size() > 1) is_good = take_signed(*operand, INT32_MIN, INT32_MAX, &number);
+      if (operand->size() > 1) is_good = parse_signed(*operand, INT32_MIN, INT32_MAX, &number);
       if (operand->size() == 1) number = static_cast<unsigned char>(operand->front());
       value.cu_arg_int = static_cast<int32_t>(number);
       return is_good;
     default:
-      is_good = take_signed(*operand, INT64_MIN, INT64_MAX, &number);
+      is_good = parse_signed(*operand, INT64_MIN, INT64_MAX, &number);
       if (!is_good && letter != 'd') {
-        is_good = take_unsigned(*operand, UINT64_MAX, &bits);
+        is_good = parse_unsigned(*operand, UINT64_MAX, &bits);
         number = static_cast<int64_t>(bits);
       }
       value.cu_arg_long_long = number;
@@ -165,9 +157,9 @@ static cu_error_arg_type_t type_of(char letter) {
 
 /* ---- The description --------------------------------------------------------------------------------------------- */
 
-/* Takes the conversion at `*at`: into the text, and its letter as that of its argument. `letters` has a place for each
+/* Parses the conversion at `*at`: into the text, and its letter as that of its argument. `letters` has a place for each
  * operand. Returns what is wrong, or the empty text. */
-static std::string take_conversion(const char** at, size_t* unnumbered, std::string* letters, std::string* text) {
+static std::string parse_conversion(const char** at, size_t* unnumbered, std::string* letters, std::string* text) {
   const char* start = *at;
   const cu_piece_t piece = cu_take_piece(at, unnumbered);
   const std::string written(start, *at);
@@ -182,30 +174,30 @@ static std::string take_conversion(const char** at, size_t* unnumbered, std::str
   return "";
 }
 
-std::string take_description(const std::string& format, std::vector<std::string>* operands,
-                             description_t* description) {
+std::string parse_description(const std::string& format, std::vector<std::string>* operands,
+                              description_t* description) {
   std::string letters(operands->size(), '\0');
-  std::string problem;
+  std::string mistake;
   size_t unnumbered = 0;
-  for (const char* at = format.c_str(); *at != '\0' && problem.empty();) {
+  for (const char* at = format.c_str(); *at != '\0' && mistake.empty();) {
     if (*at == '%') {
-      problem = take_conversion(&at, &unnumbered, &letters, &description->text);
+      mistake = parse_conversion(&at, &unnumbered, &letters, &description->text);
     } else if (*at != '\\') {
       description->text += *at++;
     } else if (*++at == 'c') {
       break; /* as printf(1): nothing more is printed */
     } else {
-      problem = take_escape(&at, &description->text);
+      mistake = parse_escape(&at, &description->text);
     }
   }
-  if (!problem.empty()) return problem;
+  if (!mistake.empty()) return mistake;
   if (!letters.empty() && letters.back() == '\0')
     return message_text(TOOL_MSG_ARGUMENT_UNUSED, {std::to_string(letters.size())});
 
   for (size_t i = 0; i < letters.size(); ++i) {
     cu_error_arg_t argument = {.cu_arg_type = type_of(letters[i]), .cu_arg_value = {}};
     std::string& operand = (*operands)[i];
-    if (!take_argument(&operand, letters[i], &argument))
+    if (!parse_argument(&operand, letters[i], &argument))
       return message_text(TOOL_MSG_ARGUMENT_NOT_A_NUMBER, {std::to_string(i + 1), operand});
     description->arguments.push_back(argument);
   }

@@ -14,9 +14,10 @@ struct description_t {
   std::vector<cu_error_arg_t> arguments; /* their texts are those of the `operands` they were made of */
 };
 
-/* Takes `format` as printf(1) does, with its escapes, and `operands` as the arguments of its conversions, which may be
+/* Parses `format` as printf(1) does, with its escapes, and `operands` as the arguments of its conversions, which may be
  * numbered. Each conversion decides the kind of its argument; one that no conversion names is a text. Returns what is
  * wrong, or the empty text. */
-std::string take_description(const std::string& format, std::vector<std::string>* operands, description_t* description);
+std::string parse_description(const std::string& format, std::vector<std::string>* operands,
+                              description_t* description);
 
 #endif

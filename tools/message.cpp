@@ -2,7 +2,6 @@
 /* message.cpp - finds the texts of the companion commands and fills them in. */
 #include "message.h"
 
-#include <algorithm>
 #include <cerrno>
 
 #include "cu_format.h"
@@ -51,26 +50,4 @@ std::string message_text(tool_message_t message, const std::vector<std::string>&
   string_sink_t sink = {.sink = {.put = append}, .text = {}};
   cu_put_format(&sink.sink, text, arguments);
   return sink.text;
-}
-
-std::optional<std::vector<std::string>> values_in(std::string_view text, tool_message_t message) {
-  static constexpr size_t CONVERSION_SIZE = 4; /* "%1$s" */
-  std::string_view english = ENGLISH[message];
-  std::vector<std::string> values;
-  for (;;) {
-    const size_t literal_size = std::min(english.find('%'), english.size());
-    if (!text.starts_with(english.substr(0, literal_size))) return {};
-    text.remove_prefix(literal_size);
-    english.remove_prefix(literal_size);
-    if (english.empty()) break;
-
-    english.remove_prefix(CONVERSION_SIZE);
-    const std::string_view next = english.substr(0, english.find('%'));
-    const size_t value_size = next.empty() ? text.size() : text.rfind(next);
-    if (value_size == text.npos) return {};
-    values.emplace_back(text.substr(0, value_size));
-    text.remove_prefix(value_size);
-  }
-  if (!text.empty()) return {};
-  return values;
 }

@@ -3,7 +3,6 @@
 #ifndef MESSAGE_H
 #define MESSAGE_H
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,9 +21,5 @@ std::string message_text(tool_message_t message, const std::vector<std::string>&
 
 /* The built-in text of a message without arguments, for output that programs read. */
 const char* english_text(tool_message_t message);
-
-/* What stands in `text` for the arguments "%1$s", "%2$s", ... of a message's built-in text; nothing where it is another
- * text. */
-std::optional<std::vector<std::string>> values_in(std::string_view text, tool_message_t message);
 
 #endif

@@ -2,8 +2,6 @@
 /* text.cpp - checks and repairs recorded texts. */
 #include "text.h"
 
-#include <cstdint>
-
 /* ---- UTF-8 --------------------------------------------------------------------------------------------------------- */
 
 /* First bytes of characters of several bytes, with what may follow them at once; the bytes behind that are 80 to BF. */
@@ -53,6 +51,13 @@ bool is_utf8(std::string_view text) {
   return true;
 }
 
+void append_utf8(std::string* text, uint32_t code) {
+  static constexpr uint32_t LEADS[] = {0, 0xC0, 0xE0, 0xF0};
+  const int following = code < 0x80 ? 0 : code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+  *text += static_cast<char>(LEADS[following] | code >> (6 * following));
+  for (int left = following - 1; left >= 0; --left) *text += static_cast<char>(0x80 | (code >> (6 * left) & 0x3F));
+}
+
 /* The text with `substitute` for the characters that `is_bad` says. */
 template <typename Check>
 static std::string without(std::string_view text, std::string_view substitute, Check is_bad) {
@@ -88,8 +93,9 @@ std::string readable(std::string_view text) {
 
 /* ---- Bytes --------------------------------------------------------------------------------------------------------- */
 
+static constexpr std::string_view DIGITS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 std::string base64(std::string_view bytes) {
-  static constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string text;
   for (size_t at = 0; at < bytes.size(); at += 3) {
     const std::string_view group = bytes.substr(at, 3);
@@ -100,4 +106,20 @@ std::string base64(std::string_view bytes) {
       text += digit <= group.size() ? DIGITS[bits >> (18 - 6 * digit) & 0x3F] : '=';
   }
   return text;
+}
+
+bool bytes_of_base64(std::string_view text, std::string* bytes) {
+  bytes->clear();
+  uint32_t bits = 0;
+  int count = 0; /* of bits that are no byte yet */
+  for (char digit : text.substr(0, text.find('='))) {
+    const size_t value = DIGITS.find(digit);
+    if (value == DIGITS.npos) return false;
+    bits = bits << 6 | static_cast<uint32_t>(value);
+    count += 6;
+    if (count < 8) continue;
+    count -= 8;
+    *bytes += static_cast<char>(bits >> count & 0xFF);
+  }
+  return base64(*bytes) == text;
 }

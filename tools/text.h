@@ -4,6 +4,7 @@
 #define TEXT_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,12 @@ std::string repaired(std::string_view text);
 /* The same, also for control characters, and for what XML has no place for; newline and tab stay. */
 std::string readable(std::string_view text);
 
+/* Appends the character `code`, which has to be one. */
+void append_utf8(std::string* text, uint32_t code);
+
 std::string base64(std::string_view bytes);
+
+/* The bytes of what base64 gives; false for any other text. */
+bool bytes_of_base64(std::string_view text, std::string* bytes);
 
 #endif

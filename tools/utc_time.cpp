@@ -3,6 +3,7 @@
 #include "utc_time.h"
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
@@ -24,16 +25,32 @@ std::string utc_time_of_microseconds(int64_t microseconds) {
   return text;
 }
 
+/* Parses `count` digits at `at`; false for anything else. */
+static bool parse_digits(std::string_view text, size_t at, size_t count, int* number) {
+  *number = 0;
+  for (char digit : text.substr(at, count)) {
+    if (digit < '0' || digit > '9') return false;
+    *number = *number * 10 + (digit - '0');
+  }
+  return true;
+}
+
 bool parse_utc_time(std::string_view text, int64_t* microseconds) {
-  const std::string copy(text);
-  std::tm parts = {};
-  int fraction = 0;
-  const int taken = std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%6d", &parts.tm_year, &parts.tm_mon,
-                                &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &fraction);
-  if (taken < 6) return false;
-  parts.tm_year -= 1900;
-  parts.tm_mon -= 1;
-  const int64_t seconds = timegm(&parts);
-  *microseconds = seconds * SECOND + fraction;
-  return copy == (taken == 6 ? utc_time(seconds) : utc_time_of_microseconds(*microseconds));
+  static constexpr std::string_view SECONDS = "0000-00-00T00:00:00Z", FRACTION = "0000-00-00T00:00:00.000000Z";
+  const std::string_view form = text.size() == SECONDS.size() ? SECONDS : FRACTION;
+  if (text.size() != form.size()) return false;
+  for (size_t at = 0; at < form.size(); ++at)
+    if (form[at] != '0' && text[at] != form[at]) return false;
+
+  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, fraction = 0;
+  if (!parse_digits(text, 0, 4, &year) || !parse_digits(text, 5, 2, &month) || !parse_digits(text, 8, 2, &day) ||
+      !parse_digits(text, 11, 2, &hour) || !parse_digits(text, 14, 2, &minute) || !parse_digits(text, 17, 2, &second))
+    return false;
+  if (form == FRACTION && !parse_digits(text, 20, 6, &fraction)) return false;
+  const std::chrono::year_month_day date = std::chrono::year(year) / month / day;
+  if (!date.ok() || hour > 23 || minute > 59 || second > 59) return false;
+  const std::chrono::seconds time = std::chrono::sys_days(date).time_since_epoch() + std::chrono::hours(hour) +
+                                    std::chrono::minutes(minute) + std::chrono::seconds(second);
+  *microseconds = time.count() * SECOND + fraction;
+  return true;
 }

@@ -11,10 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "json_line.h"
+#include "command.h"
+#include "json_writer.h"
+#include "options.h"
 #include "qx_zelk.h"
 #include "text.h"
-#include "tool.h"
 #include "utc_time.h"
 
 static constexpr char NAME[] = "zkdecode";
@@ -87,7 +88,7 @@ static std::string problem_of_result(int result, int version, int location) {
 
 /* Decodes `id`. Returns what is wrong, empty when nothing is. `*decoded` has a value as far as the ID can be shown,
  * also where only the stacks directory cannot be read. */
-static std::string decode(const tool_trace_t& trace, const std::string& id, std::optional<decoded_t>* decoded) {
+static std::string decode(const command_trace_t& trace, const std::string& id, std::optional<decoded_t>* decoded) {
   std::string problem = problem_of_text(id);
   if (!problem.empty()) return problem;
 
@@ -136,7 +137,7 @@ static std::string local_text(const timeval& time) {
 
 /* A file name may hold any bytes: it is made to take one line, and on a terminal to be harmless. */
 static std::string shown_path(std::string path, bool is_terminal) {
-  if (is_terminal) return tool_printable(path);
+  if (is_terminal) return printable(path);
   std::replace(path.begin(), path.end(), '\n', '?');
   return path;
 }
@@ -161,42 +162,40 @@ static void show_lines(const std::string& id, const decoded_t& eid, bool is_term
     show("Look it up", "zkview -f " + id + (eid.is_local == 1 ? "" : " on " + eid.node));
 }
 
-static void put_members(json_writer_t* writer, const std::string& id, const decoded_t& eid) {
-  put_text(writer, "id", id);
-  put_number(writer, "version", eid.version);
-  put_text(writer, "location", LOCATIONS[eid.location].in_json);
-  put_text(writer, "time", utc_text(eid.time));
-  put_text(writer, "node", eid.node);
-  put_key(writer, "local");
-  writer->Bool(eid.is_local == 1);
-  if (eid.stack_files) {
-    put_key(writer, "stack_files");
-    writer->StartArray();
-    for (const std::string& path : *eid.stack_files) put_string(writer, repaired(path));
-    writer->EndArray();
-  }
-  if (eid.location == ZELK_LOCATION_TEMPLATE) put_number(writer, "template", eid.label);
-  if (eid.location == ZELK_LOCATION_SYSLOG) {
-    put_text(writer, "facility", FACILITIES[LOG_FAC(eid.facility)]);
-    put_text(writer, "severity", SEVERITIES[eid.severity]);
-  }
-}
-
 static void show_json(const std::string& id, const decoded_t& eid, bool) {
   std::string line;
-  append_json_line(&line, [&](json_writer_t* writer) { put_members(writer, id, eid); });
+  json_writer_t writer = begin_json_line(&line);
+  put_text(&writer, "id", id);
+  put_number(&writer, "version", eid.version);
+  put_text(&writer, "location", LOCATIONS[eid.location].in_json);
+  put_text(&writer, "time", utc_text(eid.time));
+  put_text(&writer, "node", eid.node);
+  put_key(&writer, "local");
+  put_word(&writer, eid.is_local == 1 ? "true" : "false");
+  if (eid.stack_files) {
+    put_key(&writer, "stack_files");
+    begin_json(&writer, '[');
+    for (const std::string& path : *eid.stack_files) put_string(&writer, repaired(path));
+    end_json(&writer, ']');
+  }
+  if (eid.location == ZELK_LOCATION_TEMPLATE) put_number(&writer, "template", eid.label);
+  if (eid.location == ZELK_LOCATION_SYSLOG) {
+    put_text(&writer, "facility", FACILITIES[LOG_FAC(eid.facility)]);
+    put_text(&writer, "severity", SEVERITIES[eid.severity]);
+  }
+  end_json_line(&writer);
   std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
-static int show_all(const tool_trace_t& trace, const decode_request_t& request) {
+static int show_all(const command_trace_t& trace, const decode_request_t& request) {
   const bool is_terminal = isatty(STDOUT_FILENO) == 1;
   const auto show = request.is_json ? show_json : show_lines;
   const char* separator = "";
-  int status = TOOL_DONE;
+  int status = STATUS_DONE;
   for (const std::string& id : request.ids) {
     std::optional<decoded_t> eid;
     const std::string problem = decode(trace, id, &eid);
-    if (!problem.empty()) status = tool_fail(NAME, "'" + id + "'", problem);
+    if (!problem.empty()) status = report_failure(NAME, "'" + id + "'", problem);
     if (std::ferror(stdout) != 0) break;
     if (!eid) continue;
     std::fputs(separator, stdout);
@@ -208,32 +207,23 @@ static int show_all(const tool_trace_t& trace, const decode_request_t& request) 
 
 /* ---- The command line -------------------------------------------------------------------------------------------- */
 
-/* Takes the command line. Returns the exit status where that ends the run. The IDs are not for CLI11, which takes a text
- * in brackets for a list. */
-static std::optional<int> take_command_line(int argc, char** argv, decode_request_t* request) {
-  std::string name = NAME;
-  std::vector<char*> options = {name.data()};
-  bool are_options_over = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view argument = argv[i];
-    if (are_options_over || argument == "-" || !argument.starts_with('-'))
-      request->ids.emplace_back(argument);
-    else if (argument == "--")
-      are_options_over = true;
-    else
-      options.push_back(argv[i]);
-  }
-
-  CLI::App app(message_text(TOOL_MSG_DECODE_ABOUT), NAME);
-  app.add_option("ID", request->ids, message_text(TOOL_MSG_DECODE_ID))->type_name("")->required(request->ids.empty());
-  app.add_flag("-j,--json", request->is_json, message_text(TOOL_MSG_DECODE_JSON))->disable_flag_override();
-  return tool_parse(&app, static_cast<int>(options.size()), options.data());
+/* Parses the command line. Returns the exit status where that ends the run. */
+static std::optional<int> parse_command_line(int argc, char** argv, decode_request_t* request) {
+  const command_line_t line = {.command = NAME,
+                               .about = TOOL_MSG_DECODE_ABOUT,
+                               .operands = {{"ID", true, true, TOOL_MSG_DECODE_ID}},
+                               .options = {{'j', "json", value_t::NONE, "", TOOL_MSG_DECODE_JSON}},
+                               .ends_at_operand = false};
+  parser_t parser = start_options(line, argc, argv);
+  while (next_option(&parser)) request->is_json = true;
+  request->ids = parser.operands;
+  return end_options(parser);
 }
 
 int main(int argc, char** argv) {
-  const tool_trace_t trace = tool_start();
+  const command_trace_t trace = start_command();
   decode_request_t request = {};
-  if (std::optional<int> status = take_command_line(argc, argv, &request)) return *status;
+  if (std::optional<int> status = parse_command_line(argc, argv, &request)) return *status;
   tzset(); /* localtime_r need not */
-  return tool_end(NAME, show_all(trace, request));
+  return end_command(NAME, show_all(trace, request));
 }

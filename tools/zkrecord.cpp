@@ -1,17 +1,19 @@
 /* SPDX-License-Identifier: MIT */
 /* zkrecord.cpp - the command that records an incident for a script. */
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <fstream>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
+#include "command.h"
 #include "description.h"
+#include "options.h"
 #include "qx_record.h"
-#include "tool.h"
 #include "zk_eid_layout.h"
 #include "zk_record_image.h"
 #include "zk_recorder.h"
@@ -24,48 +26,41 @@ struct request_t {
   std::string stack, format;
   std::vector<std::string> operands; /* of the format */
   description_t description;
-  std::string cause, details, dump, process, file, version, product, message, catalog;
+  std::string cause, details, dump, process, file, version, product, catalog;
   int32_t process_id, line, message_set, message_number;
   int32_t new_size; /* of a stack that may be made */
   bool is_quiet;
 };
 
-/* Says on standard error why nothing, or not all, was done. Returns TOOL_FAILED. */
+/* Says on standard error why nothing, or not all, was done. Returns STATUS_FAILED. */
 static int fail(const std::string& what, const std::string& reason) {
-  return tool_fail(NAME, what, reason);
+  return report_failure(NAME, what, reason);
 }
 
 /* ---- The command line -------------------------------------------------------------------------------------------- */
 
-/* Takes a whole number in plain decimal. CLI11 would take "010" for 8. */
-static bool take_number(std::string_view text, int32_t low, int32_t high, int32_t* number) {
+/* Parses a whole number in plain decimal. */
+static bool parse_number(std::string_view text, int32_t low, int32_t high, int32_t* number) {
   const char* const behind = text.data() + text.size();
   const auto [end, error] = std::from_chars(text.data(), behind, *number);
-  const bool is_padded = text.size() > 1 && text[0] == '0';
+  const bool is_padded = text.size() > 1 && text[0] == '0'; /* "010" is 8 to some */
   return error == std::errc{} && end == behind && !is_padded && *number >= low && *number <= high;
 }
 
-/* What CLI11 asks of a value: a number, or anything at all. */
-static auto number_from(int32_t low, int32_t high) {
-  return [low, high](const std::string& text) {
-    int32_t number = 0;
-    if (take_number(text, low, high, &number)) return std::string();
-    return message_text(TOOL_MSG_NOT_A_NUMBER, {text, std::to_string(low), std::to_string(high)});
-  };
-}
-static std::string not_empty(const std::string& text) {
-  return text.empty() ? message_text(TOOL_MSG_EMPTY) : "";
+/* The same for an option. Returns what is wrong, or the empty text. */
+static std::string number_mistake(const std::string& text, int32_t low, int32_t high, int32_t* number) {
+  if (parse_number(text, low, high, number)) return "";
+  return message_text(TOOL_MSG_NOT_A_NUMBER, {text, std::to_string(low), std::to_string(high)});
 }
 
-/* Takes CATALOG:SET:NUMBER apart. */
-static bool take_message(request_t* request) {
-  const std::string_view all = request->message;
+/* Parses CATALOG:SET:NUMBER. */
+static bool parse_message(std::string_view all, request_t* request) {
   const size_t second = all.rfind(':');
   const size_t first = second != all.npos && second > 0 ? all.rfind(':', second - 1) : all.npos;
   if (first == all.npos || first == 0) return false;
   request->catalog = all.substr(0, first);
-  return take_number(all.substr(first + 1, second - first - 1), 1, INT32_MAX, &request->message_set) &&
-         take_number(all.substr(second + 1), 1, INT32_MAX, &request->message_number);
+  return parse_number(all.substr(first + 1, second - first - 1), 1, INT32_MAX, &request->message_set) &&
+         parse_number(all.substr(second + 1), 1, INT32_MAX, &request->message_number);
 }
 
 /* Whether `text` is an Error ID in all its fields. */
@@ -86,88 +81,84 @@ static bool is_eid(const std::string& text) {
          zk_conv_base_64_selector(0, nullptr, parts.entry, &facility, &priority) == ZELK_SUCCESS;
 }
 
-/* Gives each option an argument of its own, and its value another one, so that CLI11 takes the command line as GNU's
- * getopt does: options end at STACK, a value may be empty ("--details=") or look like an option, and a size is only what
- * is attached to -C. Returns the index of what follows the options. */
-static int split_options(const CLI::App& app, int argc, char** argv, std::vector<std::string>* options) {
-  int next = std::min(1, argc);
-  /* Puts an option; false when it takes no value. */
-  auto put = [&](const std::string& name, const char* value) {
-    const CLI::Option* const option = app.get_option_no_throw(name);
-    const bool takes_value = option != nullptr && option->get_items_expected_min() > 0;
-    options->push_back(name);
-    if (!takes_value) return false;
-    if (option->check_sname("C") && value == nullptr) value = DEFAULT_SIZE;
-    if (value != nullptr)
-      options->push_back(value);
-    else if (next + 1 < argc)
-      options->push_back(argv[++next]);
-    return true;
-  };
+/* Numbers of the options that have no letter. */
+enum { PID = 256, SOURCE_FILE, LINE, FILE_VERSION, PRODUCT };
 
-  for (; next < argc && argv[next][0] == '-' && argv[next][1] != '\0'; ++next) {
-    const char* const argument = argv[next];
-    if (std::strcmp(argument, "--") == 0) return next + 1;
-    if (argument[1] == '-') {
-      const char* const equals = std::strchr(argument, '=');
-      const std::string name = equals != nullptr ? std::string(argument, equals) : argument;
-      if (!put(name, equals != nullptr ? equals + 1 : nullptr)) options->back() = argument;
-      continue;
+static const command_line_t COMMAND_LINE = {
+    .command = NAME,
+    .about = TOOL_MSG_RECORD_ABOUT,
+    .operands = {{"STACK", true, false, TOOL_MSG_RECORD_STACK},
+                 {"FORMAT", true, false, TOOL_MSG_RECORD_FORMAT},
+                 {"ARGUMENT", false, true, TOOL_MSG_RECORD_ARGUMENT}},
+    .options = {{'c', "cause", value_t::ANY, "ID", TOOL_MSG_RECORD_CAUSE},
+                {'d', "details", value_t::ANY, "TEXT", TOOL_MSG_RECORD_DETAILS},
+                {'D', "dump", value_t::NOT_EMPTY, "FILE", TOOL_MSG_RECORD_DUMP},
+                {'p', "process", value_t::NOT_EMPTY, "NAME", TOOL_MSG_RECORD_PROCESS},
+                {PID, "pid", value_t::ANY, "N", TOOL_MSG_RECORD_PID},
+                {SOURCE_FILE, "file", value_t::ANY, "NAME", TOOL_MSG_RECORD_FILE},
+                {LINE, "line", value_t::ANY, "N", TOOL_MSG_RECORD_LINE},
+                {FILE_VERSION, "file-version", value_t::ANY, "TEXT", TOOL_MSG_RECORD_FILE_VERSION},
+                {PRODUCT, "product", value_t::ANY, "TEXT", TOOL_MSG_RECORD_PRODUCT},
+                {'m', "message", value_t::NOT_EMPTY, "CATALOG:SET:NUMBER", TOOL_MSG_RECORD_MESSAGE},
+                {'C', "create", value_t::OPTIONAL, "[=SIZE]", TOOL_MSG_RECORD_CREATE},
+                {'q', "quiet", value_t::NONE, "", TOOL_MSG_RECORD_QUIET}},
+    .ends_at_operand = true};
+
+/* Puts an option into the request. Returns what is wrong with its value, or the empty text. */
+static std::string set_option(const parser_t& parser, request_t* request) {
+  const std::string& value = parser.value;
+  switch (parser.option->id) {
+    case 'c':
+      request->cause = value;
+      return is_eid(value) ? "" : message_text(TOOL_MSG_NOT_AN_EID, {value});
+    case 'd':
+      request->details = value;
+      return "";
+    case 'D':
+      request->dump = value;
+      return "";
+    case 'p':
+      request->process = value;
+      return "";
+    case PID:
+      return number_mistake(value, 1, INT32_MAX, &request->process_id);
+    case SOURCE_FILE:
+      request->file = value;
+      return "";
+    case LINE:
+      return number_mistake(value, 0, INT32_MAX, &request->line);
+    case FILE_VERSION:
+      request->version = value;
+      return "";
+    case PRODUCT:
+      request->product = value;
+      return "";
+    case 'm':
+      return parse_message(value, request) ? "" : message_text(TOOL_MSG_NOT_A_MESSAGE, {value});
+    case 'C': {
+      const size_t start = value.starts_with('=') ? 1 : 0; /* of "-C=SIZE" */
+      const std::string size = parser.has_value ? value.substr(start) : DEFAULT_SIZE;
+      return number_mistake(size, ZK_STACK_SIZE_MIN, ZK_STACK_SIZE_MAX, &request->new_size);
     }
-    for (const char* letter = argument + 1; *letter != '\0'; ++letter) {
-      const char* value = letter[1] != '\0' ? letter + 1 : nullptr;
-      if (*letter == 'C' && value != nullptr && *value == '=') ++value;
-      if (put({'-', *letter}, value)) break;
-    }
+    default:
+      request->is_quiet = true;
+      return "";
   }
-  return next;
 }
 
-static void add_options(CLI::App* app, request_t* request) {
-  auto add = [&](const char* names, auto* value, const char* type, tool_message_t meaning) {
-    return app->add_option(names, *value, message_text(meaning, {ZELK_STACK_DIR}))->type_name(type);
-  };
-  app->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  add("STACK", &request->stack, "", TOOL_MSG_RECORD_STACK)->required()->check(not_empty);
-  add("FORMAT", &request->format, "", TOOL_MSG_RECORD_FORMAT)->required();
-  add("ARGUMENT", &request->operands, "", TOOL_MSG_RECORD_ARGUMENT);
-  add("-c,--cause", &request->cause, "ID", TOOL_MSG_RECORD_CAUSE)->check([](const std::string& text) {
-    return is_eid(text) ? std::string() : message_text(TOOL_MSG_NOT_AN_EID, {text});
-  });
-  add("-d,--details", &request->details, "TEXT", TOOL_MSG_RECORD_DETAILS);
-  add("-D,--dump", &request->dump, "FILE", TOOL_MSG_RECORD_DUMP)->check(not_empty);
-  add("-p,--process", &request->process, "NAME", TOOL_MSG_RECORD_PROCESS)->check(not_empty);
-  add("--pid", &request->process_id, "N", TOOL_MSG_RECORD_PID)->check(number_from(1, INT32_MAX));
-  add("--file", &request->file, "NAME", TOOL_MSG_RECORD_FILE);
-  add("--line", &request->line, "N", TOOL_MSG_RECORD_LINE)->check(number_from(0, INT32_MAX));
-  add("--file-version", &request->version, "TEXT", TOOL_MSG_RECORD_FILE_VERSION);
-  add("--product", &request->product, "TEXT", TOOL_MSG_RECORD_PRODUCT);
-  add("-m,--message", &request->message, "CATALOG:SET:NUMBER", TOOL_MSG_RECORD_MESSAGE)->check(not_empty);
-  add("-C,--create", &request->new_size, "[=SIZE]", TOOL_MSG_RECORD_CREATE)
-      ->check(number_from(ZK_STACK_SIZE_MIN, ZK_STACK_SIZE_MAX));
-  app->add_flag("-q,--quiet", request->is_quiet, message_text(TOOL_MSG_RECORD_QUIET))->disable_flag_override();
-}
-
-/* Takes the command line, all of which is checked before anything is made. Returns the exit status where that ends the
+/* Parses the command line, all of which is checked before anything is made. Returns the exit status where that ends the
  * run. */
-static std::optional<int> take_command_line(int argc, char** argv, request_t* request) {
-  CLI::App app(message_text(TOOL_MSG_RECORD_ABOUT), NAME);
-  add_options(&app, request);
-  std::vector<std::string> options = {NAME};
-  const int stack = split_options(app, argc, argv, &options);
-  const int operands = std::min(stack + 2, argc); /* they are not for CLI11: it takes a text in brackets for a list */
-  auto is_like_option = [](const char* text) { return *text == '-'; };
-  if (std::any_of(argv + stack, argv + operands, is_like_option)) options.push_back("--");
-  options.insert(options.end(), argv + stack, argv + operands);
-  std::vector<char*> arguments(options.size());
-  std::transform(options.begin(), options.end(), arguments.begin(), [](std::string& option) { return option.data(); });
+static std::optional<int> parse_command_line(int argc, char** argv, request_t* request) {
+  parser_t parser = start_options(COMMAND_LINE, argc, argv);
+  while (next_option(&parser)) refuse_value(&parser, set_option(parser, request));
+  if (std::optional<int> status = end_options(parser)) return status;
 
-  if (auto status = tool_parse(&app, static_cast<int>(arguments.size()), arguments.data())) return status;
-  request->operands.assign(argv + operands, argv + argc);
-  if (!request->message.empty() && !take_message(request))
-    return tool_misuse(NAME, "--message: " + message_text(TOOL_MSG_NOT_A_MESSAGE, {request->message}));
-  const std::string problem = take_description(request->format, &request->operands, &request->description);
-  if (!problem.empty()) return tool_misuse(NAME, "FORMAT: " + problem);
+  request->stack = parser.operands[0];
+  request->format = parser.operands[1];
+  request->operands.assign(parser.operands.begin() + 2, parser.operands.end());
+  if (request->stack.empty()) return report_misuse(NAME, "STACK: " + message_text(TOOL_MSG_EMPTY));
+  const std::string mistake = parse_description(request->format, &request->operands, &request->description);
+  if (!mistake.empty()) return report_misuse(NAME, "FORMAT: " + mistake);
   return {};
 }
 
@@ -181,9 +172,10 @@ struct process_t {
 
 /* Looks a running process up. False when there is none of that number. */
 static bool look_up_process(int32_t id, process_t* process) {
-  std::ifstream file("/proc/" + std::to_string(id) + "/stat");
-  std::string stat; /* number (name) state parent ... */
-  std::getline(file, stat, '\0');
+  const int fildes = open(("/proc/" + std::to_string(id) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+  std::string stat(4096, '\0'); /* number (name) state parent ... */
+  stat.resize(zk_read_on(fildes, stat.data(), stat.size()));
+  if (fildes != -1) close(fildes);
   const size_t open = stat.find('(');
   const size_t close = stat.rfind(')');
   int32_t parent = 0;
@@ -235,7 +227,7 @@ static std::string with_dump_line(zk_incident_t incident, std::string details, c
 }
 
 /* Copies the dump file. Returns the name to record: that of the copy or, where none can be made, its own. */
-static std::string preserve_dump(const tool_trace_t& trace, const request_t& request, const process_t& process) {
+static std::string preserve_dump(const command_trace_t& trace, const request_t& request, const process_t& process) {
   setenv("ZELKPNAME", process.name.c_str(), 0);
   std::array<char, ZELK_DUMP_NAME_SIZE> kept = {};
   zk_make_dump_file_copy(trace.active, trace.file.data(), request.dump.c_str(), kept.data());
@@ -267,7 +259,7 @@ static std::string reason_of(int result, const zk_damage_t& damage) {
 }
 
 /* Opens the stack, and makes it before where it is missing and may be made. */
-static int open_recorder(const tool_trace_t& trace, const request_t& request, zk_recorder_t** recorder,
+static int open_recorder(const command_trace_t& trace, const request_t& request, zk_recorder_t** recorder,
                          zk_damage_t* damage) {
   const char* const name = request.stack.c_str();
   if (request.new_size != 0) {
@@ -277,7 +269,7 @@ static int open_recorder(const tool_trace_t& trace, const request_t& request, zk
   return zk_open_recorder_or_say({trace.active, trace.file.data(), "zk_open_recorder"}, name, recorder, damage);
 }
 
-static int record(const tool_trace_t& trace, request_t* request) {
+static int record(const command_trace_t& trace, request_t* request) {
   if (request->details == "-" && !read_details(&request->details))
     return fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
   if (!request->dump.empty() && access(request->dump.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR))
@@ -313,16 +305,16 @@ static int record(const tool_trace_t& trace, request_t* request) {
   damage = zk_recorder_damage(recorder);
   zk_close_recorder(recorder);
   if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result, damage));
-  if (request->is_quiet) return TOOL_DONE;
+  if (request->is_quiet) return STATUS_DONE;
   if (std::puts(eid) == EOF || std::fflush(stdout) != 0)
     return fail(message_text(TOOL_MSG_STANDARD_OUTPUT),
                 message_text(TOOL_MSG_ID_NOT_WRITTEN, {eid, std::strerror(errno)}));
-  return TOOL_DONE;
+  return STATUS_DONE;
 }
 
 int main(int argc, char** argv) {
-  const tool_trace_t trace = tool_start();
+  const command_trace_t trace = start_command();
   request_t request = {};
-  if (std::optional<int> status = take_command_line(argc, argv, &request)) return *status;
+  if (std::optional<int> status = parse_command_line(argc, argv, &request)) return *status;
   return record(trace, &request);
 }

@@ -14,11 +14,11 @@ struct cursor_t {
   std::map<std::string, mark_t> marks;
 };
 
-/* Reads the cursor's file; one that does not exist has no marks. Returns false with `*problem` when it is damaged, or no
+/* Reads the cursor's file; one that does not exist has no marks. Returns false with `*reason` when it is damaged, or no
  * file that a cursor may replace. */
-bool load_cursor(cursor_t* cursor, std::string* problem);
+bool load_cursor(cursor_t* cursor, std::string* reason);
 
-/* Renames a new file over the cursor's. Returns false with `*problem` when it cannot be written. */
-bool save_cursor(const cursor_t& cursor, std::string* problem);
+/* Renames a new file over the cursor's. Returns false with `*reason` when it cannot be written. */
+bool save_cursor(const cursor_t& cursor, std::string* reason);
 
 #endif

@@ -7,7 +7,8 @@
 
 #include <cstddef>
 
-#include "json.h"
+#include "json_line.h"
+#include "stack_reader.h"
 #include "zk_record.h"
 
 /* A number that tells records apart (FNV-1a). */
@@ -21,8 +22,8 @@ static uint64_t fingerprint_of(const zk_walk_t& walk) {
   return fingerprint;
 }
 
-trouble_t read_unread(const zk_trace_t& trace, int fildes, const std::string& name, const mark_t* mark, mark_t* moved,
-                      std::string* lines) {
+damage_t read_unread(const zk_trace_t& trace, int fildes, const std::string& name, const mark_t* mark, mark_t* moved,
+                     std::string* lines) {
   struct stat status = {};
   fstat(fildes, &status);
   *moved = {status.st_ino, 0, 0};
@@ -30,27 +31,28 @@ trouble_t read_unread(const zk_trace_t& trace, int fildes, const std::string& na
   incident_t incident;
   bool is_found = false;       /* the record of the mark */
   bool is_overwritten = false; /* the stack no longer holds all that it ever held */
-  trouble_t trouble = walk_stack(trace, fildes, [&](const zk_walk_t& walk) {
-    const int result = take_incident_at(walk, name, &incident);
-    if (result != ZELK_SUCCESS) return result;
+  stack_reader_t reader;
+  begin_open_stack(&reader, trace, fildes, name);
+  while (next_incident(&reader, &incident)) {
+    const zk_walk_t& walk = reader.walk;
     is_overwritten = walk.header.has_wrapped == 1 || walk.header.earliest_rec > walk.header.records_start;
     write_json(incident, &unread);
     moved->offset = walk.record_position;
     moved->fingerprint = fingerprint_of(walk);
-    if (mark == nullptr || moved->offset != mark->offset || moved->fingerprint != mark->fingerprint) return result;
+    if (mark == nullptr || moved->offset != mark->offset || moved->fingerprint != mark->fingerprint) continue;
     is_found = true;
     unread.clear();
-    return result;
-  });
+  }
+  damage_t damage = end_stack(&reader);
 
   if (mark != nullptr && !is_found) {
     const bool is_same_file = mark->inode == moved->inode && mark->offset != 0;
-    if (trouble.code != ZELK_SUCCESS && is_same_file) { /* the walk did not come to what was given out */
+    if (damage.code != ZELK_SUCCESS && is_same_file) { /* the walk did not come to what was given out */
       *moved = *mark;
-      return trouble;
+      return damage;
     }
     if (is_overwritten) write_json_gap(name, lines);
   }
   *lines += unread;
-  return trouble;
+  return damage;
 }

@@ -11,6 +11,14 @@
 #include "text.h"
 #include "utc_time.h"
 
+std::string gap_note(const std::string& stack) {
+  return stack + ": incidents were overwritten before they could be read";
+}
+
+std::string damage_note(const std::string& stack, const damage_t& damage) {
+  return stack + ": " + damage_text(damage);
+}
+
 int64_t exact_time(const incident_t& incident) {
   return incident.node.empty() ? incident.time * SECOND : incident.id_time;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "damage.h"
 #include "incident.h"
 
 inline constexpr size_t NO_CAUSE = static_cast<size_t>(-1); /* or one that is not among the incidents */
@@ -31,6 +32,10 @@ struct chain_t {
 
 /* Puts the incidents in order and finds their causes and lanes. Of several with one Error ID the first is a cause. */
 void find_causes(chain_t* chain);
+
+/* What the incidents are not complete for: a gap, and damage, of a stack. */
+std::string gap_note(const std::string& stack);
+std::string damage_note(const std::string& stack, const damage_t& damage);
 
 /* Microseconds since the Epoch at which an incident was recorded, as exactly as is known. */
 int64_t exact_time(const incident_t& incident);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* incident.cpp - takes an incident from a record. */
+/* incident.cpp - decodes a record. */
 #include "incident.h"
 
 #include <arpa/inet.h>
@@ -18,7 +18,7 @@
 
 /* ---- The Error ID -------------------------------------------------------------------------------------------------- */
 
-/* Takes time and node of the Error ID, whose entry may be anything. They are left out when it cannot be decoded. */
+/* Decodes time and node of the Error ID, whose entry may be anything. They are left out when it cannot be decoded. */
 static void decode_id(incident_t* incident) {
   incident->node.clear();
   const std::string_view id = incident->id;
@@ -78,35 +78,35 @@ const char* argument_type_name(int32_t type) {
   return number < std::size(NAMES) ? NAMES[number] : "unknown";
 }
 
-static argument_t take_argument(const cu_error_arg_t& argument) {
+static argument_t decode_argument(const cu_error_arg_t& argument) {
   const auto& value = argument.cu_arg_value;
-  argument_t taken = {argument_type_name(argument.cu_arg_type), "", true};
+  argument_t decoded = {argument_type_name(argument.cu_arg_type), "", true};
   switch (argument.cu_arg_type) {
     case CU_ERROR_ARG_INT:
     case CU_ERROR_ARG_LONG:
-      taken.value = digits_of(value.cu_arg_int);
-      return taken;
+      decoded.value = digits_of(value.cu_arg_int);
+      return decoded;
     case CU_ERROR_ARG_LONG_LONG:
-      taken.value = digits_of(value.cu_arg_long_long);
-      return taken;
+      decoded.value = digits_of(value.cu_arg_long_long);
+      return decoded;
     case CU_ERROR_ARG_DOUBLE:
-      taken.value = digits_of_double(value.cu_arg_double);
-      taken.is_number = std::isfinite(value.cu_arg_double);
-      return taken;
+      decoded.value = digits_of_double(value.cu_arg_double);
+      decoded.is_number = std::isfinite(value.cu_arg_double);
+      return decoded;
     case CU_ERROR_ARG_CHAR_STR:
-      taken.value = value.cu_arg_char_str;
+      decoded.value = value.cu_arg_char_str;
       break;
     case CU_ERROR_ARG_VOID_PTR:
-      taken.value = "0x" + digits_of(reinterpret_cast<uintptr_t>(value.cu_arg_void_ptr), 16);
+      decoded.value = "0x" + digits_of(reinterpret_cast<uintptr_t>(value.cu_arg_void_ptr), 16);
       break;
     default: {
       std::array<unsigned char, ZK_REC_ARG_SIZE> bytes;
       std::memcpy(bytes.data(), &value, bytes.size());
-      taken.value = hexadecimal(bytes);
+      decoded.value = hexadecimal(bytes);
     }
   }
-  taken.is_number = false;
-  return taken;
+  decoded.is_number = false;
+  return decoded;
 }
 
 /* ---- Records ------------------------------------------------------------------------------------------------------- */
@@ -132,14 +132,14 @@ static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
   incident->default_message = fields.description.default_text;
   incident->arguments.clear();
   for (const cu_error_arg_t& argument : std::span(decoded.arguments, static_cast<size_t>(decoded.argument_count)))
-    incident->arguments.push_back(take_argument(argument));
+    incident->arguments.push_back(decode_argument(argument));
   char* const text = zk_describe(decoded);
   incident->description = text != nullptr ? text : "";
   free(text);
   incident->details = fields.details;
 }
 
-int take_incident(const zk_trace_t& trace, const void* record, incident_t* incident) {
+int decode_incident(const zk_trace_t& trace, const void* record, incident_t* incident) {
   zk_decoded_t decoded;
   int result = zk_open_record(trace, record, &decoded);
   if (result != ZELK_SUCCESS) return result;

@@ -6,7 +6,8 @@
 #include <cstdint>
 #include <string>
 
-#include "stacks.h"
+#include "damage.h"
+#include "zk_trace.h"
 
 /* How far a stack has been given out: its newest record that was. */
 struct mark_t {
@@ -19,7 +20,7 @@ struct mark_t {
 /* Appends what the stack `name`, open as `fildes`, holds behind `mark`, and moves the mark on. A null mark gives
  * everything, and `*moved` is what it would have been. Where records were overwritten before they could be read, the line
  * that says so comes first. */
-trouble_t read_unread(const zk_trace_t& trace, int fildes, const std::string& name, const mark_t* mark, mark_t* moved,
-                      std::string* lines);
+damage_t read_unread(const zk_trace_t& trace, int fildes, const std::string& name, const mark_t* mark, mark_t* moved,
+                     std::string* lines);
 
 #endif

@@ -60,9 +60,9 @@ static bool unescape(std::string_view text, std::string* path) {
   return !path->empty();
 }
 
-/* Takes a number and the blank behind it. */
+/* Parses a number and the blank behind it. */
 template <typename Number>
-static bool take_number(std::string_view* line, Number* number) {
+static bool parse_number(std::string_view* line, Number* number) {
   const auto [end, error] = std::from_chars(line->data(), line->data() + line->size(), *number);
   const size_t size = static_cast<size_t>(end - line->data());
   if (error != std::errc{} || size == line->size() || *end != ' ') return false;
@@ -70,8 +70,8 @@ static bool take_number(std::string_view* line, Number* number) {
   return true;
 }
 
-/* Takes a line, without its end, from the start of a text; false where there is none. */
-static bool take_line(std::string_view* text, std::string_view* line) {
+/* Splits a line, without its end, from the start of a text; false where there is none. */
+static bool split_line(std::string_view* text, std::string_view* line) {
   const size_t size = text->find('\n');
   if (size == text->npos) return false;
   *line = text->substr(0, size);
@@ -79,50 +79,51 @@ static bool take_line(std::string_view* text, std::string_view* line) {
   return true;
 }
 
-static bool take_mark(std::string_view line, std::map<std::string, mark_t>* marks) {
+static bool parse_mark(std::string_view line, std::map<std::string, mark_t>* marks) {
   mark_t mark = {};
   std::string path;
-  if (!take_number(&line, &mark.inode) || !take_number(&line, &mark.offset) || !take_number(&line, &mark.fingerprint))
+  if (!parse_number(&line, &mark.inode) || !parse_number(&line, &mark.offset) ||
+      !parse_number(&line, &mark.fingerprint))
     return false;
   return mark.offset >= 0 && unescape(line, &path) && marks->insert({path, mark}).second;
 }
 
 static bool parse_marks(std::string_view text, std::map<std::string, mark_t>* marks) {
   std::string_view line;
-  if (!take_line(&text, &line) || line != FIRST_LINE) return false;
-  while (take_line(&text, &line)) {
+  if (!split_line(&text, &line) || line != FIRST_LINE) return false;
+  while (split_line(&text, &line)) {
     if (line == LAST_LINE) return text.empty();
-    if (!take_mark(line, marks)) return false;
+    if (!parse_mark(line, marks)) return false;
   }
   return false;
 }
 
 /* ---- The file ------------------------------------------------------------------------------------------------------ */
 
-bool load_cursor(cursor_t* cursor, std::string* problem) {
+bool load_cursor(cursor_t* cursor, std::string* reason) {
   std::array<char, PATH_MAX> resolved;
   if (realpath(cursor->file.c_str(), resolved.data()) != nullptr) cursor->file = resolved.data(); /* not the link */
   const int fildes = zk_open_regular(cursor->file.c_str(), O_RDONLY);
   if (fildes == -1 && errno == ENOENT) return true;
   struct stat status;
   if (fildes == -1 || fstat(fildes, &status) != 0) {
-    *problem = std::strerror(errno);
+    *reason = std::strerror(errno);
     if (fildes != -1) close(fildes);
     return false;
   }
-  *problem = message_text(TOOL_MSG_NOT_REGULAR);
+  *reason = message_text(TOOL_MSG_NOT_REGULAR);
   bool is_good = S_ISREG(status.st_mode);
   if (is_good && status.st_size <= LARGEST) {
     std::string text(static_cast<size_t>(status.st_size), '\0');
     text.resize(zk_read_at(fildes, text.data(), text.size(), 0));
     is_good = parse_marks(text, &cursor->marks);
-    *problem = message_text(TOOL_MSG_NO_CURSOR);
+    *reason = message_text(TOOL_MSG_NO_CURSOR);
   }
   close(fildes);
   return is_good;
 }
 
-bool save_cursor(const cursor_t& cursor, std::string* problem) {
+bool save_cursor(const cursor_t& cursor, std::string* reason) {
   const std::string made = cursor.file + ".new";
   std::string text(FIRST_LINE);
   text += '\n';
@@ -137,7 +138,7 @@ bool save_cursor(const cursor_t& cursor, std::string* problem) {
   bool is_good = fildes != -1 && zk_write_all(fildes, text.data(), text.size());
   if (fildes != -1 && close(fildes) != 0) is_good = false;
   if (is_good && std::rename(made.c_str(), cursor.file.c_str()) == 0) return true;
-  *problem = std::strerror(errno);
+  *reason = std::strerror(errno);
   if (fildes != -1) unlink(made.c_str());
   return false;
 }

@@ -41,9 +41,9 @@ struct incident_t {
 /* Names a kind of argument, CU_ERROR_ARG_... or any other number. */
 const char* argument_type_name(int32_t type);
 
-/* Takes the fields of a record, all but `stack` and `offset`.
+/* Decodes the fields of a record, all but `stack` and `offset`.
  * Returns 0; ZELK_INV_RECLEN; ZELK_INV_RECVERSN; ZELK_REC_CORRUPT. */
-int take_incident(const zk_trace_t& trace, const void* record, incident_t* incident);
+int decode_incident(const zk_trace_t& trace, const void* record, incident_t* incident);
 
 /* A number as JSON has it, and recognisable as one with a point. */
 std::string digits_of_double(double number);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* export_follow.cpp - gives out incidents as they are recorded. The file system says when there is something to read.
+/* follow.cpp - gives out incidents as they are recorded. The file system says when there is something to read.
  *
  * The signals that end the run are blocked but while it waits: for the lock of a stack, for something to happen, for the
  * reader of its output. What the cursor says has been written then; only where a reader takes no more may a line be half
@@ -11,15 +11,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <csignal>
-#include <filesystem>
+#include <cstring>
 #include <set>
+#include <string_view>
 
+#include "command.h"
 #include "cursor.h"
 #include "export.h"
-#include "json.h"
-#include "tool.h"
+#include "json_line.h"
 #include "unread.h"
 #include "zk_stack_file.h"
 #include "zkopen.h"
@@ -37,12 +39,12 @@ static constexpr int UNTIL_SOMETHING_HAPPENS = -1;
 struct followed_t {
   std::string name;
   std::string path;
-  int fildes;           /* of the file that is there, or was there last; -1 for none */
-  int watch;            /* of that file, -1 for none */
-  bool is_known;        /* what is overwritten from now on has been missed */
-  bool is_changed;      /* it is to be read */
-  mark_t mark;          /* how far it was given out */
-  trouble_t seen, told; /* the last trouble, and the last that was told */
+  int fildes;          /* of the file that is there, or was there last; -1 for none */
+  int watch;           /* of that file, -1 for none */
+  bool is_known;       /* what is overwritten from now on has been missed */
+  bool is_changed;     /* it is to be read */
+  mark_t mark;         /* how far it was given out */
+  damage_t seen, told; /* the last damage, and the last that was told */
 };
 
 struct follower_t {
@@ -59,7 +61,7 @@ struct follower_t {
 /* ---- Waiting ------------------------------------------------------------------------------------------------------- */
 
 static void end_run(int) {
-  _exit(TOOL_DONE);
+  _exit(STATUS_DONE);
 }
 
 static sigset_t ending_signals() {
@@ -105,16 +107,16 @@ static bool write_lines(std::string_view lines) {
 
 /* ---- Reading ------------------------------------------------------------------------------------------------------- */
 
-/* Tells trouble that lasts. Returns true when it has to be looked at again for that. */
-static bool tell_trouble(followed_t* stack, const trouble_t& trouble, std::string* lines) {
-  const bool is_lasting = trouble == stack->seen;
-  stack->seen = trouble;
-  if (trouble.code == ZELK_SUCCESS) stack->told = trouble;
-  if (trouble == stack->told) return false;
+/* Reports damage that lasts. Returns true when it has to be looked at again for that. */
+static bool report_damage(followed_t* stack, const damage_t& damage, std::string* lines) {
+  const bool is_lasting = damage == stack->seen;
+  stack->seen = damage;
+  if (damage.code == ZELK_SUCCESS) stack->told = damage;
+  if (damage == stack->told) return false;
   if (!is_lasting) return true;
-  stack->told = trouble;
-  write_json_trouble(stack->name, trouble, lines);
-  if (trouble.offset < 0) complain(stack->name, reason_of(trouble.code));
+  stack->told = damage;
+  write_json_damage(stack->name, damage, lines);
+  if (damage.offset < 0) complain(stack->name, reason_of(damage.code));
   return false;
 }
 
@@ -124,9 +126,9 @@ static bool keep_mark(follower_t* follower, const followed_t& stack) {
   const auto known = follower->cursor.marks.find(stack.path);
   if (known != follower->cursor.marks.end() && known->second == stack.mark) return true;
   follower->cursor.marks[stack.path] = stack.mark;
-  std::string problem;
-  if (save_cursor(follower->cursor, &problem)) return true;
-  complain(follower->cursor.file, problem);
+  std::string reason;
+  if (save_cursor(follower->cursor, &reason)) return true;
+  complain(follower->cursor.file, reason);
   return false;
 }
 
@@ -137,12 +139,12 @@ static bool give_unread(follower_t* follower, followed_t* stack) {
   block_signals(false);
   const bool is_locked = lseek(stack->fildes, 0, SEEK_SET) == 0 && lockf(stack->fildes, F_LOCK, 0) == 0;
   block_signals(true);
-  const trouble_t trouble = is_locked ? read_unread(*follower->trace, stack->fildes, stack->name,
-                                                    stack->is_known ? &stack->mark : nullptr, &moved, &lines)
-                                      : trouble_of(ZELK_LOCK);
+  const damage_t damage = is_locked ? read_unread(*follower->trace, stack->fildes, stack->name,
+                                                  stack->is_known ? &stack->mark : nullptr, &moved, &lines)
+                                    : damage_of(ZELK_LOCK);
   stack->mark = moved;
   stack->is_known = true;
-  stack->is_changed = tell_trouble(stack, trouble, &lines);
+  stack->is_changed = report_damage(stack, damage, &lines);
   return write_lines(lines) && keep_mark(follower, *stack);
 }
 
@@ -159,16 +161,16 @@ static bool open_file(follower_t* follower, followed_t* stack) {
     return follower->is_rearranged;
   }
   stack->is_known = true;
-  const trouble_t trouble = trouble_of(result);
-  if (trouble == stack->told) return true;
+  const damage_t damage = damage_of(result);
+  if (damage == stack->told) return true;
   if (result == ZELK_FILE_MISSING) {
     if (!follower->is_started) complain(stack->name, message_text(TOOL_MSG_NO_STACK_YET));
-    stack->told = trouble;
+    stack->told = damage;
     return true;
   }
   std::string lines;
-  stack->seen = trouble; /* it is told at once */
-  tell_trouble(stack, trouble, &lines);
+  stack->seen = damage; /* it is told at once */
+  report_damage(stack, damage, &lines);
   return write_lines(lines);
 }
 
@@ -232,14 +234,22 @@ static void add_new_stacks(follower_t* follower) {
   }
 }
 
+/* The folder that holds what a path names. */
+static std::string folder_of(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == path.npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
 /* Watches the folder or, while it is missing, the nearest one above it. */
-static void watch_folder(int inotify, const std::filesystem::path& folder, std::set<int>* watches) {
+static void watch_folder(int inotify, const std::string& folder, std::set<int>* watches) {
   for (int nearest = -1;;) {
-    std::filesystem::path above = folder;
+    std::string above = folder;
     int watch = inotify_add_watch(inotify, above.c_str(), FOLDER_EVENTS);
-    for (; watch == -1 && above != above.parent_path();
-         watch = inotify_add_watch(inotify, above.c_str(), FOLDER_EVENTS))
-      above = above.parent_path();
+    while (watch == -1 && above != folder_of(above)) {
+      above = folder_of(above);
+      watch = inotify_add_watch(inotify, above.c_str(), FOLDER_EVENTS);
+    }
     if (watch == nearest) { /* nothing came between looking and watching */
       if (watch != -1) watches->insert(watch);
       return;
@@ -250,14 +260,15 @@ static void watch_folder(int inotify, const std::filesystem::path& folder, std::
 
 /* Adds the folders in which the file of a stack may appear: that of its path and, where that is a link, of what it leads
  * to. */
-static void add_folders(std::filesystem::path path, std::set<std::string>* folders) {
+static void add_folders(std::string path, std::set<std::string>* folders) {
   constexpr int LINKS_MAX = 40; /* more are not followed by Linux either */
   for (int links = 0; links <= LINKS_MAX; ++links) {
-    folders->insert(path.parent_path().string());
-    std::error_code error;
-    const std::filesystem::path target = std::filesystem::read_symlink(path, error);
-    if (error) return;
-    path = path.parent_path() / target;
+    folders->insert(folder_of(path));
+    std::array<char, PATH_MAX> target;
+    const ssize_t size = readlink(path.c_str(), target.data(), target.size());
+    if (size <= 0) return;
+    const std::string_view name(target.data(), static_cast<size_t>(size));
+    path = name[0] == '/' ? std::string(name) : folder_of(path) + "/" + std::string(name);
   }
 }
 
@@ -274,7 +285,7 @@ static void watch_folders(follower_t* follower) {
 }
 
 /* Finds out which files are to be followed now. */
-static bool look_around(follower_t* follower) {
+static bool rescan(follower_t* follower) {
   watch_folders(follower);
   if (follower->request->is_every) add_new_stacks(follower);
   for (followed_t& stack : follower->stacks)
@@ -282,8 +293,8 @@ static bool look_around(follower_t* follower) {
   return true;
 }
 
-/* Takes in what has happened. */
-static void take_events(follower_t* follower) {
+/* Reads what has happened. */
+static void read_events(follower_t* follower) {
   alignas(inotify_event) std::array<char, 16384> events;
   for (ssize_t size; (size = read(follower->inotify, events.data(), events.size())) > 0;) {
     for (const char* at = events.data(); at < events.data() + size;) {
@@ -297,7 +308,7 @@ static void take_events(follower_t* follower) {
   }
 }
 
-/* Waits until something happens; not for ever where trouble may have to be told. */
+/* Waits until something happens; not for ever where damage may have to be told. */
 static bool wait_for_events(follower_t* follower) {
   const auto& stacks = follower->stacks;
   const bool is_pending =
@@ -305,7 +316,7 @@ static bool wait_for_events(follower_t* follower) {
   std::array<pollfd, 2> descriptors = {{{follower->inotify, POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
   wait_for(descriptors.data(), descriptors.size(), is_pending ? DAMAGE_PAUSE : UNTIL_SOMETHING_HAPPENS);
   if ((descriptors[1].revents & POLLERR) != 0) return lose_reader();
-  take_events(follower);
+  read_events(follower);
   return true;
 }
 
@@ -321,15 +332,15 @@ static void raise_file_limit() {
 
 int follow_json(const zk_trace_t& trace, const export_request_t& request) {
   follower_t follower = {&trace, &request, {}, {}, {request.cursor_file, {}}, -1, false, true};
-  std::string problem;
-  if (!follower.cursor.file.empty() && !load_cursor(&follower.cursor, &problem)) {
-    complain(request.cursor_file, problem);
-    return TOOL_FAILED;
+  std::string reason;
+  if (!follower.cursor.file.empty() && !load_cursor(&follower.cursor, &reason)) {
+    complain(request.cursor_file, reason);
+    return STATUS_FAILED;
   }
   follower.inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (follower.inotify == -1) {
     complain("inotify", std::strerror(errno));
-    return TOOL_FAILED;
+    return STATUS_FAILED;
   }
   block_signals(true);
   std::signal(SIGTERM, end_run);
@@ -340,11 +351,11 @@ int follow_json(const zk_trace_t& trace, const export_request_t& request) {
   for (;;) {
     if (follower.is_rearranged) {
       follower.is_rearranged = false;
-      if (!look_around(&follower)) return TOOL_FAILED;
+      if (!rescan(&follower)) return STATUS_FAILED;
       follower.is_started = true;
     }
     for (followed_t& stack : follower.stacks)
-      if (stack.is_changed && !give_unread(&follower, &stack)) return TOOL_FAILED;
-    if (!wait_for_events(&follower)) return TOOL_FAILED;
+      if (stack.is_changed && !give_unread(&follower, &stack)) return STATUS_FAILED;
+    if (!wait_for_events(&follower)) return STATUS_FAILED;
   }
 }

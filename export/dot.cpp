@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* export_dot.cpp - draws a chain of causes as a Graphviz digraph. */
+/* dot.cpp - draws a chain of causes as a Graphviz digraph. */
 #include <map>
 
 #include "chain.h"

@@ -1,0 +1,56 @@
+/* SPDX-License-Identifier: MIT */
+/* damage.cpp - what result codes mean for an export. */
+#include "damage.h"
+
+#include <algorithm>
+
+#include "message.h"
+#include "qx_zelk.h"
+#include "zkstatus.h"
+
+struct damage_row_t {
+  int code;
+  int status;
+  tool_message_t reason;
+};
+static constexpr damage_row_t ROWS[] = {{ZELK_LOCK, EXIT_NOT_LOCKED, TOOL_MSG_NOT_LOCKED},
+                                        {ZELK_FILE_CORRUPT, EXIT_CORRUPT, TOOL_MSG_DAMAGED},
+                                        {ZELK_NO_MEMORY, EXIT_NO_MEMORY, TOOL_MSG_NO_MEMORY},
+                                        {ZELK_FILE_MISSING, EXIT_NO_STACK, TOOL_MSG_NO_STACK},
+                                        {ZELK_NO_ACCESS, EXIT_NO_STACK, TOOL_MSG_NO_ACCESS},
+                                        {ZELK_UNSUPPORTED, EXIT_LATER_VERSION, TOOL_MSG_STACK_OF_LATER_VERSION},
+                                        {ZELK_INV_FID, EXIT_BAD_EID, TOOL_MSG_NOT_A_STACK_ID},
+                                        {ZELK_INV_STACKNAME, EXIT_BAD_EID, TOOL_MSG_NO_STACK_NAME},
+                                        {ZELK_REMOTE_FID, EXIT_REMOTE, TOOL_MSG_OTHER_NODE},
+                                        {ZELK_TOO_MANY, EXIT_UNEXPECTED, TOOL_MSG_TOO_MANY_FILES},
+                                        {ZELK_DIR_MISSING, EXIT_UNEXPECTED, TOOL_MSG_DIRECTORY_MISSING},
+                                        {ZELK_DIR_NO_ACCESS, EXIT_UNEXPECTED, TOOL_MSG_DIRECTORY_NOT_READ}};
+static constexpr damage_row_t UNEXPECTED = {ZELK_FAILURE, EXIT_UNEXPECTED, TOOL_MSG_CANNOT_READ};
+
+static const damage_row_t& row_of(int code) {
+  for (const damage_row_t& row : ROWS)
+    if (row.code == code) return row;
+  return UNEXPECTED;
+}
+
+damage_t damage_of(int code) {
+  return {code, -1, english_text(row_of(code).reason)};
+}
+
+std::string reason_of(int code) {
+  return message_text(row_of(code).reason);
+}
+
+std::string damage_text(const damage_t& damage) {
+  return damage.reason + (damage.offset >= 0 ? " (at offset " + std::to_string(damage.offset) + ")" : "");
+}
+
+int status_of(int code) {
+  return row_of(code).status;
+}
+
+int worst_status(int one, int other) {
+  for (int status : {EXIT_CORRUPT, EXIT_NOT_LOCKED, EXIT_NO_STACK})
+    if (one == status || other == status) return status;
+  return std::max(one, other);
+}

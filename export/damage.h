@@ -1,0 +1,31 @@
+/* SPDX-License-Identifier: MIT */
+/* damage.h - why a stack, or an Error ID, cannot be exported whole. */
+#ifndef DAMAGE_H
+#define DAMAGE_H
+
+#include <cstdint>
+#include <string>
+
+struct damage_t {
+  int code = 0;        /* ZELK_..., 0 for none */
+  int64_t offset = -1; /* of what is damaged in a stack, -1 where there is no such place */
+  std::string reason;  /* in English, also where the user reads another language: programs read it */
+  bool operator==(const damage_t&) const = default;
+};
+
+/* What a failure of opening, or of an Error ID, means. */
+damage_t damage_of(int code);
+
+/* The same for the user. */
+std::string reason_of(int code);
+
+/* Damage in one line, behind the name of a stack. */
+std::string damage_text(const damage_t& damage);
+
+/* Exit status of zkview for such a code. */
+int status_of(int code);
+
+/* The worse of two such statuses: damage, then a lock that cannot be had, then a stack that is missing. */
+int worst_status(int one, int other);
+
+#endif

@@ -1,0 +1,65 @@
+/* SPDX-License-Identifier: MIT */
+/* export.h - what zkexport is asked for, the formats in which it answers, and what they share. */
+#ifndef EXPORT_H
+#define EXPORT_H
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "stack_reader.h"
+#include "zk_trace.h"
+
+inline constexpr char EXPORT_NAME[] = "zkexport";
+
+struct export_request_t;
+
+/* A format, by its name on the command line. `give` gives out what the request asks for and returns the exit status. */
+struct format_t {
+  const char* name;
+  int (*give)(const zk_trace_t& trace, const export_request_t& request);
+  bool can_follow; /* and begin at a cursor */
+  bool takes_input;
+};
+
+/* The command line. */
+struct export_request_t {
+  const format_t* format;
+  std::vector<std::string> stacks;
+  std::string id; /* of the one incident that is wanted, empty for all */
+  bool is_every;  /* all stacks of this node */
+  bool is_input;  /* incidents come from standard input */
+  bool is_follow;
+  std::string cursor_file; /* empty for none */
+};
+
+/* All formats; the first is the one that is given unless another is asked for. */
+std::span<const format_t> formats();
+
+/* The format of that name, null for none. */
+const format_t* find_format(std::string_view name);
+
+/* How the formats are given. */
+int give_json(const zk_trace_t& trace, const export_request_t& request);
+int give_dot(const zk_trace_t& trace, const export_request_t& request);
+int give_html(const zk_trace_t& trace, const export_request_t& request);
+
+/* Gives lines of JSON as incidents are recorded, until SIGTERM or SIGINT. Returns the exit status. */
+int follow_json(const zk_trace_t& trace, const export_request_t& request);
+
+/* The names of the stacks that are asked for. Returns the exit status, not 0 when they cannot be had, which has been
+ * said. */
+int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, std::vector<std::string>* names);
+
+/* Ends the reading of a stack, and says so where the one incident that was asked for is no longer there. Returns what is
+ * wrong with the stack. */
+damage_t end_reading(stack_reader_t* reader);
+
+/* Writes on standard output, at once. Returns false when that fails, which has been said. */
+bool write_out(std::string_view text);
+
+/* Says in one line on standard error what is wrong with `what`. Returns STATUS_FAILED. */
+int complain(std::string_view what, std::string_view reason);
+
+#endif

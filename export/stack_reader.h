@@ -1,0 +1,43 @@
+/* SPDX-License-Identifier: MIT */
+/* stack_reader.h - which stacks are exported, and the loop over the incidents of one. */
+#ifndef STACK_READER_H
+#define STACK_READER_H
+
+#include <string>
+#include <vector>
+
+#include "damage.h"
+#include "incident.h"
+#include "zk_trace.h"
+#include "zk_walk.h"
+
+/* The names of the stacks of this node, in order. Returns 0; ZELK_DIR_MISSING; ZELK_DIR_NO_ACCESS; ZELK_FAILURE. */
+int list_stacks(std::vector<std::string>* names);
+
+/* Finds the stack of this node that holds the Error ID `id`. Returns 0 and the codes of zk_open_stack_with_fid. */
+int find_stack(const zk_trace_t& trace, const std::string& id, std::string* name);
+
+/* The reading of a stack, which is locked from its beginning to its end. */
+struct stack_reader_t {
+  zk_walk_t walk;
+  std::string name;
+  std::string id; /* of the one incident that is wanted, empty for all */
+  int fildes;     /* of a stack that was opened by its name, else -1 */
+  bool is_walking;
+  bool is_at_record; /* the walk's */
+  bool is_any_read;  /* of the incidents that are wanted */
+  damage_t damage;   /* what ended the reading too early */
+};
+
+/* Begin to read the stack `name`, from the open file `fildes` or from the one that has the name. They wait for its lock.
+ * `id` as in stack_reader_t. end_stack has to follow. */
+void begin_open_stack(stack_reader_t* reader, const zk_trace_t& trace, int fildes, const std::string& name);
+void begin_stack(stack_reader_t* reader, const zk_trace_t& trace, const std::string& name, const std::string& id);
+
+/* Reads the next incident. Returns false at the end, and where damage ends the reading. */
+bool next_incident(stack_reader_t* reader, incident_t* incident);
+
+/* Unlocks the stack. Returns what is wrong with it. */
+damage_t end_stack(stack_reader_t* reader);
+
+#endif
