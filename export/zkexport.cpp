@@ -13,43 +13,8 @@ static std::string format_names() {
   return names + "}";
 }
 
-enum { INPUT = 256 }; /* the number of the option that has no letter */
-
-static command_line_t command_line() {
-  return {.command = EXPORT_NAME,
-          .about = TOOL_MSG_EXPORT_ABOUT,
-          .operands = {{"STACK", false, true, TOOL_MSG_EXPORT_STACK}},
-          .options = {{'o', "format", value_t::ANY, "FORMAT:" + format_names(), TOOL_MSG_EXPORT_FORMAT},
-                      {'i', "id", value_t::NOT_EMPTY, "ID", TOOL_MSG_EXPORT_ID},
-                      {'e', "every", value_t::NONE, "", TOOL_MSG_EXPORT_EVERY},
-                      {INPUT, "input", value_t::NONE, "", TOOL_MSG_EXPORT_INPUT},
-                      {'f', "follow", value_t::NONE, "", TOOL_MSG_EXPORT_FOLLOW},
-                      {'c', "cursor-file", value_t::NOT_EMPTY, "FILE", TOOL_MSG_EXPORT_CURSOR_FILE}},
-          .ends_at_operand = false};
-}
-
-/* Puts an option into the request. Returns what is wrong with its value, or the empty text. */
-static std::string set_option(const parser_t& parser, export_request_t* request) {
-  switch (parser.option->id) {
-    case 'o':
-      request->format = find_format(parser.value);
-      return request->format != nullptr ? "" : message_text(TOOL_MSG_NOT_A_FORMAT, {parser.value, format_names()});
-    case 'i':
-      request->id = parser.value.substr(0, ZELK_EID_LENGTH); /* as zkview takes it */
-      return "";
-    case 'e':
-      request->is_every = true;
-      return "";
-    case INPUT:
-      request->is_input = true;
-      return "";
-    case 'f':
-      request->is_follow = true;
-      return "";
-    default:
-      request->cursor_file = parser.value;
-      return "";
-  }
+static std::string format_mistake(const std::string& name) {
+  return find_format(name) != nullptr ? "" : message_text(TOOL_MSG_NOT_A_FORMAT, {name, format_names()});
 }
 
 /* What does not go together, an empty text when all does. */
@@ -74,15 +39,24 @@ static std::string combination_mistake(const export_request_t& request) {
 
 /* Parses the command line. Returns the exit status where that ends the run. */
 static std::optional<int> parse_command_line(int argc, char** argv, export_request_t* request) {
-  const command_line_t line = command_line();
-  parser_t parser = start_options(line, argc, argv);
-  request->format = &formats().front();
-  while (next_option(&parser)) refuse_value(&parser, set_option(parser, request));
-  request->stacks = parser.operands;
-  if (std::optional<int> status = end_options(parser)) return status;
+  std::string format = formats().front().name;
+  const command_line_t line = {
+      EXPORT_NAME,
+      TOOL_MSG_EXPORT_ABOUT,
+      {{"STACK", false, true, TOOL_MSG_EXPORT_STACK}},
+      false,
+      {text_option('o', "format", "FORMAT:" + format_names(), TOOL_MSG_EXPORT_FORMAT, &format, format_mistake),
+       text_option('i', "id", "ID", TOOL_MSG_EXPORT_ID, &request->id, empty_mistake),
+       flag_option('e', "every", TOOL_MSG_EXPORT_EVERY, &request->is_every),
+       flag_option('\0', "input", TOOL_MSG_EXPORT_INPUT, &request->is_input),
+       flag_option('f', "follow", TOOL_MSG_EXPORT_FOLLOW, &request->is_follow),
+       text_option('c', "cursor-file", "FILE", TOOL_MSG_EXPORT_CURSOR_FILE, &request->cursor_file, empty_mistake)}};
+  if (std::optional<int> status = parse_options(line, argc, argv, &request->stacks)) return status;
 
+  request->format = find_format(format);
+  request->id = request->id.substr(0, ZELK_EID_LENGTH); /* as zkview takes it */
   for (const std::string& name : request->stacks)
-    if (name.empty()) return report_misuse(EXPORT_NAME, "STACK: " + message_text(TOOL_MSG_EMPTY));
+    if (name.empty()) return report_misuse(EXPORT_NAME, "STACK: " + empty_mistake(name));
   const std::string mistake = combination_mistake(*request);
   if (!mistake.empty()) return report_misuse(EXPORT_NAME, mistake);
   return {};

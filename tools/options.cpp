@@ -2,44 +2,67 @@
 /* options.cpp - parses command lines by getopt_long, and shows their help. */
 #include "options.h"
 
+#include <getopt.h>
+
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
 
 #include "command.h"
 
-/* Numbers of what every command has, and of what getopt_long gives operands. */
-enum { HELP = 'h', VERSION = 1000, OPERAND = 1 };
+/* ---- The table ----------------------------------------------------------------------------------------------------- */
+
+option_t flag_option(char letter, const char* name, tool_message_t meaning, bool* flag) {
+  return {letter, name, "", nullptr, meaning, flag, nullptr, nullptr, nullptr, 0, 0};
+}
+
+option_t text_option(char letter, const char* name, const std::string& value, tool_message_t meaning, std::string* text,
+                     option_check_t check) {
+  return {letter, name, value, nullptr, meaning, nullptr, text, check, nullptr, 0, 0};
+}
+
+option_t number_option(char letter, const char* name, const std::string& value, tool_message_t meaning, int32_t* number,
+                       int32_t low, int32_t high, const char* default_value) {
+  return {letter, name, value, default_value, meaning, nullptr, nullptr, nullptr, number, low, high};
+}
+
+std::string empty_mistake(const std::string& value) {
+  return value.empty() ? message_text(TOOL_MSG_EMPTY) : "";
+}
+
+bool parse_number(const std::string& text, int32_t low, int32_t high, int32_t* number) {
+  const char* const behind = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data(), behind, *number);
+  const bool is_padded = text.size() > 1 && text[0] == '0'; /* "010" is 8 to some */
+  return error == std::errc{} && end == behind && !is_padded && *number >= low && *number <= high;
+}
 
 /* ---- Parsing ------------------------------------------------------------------------------------------------------- */
 
-static int argument_of(value_t takes) {
-  if (takes == value_t::NONE) return no_argument;
-  return takes == value_t::OPTIONAL ? optional_argument : required_argument;
+/* What getopt_long returns: the place of an option in the table from FIRST on, or one of these. */
+enum { OPERAND = 1, HELP = 'h', VERSION = 256, FIRST };
+
+/* What has been found on a command line. */
+struct found_t {
+  bool asks_help, asks_version;
+  std::string unexpected; /* the first argument that is no option, empty for none */
+  std::string mistake;    /* what is wrong with an option, empty for nothing */
+};
+
+static int argument_of(const option_t& option) {
+  if (option.value.empty()) return no_argument;
+  return option.default_value != nullptr ? optional_argument : required_argument;
 }
 
-/* The options as getopt_long takes them: letters, and long names. */
-static std::string letters_of(const command_line_t& line) {
-  std::string letters = line.ends_at_operand ? "+:h" : "-:h"; /* the same whatever POSIXLY_CORRECT says */
-  for (const option_t& option : line.options)
-    if (option.id <= UINT8_MAX)
-      letters += static_cast<char>(option.id) + std::string("::", static_cast<size_t>(argument_of(option.takes)));
-  return letters;
-}
-static std::vector<option> names_of(const command_line_t& line) {
-  std::vector<option> names = {{"help", no_argument, nullptr, HELP}, {"version", no_argument, nullptr, VERSION}};
-  for (const option_t& each : line.options) names.push_back({each.name, argument_of(each.takes), nullptr, each.id});
-  names.push_back({});
-  return names;
-}
-
+/* The option that getopt_long says, null for none of the table. */
 static const option_t* option_of(const command_line_t& line, int id) {
   for (const option_t& option : line.options)
-    if (option.id == id) return &option;
+    if (id == option.letter || id == FIRST + (&option - line.options.data())) return &option;
   return nullptr;
 }
 
-/* The long name of an option by its number, null where there is none. */
+/* Its long name, null for none. */
 static const char* name_of(const command_line_t& line, int id) {
   if (id == HELP) return "help";
   if (id == VERSION) return "version";
@@ -47,84 +70,82 @@ static const char* name_of(const command_line_t& line, int id) {
   return option != nullptr ? option->name : nullptr;
 }
 
-parser_t start_options(const command_line_t& line, int argc, char** argv) {
-  opterr = 0; /* what is wrong is said in the user's language */
-  optind = 0; /* from the start, also where another line was parsed before */
-  return {.line = &line,
-          .letters = letters_of(line),
-          .names = names_of(line),
-          .argc = argc,
-          .argv = argv,
-          .option = nullptr,
-          .value = "",
-          .has_value = false,
-          .operands = {},
-          .unexpected = "",
-          .mistake = "",
-          .asks_help = false,
-          .asks_version = false};
+/* Puts the value where the option wants it. Returns what is wrong with it, or the empty text. */
+static std::string set_option(const option_t& option, const char* given) {
+  if (option.flag != nullptr) *option.flag = true;
+  if (option.text != nullptr) {
+    *option.text = given;
+    return option.check != nullptr ? option.check(given) : "";
+  }
+  if (option.number == nullptr) return "";
+  const std::string value = given != nullptr ? given : option.default_value;
+  if (parse_number(value, option.low, option.high, option.number)) return "";
+  return message_text(TOOL_MSG_NOT_A_NUMBER, {value, std::to_string(option.low), std::to_string(option.high)});
 }
 
-static void note_unexpected(parser_t* parser, const std::string& argument) {
-  if (parser->unexpected.empty()) parser->unexpected = argument;
+/* Notes an argument that is no option. */
+static void note_unexpected(const std::string& argument, found_t* found) {
+  if (found->unexpected.empty()) found->unexpected = argument;
 }
 
-/* Notes an argument that cannot be parsed as an option. `found` is what getopt_long said of it. */
-static void note_mistake(parser_t* parser, int found, const char* argument) {
-  const char* const name = name_of(*parser->line, optopt);
+/* Notes what getopt_long refuses: `refused` is ':' for a missing value, '?' for a value that is not taken, or no option. */
+static void note_refusal(const command_line_t& line, int refused, const char* argument, found_t* found) {
+  const char* const name = name_of(line, optopt);
   const bool is_long = std::strncmp(argument, "--", 2) == 0;
-  if (found == ':')
-    parser->mistake =
-        message_text(TOOL_MSG_VALUE_MISSING, {std::string("--") + name, option_of(*parser->line, optopt)->value});
+  if (refused == ':')
+    found->mistake = message_text(TOOL_MSG_VALUE_MISSING, {std::string("--") + name, option_of(line, optopt)->value});
   else if (is_long && name != nullptr)
-    parser->mistake = message_text(TOOL_MSG_VALUE_NOT_TAKEN, {name});
+    found->mistake = message_text(TOOL_MSG_VALUE_NOT_TAKEN, {name});
   else
-    note_unexpected(parser, is_long ? argument : std::string("-") + static_cast<char>(optopt));
+    note_unexpected(is_long ? argument : std::string("-") + static_cast<char>(optopt), found);
 }
 
-/* Whether a long option was written in full. Part of a name would mean something else once there are more names. */
+/* Whether a long option is written in full. A part of its name would mean something else once there are more names. */
 static bool is_written_in_full(const char* argument, const char* name) {
-  const std::string_view written(argument, std::strcspn(argument, "="));
-  return written == std::string("--") + name;
+  return std::string_view(argument, std::strcspn(argument, "=")) == std::string("--") + name;
 }
 
-bool next_option(parser_t* parser) {
-  const command_line_t& line = *parser->line;
-  while (parser->mistake.empty()) {
-    int index = -1; /* of a long option in the names */
-    const int found = getopt_long(parser->argc, parser->argv, parser->letters.c_str(), parser->names.data(), &index);
-    if (found == -1) break;
-    if (found == OPERAND) {
-      parser->operands.emplace_back(optarg);
+static found_t find_options(const command_line_t& line, int argc, char** argv, std::vector<std::string>* operands) {
+  std::string letters = line.ends_at_operand ? "+:h" : "-:h"; /* the same whatever POSIXLY_CORRECT says */
+  std::vector<option> names = {{"help", no_argument, nullptr, HELP}, {"version", no_argument, nullptr, VERSION}};
+  for (const option_t& each : line.options) {
+    const int argument = argument_of(each);
+    if (each.letter != '\0') letters += each.letter + std::string(static_cast<size_t>(argument), ':');
+    names.push_back({each.name, argument, nullptr, FIRST + static_cast<int>(&each - line.options.data())});
+  }
+  names.push_back({});
+
+  found_t found = {};
+  opterr = 0; /* what is wrong is said in the user's language */
+  while (found.mistake.empty()) {
+    int index = -1; /* of a long option in `names` */
+    const int got = getopt_long(argc, argv, letters.c_str(), names.data(), &index);
+    if (got == -1) break;
+    if (got == OPERAND) {
+      operands->emplace_back(optarg);
       continue;
     }
-    const bool is_value_apart = index >= 0 && optarg != nullptr && optarg == parser->argv[optind - 1];
-    const char* const argument = parser->argv[optind - (is_value_apart ? 2 : 1)];
-    const int id = found == '?' || found == ':' ? optopt : found;
-    const char* const name = name_of(line, id);
-    const bool is_long = index >= 0 || (found != id && std::strncmp(argument, "--", 2) == 0);
+    const bool is_value_apart = index >= 0 && optarg != nullptr && optarg == argv[optind - 1];
+    const char* const argument = argv[optind - (is_value_apart ? 2 : 1)];
+    const bool is_refused = got == '?' || got == ':';
+    const char* const name = name_of(line, is_refused ? optopt : got);
+    const bool is_long = index >= 0 || (is_refused && std::strncmp(argument, "--", 2) == 0);
     if (is_long && name != nullptr && !is_written_in_full(argument, name)) {
-      note_unexpected(parser, argument);
-    } else if (found == '?' || found == ':') {
-      note_mistake(parser, found, argument);
-    } else if (found == HELP) {
-      parser->asks_help = true;
-    } else if (found == VERSION) {
-      parser->asks_version = true;
+      note_unexpected(argument, &found);
+    } else if (is_refused) {
+      note_refusal(line, got, argument, &found);
+    } else if (got == HELP || got == VERSION) {
+      (got == HELP ? found.asks_help : found.asks_version) = true;
     } else {
-      parser->option = option_of(line, found);
-      parser->has_value = optarg != nullptr;
-      parser->value = optarg != nullptr ? optarg : "";
-      if (parser->option->takes != value_t::NOT_EMPTY || !parser->value.empty()) return true;
-      refuse_value(parser, message_text(TOOL_MSG_EMPTY));
+      const bool is_attached = index < 0 && optarg != nullptr && *optarg == '='; /* "-C=SIZE" */
+      const option_t* const option = option_of(line, got);
+      const std::string mistake =
+          set_option(*option, optarg + (is_attached && option->default_value != nullptr ? 1 : 0));
+      if (!mistake.empty()) found.mistake = std::string("--") + option->name + ": " + mistake;
     }
   }
-  parser->operands.insert(parser->operands.end(), parser->argv + optind, parser->argv + parser->argc);
-  return false;
-}
-
-void refuse_value(parser_t* parser, const std::string& reason) {
-  if (!reason.empty()) parser->mistake = std::string("--") + parser->option->name + ": " + reason;
+  operands->insert(operands->end(), argv + optind, argv + argc);
+  return found;
 }
 
 /* ---- Help ---------------------------------------------------------------------------------------------------------- */
@@ -140,9 +161,9 @@ static void print_row(const std::string& left, const std::string& meaning) {
 
 static void print_option(const option_t& option) {
   std::string left = "  ";
-  if (option.id <= UINT8_MAX) left += {'-', static_cast<char>(option.id), ','};
+  if (option.letter != '\0') left += {'-', option.letter, ','};
   left += std::string("--") + option.name;
-  if (option.takes != value_t::NONE) left += " " + option.value;
+  if (!option.value.empty()) left += " " + option.value;
   print_row(left, message_text(option.meaning, {ZELK_STACK_DIR}));
 }
 
@@ -160,35 +181,28 @@ static void print_help(const command_line_t& line) {
   }
   std::printf("\n%s:\n", message_text(TOOL_MSG_HELP_OPTIONS).c_str());
   for (const option_t& option : line.options) print_option(option);
-  print_option({HELP, "help", value_t::NONE, "", TOOL_MSG_HELP_HELP});
-  print_option({VERSION, "version", value_t::NONE, "", TOOL_MSG_HELP_VERSION});
+  print_option(flag_option('h', "help", TOOL_MSG_HELP_HELP, nullptr));
+  print_option(flag_option('\0', "version", TOOL_MSG_HELP_VERSION, nullptr));
   std::printf("\n");
 }
 
-/* ---- The end ------------------------------------------------------------------------------------------------------- */
+/* ---- The whole ----------------------------------------------------------------------------------------------------- */
 
-/* What is wrong with a command line that asks for neither help nor version; empty for nothing. */
-static std::string mistake_of(const parser_t& parser) {
-  if (!parser.unexpected.empty()) return message_text(TOOL_MSG_UNEXPECTED_ARGUMENT, {parser.unexpected});
-  size_t given = parser.operands.size();
-  for (const operand_t& operand : parser.line->operands) {
-    if (operand.is_required && given == 0) return message_text(TOOL_MSG_IS_REQUIRED, {operand.name});
-    given -= given > 0 ? 1 : 0;
-  }
-  return "";
-}
-
-std::optional<int> end_options(const parser_t& parser) {
-  const char* const command = parser.line->command;
-  if (!parser.mistake.empty()) return report_misuse(command, parser.mistake);
-  if (parser.asks_version || parser.asks_help) {
-    if (parser.asks_version)
-      std::printf("%s " ZKVIEW_VERSION "\n", command);
+std::optional<int> parse_options(const command_line_t& line, int argc, char** argv,
+                                 std::vector<std::string>* operands) {
+  const found_t found = find_options(line, argc, argv, operands);
+  if (!found.mistake.empty()) return report_misuse(line.command, found.mistake);
+  if (found.asks_version || found.asks_help) {
+    if (found.asks_version)
+      std::printf("%s " ZKVIEW_VERSION "\n", line.command);
     else
-      print_help(*parser.line);
-    return end_command(command, STATUS_DONE);
+      print_help(line);
+    return end_command(line.command, STATUS_DONE);
   }
-  const std::string mistake = mistake_of(parser);
-  if (!mistake.empty()) return report_misuse(command, mistake);
+  if (!found.unexpected.empty())
+    return report_misuse(line.command, message_text(TOOL_MSG_UNEXPECTED_ARGUMENT, {found.unexpected}));
+  for (size_t index = operands->size(); index < line.operands.size(); ++index)
+    if (line.operands[index].is_required)
+      return report_misuse(line.command, message_text(TOOL_MSG_IS_REQUIRED, {line.operands[index].name}));
   return {};
 }

@@ -3,24 +3,42 @@
 #ifndef OPTIONS_H
 #define OPTIONS_H
 
-#include <getopt.h>
-
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "message.h"
 
-/* Whether an option takes a value. */
-enum class value_t { NONE, ANY, NOT_EMPTY, OPTIONAL };
+/* Says what is wrong with the value of an option; the empty text for nothing. */
+using option_check_t = std::string (*)(const std::string& value);
 
+/* An option, and where it is put: a flag, a text or a number. Of one that is given twice the last holds. */
 struct option_t {
-  int id;           /* its letter, or a number above 255 where it has none */
-  const char* name; /* of its long form */
-  value_t takes;
-  std::string value; /* what --help calls its value */
+  char letter;               /* 0 for none */
+  const char* name;          /* of its long form */
+  std::string value;         /* what --help calls its value, empty for none */
+  const char* default_value; /* of an option that may be given without its value, else null */
   tool_message_t meaning;
+  bool* flag;
+  std::string* text;
+  option_check_t check; /* of a text; null for anything */
+  int32_t* number;
+  int32_t low, high; /* of a number */
 };
+
+/* Rows of the table. */
+option_t flag_option(char letter, const char* name, tool_message_t meaning, bool* flag);
+option_t text_option(char letter, const char* name, const std::string& value, tool_message_t meaning, std::string* text,
+                     option_check_t check = nullptr);
+option_t number_option(char letter, const char* name, const std::string& value, tool_message_t meaning, int32_t* number,
+                       int32_t low, int32_t high, const char* default_value = nullptr);
+
+/* The check of a text that may not be empty. */
+std::string empty_mistake(const std::string& value);
+
+/* Parses a whole number in plain decimal. */
+bool parse_number(const std::string& text, int32_t low, int32_t high, int32_t* number);
 
 /* An argument that is no option. */
 struct operand_t {
@@ -35,35 +53,12 @@ struct command_line_t {
   const char* command;
   tool_message_t about;
   std::vector<operand_t> operands;
-  std::vector<option_t> options;
   bool ends_at_operand; /* what follows the first operand is no option */
+  std::vector<option_t> options;
 };
 
-/* The parsing of a command line: next_option for each option, then end_options. */
-struct parser_t {
-  const command_line_t* line;
-  std::string letters;              /* the table as getopt_long takes it, */
-  std::vector<struct option> names; /* with --help and --version */
-  int argc;
-  char** argv;
-  const option_t* option;            /* the one that was parsed last */
-  std::string value;                 /* of it, empty where it has none */
-  bool has_value;                    /* an optional value was given */
-  std::vector<std::string> operands; /* in their order */
-  std::string unexpected;            /* the first argument that is no option, empty for none */
-  std::string mistake;               /* what is wrong with an option, empty for nothing */
-  bool asks_help, asks_version;
-};
-
-parser_t start_options(const command_line_t& line, int argc, char** argv);
-
-/* Parses up to the next option of the table. Returns false at the end, and where a mistake ends the parsing. */
-bool next_option(parser_t* parser);
-
-/* Says what is wrong with the value of the last option, which ends the parsing; nothing where `reason` is empty. */
-void refuse_value(parser_t* parser, const std::string& reason);
-
-/* Returns the exit status where the command line ends the run: after --help, --version, and misuse, which is reported. */
-std::optional<int> end_options(const parser_t& parser);
+/* Parses a command line. Returns the exit status where it ends the run: after --help, --version, and misuse, which is
+ * reported. */
+std::optional<int> parse_options(const command_line_t& line, int argc, char** argv, std::vector<std::string>* operands);
 
 #endif

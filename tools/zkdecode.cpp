@@ -209,15 +209,12 @@ static int show_all(const command_trace_t& trace, const decode_request_t& reques
 
 /* Parses the command line. Returns the exit status where that ends the run. */
 static std::optional<int> parse_command_line(int argc, char** argv, decode_request_t* request) {
-  const command_line_t line = {.command = NAME,
-                               .about = TOOL_MSG_DECODE_ABOUT,
-                               .operands = {{"ID", true, true, TOOL_MSG_DECODE_ID}},
-                               .options = {{'j', "json", value_t::NONE, "", TOOL_MSG_DECODE_JSON}},
-                               .ends_at_operand = false};
-  parser_t parser = start_options(line, argc, argv);
-  while (next_option(&parser)) request->is_json = true;
-  request->ids = parser.operands;
-  return end_options(parser);
+  const command_line_t line = {NAME,
+                               TOOL_MSG_DECODE_ABOUT,
+                               {{"ID", true, true, TOOL_MSG_DECODE_ID}},
+                               false,
+                               {flag_option('j', "json", TOOL_MSG_DECODE_JSON, &request->is_json)}};
+  return parse_options(line, argc, argv, &request->ids);
 }
 
 int main(int argc, char** argv) {

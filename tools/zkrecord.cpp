@@ -3,8 +3,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -26,7 +24,7 @@ struct request_t {
   std::string stack, format;
   std::vector<std::string> operands; /* of the format */
   description_t description;
-  std::string cause, details, dump, process, file, version, product, catalog;
+  std::string cause, details, dump, process, file, version, product, message, catalog;
   int32_t process_id, line, message_set, message_number;
   int32_t new_size; /* of a stack that may be made */
   bool is_quiet;
@@ -39,25 +37,12 @@ static int fail(const std::string& what, const std::string& reason) {
 
 /* ---- The command line -------------------------------------------------------------------------------------------- */
 
-/* Parses a whole number in plain decimal. */
-static bool parse_number(std::string_view text, int32_t low, int32_t high, int32_t* number) {
-  const char* const behind = text.data() + text.size();
-  const auto [end, error] = std::from_chars(text.data(), behind, *number);
-  const bool is_padded = text.size() > 1 && text[0] == '0'; /* "010" is 8 to some */
-  return error == std::errc{} && end == behind && !is_padded && *number >= low && *number <= high;
-}
-
-/* The same for an option. Returns what is wrong, or the empty text. */
-static std::string number_mistake(const std::string& text, int32_t low, int32_t high, int32_t* number) {
-  if (parse_number(text, low, high, number)) return "";
-  return message_text(TOOL_MSG_NOT_A_NUMBER, {text, std::to_string(low), std::to_string(high)});
-}
-
 /* Parses CATALOG:SET:NUMBER. */
-static bool parse_message(std::string_view all, request_t* request) {
+static bool parse_message(request_t* request) {
+  const std::string& all = request->message;
   const size_t second = all.rfind(':');
-  const size_t first = second != all.npos && second > 0 ? all.rfind(':', second - 1) : all.npos;
-  if (first == all.npos || first == 0) return false;
+  const size_t first = second != std::string::npos && second > 0 ? all.rfind(':', second - 1) : std::string::npos;
+  if (first == std::string::npos || first == 0) return false;
   request->catalog = all.substr(0, first);
   return parse_number(all.substr(first + 1, second - first - 1), 1, INT32_MAX, &request->message_set) &&
          parse_number(all.substr(second + 1), 1, INT32_MAX, &request->message_number);
@@ -81,82 +66,42 @@ static bool is_eid(const std::string& text) {
          zk_conv_base_64_selector(0, nullptr, parts.entry, &facility, &priority) == ZELK_SUCCESS;
 }
 
-/* Numbers of the options that have no letter. */
-enum { PID = 256, SOURCE_FILE, LINE, FILE_VERSION, PRODUCT };
-
-static const command_line_t COMMAND_LINE = {
-    .command = NAME,
-    .about = TOOL_MSG_RECORD_ABOUT,
-    .operands = {{"STACK", true, false, TOOL_MSG_RECORD_STACK},
-                 {"FORMAT", true, false, TOOL_MSG_RECORD_FORMAT},
-                 {"ARGUMENT", false, true, TOOL_MSG_RECORD_ARGUMENT}},
-    .options = {{'c', "cause", value_t::ANY, "ID", TOOL_MSG_RECORD_CAUSE},
-                {'d', "details", value_t::ANY, "TEXT", TOOL_MSG_RECORD_DETAILS},
-                {'D', "dump", value_t::NOT_EMPTY, "FILE", TOOL_MSG_RECORD_DUMP},
-                {'p', "process", value_t::NOT_EMPTY, "NAME", TOOL_MSG_RECORD_PROCESS},
-                {PID, "pid", value_t::ANY, "N", TOOL_MSG_RECORD_PID},
-                {SOURCE_FILE, "file", value_t::ANY, "NAME", TOOL_MSG_RECORD_FILE},
-                {LINE, "line", value_t::ANY, "N", TOOL_MSG_RECORD_LINE},
-                {FILE_VERSION, "file-version", value_t::ANY, "TEXT", TOOL_MSG_RECORD_FILE_VERSION},
-                {PRODUCT, "product", value_t::ANY, "TEXT", TOOL_MSG_RECORD_PRODUCT},
-                {'m', "message", value_t::NOT_EMPTY, "CATALOG:SET:NUMBER", TOOL_MSG_RECORD_MESSAGE},
-                {'C', "create", value_t::OPTIONAL, "[=SIZE]", TOOL_MSG_RECORD_CREATE},
-                {'q', "quiet", value_t::NONE, "", TOOL_MSG_RECORD_QUIET}},
-    .ends_at_operand = true};
-
-/* Puts an option into the request. Returns what is wrong with its value, or the empty text. */
-static std::string set_option(const parser_t& parser, request_t* request) {
-  const std::string& value = parser.value;
-  switch (parser.option->id) {
-    case 'c':
-      request->cause = value;
-      return is_eid(value) ? "" : message_text(TOOL_MSG_NOT_AN_EID, {value});
-    case 'd':
-      request->details = value;
-      return "";
-    case 'D':
-      request->dump = value;
-      return "";
-    case 'p':
-      request->process = value;
-      return "";
-    case PID:
-      return number_mistake(value, 1, INT32_MAX, &request->process_id);
-    case SOURCE_FILE:
-      request->file = value;
-      return "";
-    case LINE:
-      return number_mistake(value, 0, INT32_MAX, &request->line);
-    case FILE_VERSION:
-      request->version = value;
-      return "";
-    case PRODUCT:
-      request->product = value;
-      return "";
-    case 'm':
-      return parse_message(value, request) ? "" : message_text(TOOL_MSG_NOT_A_MESSAGE, {value});
-    case 'C': {
-      const size_t start = value.starts_with('=') ? 1 : 0; /* of "-C=SIZE" */
-      const std::string size = parser.has_value ? value.substr(start) : DEFAULT_SIZE;
-      return number_mistake(size, ZK_STACK_SIZE_MIN, ZK_STACK_SIZE_MAX, &request->new_size);
-    }
-    default:
-      request->is_quiet = true;
-      return "";
-  }
+static std::string eid_mistake(const std::string& text) {
+  return is_eid(text) ? "" : message_text(TOOL_MSG_NOT_AN_EID, {text});
 }
 
 /* Parses the command line, all of which is checked before anything is made. Returns the exit status where that ends the
  * run. */
 static std::optional<int> parse_command_line(int argc, char** argv, request_t* request) {
-  parser_t parser = start_options(COMMAND_LINE, argc, argv);
-  while (next_option(&parser)) refuse_value(&parser, set_option(parser, request));
-  if (std::optional<int> status = end_options(parser)) return status;
+  const command_line_t line = {
+      NAME,
+      TOOL_MSG_RECORD_ABOUT,
+      {{"STACK", true, false, TOOL_MSG_RECORD_STACK},
+       {"FORMAT", true, false, TOOL_MSG_RECORD_FORMAT},
+       {"ARGUMENT", false, true, TOOL_MSG_RECORD_ARGUMENT}},
+      true,
+      {text_option('c', "cause", "ID", TOOL_MSG_RECORD_CAUSE, &request->cause, eid_mistake),
+       text_option('d', "details", "TEXT", TOOL_MSG_RECORD_DETAILS, &request->details),
+       text_option('D', "dump", "FILE", TOOL_MSG_RECORD_DUMP, &request->dump, empty_mistake),
+       text_option('p', "process", "NAME", TOOL_MSG_RECORD_PROCESS, &request->process, empty_mistake),
+       number_option('\0', "pid", "N", TOOL_MSG_RECORD_PID, &request->process_id, 1, INT32_MAX),
+       text_option('\0', "file", "NAME", TOOL_MSG_RECORD_FILE, &request->file),
+       number_option('\0', "line", "N", TOOL_MSG_RECORD_LINE, &request->line, 0, INT32_MAX),
+       text_option('\0', "file-version", "TEXT", TOOL_MSG_RECORD_FILE_VERSION, &request->version),
+       text_option('\0', "product", "TEXT", TOOL_MSG_RECORD_PRODUCT, &request->product),
+       text_option('m', "message", "CATALOG:SET:NUMBER", TOOL_MSG_RECORD_MESSAGE, &request->message, empty_mistake),
+       number_option('C', "create", "[=SIZE]", TOOL_MSG_RECORD_CREATE, &request->new_size, ZK_STACK_SIZE_MIN,
+                     ZK_STACK_SIZE_MAX, DEFAULT_SIZE),
+       flag_option('q', "quiet", TOOL_MSG_RECORD_QUIET, &request->is_quiet)}};
+  std::vector<std::string> operands;
+  if (std::optional<int> status = parse_options(line, argc, argv, &operands)) return status;
 
-  request->stack = parser.operands[0];
-  request->format = parser.operands[1];
-  request->operands.assign(parser.operands.begin() + 2, parser.operands.end());
-  if (request->stack.empty()) return report_misuse(NAME, "STACK: " + message_text(TOOL_MSG_EMPTY));
+  request->stack = operands[0];
+  request->format = operands[1];
+  request->operands.assign(operands.begin() + 2, operands.end());
+  if (request->stack.empty()) return report_misuse(NAME, "STACK: " + empty_mistake(request->stack));
+  if (!request->message.empty() && !parse_message(request))
+    return report_misuse(NAME, "--message: " + message_text(TOOL_MSG_NOT_A_MESSAGE, {request->message}));
   const std::string mistake = parse_description(request->format, &request->operands, &request->description);
   if (!mistake.empty()) return report_misuse(NAME, "FORMAT: " + mistake);
   return {};
