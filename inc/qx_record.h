@@ -67,12 +67,14 @@ int zk_open_recorder(int debug_active, const char* debug_file, const char* stack
 
 /* Records an incident, now, and stores its new Error ID, of version 2, in `eid`: no two of a node are equal, and records
  * stand in the order of their times. The node address in it is the value of ZELKADDR when that is one, else the node's
- * own as it was when the recorder was opened. A record's body is at most 1024 bytes: details that do not fit are cut, at
- * a whole UTF-8 character, and end in "..."; where not even that fits, they are empty. `eid` may be where
- * the associated Error ID stands.
+ * own as it was when the recorder was opened. A record's body is at most 1024 bytes. Details that do not fit are cut and
+ * end in "..."; where not even that fits, they are empty, and the longest text argument, of equal ones the last, is cut in
+ * the same way, but to no less than "...", then the longest of the others, until the rest fits. Texts are cut at whole UTF-8
+ * characters, whatever else they hold. `eid` may be where the associated Error ID stands.
  * Returns 0; ZELK_INV_PARAM3 null recorder; ZELK_INV_PARAM4 null incident, or arguments that are null while counted, of
  * a kind other than CU_ERROR_ARG_..., or null texts; ZELK_INV_PARAM5 null `eid`; ZELK_INV_FID an associated Error ID that
- * is neither empty nor 42 characters; ZELK_INV_RECLEN too long even without details; ZELK_LOCK; ZELK_FILE_CORRUPT the
+ * is neither empty nor 42 characters; ZELK_INV_RECLEN names, default message and the
+ * arguments that are no texts are too long by themselves; ZELK_LOCK; ZELK_FILE_CORRUPT the
  * stack is damaged, and left alone; ZELK_NO_SPACE, ZELK_FAILURE it cannot be read or written. After a failure `eid` is
  * the empty text.
  * Reads the environment: no other thread may change it meanwhile. */

@@ -104,7 +104,7 @@ static bool write_at(zk_recorder_t* recorder, int32_t position, const void* byte
 }
 
 static bool write_header(zk_recorder_t* recorder) {
-  const zk_estack_v1_header_t header = recorder->state.walk.header;
+  const zk_estack_v1_header_t& header = recorder->state.walk.header;
   return write_at(recorder, ZK_STACK_HEADER_POS, &header, sizeof header);
 }
 

@@ -17,8 +17,10 @@ struct zk_record_image_t {
 };
 
 /* Makes the record of an incident, whose fields have been checked, without its Error ID and time. `body_max` is the
- * longest body that the stack can take; every view takes ZK_REC_LISTED_MAX. Details are cut so that it fits.
- * Returns 0; ZELK_INV_RECLEN when it does not fit even without details. */
+ * longest body that the stack can take; every view takes ZK_REC_LISTED_MAX. So that it fits, details are cut and, where that
+ * is not enough, the longest text argument, of equal ones the last, as far as it takes, then the longest of the others: each
+ * at a whole UTF-8 character, with "..." at its end.
+ * Returns 0; ZELK_INV_RECLEN when it does not fit even so. */
 int zk_make_record_image(const zk_incident_t& incident, size_t body_max, zk_record_image_t* image);
 
 /* Enters the Error ID and the time, in seconds since the Epoch, when they are known. */

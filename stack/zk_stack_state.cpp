@@ -28,10 +28,8 @@ static bool has_two_runs(const zk_estack_v1_header_t& header) {
 }
 
 zk_damage_t zk_check_stack_header(zk_stack_state_t* state) {
-  zk_estack_v1_header_t header;
-  std::memcpy(&header, state->walk.window.data() + ZK_STACK_HEADER_POS, sizeof header);
-  zk_walk_begin_in_memory(&state->walk, header, state->size);
-  return zk_check_header_for_recorder(word_at(*state, 0), header, state->size);
+  zk_walk_begin_in_memory(&state->walk, state->size);
+  return zk_check_header_for_recorder(state->walk.stack_version, state->walk.header, state->size);
 }
 
 zk_damage_t zk_check_stack(zk_stack_state_t* state) {

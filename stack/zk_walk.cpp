@@ -84,11 +84,11 @@ int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes) {
   return result;
 }
 
-void zk_walk_begin_in_memory(zk_walk_t* walk, const zk_estack_v1_header_t& header, int32_t size) {
+void zk_walk_begin_in_memory(zk_walk_t* walk, int32_t size) {
   walk->trace = {0, nullptr, nullptr};
   walk->fildes = -1;
-  walk->stack_version = 0;
-  walk->header = header;
+  std::memcpy(&walk->stack_version, walk->window.data(), sizeof walk->stack_version);
+  std::memcpy(&walk->header, walk->window.data() + ZK_STACK_HEADER_POS, sizeof walk->header);
   walk->window_start = 0;
   walk->window_end = size;
   walk->window_is_last = true;

@@ -43,9 +43,9 @@ int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes);
  * record is left; ZELK_FILE_CORRUPT, `damage` then says where. */
 int zk_walk_next(zk_walk_t* walk);
 
-/* Begins a walk over a stack of version one whose first `size` bytes, all it has, are in the window already: untraced, with
- * `header` in place of what stands there. The lock is the caller's. */
-void zk_walk_begin_in_memory(zk_walk_t* walk, const zk_estack_v1_header_t& header, int32_t size);
+/* Begins an untraced walk over a stack whose first `size` bytes, all that it has, are in the window already. The lock is the
+ * caller's. */
+void zk_walk_begin_in_memory(zk_walk_t* walk, int32_t size);
 
 /* Whether the record that the walk is at is the newest one. */
 bool zk_walk_at_write_pos(const zk_walk_t& walk);

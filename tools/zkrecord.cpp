@@ -13,6 +13,7 @@
 #include "options.h"
 #include "qx_record.h"
 #include "zk_eid_layout.h"
+#include "zk_record.h"
 #include "zk_record_image.h"
 #include "zk_recorder.h"
 
@@ -157,18 +158,16 @@ static bool read_details(std::string* details) {
 
 /* The details with a last line that names the dump file; where all of that does not fit, they are cut before it. */
 static std::string with_dump_line(zk_incident_t incident, std::string details, const std::string& name) {
-  std::string line = "dump file  " + name;
+  const std::string line = "dump file  " + name;
   if (details.ends_with('\n')) details.pop_back();
-  zk_record_image_t image;
-  incident.details = "";
-  if (zk_make_record_image(incident, ZK_REC_LISTED_MAX, &image) != ZELK_SUCCESS) return line;
-  const size_t details_pos = image.size - 1; /* they come last */
   incident.details = details.c_str();
+  zk_record_image_t image;
+  zk_record_t fields;
   if (line.size() + 1 >= ZK_REC_LISTED_MAX ||
-      zk_make_record_image(incident, ZK_REC_LISTED_MAX - (line.size() + 1), &image) != ZELK_SUCCESS)
+      zk_make_record_image(incident, ZK_REC_LISTED_MAX - (line.size() + 1), &image) != ZELK_SUCCESS ||
+      zk_parse_record(image.bytes.data(), &fields) != ZELK_SUCCESS || *fields.details == '\0')
     return line;
-  const std::string kept = image.bytes.data() + details_pos;
-  return kept.empty() ? line : kept + "\n" + line;
+  return fields.details + ("\n" + line);
 }
 
 /* Copies the dump file. Returns the name to record: that of the copy or, where none can be made, its own. */
