@@ -16,6 +16,7 @@
 #include "qx_record.h"
 #include "zk_int.h"
 #include "zk_msg.h"
+#include "zk_trace.h"
 #include "zkfields.h"
 
 static std::string new_file(const std::string& contents) {
@@ -181,17 +182,15 @@ BENCHMARK(record_incident);
 static void record_incident_bare_calls(benchmark::State& state) {
   const std::string path = new_file(std::string(16384, ' '));
   const int fildes = open(path.c_str(), O_RDWR);
-  char stack[16384], record[240] = "";
+  char stack[16385], record[240] = "";
   struct flock whole = {};
   whole.l_whence = SEEK_SET;
-  struct stat status;
   for (off_t at = 24; auto _ : state) {
     bool is_done = getpid() > 0 && getppid() >= 0 && gettid() > 0;
     whole.l_type = F_WRLCK;
-    is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0 && fstat(fildes, &status) == 0;
-    is_done = is_done && pread(fildes, stack, sizeof stack, 0) > 0;
+    is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0 && pread(fildes, stack, sizeof stack, 0) > 0;
     is_done = is_done && pwrite(fildes, stack, 20, 4) > 0 && pwrite(fildes, record, sizeof record, at) > 0;
-    is_done = is_done && pwrite(fildes, stack, 20, 4) > 0;
+    is_done = is_done && pwrite(fildes, record, 4, at) > 0 && pwrite(fildes, stack, 20, 4) > 0;
     whole.l_type = F_UNLCK;
     is_done = is_done && fcntl(fildes, F_OFD_SETLKW, &whole) == 0;
     if (!is_done) state.SkipWithError("a call failed");

@@ -1,18 +1,18 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_recorder.cpp - records incidents.
  *
- * A reader starts at earliest_rec and stops as soon as it is at write_pos behind a record, so what the header does not
- * tell of is not seen. An incident takes up to four writes, in this order; the letters are those of zk_stack_state.cpp,
- * "x" the place of the record, and a killed recorder leaves one of these states:
+ * A view starts at earliest_rec and stops as soon as it is at write_pos behind a record, so what the header does not
+ * tell of is not shown. A search for an Error ID goes on behind write_pos, up to a length word of 0; and in a stack without
+ * records a view looks at E although it is at W. So a record gets its length last. An incident takes these writes, in this
+ * order; the letters are those of zk_stack_state.cpp, "x" the place of the record, and a killed recorder leaves one of these
+ * states:
  *
  *   before                      S=====W...E==========0     two runs
  *   1  header, earliest_rec     S=====W........E=====0     what will be overwritten is no longer shown
  *   2  (in a new lap only) a length word of 0 at W, where the lap now ends
- *   3  the record               S=====Wxxxxxx0.E=====0     not shown yet
- *   4  header, write_pos        S===========W..E=====0     shown: the incident is recorded
- *
- * In a stack without records a reader looks at E although it is at W. There the record is written without its length
- * word first, which then makes it appear. */
+ *   3  the record, length 0      S=====0xxxxx0..E=====0     and a length word of 0 behind it
+ *   4  its length               S=====Wxxxxx0..E=====0     found by a search, not shown yet
+ *   5  header, write_pos        S===========W..E=====0     shown: the incident is recorded */
 #include "zk_recorder.h"
 
 #include <fcntl.h>
@@ -61,12 +61,18 @@ static int put_off_cancellation() {
   return state;
 }
 
-/* Reads the stack from its start, under the lock. Returns 0; ZELK_FAILURE with errno set. */
-static int read_stack(int fildes, void* bytes, size_t size) {
-  const size_t count = zk_read_at(fildes, bytes, size, 0);
-  if (count < size && errno != 0) return ZELK_FAILURE;
-  std::memset(static_cast<char*>(bytes) + count, 0, size - count);
-  return ZELK_SUCCESS;
+/* Reads from the start of the file until there are `size` bytes; a byte more is asked for and counted, if there is one.
+ * Returns how many there are; errno is the error that keeps the others away, or 0. */
+static size_t read_stack(int fildes, char* bytes, size_t size) {
+  size_t count = 0;
+  errno = 0;
+  while (count < size) {
+    const ssize_t more = pread(fildes, bytes + count, size + 1 - count, static_cast<off_t>(count));
+    if (more == 0 || (more < 0 && errno != EINTR)) break;
+    if (more > 0) count += static_cast<size_t>(more);
+    errno = 0;
+  }
+  return count;
 }
 
 /* Learns the state of the locked stack, which others may have changed, and not only recorders. Returns 0;
@@ -74,11 +80,10 @@ static int read_stack(int fildes, void* bytes, size_t size) {
 static int learn_state(zk_recorder_t* recorder) {
   zk_stack_state_t* const state = &recorder->state;
   const size_t size = static_cast<size_t>(state->size);
-  std::array<char, ZK_STACK_SIZE_MAX> bytes;
-  struct stat status;
-  if (fstat(recorder->fildes, &status) != 0) return ZELK_FAILURE;
-  if (status.st_size == state->size) {
-    if (read_stack(recorder->fildes, bytes.data(), size) != ZELK_SUCCESS) return ZELK_FAILURE;
+  std::array<char, ZK_STACK_SIZE_MAX + 1> bytes;
+  const size_t count = read_stack(recorder->fildes, bytes.data(), size);
+  if (count < size && errno != 0) return ZELK_FAILURE;
+  if (count == size) {
     if (recorder->is_known && std::memcmp(bytes.data(), state->walk.window.data(), size) == 0) return ZELK_SUCCESS;
     std::memcpy(state->walk.window.data(), bytes.data(), size);
     recorder->damage = zk_check_stack(state);
@@ -112,9 +117,8 @@ static bool write_header(zk_recorder_t* recorder) {
 static bool write_record(zk_recorder_t* recorder, const zk_placement_t& place, zk_record_image_t* image) {
   static constexpr int32_t LAP_END = 0;
   zk_estack_v1_header_t& header = recorder->state.walk.header;
-  const int32_t size = static_cast<int32_t>(image->size);
-  const int32_t end = place.position + size;
-  const bool is_first = recorder->state.newest == 0;
+  const int32_t length = zk_record_length(image->bytes.data());
+  const int32_t end = place.position + ZK_REC_LENGTH_SIZE + length;
 
   if (place.earliest != header.earliest_rec) {
     header.earliest_rec = place.earliest;
@@ -124,17 +128,14 @@ static bool write_record(zk_recorder_t* recorder, const zk_placement_t& place, z
       !write_at(recorder, header.write_pos, &LAP_END, sizeof LAP_END))
     return false;
 
-  /* A length word of 0 behind the record ends what a search for an Error ID goes through. */
-  size_t whole = image->size;
+  size_t size = image->size;
+  std::memcpy(image->bytes.data(), &LAP_END, sizeof LAP_END);
   if (end != place.earliest && end <= header.file_size - ZK_REC_LENGTH_SIZE) {
-    std::memcpy(image->bytes.data() + whole, &LAP_END, sizeof LAP_END);
-    whole += sizeof LAP_END;
+    std::memcpy(image->bytes.data() + size, &LAP_END, sizeof LAP_END);
+    size += sizeof LAP_END;
   }
-  const size_t skipped = is_first ? ZK_REC_LENGTH_SIZE : 0;
-  if (!write_at(recorder, place.position + static_cast<int32_t>(skipped), image->bytes.data() + skipped,
-                whole - skipped))
-    return false;
-  if (is_first && !write_at(recorder, place.position, image->bytes.data(), skipped)) return false;
+  if (!write_at(recorder, place.position, image->bytes.data(), size)) return false;
+  if (!write_at(recorder, place.position, &length, sizeof length)) return false;
 
   header.write_pos = end;
   if (place.is_wrap) header.has_wrapped = 1;
@@ -215,9 +216,9 @@ static bool leave_standard_streams(int* fildes) {
 /* Reads the header and looks whether it is one that a recorder leaves. Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
 static int check_header(zk_recorder_t* recorder) {
   zk_stack_state_t* const state = &recorder->state;
-  if (read_stack(recorder->fildes, state->walk.window.data(), ZK_STACK_RECORDS_MIN) != ZELK_SUCCESS)
-    return ZELK_FAILURE;
-  recorder->damage = zk_check_stack_header(state);
+  const size_t count = zk_read_at(recorder->fildes, state->walk.window.data(), ZK_STACK_RECORDS_MIN, 0);
+  if (count < ZK_STACK_RECORDS_MIN && errno != 0) return ZELK_FAILURE;
+  recorder->damage = count < ZK_STACK_RECORDS_MIN ? ZK_OTHER_SIZE : zk_check_stack_header(state);
   return recorder->damage.reason == nullptr ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
 }
 

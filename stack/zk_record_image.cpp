@@ -79,13 +79,14 @@ static bool is_text(const cu_error_arg_t& argument) {
 }
 
 static kept_t keep_all(const zk_incident_t& incident) {
-  kept_t kept = {};
+  kept_t kept;
   for (uint32_t i = 0; i < incident.argument_count; ++i)
-    if (is_text(incident.arguments[i])) kept[i] = std::strlen(incident.arguments[i].cu_arg_value.cu_arg_char_str);
+    kept[i] = is_text(incident.arguments[i]) ? std::strlen(incident.arguments[i].cu_arg_value.cu_arg_char_str) : 0;
   return kept;
 }
 
-/* An argument: its kind, and a text or the 8 bytes of its value. Those that an integer leaves over are zeros. */
+/* An argument: its kind, and a text, of which `kept` bytes are recorded, or the 8 bytes of its value. Those that an integer
+ * leaves over are zeros. */
 static void put_argument(writer_t* writer, const cu_error_arg_t& argument, size_t kept) {
   put_int(writer, argument.cu_arg_type);
   if (is_text(argument)) return put_text_cut(writer, argument.cu_arg_value.cu_arg_char_str, kept);

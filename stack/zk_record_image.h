@@ -10,7 +10,7 @@
 #include "qx_record.h"
 #include "zk_layout.h"
 
-/* A record as the file will hold it, its length word included, and the length word of 0 that may follow it. */
+/* A record as the file will hold it, its length word included, and room for the length word of 0 that may follow it. */
 struct zk_record_image_t {
   size_t size = 0; /* without what follows */
   std::array<char, ZK_REC_LENGTH_SIZE + ZK_REC_LISTED_MAX + ZK_REC_LENGTH_SIZE> bytes;

@@ -1,42 +1,65 @@
 /* SPDX-License-Identifier: MIT */
 /* recorder_test.cpp - records into stacks of all kinds, with the disk refusing and the process dying at every write, and
- * looks at what the command shows of them. Stacks of others stand in golden/library/recorder.calls. */
+ * looks at what the views show of them. Single incidents stand in golden/library/recorder.calls. */
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <random>
 #include <sstream>
 #include <thread>
 
-#include "qx_record.h"
 #include "support.h"
+#include "zk_msg.h"
+#include "zk_record.h"
+#include "zk_record_image.h"
+#include "zk_recorder.h"
+#include "zk_walk.h"
 
-/* ---- What the tests share ------------------------------------------------------------------------------------------ */
+/* ---- The system as a test wants it --------------------------------------------------------------------------------- */
 
-enum fault_t { KILLED_BEFORE, KILLED_WITHIN, KILLED_AFTER, SHORT_WRITE, INPUT_OUTPUT_ERROR, NO_SPACE };
-static constexpr int KILLED = 9;
-
-/* The library's writes come through here; the one at which the count gets to 0 meets the fault. */
-static int writes_until_fault = 0;
+/* What becomes of a write: so many of its bytes get through, and then it, or the next one, fails. */
+struct fault_t {
+  int at = 0;            /* which write of the incident, from 1 on; 0 for none */
+  size_t bytes = 0;      /* those that get through; of a header, or a length word, all or none */
+  int error = 0;         /* 0: the rest gets through by another write */
+  bool for_good = false; /* no write succeeds from then on, as if the process had died */
+};
 static fault_t fault;
+static int writes = 0;
+static bool is_refused = false; /* a write has failed */
 static std::function<void()> at_write = [] {};
+static bool clock_stands = false;
 
 ssize_t pwrite(int fildes, const void* bytes, size_t size, off_t position) {
   auto pass = [&](size_t count) { return lseek(fildes, position, SEEK_SET) == -1 ? -1 : write(fildes, bytes, count); };
-  const bool is_one_piece = position < 24 || size == 4; /* the header; a length word */
   at_write();
-  if (--writes_until_fault != 0) return pass(size);
-  if (fault == SHORT_WRITE) return pass(size / 2);
-  if ((fault == KILLED_WITHIN || fault == NO_SPACE) && !is_one_piece) pass(size / 2);
-  if (fault == KILLED_AFTER) pass(size);
-  if (fault <= KILLED_AFTER) _exit(KILLED);
-  errno = fault == NO_SPACE ? ENOSPC : EIO;
+  ++writes;
+  if (fault.at == 0 || writes < fault.at) return pass(size);
+  const bool is_one_piece = position < 24 || size == 4;
+  const size_t count = is_one_piece && fault.bytes < size ? 0 : std::min(fault.bytes, size);
+  if (writes == fault.at && count > 0) return pass(count);
+  if (fault.error == 0 || (!fault.for_good && writes > fault.at + 1)) return pass(size);
+  errno = fault.error;
+  is_refused = true;
   return -1;
 }
+
+extern "C" int gettimeofday(timeval* time, void*) noexcept {
+  timespec now = {1800000000, 0};
+  if (!clock_stands) clock_gettime(CLOCK_REALTIME, &now);
+  *time = {now.tv_sec, now.tv_nsec / 1000};
+  return 0;
+}
+
+/* ---- What the tests share ------------------------------------------------------------------------------------------ */
 
 static std::string empty_stack(int32_t size = 8192) {
   const std::string path = new_file("") + "-stack";
@@ -68,24 +91,65 @@ static int record(const std::string& path, int number, const std::string& detail
   return record(path, incident_of(std::to_string(number).c_str(), details.c_str()), eid);
 }
 
-/* The numbers that `zkview -d` shows, oldest first; the other views must succeed too. */
-static std::vector<int> shown(const std::string& path) {
-  const outcome dump = run({program("zkview"), "-d", "-s", path});
-  std::istringstream lines(dump.out);
-  std::string line;
-  std::vector<int> numbers;
-  std::getline(lines, line); /* the heading */
-  while (std::getline(lines, line)) numbers.push_back(std::stoi(line.substr(30)));
-  EXPECT_EQ(dump.status, 0) << dump;
-  EXPECT_EQ(run({program("zkview"), "-p", "-s", path}).status, 0);
-  EXPECT_EQ(run({program("zkview"), "-r", "-s", path}).status, numbers.empty() ? 99 : 0);
-  return numbers;
-}
-
 /* Whether `recorded` ends with `run`. */
 template <typename Run>
-bool ends_with(const Run& recorded, const Run& run) {
+static bool ends_with(const Run& recorded, const Run& run) {
   return run.size() <= recorded.size() && std::equal(run.rbegin(), run.rend(), recorded.rbegin());
+}
+
+static void release(zk_stack_rec_t* element) {
+  for (zk_stack_rec_t* next; element != nullptr; element = next) {
+    next = element->next;
+    release(element->related);
+    free(element->record);
+    free(element);
+  }
+}
+
+/* What the views of a stack show; those by process and by relation must succeed too. */
+struct shown_t {
+  std::vector<int> numbers; /* of the incidents, oldest first */
+  std::vector<std::string> ids, records;
+};
+
+static shown_t shown(const std::string& path) {
+  static char report[1 << 20];
+  shown_t all;
+  const int fildes = open(path.c_str(), O_RDWR);
+  zk_buffer_report(report, sizeof report);
+  for (int full : {0, 1}) EXPECT_EQ(zk_dump_stack(0, nullptr, 0, full, nullptr, 0, fildes, ZK_NO_CATALOG), 0);
+  EXPECT_EQ(zk_dump_stack(0, nullptr, 0, 0, eid("none").c_str(), 1, fildes, ZK_NO_CATALOG), ZELK_INV_FID);
+  zk_proc_list_t processes = {};
+  zk_stack_rec_t* groups = nullptr;
+  EXPECT_EQ(zk_read_stack(0, nullptr, 0, fildes, ZK_NO_CATALOG, &processes, nullptr), 0);
+  EXPECT_EQ(zk_read_stack(0, nullptr, 1, fildes, ZK_NO_CATALOG, nullptr, &groups), 0);
+  release(groups);
+  for (zk_proc_list_t *process = processes.next, *next; process != nullptr; process = next) {
+    next = process->next;
+    release(process->records);
+    free(process);
+  }
+
+  zk_walk_t walk;
+  EXPECT_EQ(zk_walk_begin(&walk, {}, fildes), 0);
+  while (zk_walk_next(&walk) == 0) {
+    zk_record_t fields;
+    EXPECT_EQ(zk_parse_record(walk.record.data(), &fields), 0);
+    all.numbers.push_back(std::atoi(fields.description.default_text));
+    all.ids.push_back(fields.eid);
+    all.records.emplace_back(walk.record.data(), 4 + static_cast<size_t>(zk_record_length(walk.record.data())));
+    if (zk_walk_at_write_pos(walk)) break;
+  }
+  zk_walk_end(walk);
+  close(fildes);
+  return all;
+}
+
+/* What orders Error IDs: their time. */
+static std::pair<int64_t, int64_t> time_of(const std::string& id) {
+  timeval time = {};
+  EXPECT_EQ(zk_conv_base_64_time(0, nullptr, id.substr(7, 10).c_str(), &time), 0) << id;
+  return {time.tv_sec, time.tv_usec};
 }
 
 static int32_t write_pos(const std::string& path) {
@@ -96,30 +160,29 @@ static int32_t write_pos(const std::string& path) {
 
 /* ---- What is promised ---------------------------------------------------------------------------------------------- */
 
-/* Lets a write of the next incident, 5000, meet the fault. Returns false when there are not so many writes. */
-static bool keeps_promise(const std::string& stack, std::vector<int> recorded, const std::string& details, fault_t what,
-                          int at) {
-  static constexpr int ENDS[] = {KILLED, KILLED, KILLED, 0, 1, 18}, NO_SUCH_WRITE = 100;
-  const std::string path = new_file(stack);
-  const pid_t child = fork();
-  if (child == 0) {
-    fault = what;
-    writes_until_fault = at;
-    const int result = record(path, 5000, details);
-    _exit(writes_until_fault > 0 ? NO_SUCH_WRITE : -result);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (WEXITSTATUS(status) == NO_SUCH_WRITE) return false;
-  EXPECT_EQ(WEXITSTATUS(status), ENDS[what]);
+/* Lets the next incident, 5000, meet a fault in a copy of the stack. Returns false when there are not so many writes. */
+static bool keeps_promise(const std::string& stack, std::vector<int> recorded, const std::string& details,
+                          const fault_t& what) {
+  static const std::string path = new_file("");
+  std::ofstream(path) << stack;
+  fault = what;
+  writes = 0;
+  is_refused = false;
+  const int result = record(path, 5000, details);
+  fault = {};
+  if (writes < what.at) return false;
+  EXPECT_EQ(result, !is_refused ? 0 : what.error == ENOSPC ? ZELK_NO_SPACE : ZELK_FAILURE);
 
-  const std::vector<int> left = shown(path);
-  if (what == SHORT_WRITE || (!left.empty() && left.back() == 5000)) recorded.push_back(5000);
-  EXPECT_TRUE(ends_with(recorded, left) && left.empty() == recorded.empty()) << what << " at write " << at;
+  std::ostringstream place;
+  place << what.bytes << " bytes of write " << what.at << ", then error " << what.error;
+  SCOPED_TRACE(place.str());
+  const std::vector<int> left = shown(path).numbers;
+  if (result == 0 || (!left.empty() && left.back() == 5000)) recorded.push_back(5000);
+  EXPECT_TRUE(ends_with(recorded, left) && left.empty() == recorded.empty());
   EXPECT_EQ(record(path, 6000, details), 0);
   recorded.push_back(6000);
-  const std::vector<int> later = shown(path);
-  EXPECT_TRUE(ends_with(recorded, later) && !later.empty()) << what << " at write " << at;
+  const std::vector<int> later = shown(path).numbers;
+  EXPECT_TRUE(ends_with(recorded, later) && !later.empty());
   return true;
 }
 
@@ -131,8 +194,15 @@ TEST(recording, keeps_its_promise_at_every_write) {
     for (int wraps = 0; wraps < 2;) {
       const bool is_wrap = size > 8192 - write_pos(path), is_second_of_lap = write_pos(path) == 24 + size;
       if (recorded.empty() || is_wrap || is_second_of_lap)
-        for (fault_t what : {KILLED_BEFORE, KILLED_WITHIN, KILLED_AFTER, SHORT_WRITE, INPUT_OUTPUT_ERROR, NO_SPACE})
-          for (int at = 1; keeps_promise(contents(path), recorded, details, what, at);) ++at;
+        for (const fault_t& each : {fault_t{0, 0, EIO, true},
+                                    {0, 60, EIO, true},
+                                    {0, 4000, EIO, true},
+                                    {0, 60, 0, false},
+                                    {0, 269, EIO, false},
+                                    {0, 60, ENOSPC, false}}) {
+          fault_t what = each;
+          for (what.at = 1; keeps_promise(contents(path), recorded, details, what);) ++what.at;
+        }
       recorded.push_back(1000 + static_cast<int>(recorded.size()));
       ASSERT_EQ(record(path, recorded.back(), details), 0);
       if (size == 0) size = write_pos(path) - 24;
@@ -141,44 +211,166 @@ TEST(recording, keeps_its_promise_at_every_write) {
   }
 }
 
-TEST(stack, never_keeps_less_than_half_of_its_area) {
-  const std::string path = empty_stack();
-  std::vector<size_t> details;
-  for (unsigned int chance = 1; details.size() < 120; chance = chance * 1103515245 + 12345) {
-    const int number = 1000 + static_cast<int>(details.size());
-    details.push_back(std::min((chance >> 16) % 1500, 886U));
-    ASSERT_EQ(record(path, number, std::string(details.back(), 'x')), 0);
-    size_t kept = 0;
-    for (int each : shown(path)) kept += 138 + details[static_cast<size_t>(each - 1000)];
-    ASSERT_TRUE(details.size() < 60 || kept >= (8192 - 24) / 2) << number; /* by the sixtieth it has been filled */
+/* Incidents of every size, often such that they end with the file or with an older record, or just before; by several
+ * recorders in turn, some of which meet a fault. */
+TEST(recording, goes_on_in_stacks_of_every_fill) {
+  const unsigned int seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  auto below = [&](size_t limit) { return random() % limit; };
+  for (int round = 0; round < 12; ++round) {
+    const std::string path = empty_stack(static_cast<int32_t>(8192 + below(8193)));
+    const int32_t size = static_cast<int32_t>(contents(path).size());
+    std::vector<int> recorded;
+    std::map<int, std::string> details_of;
+    zk_recorder_t* recorders[2] = {};
+    bool has_been_filled = false;
+    for (int number = 1000; number < 1100; ++number) {
+      zk_recorder_t*& recorder = recorders[below(2)];
+      const int opened = recorder == nullptr ? zk_open_recorder(0, nullptr, path.c_str(), &recorder) : 0;
+      ASSERT_EQ(opened, 0);
+      const std::string message = std::to_string(number) + std::string(below(4) == 0 ? below(600) : below(20), 'm');
+      const shown_t before = shown(path);
+
+      /* Without details the record has a fixed size, which tells how many lead to where it shall end. */
+      std::string details(below(1200), 'd');
+      zk_record_image_t image;
+      ASSERT_EQ(zk_make_record_image(incident_of(message.c_str()), 1024, &image), 0);
+      int32_t end = size;
+      if (!before.records.empty() && below(2) == 0) {
+        const size_t at = contents(path).find(before.records[below(std::min(before.records.size(), size_t{3}))]);
+        end = static_cast<int32_t>(at);
+      }
+      const int64_t wanted =
+          int64_t{end} - static_cast<int64_t>(below(6)) - write_pos(path) - static_cast<int64_t>(image.size);
+      if (wanted >= 0 && wanted < 880) details = std::string(static_cast<size_t>(wanted), 'd');
+
+      const zk_incident_t incident = incident_of(message.c_str(), details.c_str());
+      if (below(3) == 0) {
+        const fault_t what = {static_cast<int>(1 + below(5)), below(1100), below(4) == 0 ? 0 : EIO, below(2) == 0};
+        keeps_promise(contents(path), recorded, details, what);
+      }
+      zk_eid_t eid;
+      ASSERT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
+      recorded.push_back(number);
+
+      const shown_t after = shown(path);
+      ASSERT_TRUE(ends_with(recorded, after.numbers) && !after.numbers.empty()) << number;
+      ASSERT_EQ(after.ids.back(), eid);
+      ASSERT_TRUE(std::ranges::is_sorted(after.ids, {}, time_of));
+      ASSERT_LE(after.records.back().size(), 1028U);
+      size_t kept = 0;
+      for (const std::string& each : after.records) kept += each.size();
+      has_been_filled = has_been_filled || after.numbers.size() < recorded.size();
+      ASSERT_TRUE(!has_been_filled || kept >= static_cast<size_t>(size - 24) / 2) << number;
+      if (below(10) == 0) zk_close_recorder(std::exchange(recorder, nullptr));
+    }
+    for (zk_recorder_t* recorder : recorders) zk_close_recorder(recorder);
   }
+}
+
+/* ---- Damage -------------------------------------------------------------------------------------------------------- */
+
+/* Records have 155 bytes: A at 24, B at 179; what follows is free from 334 on. */
+TEST(recorder, refuses_a_damaged_stack_and_says_why) {
+  const struct {
+    const char *stack, *reason;
+    off_t offset;
+  } rows[] = {{"bytes 0", "the file size is out of range", 16},
+              {"bytes 8191", "the file size is out of range", 16},
+              {"bytes 16385", "the file size is out of range", 16},
+              {"word 0 8", "the stack version is not one for recording", 0},
+              {"word 16 8191", "the file size is out of range", 16},
+              {"word 16 16385", "the file size is out of range", 16},
+              {"word 16 8193", "the file has another size", 16},
+              {"word 4 23", "the first record is out of range", 4},
+              {"word 4 8193", "the first record is out of range", 4},
+              {"word 8 23", "the recording position is out of range", 8},
+              {"word 8 8193", "the recording position is out of range", 8},
+              {"word 12 23", "the earliest record is out of range", 12},
+              {"word 12 8193", "the earliest record is out of range", 12},
+              {"has_wrapped 2", "the wrap indicator is neither 0 nor 1", 20},
+              {"word 8 24,has_wrapped 1", "the lap begins without a record", 8},
+              {"word 12 335", "the earliest record is behind the recording position", 12},
+              {"word 24 -1", "the record's length is out of range", 24},
+              {"word 24 2045", "the record's length is out of range", 24},
+              {"word 8100 100,word 12 8100,has_wrapped 1", "the record is cut short", 8100},
+              {"word 28 4", "the record's version is not supported", 24},
+              {"word 183 4", "the record's version is not supported", 179},
+              {"word 24 1119", "a text or an argument of the record is damaged", 24},
+              {"record C  argument_count 9", "a text or an argument of the record is damaged", 334},
+              {"word 8 333", "the records do not end at the recording position", 334},
+              {"word 179 0", "the records do not end at the recording position", 179},
+              /* In the older of two runs; in the newer one; at its end. */
+              {"word 2000 -1,word 12 2000,has_wrapped 1", "the record's length is out of range", 2000},
+              {"word 183 4,word 12 2000,has_wrapped 1", "the record's version is not supported", 179},
+              {"word 179 0,word 12 2000,has_wrapped 1", "the records do not end at the recording position", 179},
+              /* A reader would go back to the start at 112 and come to the recording position. */
+              {"word 100 8,word 104 0,word 108 0,word 112 0,word 12 100,has_wrapped 1",
+               "the records do not end at the recording position", 112}};
+  for (const auto& row : rows) {
+    const std::string bytes = described_stack(replaced(std::string("record A,record B,") + row.stack, ",", "\n"));
+    const std::string path = new_file(bytes);
+    const zk_incident_t incident = incident_of("new");
+    zk_recorder_t* recorder = nullptr;
+    zk_damage_t damage = {};
+    zk_eid_t eid;
+    int result = zk_open_recorder_or_say({}, path.c_str(), &recorder, &damage);
+    if (result == 0) {
+      result = zk_record_incident(0, nullptr, recorder, &incident, eid);
+      damage = zk_recorder_damage(recorder);
+    }
+    EXPECT_EQ(result, ZELK_FILE_CORRUPT) << row.stack;
+    EXPECT_STREQ(damage.reason, row.reason) << row.stack;
+    EXPECT_EQ(damage.offset, row.offset) << row.stack;
+    EXPECT_TRUE(contents(path) == bytes) << row.stack;
+    zk_close_recorder(recorder);
+  }
+}
+
+TEST(recorder, sees_damage_that_comes_while_it_is_open) {
+  const std::string path = empty_stack();
+  const zk_incident_t incident = incident_of("1000");
+  zk_recorder_t* recorder = nullptr;
+  zk_eid_t eid;
+  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
+  const std::string good = contents(path);
+  for (const off_t offset : {24 + 4, 24 + 120}) { /* the version of the first record; a text of it */
+    const int fildes = open(path.c_str(), O_RDWR);
+    ASSERT_EQ(write(fildes, good.substr(0, static_cast<size_t>(offset)).data(), static_cast<size_t>(offset)), offset);
+    ASSERT_EQ(write(fildes, "\1\1\1\1", 4), 4);
+    EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), offset == 28 ? ZELK_FILE_CORRUPT : 0);
+    close(fildes);
+    std::ofstream(path) << good;
+  }
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
+  EXPECT_EQ(shown(path).numbers.size(), 4U);
+  zk_close_recorder(recorder);
+}
+
+/* Eight records of this size fill a stack: behind a whole lap of another recorder the header is as it was. */
+TEST(recorder, sees_a_lap_of_another_recorder) {
+  const std::string path = empty_stack(), details(881, 'x');
+  const zk_incident_t incident = incident_of("1000", details.c_str());
+  zk_recorder_t *one = nullptr, *other = nullptr;
+  zk_eid_t eid;
+  clock_stands = true;
+  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &one), 0);
+  ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &other), 0);
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(zk_record_incident(0, nullptr, one, &incident, eid), 0);
+  const std::string before = contents(path);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(zk_record_incident(0, nullptr, other, &incident, eid), 0);
+  EXPECT_TRUE(contents(path).substr(0, 24) == before.substr(0, 24));
+  const std::string newest = eid;
+  EXPECT_EQ(zk_record_incident(0, nullptr, one, &incident, eid), 0);
+  EXPECT_LT(time_of(newest), time_of(eid));
+  zk_close_recorder(one);
+  zk_close_recorder(other);
+  clock_stands = false;
 }
 
 /* ---- Many at once -------------------------------------------------------------------------------------------------- */
-
-/* The Error IDs of a full report of whole records. */
-static std::vector<std::string> ids_shown(const std::string& path, const std::string& view = "-d") {
-  const outcome report = run({program("zkview"), view, "-a", "-s", path});
-  const std::string label = "ZELK Error Identifier:\n\t 7";
-  std::vector<std::string> ids;
-  EXPECT_EQ(report.status, 0) << report;
-  for (size_t at = 0, end; (at = report.out.find(label, at)) != report.out.npos; at = end) {
-    ids.push_back(report.out.substr(at + label.size() - 1, 42));
-    end = report.out.find(SEPARATOR, at);
-    const size_t details = report.out.find("\n\nDetails:\nx", at);
-    if (report.out.find_first_not_of('x', details + 11) == end - 1) continue;
-    ADD_FAILURE() << report.out.substr(at, end - at);
-    break;
-  }
-  return ids;
-}
-
-/* What orders Error IDs: their time. */
-static std::pair<int64_t, int64_t> time_of(const std::string& id) {
-  timeval time = {};
-  EXPECT_EQ(zk_conv_base_64_time(0, nullptr, id.substr(7, 10).c_str(), &time), 0) << id;
-  return {time.tv_sec, time.tv_usec};
-}
 
 TEST(recorders, of_many_processes_and_threads_lose_and_mix_nothing) {
   const std::string path = empty_stack(16384), acknowledged = new_file("");
@@ -201,8 +393,7 @@ TEST(recorders, of_many_processes_and_threads_lose_and_mix_nothing) {
   }
   for (pid_t child : children) {
     int status = 0;
-    while (waitpid(child, &status, WNOHANG) == 0)
-      for (const char* view : {"-d", "-p"}) ids_shown(path, view);
+    while (waitpid(child, &status, WNOHANG) == 0) shown(path);
     EXPECT_EQ(status, 0);
   }
   std::vector<std::string> recorded;
@@ -211,7 +402,7 @@ TEST(recorders, of_many_processes_and_threads_lose_and_mix_nothing) {
   std::ranges::sort(recorded, {}, time_of);
   EXPECT_EQ(recorded.size(), 640U);
   EXPECT_TRUE(std::ranges::adjacent_find(recorded, {}, time_of) == recorded.end());
-  EXPECT_TRUE(ends_with(recorded, ids_shown(path)));
+  EXPECT_TRUE(ends_with(recorded, shown(path).ids));
 }
 
 TEST(lock, outlives_other_descriptors_and_forked_recorders) {
@@ -233,8 +424,47 @@ TEST(lock, outlives_other_descriptors_and_forked_recorders) {
   EXPECT_EQ(times_held, 3); /* the record, its length, the header */
   in_child([&] { EXPECT_EQ(record(path, 1001), 0); });
   EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
-  EXPECT_EQ(shown(path), (std::vector{1000, 1001, 1000}));
+  EXPECT_EQ(shown(path).numbers, (std::vector{1000, 1001, 1000}));
   zk_close_recorder(recorder);
+}
+
+TEST(lock, is_waited_for_whatever_signals_come) {
+  static std::atomic<int> signals;
+  const std::string path = empty_stack();
+  struct sigaction action = {};
+  action.sa_handler = [](int) { ++signals; };
+  sigaction(SIGUSR1, &action, nullptr);
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  const int holder = open(path.c_str(), O_RDWR);
+  ASSERT_EQ(fcntl(holder, F_OFD_SETLK, &whole), 0);
+  std::thread waiting([&] { EXPECT_EQ(record(path, 1000), 0); });
+  while (signals < 5) {
+    pthread_kill(waiting.native_handle(), SIGUSR1);
+    usleep(10000);
+  }
+  close(holder);
+  waiting.join();
+  EXPECT_EQ(shown(path).numbers, (std::vector{1000}));
+}
+
+TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards) {
+  const std::string path = empty_stack();
+  std::atomic<int> id = 0;
+  std::thread other([&] {
+    record(path, 1000);
+    id = gettid();
+    for (;;) pause();
+  });
+  while (id == 0) usleep(1000);
+  pthread_cancel(other.native_handle());
+  other.join(); /* or this test does not end */
+  zk_record_t fields;
+  const std::string record = shown(path).records.at(0) + '\0';
+  EXPECT_EQ(zk_parse_record(record.data(), &fields), 0);
+  EXPECT_EQ(fields.thread_id, id);
+  EXPECT_EQ(fields.process_id, getpid());
+  EXPECT_EQ(fields.parent_id, getppid());
 }
 
 /* ---- What is recorded ---------------------------------------------------------------------------------------------- */
@@ -261,6 +491,66 @@ TEST(details, are_cut_to_a_body_of_1024_bytes) {
     EXPECT_EQ(record(path, incident_of(message.c_str(), row.details.c_str()), eid), 0);
     const size_t end = static_cast<size_t>(write_pos(path)), start = 157 + row.message;
     EXPECT_EQ(contents(path).substr(start, end - start), text(row.kept));
+  }
+}
+
+/* The texts of an incident's arguments as they are recorded, or what the result is. */
+static std::vector<std::string> recorded_arguments(std::vector<std::string> texts, const std::string& message) {
+  std::vector<cu_error_arg_t> arguments(texts.size());
+  for (size_t i = 0; i < texts.size(); ++i) {
+    arguments[i].cu_arg_type = CU_ERROR_ARG_CHAR_STR;
+    arguments[i].cu_arg_value.cu_arg_char_str = texts[i].data();
+  }
+  zk_incident_t incident = incident_of(message.c_str(), "details");
+  incident.arguments = arguments.data();
+  incident.argument_count = static_cast<uint32_t>(arguments.size());
+  zk_record_image_t image;
+  const int result = zk_make_record_image(incident, 1024, &image);
+  if (result != 0) return {std::to_string(result)};
+  EXPECT_LE(image.size, 1028U);
+  zk_record_t fields;
+  EXPECT_EQ(zk_parse_record(image.bytes.data(), &fields), 0);
+  zk_cursor_t cursor = fields.description.arguments;
+  std::vector<std::string> kept;
+  for (int32_t count = zk_read_int(&cursor); count > 0; --count) {
+    cu_error_arg_t argument;
+    EXPECT_TRUE(zk_read_argument(&cursor, &argument));
+    kept.emplace_back(argument.cu_arg_value.cu_arg_char_str);
+  }
+  return kept;
+}
+
+/* Beside the message and the arguments, each with its kind and its end, there are 895 bytes. */
+TEST(arguments, are_cut_from_the_longest_on) {
+  const std::string a(1000, 'a'), b(400, 'b'), wide = "x" + replaced(std::string(300, 'e'), "e", "\u00e9");
+  const std::string message(800, 'm');
+  EXPECT_EQ(recorded_arguments({a.substr(0, 889)}, ""), std::vector{a.substr(0, 889)});
+  EXPECT_EQ(recorded_arguments({a.substr(0, 890)}, ""), std::vector{a.substr(0, 886) + "..."});
+  EXPECT_EQ(recorded_arguments({"abc", b, a}, ""), (std::vector<std::string>{"abc", b, a.substr(0, 473) + "..."}));
+  EXPECT_EQ(recorded_arguments({b, "abc", b}, message),
+            (std::vector<std::string>{b.substr(0, 70) + "...", "abc", "..."}));
+  EXPECT_EQ(recorded_arguments({wide}, message), std::vector{wide.substr(0, 85) + "..."});
+  EXPECT_EQ(recorded_arguments({b, b}, message.substr(0, 788) + std::string(90, 'n')),
+            (std::vector<std::string>{"...", "..."}));
+  EXPECT_EQ(recorded_arguments({b, b}, message.substr(0, 788) + std::string(91, 'n')), std::vector<std::string>{"-33"});
+  EXPECT_EQ(recorded_arguments(std::vector<std::string>(200, "abc"), ""), std::vector<std::string>{"-33"});
+  EXPECT_EQ(recorded_arguments(std::vector<std::string>(100000, ""), ""), std::vector<std::string>{"-33"});
+}
+
+TEST(incident, of_any_size_stays_in_its_memory) {
+  for (size_t length = 880; length < 1100; ++length) {
+    const std::string name(length, 'n');
+    struct {
+      zk_record_image_t image;
+      char guard[4096];
+    } made;
+    std::memset(made.guard, 'g', sizeof made.guard);
+    zk_incident_t incident = incident_of("", "details");
+    incident.product = name.c_str();
+    EXPECT_EQ(zk_make_record_image(incident, 1024, &made.image), length <= 894 ? 0 : ZELK_INV_RECLEN);
+    incident.file_version = name.c_str();
+    EXPECT_EQ(zk_make_record_image(incident, 1024, &made.image), ZELK_INV_RECLEN);
+    EXPECT_TRUE(std::ranges::all_of(made.guard, [](char byte) { return byte == 'g'; })) << length;
   }
 }
 

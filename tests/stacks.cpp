@@ -112,5 +112,6 @@ std::string described_stack(const std::string& description) {
   }
   std::string bytes = made.bytes();
   for (const auto& [offset, word] : replaced_words) bytes.replace(offset, 4, image(word));
-  return bytes.substr(0, size);
+  if (size != std::string::npos) bytes.resize(size);
+  return bytes;
 }
