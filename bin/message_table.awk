@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 # Turns a message source (gencat format, quoted texts) into the initialisers of a built-in table: one C string literal for
 # each message, in the order of their numbers from `first` on. The escapes of both are the same, so texts pass unchanged.
-# With names=1 it makes enumerators instead, `prefix` and the NAME of the comment "$ NAME: ..." above each message. Ends
-# with an error when a number is missing or out of order, or when there are not `count` messages (0: any number).
+# With `names`, a format of printf, it makes a line for the NAME of the comment "$ NAME: ..." above each message, and its
+# number, instead. Ends with an error when a number is missing or out of order, or a name is missing.
 
 BEGIN { expected = first }
 
@@ -11,7 +11,9 @@ BEGIN { expected = first }
 
 !continued && /^[0-9]+ "/ {
   if ($1 != expected++) exit_with("message " $1 " is out of order")
-  if (names) print prefix name " = " $1 ","
+  if (name == "" && $1 > 0) exit_with("message " $1 " has no name")
+  if (names && name != "") printf names "\n", name, $1
+  name = ""
   sub(/^[0-9]+ "/, "")
   continued = 1
   text = ""
@@ -35,5 +37,5 @@ function exit_with(reason) {
 
 END {
   if (failed) exit 1
-  if (continued || (count && expected != first + count)) exit_with("there are not " count " whole messages")
+  if (continued) exit_with("message " expected - 1 " is not whole")
 }

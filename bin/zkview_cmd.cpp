@@ -6,9 +6,11 @@
 #include "qx_zelk.h"
 #include "zk_msg.h"
 
-const char* const zk_mesgtbl_zkview_cmd[ZK_MSG_COUNT] = {
+/* Its size is that of the declaration, and each name of zk_msg.h stands for its number in the message source. */
+const char* const zk_mesgtbl_zkview_cmd[] = {
 #include "zkview_cmd.inc"
 };
+#include "zkview_numbers.inc"
 
 const char zk_badid_zkview_cmd[44] = "Bad message id for message set zkview_cmd";
 

@@ -224,7 +224,7 @@ const subject COMMAND = {
 
 TEST(messages, have_these_texts) {
   std::string all;
-  for (int number = 0; number < 48; ++number)
+  for (int number = 0; number < ZK_MSG_COUNT; ++number)
     all += std::to_string(number) + " " + replaced(zk_mesgtbl_zkview_cmd[number], "\n", "\\n") + "\n";
   EXPECT_EQ(difference(GOLDEN_FOLDER "/messages.golden", all), "");
 }
