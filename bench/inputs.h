@@ -8,7 +8,7 @@
 
 #include "qx_cu.h"
 #include "qx_zelk.h"
-#include "zk_layout.h"
+#include "zk_record_image.h"
 
 template <typename Value>
 std::string image(Value value) {
@@ -23,16 +23,20 @@ inline std::string bench_eid(int number) {
 
 /* A record of usual size, 186 bytes or so; `cause` below 0 for none. Every seven seconds one is recorded. */
 inline std::string bench_record(int number, int process, int cause) {
-  constexpr char NUL = '\0';
-  std::string related = cause >= 0 ? bench_eid(cause) : "";
-  related.resize(ZELK_EID_SIZE);
-  std::string body = image(int32_t{0}) + bench_eid(number) + NUL + related + image(int32_t{1790000000 + 7 * number}) +
-                     "stn_diskmon" + NUL + image(int32_t{process}) + image(int32_t{1}) + image(int32_t{7}) +
-                     "/usr/src/stn/disk.c" + NUL + "1.31" + NUL + "stn.node" + NUL + image(int32_t{97}) + NUL +
-                     image(int32_t{1}) + image(int32_t{1}) + "%1$s: %2$d" + NUL + image(int32_t{2}) +
-                     image(int32_t{CU_ERROR_ARG_CHAR_STR}) + "disk07" + NUL + image(int32_t{CU_ERROR_ARG_INT}) +
-                     image(int64_t{85}) + "state ok" + NUL;
-  return image(static_cast<int32_t>(body.size())) + body;
+  const std::string related = cause >= 0 ? bench_eid(cause) : "";
+  char disk[] = "disk07";
+  cu_error_arg_t arguments[2] = {};
+  arguments[0].cu_arg_type = CU_ERROR_ARG_CHAR_STR;
+  arguments[0].cu_arg_value.cu_arg_char_str = disk;
+  arguments[1].cu_arg_type = CU_ERROR_ARG_INT;
+  arguments[1].cu_arg_value.cu_arg_int = 85;
+  const zk_incident_t incident = {
+      "stn_diskmon", process,   1, 7,          "/usr/src/stn/disk.c", "1.31", "stn.node", 97, "", 1, 1,
+      "%1$s: %2$d",  arguments, 2, "state ok", related.c_str()};
+  zk_record_image_t made;
+  zk_make_record_image(incident, ZK_REC_LISTED_MAX, &made);
+  zk_stamp_record_image(&made, bench_eid(number).c_str(), 1790000000 + 7 * number);
+  return {made.bytes.data(), made.size};
 }
 
 /* A stack that never wrapped, of those records: version one when it fits, else of a later format, which may be of any

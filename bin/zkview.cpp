@@ -40,7 +40,7 @@ struct context_t {
 };
 
 /* Result code that ends the run, with its message and exit status. */
-struct failure_t {
+struct ending_t {
   int result;
   int message;
   int status;
@@ -66,7 +66,7 @@ static int report_unexpected(const context_t& context, const char* routine, int 
 /* ---- Options ------------------------------------------------------------------------------------------------------- */
 
 /* Sets `flag` for an option that may be given once; a second time is reported and counted. */
-static bool take_once(const context_t& context, bool* flag, int option, int* errflag) {
+static bool set_once(const context_t& context, bool* flag, int option, int* errflag) {
   if (!*flag) {
     *flag = true;
     return true;
@@ -90,7 +90,7 @@ static std::optional<int> parse_options(const context_t& context, int argc, char
         given->dump = true;
         break;
       case 'f':
-        if (take_once(context, &given->use_fid, option, &errflag))
+        if (set_once(context, &given->use_fid, option, &errflag))
           std::snprintf(given->fid, sizeof given->fid, "%s", optarg);
         break;
       case 'h':
@@ -100,13 +100,13 @@ static std::optional<int> parse_options(const context_t& context, int argc, char
         given->fid_only = true;
         break;
       case 'p':
-        take_once(context, &given->process_order, option, &errflag);
+        set_once(context, &given->process_order, option, &errflag);
         break;
       case 'r':
-        take_once(context, &given->relation_order, option, &errflag);
+        set_once(context, &given->relation_order, option, &errflag);
         break;
       case 's':
-        if (take_once(context, &given->use_file, option, &errflag))
+        if (set_once(context, &given->use_file, option, &errflag))
           std::snprintf(given->stack_file.data(), given->stack_file.size(), "%s", optarg);
         break;
       default:
@@ -154,25 +154,25 @@ static std::optional<int> check_combinations(const context_t& context, const opt
 /* ---- The stack ----------------------------------------------------------------------------------------------------- */
 
 static std::optional<int> open_stack(const context_t& context, const options_t& given, int* fildes) {
-  static constexpr failure_t BY_FID[] = {{ZELK_UNSUPPORTED, ZK_MSG_LATER_VERSION, EXIT_LATER_VERSION},
-                                         {ZELK_REMOTE_FID, ZK_MSG_REMOTE, EXIT_REMOTE},
-                                         {ZELK_INV_FID, ZK_MSG_NOT_A_STACK_ID, EXIT_BAD_EID},
-                                         {ZELK_INV_STACKNAME, ZK_MSG_NO_STACK_NAME, EXIT_BAD_EID},
-                                         {ZELK_NO_ACCESS, ZK_MSG_ID_NO_ACCESS, EXIT_NO_STACK},
-                                         {ZELK_FILE_MISSING, ZK_MSG_ID_STACK_GONE, EXIT_NO_STACK}};
-  static constexpr failure_t BY_NAME[] = {{ZELK_NO_ACCESS, ZK_MSG_STACK_NO_ACCESS, EXIT_NO_STACK},
-                                          {ZELK_FILE_MISSING, ZK_MSG_STACK_MISSING, EXIT_NO_STACK}};
+  static constexpr ending_t BY_FID[] = {{ZELK_UNSUPPORTED, ZK_MSG_LATER_VERSION, EXIT_LATER_VERSION},
+                                        {ZELK_REMOTE_FID, ZK_MSG_REMOTE, EXIT_REMOTE},
+                                        {ZELK_INV_FID, ZK_MSG_NOT_A_STACK_ID, EXIT_BAD_EID},
+                                        {ZELK_INV_STACKNAME, ZK_MSG_NO_STACK_NAME, EXIT_BAD_EID},
+                                        {ZELK_NO_ACCESS, ZK_MSG_ID_NO_ACCESS, EXIT_NO_STACK},
+                                        {ZELK_FILE_MISSING, ZK_MSG_ID_STACK_GONE, EXIT_NO_STACK}};
+  static constexpr ending_t BY_NAME[] = {{ZELK_NO_ACCESS, ZK_MSG_STACK_NO_ACCESS, EXIT_NO_STACK},
+                                         {ZELK_FILE_MISSING, ZK_MSG_STACK_MISSING, EXIT_NO_STACK}};
   const char* debug_file = context.debug_file.data();
   const char* named = given.use_fid ? given.fid : given.stack_file.data();
   int result = given.use_fid ? zk_open_stack_with_fid(context.debug_active, debug_file, fildes, named, context.catfd)
                              : zk_open_stack_by_name(context.debug_active, debug_file, fildes, named);
   if (result == ZELK_SUCCESS) return {};
 
-  std::span<const failure_t> failures = given.use_fid ? std::span<const failure_t>(BY_FID) : BY_NAME;
-  for (const failure_t& failure : failures)
-    if (failure.result == result) {
-      zk_print_message(stderr, context.catfd, failure.message, {zk_msg_arg(named)});
-      return failure.status;
+  std::span<const ending_t> endings = given.use_fid ? std::span<const ending_t>(BY_FID) : BY_NAME;
+  for (const ending_t& ending : endings)
+    if (ending.result == result) {
+      zk_print_message(stderr, context.catfd, ending.message, {zk_msg_arg(named)});
+      return ending.status;
     }
   /* The routine named has nothing to do with the failure; support staff know the text by this name. */
   return report_unexpected(context, "zk_display_recs_by_proc", result);
@@ -182,13 +182,13 @@ static std::optional<int> open_stack(const context_t& context, const options_t& 
  * count as success. */
 static std::optional<int> check_view(const context_t& context, int result, std::span<const int> unexpected,
                                      const char* routine) {
-  static constexpr failure_t FAILURES[] = {{ZELK_LOCK, ZK_MSG_NOT_LOCKED, EXIT_NOT_LOCKED},
-                                           {ZELK_FILE_CORRUPT, ZK_MSG_STACK_CORRUPT, EXIT_CORRUPT},
-                                           {ZELK_NO_MEMORY, ZK_MSG_NO_MEMORY, EXIT_NO_MEMORY}};
-  for (const failure_t& failure : FAILURES)
-    if (failure.result == result) {
-      zk_print_message(stderr, context.catfd, failure.message);
-      return failure.status;
+  static constexpr ending_t ENDINGS[] = {{ZELK_LOCK, ZK_MSG_NOT_LOCKED, EXIT_NOT_LOCKED},
+                                         {ZELK_FILE_CORRUPT, ZK_MSG_STACK_CORRUPT, EXIT_CORRUPT},
+                                         {ZELK_NO_MEMORY, ZK_MSG_NO_MEMORY, EXIT_NO_MEMORY}};
+  for (const ending_t& ending : ENDINGS)
+    if (ending.result == result) {
+      zk_print_message(stderr, context.catfd, ending.message);
+      return ending.status;
     }
   for (int code : unexpected)
     if (code == result) return report_unexpected(context, routine, result);

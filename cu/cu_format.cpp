@@ -22,46 +22,46 @@ static uint8_t flag_bit(char letter) {
 }
 
 /* Takes the digits at `*at` as a number; what is too large for one counts as INT32_MAX. */
-static int32_t take_number(const char** at) {
+static int32_t parse_number(const char** at) {
   int64_t number = 0;
   for (; **at >= '0' && **at <= '9'; ++*at) number = std::min<int64_t>(number * 10 + (**at - '0'), INT32_MAX);
   return static_cast<int32_t>(number);
 }
 
 /* Takes the number of "n$", or returns -1 where there is none. */
-static int32_t take_argument_number(const char** at) {
+static int32_t parse_argument_number(const char** at) {
   const char* behind = *at;
-  int32_t number = take_number(&behind);
+  int32_t number = parse_number(&behind);
   if (behind == *at || *behind != '$') return -1;
   *at = behind + 1;
   return number;
 }
 
 /* Takes a width or precision; false when it is "*" or "*n$". */
-static bool take_width(const char** at, int32_t* width) {
+static bool parse_width(const char** at, int32_t* width) {
   if (**at != '*') {
-    *width = take_number(at);
+    *width = parse_number(at);
     return true;
   }
   ++*at;
-  take_argument_number(at);
+  parse_argument_number(at);
   return false;
 }
 
 /* Takes the conversion whose "%" stands at `*start`. */
-static cu_piece_t take_conversion(const char** start, size_t* unnumbered) {
+static cu_piece_t parse_conversion(const char** start, size_t* unnumbered) {
   cu_piece_t piece = {};
   piece.kind = CU_PIECE_UNFILLABLE;
   piece.precision = -1;
   const char* at = *start + 1;
 
-  int32_t number = take_argument_number(&at);
+  int32_t number = parse_argument_number(&at);
   piece.is_numbered = number >= 0;
   for (; flag_bit(*at) != 0; ++at) piece.flags |= flag_bit(*at);
-  bool is_filled = take_width(&at, &piece.width);
+  bool is_filled = parse_width(&at, &piece.width);
   if (*at == '.') {
     ++at;
-    is_filled = take_width(&at, &piece.precision) && is_filled;
+    is_filled = parse_width(&at, &piece.precision) && is_filled;
   }
   if (LENGTHS.find(*at) != LENGTHS.npos) {
     piece.has_length = true;
@@ -82,8 +82,8 @@ static cu_piece_t take_conversion(const char** start, size_t* unnumbered) {
   return piece;
 }
 
-cu_piece_t cu_take_piece(const char** at, size_t* unnumbered) {
-  if (**at == '%') return take_conversion(at, unnumbered);
+cu_piece_t cu_parse_piece(const char** at, size_t* unnumbered) {
+  if (**at == '%') return parse_conversion(at, unnumbered);
   cu_piece_t piece = {};
   piece.kind = CU_PIECE_TEXT;
   piece.text = {*at, std::strcspn(*at, "%")};
@@ -94,7 +94,7 @@ cu_piece_t cu_take_piece(const char** at, size_t* unnumbered) {
 size_t cu_parse_format(const char* format, std::span<cu_piece_t> pieces) {
   size_t count = 0;
   for (size_t unnumbered = 0; *format != '\0'; ++count) {
-    cu_piece_t piece = cu_take_piece(&format, &unnumbered);
+    cu_piece_t piece = cu_parse_piece(&format, &unnumbered);
     if (count < pieces.size()) pieces[count] = piece;
   }
   return count;
@@ -235,7 +235,7 @@ void cu_put_pieces(cu_sink_t* sink, std::span<const cu_piece_t> pieces, std::spa
 }
 
 void cu_put_format(cu_sink_t* sink, const char* format, std::span<const cu_error_arg_t> arguments) {
-  for (size_t unnumbered = 0; *format != '\0';) put_piece(sink, cu_take_piece(&format, &unnumbered), arguments);
+  for (size_t unnumbered = 0; *format != '\0';) put_piece(sink, cu_parse_piece(&format, &unnumbered), arguments);
 }
 
 /* ---- Translations ------------------------------------------------------------------------------------------------ */
@@ -249,7 +249,7 @@ static bool note_kinds(const char* text, argument_kinds* kinds) {
   size_t unnumbered = 0;
   bool has_numbered = false;
   while (*text != '\0') {
-    const cu_piece_t piece = cu_take_piece(&text, &unnumbered);
+    const cu_piece_t piece = cu_parse_piece(&text, &unnumbered);
     if (piece.kind == CU_PIECE_TEXT) continue;
     if (piece.kind == CU_PIECE_UNFILLABLE || piece.has_length || piece.argument >= ARGUMENTS_MAX) return false;
     if (piece.letter != 's' && piece.letter != 'c' && piece.letter != 'd') return false;

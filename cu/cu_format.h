@@ -48,7 +48,7 @@ struct cu_piece_t {
 
 /* Takes the first piece of the format `*at`, which is not empty, and moves `*at` behind it. `*unnumbered`, 0 at the
  * start of a format, counts the conversions that have taken an argument in order. */
-cu_piece_t cu_take_piece(const char** at, size_t* unnumbered);
+cu_piece_t cu_parse_piece(const char** at, size_t* unnumbered);
 
 /* Takes the whole `format` apart. Returns how many pieces it has; as many as fit are stored in `pieces`. */
 size_t cu_parse_format(const char* format, std::span<cu_piece_t> pieces);

@@ -168,10 +168,13 @@ static bool keeps_promise(const std::string& stack, std::vector<int> recorded, c
   fault = what;
   writes = 0;
   is_refused = false;
-  const int result = record(path, 5000, details);
+  zk_eid_t made = "not made";
+  const int result = record(path, incident_of("5000", details.c_str()), made);
   fault = {};
   if (writes < what.at) return false;
   EXPECT_EQ(result, !is_refused ? 0 : what.error == ENOSPC ? ZELK_NO_SPACE : ZELK_FAILURE);
+
+  EXPECT_EQ(std::strlen(made), result == 0 ? 42U : 0U);
 
   std::ostringstream place;
   place << what.bytes << " bytes of write " << what.at << ", then error " << what.error;

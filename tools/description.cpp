@@ -161,7 +161,7 @@ static cu_error_arg_type_t type_of(char letter) {
  * operand. Returns what is wrong, or the empty text. */
 static std::string parse_conversion(const char** at, size_t* unnumbered, std::string* letters, std::string* text) {
   const char* start = *at;
-  const cu_piece_t piece = cu_take_piece(at, unnumbered);
+  const cu_piece_t piece = cu_parse_piece(at, unnumbered);
   const std::string written(start, *at);
   *text += written;
   if (piece.kind == CU_PIECE_TEXT) return "";

@@ -210,7 +210,7 @@ static bool has_facility(const eid_place& place) {
 }
 
 /* Finds the node's address in the environment. */
-static int take_address(const zk_trace_t& trace, char* field) {
+static int read_address(const zk_trace_t& trace, char* field) {
   static constexpr char VARIABLE[] = "ZELKADDR";
   const char* address = std::getenv(VARIABLE);
   if (address == nullptr || address[0] == '\0')
@@ -262,7 +262,7 @@ static int generate(const zk_trace_t& trace, const eid_place& place, long* times
   zk_eid_parts_t parts;
   long seconds = 0;
   if (zk_get_base_64_time(trace.active, trace.file, parts.time, &seconds) != ZELK_SUCCESS) return ZELK_FAILURE;
-  int result = take_address(trace, parts.address);
+  int result = read_address(trace, parts.address);
   if (result == ZELK_SUCCESS) result = write_place(trace, place, &parts);
   if (result != ZELK_SUCCESS) return result;
 

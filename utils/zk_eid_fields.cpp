@@ -30,7 +30,7 @@ void zk_write_time(const struct timeval& time, char* field) {
 
 /* The first `WIDTH` characters of `text`, fewer when it ends before, as a text of their own. */
 template <size_t WIDTH>
-static std::array<char, WIDTH + 1> take_field(const char* text) {
+static std::array<char, WIDTH + 1> field_text(const char* text) {
   std::array<char, WIDTH + 1> field = {};
   std::memcpy(field.data(), text, strnlen(text, WIDTH));
   return field;
@@ -122,7 +122,7 @@ int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* f
 
   zk_write_digits(status.st_ino, inode64rep, ENTRY_WIDTH);
   return zk_succeeded(trace, "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n",
-                      filename, static_cast<int>(status.st_ino), take_field<ENTRY_WIDTH>(inode64rep).data());
+                      filename, static_cast<int>(status.st_ino), field_text<ENTRY_WIDTH>(inode64rep).data());
 }
 
 int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory, const char* inode64rep,
@@ -142,7 +142,7 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
     return zk_failed(trace, ZELK_INV_PARAM5,
                      "Called with a NULL pointer for file name list\nReturning %s(%d) to caller\n");
 
-  const std::array<char, ENTRY_WIDTH + 1> field = take_field<ENTRY_WIDTH>(inode64rep);
+  const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(inode64rep);
   const uint64_t wanted = zk_a64l(field.data());
 
   DIR* entries = opendir(directory);
@@ -181,7 +181,7 @@ int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int 
 
   zk_write_digits(template_id, templ64rep, ENTRY_WIDTH);
   return zk_succeeded(trace, "Converted template ID %d to base-64 value of %s\nReturning %s(%d) to the caller\n",
-                      static_cast<int>(template_id), take_field<ENTRY_WIDTH>(templ64rep).data());
+                      static_cast<int>(template_id), field_text<ENTRY_WIDTH>(templ64rep).data());
 }
 
 int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep, unsigned int* template_id) {
@@ -193,7 +193,7 @@ int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* 
                      "Asked to translate a template ID of %d, which seems invalid\nReturning %s(%d) to the caller",
                      static_cast<int>(zk_trace_pointer(template_id)));
 
-  const std::array<char, ENTRY_WIDTH + 1> field = take_field<ENTRY_WIDTH>(templ64rep);
+  const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(templ64rep);
   *template_id = static_cast<unsigned int>(zk_a64l(field.data()));
   if (*template_id == 0)
     return zk_failed(trace, ZELK_FAILURE,
@@ -220,7 +220,7 @@ int zk_get_base_64_selector(int debug_active, const char* debug_file, int facili
   zk_write_digits(static_cast<uint64_t>(LOG_FAC(facility)) + 1, sel64rep, 1);
   zk_write_digits(static_cast<uint64_t>(priority) + 1, sel64rep + 1, ENTRY_WIDTH - 1);
   return zk_succeeded(trace, "Facility %d and priority %d translated to code \"%s\" - returning %s(%d)",
-                      LOG_FAC(facility), priority, take_field<ENTRY_WIDTH>(sel64rep).data());
+                      LOG_FAC(facility), priority, field_text<ENTRY_WIDTH>(sel64rep).data());
 }
 
 int zk_conv_base_64_selector(int debug_active, const char* debug_file, const char* sel64rep, int* facility,
@@ -236,11 +236,11 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
     return zk_failed(trace, ZELK_INV_PARAM5, "Priority pointer 0x%x invalid - returning %s(%d)",
                      zk_trace_pointer(priority));
 
-  const std::array<char, ENTRY_WIDTH + 1> field = take_field<ENTRY_WIDTH>(sel64rep);
+  const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(sel64rep);
   if (field[0] == ZERO_DIGIT || field[1] == ZERO_DIGIT || std::strcmp(field.data() + 2, "....") != 0)
     return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" invalid - returning %s(%d)", field.data());
 
-  const std::array<char, 2> facility_digit = take_field<1>(field.data());
+  const std::array<char, 2> facility_digit = field_text<1>(field.data());
   const int facility_number = static_cast<int>(zk_a64l(facility_digit.data())) - 1;
   if (facility_number < 0 || facility_number > LOG_FAC(FACILITY_MAX))
     return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid facility value %d - returning %s(%d)",
@@ -280,7 +280,7 @@ int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep
                       "Time of day value %d secs %d usecs converted to base-64 rep of %s\n"
                       "Returning %s(%d) to caller\n",
                       static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec),
-                      take_field<TIME_WIDTH>(tod64rep).data());
+                      field_text<TIME_WIDTH>(tod64rep).data());
 }
 
 int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep, struct timeval* tbuf) {
@@ -292,9 +292,9 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
 
-  const std::array<char, TIME_WIDTH + 1> field = take_field<TIME_WIDTH>(tod64rep);
-  const auto seconds_field = take_field<SECONDS_WIDTH>(field.data());
-  const auto microseconds_field = take_field<MICROSECONDS_WIDTH>(field.data() + SECONDS_WIDTH);
+  const std::array<char, TIME_WIDTH + 1> field = field_text<TIME_WIDTH>(tod64rep);
+  const auto seconds_field = field_text<SECONDS_WIDTH>(field.data());
+  const auto microseconds_field = field_text<MICROSECONDS_WIDTH>(field.data() + SECONDS_WIDTH);
 
   const uint64_t seconds = zk_a64l(seconds_field.data());
   if (seconds == 0) {
