@@ -1,36 +1,90 @@
 -- SPDX-License-Identifier: MIT
 -- schema.sql - the database of a fleet: one row an incident, whatever is delivered twice, and what can be asked of it.
 --
--- Made once, by the owner of an empty database (PostgreSQL 15), from any folder:
+-- For the owner of a database of PostgreSQL 15, from any folder. It makes what is missing, moves what version 1.1 kept, and may
+-- be run again at any time:
 --
---   createdb zelk && psql -d zelk -v ON_ERROR_STOP=1 -f schema.sql
+--   createdb zelk && psql -d zelk -f schema.sql
 --
--- Two roles come with it, without a password: zelk_writer may call zelk_put and nothing else; zelk_reader may read.
--- Times are those of the nodes. A key is the Error ID, or for an incident without one "#" and a hash of what it says.
+-- Two roles come with it, without a password: zelk_writer may call zelk_put and zelk_put_many and nothing else; zelk_reader may
+-- read. A key is the Error ID, or for an incident without one "#", its second and a hash of what it says. Time and bucket of
+-- a row are in its key, so a key is in one place only, and is looked for there only.
 
 \set ON_ERROR_STOP on
+SET client_min_messages = warning;
 BEGIN;
 
--- ---- What is kept ---------------------------------------------------------------------------------------------------
+-- ---- What version 1.1 kept -------------------------------------------------------------------------------------------
 
-CREATE TABLE zelk_incident (
-  time      timestamptz NOT NULL,                            -- when it was recorded, to the second
+SELECT NOT EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('public.zelk_incident') AND attname = 'bucket')
+       AND to_regclass('public.zelk_incident') IS NOT NULL AS is_upgrade \gset
+\if :is_upgrade
+DROP VIEW zelk_gaps;
+DROP FUNCTION zelk_put(text, text, text), zelk_make_partition(timestamptz), zelk_problem(jsonb), zelk_essence(jsonb),
+  zelk_causes(text), zelk_effects(text), zelk_chain(text), zelk_first_causes(timestamptz);
+CREATE SCHEMA zelk_1_1;
+DO $$
+DECLARE
+  name text;
+BEGIN
+  FOR name IN SELECT relname FROM pg_class WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'p')
+              AND relname LIKE 'zelk\_%' LOOP
+    EXECUTE format('ALTER TABLE %I SET SCHEMA zelk_1_1', name);
+  END LOOP;
+END $$;
+\endif
+
+-- ---- What a key says --------------------------------------------------------------------------------------------------
+
+-- The functions of a key take any text: a cause may be one that is no key.
+
+-- A digit of an Error ID; a number there has the base 64, and its least significant digit first.
+CREATE OR REPLACE FUNCTION zelk_digit(key text, place int) RETURNS int LANGUAGE sql IMMUTABLE PARALLEL SAFE
+RETURN strpos('./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz', substr(key, place + 1, 1)) - 1;
+
+-- When it was recorded: to the microsecond from an Error ID, else to the second.
+CREATE OR REPLACE FUNCTION zelk_time(key text) RETURNS timestamptz LANGUAGE sql IMMUTABLE PARALLEL SAFE
+RETURN CASE
+  WHEN key LIKE '#%' AND key ~ '^#[0-9]{10}-[0-9a-f]{64}$' THEN to_timestamp(substr(key, 2, 10)::float8)
+  ELSE to_timestamp(
+    zelk_digit(key, 7) + 64::float8 * (zelk_digit(key, 8) + 64::float8 * (zelk_digit(key, 9) + 64::float8 * (
+    zelk_digit(key, 10) + 64::float8 * (zelk_digit(key, 11) + 64::float8 * zelk_digit(key, 12)))))
+    + (zelk_digit(key, 13) + 64 * (zelk_digit(key, 14) + 64 * (zelk_digit(key, 15) + 64 * zelk_digit(key, 16)))) / 1e6::float8)
+END;
+
+-- Rows are spread by a number of 12 bits: the last digits of the microsecond, or of the hash.
+CREATE OR REPLACE FUNCTION zelk_bucket(key text) RETURNS smallint LANGUAGE sql IMMUTABLE PARALLEL SAFE
+RETURN CASE
+  WHEN key LIKE '#%' AND key ~ '^#[0-9]{10}-[0-9a-f]{64}$' THEN ('x' || right(key, 3))::bit(12)::int
+  ELSE zelk_digit(key, 13) + 64 * zelk_digit(key, 14)
+END::smallint;
+
+-- ---- What is kept -----------------------------------------------------------------------------------------------------
+
+CREATE TABLE IF NOT EXISTS zelk_incident (
+  bucket    smallint    NOT NULL,                            -- zelk_bucket(key)
+  time      timestamptz NOT NULL,                            -- zelk_time(key)
   received  timestamptz NOT NULL DEFAULT clock_timestamp(),
-  key       text        NOT NULL,
-  cause     text,                                            -- key of the incident that caused this one
+  key       text        NOT NULL COLLATE "C",
+  cause     text        COLLATE "C",                         -- key of the incident that caused this one
   host      text        NOT NULL,                            -- name of the node that sent it
-  incident  json        NOT NULL,                            -- the line of zkexport, byte for byte
-  PRIMARY KEY (key, time)
-) PARTITION BY RANGE (time);
-CREATE INDEX zelk_incident_cause ON zelk_incident (cause) WHERE cause IS NOT NULL;
-CREATE INDEX zelk_incident_time ON zelk_incident (time);
+  incident  json        NOT NULL                             -- the line of zkexport, byte for byte
+) PARTITION BY RANGE (bucket);
 
--- For months that have no partition of their own: clocks that are far off end up here.
-CREATE TABLE zelk_incident_other PARTITION OF zelk_incident DEFAULT;
+-- What this database keeps itself, by months. A key has one time, so it is there once.
+DO $$ BEGIN
+  IF to_regclass('zelk_incident_here') IS NULL THEN
+    CREATE TABLE zelk_incident_here PARTITION OF zelk_incident (PRIMARY KEY (key, time))
+      FOR VALUES FROM (0) TO (4096) PARTITION BY RANGE (time);
+    CREATE INDEX zelk_incident_here_cause ON zelk_incident_here (cause) WHERE cause IS NOT NULL;
+    CREATE INDEX zelk_incident_here_time ON zelk_incident_here (time);
+    CREATE TABLE zelk_incident_other PARTITION OF zelk_incident_here DEFAULT; -- of months that have none of their own
+  END IF;
+END $$;
 
 -- Gaps (incidents were overwritten before they could be read) and damaged stacks. `place` tells two gaps of a stack apart:
 -- it is the spool file of the node and the offset of the line in it.
-CREATE TABLE zelk_notice (
+CREATE TABLE IF NOT EXISTS zelk_notice (
   received  timestamptz NOT NULL DEFAULT clock_timestamp(),
   host      text        NOT NULL,
   place     text        NOT NULL,
@@ -38,186 +92,443 @@ CREATE TABLE zelk_notice (
   stack     text        NOT NULL,
   notice    json        NOT NULL
 );
-CREATE UNIQUE INDEX zelk_notice_key ON zelk_notice (host, place, md5(notice::text));
+CREATE UNIQUE INDEX IF NOT EXISTS zelk_notice_key ON zelk_notice (host, place, md5(notice::text));
 
 -- Lines that are none of these, as they came. Whoever sends them may say nothing of their place.
-CREATE TABLE zelk_rejected (
+CREATE TABLE IF NOT EXISTS zelk_rejected (
   received  timestamptz NOT NULL DEFAULT clock_timestamp(),
   host      text        NOT NULL,
   place     text        NOT NULL,
   reason    text        NOT NULL,
-  line      text        NOT NULL
+  line      bytea       NOT NULL
 );
-CREATE UNIQUE INDEX zelk_rejected_key ON zelk_rejected (host, place, md5(line));
+CREATE UNIQUE INDEX IF NOT EXISTS zelk_rejected_key ON zelk_rejected (host, place, md5(line));
 
-CREATE VIEW zelk_gaps AS
+CREATE OR REPLACE VIEW zelk_gaps AS
   SELECT host, stack, count(*) AS gaps, max(received) AS newest FROM zelk_notice WHERE kind = 'gap' GROUP BY host, stack;
 
--- ---- Taking lines in ------------------------------------------------------------------------------------------------
+-- Incidents in plain columns.
+CREATE OR REPLACE VIEW zelk_plain AS
+  SELECT time, host, incident->>'node' AS node, incident->>'stack' AS stack,
+         incident #>> '{process,name}' AS process, (incident #>> '{process,id}')::int AS pid,
+         incident #>> '{source,product}' AS product, incident #>> '{source,file}' AS file,
+         (incident #>> '{source,line}')::int AS line, incident->>'description' AS description,
+         incident->>'details' AS details, key, cause, received
+    FROM zelk_incident;
 
--- Makes the partition of the month of `day` where there is none, for times that a clock may well show. Rows of that month
--- that had to wait among the others move in.
-CREATE FUNCTION zelk_make_partition(day timestamptz) RETURNS void LANGUAGE plpgsql SET timezone = 'UTC' AS $$
+-- ---- Months -----------------------------------------------------------------------------------------------------------
+
+-- Makes the partition of the month of `day` where there is none. Rows of that month that had to wait among the others move in.
+CREATE OR REPLACE FUNCTION zelk_make_partition(day timestamptz) RETURNS void LANGUAGE plpgsql SET timezone = 'UTC' AS $$
 DECLARE
   first timestamptz := date_trunc('month', day);
   behind timestamptz := first + interval '1 month';
   name text := 'zelk_incident_' || to_char(first, 'YYYY_MM');
 BEGIN
-  IF day NOT BETWEEN now() - interval '10 years' AND now() + interval '1 month' OR to_regclass(name) IS NOT NULL THEN
-    RETURN;
-  END IF;
-  LOCK TABLE zelk_incident IN SHARE UPDATE EXCLUSIVE MODE; -- as ATTACH does; incidents still come in
+  LOCK TABLE zelk_incident_here IN SHARE UPDATE EXCLUSIVE MODE; -- as ATTACH does; incidents still come in
   IF to_regclass(name) IS NOT NULL THEN
     RETURN; -- another session was faster
   END IF;
-  EXECUTE format('CREATE TABLE %I (LIKE zelk_incident INCLUDING ALL)', name);
+  LOCK TABLE zelk_incident_other IN ACCESS EXCLUSIVE MODE; -- ATTACH looks into it
+  EXECUTE format('CREATE TABLE %I (LIKE zelk_incident_here INCLUDING ALL)', name);
   EXECUTE format('WITH moved AS (DELETE FROM zelk_incident_other WHERE time >= %L AND time < %L RETURNING *)
                   INSERT INTO %I SELECT * FROM moved', first, behind, name);
-  EXECUTE format('ALTER TABLE zelk_incident ATTACH PARTITION %I FOR VALUES FROM (%L) TO (%L)', name, first, behind);
+  EXECUTE format('ALTER TABLE zelk_incident_here ATTACH PARTITION %I FOR VALUES FROM (%L) TO (%L)', name, first, behind);
 END $$;
 
--- What is wrong with a line that claims to be an incident, null for nothing. It has to be one that zkexport --input takes.
-CREATE FUNCTION zelk_problem(line jsonb) RETURNS text LANGUAGE sql IMMUTABLE AS $$
-  SELECT CASE
-    WHEN jsonb_typeof(line) <> 'object' THEN 'not an object'
-    WHEN jsonb_typeof(line->'stack') IS DISTINCT FROM 'string' THEN 'no stack'
-    WHEN line ? 'gap' OR line ? 'error' THEN NULL
-    WHEN jsonb_typeof(line->'id') IS NULL OR jsonb_typeof(line->'id') NOT IN ('string', 'null') THEN 'no id'
-    WHEN jsonb_typeof(line->'cause') IS NULL OR jsonb_typeof(line->'cause') NOT IN ('string', 'null') THEN 'no cause'
-    WHEN missing.members IS NOT NULL THEN 'no ' || missing.members
-    WHEN line->>'time' !~ '^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$' THEN 'a time that is not RFC 3339'
-    WHEN length(line->>'id') > 42 OR length(line->>'cause') > 42 THEN 'an Error ID that is too long'
-  END
-  FROM (
-    SELECT string_agg(member, ', ') AS members
-      FROM (VALUES
-        ('number', 'offset'), ('string', 'time'), ('string', 'description'), ('string', 'details'),
-        ('string', 'process.name'), ('number', 'process.id'), ('number', 'process.parent'), ('number', 'process.thread'),
-        ('string', 'source.file'), ('string', 'source.version'), ('string', 'source.product'), ('number', 'source.line'),
-        ('string', 'message.catalog'), ('number', 'message.set'), ('number', 'message.number'),
-        ('string', 'message.default'), ('array', 'message.arguments')) wanted (type, member)
-      WHERE jsonb_typeof(line #> string_to_array(member, '.')) IS DISTINCT FROM type
-  ) missing $$;
+-- Makes the partition of the month of `day` unless somebody has been asking for long what has to be locked for that: rather than
+-- have every node wait, rows of the month go to the others until the next try.
+CREATE OR REPLACE FUNCTION zelk_try_partition(day timestamptz) RETURNS void LANGUAGE plpgsql SET lock_timeout = '100ms' AS $$
+BEGIN
+  IF clock_timestamp() >= coalesce(nullif(current_setting('zelk.next_try', true), ''), '-infinity')::timestamptz THEN
+    PERFORM zelk_make_partition(day);
+  END IF;
+EXCEPTION WHEN lock_not_available OR deadlock_detected THEN
+  PERFORM set_config('zelk.next_try', (clock_timestamp() + interval '10 seconds')::text, false);
+END $$;
+
+-- Drops what was recorded before that time ago, whole months only, and what was received before then of everything else.
+-- A month that somebody is asking for stays until the next call. Returns how many months it dropped.
+CREATE OR REPLACE FUNCTION zelk_drop_before(age interval) RETURNS int LANGUAGE plpgsql SET timezone = 'UTC'
+SET lock_timeout = '500ms' AS $$
+DECLARE
+  name text;
+  dropped int := 0;
+BEGIN
+  FOR name IN SELECT inhrelid::regclass::text FROM pg_inherits WHERE inhparent = 'zelk_incident_here'::regclass
+              AND inhrelid::regclass::text ~ '^zelk_incident_\d{4}_\d\d$' ORDER BY 1 LOOP
+    CONTINUE WHEN to_date(right(name, 7), 'YYYY_MM') + interval '1 month' > now() - age;
+    BEGIN
+      EXECUTE format('DROP TABLE %I', name);
+      dropped := dropped + 1;
+    EXCEPTION WHEN lock_not_available THEN
+      RAISE NOTICE '% is in use', name;
+    END;
+  END LOOP;
+  DELETE FROM zelk_incident_other WHERE time < now() - age;
+  DELETE FROM zelk_notice WHERE received < now() - age;
+  DELETE FROM zelk_rejected WHERE received < now() - age;
+  RETURN dropped;
+END $$;
+
+-- ---- What is a line of zkexport ---------------------------------------------------------------------------------------
+
+DO $$ BEGIN
+  IF to_regtype('zelk_line') IS NULL THEN
+    CREATE TYPE zelk_line_process AS (name text, id int, parent int, thread int);
+    CREATE TYPE zelk_line_source AS (file text, version text, product text, line int);
+    CREATE TYPE zelk_line_argument AS (type text, value json);
+    CREATE TYPE zelk_line_message AS (catalog text, set int, number int, "default" text, arguments zelk_line_argument[]);
+    CREATE TYPE zelk_line AS (stack text, "offset" bigint, id text, cause text, time text, id_time text, node text,
+      process zelk_line_process, source zelk_line_source, message zelk_line_message, description text, details text);
+    CREATE TYPE zelk_line_error AS (code int, name text, "offset" bigint, reason text);
+  END IF;
+END $$;
+
+-- The line with its control characters as zkexport escapes them, not as PostgreSQL does.
+CREATE OR REPLACE FUNCTION zelk_escaped(line text) RETURNS text LANGUAGE plpgsql IMMUTABLE AS $$
+DECLARE
+  code int;
+BEGIN
+  line := replace(line, '\\', E'\x01'); -- which no line has
+  FOREACH code IN ARRAY ARRAY[11, 14, 15, 26, 27, 28, 29, 30, 31] LOOP
+    line := replace(line, '\u00' || lpad(to_hex(code), 2, '0'), '\u00' || upper(lpad(to_hex(code), 2, '0')));
+  END LOOP;
+  FOR code IN 127..159 LOOP
+    line := replace(line, chr(code), '\u00' || to_hex(code));
+  END LOOP;
+  RETURN replace(line, E'\x01', '\\');
+END $$;
 
 -- What an incident says whoever tells it: a copy of its stack has it elsewhere, and the description depends on the
 -- node's catalogs.
-CREATE FUNCTION zelk_essence(line jsonb) RETURNS jsonb LANGUAGE sql IMMUTABLE AS $$
-  SELECT line - '{stack,offset,description,description_base64}'::text[] $$;
+CREATE OR REPLACE FUNCTION zelk_essence(line jsonb) RETURNS jsonb LANGUAGE sql IMMUTABLE
+RETURN line - '{stack,stack_base64,offset,description,description_base64,cut}'::text[];
 
--- Takes one line of zkexport from a node. Whatever the line holds, it comes to a table, and the same line comes to the
--- same row; an error means that the database cannot take it now, and that it has to be sent again.
-CREATE FUNCTION zelk_put(host text, place text, line text) RETURNS void
-LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp AS $$
+-- Reads one line of zkexport. `kind` is 'incident', 'gap' or 'error', or null with the reason. A line is one when PostgreSQL, told
+-- its members, would write the same bytes: so they are all there, once, in their order, and each is what it has to be.
+CREATE OR REPLACE FUNCTION zelk_read(host text, line text, OUT kind text, OUT key text, OUT cause text, OUT stack text,
+                                     OUT reason text)
+LANGUAGE plpgsql STABLE AS $$
 DECLARE
-  said jsonb;
-  problem text;
-  at timestamptz;
-  id text;
-  known json;
+  said zelk_line;
+  error zelk_line_error;
+  plain text := line;
+  written text;
+  kind_said text := 'incident';
+  is_key boolean;
+  argument zelk_line_argument;
 BEGIN
-  host := left(host, 255);
-  place := left(place, 255);
-  BEGIN
-    said := line;
-    problem := zelk_problem(said);
-    at := said->>'time';
-  EXCEPTION WHEN others THEN -- no JSON, \u0000, nested too deep, a 31st of June
-    problem := SQLERRM;
-  END;
-  IF problem IS NOT NULL THEN
-    INSERT INTO zelk_rejected (host, place, reason, line) VALUES (host, place, problem, line) ON CONFLICT DO NOTHING;
+  IF line IS NULL OR line NOT LIKE '{"stack":"%' THEN
+    reason := 'not a line of zkexport';
     RETURN;
   END IF;
-  IF said ? 'gap' OR said ? 'error' THEN
-    INSERT INTO zelk_notice (host, place, kind, stack, notice)
-      VALUES (host, place, CASE WHEN said ? 'gap' THEN 'gap' ELSE 'error' END, said->>'stack', line::json)
-      ON CONFLICT DO NOTHING;
-    RETURN;
+  said := json_populate_record(NULL::zelk_line, line::json);
+  written := row_to_json(said);
+  IF written <> line THEN
+    -- What only some lines have: bytes that are no text, a cut, an Error ID that says nothing, control characters.
+    plain := regexp_replace(plain, ',"[a-z]+_base64":"[+/0-9A-Za-z]*=*"', '', 'g');
+    plain := replace(plain, ',"cut":true', '');
+    IF plain LIKE '%,"gap":true}' THEN
+      kind_said := 'gap';
+      written := format('{"stack":%s,"gap":true}', to_json(said.stack));
+    ELSIF strpos(plain, ',"error":{') > 0 THEN
+      kind_said := 'error';
+      error := json_populate_record(NULL::zelk_line_error, line::json->'error');
+      written := format('{"stack":%s,"error":{"code":%s,"name":%s%s,"reason":%s}}', to_json(said.stack), error.code,
+                        to_json(error.name), ',"offset":' || error."offset", to_json(error.reason));
+    ELSE
+      written := replace(written, ',"id_time":null,"node":null,', ',');
+    END IF;
+    IF strpos(plain, '\u') > 0 THEN
+      written := zelk_escaped(written);
+    END IF;
+    IF plain <> written THEN
+      reason := 'not as zkexport writes it';
+      RETURN;
+    END IF;
   END IF;
 
-  id := said->>'id';
-  IF id IS NULL OR id !~ '^[./0-9A-Za-z]{42}$' THEN
-    id := '#' || encode(sha256(convert_to(host || ' ' || (said->>'stack') || ' ' || (said->>'offset') || ' ' ||
-                                          zelk_essence(said)::text, 'UTF8')), 'hex');
+  IF kind_said = 'incident' THEN
+    is_key := coalesce(said.id ~ '^[./0-9A-Za-z]{42}$', false);
+    reason := CASE
+      WHEN said."offset" IS NULL OR said.time IS NULL OR said.description IS NULL OR said.details IS NULL
+        OR NOT said.process IS NOT NULL OR NOT said.source IS NOT NULL OR NOT said.message IS NOT NULL
+        THEN 'a member is missing'
+      WHEN '' IN (said.id, said.cause) OR length(said.id) > 42 OR length(said.cause) > 42
+        THEN 'an Error ID that is none'
+      WHEN said.id_time IS NOT NULL
+        AND NOT (is_key AND to_char(zelk_time(said.id) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = said.id_time)
+        THEN 'a time that its Error ID does not say'
+      WHEN left(said.id_time, 19) || 'Z' = said.time -- as nearly always
+        THEN NULL
+      WHEN to_char(said.time::timestamptz AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS"Z"') <> said.time
+        THEN 'a time that is none'
+    END;
+    FOREACH argument IN ARRAY (said.message).arguments LOOP
+      IF argument.type IS NULL OR argument.value IS NULL OR argument.value::text NOT LIKE '"%' AND
+          (argument.value::text !~ '^-?(0|[1-9][0-9]{0,29})(\.[0-9]{1,40})?(e[-+][0-9]{1,3})?$'
+           OR argument.value::text::float8 IS NULL) THEN -- one that is out of range is an error
+        reason := 'an argument that is none';
+      END IF;
+    END LOOP;
+    IF reason IS NOT NULL THEN
+      RETURN;
+    END IF;
+    cause := said.cause;
+    key := said.id;
+    IF NOT is_key THEN
+      key := '#' || lpad(greatest(extract(epoch FROM said.time::timestamptz), 0)::bigint::text, 10, '0') || '-' ||
+             encode(sha256(convert_to(concat_ws(' ', host, said.stack, said."offset", zelk_essence(line::jsonb)), 'UTF8')), 'hex');
+    END IF;
   END IF;
-  PERFORM zelk_make_partition(at); -- while nothing is locked that another session waits for
-  SELECT i.incident INTO known FROM zelk_incident i WHERE i.key = id LIMIT 1;
-  IF NOT FOUND THEN
-    INSERT INTO zelk_incident (time, key, cause, host, incident)
-      VALUES (at, id, nullif(said->>'cause', ''), host, line::json) ON CONFLICT DO NOTHING;
-  ELSIF zelk_essence(known::jsonb) <> zelk_essence(said) THEN
-    INSERT INTO zelk_rejected (host, place, reason, line)
-      VALUES (host, place, 'another incident has this Error ID', line) ON CONFLICT DO NOTHING;
-  END IF;
+  stack := said.stack;
+  kind := kind_said;
+EXCEPTION WHEN data_exception OR program_limit_exceeded OR statement_too_complex OR feature_not_supported THEN
+  reason := SQLERRM; -- no JSON, \u0000, nested too deep, a 31st of June
 END $$;
 
--- ---- Asking ---------------------------------------------------------------------------------------------------------
--- All of these follow causes across nodes, over 1,000 steps at most, and end where causes go round in a circle.
+-- A line as the bytes that came.
+CREATE OR REPLACE FUNCTION zelk_bytes(line text) RETURNS bytea LANGUAGE sql IMMUTABLE
+RETURN CASE
+  WHEN line LIKE '\\x%' AND line ~ '^\\x([0-9a-f]{2})*$' THEN decode(substr(line, 3), 'hex')
+  ELSE convert_to(coalesce(line, ''), 'UTF8')
+END;
+
+-- The row of a key, looked for in its partition only. (Inlined: "LIMIT 1" has the key known before that.)
+CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUAGE sql STABLE AS $$
+  SELECT * FROM zelk_incident i
+    WHERE i.key = zelk_row.key COLLATE "C" AND i.time = zelk_time(zelk_row.key) AND i.bucket = zelk_bucket(zelk_row.key) LIMIT 1 $$;
+
+-- ---- Taking lines in --------------------------------------------------------------------------------------------------
+
+-- Takes lines of zkexport from nodes, which may be the same one. Whatever a line holds, it comes to a table, and the same line
+-- comes to the same row; an error means that the database cannot take them now, and that they have to be sent again. A line that
+-- begins with "\x" stands for bytes that are no text, in hexadecimal digits.
+CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[]) RETURNS void
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on AS $$
+DECLARE
+  month timestamptz;
+  repeated bigint;
+BEGIN
+  FOREACH month IN ARRAY ARRAY[now(), now() + interval '3 days'] LOOP
+    IF to_regclass('zelk_incident_' || to_char(month AT TIME ZONE 'UTC', 'YYYY_MM')) IS NULL THEN
+      PERFORM zelk_try_partition(month); -- while nothing is locked that another session waits for
+    END IF;
+  END LOOP;
+
+  -- All in the order of their keys, so that sessions with the same lines wait for each other in a row, not in a circle.
+  WITH came AS MATERIALIZED (
+    SELECT left(coalesce(each.host, ''), 255) AS host, left(coalesce(each.place, ''), 255) AS place, each.line, each.number, said.*
+      FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number), zelk_read(each.host, each.line) said
+  ), added AS (
+    INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
+      SELECT DISTINCT ON (key COLLATE "C") zelk_bucket(key), zelk_time(key), key, cause, host, line::json
+        FROM came WHERE kind = 'incident' ORDER BY key COLLATE "C", number
+      ON CONFLICT DO NOTHING RETURNING 1
+  ), noticed AS (
+    INSERT INTO zelk_notice (host, place, kind, stack, notice)
+      SELECT host, place, kind, stack, line::json FROM came WHERE kind IN ('gap', 'error') ORDER BY came.host, came.place, came.line
+      ON CONFLICT DO NOTHING
+  ), rejected AS (
+    INSERT INTO zelk_rejected (host, place, reason, line)
+      SELECT host, place, reason, zelk_bytes(line) FROM came WHERE kind IS NULL ORDER BY came.host, came.place, came.line
+      ON CONFLICT DO NOTHING
+  )
+  SELECT (SELECT count(*) FROM came WHERE kind = 'incident') - (SELECT count(*) FROM added) INTO repeated;
+  IF repeated = 0 THEN
+    RETURN;
+  END IF;
+
+  -- Some were there already, perhaps as something else.
+  INSERT INTO zelk_rejected (host, place, reason, line)
+    SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), 'another incident has this Error ID',
+           zelk_bytes(each.line)
+      FROM unnest(hosts, places, lines) each (host, place, line), zelk_read(each.host, each.line) said,
+           zelk_row(said.key) known
+      WHERE said.kind = 'incident' AND known.incident::text <> each.line
+        AND zelk_essence(known.incident::jsonb) <> zelk_essence(each.line::jsonb)
+      ORDER BY each.host, each.place, each.line
+    ON CONFLICT DO NOTHING;
+END $$;
+
+CREATE OR REPLACE FUNCTION zelk_put(host text, place text, line text) RETURNS void
+LANGUAGE sql SECURITY DEFINER SET search_path = public, pg_temp AS $$
+  SELECT zelk_put_many(ARRAY[host], ARRAY[place], ARRAY[line]) $$;
+
+-- Rows of version 1.1 keep the time at which they came.
+\if :is_upgrade
+INSERT INTO zelk_incident (bucket, time, received, key, cause, host, incident)
+  SELECT zelk_bucket(old.key), zelk_time(old.key), old.received, old.key, old.cause, old.host, old.incident
+    FROM (SELECT received, cause, host, incident, CASE WHEN key LIKE '#%'
+              THEN '#' || lpad(greatest(extract(epoch FROM time), 0)::bigint::text, 10, '0') || '-' || substr(key, 2) ELSE key END AS key
+            FROM zelk_1_1.zelk_incident) old
+  ON CONFLICT DO NOTHING;
+INSERT INTO zelk_notice SELECT * FROM zelk_1_1.zelk_notice;
+INSERT INTO zelk_rejected SELECT received, host, place, reason, convert_to(line, 'UTF8') FROM zelk_1_1.zelk_rejected;
+DROP SCHEMA zelk_1_1 CASCADE;
+\endif
+
+-- ---- Asking -----------------------------------------------------------------------------------------------------------
+-- All of these follow causes across nodes, however far, and end where causes go round in a circle.
 
 -- The incident `id`, the one that caused it, and so on to the first cause. A cause that has not come in ends the list.
+DROP FUNCTION IF EXISTS zelk_causes(text);
 CREATE FUNCTION zelk_causes(id text)
 RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json) LANGUAGE sql STABLE AS $$
-  WITH RECURSIVE trail AS (
-    SELECT 0 AS depth, i.key, i.time, i.host, i.cause, i.incident FROM zelk_incident i WHERE i.key = zelk_causes.id
-    UNION ALL
-    SELECT trail.depth + 1, i.key, i.time, i.host, i.cause, i.incident
-      FROM trail JOIN zelk_incident i ON i.key = trail.cause WHERE trail.depth < 1000
-  ) CYCLE key SET is_again USING seen
-  SELECT trail.depth, trail.key, trail.time, trail.host, trail.cause, trail.incident
-    FROM trail WHERE NOT is_again ORDER BY trail.depth $$;
+  WITH RECURSIVE trail (key) AS (
+    SELECT zelk_causes.id COLLATE "C"
+    UNION -- leaves a circle when it has gone round
+    SELECT i.cause FROM trail, zelk_row(trail.key) i WHERE i.cause IS NOT NULL
+  )
+  SELECT (step.number - 1)::int, i.key, i.time, i.host, i.cause, i.incident
+    FROM (SELECT trail.key, row_number() OVER () AS number FROM trail) step, zelk_row(step.key) i ORDER BY step.number $$;
 
 -- The incident `id` and all that it led to, each behind its cause, the effects of one cause in the order of their times.
 -- An `id` that has not come in has a row without time, host and incident, if there are effects of it.
-CREATE FUNCTION zelk_effects(id text)
-RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json) LANGUAGE sql STABLE AS $$
-  WITH RECURSIVE trail AS (
-    SELECT 0 AS depth, head.key, i.time, i.host, i.cause, i.incident, ARRAY[''] AS way
-      FROM (SELECT zelk_effects.id AS key) head LEFT JOIN zelk_incident i USING (key)
-      WHERE i.key IS NOT NULL OR EXISTS (SELECT FROM zelk_incident effect WHERE effect.cause = head.key)
-    UNION ALL
-    SELECT trail.depth + 1, i.key, i.time, i.host, i.cause, i.incident,
-           trail.way || (coalesce(i.incident->>'id_time', i.incident->>'time') || i.key)
-      FROM trail JOIN zelk_incident i ON i.cause = trail.key WHERE trail.depth < 1000
-  ) CYCLE key SET is_again USING seen
-  SELECT trail.depth, trail.key, trail.time, trail.host, trail.cause, trail.incident
-    FROM trail WHERE NOT is_again ORDER BY trail.way $$;
+CREATE OR REPLACE FUNCTION zelk_effects(id text)
+RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json)
+LANGUAGE plpgsql STABLE SET plan_cache_mode = force_generic_plan AS $$
+#variable_conflict use_column
+DECLARE
+  keys text[] := ARRAY[id];  -- level by level, each level in the order of times
+  parents int[] := ARRAY[0]; -- numbers of the causes in `keys`
+  levels int[] := ARRAY[0];
+  sizes int[] := ARRAY[1];   -- how many they are with all that they led to
+  places int[] := ARRAY[1];  -- where they stand in the answer
+  next int[];                -- where the next effect of each stands
+  first int := 1;
+  last int := 1;
+  effect record;
+BEGIN
+  WHILE first <= last LOOP
+    -- The effects of one level. Each incident has one cause, so only the first can be met again.
+    FOR effect IN
+      SELECT i.key, level.number FROM unnest(keys[first:last]) WITH ORDINALITY AS level (key, number)
+        JOIN zelk_incident i ON i.cause = level.key COLLATE "C"
+        WHERE i.cause = ANY (keys[first:last]) AND i.key <> id
+        ORDER BY i.time, i.key
+    LOOP
+      keys := keys || effect.key;
+      parents := parents || first + effect.number::int - 1;
+      levels := levels || levels[first] + 1;
+      sizes := sizes || 1;
+      places := places || 0;
+    END LOOP;
+    first := last + 1;
+    last := cardinality(keys);
+  END LOOP;
+
+  FOR number IN REVERSE last..2 LOOP
+    sizes[parents[number]] := sizes[parents[number]] + sizes[number];
+  END LOOP;
+  next := sizes;
+  next[1] := 2;
+  FOR number IN 2..last LOOP
+    places[number] := next[parents[number]];
+    next[parents[number]] := places[number] + sizes[number];
+    next[number] := places[number] + 1;
+  END LOOP;
+
+  RETURN QUERY
+    SELECT each.depth, each.key, i.time, i.host, i.cause, i.incident
+      FROM unnest(keys, levels, places) each (key, depth, place) LEFT JOIN LATERAL zelk_row(each.key) i ON true
+      WHERE last > 1 OR i.key IS NOT NULL ORDER BY each.place;
+END $$;
 
 -- All that belongs to the incident `id`: its first cause, and everything that led to, as zelk_effects has it.
-CREATE FUNCTION zelk_chain(id text)
+CREATE OR REPLACE FUNCTION zelk_chain(id text)
 RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json) LANGUAGE sql STABLE AS $$
   SELECT * FROM zelk_effects(coalesce(
     (SELECT coalesce(c.cause, c.key) FROM zelk_causes(zelk_chain.id) c ORDER BY c.depth DESC LIMIT 1), zelk_chain.id)) $$;
 
+-- What zelk_first_causes looks at: incidents since then, numbered from 1, behind them the earlier ones to which their causes lead.
+CREATE OR REPLACE FUNCTION zelk_numbered(since timestamptz)
+RETURNS TABLE (number int, key text, cause text, is_recent boolean) LANGUAGE sql STABLE AS $$
+  WITH RECURSIVE earlier (key) AS (
+    SELECT i.cause FROM zelk_incident i WHERE i.time >= since AND zelk_time(i.cause) < since
+    UNION
+    SELECT i.cause FROM earlier, zelk_row(earlier.key) i WHERE zelk_time(i.cause) < since
+  )
+  SELECT row_number() OVER (ORDER BY NOT is_recent, key)::int, key, cause, is_recent FROM (
+    SELECT i.key, i.cause, true AS is_recent FROM zelk_incident i WHERE i.time >= since
+    UNION ALL
+    SELECT i.key, i.cause, false FROM earlier, zelk_row(earlier.key) i) either $$;
+
 -- First causes of what has been recorded since then, those with the most effects first. Incidents that caused nothing are
 -- in it with 0 effects; a first cause that has not come in has no time, host and incident.
-CREATE FUNCTION zelk_first_causes(since timestamptz)
-RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json) LANGUAGE sql STABLE AS $$
-  WITH RECURSIVE trail AS (
-    SELECT 0 AS depth, i.key AS effect, i.key, i.cause FROM zelk_incident i WHERE i.time >= zelk_first_causes.since
-    UNION ALL
-    SELECT trail.depth + 1, trail.effect, trail.cause,
-           (SELECT i.cause FROM zelk_incident i WHERE i.key = trail.cause LIMIT 1)
-      FROM trail WHERE trail.cause IS NOT NULL AND trail.depth < 1000
-  ) CYCLE effect, key SET is_again USING seen,
-  heads AS (
-    SELECT trail.key, count(*) FILTER (WHERE trail.effect <> trail.key) AS effects
-      FROM trail WHERE trail.cause IS NULL GROUP BY trail.key
-  )
-  SELECT heads.effects, heads.key, i.time, i.host, i.incident
-    FROM heads LEFT JOIN zelk_incident i USING (key) ORDER BY heads.effects DESC, i.time $$;
+CREATE OR REPLACE FUNCTION zelk_first_causes(since timestamptz)
+RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json)
+LANGUAGE plpgsql STABLE SET work_mem = '16MB' AS $$
+#variable_conflict use_column
+DECLARE
+  causes int[];  -- number of the cause of each, 0 for none, -1 for one that has not come in
+  heads int[];   -- number of the first of its chain; 0 while it is not known, minus the number of a walk that goes on
+  effects int[]; -- how many recent ones each heads
+  recent int;    -- how many there are
+  place int;
+  head int;
+  step int;
+BEGIN
+  WITH numbered AS MATERIALIZED (SELECT * FROM zelk_numbered(since))
+  SELECT array_agg(coalesce(cause.number, CASE WHEN each.cause IS NULL THEN 0 ELSE -1 END) ORDER BY each.number),
+         array_agg(0), array_agg(0), count(*) FILTER (WHERE each.is_recent)
+    INTO causes, heads, effects, recent
+    FROM numbered each LEFT JOIN numbered cause ON cause.key = each.cause;
 
--- ---- Who may do what ------------------------------------------------------------------------------------------------
+  FOR number IN 1..recent LOOP
+    place := number;
+    WHILE heads[place] = 0 LOOP
+      IF causes[place] <= 0 THEN
+        heads[place] := place;
+      ELSE
+        heads[place] := -number;
+        place := causes[place];
+      END IF;
+    END LOOP;
+    head := heads[place];
+    CONTINUE WHEN head < 0; -- a circle has no first cause, nor has what it led to
+    effects[head] := effects[head] + 1;
+    place := number;
+    WHILE heads[place] < 0 LOOP
+      step := causes[place];
+      heads[place] := head;
+      place := step;
+    END LOOP;
+  END LOOP;
 
-DO $$ BEGIN
+  RETURN QUERY
+    SELECT found.effects::bigint, found.key, i.time, i.host, i.incident
+      FROM (SELECT CASE each.cause_number WHEN 0 THEN n.key ELSE n.cause END AS key,
+                   sum(each.effects - CASE WHEN each.cause_number = 0 AND n.is_recent THEN 1 ELSE 0 END) AS effects
+              FROM zelk_numbered(since) n JOIN unnest(causes, effects) WITH ORDINALITY AS each (cause_number, effects, number)
+                ON each.number = n.number
+              WHERE each.cause_number <= 0 GROUP BY 1) found
+        LEFT JOIN LATERAL zelk_row(found.key) i ON true
+      ORDER BY found.effects DESC, i.time;
+END $$;
+
+-- ---- Who may do what --------------------------------------------------------------------------------------------------
+
+DO $$
+DECLARE
+  name text;
+BEGIN
   IF to_regrole('zelk_writer') IS NULL THEN CREATE ROLE zelk_writer LOGIN; END IF;
   IF to_regrole('zelk_reader') IS NULL THEN CREATE ROLE zelk_reader LOGIN; END IF;
+  FOR name IN SELECT oid::regprocedure FROM pg_proc WHERE pronamespace = 'public'::regnamespace AND proname LIKE 'zelk\_%' LOOP
+    EXECUTE format('REVOKE ALL ON FUNCTION %s FROM PUBLIC', name);
+  END LOOP;
 END $$;
-REVOKE ALL ON FUNCTION zelk_put(text, text, text), zelk_make_partition(timestamptz) FROM PUBLIC;
-GRANT EXECUTE ON FUNCTION zelk_put(text, text, text) TO zelk_writer;
-GRANT SELECT ON zelk_incident, zelk_incident_other, zelk_notice, zelk_rejected, zelk_gaps TO zelk_reader;
+GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]) TO zelk_writer;
+GRANT EXECUTE ON FUNCTION zelk_digit(text, int), zelk_time(text), zelk_bucket(text), zelk_row(text), zelk_causes(text),
+  zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_first_causes(timestamptz) TO zelk_reader;
+GRANT SELECT ON zelk_incident, zelk_incident_here, zelk_incident_other, zelk_notice, zelk_rejected, zelk_gaps, zelk_plain
+  TO zelk_reader;
 SELECT format('REVOKE TEMPORARY ON DATABASE %I FROM PUBLIC', current_database()) \gexec
 
 -- The recursive queries above look dear to the planner and are not; compiling them takes longer than they do.
 SELECT format('ALTER DATABASE %I SET jit = off', current_database()) \gexec
 
+SELECT zelk_make_partition(now() + months * interval '1 month') FROM generate_series(-1, 1) months \g /dev/null
 COMMIT;
