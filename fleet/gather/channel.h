@@ -1,0 +1,53 @@
+/* SPDX-License-Identifier: MIT */
+/* channel.h - a connection by which bytes come and go, in the open or by TLS, and never waited for. */
+#ifndef CHANNEL_H
+#define CHANNEL_H
+
+#include <gnutls/gnutls.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+/* A certificate, its key, and the authorities whose certificates are believed. Sessions keep what they were begun with. */
+struct certificates_t {
+  gnutls_certificate_credentials_t credentials;
+};
+
+/* Reads the three files. Returns null with the reason when one of them cannot be used. */
+std::shared_ptr<certificates_t> load_certificates(const std::string& certificate, const std::string& key,
+                                                  const std::string& authority, std::string* problem);
+
+struct channel_t {
+  int fildes = -1;
+  gnutls_session_t session = nullptr; /* null in the open */
+  std::shared_ptr<certificates_t> certificates;
+  bool is_half_sent = false; /* GnuTLS keeps a record that did not leave whole */
+  std::string peer_name;     /* what the certificate of the other side says, empty in the open */
+};
+
+/* Takes over a connected socket. With certificates, as the side that `is_server` says. Returns false when memory is short. */
+bool open_channel(channel_t* channel, int fildes, std::shared_ptr<certificates_t> certificates, bool is_server);
+
+enum channel_result_t {
+  CHANNEL_DONE,
+  CHANNEL_WANTS_READ, /* go on when the socket can be read, or */
+  CHANNEL_WANTS_WRITE,
+  CHANNEL_CLOSED,
+  CHANNEL_FAILED /* `reason` says why */
+};
+
+/* Goes on with the beginning of TLS; done at once in the open. A certificate that is not of the authority fails, and so does a
+ * name other than `name` where one is given. */
+channel_result_t shake_hands(channel_t* channel, const char* name, std::string* reason);
+
+/* Reads or writes up to `size` bytes, of which `moved` are done. */
+channel_result_t read_channel(channel_t* channel, char* bytes, size_t size, size_t* moved, std::string* reason);
+channel_result_t write_channel(channel_t* channel, const char* bytes, size_t size, size_t* moved, std::string* reason);
+
+/* Whether bytes are there that the socket no longer tells of. */
+bool has_unread(const channel_t* channel);
+
+void close_channel(channel_t* channel);
+
+#endif

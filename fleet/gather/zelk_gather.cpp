@@ -1,0 +1,355 @@
+/* SPDX-License-Identifier: MIT */
+/* zelk_gather.cpp - takes the lines of many nodes by RELP, and answers when what waits on all connections has been committed by
+ * one statement. It keeps nothing: killed at any moment, nothing that it has answered for is lost. */
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "gather.h"
+
+/* Milliseconds. */
+constexpr int64_t ROUND_TIME = 1'000;
+constexpr int64_t STATUS_TIME = 60'000;
+constexpr int64_t ENDING_TIME = 4'500;
+constexpr int64_t LAST_BATCH_TIME = 3'000; /* before the end: nothing new is begun */
+
+constexpr size_t OTHER_FILES = 64;
+
+/* ---- Saying what happens ---------------------------------------------------------------------------------------------- */
+
+void say(const char* format, ...) {
+  std::array<char, 1024> text;
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  va_end(arguments);
+  std::fprintf(stderr, "zelk-gather: %s\n", text.data());
+}
+
+std::string shown(const std::string& text) {
+  std::string printable = text;
+  for (char& character : printable)
+    if (character < ' ' || character > '~') character = '?';
+  return printable;
+}
+
+/* Tells systemd, where it waits to hear. */
+static void notify(const char* state) {
+  const char* const name = getenv("NOTIFY_SOCKET");
+  if (name == nullptr || (name[0] != '/' && name[0] != '@')) return;
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  const size_t size = std::strlen(name);
+  if (size >= sizeof address.sun_path) return;
+  std::memcpy(address.sun_path, name, size);
+  if (name[0] == '@') address.sun_path[0] = '\0';
+  const int fildes = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fildes < 0) return;
+  sendto(fildes, state, std::strlen(state), MSG_NOSIGNAL | MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&address),
+         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + size));
+  close(fildes);
+}
+
+static void say_status(const gather_t* gather) {
+  int64_t oldest = gather->now;
+  for (const auto& sink : gather->sinks)
+    if (!sink->under_way.empty()) oldest = std::min(oldest, sink->under_way.front()->arrived);
+  for (const node_t* node : gather->nodes)
+    for (const queue_t& queue : node->queues)
+      if (queue.first != nullptr) oldest = std::min(oldest, queue.first->arrived);
+  size_t away = 0;
+  for (const auto& sink : gather->sinks) away += sink->state < SINK_IDLE ? 1U : 0U;
+  say("status: %llu lines in %llu commits; %zu connections, %llu since the start, %llu refused; %zu lines (%zu KiB) "
+      "wait, the "
+      "oldest for %.1f s; %zu of %zu %s away",
+      static_cast<unsigned long long>(gather->lines_done), static_cast<unsigned long long>(gather->commits),
+      gather->nodes.size(), static_cast<unsigned long long>(gather->nodes_come),
+      static_cast<unsigned long long>(gather->nodes_refused), gather->lines, gather->bytes / 1024,
+      static_cast<double>(gather->now - oldest) / 1000, away, gather->sinks.size(),
+      gather->request.relay.empty() ? "databases" : "gatherers");
+}
+
+/* ---- Waiting ----------------------------------------------------------------------------------------------------------- */
+
+void watch(gather_t* gather, source_t* source, int fildes, uint32_t events) {
+  const bool is_new = source->fildes != fildes;
+  if (!is_new && source->events == events) return;
+  epoll_event event = {};
+  event.events = events;
+  event.data.ptr = source;
+  epoll_ctl(gather->epoll, is_new ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fildes, &event);
+  source->fildes = fildes;
+  source->events = events;
+}
+
+void unwatch(gather_t* gather, source_t* source) {
+  if (source->fildes >= 0) epoll_ctl(gather->epoll, EPOLL_CTL_DEL, source->fildes, nullptr);
+  source->fildes = -1;
+  source->events = 0;
+}
+
+static int64_t milliseconds() {
+  timespec time = {};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return time.tv_sec * int64_t{1000} + time.tv_nsec / 1'000'000;
+}
+
+/* How long nothing need be done unless a source is ready. */
+static int time_to_wait(const gather_t* gather) {
+  if (!gather->touched.empty()) return 0;
+  int64_t wait = ROUND_TIME;
+  for (const auto& sink : gather->sinks)
+    if (sink->state == SINK_AWAY || (sink->state == SINK_IDLE && gather->lines > 0))
+      wait = std::min(wait, std::max(int64_t{1}, sink->next_try - gather->now));
+  return static_cast<int>(gather->is_ending ? std::min(wait, int64_t{50}) : wait);
+}
+
+/* ---- The command line -------------------------------------------------------------------------------------------------- */
+
+bool split_address(const std::string& text, std::string* host, std::string* port) {
+  const size_t colon = text.rfind(':');
+  *port = colon == text.npos ? text : text.substr(colon + 1);
+  if (port->empty() || port->size() > 5 || port->find_first_not_of("0123456789") != port->npos) return false;
+  if (colon == text.npos) return true;
+  *host = text.substr(0, colon);
+  if (host->starts_with('[') && host->ends_with(']')) *host = host->substr(1, host->size() - 2);
+  return !host->empty();
+}
+
+/* Says what is wrong with the command line. Returns the exit status. */
+static int misuse(const std::string& problem) {
+  std::fprintf(stderr, "zelk-gather: %s\nTry 'zelk-gather --help'\n", problem.c_str());
+  return 2;
+}
+
+static int check_request(const request_t& request) {
+  std::string host, port;
+  if (request.databases.empty() == request.relay.empty()) return misuse("either --database or --relay is required");
+  if (!request.relay.empty() && (!split_address(request.relay, &host, &port) || host.empty()))
+    return misuse("--relay: not ADDRESS:PORT");
+  const bool is_any = !request.certificate.empty() || !request.key.empty() || !request.authority.empty();
+  const bool is_all = !request.certificate.empty() && !request.key.empty() && !request.authority.empty();
+  if (is_any && !is_all) return misuse("--tls-certificate, --tls-key and --tls-ca belong together");
+  if (!request.trusted.empty() && !is_all) return misuse("--trust says nothing without certificates");
+  return 0;
+}
+
+/* Parses the command line. Returns the exit status where that ends the run, else -1. */
+static int parse_request(int argc, char** argv, gather_t* gather) {
+  request_t* const request = &gather->request;
+  CLI::App app("Takes the incidents of many nodes, as zkexport writes them, and puts them into a database.",
+               "zelk-gather");
+  app.add_option("--listen", request->listen, "where nodes reach it, port 2514 of this machine only unless given")
+      ->type_name("[ADDRESS:]PORT")
+      ->expected(1)
+      ->take_all();
+  app.add_option("--database", request->databases, "where it puts lines; several share them in this order")
+      ->type_name("CONNINFO")
+      ->expected(1)
+      ->take_all();
+  app.add_option("--relay", request->relay, "hands lines on to another gatherer instead")->type_name("ADDRESS:PORT");
+  app.add_option("--tls-certificate", request->certificate, "certificate of this gatherer, PEM")->type_name("FILE");
+  app.add_option("--tls-key", request->key, "its key")->type_name("FILE");
+  app.add_option("--tls-ca", request->authority, "the authority of all certificates")->type_name("FILE");
+  app.add_option("--trust", request->trusted, "a relay's certificate: its lines keep the host that they name")
+      ->type_name("NAME")
+      ->expected(1)
+      ->take_all();
+  app.add_option("--lines", gather->limits.batch_lines, "most lines in one commit, 2000 unless given")
+      ->type_name("NUMBER")
+      ->check(CLI::Range(1, 100000));
+  app.set_version_flag("--version", "zelk-gather " ZKVIEW_VERSION);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& asked) {
+    return app.exit(asked);
+  } catch (const CLI::ParseError& error) {
+    return misuse(error.what());
+  }
+  if (request->listen.empty()) request->listen = {"2514"};
+  const int status = check_request(*request);
+  return status != 0 ? status : -1;
+}
+
+/* ---- Beginning and ending ----------------------------------------------------------------------------------------------- */
+
+/* As many descriptors as it may have, and no more connections than those. */
+static void allow_nodes(gather_t* gather) {
+  rlimit files = {};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
+  const size_t allowed = files.rlim_cur > 2 * OTHER_FILES ? files.rlim_cur - OTHER_FILES : OTHER_FILES;
+  gather->limits.nodes = std::min(gather->limits.nodes, allowed);
+}
+
+static void add_sinks(gather_t* gather) {
+  std::vector<std::string> addresses = gather->request.databases;
+  if (addresses.empty()) addresses.push_back(gather->request.relay);
+  for (const std::string& address : addresses) {
+    auto sink = std::make_unique<sink_t>();
+    sink->number = gather->sinks.size();
+    sink->address = address;
+    sink->pause = 100;
+    sink->limit = gather->limits.batch_lines;
+    sink->byte_limit = gather->limits.batch_bytes / 8;
+    gather->sinks.push_back(std::move(sink));
+  }
+}
+
+static bool read_certificates(gather_t* gather) {
+  const request_t& request = gather->request;
+  if (request.certificate.empty()) return true;
+  std::string problem;
+  auto certificates = load_certificates(request.certificate, request.key, request.authority, &problem);
+  if (certificates == nullptr) {
+    say("%s", problem.c_str());
+    return false;
+  }
+  gather->certificates = std::move(certificates);
+  return true;
+}
+
+static bool is_loopback(const std::string& address) {
+  std::string host = "localhost", port;
+  split_address(address, &host, &port);
+  return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+static bool start_listening(gather_t* gather) {
+  for (const std::string& address : gather->request.listen) {
+    std::string problem;
+    if (!listen_at(gather, address, &problem)) {
+      say("%s", problem.c_str());
+      return false;
+    }
+    say("listens at %s%s", address.c_str(), gather->certificates != nullptr ? " by TLS" : "");
+    if (gather->certificates == nullptr && !is_loopback(address))
+      say("%s is in the open: whoever reaches it can add incidents under any name", address.c_str());
+  }
+  return true;
+}
+
+static void begin_to_end(gather_t* gather) {
+  if (gather->is_ending) return;
+  notify("STOPPING=1");
+  gather->is_ending = true;
+  gather->end = gather->now + ENDING_TIME;
+  for (const auto& listener : gather->listeners) {
+    const int fildes = listener->fildes;
+    unwatch(gather, listener.get());
+    close(fildes);
+  }
+  gather->listeners.clear();
+  for (node_t* node : gather->nodes)
+    watch(gather, &node->source, node->source.fildes, node->out.empty() ? 0 : WRITABLE);
+}
+
+/* Whether nothing is left that could still be committed. */
+static bool has_ended(const gather_t* gather) {
+  if (!gather->is_ending) return false;
+  if (gather->now >= gather->end) return true;
+  const bool takes_no_more = gather->now > gather->end - ENDING_TIME + LAST_BATCH_TIME;
+  return std::all_of(gather->sinks.begin(), gather->sinks.end(), [&](const std::unique_ptr<sink_t>& sink) {
+    if (sink->state < SINK_IDLE) return true;
+    const bool is_silent = sink->state == SINK_IDLE && sink->under_way.empty();
+    return is_silent && (takes_no_more || sink->turns.empty());
+  });
+}
+
+static void take_signals(gather_t* gather, source_t* source, uint32_t) {
+  signalfd_siginfo signal = {};
+  while (read(source->fildes, &signal, sizeof signal) == static_cast<ssize_t>(sizeof signal)) {
+    switch (signal.ssi_signo) {
+      case SIGHUP:
+        notify("RELOADING=1");
+        if (read_certificates(gather)) say("has read its certificates anew");
+        notify("READY=1");
+        break;
+      case SIGUSR1:
+        say_status(gather);
+        break;
+      default:
+        begin_to_end(gather);
+    }
+  }
+}
+
+static void watch_signals(gather_t* gather, source_t* source) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&signals, signal);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+  source->ready = take_signals;
+  watch(gather, source, signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK), READABLE);
+}
+
+/* ---- The rounds --------------------------------------------------------------------------------------------------------- */
+
+static void run(gather_t* gather) {
+  const bool is_relay = !gather->request.relay.empty();
+  int64_t second = gather->now;
+  int64_t minute = gather->now;
+  std::array<epoll_event, 256> events;
+  while (!has_ended(gather)) {
+    const bool takes_no_more = gather->is_ending && gather->now > gather->end - ENDING_TIME + LAST_BATCH_TIME;
+    for (const auto& sink : gather->sinks) {
+      if (takes_no_more && sink->state == SINK_IDLE && sink->under_way.empty()) continue;
+      is_relay ? turn_relay(gather, sink.get()) : turn_database(gather, sink.get());
+    }
+    const int count = epoll_wait(gather->epoll, events.data(), static_cast<int>(events.size()), time_to_wait(gather));
+    gather->now = milliseconds();
+    for (int at = 0; at < count; ++at) {
+      source_t* const source = static_cast<source_t*>(events[static_cast<size_t>(at)].data.ptr);
+      if (source->fildes >= 0) source->ready(gather, source, events[static_cast<size_t>(at)].events);
+    }
+    go_on_with_nodes(gather);
+    if (gather->now - second >= ROUND_TIME) {
+      second = gather->now;
+      expire_nodes(gather);
+      notify("WATCHDOG=1");
+    }
+    if (gather->now - minute >= STATUS_TIME) {
+      minute = gather->now;
+      say_status(gather);
+    }
+    free_closed_nodes(gather);
+  }
+}
+
+int main(int argc, char** argv) {
+  gather_t gather = {};
+  const int status = parse_request(argc, argv, &gather);
+  if (status >= 0) return status;
+  gather.epoll = epoll_create1(EPOLL_CLOEXEC);
+  gather.now = milliseconds();
+  source_t signals;
+  watch_signals(&gather, &signals);
+  allow_nodes(&gather);
+  add_sinks(&gather);
+  if (!read_certificates(&gather) || !start_listening(&gather)) return 1;
+  notify("READY=1");
+
+  run(&gather);
+
+  say_goodbye(&gather);
+  say_status(&gather);
+  for (const auto& sink : gather.sinks)
+    gather.request.relay.empty() ? close_database(&gather, sink.get()) : close_relay(&gather, sink.get());
+  return 0;
+}

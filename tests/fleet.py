@@ -1,0 +1,300 @@
+# SPDX-License-Identifier: MIT
+"""A fleet on one machine, for tests and for what is measured: databases, gatherers, nodes, and lines by RELP.
+
+Whoever imports it has run `enter(__file__)` first: everything happens in namespaces of its own, with which all processes end.
+Nothing of the machine's is touched."""
+import atexit
+import datetime
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+REPOSITORY = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+FLEET = REPOSITORY + "/fleet"
+BIN = REPOSITORY + "/build/release/bin"
+POSTGRES = "/usr/lib/postgresql/15/bin"
+ALPHABET = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+
+folder = ""  # of everything
+environment = {}
+log = None
+began = time.monotonic()
+
+
+def enter(script):
+    """Runs the script again in namespaces of its own, where it is not yet, and sets up what the rest needs."""
+    global folder, environment, log
+    if os.environ.get("ZELK_INSIDE") != "yes":
+        command = ["unshare", "--mount", "--net", "--uts", "--pid", "--fork", "--kill-child", "--mount-proc"]
+        if subprocess.run(command + ["true"], stderr=subprocess.DEVNULL).returncode != 0:
+            print(f"{os.path.basename(script)}: skipped, no namespaces can be made here")
+            sys.exit(0)
+        os.environ["ZELK_INSIDE"] = "yes"
+        os.execvp("unshare", command + ["python3", script] + sys.argv[1:])
+    folder = tempfile.mkdtemp(prefix="zkview-fleet-")
+    os.chmod(folder, 0o755)
+    environment = os.environ | {"PATH": f"{BIN}:/usr/sbin:" + os.environ["PATH"], "PGHOST": folder, "PGUSER": "postgres",
+                                "PGDATABASE": "zelk", "LC_ALL": "C.UTF-8", "TZ": "UTC"}
+    os.environ.update(environment)
+    log = open(folder + "/log", "a")
+    run("ip", "link", "set", "lo", "up")
+    atexit.register(clean_up)
+
+
+def clean_up():
+    for process in list(processes):
+        kill(process)
+    subprocess.run(as_postgres(POSTGRES + "/pg_ctl", "-D", folder + "/database", "-m", "immediate", "stop"),
+                   stdout=log, stderr=log, check=False)
+    shutil.rmtree(folder, ignore_errors=True)
+
+
+# ---- Processes ----------------------------------------------------------------------------------------------------------
+
+processes = []  # that were started here
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True, env=environment, **options).stdout
+
+
+def start(*command, output=None, **variables):
+    """Starts a process of a group of its own."""
+    process = subprocess.Popen(command, env=environment | variables, stdout=output or log, stderr=output or log,
+                               start_new_session=True)
+    processes.append(process)
+    return process
+
+
+def kill(process, how=signal.SIGKILL):
+    """Ends a process with all of its group."""
+    try:
+        os.killpg(process.pid, how)
+    except ProcessLookupError:
+        pass
+    process.wait()
+    if process in processes:
+        processes.remove(process)
+    return process.returncode
+
+
+def wait_until(is_so, limit=20.0, pause=0.02):
+    """Returns whether it has become so."""
+    end = time.monotonic() + limit
+    while not is_so():
+        if time.monotonic() > end:
+            return False
+        time.sleep(pause)
+    return True
+
+
+# ---- Databases ----------------------------------------------------------------------------------------------------------
+
+def as_postgres(*command):
+    return ["runuser", "-u", "postgres", "--", *command]
+
+
+def make_cluster(*settings):
+    shutil.chown(folder, "postgres")
+    run(*as_postgres(POSTGRES + "/initdb", "-D", folder + "/database", "-A", "trust", "-U", "postgres", "-E", "UTF8",
+                     "--locale=C.UTF-8"))
+    with open(folder + "/database/postgresql.conf", "a") as file:
+        file.write("\n".join([f"unix_socket_directories = '{folder}'", "listen_addresses = ''", "max_wal_size = 4GB",
+                              *settings, ""]))
+    start_cluster()
+
+
+def start_cluster():
+    """After a kill the last of the old server's processes may be in the way for a moment."""
+    command = as_postgres(POSTGRES + "/pg_ctl", "-D", folder + "/database", "-l", folder + "/database.log", "-w", "start")
+    if not wait_until(lambda: subprocess.run(command, stdout=log, stderr=log).returncode == 0, pause=0.3):
+        raise SystemExit("the database does not start: " + open(folder + "/database.log").read()[-2000:])
+
+
+def kill_cluster():
+    with open(folder + "/database/postmaster.pid") as file:
+        process = int(file.readline())
+    os.kill(process, signal.SIGKILL)
+    os.waitpid(process, 0)  # this is process 1 here
+
+
+def make_database(name):
+    run("createdb", name)
+    run("psql", "-Xqf", FLEET + "/schema.sql", name)
+
+
+def query(text, database="zelk", user="postgres"):
+    return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-U", user, "-c", text, database, stderr=log).strip()
+
+
+def conninfo(database="zelk"):
+    return f"host={folder} dbname={database} user=zelk_writer"
+
+
+# ---- Gatherers ----------------------------------------------------------------------------------------------------------
+
+def start_gatherer(*options, port=2514, name="gatherer"):
+    """Starts one and waits until it listens. Its log is NAME.log."""
+    with open(f"{folder}/{name}.log", "a") as output:
+        process = start("zelk-gather", *options, output=output)
+    process.log = output.name
+    if not wait_until(lambda: is_listening(port)):
+        raise SystemExit("the gatherer does not start: " + open(output.name).read())
+    return process
+
+
+def is_listening(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+def make_authority(name):
+    """A key and a certificate that sign others: NAME.key, NAME.pem."""
+    run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2", "-subj",
+        f"/CN={name}", "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.pem", stderr=log)
+
+
+def make_certificate(name, authority, host):
+    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", f"/CN={host}",
+        "-addext", f"subjectAltName=DNS:{host}", "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.csr", stderr=log)
+    run("openssl", "x509", "-req", "-in", f"{folder}/{name}.csr", "-CA", f"{folder}/{authority}.pem", "-CAkey",
+        f"{folder}/{authority}.key", "-days", "2", "-copy_extensions", "copy", "-out", f"{folder}/{name}.pem", stderr=log)
+
+
+def tls_options(name, authority):
+    return [f"--tls-certificate={folder}/{name}.pem", f"--tls-key={folder}/{name}.key", f"--tls-ca={folder}/{authority}.pem"]
+
+
+# ---- RELP ---------------------------------------------------------------------------------------------------------------
+
+class Conversation:
+    """What a node says to a gatherer, and what has been answered. `tls` is an ssl.SSLContext."""
+
+    def __init__(self, port=2514, host="node9", tls=None, is_open=True):
+        self.host = host
+        self.sent = 0
+        self.answered = 0
+        self.rest = b""
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=30)
+        if tls:
+            self.socket = tls.wrap_socket(self.socket, server_hostname="middle.example")
+        if is_open:
+            self.say("open", b"relp_version=0\nrelp_software=test\ncommands=syslog")
+            self.wait(1)
+
+    def frame(self, command, content):
+        self.sent += 1
+        return b"%d %s %d%s%s\n" % (self.sent, command.encode(), len(content), b" " if content else b"", content)
+
+    def say(self, command, content):
+        self.socket.sendall(self.frame(command, content))
+
+    def tell(self, lines, place="1.json"):
+        """Sends lines, texts or bytes, each from a place of its own."""
+        frames = []
+        for number, line in enumerate(lines):
+            content = line if isinstance(line, bytes) else line.encode()
+            frames.append(self.frame("syslog", f"<134>1 - {self.host} zelk {place}:{number} - - ".encode() + content))
+        self.socket.sendall(b"".join(frames))
+
+    def wait(self, number=None):
+        """Waits for the answer to a frame, the last one unless given. Raises OSError when the connection ends."""
+        number = number or self.sent
+        while self.answered < number:
+            self.take()
+
+    def take(self):
+        received = self.socket.recv(1 << 16)
+        if not received:
+            raise OSError("closed")
+        lines = self.rest + received
+        whole = lines.rfind(b"\n") + 1
+        self.rest = lines[whole:]
+        for number in re.findall(rb"^(\d+) rsp \d+ 200 OK\n", lines[:whole], re.MULTILINE):
+            self.answered = int(number)
+
+    def close(self):
+        self.socket.close()
+
+
+def put(lines, port=2514, host="node9", place="1.json"):
+    """Tells lines and waits until they have been taken."""
+    conversation = Conversation(port, host)
+    conversation.tell(lines, place)
+    conversation.wait()
+    conversation.close()
+
+
+# ---- Lines --------------------------------------------------------------------------------------------------------------
+
+SECOND = 1_795_590_570  # 2026-11-25 07:09:30 UTC
+
+LINE = ('{"stack":"disks","offset":24,"id":"@ID","cause":@CAUSE,"time":"@TIMEZ","id_time":"@TIME.@MICROZ","node":"192.0.2.2",'
+        '"process":{"name":"diskmon","id":4711,"parent":1,"thread":4711},'
+        '"source":{"file":"dm_scan.c","version":"1.7","product":"stn.node","line":412},'
+        '"message":{"catalog":"","set":0,"number":0,"default":"Disk %s: %d unreadable sectors, the first at %lld, %g.",'
+        '"arguments":[{"type":"string","value":"disk07"},{"type":"int","value":3},{"type":"long_long","value":8589934712},'
+        '{"type":"double","value":0.5}]},"description":"Disk disk07: 3 unreadable sectors, the first at 8589934712, 0.5.",'
+        '"details":"slot 7 of enclosure 1\\nretries    16"}')
+
+
+def digits(number, count):
+    return "".join(ALPHABET[number >> 6 * at & 63] for at in range(count))
+
+
+def id_of(number, second=SECOND):
+    """The Error ID of incident `number`: its microsecond and its i-node follow from it."""
+    return ("7" + digits(number, 6) + digits(second, 6) + digits(number * 997 % 1_000_000, 4) + "06...1................." +
+            "..")[:42]
+
+
+def line_of(number, second=SECOND, cause=None):
+    """A line of zkexport for incident `number`."""
+    at = datetime.datetime.fromtimestamp(second, datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%S")
+    return (LINE.replace("@ID", id_of(number, second)).replace("@CAUSE", f'"{cause}"' if cause else "null")
+            .replace("@TIME", at).replace("@MICRO", f"{number * 997 % 1_000_000:06}"))
+
+
+# ---- Nodes --------------------------------------------------------------------------------------------------------------
+
+class Node:
+    """A node with a network, files and a host name of its own, and what runs on it."""
+
+    def __init__(self, number):
+        self.name = f"node{number}"
+        self.address = f"10.77.{number}.2"
+        self.middle = f"10.77.{number}.1"
+        self.holder = start("unshare", "--mount", "--net", "--uts", "sleep", "infinity")
+        own = os.readlink("/proc/self/ns/uts")
+        wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/uts") != own)
+        run("ip", "link", "add", self.name, "type", "veth", "peer", "name", "eth0", "netns", str(self.holder.pid))
+        run("ip", "address", "add", self.middle + "/24", "dev", self.name)
+        run("ip", "link", "set", self.name, "up")
+        self.run("sh", "-c", f"""ip link set lo up && ip address add {self.address}/24 dev eth0 && ip link set eth0 up &&
+            hostname {self.name} && mount -t tmpfs none /var && mount -t tmpfs none /run &&
+            mkdir -p /var/adm/zelk/stacks /var/lib/zelk/spool""")
+
+    def enter(self):
+        return ["nsenter", "--target", str(self.holder.pid), "--mount", "--root", "--net", "--uts"]
+
+    def run(self, *command, **options):
+        return run(*self.enter(), *command, **options)
+
+    def start_spool(self):
+        self.spool = start(*self.enter(), FLEET + "/zelk-spool", ZELK_SPOOL_SIZE="131072")
+
+    def start_forward(self):
+        """As systemd does, which makes its folder anew."""
+        self.run("sh", "-c", "rm -rf /run/zelk-forward; mkdir /run/zelk-forward")
+        self.forward = start(*self.enter(), "rsyslogd", "-n", "-iNONE", "-f", FLEET + "/node.conf", ZELK_MIDDLE=self.middle,
+                             ZELK_PORT="2514", ZELK_SPOOL="/var/lib/zelk/spool", ZELK_STATE="/run/zelk-forward")
+
+    def record(self, stack, *arguments):
+        """Records an incident. Returns its Error ID."""
+        return self.run("zkrecord", "-C", *arguments[:-1], stack, *arguments[-1:]).strip()

@@ -1,0 +1,506 @@
+# SPDX-License-Identifier: MIT
+"""Tries what is in fleet/ as a whole; script/test-fleet runs it. Each story below is one that must not end otherwise, whatever is
+killed meanwhile and whoever sends what."""
+import json
+import os
+import random
+import re
+import signal
+import socket
+import ssl
+import subprocess
+import sys
+import threading
+import time
+
+import fleet
+from fleet import Conversation, Node, id_of, kill, line_of, make_certificate, put, query, run, start_gatherer, wait_until
+
+failures = 0
+
+
+def expect(what, found, wanted):
+    global failures
+    is_so = found == wanted
+    failures += not is_so
+    print(f"{time.monotonic() - fleet.began:4.0f} s  {'passed' if is_so else 'FAILED'}: {what}"
+          + ("" if is_so else f": {found!r} instead of {wanted!r}"), flush=True)
+
+
+def rows(condition="true", database="zelk"):
+    return int(query(f"SELECT count(*) FROM zelk_incident WHERE {condition}", database))
+
+
+def reason_of(host):
+    return query(f"SELECT string_agg(reason, '; ' ORDER BY place) FROM zelk_rejected WHERE host = '{host}'")
+
+
+# ---- Lines --------------------------------------------------------------------------------------------------------------
+
+def lines_that_are_none():
+    line = line_of(1)
+    for place, bad in {
+        "text": "no incident",
+        "not text": b"\377\376" + line.encode(),
+        "a NUL": b"a \0 byte",
+        "a NUL, escaped": line.replace("slot 7", "slot\\u0000"),
+        "half a pair": line.replace("slot 7", "slot\\ud800"),
+        "deep": '{"stack":"deep","offset":' + "[" * 30000,
+        "a number that takes long": line.replace("8589934712", "1e131071"),
+        "a number that nobody reads": line.replace("8589934712", "1e+999"),
+        "a long offset": line.replace('"offset":24', '"offset":' + "9" * 30),
+        "31st of June": line.replace('"time":"2026-11-25', '"time":"2026-06-31'),
+        "second 60": line.replace(':30Z"', ':60Z"'),
+        "another time than its Error ID's": line.replace('.000997Z', '.000998Z'),
+        "a long Error ID": line.replace(id_of(1), id_of(1) + "."),
+        "two of one name": line.replace('"details":', '"details":"","details":'),
+        "one is missing": line.replace('"cause":null,', ""),
+        "one is null": line.replace('"name":"diskmon"', '"name":null'),
+        "one too many": line[:-1] + ',"more":1}',
+        "another order": line.replace('"id":4711,"parent":1', '"parent":1,"id":4711'),
+        "a text for a number": line.replace('"offset":24', '"offset":"24"'),
+        "blanks": line.replace(",", ", "),
+        "carriage return": line + "\r",
+        "an argument without value": line.replace(',"value":3', ""),
+        "an argument that is a list": line.replace('"value":3', '"value":[]'),
+        "a gap that is none": '{"stack":"disks","gap":1}',
+        "a gap with more": '{"stack":"disks","offset":1,"gap":true}',
+        "an error without reason": '{"stack":"disks","error":{"code":-1,"name":"X"}}',
+    }.items():
+        put([bad], host="bad", place=place.replace(" ", "_").replace(",", "").replace("'", ""))
+    expect("lines that are none are rejected", query(
+        "SELECT string_agg(place, ' ') FROM (SELECT place FROM zelk_incident, zelk_rejected WHERE false) none"), "")
+    expect("all of them are kept, with the reason", query("SELECT count(*) FROM zelk_rejected WHERE host = 'bad'"), "26")
+    expect("none has become a row", rows("host = 'bad'"), 0)
+    expect("bytes that are no text are kept as they came",
+           query("SELECT encode(line, 'hex') FROM zelk_rejected WHERE host = 'bad' AND place LIKE 'a_NUL:%'"),
+           b"a \0 byte".hex())
+
+
+def one_judge():
+    """What zelk_put takes and `zkexport --input` refuses would poison the chain that it hangs on."""
+    seed = int.from_bytes(os.urandom(4), "big")
+    chance = random.Random(seed)
+    pieces = ['"', "\\", "\\u00e9", "{", "}", "[", "]", ",", ":", "null", "true", "0", "-", "1e5", ".5", '"":', "\x7f", "é",
+              '"gap":true', ',"details":""', "9" * 25, "T", "Z"]
+    lines = []
+    for number in range(4000):
+        line = line_of(1000 + number)
+        for _ in range(chance.randrange(3)):
+            at = chance.randrange(len(line))
+            line = line[:at] + chance.choice(pieces) + line[at + chance.randrange(4):]
+        lines.append(line)
+    put(lines, host="judge")
+    taken = query("SELECT incident FROM zelk_incident WHERE host = 'judge'")
+    answer = subprocess.run(["zkexport", "--input", "--format=dot"], input=taken + "\n", text=True, stdout=fleet.log,
+                            stderr=subprocess.PIPE)
+    expect(f"zkexport reads each of {taken.count(chr(10)) + 1} rows (seed {seed})", (answer.returncode, answer.stderr), (0, ""))
+    expect("all lines came to a table", query("SELECT (SELECT count(*) FROM zelk_incident WHERE host = 'judge') + "
+           "(SELECT count(*) FROM zelk_rejected WHERE host = 'judge') + "
+           "(SELECT count(*) FROM zelk_notice WHERE host = 'judge')"), "4000")
+
+
+def what_recorders_write():
+    """Texts of every kind, as zkexport gives them, are lines."""
+    stack = fleet.folder + "/texts"
+    texts = ["plain", "caf\u00e9 \U0001F4A9", "\x01\x0b\x1b[31m\x1f\x7f", "\u0080\u009f", "back\\slash \\u001b \"quoted\"",
+             "tab\tnewline\n"]
+    for text in texts:
+        run("zkrecord", "-q", "-C", "--product=" + text, "-d", text, stack, "%s at %g and %d", text, "1e300", "-5")
+    subprocess.run(["zkrecord", "-q", "-d", b"\xff\xfe", "--product", b"\xc3", stack, b"%s", b"\x80"], check=True)
+    lines = run("zkexport", stack).splitlines()
+    put(lines, host="texts")
+    expect("all that zkexport writes is a line", (rows("host = 'texts'"), reason_of("texts")), (len(texts) + 1, ""))
+
+
+def one_row_a_key():
+    line = line_of(7000)
+    put([line, line], host="once")
+    put([line.replace("7:09:30Z", "7:09:31Z")], host="once", place="later")
+    put([line.replace('"stack":"disks"', '"stack":"copy of disks"')], host="once", place="copy")
+    expect("an incident that comes again is one row, wherever it lies", (rows("host = 'once'"), reason_of("once")),
+           (1, "another incident has this Error ID"))
+
+    lines = [line_of(20000 + number) for number in range(2000)]
+    sessions = [threading.Thread(target=put, args=(part,), kwargs={"host": f"twin{number}"})
+                for number, part in enumerate([lines, lines[::-1], sorted(lines, key=hash)])]
+    for session in sessions:
+        session.start()
+    for session in sessions:
+        session.join()
+    many = "{" + ",".join('"' + line.replace("\\", "\\\\").replace('"', '\\"') + '"' for line in lines) + "}"
+    copies = [subprocess.Popen(["psql", "-Xq", "-v", "ON_ERROR_STOP=1", "-U", "zelk_writer", "zelk"], stdin=subprocess.PIPE,
+                               stdout=fleet.log, stderr=fleet.log, text=True) for _ in range(3)]
+    for copy in copies:
+        copy.stdin.write(f"SELECT zelk_put_many('{{}}', '{{}}', '{many}');")
+        copy.stdin.close()
+    expect("sessions with the same lines do not wait in a circle", [copy.wait() for copy in copies], [0, 0, 0])
+    expect("and each line is there once", rows("host LIKE 'twin%' OR host = ''"), 2000)
+
+
+def nameless():
+    """Incidents without an Error ID, as programs of old record them."""
+    line = line_of(3).replace(f'"{id_of(3)}"', "null").replace('"id_time":"2026-11-25T07:09:30.002991Z","node":"192.0.2.2",', "")
+    put([line, line, line.replace('"offset":24', '"offset":300')], host="old")
+    expect("they are told apart by what they say", rows("host = 'old' AND key LIKE '#%'"), 2)
+
+
+def gaps():
+    gap = '{"stack":"busy","gap":true}'
+    put([gap, gap], host="gaps")
+    put([gap, gap], host="gaps")
+    expect("a second gap of a stack is kept, the same one is not", query(
+        "SELECT gaps FROM zelk_gaps WHERE host = 'gaps' AND stack = 'busy'"), "2")
+
+
+def months():
+    """A month's rows find their partition, and nobody waits for it."""
+    first = 1_767_225_600  # 2026-01-01 00:00:00 UTC
+    put([line_of(1, first), line_of(2, first - 1), line_of(3, first + 86400 * 31 - 1)], host="months")
+    query("SELECT zelk_make_partition('2026-01-15')")
+    expect("rows move into the partition of their month, its first second too", query(
+        "SELECT string_agg(tableoid::regclass::text, ' ' ORDER BY time) FROM zelk_incident WHERE host = 'months'"),
+        "zelk_incident_other zelk_incident_2026_01 zelk_incident_2026_01")
+
+    this = query("SELECT 'zelk_incident_' || to_char(now() AT TIME ZONE 'UTC', 'YYYY_MM')")
+    query(f"DROP TABLE {this}")
+    asking = subprocess.Popen(["psql", "-Xqc", "BEGIN; SELECT count(*) FROM zelk_incident; SELECT pg_sleep(3)", "zelk"],
+                              stdout=fleet.log)
+    time.sleep(0.5)
+    begin = time.monotonic()
+    put([line_of(4, int(time.time()))], host="now")
+    expect("a long question does not hold up a new month", time.monotonic() - begin < 1, True)
+    asking.wait()
+    query("SELECT zelk_make_partition(now())")
+    expect("its rows move in later", query("SELECT tableoid::regclass FROM zelk_incident WHERE host = 'now'"), this)
+    expect("old months go as a whole", query("SELECT zelk_drop_before(interval '200 days')"), "1")
+    expect("and what waited among the others", rows("host = 'months'"), 0)
+
+
+def who_may():
+    for text in ("SELECT count(*) FROM zelk_incident", "SELECT zelk_make_partition(now())", "SELECT zelk_time('')",
+                 "CREATE TEMPORARY TABLE mine (a int)"):
+        answer = subprocess.run(["psql", "-XqAtU", "zelk_writer", "-c", text, "zelk"], capture_output=True, text=True)
+        expect(f"who writes may not: {text}", "permission denied" in answer.stderr, True)
+
+
+# ---- Questions ----------------------------------------------------------------------------------------------------------
+
+def questions():
+    second = fleet.SECOND + 1000
+    chain = [line_of(number, second + number, id_of(number - 1, second + number - 1) if number else None)
+             for number in range(300)]
+    key = [id_of(number, second + number) for number in range(300)]
+    circle = [line_of(500, second, id_of(501, second)), line_of(501, second, id_of(500, second))]
+    absent = [line_of(600 + number, second, id_of(599, second)) for number in range(3)]
+    put([*chain, *circle, *absent], host="asked")
+    expect("causes lead to the first one", query(
+        f"SELECT count(*), max(depth), (array_agg(key ORDER BY depth DESC))[1] FROM zelk_causes('{key[299]}')"),
+        f"300|299|{key[0]}")
+    expect("effects come behind their causes", query(
+        f"SELECT string_agg(key, ' ') FROM (SELECT key FROM zelk_effects('{key[297]}')) each"), " ".join(key[297:]))
+    expect("a circle comes to an end", query(f"SELECT count(*) FROM zelk_chain('{id_of(500, second)}')"), "2")
+    expect("a cause that has not come in has its effects", query(
+        f"SELECT count(*), count(host) FROM zelk_chain('{id_of(601, second)}')"), "4|3")
+    expect("first causes have their effects, also of what is older", query(
+        f"SELECT string_agg(effects || ' ' || key, ',') FROM (SELECT * FROM zelk_first_causes(to_timestamp({second + 100}))"
+        f" WHERE at < to_timestamp({second + 9000})) each"), f"200 {key[0]}")
+    expect("and of what has not come in", query(
+        f"SELECT effects FROM zelk_first_causes(to_timestamp({second})) WHERE key = '{id_of(599, second)}'"), "3")
+    expect("plain columns", query(f"SELECT process, pid, line, product FROM zelk_plain WHERE key = '{key[0]}'"),
+           "diskmon|4711|412|stn.node")
+
+
+# ---- Frames -------------------------------------------------------------------------------------------------------------
+
+def hostile_frames(gatherer):
+    opening = b"1 open 0\n"
+    for frame in (b"\0" * 100, b"GET / HTTP/1.1\r\n\r\n", b"99999999999 open 0\n", b"1 open -1\n",
+                  b"2 open 0\n", b"1 syslog 1 x\n", opening + b"3 syslog 1 x\n", opening + b"2 syslog 1000000000 x",
+                  opening + b"2 syslog 65537 " + b"x" * 65537 + b"\n", opening + b"2 syslog 3 abcdef\n",
+                  opening + b"2 rsp 6 200 OK\n", b"1 " + b"o" * 100000, b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03"):
+        conversation = Conversation(is_open=False)
+        conversation.socket.sendall(frame)
+        try:
+            while conversation.socket.recv(4096):
+                pass
+            is_ended = True
+        except ConnectionResetError:
+            is_ended = True
+        except socket.timeout:
+            is_ended = False
+        conversation.close()
+        if not is_ended:
+            expect(f"a frame that is none ends its connection: {frame[:40]!r}", "open", "ended")
+    expect("nothing that a node sends ends the gatherer", gatherer.poll(), None)
+    expect("the log says why", "a length that is not its content's" in open(gatherer.log).read(), True)
+
+
+def neighbours():
+    """How long the others wait beside a node that sends the worst there is, as fast as it can."""
+    # Deep, long, full of numbers and escapes, and such that are nearly right.
+    worst = ['{"stack":"' + "\\u0001" * 10000 + '","gap":true}', line_of(1).replace("slot 7", "\\u009f" * 10000),
+             line_of(2).replace('"value":0.5', '"value":' + ",".join(["1e+300"] * 9000)),
+             '{"stack":"a","offset":' + "[" * 60000, "{" * 60000, line_of(3)[:-1] + ',"a":1' * 9000 + "}"]
+    ending = threading.Event()
+
+    def flood():
+        number = 0
+        conversation = Conversation(host="flood")
+        while not ending.is_set():
+            conversation.tell(worst, place=f"f{number}")
+            number += 1
+            if conversation.sent > 60:
+                conversation.wait(conversation.sent - 60)
+        conversation.close()
+
+    floods = [threading.Thread(target=flood) for _ in range(3)]
+    for thread in floods:
+        thread.start()
+    quiet = Conversation(host="quiet")
+    delays = []
+    for number in range(20):
+        begin = time.monotonic()
+        quiet.tell([line_of(40000 + number)])
+        quiet.wait()
+        delays.append(time.monotonic() - begin)
+        time.sleep(0.05)
+    ending.set()
+    for thread in floods:
+        thread.join()
+    expect(f"three hostile nodes delay another by {max(delays):.2f} s at most, by {sorted(delays)[10]:.3f} s as a rule",
+           max(delays) < 1, True)
+
+
+def half_open(begun, silent):
+    """Connections that say nothing, opened before all the rest."""
+    time.sleep(max(0, begun + 12 - time.monotonic()))
+    ended = 0
+    for connection in silent:
+        connection.settimeout(0.01)
+        try:
+            ended += connection.recv(100) == b""
+        except socket.timeout:
+            pass
+    expect("connections that say nothing are closed after ten seconds", ended, len(silent))
+
+
+# ---- Killing ------------------------------------------------------------------------------------------------------------
+
+def killed_gatherers():
+    """Of 20 gatherers that are killed, and one that is asked to end, none has answered for what is not there."""
+    acknowledged = 0
+    for number in range(20):
+        gatherer = start_gatherer("--listen=127.0.0.1:2600", f"--database={fleet.conninfo()}", port=2600, name="killed")
+        conversation = Conversation(2600, host=f"kill{number}")
+        conversation.tell([line_of(100000 + number * 500 + line) for line in range(500)])
+        try:
+            conversation.wait(random.randrange(1, 400))
+            if number == 19:
+                begin = time.monotonic()
+                gatherer.terminate()
+                expect("a gatherer that is asked to ends with 0", (gatherer.wait(), time.monotonic() - begin < 5), (0, True))
+            else:
+                kill(gatherer)
+            conversation.wait()
+        except OSError:
+            pass
+        acknowledged += conversation.answered - 1
+        missing = conversation.answered - 1 - rows(f"host = 'kill{number}' AND key = ANY(ARRAY[" + ",".join(
+            f"'{id_of(100000 + number * 500 + line)}'" for line in range(conversation.answered - 1)) + "])")
+        if missing:
+            expect(f"gatherer {number}: lines that were acknowledged and are lost", missing, 0)
+    expect(f"all of {acknowledged} acknowledged lines are there", acknowledged >= 20, True)
+
+
+def away():
+    """While the database is away nothing is acknowledged, and nothing lost."""
+    fleet.kill_cluster()
+    conversation = Conversation(host="away")
+    conversation.tell([line_of(60000 + number) for number in range(5000)])
+    time.sleep(1)
+    answered = conversation.answered
+    fleet.start_cluster()
+    conversation.wait()
+    expect("lines wait for the database", (answered, rows("host = 'away'")), (1, 5000))
+
+
+# ---- Tiers --------------------------------------------------------------------------------------------------------------
+
+def by_tls():
+    """Nodes with certificates reach a relay, which hands their lines on to another gatherer."""
+    fleet.make_authority("authority")
+    fleet.make_authority("stranger")
+    for name, authority, host in (("middle", "authority", "middle.example"), ("site", "authority", "site.example"),
+                                  ("liar", "authority", "liar.example"), ("foreign", "stranger", "liar.example")):
+        make_certificate(name, authority, host)
+    run("sh", "-c", "echo 127.0.0.1 localhost middle.example >/tmp/zelk-hosts && mount --bind /tmp/zelk-hosts /etc/hosts")
+    middle = start_gatherer("--listen=127.0.0.1:2610", f"--database={fleet.conninfo()}", "--trust=site.example",
+                            *fleet.tls_options("middle", "authority"), port=2610, name="middle")
+    start_gatherer("--listen=127.0.0.1:2611", "--relay=middle.example:2610", *fleet.tls_options("site", "authority"),
+                   port=2611, name="site")
+
+    def context(name, authority="authority"):
+        made = ssl.create_default_context(cafile=f"{fleet.folder}/{authority}.pem")
+        made.check_hostname = False
+        if name:
+            made.load_cert_chain(f"{fleet.folder}/{name}.pem", f"{fleet.folder}/{name}.key")
+        return made
+
+    for port, numbers in ((2610, range(70000, 70010)), (2611, range(70010, 72010))):
+        conversation = Conversation(port, host="somebody.else", tls=context("liar"))
+        conversation.tell([line_of(number) for number in numbers])
+        conversation.wait()
+        conversation.close()
+    expect("a node's name is its certificate's, through relays too", query(
+        "SELECT host || ' ' || count(*) FROM zelk_incident WHERE host LIKE '%.example' OR host LIKE 'some%' GROUP BY host"),
+        "liar.example 2010")
+
+    def is_refused(tls):
+        try:
+            Conversation(2610, tls=tls)
+            return False
+        except OSError:
+            return True
+
+    expect("nobody else is let in", [is_refused(tls) for tls in (None, context(None), context("foreign"))], [True] * 3)
+    for file in ("pem", "key"):
+        os.replace(f"{fleet.folder}/foreign.{file}", f"{fleet.folder}/middle.{file}")
+    os.replace(fleet.folder + "/stranger.pem", fleet.folder + "/authority.pem")
+    middle.send_signal(signal.SIGHUP)
+    time.sleep(0.3)
+    expect("SIGHUP reads certificates anew", is_refused(context("liar")), True)
+    expect("and nothing has ended", middle.poll(), None)
+
+
+# ---- A fleet ------------------------------------------------------------------------------------------------------------
+
+def record_many(node, stack, count):
+    """Starts to record incidents on a node, in four stacks."""
+    script = 'for number in $(seq "$2"); do stack=$1$((number % 4)); echo "$stack $(zkrecord -C -d "$3" "$stack" ' \
+             '"Disk %s: %d unreadable sectors." disk07 "$number")"; sleep 0.002; done'
+    return subprocess.Popen([*node.enter(), "bash", "-c", script, "-", stack, str(count), "slot " + "0" * 80],
+                            stdout=subprocess.PIPE, text=True, env=fleet.environment)
+
+
+def three_nodes(gatherer):
+    nodes = [Node(number) for number in (1, 2, 3)]
+    for node in nodes:
+        node.start_forward()
+        node.start_spool()
+    first = nodes[0].record("chain", "Fan 3 of enclosure 1 stands still.")
+    second = nodes[1].record("chain", "-c", first, "Disk disk\03307 is too warm.")
+    third = nodes[2].record("chain", "-c", second, "Backup of archive stopped.")
+
+    # A line that zkexport had begun when it was killed, and an incident that it did not see.
+    kill(nodes[0].spool)
+    nodes[0].run("sh", "-c", 'zkexport chain | head -c 300 >>"$(echo /var/lib/zelk/spool/*.json)"')
+    nodes[0].record("chain", "-c", second, "Alarm 100417")
+    time.sleep(0.5)  # rsyslog reads what is there
+    nodes[0].start_spool()
+
+    recorders = [(node, record_many(node, "busy", 1500)) for node in nodes]
+    wait_until(lambda: rows() > 300)
+    kill(nodes[1].forward)
+    time.sleep(0.5)
+    nodes[1].start_forward()
+    wait_until(lambda: rows() > 1200)
+    kill(gatherer)
+    time.sleep(0.5)
+    gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
+    wait_until(lambda: rows() > 2400)
+    fleet.kill_cluster()
+    time.sleep(0.5)
+    fleet.start_cluster()
+    recorded = [(node, *line.split()) for node, recorder in recorders for line in recorder.communicate()[0].splitlines()]
+
+    # More than a stack holds while nobody reads it.
+    kill(nodes[2].spool)
+    before = query("SELECT stack, gaps FROM zelk_gaps WHERE host = 'node3' AND stack LIKE 'busy%'").splitlines()
+    record_many(nodes[2], "busy", 400).communicate()
+    nodes[2].start_spool()
+
+    there = set()
+
+    def all_are_there():
+        there.update(query("SELECT host || ' ' || key FROM zelk_incident WHERE host LIKE 'node_'").splitlines())
+        return all(f"{node.name} {key}" in there for node, _, key in recorded)
+
+    # rsyslog waits up to ten seconds before it tries again. What a stack has lost comes to a gap.
+    wait_until(all_are_there, limit=25, pause=0.5)
+    missing = {(node.name, stack) for node, stack, key in recorded if f"{node.name} {key}" not in there}
+    gaps = {tuple(row.split("|")) for row in query("SELECT host, stack FROM zelk_gaps").splitlines()}
+    expect(f"of {len(recorded)} incidents none is lost but what a gap tells of", missing - gaps, set())
+    expect("nearly all of them are there", len([1 for node, _, key in recorded if f"{node.name} {key}" in there])
+           > len(recorded) * 0.9, True)
+    def has_gaps():
+        return len(set(query("SELECT stack, gaps FROM zelk_gaps WHERE host = 'node3' AND stack LIKE 'busy%'").splitlines())
+                   - set(before)) == 4
+
+    expect("stacks that were not read for a while have gaps, each one more", wait_until(has_gaps, limit=25), True)
+    expect("no incident is there twice", query("SELECT count(*) - count(DISTINCT key) FROM zelk_incident"), "0")
+    expect("a torn line is passed over", reason_of("node1"), "")
+
+    expect("causes lead over all nodes", query(
+        f"SELECT string_agg(host, ' ' ORDER BY depth) FROM zelk_causes('{third}')"), "node3 node2 node1")
+    reader = fleet.environment | {"PGUSER": "zelk_reader"}
+    chain = subprocess.run([fleet.FLEET + "/chain", third], env=reader, capture_output=True, text=True).stdout
+    expect("the chain is whole, and its texts do not drive the terminal", (len(chain.splitlines()), "disk 07" in chain),
+           (4, True))
+    page = subprocess.run([fleet.FLEET + "/chain", "--html", third], env=reader, capture_output=True, text=True).stdout
+    expect("it can be looked at as a page", f'id="{second}"' in page, True)
+
+    # Files that are begun now are sent at once, and those before them go.
+    record_many(nodes[0], "later", 500).communicate()
+    expect("the spool keeps what it needs", wait_until(lambda: len(nodes[0].run(
+        "sh", "-c", "ls /var/lib/zelk/spool/*.json").split()) <= 4), True)
+
+    # rsyslog has a window of 32 lines: what is behind it has not been sent, and is not noted.
+    gatherer.send_signal(signal.SIGSTOP)
+    record_many(nodes[0], "later", 200).communicate()
+    time.sleep(1)
+    notes = re.findall(r'"filename": *"([^"]+)".*?"curr_offs": *(\d+)', nodes[0].run("sh", "-c", "cat /run/zelk-forward/imfile-*"),
+                       re.DOTALL)
+    noted = [line for file, size in notes for line in nodes[0].run(
+        "sh", "-c", '[ ! -f "$1" ] || head -c "$2" "$1"', "-", file.replace("\\/", "/"), size).splitlines()]
+    there.update(query("SELECT host || ' ' || key FROM zelk_incident WHERE host = 'node1'").splitlines())
+    under_way = [line for line in noted if line.startswith("{") and "node1 " + json.loads(line)["id"] not in there]
+    print(len(under_way), notes)
+    expect("what has not been sent is not noted", 0 < len(under_way) <= 32, True)
+    kill(gatherer)
+    return start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
+
+
+def main():
+    # The machine does not crash here, so nothing has to be synchronised with the disk.
+    fleet.make_cluster("fsync = off")
+    fleet.make_database("zelk")
+    gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
+    silent = [socket.create_connection(("127.0.0.1", 2514)) for _ in range(600)]
+    begun = time.monotonic()
+    lines_that_are_none()
+    one_judge()
+    what_recorders_write()
+    one_row_a_key()
+    nameless()
+    gaps()
+    questions()
+    who_may()
+    hostile_frames(gatherer)
+    neighbours()
+    half_open(begun, silent)
+    by_tls()
+    killed_gatherers()
+    away()
+    gatherer = three_nodes(gatherer)
+    months()
+    gatherer.terminate()
+    expect("and in the end it ends", gatherer.wait(), 0)
+    print(f"{time.monotonic() - fleet.began:4.0f} s  {failures} failed")
+    if failures:
+        subprocess.run(f"tail -n 8 {fleet.folder}/*.log", shell=True, check=False)
+    sys.exit(failures > 0)
+
+
+fleet.enter(os.path.abspath(__file__))
+main()
