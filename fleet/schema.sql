@@ -175,13 +175,25 @@ END $$;
 
 DO $$ BEGIN
   IF to_regtype('zelk_line') IS NULL THEN
-    CREATE TYPE zelk_line_process AS (name text, id int, parent int, thread int);
-    CREATE TYPE zelk_line_source AS (file text, version text, product text, line int);
-    CREATE TYPE zelk_line_argument AS (type text, value json);
-    CREATE TYPE zelk_line_message AS (catalog text, set int, number int, "default" text, arguments zelk_line_argument[]);
+    -- What nearly all lines have.
+    CREATE TYPE zelk_process AS (name text, id int, parent int, thread int);
+    CREATE TYPE zelk_source AS (file text, version text, product text, line int);
+    CREATE TYPE zelk_argument AS (type text, value json);
+    CREATE TYPE zelk_message AS (catalog text, set int, number int, "default" text, arguments zelk_argument[]);
     CREATE TYPE zelk_line AS (stack text, "offset" bigint, id text, cause text, time text, id_time text, node text,
-      process zelk_line_process, source zelk_line_source, message zelk_line_message, description text, details text);
-    CREATE TYPE zelk_line_error AS (code int, name text, "offset" bigint, reason text);
+      process zelk_process, source zelk_source, message zelk_message, description text, details text);
+    -- And all that a line may have: texts that are no UTF-8 have a neighbour with their bytes.
+    CREATE TYPE zelk_any_process AS (name text, name_base64 text, id int, parent int, thread int);
+    CREATE TYPE zelk_any_source AS (file text, file_base64 text, version text, version_base64 text, product text,
+      product_base64 text, line int);
+    CREATE TYPE zelk_any_argument AS (type text, value json, value_base64 text);
+    CREATE TYPE zelk_any_message AS (catalog text, catalog_base64 text, set int, number int, "default" text,
+      default_base64 text, arguments zelk_any_argument[]);
+    CREATE TYPE zelk_error AS (code int, name text, "offset" bigint, reason text);
+    CREATE TYPE zelk_any_line AS (stack text, stack_base64 text, "offset" bigint, id text, id_base64 text, cause text,
+      cause_base64 text, time text, id_time text, node text, process zelk_any_process, source zelk_any_source,
+      message zelk_any_message, description text, description_base64 text, cut boolean, details text, details_base64 text,
+      gap boolean, error zelk_error);
   END IF;
 END $$;
 
@@ -205,6 +217,80 @@ END $$;
 CREATE OR REPLACE FUNCTION zelk_essence(line jsonb) RETURNS jsonb LANGUAGE sql IMMUTABLE
 RETURN line - '{stack,stack_base64,offset,description,description_base64,cut}'::text[];
 
+-- The text with U+FFFD for each part of it that cannot begin or go on as UTF-8.
+CREATE OR REPLACE FUNCTION zelk_repaired(bytes bytea) RETURNS text LANGUAGE sql IMMUTABLE AS $$
+  SELECT string_agg(CASE WHEN part[1] <> '' THEN convert_from(convert_to(part[1], 'LATIN1'), 'UTF8') ELSE U&'\FFFD' END, ''
+                    ORDER BY number)
+    FROM regexp_matches(convert_from(bytes, 'LATIN1'), -- a character a byte
+      '((?:[\x01-\x7f]|[\xc2-\xdf][\x80-\xbf]|\xe0[\xa0-\xbf][\x80-\xbf]|[\xe1-\xec\xee\xef][\x80-\xbf]{2}|\xed[\x80-\x9f][\x80-\xbf]|'
+      '\xf0[\x90-\xbf][\x80-\xbf]{2}|[\xf1-\xf3][\x80-\xbf]{3}|\xf4[\x80-\x8f][\x80-\xbf]{2})+)|'
+      '\xe0[\xa0-\xbf]|[\xe1-\xec\xee\xef][\x80-\xbf]|\xed[\x80-\x9f]|\xf0[\x90-\xbf][\x80-\xbf]?|[\xf1-\xf3][\x80-\xbf]{1,2}|'
+      '\xf4[\x80-\x8f][\x80-\xbf]?|[\x80-\xff]', 'g') WITH ORDINALITY AS each (part, number) $$;
+
+-- Whether the text is what the bytes beside it look like, and they are no UTF-8; where there are none it need not be.
+CREATE OR REPLACE FUNCTION zelk_is_of_bytes(said text, base64 text) RETURNS boolean LANGUAGE sql IMMUTABLE
+RETURN base64 IS NULL OR (translate(encode(decode(base64, 'base64'), 'base64'), E'\n', '') = base64
+  AND strpos(said, U&'\FFFD') > 0 AND zelk_repaired(decode(base64, 'base64')) = said AND convert_to(said, 'UTF8') <> decode(base64, 'base64'));
+
+-- Whether an argument has a value of its type. A number that is out of range is an error.
+CREATE OR REPLACE FUNCTION zelk_is_argument(type text, value text) RETURNS boolean LANGUAGE sql IMMUTABLE
+RETURN CASE
+  WHEN type = 'string' THEN value LIKE '"%'
+  WHEN type IN ('int', 'long') THEN value ~ '^(0|-?[1-9][0-9]{0,9})$' AND value::int IS NOT NULL
+  WHEN type = 'long_long' THEN value ~ '^(0|-?[1-9][0-9]{0,18})$' AND value::bigint IS NOT NULL
+  WHEN type = 'double' THEN value IN ('"inf"', '"-inf"', '"nan"', '"-nan"') OR
+    value ~ '^-?(0|[1-9][0-9]{0,29})(\.[0-9]{1,40})?(e[-+][0-9]{1,3})?$' AND value::float8 IS NOT NULL
+  WHEN type = 'pointer' THEN value ~ '^"0x[0-9a-f]{1,16}"$'
+  WHEN type IN ('reserved', 'unknown') THEN value ~ '^"[0-9a-f]{16}"$'
+  ELSE false
+END;
+
+-- What is wrong with a line that not every recorder's stack gives, if nothing else is; `kind` as below.
+CREATE OR REPLACE FUNCTION zelk_read_other(line text, OUT kind text, OUT reason text) LANGUAGE plpgsql IMMUTABLE AS $$
+DECLARE
+  nothing CONSTANT text := E'\x01null'; -- for null where that is written
+  said zelk_any_line := json_populate_record(NULL::zelk_any_line, line::json);
+  argument zelk_any_argument;
+  head text := '{"stack":' || to_json(said.stack) || coalesce(',"stack_base64":' || to_json(said.stack_base64), '');
+  written text;
+BEGIN
+  kind := CASE WHEN said.gap IS NOT NULL THEN 'gap' WHEN said.error IS DISTINCT FROM NULL THEN 'error' ELSE 'incident' END;
+  IF kind = 'gap' THEN
+    written := head || ',"gap":true}';
+  ELSIF kind = 'error' THEN
+    written := head || ',"error":' || json_strip_nulls(row_to_json(said.error)) || '}';
+    IF (said.error).code IS NULL OR (said.error).name IS NULL OR coalesce((said.error).reason, '') = '' THEN
+      reason := 'a member is missing';
+    END IF;
+  ELSE
+    said.id := coalesce(said.id, nothing);
+    said.cause := coalesce(said.cause, nothing);
+    written := replace(json_strip_nulls(row_to_json(said))::text, to_json(nothing)::text, 'null');
+    FOREACH argument IN ARRAY (said.message).arguments LOOP
+      IF NOT zelk_is_of_bytes(argument.value #>> '{}', argument.value_base64) OR
+         argument.value_base64 IS NOT NULL AND argument.type <> 'string' THEN
+        reason := 'bytes that are not those of their text';
+      END IF;
+    END LOOP;
+  END IF;
+  IF strpos(line, '\u') > 0 THEN
+    written := zelk_escaped(written);
+  END IF;
+  IF written IS DISTINCT FROM line OR said.cut IS FALSE OR (said.id_time IS NULL) <> (said.node IS NULL) THEN
+    reason := 'not as zkexport writes it';
+  ELSIF NOT (zelk_is_of_bytes(said.stack, said.stack_base64) AND zelk_is_of_bytes(said.id, said.id_base64)
+    AND zelk_is_of_bytes(said.cause, said.cause_base64) AND zelk_is_of_bytes((said.process).name, (said.process).name_base64)
+    AND zelk_is_of_bytes((said.source).file, (said.source).file_base64)
+    AND zelk_is_of_bytes((said.source).version, (said.source).version_base64)
+    AND zelk_is_of_bytes((said.source).product, (said.source).product_base64)
+    AND zelk_is_of_bytes((said.message).catalog, (said.message).catalog_base64)
+    AND zelk_is_of_bytes((said.message)."default", (said.message).default_base64)
+    AND zelk_is_of_bytes(said.description, said.description_base64)
+    AND zelk_is_of_bytes(said.details, said.details_base64)) THEN
+    reason := 'bytes that are not those of their text';
+  END IF;
+END $$;
+
 -- Reads one line of zkexport. `kind` is 'incident', 'gap' or 'error', or null with the reason. A line is one when PostgreSQL, told
 -- its members, would write the same bytes: so they are all there, once, in their order, and each is what it has to be.
 CREATE OR REPLACE FUNCTION zelk_read(host text, line text, OUT kind text, OUT key text, OUT cause text, OUT stack text,
@@ -212,69 +298,55 @@ CREATE OR REPLACE FUNCTION zelk_read(host text, line text, OUT kind text, OUT ke
 LANGUAGE plpgsql STABLE AS $$
 DECLARE
   said zelk_line;
-  error zelk_line_error;
-  plain text := line;
-  written text;
-  kind_said text := 'incident';
+  argument zelk_argument;
   is_key boolean;
-  argument zelk_line_argument;
+  kind_said text := 'incident';
 BEGIN
   IF line IS NULL OR line NOT LIKE '{"stack":"%' THEN
     reason := 'not a line of zkexport';
     RETURN;
   END IF;
   said := json_populate_record(NULL::zelk_line, line::json);
-  written := row_to_json(said);
-  IF written <> line THEN
-    -- What only some lines have: bytes that are no text, a cut, an Error ID that says nothing, control characters.
-    plain := regexp_replace(plain, ',"[a-z]+_base64":"[+/0-9A-Za-z]*=*"', '', 'g');
-    plain := replace(plain, ',"cut":true', '');
-    IF plain LIKE '%,"gap":true}' THEN
-      kind_said := 'gap';
-      written := format('{"stack":%s,"gap":true}', to_json(said.stack));
-    ELSIF strpos(plain, ',"error":{') > 0 THEN
-      kind_said := 'error';
-      error := json_populate_record(NULL::zelk_line_error, line::json->'error');
-      written := format('{"stack":%s,"error":{"code":%s,"name":%s%s,"reason":%s}}', to_json(said.stack), error.code,
-                        to_json(error.name), ',"offset":' || error."offset", to_json(error.reason));
-    ELSE
-      written := replace(written, ',"id_time":null,"node":null,', ',');
-    END IF;
-    IF strpos(plain, '\u') > 0 THEN
-      written := zelk_escaped(written);
-    END IF;
-    IF plain <> written THEN
-      reason := 'not as zkexport writes it';
-      RETURN;
-    END IF;
+  IF row_to_json(said)::text <> line THEN
+    SELECT * FROM zelk_read_other(line) INTO kind_said, reason;
   END IF;
 
-  IF kind_said = 'incident' THEN
+  IF kind_said = 'incident' AND reason IS NULL THEN
     is_key := coalesce(said.id ~ '^[./0-9A-Za-z]{42}$', false);
     reason := CASE
       WHEN said."offset" IS NULL OR said.time IS NULL OR said.description IS NULL OR said.details IS NULL
         OR NOT said.process IS NOT NULL OR NOT said.source IS NOT NULL OR NOT said.message IS NOT NULL
         THEN 'a member is missing'
+      WHEN said."offset" < 0
+        THEN 'an offset that is none'
       WHEN '' IN (said.id, said.cause) OR length(said.id) > 42 OR length(said.cause) > 42
         THEN 'an Error ID that is none'
-      WHEN said.id_time IS NOT NULL
-        AND NOT (is_key AND to_char(zelk_time(said.id) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = said.id_time)
+      WHEN host(said.node::inet) <> said.node
+        THEN 'a node that is no address'
+      WHEN said.id_time IS NOT NULL AND NOT (is_key AND said.id_time COLLATE "C" < '2106-02-07T06:28:16'
+        AND to_char(zelk_time(said.id) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = said.id_time)
         THEN 'a time that its Error ID does not say'
+      WHEN length(said.time) <> 20 OR said.time COLLATE "C" NOT BETWEEN '1901-12-13T20:45:52Z' AND '2038-01-19T03:14:07Z'
+        THEN 'a time that no record has'
       WHEN left(said.id_time, 19) || 'Z' = said.time -- as nearly always
         THEN NULL
       WHEN to_char(said.time::timestamptz AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS"Z"') <> said.time
         THEN 'a time that is none'
     END;
-    FOREACH argument IN ARRAY (said.message).arguments LOOP
-      IF argument.type IS NULL OR argument.value IS NULL OR argument.value::text NOT LIKE '"%' AND
-          (argument.value::text !~ '^-?(0|[1-9][0-9]{0,29})(\.[0-9]{1,40})?(e[-+][0-9]{1,3})?$'
-           OR argument.value::text::float8 IS NULL) THEN -- one that is out of range is an error
-        reason := 'an argument that is none';
-      END IF;
-    END LOOP;
-    IF reason IS NOT NULL THEN
-      RETURN;
+    IF reason IS NULL THEN
+      FOREACH argument IN ARRAY (said.message).arguments LOOP
+        IF zelk_is_argument(argument.type, argument.value::text) IS NOT TRUE THEN
+          reason := 'an argument that is none';
+        END IF;
+      END LOOP;
     END IF;
+  END IF;
+  IF reason IS NOT NULL THEN
+    RETURN;
+  END IF;
+
+  stack := said.stack;
+  IF kind_said = 'incident' THEN
     cause := said.cause;
     key := said.id;
     IF NOT is_key THEN
@@ -282,9 +354,9 @@ BEGIN
              encode(sha256(convert_to(concat_ws(' ', host, said.stack, said."offset", zelk_essence(line::jsonb)), 'UTF8')), 'hex');
     END IF;
   END IF;
-  stack := said.stack;
   kind := kind_said;
 EXCEPTION WHEN data_exception OR program_limit_exceeded OR statement_too_complex OR feature_not_supported THEN
+  kind := NULL;
   reason := SQLERRM; -- no JSON, \u0000, nested too deep, a 31st of June
 END $$;
 

@@ -61,6 +61,12 @@ def lines_that_are_none():
         "a text for a number": line.replace('"offset":24', '"offset":"24"'),
         "blanks": line.replace(",", ", "),
         "carriage return": line + "\r",
+        "an argument of another type": line.replace('"type":"int"', '"type":"pointer"'),
+        "an argument that is too large": line.replace('"value":3', '"value":2147483648'),
+        "a node that is none": line.replace('"node":"192.0.2.2"', '"node":"192.0.2"'),
+        "a year that is none": line.replace('"time":"2026', '"time":"20026'),
+        "bytes of another text": line.replace('"details"', '"description_base64":"/w==","details"'),
+        "bytes that are text": line.replace('"details"', '"description_base64":"YQ==","details"'),
         "an argument without value": line.replace(',"value":3', ""),
         "an argument that is a list": line.replace('"value":3', '"value":[]'),
         "a gap that is none": '{"stack":"disks","gap":1}',
@@ -68,9 +74,7 @@ def lines_that_are_none():
         "an error without reason": '{"stack":"disks","error":{"code":-1,"name":"X"}}',
     }.items():
         put([bad], host="bad", place=place.replace(" ", "_").replace(",", "").replace("'", ""))
-    expect("lines that are none are rejected", query(
-        "SELECT string_agg(place, ' ') FROM (SELECT place FROM zelk_incident, zelk_rejected WHERE false) none"), "")
-    expect("all of them are kept, with the reason", query("SELECT count(*) FROM zelk_rejected WHERE host = 'bad'"), "26")
+    expect("all of them are kept, with the reason", query("SELECT count(*) FROM zelk_rejected WHERE host = 'bad'"), "32")
     expect("none has become a row", rows("host = 'bad'"), 0)
     expect("bytes that are no text are kept as they came",
            query("SELECT encode(line, 'hex') FROM zelk_rejected WHERE host = 'bad' AND place LIKE 'a_NUL:%'"),
@@ -455,9 +459,11 @@ def three_nodes(gatherer):
     expect("the spool keeps what it needs", wait_until(lambda: len(nodes[0].run(
         "sh", "-c", "ls /var/lib/zelk/spool/*.json").split()) <= 4), True)
 
-    # rsyslog has a window of 32 lines: what is behind it has not been sent, and is not noted.
+    # rsyslog has a window of 32 lines, and one that waits before it: what is behind them has not been sent, and is not noted.
     gatherer.send_signal(signal.SIGSTOP)
+    nodes[0].forward.send_signal(signal.SIGSTOP)
     record_many(nodes[0], "later", 200).communicate()
+    nodes[0].forward.send_signal(signal.SIGCONT)
     time.sleep(1)
     notes = re.findall(r'"filename": *"([^"]+)".*?"curr_offs": *(\d+)', nodes[0].run("sh", "-c", "cat /run/zelk-forward/imfile-*"),
                        re.DOTALL)
@@ -465,8 +471,7 @@ def three_nodes(gatherer):
         "sh", "-c", '[ ! -f "$1" ] || head -c "$2" "$1"', "-", file.replace("\\/", "/"), size).splitlines()]
     there.update(query("SELECT host || ' ' || key FROM zelk_incident WHERE host = 'node1'").splitlines())
     under_way = [line for line in noted if line.startswith("{") and "node1 " + json.loads(line)["id"] not in there]
-    print(len(under_way), notes)
-    expect("what has not been sent is not noted", 0 < len(under_way) <= 32, True)
+    expect(f"what has not been sent is not noted ({len(under_way)} have)", 0 < len(under_way) <= 33, True)
     kill(gatherer)
     return start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
 

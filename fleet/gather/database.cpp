@@ -16,7 +16,7 @@ constexpr int64_t PAUSE_MIN = 100;
 constexpr int64_t PAUSE_MAX = 10'000;
 
 /* A statement should take no longer than this, since a line may have to wait for two of them. */
-constexpr int64_t STATEMENT_TIME = 300;
+constexpr int64_t STATEMENT_TIME = 200;
 constexpr size_t BATCH_BYTES_MIN = 128 << 10;
 
 constexpr uint32_t TEXT_OID = 25;
@@ -144,6 +144,7 @@ static void end_statement(gather_t* gather, sink_t* sink) {
   const size_t sent = sink->sent;
   sink->sent = 0;
   if (sink->refusal.empty()) {
+    const size_t bytes = sink->under_way_bytes;
     for (size_t at = 0; at < sent; ++at) {
       line_t* const line = sink->under_way.front();
       sink->under_way.pop_front();
@@ -156,7 +157,7 @@ static void end_statement(gather_t* gather, sink_t* sink) {
     const int64_t time = gather->now - sink->sent_at;
     if (time > STATEMENT_TIME)
       sink->byte_limit = std::max(sink->byte_limit / 2, BATCH_BYTES_MIN);
-    else if (time < STATEMENT_TIME / 2)
+    else if (time < STATEMENT_TIME / 2 && bytes > sink->byte_limit / 2)
       sink->byte_limit = std::min(sink->byte_limit * 2, gather->limits.batch_bytes);
     return;
   }

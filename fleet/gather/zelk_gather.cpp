@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* zelk_gather.cpp - takes the lines of many nodes by RELP, and answers when what waits on all connections has been committed by
  * one statement. It keeps nothing: killed at any moment, nothing that it has answered for is lost. */
+#include <getopt.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -9,7 +10,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -148,38 +148,79 @@ static int check_request(const request_t& request) {
   return 0;
 }
 
+static constexpr char HELP[] =
+    "Usage: zelk-gather [OPTION...] --database=CONNINFO...\n"
+    "       zelk-gather [OPTION...] --relay=ADDRESS:PORT\n"
+    "Takes the incidents of many nodes, as zkexport writes them, and puts them into a database.\n\n"
+    "  --listen=[ADDRESS:]PORT  where nodes reach it; port 2514 of this machine only unless given\n"
+    "  --database=CONNINFO      where it puts lines; several share them, in this order\n"
+    "  --relay=ADDRESS:PORT     hands lines on to another gatherer instead\n"
+    "  --tls-certificate=FILE   certificate of this gatherer, PEM\n"
+    "  --tls-key=FILE           its key\n"
+    "  --tls-ca=FILE            the authority of all certificates\n"
+    "  --trust=NAME             certificate of a relay, whose lines keep the hosts that they name\n"
+    "  --lines=NUMBER           most lines in one commit, 2000 unless given\n"
+    "  -h, --help               prints this\n"
+    "  --version                prints the version\n\n"
+    "--listen, --database and --trust may be given several times.\n";
+
 /* Parses the command line. Returns the exit status where that ends the run, else -1. */
 static int parse_request(int argc, char** argv, gather_t* gather) {
+  enum { LISTEN = 1, DATABASE, RELAY, CERTIFICATE, KEY, AUTHORITY, TRUST, LINES, VERSION };
+  static constexpr option OPTIONS[] = {{"listen", required_argument, nullptr, LISTEN},
+                                       {"database", required_argument, nullptr, DATABASE},
+                                       {"relay", required_argument, nullptr, RELAY},
+                                       {"tls-certificate", required_argument, nullptr, CERTIFICATE},
+                                       {"tls-key", required_argument, nullptr, KEY},
+                                       {"tls-ca", required_argument, nullptr, AUTHORITY},
+                                       {"trust", required_argument, nullptr, TRUST},
+                                       {"lines", required_argument, nullptr, LINES},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, VERSION},
+                                       {nullptr, 0, nullptr, 0}};
   request_t* const request = &gather->request;
-  CLI::App app("Takes the incidents of many nodes, as zkexport writes them, and puts them into a database.",
-               "zelk-gather");
-  app.add_option("--listen", request->listen, "where nodes reach it, port 2514 of this machine only unless given")
-      ->type_name("[ADDRESS:]PORT")
-      ->expected(1)
-      ->take_all();
-  app.add_option("--database", request->databases, "where it puts lines; several share them in this order")
-      ->type_name("CONNINFO")
-      ->expected(1)
-      ->take_all();
-  app.add_option("--relay", request->relay, "hands lines on to another gatherer instead")->type_name("ADDRESS:PORT");
-  app.add_option("--tls-certificate", request->certificate, "certificate of this gatherer, PEM")->type_name("FILE");
-  app.add_option("--tls-key", request->key, "its key")->type_name("FILE");
-  app.add_option("--tls-ca", request->authority, "the authority of all certificates")->type_name("FILE");
-  app.add_option("--trust", request->trusted, "a relay's certificate: its lines keep the host that they name")
-      ->type_name("NAME")
-      ->expected(1)
-      ->take_all();
-  app.add_option("--lines", gather->limits.batch_lines, "most lines in one commit, 2000 unless given")
-      ->type_name("NUMBER")
-      ->check(CLI::Range(1, 100000));
-  app.set_version_flag("--version", "zelk-gather " ZKVIEW_VERSION);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::Success& asked) {
-    return app.exit(asked);
-  } catch (const CLI::ParseError& error) {
-    return misuse(error.what());
+  int chosen = 0;
+  while ((chosen = getopt_long(argc, argv, "h", OPTIONS, nullptr)) != -1) {
+    switch (chosen) {
+      case LISTEN:
+        request->listen.push_back(optarg);
+        break;
+      case DATABASE:
+        request->databases.push_back(optarg);
+        break;
+      case RELAY:
+        request->relay = optarg;
+        break;
+      case CERTIFICATE:
+        request->certificate = optarg;
+        break;
+      case KEY:
+        request->key = optarg;
+        break;
+      case AUTHORITY:
+        request->authority = optarg;
+        break;
+      case TRUST:
+        request->trusted.push_back(optarg);
+        break;
+      case LINES: {
+        const std::string digits = optarg;
+        if (digits.empty() || digits.size() > 5 || digits.find_first_not_of("0123456789") != digits.npos ||
+            std::stoi(digits) == 0)
+          return misuse("--lines: not a number from 1 to 99999");
+        gather->limits.batch_lines = std::stoul(digits);
+        break;
+      }
+      case 'h':
+        return std::fputs(HELP, stdout) < 0 || std::fflush(stdout) != 0 ? 1 : 0;
+      case VERSION:
+        return std::puts("zelk-gather " ZKVIEW_VERSION) < 0 || std::fflush(stdout) != 0 ? 1 : 0;
+      default:
+        std::fputs("Try 'zelk-gather --help'\n", stderr); /* getopt has said why */
+        return 2;
+    }
   }
+  if (optind < argc) return misuse(std::string("unexpected argument: ") + shown(argv[optind]));
   if (request->listen.empty()) request->listen = {"2514"};
   const int status = check_request(*request);
   return status != 0 ? status : -1;
@@ -206,7 +247,7 @@ static void add_sinks(gather_t* gather) {
     sink->address = address;
     sink->pause = 100;
     sink->limit = gather->limits.batch_lines;
-    sink->byte_limit = gather->limits.batch_bytes / 8;
+    sink->byte_limit = gather->limits.batch_bytes / 16;
     gather->sinks.push_back(std::move(sink));
   }
 }
