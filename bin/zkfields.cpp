@@ -3,6 +3,7 @@
  * text of its description. */
 #include "zkfields.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -32,7 +33,7 @@ int zk_get_rec_substring(int debug_active, const char* debug_file, void** buffer
   zk_cursor_t cursor = cursor_of(buffer, remaining_len);
   const char* text = zk_read_text(&cursor);
   if (text == nullptr) return fail_text({debug_active, debug_file, __func__});
-  std::memcpy(substring, text, std::strlen(text)); /* without a terminator */
+  std::copy_n(text, std::strlen(text), substring); /* without a terminator */
   store(cursor, buffer, remaining_len);
   return ZELK_SUCCESS;
 }
