@@ -6,7 +6,7 @@
 
 BEGIN { expected = first }
 
-/^\$ [A-Z][A-Z_]*:/ { name = substr($2, 1, length($2) - 1) }
+/^\$ [A-Z][A-Z0-9_]*:/ { name = substr($2, 1, length($2) - 1) }
 /^\$/ { next }
 
 !continued && /^[0-9]+ "/ {

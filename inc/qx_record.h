@@ -7,6 +7,8 @@
  * the newest acknowledged incident or with the one that was being recorded, and the next recorder goes on from there.
  * (After a crash of the machine the newest incidents may be missing: nothing is synchronised with the disk.)
  *
+ * In C++20, qx_record.hpp records in one line too, and checks more of it when it is compiled.
+ *
  * The trace pair, result codes and texts are as in qx_zelk.h. Any number of processes, threads and readers may use one
  * stack at a time:
  *   - A recorder is used by one thread at a time; threads may each open one of the same stack.
@@ -65,6 +67,14 @@ int zk_create_stack(int debug_active, const char* debug_file, const char* stack_
  * stack of version one, or with a control header that no recorder leaves. */
 int zk_open_recorder(int debug_active, const char* debug_file, const char* stack_file, zk_recorder_t** recorder);
 
+/* Opens the Error Stack `stack_file` for recording, as zk_open_recorder does; where there is none, makes one of `size` bytes
+ * first (0: 16384), as zk_create_stack does. Of two that make it at once both get the one stack. `*recorder` is set on
+ * success only; the caller closes it.
+ * Returns 0; ZELK_INV_PARAM3 null or empty name; ZELK_INV_PARAM4 a size that is neither 0 nor within 8192 and 16384;
+ * ZELK_INV_PARAM5 null `recorder`; the other codes of the two but ZELK_FILE_EXIST. */
+int zk_open_or_create_recorder(int debug_active, const char* debug_file, const char* stack_file, int32_t size,
+                               zk_recorder_t** recorder);
+
 /* Records an incident, now, and stores its new Error ID, of version 2, in `eid`: no two of a node are equal, and records
  * stand in the order of their times. The node address in it is the value of ZELKADDR when that is one, else the node's
  * own as it was when the recorder was opened. A record's body is at most 1024 bytes. Details that do not fit are cut and
@@ -80,6 +90,21 @@ int zk_open_recorder(int debug_active, const char* debug_file, const char* stack
  * Reads the environment: no other thread may change it meanwhile. */
 int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* recorder, const zk_incident_t* incident,
                        zk_eid_t eid);
+
+/* Records, untraced, an incident of the calling thread: zk_record_incident in one line.
+ *   cause    Error ID of the incident that caused this one; null or empty: none
+ *   details  null: none
+ *   eid      receives the new Error ID, the empty text after a failure; may be null, and may be where `cause` stands
+ *   format   as printf takes it. It is recorded as it stands and each argument beside it by its kind, so that a
+ *            translation can order them anew: an integer as an `int` or a `long long`, whichever holds its type, a
+ *            floating-point number as a `double`, a text and a pointer as such. A null text is recorded as "(null)". Of a
+ *            text whose conversion has a precision no byte behind that is read.
+ * Returns 0; ZELK_INV_PARAM3 null recorder; ZELK_INV_PARAM4 a null format, or one with what cannot be recorded: "%n", "*",
+ * "%m", wide characters ("%lc", "%ls"), a conversion or combination that printf does not define, a width or precision above
+ * 1024, numbered conversions beside others or with gaps, one argument as two kinds (nothing is recorded then);
+ * ZELK_INV_RECLEN more than 200 arguments; ZELK_NO_MEMORY; the other codes of zk_record_incident. */
+int zk_record_message(zk_recorder_t* recorder, const char* cause, const char* details, zk_eid_t eid, const char* format,
+                      ...) ZELK_PRINTF_LIKE(5, 6);
 
 /* Closes a recorder; a null one does nothing. */
 void zk_close_recorder(zk_recorder_t* recorder);

@@ -87,6 +87,12 @@ _Static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 enum { ZELK_RESULT_CODES(ZELK_ENUMERATOR) };
 #undef ZELK_ENUMERATOR
 
+/* A short text for a result code, one line without a full stop, and a text that says so for a number that is none: in the
+ * language of LC_MESSAGES, as it is set at the first call, where the message catalog "zelk.cat" is found and has it, else
+ * in English. Never null; the text stays valid for the life of the process and must not be freed. Leaves errno as it was.
+ * The first call reads the environment: no other thread may change it, or the locale, meanwhile. */
+const char* zk_result_text(int result);
+
 /* ---- Places and sizes ---------------------------------------------------------------------------------------- */
 
 #define ZELK_DIR "/var/adm/zelk"

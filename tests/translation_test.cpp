@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* Translations: the catalogs made of catalogs/, each held against the English one. */
+#include <climits>
 #include <filesystem>
 #include <set>
 #include <sstream>
@@ -24,7 +25,7 @@ static std::vector<std::string> catalogs() {
 static std::map<std::pair<int, int>, std::string> texts_of(const fs::path& folder) {
   std::map<std::pair<int, int>, std::string> texts;
   const nl_catd catalog = catopen((folder / "zelk.cat").c_str(), 0);
-  for (int set : {int{ZK_MSG_SET}, ZK_MSG_SET + 1})
+  for (int set : {int{ZK_MSG_SET}, ZK_MSG_SET + 1, ZK_MSG_SET + 2})
     for (int n = 1; n < 1000; ++n)
       if (const char* text = catgets(catalog, set, n, nullptr)) texts[{set, n}] = text;
   catclose(catalog);
@@ -127,4 +128,21 @@ TEST(translation, reaches_the_companions_where_it_fits) {
   const std::string unfit = scratch() + "/unfit.cat";
   run({"/usr/bin/gencat", unfit, new_file("$set 7\n61 %1$d %s%n\n")});
   EXPECT_TRUE(complaint_of_zkdecode(unfit).ends_with("its character 1 is outside the alphabet\n"));
+}
+
+TEST(translation, reaches_the_texts_of_result_codes) {
+  in_child([] {
+    setenv("NLSPATH", (BUILD / "catalogs/de.UTF-8/zelk.cat").c_str(), 1);
+    errno = EDOM;
+    EXPECT_STREQ(zk_result_text(ZELK_FILE_MISSING), "Datei fehlt");
+    EXPECT_STREQ(zk_result_text(ZELK_UNSUPPORTED), "von einer neueren Version");
+    EXPECT_STREQ(zk_result_text(-12), "unbekanntes Ergebnis");
+    EXPECT_EQ(errno, EDOM);
+  });
+  in_child([] {
+    setenv("NLSPATH", new_file("no catalog").c_str(), 1);
+    EXPECT_STREQ(zk_result_text(0), "success");
+    EXPECT_STREQ(zk_result_text(1), "unknown result");
+    EXPECT_STREQ(zk_result_text(INT_MIN), "unknown result");
+  });
 }

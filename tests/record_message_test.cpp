@@ -1,0 +1,196 @@
+/* SPDX-License-Identifier: MIT */
+/* record_message_test.cpp - recording in one line, from C and from C++. What must not compile is in bad_formats.py. */
+
+#include <climits>
+#include <cstring>
+#include <thread>
+
+#include "qx_record.h"
+#include "qx_record.hpp"
+#include "support.h"
+
+/* What printf does with formats that a compiler would refuse is tried on purpose. */
+#pragma GCC diagnostic ignored "-Wformat"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+static std::string new_name() {
+  return new_file("") + "-stack";
+}
+
+/* The report of the newest incident. */
+static std::string report(const std::string& path) {
+  const std::string all = run({program("zkview"), "-a", "-d", "-s", path}).out;
+  return all.substr(("\n" + all).rfind("\nZELK Error Identifier"));
+}
+
+static std::string between(const std::string& text, const std::string& start, const std::string& end) {
+  const size_t from = text.find(start) + start.size();
+  return text.substr(from, text.find(end, from) - from);
+}
+static std::string description(const std::string& path) {
+  return between(report(path), "Description:\n", "\n\n");
+}
+
+/* ---- zk_record_message ------------------------------------------------------------------------------------------- */
+
+/* A stack for a test, with the recorder that makes it. */
+struct one_line : testing::Test {
+  std::string path = new_name();
+  zk_recorder_t* recorder = nullptr;
+
+  void SetUp() override { ASSERT_EQ(zk_open_or_create_recorder(0, nullptr, path.c_str(), 0, &recorder), 0); }
+  void TearDown() override { zk_close_recorder(recorder); }
+
+  /* Both what printf makes of it and what a report shows. */
+  template <typename... Arguments>
+  void shows_as_printf(const char* format, Arguments... arguments) {
+    char printed[2048];
+    std::snprintf(printed, sizeof printed, format, arguments...);
+    ASSERT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, format, arguments...), 0) << format;
+    EXPECT_EQ(description(path), printed) << format;
+  }
+  int result_of(const char* format) { return zk_record_message(recorder, nullptr, nullptr, nullptr, format, 1, 2, 3); }
+};
+
+TEST_F(one_line, shows_what_printf_shows) {
+  shows_as_printf("Disk %s: %d of %u sectors, %5.1f%%", "disk07", -3, 4000000000U, 0.5);
+  shows_as_printf("%hhd %hhu %hd %hx %ld %lu", 300, 300, 70000, -1, LONG_MIN, ULONG_MAX);
+  shows_as_printf("%lld %llx %jd %zu %td %i", LLONG_MIN, ULLONG_MAX, intmax_t{-7}, SIZE_MAX, ptrdiff_t{-9}, INT_MIN);
+  shows_as_printf("%c%c %p %Lf %e %+05d|%-6s|%#o", 'o', 'k', static_cast<void*>(&path), 2.5L, 1e300, 7, "ab", 8);
+  shows_as_printf("%2$s of %1$s, %2$s", "volume", "copy");
+  shows_as_printf("100%% of it %% %d", 5);
+  shows_as_printf("%s", static_cast<const char*>(nullptr));
+}
+
+TEST_F(one_line, reads_no_text_beyond_its_precision) {
+  const char unended[4] = {'d', 'i', 's', 'k'};
+  ASSERT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, "%.4s %.2s %1.0s", unended, "abc", unended), 0);
+  EXPECT_EQ(description(path), "disk ab  ");
+}
+
+TEST_F(one_line, keeps_the_message_apart_from_its_arguments) {
+  ASSERT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, "%s is %ld", "a", 5L), 0);
+  const std::string json = run({program("zkexport"), path}).out;
+  EXPECT_NE(
+      json.find(R"("default":"%s is %ld","arguments":[{"type":"string","value":"a"},{"type":"long_long","value":5}])"),
+      std::string::npos)
+      << json;
+}
+
+TEST_F(one_line, refuses_what_cannot_be_recorded_before_it_records) {
+  for (const char* format :
+       {"%n", "%*d", "%.*d", "%m",   "%lc",     "%ls",       "%hs",        "%Ld",    "%b",      "%y",
+        "%",  "%5",  "%0$d", "%2$d", "%1$d %d", "%1$d %1$s", "%1$d %1$ld", "%1025d", "%.1025d", "% %"})
+    EXPECT_EQ(result_of(format), -5) << format;
+  EXPECT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, nullptr), -5);
+  EXPECT_EQ(zk_record_message(nullptr, nullptr, nullptr, nullptr, nullptr), -4);
+  std::string many;
+  for (int i = 0; i < 201; ++i) many += "%d";
+  EXPECT_EQ(result_of(many.c_str()), -33);
+  EXPECT_EQ(run({program("zkview"), "-d", "-s", path}).out, HEADING);
+}
+
+TEST_F(one_line, takes_cause_and_details) {
+  zk_eid_t id, first;
+  ASSERT_EQ(zk_record_message(recorder, nullptr, nullptr, id, "the cause"), 0);
+  std::memcpy(first, id, sizeof first);
+  ASSERT_EQ(zk_record_message(recorder, id, "line one\nline two", id, "the effect"), 0);
+  const std::string shown = report(path);
+  EXPECT_NE(shown.find(std::string("Associated ZELK Error Identifier:\n\t ") + first), std::string::npos) << shown;
+  EXPECT_NE(shown.find("Details:\nline one\nline two\n"), std::string::npos) << shown;
+  EXPECT_EQ(zk_record_message(recorder, "no ID", nullptr, id, "refused"), -36);
+  EXPECT_STREQ(id, "");
+}
+
+/* ---- zk_open_or_create_recorder ---------------------------------------------------------------------------------- */
+
+static int open_or_create(const std::string& path, int32_t size) {
+  zk_recorder_t* recorder = nullptr;
+  const int result = zk_open_or_create_recorder(0, nullptr, path.c_str(), size, &recorder);
+  EXPECT_EQ(recorder != nullptr, result == 0);
+  zk_close_recorder(recorder);
+  return result;
+}
+
+TEST(open_or_create, makes_a_stack_once) {
+  const std::string path = new_name();
+  EXPECT_EQ(open_or_create(path, 9000), 0);
+  EXPECT_EQ(open_or_create(path, 0), 0);
+  EXPECT_EQ(contents(path).size(), 9000U);
+  const std::string usual = new_name();
+  EXPECT_EQ(open_or_create(usual, 0), 0);
+  EXPECT_EQ(contents(usual).size(), 16384U);
+}
+
+TEST(open_or_create, checks_its_arguments_in_their_order) {
+  zk_recorder_t* recorder = nullptr;
+  EXPECT_EQ(zk_open_or_create_recorder(0, nullptr, nullptr, 1, nullptr), -4);
+  EXPECT_EQ(zk_open_or_create_recorder(0, nullptr, "", 1, &recorder), -4);
+  EXPECT_EQ(zk_open_or_create_recorder(0, nullptr, "x", 8191, nullptr), -5);
+  EXPECT_EQ(zk_open_or_create_recorder(0, nullptr, "x", 16385, &recorder), -5);
+  EXPECT_EQ(zk_open_or_create_recorder(0, nullptr, "x", 0, nullptr), -6);
+  EXPECT_EQ(open_or_create("/missing/x.stack", 0), -14);
+  EXPECT_EQ(open_or_create(new_file("no stack"), 0), -26);
+}
+
+TEST(open_or_create, gives_all_who_make_it_at_once_the_one_stack) {
+  const std::string path = new_name();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i)
+    threads.emplace_back([&] {
+      const zelk::recorder_t recorder(path.c_str());
+      EXPECT_EQ(record(recorder, nullptr, "here").result, 0);
+    });
+  for (std::thread& thread : threads) thread.join();
+  const std::string shown = run({program("zkview"), "-d", "-s", path}).out;
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 9) << shown;
+}
+
+/* ---- qx_record.hpp ----------------------------------------------------------------------------------------------- */
+
+enum colour_t { RED = 4 };
+
+TEST(one_line_of_cpp, shows_every_kind_of_argument) {
+  const std::string path = new_name();
+  const zelk::recorder_t recorder(path.c_str(), "stn.node");
+  const char letters[] = "array";
+  ASSERT_EQ(recorder.result, 0);
+  ASSERT_EQ(record(recorder, nullptr, "%s %s %s %s", "literal", std::string("string"),
+                   std::string_view("view of more").substr(0, 4), letters)
+                .result,
+            0);
+  EXPECT_EQ(description(path), "literal string view array");
+  record(recorder, nullptr, "%d %u %d %lu %hhd %x %d %d %c", -1, 4000000000U, 4000000000U, UINT64_MAX, int8_t{-3}, -1,
+         RED, true, 'c');
+  EXPECT_EQ(description(path), "-1 4000000000 4000000000 18446744073709551615 -3 ffffffff 4 1 c");
+  const double half = 0.5;
+  record(recorder, nullptr, "%.1f %g %p %p%%", half, 0.25F, nullptr, static_cast<const void*>(&half));
+  char expected[64];
+  std::snprintf(expected, sizeof expected, "0.5 0.25 (nil) %p%%", static_cast<const void*>(&half));
+  EXPECT_EQ(description(path), expected);
+  const char* nothing = nullptr;
+  record(recorder, nullptr, "%2$d %1$s", nothing, 5L);
+  EXPECT_EQ(description(path), "5 (null)");
+}
+
+TEST(one_line_of_cpp, records_where_it_stands_and_what_caused_it) {
+  const std::string path = new_name();
+  const zelk::recorder_t recorder(path.c_str(), "stn.node");
+  const zelk::recorded_t cause = record(recorder, nullptr, "the cause");
+  const zelk::recorded_t effect = record(recorder, cause, zelk::details_t{"in detail"}, "the effect");
+  const std::string shown = report(path);
+  EXPECT_EQ(effect.result, 0);
+  EXPECT_NE(shown.find("File Name: " __FILE__ "\n"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("Within the File: " + std::to_string(__LINE__ - 4) + "\n"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("Product: stn.node\n"), std::string::npos) << shown;
+  EXPECT_NE(shown.find(std::string("\t ") + cause.eid), std::string::npos) << shown;
+  EXPECT_NE(shown.find("Details:\nin detail"), std::string::npos) << shown;
+}
+
+TEST(one_line_of_cpp, lets_a_program_go_on_without_a_stack) {
+  const zelk::recorder_t recorder("/missing/x.stack");
+  EXPECT_EQ(recorder.result, -14);
+  const zelk::recorded_t lost = record(recorder, nullptr, "nowhere");
+  EXPECT_EQ(lost.result, -4);
+  EXPECT_EQ(record(recorder, lost, "nowhere either").result, -4);
+}
