@@ -1,0 +1,30 @@
+# SPDX-License-Identifier: MIT
+"""What the tests share: a stack of a test's own, and the incidents in it. COMMANDS is the folder of the commands."""
+
+import json
+import os
+import subprocess
+import tempfile
+import unittest
+from typing import Any, Dict, List
+
+COMMANDS = os.environ["COMMANDS"]
+
+
+def run(command: str, *arguments: str) -> str:
+    return subprocess.run([f"{COMMANDS}/{command}", *arguments], check=True, capture_output=True, text=True).stdout
+
+
+class StackTest(unittest.TestCase):
+    def setUp(self) -> None:
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.stack = f"{folder.name}/a.stack"
+
+    def incidents(self) -> List[Dict[str, Any]]:
+        """What has been recorded, the oldest first."""
+        return [json.loads(line) for line in run("zkexport", self.stack).splitlines()]
+
+    def newest(self) -> Dict[str, Any]:
+        return self.incidents()[-1]

@@ -1,0 +1,204 @@
+# SPDX-License-Identifier: MIT
+"""Exceptions, chains of them, logging and hooks."""
+
+import io
+import logging
+import subprocess
+import sys
+import unittest
+from contextlib import redirect_stderr
+
+import zelk
+from support import StackTest
+
+
+class DiskGone(Exception):
+    pass
+
+
+def fail_in_three_steps() -> None:
+    try:
+        try:
+            raise OSError("no space left")
+        except OSError as cause:
+            raise DiskGone("disk07") from cause
+    except DiskGone:
+        raise RuntimeError  # while handling
+
+
+class Chains(StackTest):
+    def setUp(self) -> None:
+        super().setUp()
+        self.recorder = zelk.Recorder(self.stack)
+
+    def record(self, exception: BaseException, **options: str) -> str:
+        return self.recorder.record_exception(exception, **options)
+
+    def test_each_exception_is_an_incident_and_the_cause_of_the_next(self):
+        try:
+            fail_in_three_steps()
+        except RuntimeError:
+            newest = self.recorder.record_exception()
+        space, disk, run_time = self.incidents()
+        self.assertEqual(
+            [each["description"] for each in (space, disk, run_time)], ["OSError: no space left", "DiskGone: disk07", "RuntimeError"]
+        )
+        self.assertEqual([space["cause"], disk["cause"], run_time["cause"]], [None, space["id"], disk["id"]])
+        self.assertEqual(run_time["id"], newest)
+        first_line = fail_in_three_steps.__code__.co_firstlineno
+        self.assertEqual([each["source"]["line"] - first_line for each in (space, disk, run_time)], [3, 5, 7])
+        self.assertEqual(space["source"]["product"], __name__)
+        self.assertIn('raise OSError("no space left")', space["details"])
+        self.assertIn("in fail_in_three_steps", run_time["details"])
+
+    def test_a_suppressed_context_is_no_cause(self):
+        try:
+            try:
+                raise ValueError("hidden")
+            except ValueError:
+                raise KeyError("shown") from None
+        except KeyError as exception:
+            self.record(exception)
+        self.assertEqual([incident["description"] for incident in self.incidents()], ["KeyError: 'shown'"])
+
+    def test_an_exception_is_recorded_once(self):
+        cause = ValueError("first")
+        first = self.record(cause)
+        effect = KeyError("second")
+        effect.__cause__ = cause
+        second = self.record(effect)
+        self.assertEqual(self.record(effect), second)
+        self.assertEqual(len(self.incidents()), 2)
+        self.assertEqual(self.newest()["cause"], first)
+
+    def test_a_message_takes_the_place_of_the_text_which_goes_into_the_details(self):
+        self.record(ValueError("bad number"), message="Job 7 ended: 100% lost")
+        self.assertEqual(self.newest()["description"], "Job 7 ended: 100% lost")
+        self.assertEqual(self.newest()["details"], "ValueError: bad number")
+
+    def test_what_an_exception_does_not_stop_the_recording(self):
+        class Bad(Exception):
+            def __str__(self) -> str:
+                raise self
+
+        itself = ValueError("its own cause")
+        itself.__cause__ = itself
+        one, other = ValueError("one"), ValueError("other")
+        one.__context__, other.__context__ = other, one
+        for exception in [Bad(), itself, one, ValueError("long " * 1000), ValueError("\ud800\0"), ValueError("%s %n")]:
+            self.record(exception)
+        shown = [incident["description"] for incident in self.incidents()]
+        self.assertEqual(shown[:4], ["Bad: <exception str() failed>", "ValueError: its own cause", "ValueError: other", "ValueError: one"])
+        self.assertTrue(shown[4].startswith("ValueError: long long") and shown[4].endswith("..."))
+        self.assertEqual(shown[5:], ["ValueError: \\ud800?", "ValueError: %s %n"])
+
+    def test_of_a_long_chain_the_newest_hundred_are_recorded(self):
+        newest = None
+        for number in range(10_000):
+            exception = ValueError(str(number))
+            exception.__cause__ = newest
+            newest = exception
+        self.record(newest)
+        incidents = self.incidents()  # as many as the stack keeps
+        self.assertEqual(incidents[-1]["description"], "ValueError: 9999")
+        for one, next_one in zip(incidents, incidents[1:]):
+            self.assertEqual(next_one["cause"], one["id"])
+        told = ValueError("end")
+        told.__cause__ = newest
+        self.assertEqual(zelk._chain.unrecorded(told)[2], 0)
+        fresh, last = None, None
+        for number in range(103):
+            last, fresh = fresh, ValueError(str(number))
+            fresh.__cause__ = last
+        chain, cause, left_out = zelk._chain.unrecorded(fresh)
+        self.assertEqual((len(chain), str(chain[0]), cause, left_out), (100, "3", None, 3))
+
+    def test_a_deep_traceback_keeps_its_end(self):
+        def sink(depth: int) -> None:
+            if depth == 0:
+                raise ValueError("deep")
+            sink(depth - 1)
+
+        try:
+            sink(200)
+        except ValueError:
+            self.recorder.record_exception()
+        lines = self.newest()["details"].splitlines()
+        self.assertEqual(lines[0], "...")
+        self.assertEqual(lines[-1].strip(), 'raise ValueError("deep")')
+        self.assertTrue(self.newest()["source"]["line"] > 0)
+
+    def test_without_an_exception_there_is_nothing_to_record(self):
+        with self.assertRaises(ValueError):
+            self.recorder.record_exception()
+
+
+class Logging(StackTest):
+    def setUp(self) -> None:
+        super().setUp()
+        self.handler = zelk.Handler(self.stack)
+        self.log = logging.Logger("stn.backup")
+        self.log.addHandler(self.handler)
+        self.addCleanup(self.handler.close)
+
+    def test_what_is_logged_is_recorded_with_its_exception_as_the_cause(self):
+        self.log.warning("not recorded")
+        try:
+            raise OSError("disk full")
+        except OSError:
+            self.log.exception("Backup of %s stopped at %d%%", "archive", 37)
+        cause, logged = self.incidents()
+        self.assertEqual(cause["description"], "OSError: disk full")
+        self.assertEqual(logged["description"], "Backup of archive stopped at 37%")
+        self.assertEqual(logged["message"]["arguments"][1], {"type": "long_long", "value": 37})
+        self.assertEqual(logged["cause"], cause["id"])
+        self.assertEqual(logged["source"]["product"], "stn")
+        self.assertEqual(logged["source"]["file"], __file__)
+        self.assertIn("logger  stn.backup\nlevel  ERROR", logged["details"])
+
+    def test_the_error_id_is_left_in_the_record(self):
+        seen = []
+        self.log.addFilter(lambda record: seen.append(record) or True)
+        self.log.error("%(what)s", {"what": "a mapping"})
+        self.log.error({"any": "object"})
+        self.assertEqual([record.zelk_id for record in seen], [incident["id"] for incident in self.incidents()])
+        self.assertEqual(self.newest()["description"], "{'any': 'object'}")
+
+    def test_what_cannot_be_recorded_is_not_raised(self):
+        for handler, logged in [(zelk.Handler("/missing/x.stack"), ("text",)), (self.handler, ("%d", "no number"))]:
+            log = logging.Logger("lost")
+            log.addHandler(handler)
+            with redirect_stderr(io.StringIO()) as said:
+                log.error(*logged)
+            self.assertIn("--- Logging error ---", said.getvalue())
+
+
+class Hooks(StackTest):
+    def test_what_ends_the_program_or_a_thread_is_recorded_and_still_shown(self):
+        program = f"""
+import sys, threading, zelk
+sys.excepthook = lambda *args: print('old hook')
+zelk.install_excepthook({self.stack!r})
+thread = threading.Thread(target=lambda: 1 / 0)
+thread.start()
+thread.join()
+quiet = threading.Thread(target=sys.exit)
+quiet.start()
+quiet.join()
+raise KeyError('end')
+"""
+        ended = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
+        self.assertEqual((ended.returncode, ended.stdout), (1, "old hook\n"))
+        self.assertIn("ZeroDivisionError: division by zero", ended.stderr)
+        shown = [incident["description"] for incident in self.incidents()]
+        self.assertEqual(shown, ["ZeroDivisionError: division by zero", "KeyError: 'end'"])
+
+    def test_a_stack_that_cannot_be_written_is_told(self):
+        program = "import zelk; zelk.install_excepthook('/missing/x.stack'); 1 / 0"
+        ended = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
+        self.assertIn("zelk: the exception is not recorded: /missing/x.stack: directory missing\n", ended.stderr)
+        self.assertIn("ZeroDivisionError: division by zero", ended.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()

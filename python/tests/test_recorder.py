@@ -1,0 +1,163 @@
+# SPDX-License-Identifier: MIT
+"""Recording messages: what is kept of them, and from where one may record."""
+
+import collections
+import errno
+import json
+import multiprocessing
+import os
+import pickle
+import subprocess
+import sys
+import threading
+import unittest
+from decimal import Decimal
+
+import zelk
+from support import COMMANDS, StackTest
+
+
+def record_in_process(recorder: zelk.Recorder, number: int) -> None:
+    recorder.record("process %d", number)
+
+
+class Messages(StackTest):
+    def test_message_and_arguments_are_kept_apart(self):
+        with zelk.Recorder(self.stack, product="stn.node") as recorder:
+            first = recorder.record("Disk %s: %d of %u sectors, %5.1f%%", "disk07", -3, 2**40, 0.5)
+            recorder.record("Volume gone", cause=first, details="one\ntwo", file="volume.py", line=7)
+        disk, volume = self.incidents()
+        self.assertEqual(disk["message"]["default"], "Disk %s: %d of %d sectors, %5.1f%%")
+        self.assertEqual([argument["value"] for argument in disk["message"]["arguments"]], ["disk07", -3, 2**40, 0.5])
+        self.assertEqual(disk["description"], "Disk disk07: -3 of 1099511627776 sectors,   0.5%")
+        self.assertEqual((disk["source"]["file"], disk["source"]["product"]), (__file__, "stn.node"))
+        self.assertEqual(disk["id"], first)
+        self.assertEqual((volume["cause"], volume["details"]), (first, "one\ntwo"))
+        self.assertEqual((volume["source"]["file"], volume["source"]["line"]), ("volume.py", 7))
+
+    def test_every_message_shows_what_python_shows(self):
+        with zelk.Recorder(self.stack) as recorder:
+            for message, *args in [
+                ("%r %a %s", "ü", "ü", None),
+                ("%d %i %d %x %X", 3.9, True, 2**70, 255, -255),
+                ("%#x %#o %o %+d %05d|%-4d|", 255, 8, 8, 5, 5, 5),
+                ("%e %g %G %f %.2f", 1.5, 1e20, float("inf"), Decimal("0.5"), 2),
+                ("%5s|%-5s|%.2s|%5s|", "ab", "ab", "abc", "öl"),
+                ("%c%c%c %*d %.*f", "a", 98, "ü", 5, 7, 1, 2.25),
+                ("%(name)s has %(count)d%%", {"name": "archive", "count": 5}),
+                ("%ld %hd", 5, 6),
+                ("%s %s", "nul\0ended", "half \ud800"),
+                ("x" * 300 + "%s %d", "y" * 200, 5),
+            ]:
+                recorder.record(message, *args)
+                wanted = message % (args[0] if isinstance(args[0], dict) else tuple(args))
+                wanted = wanted.replace("\0", "?").replace("\ud800", "\\ud800")
+                self.assertEqual(self.newest()["description"], wanted, message)
+
+    def test_a_message_without_arguments_is_a_plain_text(self):
+        with zelk.Recorder(self.stack) as recorder:
+            for text in ["100% of %s", "%", "", "a" * 399, "%" * 401]:
+                recorder.record(text)
+                self.assertEqual(self.newest()["description"], text)
+
+    def test_arguments_that_do_not_fit_raise_what_python_raises(self):
+        recorder = zelk.Recorder(self.stack)
+        for message, *args in [("%d", "text"), ("%s %s", 1), ("%s", 1, 2), ("%y", 1), ("%", 1), ("%(a)s", 1), ("%f", "1")]:
+            with self.assertRaises((TypeError, ValueError)) as expected:
+                message % tuple(args)
+            with self.assertRaises(type(expected.exception), msg=message):
+                recorder.record(message, *args)
+        self.assertFalse(os.path.exists(self.stack))
+
+    def test_what_is_too_long_is_cut_and_recorded(self):
+        with zelk.Recorder(self.stack) as recorder:
+            recorder.record("%s", "x" * 5000)
+            recorder.record("y" * 5000, details="z" * 5000)
+            recorder.record("short", file="/long" * 1000)
+        shown = [incident["description"] for incident in self.incidents()]
+        self.assertRegex(shown[0], r"^x{700,}\.\.\.$")
+        self.assertRegex(shown[1], r"^y{700,}\.\.\.$")
+        self.assertTrue(self.newest()["source"]["file"].startswith("...") and shown[2] == "short")
+
+    def test_the_process_has_the_name_of_its_script(self):
+        script = f"{self.folder}/backup.py"
+        with open(script, "w") as file:
+            file.write(f"import zelk; zelk.Recorder({self.stack!r}).record('here')")
+        subprocess.run([sys.executable, script], check=True)
+        self.assertEqual(self.newest()["process"]["name"], "backup.py")
+
+
+class Stacks(StackTest):
+    def test_a_stack_that_cannot_be_had_is_an_error_with_code_and_text(self):
+        with self.assertRaises(OSError) as refused:
+            zelk.Recorder("/missing/x.stack").record("lost")
+        self.assertIsInstance(refused.exception, zelk.ZelkError)
+        self.assertEqual((refused.exception.code, refused.exception.errno), (-14, errno.ENOENT))
+        self.assertEqual(str(refused.exception), "/missing/x.stack: directory missing")
+        self.assertEqual(str(pickle.loads(pickle.dumps(refused.exception))), str(refused.exception))
+        with self.assertRaises(zelk.ZelkError) as missing:
+            zelk.Recorder(self.stack, create=False).open()
+        self.assertEqual(missing.exception.code, -24)
+        with self.assertRaises(zelk.ZelkError) as no_cause:
+            zelk.Recorder(self.stack).record("text", cause="no ID")
+        self.assertNotIsInstance(no_cause.exception, OSError)
+
+    def test_decode_says_what_zkdecode_says(self):
+        of_syslog = "83/.....2zIZ/.7S.02.e.1..................."
+        ids = [zelk.Recorder(self.stack).record("here"), of_syslog]
+        ids += [header + of_syslog[1:] for header in "./0123456789ABC"]  # versions and locations
+        for error_id in ids:
+            said = subprocess.run([f"{COMMANDS}/zkdecode", "--json", error_id], capture_output=True, text=True)
+            if said.returncode == 0:
+                self.assertEqual(json.loads(said.stdout), zelk.decode(error_id))
+            else:
+                self.assertRaises(zelk.ZelkError, zelk.decode, error_id)
+        for bad in ["", "x", "?" * 42, "ü" * 42, "7" * 42]:
+            with self.assertRaises(zelk.ZelkError, msg=bad):
+                zelk.decode(bad)
+
+
+class Many(StackTest):
+    def test_threads_share_a_recorder(self):
+        recorder = zelk.Recorder(self.stack)
+
+        def record_ten(thread: int) -> None:
+            for number in range(10):
+                recorder.record("thread %d, %d", thread, number)
+
+        threads = [threading.Thread(target=record_ten, args=(thread,)) for thread in range(4)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        incidents = self.incidents()
+        self.assertEqual(len({incident["description"] for incident in incidents}), 40)
+        counts = collections.Counter(incident["process"]["thread"] for incident in incidents)
+        self.assertEqual(list(counts.values()), [10] * 4)
+
+    def test_a_child_opens_the_stack_anew_whoever_held_the_recorder(self):
+        recorder = zelk.Recorder(self.stack)
+        recorder.record("parent")
+        with recorder._lock:  # as another thread might when it forks
+            child = os.fork()
+            if child == 0:
+                recorder.record("child")
+                os._exit(0)
+        os.waitpid(child, 0)
+        recorder.record("parent again")
+        incidents = self.incidents()
+        self.assertEqual([incident["description"] for incident in incidents], ["parent", "child", "parent again"])
+        self.assertEqual([incident["process"]["id"] for incident in incidents], [os.getpid(), child, os.getpid()])
+
+    def test_processes_of_multiprocessing_record(self):
+        recorder = zelk.Recorder(self.stack, product="many")
+        for method in ["fork", "spawn"]:
+            context = multiprocessing.get_context(method)
+            process = context.Process(target=record_in_process, args=(recorder, 1))
+            process.start()
+            process.join()
+        self.assertEqual([incident["source"]["product"] for incident in self.incidents()], ["many", "many"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,80 @@
+# SPDX-License-Identifier: MIT
+"""Incidents from what a program logs, and from what ends it."""
+
+import logging
+import os
+import sys
+import threading
+from typing import Any, Optional, Union
+
+from ._message import make
+from ._recorder import Recorder
+
+
+class Handler(logging.Handler):
+    """Records what is logged from `level` on in the Error Stack `stack`, which is made where there is none.
+
+    Message and arguments are recorded apart, so a formatter has no effect. An exception that is logged along is recorded
+    with its chain, as the cause. The Error ID is left in the log record as `zelk_id`. What cannot be recorded goes to
+    `handleError`: nothing is raised into the program that logs.
+    """
+
+    def __init__(self, stack: "Union[str, os.PathLike[str]]", level: Union[int, str] = logging.ERROR) -> None:
+        super().__init__(level)
+        self.recorder = Recorder(stack)
+
+    def emit(self, record: logging.LogRecord) -> None:
+        try:
+            cause = None
+            if record.exc_info and record.exc_info[1] is not None:
+                cause = self.recorder.record_exception(record.exc_info[1])
+            details = f"logger  {record.name}\nlevel  {record.levelname}"
+            if record.threadName and record.threadName != "MainThread":
+                details += f"\nthread  {record.threadName}"
+            if record.stack_info:
+                details += f"\n{record.stack_info}"
+            product = None if record.name == "root" else record.name.split(".")[0]
+            record.zelk_id = self.recorder._record(
+                make(str(record.msg), record.args or ()),  # type: ignore[arg-type]
+                cause,
+                details.encode("utf-8", "backslashreplace").replace(b"\0", b"?"),
+                record.pathname,
+                record.lineno,
+                product,
+            )
+        except Exception:
+            self.handleError(record)
+
+    def close(self) -> None:
+        self.recorder.close()
+        super().close()
+
+
+def _record_last(recorder: Recorder, exception: Optional[BaseException]) -> None:
+    """Records what ends a program or a thread; an order to end is no incident."""
+    if exception is None or isinstance(exception, (KeyboardInterrupt, SystemExit)):
+        return
+    try:
+        recorder.record_exception(exception)
+    except Exception as failure:
+        if sys.stderr is not None:
+            print(f"zelk: the exception is not recorded: {failure}", file=sys.stderr)
+
+
+def install_excepthook(stack: "Union[str, os.PathLike[str]]") -> None:
+    """Records the exception that ends the program, or one of its threads, in the Error Stack `stack`. The hooks that were
+    there still run. A stack that cannot be written gives a line on standard error."""
+    recorder = Recorder(stack)
+    old_hook = sys.excepthook
+    old_thread_hook = threading.excepthook
+
+    def hook(kind: Any, value: Any, trace: Any) -> None:
+        _record_last(recorder, value)
+        old_hook(kind, value, trace)
+
+    def thread_hook(args: Any) -> None:
+        _record_last(recorder, args.exc_value)
+        old_thread_hook(args)
+
+    sys.excepthook = hook
+    threading.excepthook = thread_hook

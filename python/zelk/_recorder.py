@@ -1,0 +1,218 @@
+# SPDX-License-Identifier: MIT
+"""Recorders: an open Error Stack, and what is recorded into it."""
+
+import ctypes
+import os
+import sys
+import threading
+import weakref
+from types import TracebackType
+from typing import Any, Dict, Mapping, Optional, Tuple, Type, Union
+
+from . import _chain
+from ._library import EID_SIZE, INV_FID, Incident, encode, failure, record
+from ._message import Message, make, plain
+
+_BODY_MAX = 1024  # bytes of a record
+_FIXED_SIZE = 4 + EID_SIZE + EID_SIZE + 4 + 3 * 4 + 4 + 2 * 4 + 4  # of its numbers and Error IDs
+_FILE_MAX = 200  # bytes of the name of a source file that are recorded, from its end
+
+_open: "weakref.WeakSet[Recorder]" = weakref.WeakSet()
+
+
+def _process_name() -> bytes:
+    """What the program is called: its script, its module or, of an interpreter without one, that."""
+    main = sys.modules.get("__main__")
+    spec = getattr(main, "__spec__", None)
+    name = spec.name if spec is not None else os.path.basename(sys.argv[0] if sys.argv else "")
+    name = name[: -len(".__main__")] if name.endswith(".__main__") else name
+    return encode(name if name and name != "-c" else os.path.basename(sys.executable or "python3"))[:100]
+
+
+def _file(name: str) -> bytes:
+    encoded = encode(name)
+    return encoded if len(encoded) <= _FILE_MAX else b"..." + encoded[-_FILE_MAX:]
+
+
+class Recorder:
+    """Records into the Error Stack `stack`, whose name is relative to /var/adm/zelk/stacks unless it begins with "/".
+
+    The stack is opened when the first incident is recorded, or by `open`; with `create` it is made where there is none.
+    `product` is recorded with each incident. Any number of threads may use a recorder. After `fork`, and in the processes
+    of `multiprocessing`, it opens the stack anew. It is a context manager that closes itself.
+    """
+
+    def __init__(self, stack: "Union[str, os.PathLike[str]]", *, create: bool = True, product: Optional[str] = None) -> None:
+        self._stack = os.fspath(stack)
+        self._create = create
+        self._product = product
+        self._handle: Optional[int] = None
+        self._lock = threading.Lock()
+        self._name = _process_name()
+
+    @property
+    def stack(self) -> str:
+        """The name of the stack, as given."""
+        return self._stack
+
+    def open(self) -> "Recorder":
+        """Opens the stack, if it is not open yet. Raises ZelkError."""
+        with self._lock:
+            self._open()
+        return self
+
+    def close(self) -> None:
+        """Closes the stack. The next incident opens it again."""
+        with self._lock:
+            if self._handle is not None:
+                record.zk_close_recorder(self._handle)
+            self._handle = None
+
+    def record(
+        self,
+        message: str,
+        *args: object,
+        cause: Optional[str] = None,
+        details: Optional[str] = None,
+        file: Optional[str] = None,
+        line: Optional[int] = None,
+    ) -> str:
+        """Records an incident and returns its Error ID.
+
+        `message` and `args` are those of `message % args`, and are recorded apart; without `args` it is a plain text.
+        `cause` is the Error ID of the incident that caused this one. `file` and `line` are the caller's unless given.
+        Raises ZelkError when it cannot be recorded, and what `message % args` raises.
+        """
+        caller = sys._getframe(1)
+        arguments: Union[Tuple[object, ...], Mapping[str, object]] = args
+        if len(args) == 1 and isinstance(args[0], Mapping) and args[0]:
+            arguments = args[0]
+        return self._record(
+            make(message, arguments),
+            cause,
+            encode(details) if details else None,
+            file if file is not None else caller.f_code.co_filename,
+            line if line is not None else caller.f_lineno,
+            self._product,
+        )
+
+    def record_exception(self, exception: Optional[BaseException] = None, *, message: Optional[str] = None) -> str:
+        """Records an exception, the one that is being handled unless given, and returns its Error ID.
+
+        Each exception that it was raised from (`__cause__`), or while handling (`__context__`), is recorded before it, as
+        its cause; of more than 100 the newest. Those that this process has recorded already are not recorded again: their
+        Error IDs are taken. The description is "Type: text", or `message`; the details are the end of the traceback; file
+        and line are those of its innermost frame, and the product, where the recorder has none, that frame's top package.
+        Raises ZelkError when it cannot be recorded, and ValueError when there is no exception.
+        """
+        newest = exception if exception is not None else sys.exc_info()[1]
+        if newest is None:
+            raise ValueError("no exception is being handled")
+        known = _chain.known_id(newest)
+        if known is not None:
+            return known
+        chain, cause, left_out = _chain.unrecorded(newest)
+        for index, one in enumerate(chain):
+            is_newest = index + 1 == len(chain)
+            text = _chain.description(one)
+            what = plain(message if is_newest and message is not None else text)
+            place = _chain.innermost(one)
+            file, line, product = place if place is not None else _calling_place()
+            lines = _chain.traceback_lines(one)
+            if is_newest and message is not None:
+                lines.append(text)
+            if index == 0 and left_out > 0:
+                lines.insert(0, f"{left_out} earlier causes were left out")
+            product = self._product if self._product is not None else product
+            room = self._room(what, file, product)
+            cause = self._record(what, cause, _chain.newest_lines(lines, room, left_out > 0 and index == 0), file, line, product)
+            _chain.remember(one, cause)
+        if cause is None:
+            raise AssertionError("a chain is never empty")
+        return cause
+
+    # What follows is not for callers.
+
+    def _room(self, message: Message, file: str, product: Optional[str]) -> int:
+        """Bytes of details that a record has room for."""
+        texts = len(self._name) + len(_file(file)) + len(encode(product or "")) + len(message.text)
+        return _BODY_MAX - _FIXED_SIZE - message.size - texts - 7  # each text ends in a NUL
+
+    def _record(
+        self, message: Message, cause: Optional[str], details: Optional[bytes], file: str, line: int, product: Optional[str]
+    ) -> str:
+        incident = Incident(
+            process_name=self._name,
+            detecting_file=_file(file),
+            product=encode(product) if product else None,
+            line=line,
+            default_message=message.text,
+            arguments=message.arguments,
+            argument_count=message.count,
+            details=details,
+            associated_eid=cause.encode("ascii", "replace") if cause else None,
+        )
+        eid = ctypes.create_string_buffer(EID_SIZE)
+        with self._lock:
+            if self._handle is None:
+                self._open()
+            result = record.zk_record_incident(0, None, self._handle, ctypes.byref(incident), eid)
+        if result != 0:
+            raise failure(result, repr(cause) if result == INV_FID else self._stack)
+        return eid.value.decode("ascii")
+
+    def _open(self) -> None:
+        if self._handle is not None:
+            return
+        handle = ctypes.c_void_p()
+        name = encode(self._stack)
+        if self._create:
+            result = record.zk_open_or_create_recorder(0, None, name, 0, ctypes.byref(handle))
+        else:
+            result = record.zk_open_recorder(0, None, name, ctypes.byref(handle))
+        if result != 0:
+            raise failure(result, self._stack)
+        self._handle = handle.value
+        _open.add(self)
+
+    def _begin_anew(self) -> None:
+        """In a child process: another thread of the parent may have held the lock, and the parent's stack is its own."""
+        self._lock = threading.Lock()
+        self.close()
+
+    def __enter__(self) -> "Recorder":
+        return self
+
+    def __exit__(
+        self, kind: Optional[Type[BaseException]], value: Optional[BaseException], traceback: Optional[TracebackType]
+    ) -> None:
+        self.close()
+
+    def __del__(self) -> None:
+        if getattr(self, "_handle", None) is not None and record is not None:
+            record.zk_close_recorder(self._handle)
+
+    def __getstate__(self) -> Dict[str, Any]:
+        return {"stack": self._stack, "create": self._create, "product": self._product}
+
+    def __setstate__(self, state: Dict[str, Any]) -> None:
+        Recorder.__init__(self, state["stack"], create=state["create"], product=state["product"])
+
+    def __repr__(self) -> str:
+        return f"zelk.Recorder({self._stack!r})"
+
+
+def _calling_place() -> "Tuple[str, int, Optional[str]]":
+    """The nearest frame outside this package."""
+    frame = sys._getframe(1)
+    while frame.f_back is not None and frame.f_globals.get("__package__") == __package__:
+        frame = frame.f_back
+    return _chain.place_of(frame, frame.f_lineno)
+
+
+def _after_fork() -> None:
+    for recorder in list(_open):
+        recorder._begin_anew()
+
+
+os.register_at_fork(after_in_child=_after_fork)
