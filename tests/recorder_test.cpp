@@ -109,6 +109,7 @@ static void release(zk_stack_rec_t* element) {
 /* What the views of a stack show; those by process and by relation must succeed too. */
 struct shown_t {
   std::vector<int> numbers; /* of the incidents, oldest first */
+  std::vector<off_t> offsets;
   std::vector<std::string> ids, records;
 };
 
@@ -136,6 +137,7 @@ static shown_t shown(const std::string& path) {
     zk_record_t fields;
     EXPECT_EQ(zk_parse_record(walk.record.data(), &fields), 0);
     all.numbers.push_back(std::atoi(fields.description.default_text));
+    all.offsets.push_back(walk.record_position);
     all.ids.push_back(fields.eid);
     all.records.emplace_back(walk.record.data(), 4 + static_cast<size_t>(zk_record_length(walk.record.data())));
     if (zk_walk_at_write_pos(walk)) break;
@@ -172,7 +174,7 @@ static bool keeps_promise(const std::string& stack, std::vector<int> recorded, c
   const int result = record(path, incident_of("5000", details.c_str()), made);
   fault = {};
   if (writes < what.at) return false;
-  EXPECT_EQ(result, !is_refused ? 0 : what.error == ENOSPC ? ZELK_NO_SPACE : ZELK_FAILURE);
+  EXPECT_EQ(result, !is_refused || what.error == EINTR ? 0 : what.error == ENOSPC ? ZELK_NO_SPACE : ZELK_FAILURE);
 
   EXPECT_EQ(std::strlen(made), result == 0 ? 42U : 0U);
 
@@ -202,7 +204,8 @@ TEST(recording, keeps_its_promise_at_every_write) {
                                     {0, 4000, EIO, true},
                                     {0, 60, 0, false},
                                     {0, 269, EIO, false},
-                                    {0, 60, ENOSPC, false}}) {
+                                    {0, 60, ENOSPC, false},
+                                    {0, 60, EINTR, false}}) {
           fault_t what = each;
           for (what.at = 1; keeps_promise(contents(path), recorded, details, what);) ++what.at;
         }
@@ -214,6 +217,18 @@ TEST(recording, keeps_its_promise_at_every_write) {
   }
 }
 
+/* How many of the records that were shown are in the way of the new one, or older than such a record. */
+static size_t must_go(const shown_t& before, off_t position, off_t end, off_t old_end) {
+  for (size_t i = before.records.size(); i > 0; --i) {
+    const off_t start = before.offsets[i - 1];
+    const bool is_overwritten = start + static_cast<off_t>(before.records[i - 1].size()) > position && start < end;
+    const bool is_too_near = start > end && start < end + 4;            /* there is no room for a length word of 0 */
+    const bool is_left_behind = position < old_end && start >= old_end; /* at the end of the lap before the last */
+    if (is_overwritten || is_too_near || is_left_behind) return i;
+  }
+  return 0;
+}
+
 /* Incidents of every size, often such that they end with the file or with an older record, or just before; by several
  * recorders in turn, some of which meet a fault. */
 TEST(recording, goes_on_in_stacks_of_every_fill) {
@@ -222,50 +237,49 @@ TEST(recording, goes_on_in_stacks_of_every_fill) {
   std::mt19937 random(seed);
   auto below = [&](size_t limit) { return random() % limit; };
   for (int round = 0; round < 12; ++round) {
-    const std::string path = empty_stack(static_cast<int32_t>(8192 + below(8193)));
-    const int32_t size = static_cast<int32_t>(contents(path).size());
+    const int32_t start = static_cast<int32_t>(24 + (round % 2 == 0 ? 0 : below(5000)));
+    stack empty(static_cast<int32_t>(8192 + below(8193)));
+    empty.header = {start, start, start, empty.header.file_size, 0};
+    const std::string path = empty.file();
+    const int32_t size = empty.header.file_size;
     std::vector<int> recorded;
-    std::map<int, std::string> details_of;
     zk_recorder_t* recorders[2] = {};
-    bool has_been_filled = false;
     for (int number = 1000; number < 1100; ++number) {
       zk_recorder_t*& recorder = recorders[below(2)];
       const int opened = recorder == nullptr ? zk_open_recorder(0, nullptr, path.c_str(), &recorder) : 0;
       ASSERT_EQ(opened, 0);
       const std::string message = std::to_string(number) + std::string(below(4) == 0 ? below(600) : below(20), 'm');
       const shown_t before = shown(path);
+      const int32_t begin = write_pos(path);
 
       /* Without details the record has a fixed size, which tells how many lead to where it shall end. */
       std::string details(below(1200), 'd');
       zk_record_image_t image;
       ASSERT_EQ(zk_make_record_image(incident_of(message.c_str()), 1024, &image), 0);
-      int32_t end = size;
-      if (!before.records.empty() && below(2) == 0) {
-        const size_t at = contents(path).find(before.records[below(std::min(before.records.size(), size_t{3}))]);
-        end = static_cast<int32_t>(at);
-      }
-      const int64_t wanted =
-          int64_t{end} - static_cast<int64_t>(below(6)) - write_pos(path) - static_cast<int64_t>(image.size);
+      const bool is_for_older = !before.offsets.empty() && below(2) == 0;
+      const off_t end = is_for_older ? before.offsets[below(std::min(before.offsets.size(), size_t{3}))] : size;
+      const off_t wanted = end - static_cast<off_t>(below(6)) - begin - static_cast<off_t>(image.size);
       if (wanted >= 0 && wanted < 880) details = std::string(static_cast<size_t>(wanted), 'd');
 
-      const zk_incident_t incident = incident_of(message.c_str(), details.c_str());
       if (below(3) == 0) {
         const fault_t what = {static_cast<int>(1 + below(5)), below(1100), below(4) == 0 ? 0 : EIO, below(2) == 0};
         keeps_promise(contents(path), recorded, details, what);
       }
+      const zk_incident_t incident = incident_of(message.c_str(), details.c_str());
       zk_eid_t eid;
       ASSERT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
       recorded.push_back(number);
 
       const shown_t after = shown(path);
-      ASSERT_TRUE(ends_with(recorded, after.numbers) && !after.numbers.empty()) << number;
+      const off_t position = after.offsets.back();
+      ASSERT_TRUE(ends_with(recorded, after.numbers));
       ASSERT_EQ(after.ids.back(), eid);
       ASSERT_TRUE(std::ranges::is_sorted(after.ids, {}, time_of));
       ASSERT_LE(after.records.back().size(), 1028U);
+      ASSERT_EQ(before.records.size() + 1 - after.records.size(), must_go(before, position, write_pos(path), begin));
       size_t kept = 0;
       for (const std::string& each : after.records) kept += each.size();
-      has_been_filled = has_been_filled || after.numbers.size() < recorded.size();
-      ASSERT_TRUE(!has_been_filled || kept >= static_cast<size_t>(size - 24) / 2) << number;
+      ASSERT_TRUE(after.numbers.size() == recorded.size() || kept >= static_cast<size_t>(size - start) / 2);
       if (below(10) == 0) zk_close_recorder(std::exchange(recorder, nullptr));
     }
     for (zk_recorder_t* recorder : recorders) zk_close_recorder(recorder);
@@ -555,6 +569,30 @@ TEST(incident, of_any_size_stays_in_its_memory) {
     EXPECT_EQ(zk_make_record_image(incident, 1024, &made.image), ZELK_INV_RECLEN);
     EXPECT_TRUE(std::ranges::all_of(made.guard, [](char byte) { return byte == 'g'; })) << length;
   }
+}
+
+TEST(integer, has_zeros_behind_it) {
+  cu_error_arg_t argument = {};
+  argument.cu_arg_type = CU_ERROR_ARG_INT;
+  argument.cu_arg_value.cu_arg_long_long = -1;
+  zk_incident_t incident = incident_of("%d");
+  incident.arguments = &argument;
+  incident.argument_count = 1;
+  zk_record_image_t image;
+  EXPECT_EQ(zk_make_record_image(incident, 1024, &image), 0);
+  const std::string value(image.bytes.data() + image.size - 9, 9); /* and the end of the details */
+  EXPECT_EQ(value, std::string("\xff\xff\xff\xff\0\0\0\0\0", 9));
+}
+
+TEST(recorder, is_no_standard_stream) {
+  const std::string path = empty_stack();
+  in_child([&] {
+    zk_recorder_t* recorder = nullptr;
+    close(STDIN_FILENO);
+    EXPECT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    zk_close_recorder(recorder);
+  });
 }
 
 TEST(incident, may_be_the_cause_of_the_next_in_the_same_buffer) {
