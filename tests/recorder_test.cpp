@@ -275,7 +275,9 @@ TEST(recording, goes_on_in_stacks_of_every_fill) {
       ASSERT_TRUE(ends_with(recorded, after.numbers));
       ASSERT_EQ(after.ids.back(), eid);
       ASSERT_TRUE(std::ranges::is_sorted(after.ids, {}, time_of));
-      ASSERT_LE(after.records.back().size(), 1028U);
+      const int32_t length = static_cast<int32_t>(after.records.back().size());
+      ASSERT_LE(length, 1028);
+      ASSERT_EQ(position, begin + length <= size ? begin : start);
       ASSERT_EQ(before.records.size() + 1 - after.records.size(), must_go(before, position, write_pos(path), begin));
       size_t kept = 0;
       for (const std::string& each : after.records) kept += each.size();
@@ -359,6 +361,12 @@ TEST(recorder, sees_damage_that_comes_while_it_is_open) {
     ASSERT_EQ(write(fildes, "\1\1\1\1", 4), 4);
     EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), offset == 28 ? ZELK_FILE_CORRUPT : 0);
     close(fildes);
+    std::ofstream(path) << good;
+  }
+  for (const off_t size : {8191, 8193}) {
+    EXPECT_EQ(truncate(path.c_str(), size), 0);
+    EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), ZELK_FILE_CORRUPT);
+    EXPECT_STREQ(zk_recorder_damage(recorder).reason, "the file has another size");
     std::ofstream(path) << good;
   }
   EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
