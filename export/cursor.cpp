@@ -142,3 +142,13 @@ bool save_cursor(const cursor_t& cursor, std::string* reason) {
   if (fildes != -1) unlink(made.c_str());
   return false;
 }
+
+const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fildes) {
+  struct stat own, there;
+  if (fstat(fildes, &own) != 0) return nullptr;
+  const auto known = cursor.marks.find(path);
+  if (known != cursor.marks.end() && known->second.inode == own.st_ino) return &known->second;
+  for (const auto& [other, mark] : cursor.marks)
+    if (mark.inode == own.st_ino && (stat(other.c_str(), &there) != 0 || there.st_ino != own.st_ino)) return &mark;
+  return known != cursor.marks.end() ? &known->second : nullptr;
+}

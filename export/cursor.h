@@ -21,4 +21,8 @@ bool load_cursor(cursor_t* cursor, std::string* reason);
 /* Renames a new file over the cursor's. Returns false with `*reason` when it cannot be written. */
 bool save_cursor(const cursor_t& cursor, std::string* reason);
 
+/* The mark of the stack with that path, open as `fildes`: its own, or that of another path from which its file has been
+ * moved. Null for none. */
+const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fildes);
+
 #endif

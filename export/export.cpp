@@ -2,21 +2,22 @@
 /* export.cpp - what all formats of zkexport share. */
 #include "export.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "command.h"
+#include "json_line.h"
 #include "zkstatus.h"
 
 /* ---- Formats ------------------------------------------------------------------------------------------------------- */
 
-static constexpr format_t FORMATS[] = {
-    {.name = "json", .give = give_json, .can_follow = true, .takes_input = false},
-    {.name = "dot", .give = give_dot, .can_follow = false, .takes_input = true},
-    {.name = "html", .give = give_html, .can_follow = false, .takes_input = true},
-};
+static constexpr format_t FORMATS[] = {{.name = "json", .give = give_json, .can_follow = true},
+                                       {.name = "tree", .give = give_tree, .can_follow = false},
+                                       {.name = "dot", .give = give_dot, .can_follow = false},
+                                       {.name = "html", .give = give_html, .can_follow = false}};
 
 std::span<const format_t> formats() {
   return FORMATS;
@@ -34,9 +35,24 @@ int complain(std::string_view what, std::string_view reason) {
   return report_failure(EXPORT_NAME, std::string(what), std::string(reason));
 }
 
+static const char* output_name; /* null for standard output */
+
+bool open_output(const export_request_t& request) {
+  if (request.output.empty()) return true;
+  output_name = request.output.c_str();
+  const int mode = request.format->can_follow ? O_APPEND : O_TRUNC; /* lines are added to, a page is replaced */
+  const int fildes = open(output_name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | mode, 0666);
+  const bool is_open =
+      fildes != -1 && fcntl(fildes, F_SETFL, mode & O_APPEND) == 0 && dup2(fildes, STDOUT_FILENO) != -1;
+  if (!is_open) complain(request.output, std::strerror(errno));
+  if (fildes != -1) close(fildes);
+  return is_open;
+}
+
 bool write_out(std::string_view text) {
   if (zk_write_all(STDOUT_FILENO, text.data(), text.size())) return true;
-  complain(message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(errno));
+  const int error = errno;
+  complain(output_name != nullptr ? output_name : message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(error));
   return false;
 }
 
@@ -44,19 +60,17 @@ bool write_out(std::string_view text) {
 
 int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, std::vector<std::string>* names) {
   *names = request.stacks;
-  if (request.is_every) {
-    const int result = list_stacks(names);
-    if (result == ZELK_SUCCESS) return STATUS_DONE;
-    complain(ZELK_STACK_DIR, reason_of(result));
-    return EXIT_NO_STACK;
-  }
-  if (!request.id.empty()) {
+  if (!names->empty()) return STATUS_DONE;
+  if (!request.id.empty() && !request.is_every) { /* for its chain, too, it has to be one of this node */
     const int result = find_stack(trace, request.id, &names->emplace_back());
-    if (result == ZELK_SUCCESS) return STATUS_DONE;
-    complain(request.id, reason_of(result));
-    return status_of(result);
+    if (result != ZELK_SUCCESS) complain(request.id, reason_of(result));
+    if (result != ZELK_SUCCESS) return status_of(result);
   }
-  return STATUS_DONE;
+  if (!request.is_every && !request.is_chain) return STATUS_DONE;
+  const int result = list_stacks(names);
+  if (result == ZELK_SUCCESS) return STATUS_DONE;
+  complain(ZELK_STACK_DIR, reason_of(result));
+  return EXIT_NO_STACK;
 }
 
 damage_t end_reading(stack_reader_t* reader) {
@@ -64,4 +78,19 @@ damage_t end_reading(stack_reader_t* reader) {
   if (damage.code == ZELK_SUCCESS && !reader->id.empty() && !reader->is_any_read)
     complain(reader->id, message_text(TOOL_MSG_OVERWRITTEN)); /* no failure to zkview either */
   return damage;
+}
+
+int report_damage(const export_request_t& request, const std::string& name, const damage_t& damage, int status,
+                  std::string* lines) {
+  if (damage.code == ZELK_SUCCESS) return status;
+  if ((request.is_every || request.is_chain) && is_no_stack(damage)) { /* some other file in their folder */
+    if (request.is_every) complain(name, message_text(TOOL_MSG_NO_ERROR_STACK));
+    return status;
+  }
+  write_json_damage(name, damage, lines);
+  if (damage.offset < 0)
+    complain(name, reason_of(damage.code));
+  else if (!request.format->can_follow)
+    complain(name, damage_text(damage));
+  return worst_status(status, status_of(damage.code));
 }

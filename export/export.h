@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "selection.h"
 #include "stack_reader.h"
 #include "zk_trace.h"
 
@@ -19,8 +20,7 @@ struct export_request_t;
 struct format_t {
   const char* name;
   int (*give)(const zk_trace_t& trace, const export_request_t& request);
-  bool can_follow; /* and begin at a cursor */
-  bool takes_input;
+  bool can_follow; /* and begin at a cursor, and go on behind what its output holds */
 };
 
 /* The command line. */
@@ -28,10 +28,14 @@ struct export_request_t {
   const format_t* format;
   std::vector<std::string> stacks;
   std::string id; /* of the one incident that is wanted, empty for all */
+  bool is_chain;  /* all that belongs to it is wanted, too */
   bool is_every;  /* all stacks of this node */
   bool is_input;  /* incidents come from standard input */
   bool is_follow;
+  selection_t selection;
   std::string cursor_file; /* empty for none */
+  std::string output;      /* a file in place of standard output, empty for none */
+  bool has_colours;
 };
 
 /* All formats; the first is the one that is given unless another is asked for. */
@@ -42,6 +46,7 @@ const format_t* find_format(std::string_view name);
 
 /* How the formats are given. */
 int give_json(const zk_trace_t& trace, const export_request_t& request);
+int give_tree(const zk_trace_t& trace, const export_request_t& request);
 int give_dot(const zk_trace_t& trace, const export_request_t& request);
 int give_html(const zk_trace_t& trace, const export_request_t& request);
 
@@ -55,6 +60,15 @@ int stacks_to_export(const zk_trace_t& trace, const export_request_t& request, s
 /* Ends the reading of a stack, and says so where the one incident that was asked for is no longer there. Returns what is
  * wrong with the stack. */
 damage_t end_reading(stack_reader_t* reader);
+
+/* Notes what ended the reading of a stack too early, which is said where no format has a place for it: as a line of JSON,
+ * appended to `lines`. Returns the worse of `status` and that of the damage. */
+int report_damage(const export_request_t& request, const std::string& name, const damage_t& damage, int status,
+                  std::string* lines);
+
+/* Makes the file that the request asks for standard output, now or once again. Returns false when it cannot be opened,
+ * which has been said. */
+bool open_output(const export_request_t& request);
 
 /* Writes on standard output, at once. Returns false when that fails, which has been said. */
 bool write_out(std::string_view text);

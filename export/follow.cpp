@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /* follow.cpp - gives out incidents as they are recorded. The file system says when there is something to read.
  *
- * The signals that end the run are blocked but while it waits: for the lock of a stack, for something to happen, for the
+ * The signals that end the run, or ask for a new file of output, are blocked but while it waits: for the lock of a stack, for something to happen, for the
  * reader of its output. What the cursor says has been written then; only where a reader takes no more may a line be half
  * written. */
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -21,10 +22,9 @@
 #include "command.h"
 #include "cursor.h"
 #include "export.h"
-#include "json_line.h"
+#include "lock_wait.h"
 #include "unread.h"
 #include "zk_stack_file.h"
-#include "zkopen.h"
 
 /* What may happen to a stack, and in a folder in which one may appear. */
 static constexpr uint32_t STACK_EVENTS = IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
@@ -39,7 +39,7 @@ static constexpr int UNTIL_SOMETHING_HAPPENS = -1;
 struct followed_t {
   std::string name;
   std::string path;
-  int fildes;          /* of the file that is there, or was there last; -1 for none */
+  open_stack_t open;   /* the file that is there, or was there last */
   int watch;           /* of that file, -1 for none */
   bool is_known;       /* what is overwritten from now on has been missed */
   bool is_changed;     /* it is to be read */
@@ -64,17 +64,22 @@ static void end_run(int) {
   _exit(STATUS_DONE);
 }
 
-static sigset_t ending_signals() {
+static sigset_t handled_signals() {
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
+  for (int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, signal);
   return signals;
 }
 
-/* Blocks the signals that end the run, or lets them come. */
+/* SIGHUP asks for a new file of output. */
+static volatile std::sig_atomic_t is_output_moved;
+static void note_moved_output(int) {
+  is_output_moved = 1;
+}
+
+/* Blocks the signals that end the run or ask for something, or lets them come. */
 static void block_signals(bool is_blocked) {
-  const sigset_t signals = ending_signals();
+  const sigset_t signals = handled_signals();
   sigprocmask(is_blocked ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
 }
 
@@ -108,15 +113,14 @@ static bool write_lines(std::string_view lines) {
 /* ---- Reading ------------------------------------------------------------------------------------------------------- */
 
 /* Reports damage that lasts. Returns true when it has to be looked at again for that. */
-static bool report_damage(followed_t* stack, const damage_t& damage, std::string* lines) {
+static bool report_lasting(const follower_t& follower, followed_t* stack, const damage_t& damage, std::string* lines) {
   const bool is_lasting = damage == stack->seen;
   stack->seen = damage;
   if (damage.code == ZELK_SUCCESS) stack->told = damage;
   if (damage == stack->told) return false;
   if (!is_lasting) return true;
   stack->told = damage;
-  write_json_damage(stack->name, damage, lines);
-  if (damage.offset < 0) complain(stack->name, reason_of(damage.code));
+  report_damage(*follower.request, stack->name, damage, STATUS_DONE, lines);
   return false;
 }
 
@@ -136,23 +140,39 @@ static bool keep_mark(follower_t* follower, const followed_t& stack) {
 static bool give_unread(follower_t* follower, followed_t* stack) {
   std::string lines;
   mark_t moved = stack->mark;
-  block_signals(false);
-  const bool is_locked = lseek(stack->fildes, 0, SEEK_SET) == 0 && lockf(stack->fildes, F_LOCK, 0) == 0;
+  block_signals(false); /* for as long as the lock is waited for */
+  const bool is_locked =
+      stack->open.is_read_only || wait_for_lock(EXPORT_NAME, stack->name, stack->open.fildes, F_SETLKW);
   block_signals(true);
-  const damage_t damage = is_locked ? read_unread(*follower->trace, stack->fildes, stack->name,
-                                                  stack->is_known ? &stack->mark : nullptr, &moved, &lines)
-                                    : damage_of(ZELK_LOCK);
+  const damage_t damage = is_locked
+                              ? read_unread(*follower->trace, stack->open, stack->name, follower->request->selection,
+                                            stack->is_known ? &stack->mark : nullptr, &moved, &lines)
+                              : damage_of(ZELK_LOCK);
   stack->mark = moved;
   stack->is_known = true;
-  stack->is_changed = report_damage(stack, damage, &lines);
+  stack->is_changed = report_lasting(*follower, stack, damage, &lines);
   return write_lines(lines) && keep_mark(follower, *stack);
+}
+
+/* Goes on where a stack was given out to before it was moved to this name. */
+static void know_moved(const follower_t& follower, followed_t* stack) {
+  cursor_t given = follower.cursor;
+  for (const followed_t& other : follower.stacks)
+    if (other.is_known && other.mark.inode != 0) given.marks[other.path] = other.mark;
+  const mark_t* const mark = find_mark(given, stack->path, stack->open.fildes);
+  if (mark == nullptr || (stack->is_known && stack->mark.inode == mark->inode)) return;
+  struct stat status;
+  if (fstat(stack->open.fildes, &status) != 0 || status.st_ino != mark->inode) return;
+  stack->is_known = true;
+  stack->mark = *mark;
 }
 
 /* Opens the file that has the stack's name now, if there is one. */
 static bool open_file(follower_t* follower, followed_t* stack) {
   const zk_trace_t& trace = *follower->trace;
-  const int result = zk_open_stack_by_name(trace.active, trace.file, &stack->fildes, stack->name.c_str());
+  const int result = open_stack(trace, stack->name, &stack->open);
   if (result == ZELK_SUCCESS) {
+    know_moved(*follower, stack);
     stack->is_changed = true;
     stack->watch = inotify_add_watch(follower->inotify, stack->path.c_str(), STACK_EVENTS);
     if (stack->watch != -1) return true;
@@ -170,13 +190,13 @@ static bool open_file(follower_t* follower, followed_t* stack) {
   }
   std::string lines;
   stack->seen = damage; /* it is told at once */
-  report_damage(stack, damage, &lines);
+  report_lasting(*follower, stack, damage, &lines);
   return write_lines(lines);
 }
 
 static bool is_in_place(const followed_t& stack) {
   struct stat there, open;
-  return stack.fildes != -1 && stat(stack.path.c_str(), &there) == 0 && fstat(stack.fildes, &open) == 0 &&
+  return stack.open.fildes != -1 && stat(stack.path.c_str(), &there) == 0 && fstat(stack.open.fildes, &open) == 0 &&
          there.st_ino == open.st_ino && there.st_dev == open.st_dev;
 }
 
@@ -192,11 +212,11 @@ static void stop_watching(const follower_t* follower, followed_t* stack) {
 /* Follows the stack's name to the file that has it now. What the file before it still holds is given out first. */
 static bool follow_name(follower_t* follower, followed_t* stack) {
   if (is_in_place(*stack)) return true;
-  if (stack->fildes != -1) {
+  if (stack->open.fildes != -1) {
     const bool is_given = give_unread(follower, stack);
-    close(stack->fildes);
+    close(stack->open.fildes);
     stop_watching(follower, stack);
-    stack->fildes = -1;
+    stack->open = {-1, false};
     stack->is_changed = false;
     if (!is_given) return false;
   }
@@ -209,7 +229,7 @@ static void add_stack(follower_t* follower, const std::string& name) {
   const zk_stack_path_t path = zk_stack_path(name.c_str());
   followed_t stack = {.name = name,
                       .path = path.data(),
-                      .fildes = -1,
+                      .open = {-1, false},
                       .watch = -1,
                       .is_known = follower->is_started,
                       .is_changed = false,
@@ -301,7 +321,7 @@ static void read_events(follower_t* follower) {
       const auto* event = reinterpret_cast<const inotify_event*>(at);
       const bool is_lost = (event->mask & IN_Q_OVERFLOW) != 0;
       for (followed_t& stack : follower->stacks)
-        if (is_lost || stack.watch == event->wd) stack.is_changed = stack.fildes != -1;
+        if (is_lost || stack.watch == event->wd) stack.is_changed = stack.open.fildes != -1;
       if ((event->mask & ~uint32_t{IN_MODIFY}) != 0) follower->is_rearranged = true;
       at += sizeof(inotify_event) + event->len;
     }
@@ -345,10 +365,15 @@ int follow_json(const zk_trace_t& trace, const export_request_t& request) {
   block_signals(true);
   std::signal(SIGTERM, end_run);
   std::signal(SIGINT, end_run);
+  if (!request.output.empty()) std::signal(SIGHUP, note_moved_output);
   raise_file_limit();
   for (const std::string& name : request.stacks) add_stack(&follower, name);
 
   for (;;) {
+    if (is_output_moved != 0) {
+      is_output_moved = 0;
+      if (!open_output(request)) return STATUS_FAILED;
+    }
     if (follower.is_rearranged) {
       follower.is_rearranged = false;
       if (!rescan(&follower)) return STATUS_FAILED;

@@ -1,91 +1,156 @@
 /* SPDX-License-Identifier: MIT */
-/* gather.cpp - gathers incidents, from stacks or from standard input, for the formats that show them all together. */
+/* gather.cpp - gathers incidents, from stacks or from standard input, for what needs them all together. */
+#include "gather.h"
+
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <unordered_set>
+#include <utility>
 
-#include "chain.h"
 #include "command.h"
-#include "export.h"
 #include "json_line.h"
 
-/* Limits of standard input, in bytes: far above what a record can become, and what a page can show. */
+/* Limits of standard input, in bytes: far above what a record can become, and what can be kept of it. */
 static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;
-static constexpr size_t INPUT_MAX_SIZE = 256 * 1024 * 1024;
+static constexpr size_t KEPT_MAX_SIZE = 256 * 1024 * 1024;
 
-/* Gathers what the stacks hold. Returns the exit status. */
-static int gather_stacks(const zk_trace_t& trace, const export_request_t& request, chain_t* chain) {
+/* ---- Stacks -------------------------------------------------------------------------------------------------------- */
+
+static int gather_stacks(const zk_trace_t& trace, const export_request_t& request, chain_t* chain,
+                         std::string* other_lines) {
   std::vector<std::string> names;
   int status = stacks_to_export(trace, request, &names);
+  if (status != STATUS_DONE) return status;
+  const std::string wanted_id = request.is_chain ? "" : request.id;
   for (const std::string& name : names) {
     stack_reader_t reader;
     incident_t incident;
-    begin_stack(&reader, trace, name, request.id);
-    while (next_incident(&reader, &incident)) chain->incidents.push_back(incident);
+    begin_stack(&reader, trace, name, wanted_id);
+    while (next_incident(&reader, &incident))
+      if (request.is_chain || is_selected(request.selection, incident)) chain->incidents.push_back(incident);
     const damage_t damage = end_reading(&reader);
-    if (damage.code == ZELK_SUCCESS) continue;
-    chain->notes.push_back(damage_note(name, damage));
-    complain(name, damage.offset < 0 ? reason_of(damage.code) : damage_text(damage));
-    status = worst_status(status, status_of(damage.code));
+    const size_t told = other_lines->size();
+    status = report_damage(request, name, damage, status, other_lines);
+    if (other_lines->size() > told) chain->notes.push_back(damage_note(name, damage));
   }
+  sort_by_time(&chain->incidents);
   return status;
 }
 
-/* Adds what a line of standard input holds. Returns false when it is not one that json gives. */
-static bool add_line(const std::string& line, chain_t* chain) {
-  incident_t incident;
+/* ---- Standard input ------------------------------------------------------------------------------------------------ */
+
+struct input_t {
+  const export_request_t* request;
+  chain_t* chain;
+  std::string* other_lines;
+  std::unordered_set<std::string> known; /* the Error IDs, and the lines without one, that have come */
+  incident_t incident;                   /* of the last line */
+  size_t line;                           /* its number, from 1 on */
+  size_t kept;                           /* bytes of lines with incidents that are wanted */
+  int status;
+};
+
+static void refuse_line(input_t* input, tool_message_t reason) {
+  const std::string line = message_text(TOOL_MSG_LINE_NUMBER, {std::to_string(input->line)});
+  input->status = complain(line, message_text(reason));
+  input->chain->notes.push_back(std::string("standard input, line ") + std::to_string(input->line) + ": " +
+                                english_text(reason));
+}
+
+static void add_incident(input_t* input, size_t size) {
+  const export_request_t& request = *input->request;
+  incident_t& incident = input->incident;
+  if (!request.is_chain && !is_selected(request.selection, incident)) return;
+  std::string key = incident.id;
+  if (key.empty()) write_json(incident, &key);
+  if (!input->known.insert(std::move(key)).second) return;
+  input->kept += size;
+  input->chain->incidents.push_back(std::move(incident));
+}
+
+/* Adds a gap or damage, which may come twice, too. */
+static void add_note(input_t* input, const std::string& line, const std::string& note) {
+  if (!input->known.insert(line).second) return;
+  *input->other_lines += line;
+  input->chain->notes.push_back(note);
+}
+
+static void add_line(input_t* input, std::string_view line) {
   damage_t damage;
-  switch (parse_json_line(line, &incident, &damage)) {
+  std::string other;
+  if (line.empty()) return;
+  switch (parse_json_line(line, &input->incident, &damage)) {
     case line_t::INCIDENT:
-      chain->incidents.push_back(incident);
-      return true;
+      add_incident(input, line.size());
+      break;
     case line_t::GAP:
-      chain->notes.push_back(gap_note(incident.stack));
-      return true;
+      write_json_gap(input->incident.stack, &other);
+      add_note(input, other, gap_note(input->incident.stack));
+      break;
     case line_t::DAMAGE:
-      chain->notes.push_back(damage_note(incident.stack, damage));
-      return true;
+      write_json_damage(input->incident.stack, damage, &other);
+      add_note(input, other, damage_note(input->incident.stack, damage));
+      break;
     default:
-      return false;
+      refuse_line(input, TOOL_MSG_NO_INCIDENT);
   }
 }
 
-static int fail_at(size_t line, tool_message_t reason) {
-  return complain(message_text(TOOL_MSG_LINE_NUMBER, {std::to_string(line)}), message_text(reason));
-}
-
-/* Gathers the incidents of standard input. Returns the exit status. */
-static int gather_input(chain_t* chain) {
-  std::array<char, 65536> block;
-  std::string line;
-  size_t number = 1, total = 0;
-  for (;;) {
-    const size_t size = zk_read_on(STDIN_FILENO, block.data(), block.size());
-    if (errno != 0) return complain(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
-    std::string_view rest(block.data(), size);
-    for (size_t end; (end = rest.find('\n')) != rest.npos; ++number) {
-      line += rest.substr(0, end);
-      rest.remove_prefix(end + 1);
-      if (!add_line(line, chain)) return fail_at(number, TOOL_MSG_NO_INCIDENT);
-      line.clear();
-    }
-    line += rest;
-    total += size;
-    if (line.size() > LINE_MAX_SIZE) return fail_at(number, TOOL_MSG_LINE_TOO_LONG);
-    if (total > INPUT_MAX_SIZE) return fail_at(number, TOOL_MSG_TOO_MANY_INCIDENTS);
-    if (size < block.size()) break;
+/* Adds the lines of what has been read, and leaves the last one, which has no end yet, in `*rest`. */
+static void add_lines(input_t* input, std::string_view bytes, std::string* rest) {
+  for (size_t end; (end = bytes.find('\n')) != bytes.npos; ++input->line) {
+    const std::string_view line = bytes.substr(0, end);
+    bytes.remove_prefix(end + 1);
+    if (rest->size() + line.size() > LINE_MAX_SIZE)
+      refuse_line(input, TOOL_MSG_LINE_TOO_LONG);
+    else
+      add_line(input, rest->empty() ? line : * rest += line);
+    rest->clear();
   }
-  if (!line.empty() && !add_line(line, chain)) return fail_at(number, TOOL_MSG_NO_INCIDENT);
-  return STATUS_DONE;
+  *rest +=
+      bytes.substr(0, LINE_MAX_SIZE + 1 - std::min(rest->size(), LINE_MAX_SIZE + 1)); /* enough to see it is too long */
 }
 
-/* Gives out the text that `make` makes of the incidents that are asked for. Returns the exit status. */
-static int give_text(const zk_trace_t& trace, const export_request_t& request, std::string (*make)(const chain_t&)) {
+static int gather_input(const export_request_t& request, chain_t* chain, std::string* other_lines) {
+  input_t input = {&request, chain, other_lines, {}, {}, 1, 0, STATUS_DONE};
+  std::vector<char> block(262144);
+  std::string rest;
+  for (size_t size = block.size(); size == block.size() && input.kept <= KEPT_MAX_SIZE;) {
+    size = zk_read_on(STDIN_FILENO, block.data(), block.size());
+    if (errno != 0) input.status = complain(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
+    add_lines(&input, {block.data(), size}, &rest);
+  }
+  if (!rest.empty()) add_lines(&input, "\n", &rest);
+  if (input.kept > KEPT_MAX_SIZE) refuse_line(&input, TOOL_MSG_TOO_MANY_INCIDENTS);
+  std::stable_sort(chain->incidents.begin(), chain->incidents.end(),
+                   [](const incident_t& one, const incident_t& other) { return exact_time(one) < exact_time(other); });
+  return input.status;
+}
+
+/* ---- Both ---------------------------------------------------------------------------------------------------------- */
+
+int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* chain, std::string* other_lines) {
+  int status =
+      request.is_input ? gather_input(request, chain, other_lines) : gather_stacks(trace, request, chain, other_lines);
+  if (request.is_chain) {
+    keep_chain(request.id, &chain->incidents);
+    if (chain->incidents.empty() && status == STATUS_DONE)
+      status = complain(request.id, message_text(TOOL_MSG_NO_CHAIN));
+    std::erase_if(chain->incidents,
+                  [&](const incident_t& incident) { return !is_selected(request.selection, incident); });
+  }
+  keep_newest(request.selection, &chain->incidents);
+  return status;
+}
+
+int give_text(const zk_trace_t& trace, const export_request_t& request, std::string (*make)(const chain_t&)) {
   chain_t chain;
-  const int status = request.is_input ? gather_input(&chain) : gather_stacks(trace, request, &chain);
-  if (request.is_input && status != STATUS_DONE) return status;
+  std::string other_lines;
+  const int status = gather(trace, request, &chain, &other_lines);
   if (status != STATUS_DONE && chain.incidents.empty() && chain.notes.empty()) return status; /* no stack at all */
   find_causes(&chain);
   return write_out(make(chain)) ? status : int{STATUS_FAILED};

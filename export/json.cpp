@@ -5,10 +5,10 @@
 #include "command.h"
 #include "cursor.h"
 #include "export.h"
+#include "gather.h"
 #include "json_line.h"
 #include "unread.h"
 #include "zk_stack_file.h"
-#include "zkopen.h"
 
 /* What is gathered before it is written; more than a stack of version one can give. */
 static constexpr size_t BLOCK_SIZE = 1024 * 1024;
@@ -20,7 +20,7 @@ static damage_t gather_all(const zk_trace_t& trace, const export_request_t& requ
   incident_t incident;
   begin_stack(&reader, trace, name, request.id);
   while (next_incident(&reader, &incident)) {
-    write_json(incident, lines);
+    if (is_selected(request.selection, incident)) write_json(incident, lines);
     if (lines->size() < BLOCK_SIZE) continue;
     *is_written = *is_written && write_out(*lines);
     lines->clear();
@@ -29,20 +29,21 @@ static damage_t gather_all(const zk_trace_t& trace, const export_request_t& requ
 }
 
 /* Gathers what the cursor does not have yet, and moves it on. */
-static damage_t gather_unread(const zk_trace_t& trace, const std::string& name, cursor_t* cursor, std::string* lines) {
-  int fildes = -1;
-  const int result = zk_open_stack_by_name(trace.active, trace.file, &fildes, name.c_str());
+static damage_t gather_unread(const zk_trace_t& trace, const export_request_t& request, const std::string& name,
+                              cursor_t* cursor, std::string* lines) {
+  open_stack_t stack;
+  const int result = open_stack(trace, name, &stack);
   if (result != ZELK_SUCCESS) return damage_of(result);
   const std::string path = zk_stack_path(name.c_str()).data();
-  const auto known = cursor->marks.find(path);
-  const mark_t* const mark = known != cursor->marks.end() ? &known->second : nullptr;
+  const mark_t* const mark = find_mark(*cursor, path, stack.fildes);
   mark_t moved;
-  damage_t damage = read_unread(trace, fildes, name, mark, &moved, lines);
-  close(fildes);
+  damage_t damage = read_unread(trace, stack, name, request.selection, mark, &moved, lines);
+  close(stack.fildes);
   if (damage.code != ZELK_LOCK) cursor->marks[path] = moved;
   return damage;
 }
 
+/* Gives stack by stack, so that nothing has to be kept. */
 static int give_stacks(const zk_trace_t& trace, const export_request_t& request) {
   cursor_t cursor = {request.cursor_file, {}};
   std::string reason;
@@ -55,12 +56,8 @@ static int give_stacks(const zk_trace_t& trace, const export_request_t& request)
   for (const std::string& name : names) {
     bool is_written = true;
     const damage_t damage = cursor.file.empty() ? gather_all(trace, request, name, &is_written, &lines)
-                                                : gather_unread(trace, name, &cursor, &lines);
-    if (damage.code != ZELK_SUCCESS) {
-      write_json_damage(name, damage, &lines);
-      if (damage.offset < 0) complain(name, reason_of(damage.code));
-      status = worst_status(status, status_of(damage.code));
-    }
+                                                : gather_unread(trace, request, name, &cursor, &lines);
+    status = report_damage(request, name, damage, status, &lines);
     if (!is_written || !write_out(lines)) return STATUS_FAILED;
     lines.clear();
     if (!cursor.file.empty() && !save_cursor(cursor, &reason)) return complain(cursor.file, reason);
@@ -68,6 +65,22 @@ static int give_stacks(const zk_trace_t& trace, const export_request_t& request)
   return status;
 }
 
+/* Gives what has to be known all together before the first line can be given. */
+static int give_gathered(const zk_trace_t& trace, const export_request_t& request) {
+  chain_t chain;
+  std::string lines, other_lines;
+  const int status = gather(trace, request, &chain, &other_lines);
+  for (const incident_t& incident : chain.incidents) {
+    write_json(incident, &lines);
+    if (lines.size() < BLOCK_SIZE) continue;
+    if (!write_out(lines)) return STATUS_FAILED;
+    lines.clear();
+  }
+  return write_out(lines += other_lines) ? status : int{STATUS_FAILED};
+}
+
 int give_json(const zk_trace_t& trace, const export_request_t& request) {
-  return request.is_follow ? follow_json(trace, request) : give_stacks(trace, request);
+  if (request.is_follow) return follow_json(trace, request);
+  const bool is_together = request.is_input || request.is_chain || request.selection.newest >= 0;
+  return is_together ? give_gathered(trace, request) : give_stacks(trace, request);
 }

@@ -3,43 +3,105 @@
 #include "stack_reader.h"
 
 #include <dirent.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
+#include <utility>
 
+#include "export.h"
+#include "lock_wait.h"
+#include "zk_header.h"
+#include "zk_io.h"
 #include "zk_stack_file.h"
 #include "zkfields.h"
 #include "zkopen.h"
 
 /* ---- Reading ------------------------------------------------------------------------------------------------------- */
 
-void begin_open_stack(stack_reader_t* reader, const zk_trace_t& trace, int fildes, const std::string& name) {
+/* Reads what a file holds. Returns false when that cannot be done. */
+static bool read_whole(int fildes, std::string* bytes) {
+  constexpr off_t LARGEST = 64 * 1024 * 1024; /* bytes; a stack of version one has 16 KiB */
+  struct stat status;
+  if (fstat(fildes, &status) != 0 || status.st_size > LARGEST) return false;
+  bytes->resize(static_cast<size_t>(status.st_size));
+  bytes->resize(zk_read_at(fildes, bytes->data(), bytes->size(), 0));
+  return errno == 0;
+}
+
+/* Whether the walk over a stack would begin. */
+static bool has_header(int fildes) {
+  int version = 0;
+  zk_estack_v1_header_t header;
+  zk_damage_t damage = {};
+  return zk_read_good_header({0, nullptr, ""}, fildes, &version, &header, &damage) == ZELK_SUCCESS;
+}
+
+/* Copies a stack that changes under its reader: what two readings in a row agree on was a state of it. Returns 0 with the
+ * copy in a file without a name; ZELK_LOCK when it never comes to rest; ZELK_NO_MEMORY; ZELK_FAILURE. */
+static int copy_stack(int fildes, int* copy) {
+  constexpr int READINGS_MAX = 100;
+  constexpr timespec PAUSE = {0, 1000000}; /* a recorder is done in less */
+  std::string last, bytes;
+  bool is_equal = false;
+  for (int reading = 0; reading < READINGS_MAX && !(is_equal && has_header(fildes)); ++reading) {
+    if (reading > 1) nanosleep(&PAUSE, nullptr);
+    std::swap(last, bytes);
+    if (!read_whole(fildes, &bytes)) return ZELK_FAILURE;
+    is_equal = reading > 0 && bytes == last;
+  }
+  if (!is_equal) return ZELK_LOCK; /* a header that is damaged stays so */
+  *copy = memfd_create("stack", MFD_CLOEXEC);
+  if (*copy == -1) return ZELK_NO_MEMORY;
+  return zk_write_all(*copy, bytes.data(), bytes.size()) ? ZELK_SUCCESS : ZELK_NO_MEMORY;
+}
+
+int open_stack(const zk_trace_t& trace, const std::string& name, open_stack_t* stack) {
+  *stack = {-1, false};
+  const int result = zk_open_stack_by_name(trace.active, trace.file, &stack->fildes, name.c_str());
+  if (result != ZELK_NO_ACCESS && result != ZELK_FAILURE) return result;
+  const int fildes = zk_open_regular(zk_stack_path(name.c_str()).data(), O_RDONLY);
+  struct stat status;
+  const bool is_file = fildes != -1 && fstat(fildes, &status) == 0 && S_ISREG(status.st_mode);
+  if (!is_file && fildes != -1) close(fildes);
+  if (is_file) *stack = {fildes, true};
+  return is_file ? ZELK_SUCCESS : result;
+}
+
+void begin_open_stack(stack_reader_t* reader, const zk_trace_t& trace, const open_stack_t& stack,
+                      const std::string& name) {
   reader->name = name;
   reader->id = "";
-  reader->fildes = -1;
-  reader->is_at_record = reader->is_any_read = false;
+  reader->owned = {-1, false};
+  reader->copy = -1;
+  reader->is_walking = reader->is_at_record = reader->is_any_read = false;
   reader->damage = {};
-  const int result = zk_walk_begin(&reader->walk, trace, fildes);
+  if (stack.fildes == -1) return;
+  int result = ZELK_SUCCESS;
+  if (stack.is_read_only)
+    result = copy_stack(stack.fildes, &reader->copy);
+  else
+    wait_for_lock(EXPORT_NAME, name, stack.fildes, F_SETLKW); /* what cannot be locked fails below */
+  if (result == ZELK_SUCCESS)
+    result = zk_walk_begin(&reader->walk, trace, stack.is_read_only ? reader->copy : stack.fildes);
   reader->is_walking = result == ZELK_SUCCESS;
-  if (result == ZELK_LOCK) reader->damage = damage_of(result);
-  if (reader->is_walking || result == ZELK_LOCK) return;
+  if (reader->is_walking) return;
+  reader->damage = damage_of(result);
+  if (result != ZELK_FILE_CORRUPT) return;
   zk_walk_end(reader->walk);
-  reader->damage = {ZELK_FILE_CORRUPT, reader->walk.damage.offset, reader->walk.damage.reason};
+  reader->damage = {result, reader->walk.damage.offset, reader->walk.damage.reason};
 }
 
 void begin_stack(stack_reader_t* reader, const zk_trace_t& trace, const std::string& name, const std::string& id) {
-  int fildes = -1;
-  const int result = zk_open_stack_by_name(trace.active, trace.file, &fildes, name.c_str());
-  if (result == ZELK_SUCCESS) {
-    begin_open_stack(reader, trace, fildes, name);
-  } else {
-    reader->is_walking = reader->is_at_record = reader->is_any_read = false;
-    reader->damage = damage_of(result);
-  }
+  open_stack_t stack;
+  const int result = open_stack(trace, name, &stack);
+  begin_open_stack(reader, trace, stack, name);
+  if (result != ZELK_SUCCESS) reader->damage = damage_of(result);
   reader->id = id;
-  reader->fildes = fildes;
+  reader->owned = stack;
 }
 
 /* Unlocks the stack where that has not been done. */
@@ -86,7 +148,9 @@ bool next_incident(stack_reader_t* reader, incident_t* incident) {
 
 damage_t end_stack(stack_reader_t* reader) {
   end_walk(reader);
-  if (reader->fildes != -1) close(reader->fildes);
+  if (reader->owned.fildes != -1) close(reader->owned.fildes);
+  if (reader->copy != -1) close(reader->copy);
+  reader->copy = -1;
   return reader->damage;
 }
 

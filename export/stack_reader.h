@@ -17,21 +17,33 @@ int list_stacks(std::vector<std::string>* names);
 /* Finds the stack of this node that holds the Error ID `id`. Returns 0 and the codes of zk_open_stack_with_fid. */
 int find_stack(const zk_trace_t& trace, const std::string& id, std::string* name);
 
-/* The reading of a stack, which is locked from its beginning to its end. */
+/* An open stack. One that may not be written to, by this user or at all, is read without its lock: who only looks holds
+ * nobody up. */
+struct open_stack_t {
+  int fildes; /* -1 for none */
+  bool is_read_only;
+};
+
+/* Opens a stack by its name. Returns 0 and the codes of zk_open_stack_by_name. */
+int open_stack(const zk_trace_t& trace, const std::string& name, open_stack_t* stack);
+
+/* The reading of a stack, which is locked from its beginning to its end, or a copy of which is read. */
 struct stack_reader_t {
   zk_walk_t walk;
   std::string name;
-  std::string id; /* of the one incident that is wanted, empty for all */
-  int fildes;     /* of a stack that was opened by its name, else -1 */
+  std::string id;     /* of the one incident that is wanted, empty for all */
+  open_stack_t owned; /* a stack that was opened by its name */
+  int copy;           /* the file that is read in place of a read-only one, else -1 */
   bool is_walking;
   bool is_at_record; /* the walk's */
   bool is_any_read;  /* of the incidents that are wanted */
   damage_t damage;   /* what ended the reading too early */
 };
 
-/* Begin to read the stack `name`, from the open file `fildes` or from the one that has the name. They wait for its lock.
- * `id` as in stack_reader_t. end_stack has to follow. */
-void begin_open_stack(stack_reader_t* reader, const zk_trace_t& trace, int fildes, const std::string& name);
+/* Begin to read the stack `name`, which is open or is opened here. They wait for its lock, and say so where that takes
+ * long. `id` as in stack_reader_t. end_stack has to follow. */
+void begin_open_stack(stack_reader_t* reader, const zk_trace_t& trace, const open_stack_t& stack,
+                      const std::string& name);
 void begin_stack(stack_reader_t* reader, const zk_trace_t& trace, const std::string& name, const std::string& id);
 
 /* Reads the next incident. Returns false at the end, and where damage ends the reading. */

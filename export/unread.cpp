@@ -8,7 +8,6 @@
 #include <cstddef>
 
 #include "json_line.h"
-#include "stack_reader.h"
 #include "zk_record.h"
 
 /* A number that tells records apart (FNV-1a). */
@@ -22,21 +21,21 @@ static uint64_t fingerprint_of(const zk_walk_t& walk) {
   return fingerprint;
 }
 
-damage_t read_unread(const zk_trace_t& trace, int fildes, const std::string& name, const mark_t* mark, mark_t* moved,
-                     std::string* lines) {
+damage_t read_unread(const zk_trace_t& trace, const open_stack_t& stack, const std::string& name,
+                     const selection_t& selection, const mark_t* mark, mark_t* moved, std::string* lines) {
   struct stat status = {};
-  fstat(fildes, &status);
+  fstat(stack.fildes, &status);
   *moved = {status.st_ino, 0, 0};
   std::string unread;
   incident_t incident;
   bool is_found = false;       /* the record of the mark */
   bool is_overwritten = false; /* the stack no longer holds all that it ever held */
   stack_reader_t reader;
-  begin_open_stack(&reader, trace, fildes, name);
+  begin_open_stack(&reader, trace, stack, name);
   while (next_incident(&reader, &incident)) {
     const zk_walk_t& walk = reader.walk;
     is_overwritten = walk.header.has_wrapped == 1 || walk.header.earliest_rec > walk.header.records_start;
-    write_json(incident, &unread);
+    if (is_selected(selection, incident)) write_json(incident, &unread);
     moved->offset = walk.record_position;
     moved->fingerprint = fingerprint_of(walk);
     if (mark == nullptr || moved->offset != mark->offset || moved->fingerprint != mark->fingerprint) continue;

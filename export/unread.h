@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <string>
 
-#include "damage.h"
-#include "zk_trace.h"
+#include "selection.h"
+#include "stack_reader.h"
 
 /* How far a stack has been given out: its newest record that was. */
 struct mark_t {
@@ -17,10 +17,10 @@ struct mark_t {
   bool operator==(const mark_t&) const = default;
 };
 
-/* Appends what the stack `name`, open as `fildes`, holds behind `mark`, and moves the mark on. A null mark gives
- * everything, and `*moved` is what it would have been. Where records were overwritten before they could be read, the line
- * that says so comes first. */
-damage_t read_unread(const zk_trace_t& trace, int fildes, const std::string& name, const mark_t* mark, mark_t* moved,
-                     std::string* lines);
+/* Appends what the stack `name` holds behind `mark` and is selected, and moves the mark on. A null mark gives everything,
+ * and `*moved` is what it would have been. Where records were overwritten before they could be read, the line that says so
+ * comes first. */
+damage_t read_unread(const zk_trace_t& trace, const open_stack_t& stack, const std::string& name,
+                     const selection_t& selection, const mark_t* mark, mark_t* moved, std::string* lines);
 
 #endif

@@ -80,7 +80,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   incident_t incident;
   damage_t damage;
   stack_reader_t reader;
-  begin_open_stack(&reader, trace, fildes, name);
+  begin_open_stack(&reader, trace, {fildes, false}, name);
   while (chain.incidents.size() < 200 && next_incident(&reader, &incident)) {
     line.clear();
     write_json(incident, &line);

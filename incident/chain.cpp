@@ -7,6 +7,7 @@
 #include <numeric>
 #include <tuple>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "text.h"
 #include "utc_time.h"
@@ -36,9 +37,7 @@ std::string short_description(const incident_t& incident, size_t limit) {
   return line;
 }
 
-/* Sorts by time, but leaves the incidents of a stack as they were recorded, also where its clock was set back. Stacks of
- * several nodes may have the same name. */
-static void sort_by_time(std::vector<incident_t>* incidents) {
+void sort_by_time(std::vector<incident_t>* incidents) {
   std::vector<int64_t> times;
   times.reserve(incidents->size());
   std::unordered_map<std::string, int64_t> newest; /* of each node's stack */
@@ -54,6 +53,37 @@ static void sort_by_time(std::vector<incident_t>* incidents) {
   sorted.reserve(incidents->size());
   for (size_t index : order) sorted.push_back(std::move((*incidents)[index]));
   *incidents = std::move(sorted);
+}
+
+void keep_chain(const std::string& id, std::vector<incident_t>* incidents) {
+  std::unordered_map<std::string, const incident_t*> by_id;
+  std::unordered_multimap<std::string, const incident_t*> by_cause;
+  for (const incident_t& incident : *incidents) {
+    if (!incident.id.empty()) by_id.try_emplace(incident.id, &incident);
+    if (!incident.cause.empty()) by_cause.emplace(incident.cause, &incident);
+  }
+  std::unordered_set<std::string> causes = {id}; /* causes may go round in a circle */
+  std::string first = id;
+  for (auto found = by_id.find(id); found != by_id.end(); found = by_id.find(first)) {
+    const std::string& cause = found->second->cause;
+    if (cause.empty() || !causes.insert(cause).second) break;
+    first = cause;
+  }
+
+  std::unordered_set<const incident_t*> kept;
+  std::vector<std::string> led_to = {first};
+  const auto found = by_id.find(first);
+  if (found != by_id.end()) kept.insert(found->second);
+  while (!led_to.empty()) {
+    const auto [begin, end] = by_cause.equal_range(led_to.back());
+    led_to.pop_back();
+    for (auto effect = begin; effect != end; ++effect)
+      if (kept.insert(effect->second).second && !effect->second->id.empty()) led_to.push_back(effect->second->id);
+  }
+  std::vector<incident_t> chain;
+  for (const incident_t& incident : *incidents)
+    if (kept.contains(&incident)) chain.push_back(incident);
+  *incidents = std::move(chain);
 }
 
 void find_causes(chain_t* chain) {

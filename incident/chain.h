@@ -30,6 +30,13 @@ struct chain_t {
   std::vector<lane_t> lane_names;
 };
 
+/* Sorts by time, but leaves the incidents of a stack as they were recorded, also where its clock was set back. Stacks of
+ * several nodes may have the same name. */
+void sort_by_time(std::vector<incident_t>* incidents);
+
+/* Keeps the incidents that belong to the one of the Error ID `id`: its first cause, and all that led to. */
+void keep_chain(const std::string& id, std::vector<incident_t>* incidents);
+
 /* Puts the incidents in order and finds their causes and lanes. Of several with one Error ID the first is a cause. */
 void find_causes(chain_t* chain);
 

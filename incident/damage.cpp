@@ -6,6 +6,7 @@
 
 #include "message.h"
 #include "qx_zelk.h"
+#include "zk_layout.h"
 #include "zkstatus.h"
 
 struct damage_row_t {
@@ -39,6 +40,10 @@ damage_t damage_of(int code) {
 
 std::string reason_of(int code) {
   return message_text(row_of(code).reason);
+}
+
+bool is_no_stack(const damage_t& damage) {
+  return damage.code == ZELK_FILE_CORRUPT && damage.offset >= 0 && damage.offset < ZK_STACK_RECORDS_MIN;
 }
 
 std::string damage_text(const damage_t& damage) {

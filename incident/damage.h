@@ -19,6 +19,9 @@ damage_t damage_of(int code);
 /* The same for the user. */
 std::string reason_of(int code);
 
+/* Whether a file is no Error Stack at all: it has no header of one. */
+bool is_no_stack(const damage_t& damage);
+
 /* Damage in one line, behind the name of a stack. */
 std::string damage_text(const damage_t& damage);
 

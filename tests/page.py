@@ -19,7 +19,7 @@ ID = re.compile(r"(?<![\w./])[0-9./][\w./]{40}[./](?![\w./])")
 CHANGING = re.compile(
     r"\d{4}-\d\d-\d\d[T ]\d\d:\d\d:\d\d(\.\d+)?"
     r"|(Mon|Tue|Wed|Thu|Fri|Sat|Sun) \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4}"
-    r"|^\d{12}(?= )"
+    r"|^\d{12}(?= )|(?<=^ {11})\d\d:\d\d:\d\d"
     r"|(?<=\"stack\":\")[^\"]*/"
     r"|(?<=Node: )[\d.]+|(?<=\"node\":\")[\d.]+"
     r"|(?<=Process Identifier: )\d+|(?<=Thread Identifier: )\d+"

@@ -95,6 +95,8 @@ outcome shell(const std::string& line, environment variables) {
                           << program("zkview_dynamic") << " \"$@\"\nexec " EMULATOR " " << program("zkview")
                           << " \"$@\"\n";
     std::filesystem::permissions(script, std::filesystem::perms::all);
+    for (const char* name : {"zkexport", "zkdecode", "zkrecord"})
+      std::filesystem::create_symlink(program(name), folder + name);
   }
   variables["PROGRAM"] = program("zkview");
   variables["PATH"] = folder + ":/usr/sbin:/usr/bin:/sbin:/bin";

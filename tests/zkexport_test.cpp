@@ -154,6 +154,61 @@ TEST(follow, ends_while_a_long_line_waits_for_its_reader) {
             "0\n");
 }
 
+TEST(follow, gives_what_is_selected_and_goes_on_in_a_new_file_after_a_signal) {
+  EXPECT_EQ(
+      script("s=$folder/s; lines() { n=0; while [ $(cat log* | wc -l) -lt $1 ] && [ $n -lt 100 ]; do sleep 0.1;"
+             "n=$((n + 1)); done; }; touch log; $zkrecord -qC $s one; $zkexport -f --grep='one|two' --output=log $s &"
+             "lines 1; mv log log.1; kill -HUP $!; sleep 0.3; $zkrecord -q $s other; $zkrecord -q $s two; lines 2;"
+             "kill $!; wait $!; jq -r .description log.1 log"),
+      "one\ntwo\n");
+}
+
+TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
+  NEEDS_PRIVATE_VAR();
+  EXPECT_EQ(script(FOLLOW + "cd " ZELK_STACK_DIR "; touch " + scratch() + "/out; out=" + scratch() +
+                   "/out; $zkrecord -qC a one; $zkexport --follow --every >$out & sleep 0.5; mv a b; sleep 0.5;"
+                   "$zkrecord -q b two; sleep 0.5; kill $!; wait $!; jq -r '.stack + .description' $out"),
+            "aone\nbtwo\n");
+}
+
+TEST(node, passes_over_what_is_no_stack_among_the_stacks) {
+  NEEDS_PRIVATE_VAR();
+  const std::string passed = "zkexport: notes: it is no Error Stack\n";
+  const std::string line =
+      "cd " ZELK_STACK_DIR
+      "; echo text >notes; $zkrecord -qC s one; $zkexport --every | jq -r .stack;"
+      "$zkexport --every -o dot | grep -c i0; $zkexport --every >/dev/null; echo $?; cp s t;"
+      "printf '\\377' | dd of=t bs=1 seek=27 conv=notrunc 2>/dev/null; $zkexport --every | tail -n 1"
+      " | jq -r .error.offset";
+  EXPECT_EQ(script(line), "s\n1\n0\n24\n" + passed + passed + passed + passed);
+}
+
+/* Runs a line as one who may read what everybody may, and write nothing. */
+static std::string as_nobody(const std::string& line) {
+  return (getuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "") + line;
+}
+
+TEST(reading, needs_no_lock_of_a_stack_that_may_not_be_written) {
+  const std::string file = stack().add("one").file();
+  chmod(file.c_str(), 0444);
+  chmod(scratch().c_str(), 0755);
+  const std::string locked =
+      "python3 -c 'import fcntl, sys, time; f = open(sys.argv[1], \"r\");"
+      "fcntl.flock(f, fcntl.LOCK_SH); time.sleep(20)' " +
+      file + " & holder=$!; sleep 0.2;";
+  EXPECT_EQ(script(locked + as_nobody("$zkexport " + file) + " | jq -r .description; kill $holder"), "one\n");
+}
+
+TEST(lock, that_is_waited_for_is_told_once_with_its_holder) {
+  const std::string file = stack().add("one").file();
+  const std::string told = script(
+      "python3 -c 'import fcntl, sys, time; f = open(sys.argv[1], \"r+\"); fcntl.lockf(f, fcntl.LOCK_EX); "
+      "time.sleep(1.6)' " +
+      file + " & echo $!; sleep 0.3; $zkexport " + file + " | jq -r .description");
+  const std::string holder = told.substr(0, told.find('\n'));
+  EXPECT_EQ(told, holder + "\none\nzkexport: " + file + ": waiting for its lock, which process " + holder + " holds\n");
+}
+
 TEST(cursor, goes_on_where_the_last_run_ended) {
   EXPECT_EQ(script("s=$folder/s; news() { $zkexport --cursor-file=cursor $s | jq -r '.description // .gap'; };"
                    "$zkrecord -q -C=8192 $s one; news; $zkrecord -q $s two; news; news;"
@@ -223,8 +278,6 @@ TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
   for (const char* format : {"dot", "html"})
     EXPECT_EQ(script("$zkexport " + file + " | jq -c '.host = \"n1\"' | $zkexport --input --format=" + format),
               zkexport({"--format", format, file}).out);
-  EXPECT_EQ(script("($zkexport " + file + "; echo '{\"stack\":1}') | $zkexport --input --format=dot"),
-            "zkexport: line 5: it is no incident as json gives them\n");
 }
 
 TEST(input, is_what_json_gives_and_nothing_else) {
@@ -289,8 +342,9 @@ TEST(zkexport, takes_a_command_line_as_gnu_does_but_no_part_of_a_name) {
 }
 
 TEST(zkexport, refuses_what_does_not_go_together) {
-  for (const char* misuse : {"", "--format=xml s", "--every s", "--follow --format=dot s", "--input", "--id=x --follow",
-                             "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s"}) {
+  for (const char* misuse :
+       {"", "--format=xml s", "--every s", "--follow --format=dot s", "--every -n 1 -f", "--id=x --follow",
+        "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s"}) {
     const outcome refused = zkexport(words(misuse));
     EXPECT_EQ(refused.status, 2) << misuse;
     EXPECT_NE(refused.err.find("\nTry 'zkexport --help'\n"), std::string::npos) << refused;
