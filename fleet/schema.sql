@@ -104,6 +104,12 @@ CREATE TABLE IF NOT EXISTS zelk_rejected (
 );
 CREATE UNIQUE INDEX IF NOT EXISTS zelk_rejected_key ON zelk_rejected (host, place, md5(line));
 
+-- Nodes from which signs of life are expected: zelk-check says which are silent. Nobody else needs it.
+CREATE TABLE IF NOT EXISTS zelk_node (
+  host   text        PRIMARY KEY,                            -- its name, as its certificate says it
+  added  timestamptz NOT NULL DEFAULT now()
+);
+
 CREATE OR REPLACE VIEW zelk_gaps AS
   SELECT host, stack, count(*) AS gaps, max(received) AS newest FROM zelk_notice WHERE kind = 'gap' GROUP BY host, stack;
 
@@ -595,7 +601,7 @@ END $$;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]) TO zelk_writer;
 GRANT EXECUTE ON FUNCTION zelk_digit(text, int), zelk_time(text), zelk_bucket(text), zelk_row(text), zelk_causes(text),
   zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_first_causes(timestamptz) TO zelk_reader;
-GRANT SELECT ON zelk_incident, zelk_incident_here, zelk_incident_other, zelk_notice, zelk_rejected, zelk_gaps, zelk_plain
+GRANT SELECT ON zelk_incident, zelk_incident_here, zelk_incident_other, zelk_notice, zelk_rejected, zelk_node, zelk_gaps, zelk_plain
   TO zelk_reader;
 SELECT format('REVOKE TEMPORARY ON DATABASE %I FROM PUBLIC', current_database()) \gexec
 

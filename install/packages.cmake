@@ -31,10 +31,10 @@ set(CPACK_RPM_SPEC_MORE_DEFINE "%define _build_id_links none")
 foreach(locale ${catalog_locales})
   list(APPEND locale_folders share/locale/${locale} share/locale/${locale}/LC_MESSAGES)
 endforeach()
-foreach(folder lib/sysusers.d lib/tmpfiles.d lib64/cmake lib64/pkgconfig share/bash-completion
+foreach(folder sbin lib/systemd lib/systemd/system lib/sysusers.d lib/tmpfiles.d lib64/cmake lib64/pkgconfig share/bash-completion
                share/bash-completion/completions share/fish share/fish/vendor_completions.d
                share/fish/vendor_functions.d share/locale ${locale_folders} share/man share/man/man1 share/man/man3
-               share/man/man5 share/man/man7 share/zsh share/zsh/site-functions)
+               share/man/man5 share/man/man7 share/man/man8 share/zsh share/zsh/site-functions)
   list(APPEND CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION ${CMAKE_INSTALL_PREFIX}/${folder})
 endforeach()
 
@@ -63,6 +63,29 @@ set(CPACK_DEBIAN_ZKVIEW_PACKAGE_DEPENDS passwd)
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_SUGGESTS "graphviz, jq")
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/postrm)
 set(CPACK_RPM_ZKVIEW_POST_INSTALL_SCRIPT_FILE ${scripts}/postinst)
+
+if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/fleet)
+  add_package(node zkview-node zkview-node admin "send the incidents of this node to the middle of a fleet"
+"What the Error Stacks of this node show is sent to a machine in the middle,
+where one database has the incidents of all nodes. Nothing is sent until
+zelk-node-setup has been told where that is.")
+  set(CPACK_DEBIAN_NODE_PACKAGE_ARCHITECTURE all)
+  set(CPACK_DEBIAN_NODE_PACKAGE_DEPENDS "zkview (>= ${PROJECT_VERSION}-${release}), openssl, rsyslog, rsyslog-relp")
+  set(CPACK_RPM_NODE_PACKAGE_REQUIRES "zkview >= ${PROJECT_VERSION}, openssl, rsyslog, rsyslog-relp")
+  set(CPACK_DEBIAN_NODE_PACKAGE_CONTROL_EXTRA ${scripts}/node/postinst ${scripts}/node/prerm ${scripts}/node/postrm)
+endif()
+if(ZKVIEW_FLEET)
+  add_package(middle zkview-middle zkview-middle admin "gather the incidents of many nodes in one database"
+"Takes the incidents of any number of nodes into a database of PostgreSQL,
+follows causes across nodes, makes pages of them and watches that they arrive.
+Nothing is taken until zelk-middle-setup has made database and certificates.")
+  set(CPACK_DEBIAN_MIDDLE_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_MIDDLE_PACKAGE_DEPENDS
+      "zkview (>= ${PROJECT_VERSION}-${release}), openssl, postgresql-client, python3:any, systemd")
+  set(CPACK_DEBIAN_MIDDLE_PACKAGE_RECOMMENDS postgresql)
+  set(CPACK_RPM_MIDDLE_PACKAGE_REQUIRES "zkview >= ${PROJECT_VERSION}, openssl, postgresql, python3, systemd")
+  set(CPACK_DEBIAN_MIDDLE_PACKAGE_CONTROL_EXTRA ${scripts}/middle/postinst ${scripts}/middle/prerm ${scripts}/middle/postrm)
+endif()
 
 add_package(dev libzkview-dev zkview-devel libdevel "record incidents in Error Stacks: development files"
 "Headers, libraries and manual pages for programs that record incidents: making
