@@ -2,20 +2,23 @@
 # shellcheck shell=bash
 # Completion for bash (with bash-completion): zkview, zkrecord, zkdecode and zkexport.
 
-# Takes the words before the cursor. Stores in `given` the options, "STACK" for a name, "JSON" for --format=json and "PICTURE"
-# for --format=dot or --format=html, and in `awaiting` the option whose argument the cursor is at.
-_zkview_take_words() {
+# Notes a format that is given: "JSON", or "PICTURE" for any other.
+_zkview_note_format() {
+    if [[ $1 == json ]]; then given+=(JSON); else given+=(PICTURE); fi
+}
+
+# Reads the words before the cursor. Stores in `given` the options, "STACK" for a name and what _zkview_note_format notes, and
+# in `awaiting` the option whose argument the cursor is at.
+_zkview_read_words() {
     local word
     given=() awaiting=
     for word in "${words[@]:1:cword-1}"; do
         if [[ $awaiting ]]; then
-            [[ $awaiting == @(-o|--format) && $word == json ]] && given+=(JSON)
-            [[ $awaiting == @(-o|--format) && $word == @(dot|html) ]] && given+=(PICTURE)
+            [[ $awaiting == @(-o|--format) ]] && _zkview_note_format "$word"
             awaiting=
         elif [[ $word == --*=* ]]; then
             given+=("${word%%=*}")
-            [[ $word == --format=json ]] && given+=(JSON)
-            [[ $word == --format=@(dot|html) ]] && given+=(PICTURE)
+            [[ $word == --format=* ]] && _zkview_note_format "${word#*=}"
         elif [[ $word == --* ]]; then
             given+=("$word")
             [[ " $with_argument " == *" $word "* ]] && awaiting=$word
@@ -65,7 +68,7 @@ _zkview_offer_stacks() {
 
 _zkview_offer_formats() {
     local format formats=()
-    for format in json dot html; do
+    for format in $(command zkexport --help 2>/dev/null | sed -n 's/.*FORMAT:{\(.*\)}.*/\1/p' | tr , ' '); do
         [[ $format == json ]] && _zkview_may_give JSON && formats+=("$format")
         [[ $format != json ]] && _zkview_may_give PICTURE && formats+=("$format")
     done
@@ -105,17 +108,23 @@ _zkview() {
             with_argument=
             ;;
         zkexport)
-            sets=('-o --format' '-i --id -e --every --input STACK' '-f --follow -i --id' '-c --cursor-file -i --id'
-                '-f --follow PICTURE' '-f --follow --input' '-c --cursor-file PICTURE' '-c --cursor-file --input' 'JSON --input')
-            with_argument='-o --format -i --id -c --cursor-file'
+            sets=('-o --format' '-i --id -e --every --input STACK' '-f --follow -i --id' '-f --follow --chain'
+                '-c --cursor-file -i --id' '-c --cursor-file --chain'
+                '-f --follow PICTURE' '-f --follow --input' '-c --cursor-file PICTURE' '-c --cursor-file --input' '--since'
+                '--until' '--process' '--product' '--node' '--grep' '-n --lines -f --follow' '-n --lines -c --cursor-file'
+                '--output' '--color')
+            with_argument='-o --format -i --id -c --cursor-file --since --until --process --product --node --grep -n --lines
+                --output --color'
+            with_argument=${with_argument//$'\n'/ }
             ;;
     esac
-    _zkview_take_words
+    _zkview_read_words
     [[ $split == true ]] && awaiting=$prev
 
     case $command:$awaiting in
         zkview:-s) _zkview_offer_stacks ;;
-        zkrecord:-D | zkrecord:--dump | zkrecord:--file | zkexport:-c | zkexport:--cursor-file) _filedir ;;
+        zkrecord:-D | zkrecord:--dump | zkrecord:--file | zkexport:-c | zkexport:--cursor-file | zkexport:--output) _filedir ;;
+        zkexport:--color) _zkview_offer always auto never ;;
         zkexport:-o | zkexport:--format) _zkview_offer_formats ;;
         *:-*) ;; # text, a number or an Error ID
         zkrecord:) [[ " ${given[*]} " == *' STACK '* ]] || if [[ $cur == -* ]]; then _zkview_offer_options; else _zkview_offer_stacks; fi ;;

@@ -163,6 +163,15 @@ TEST(follow, gives_what_is_selected_and_goes_on_in_a_new_file_after_a_signal) {
       "one\ntwo\n");
 }
 
+TEST(follow, goes_on_behind_the_rotation_of_the_example) {
+  if (!has("logrotate")) GTEST_SKIP() << "there is no logrotate";
+  EXPECT_EQ(script("sed \"s,/var/log/zelk.json,$folder/log,; s,systemctl.*,kill -HUP \\$(cat $folder/pid),\" " INSTALL_FOLDER
+                   "/zelk.logrotate >conf; chmod 644 conf; s=$folder/s; $zkrecord -qC $s one; $zkexport -f --output=log $s &"
+                   "echo $! >pid; sleep 0.5; logrotate -f -s $folder/state conf; sleep 0.3; $zkrecord -q $s two; sleep 0.5;"
+                   "kill $!; wait $!; for log in log.1 log; do jq -r .description $log; done"),
+            "one\ntwo\n");
+}
+
 TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
   NEEDS_PRIVATE_VAR();
   EXPECT_EQ(script(FOLLOW + "cd " ZELK_STACK_DIR "; touch " + scratch() + "/out; out=" + scratch() +
