@@ -165,11 +165,12 @@ TEST(follow, gives_what_is_selected_and_goes_on_in_a_new_file_after_a_signal) {
 
 TEST(follow, goes_on_behind_the_rotation_of_the_example) {
   if (!has("logrotate")) GTEST_SKIP() << "there is no logrotate";
-  EXPECT_EQ(script("sed \"s,/var/log/zelk.json,$folder/log,; s,systemctl.*,kill -HUP \\$(cat $folder/pid),\" " INSTALL_FOLDER
-                   "/zelk.logrotate >conf; chmod 644 conf; s=$folder/s; $zkrecord -qC $s one; $zkexport -f --output=log $s &"
-                   "echo $! >pid; sleep 0.5; logrotate -f -s $folder/state conf; sleep 0.3; $zkrecord -q $s two; sleep 0.5;"
-                   "kill $!; wait $!; for log in log.1 log; do jq -r .description $log; done"),
-            "one\ntwo\n");
+  EXPECT_EQ(
+      script("sed \"s,/var/log/zelk.json,$folder/log,; s,systemctl.*,kill -HUP \\$(cat $folder/pid),\" " INSTALL_FOLDER
+             "/zelk.logrotate >conf; chmod 644 conf; s=$folder/s; $zkrecord -qC $s one; $zkexport -f --output=log $s &"
+             "echo $! >pid; sleep 0.5; logrotate -f -s $folder/state conf; sleep 0.3; $zkrecord -q $s two; sleep 0.5;"
+             "kill $!; wait $!; for log in log.1 log; do jq -r .description $log; done"),
+      "one\ntwo\n");
 }
 
 TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
@@ -206,6 +207,17 @@ TEST(reading, needs_no_lock_of_a_stack_that_may_not_be_written) {
       "fcntl.flock(f, fcntl.LOCK_SH); time.sleep(20)' " +
       file + " & holder=$!; sleep 0.2;";
   EXPECT_EQ(script(locked + as_nobody("$zkexport " + file) + " | jq -r .description; kill $holder"), "one\n");
+}
+
+TEST(lock, of_an_open_file_is_told_with_its_holder_too) {
+  const std::string told = script(
+      "s=$folder/s; $zkrecord -qC $s one; python3 -c 'import fcntl, os, struct, sys, time; f = os.open(sys.argv[1], "
+      "os.O_RDWR);"
+      "fcntl.fcntl(f, 38, struct.pack(\"hhqqi4x\", fcntl.F_WRLCK, 0, 0, 0, 0)); time.sleep(1.6)' $s & echo $!; sleep "
+      "0.3;"
+      "$zkrecord -q $s two 2>&1 | sed \"s,$folder/,,\"");
+  const std::string holder = told.substr(0, told.find('\n'));
+  EXPECT_EQ(told, holder + "\nzkrecord: s: waiting for its lock, which process " + holder + " holds\n");
 }
 
 TEST(lock, that_is_waited_for_is_told_once_with_its_holder) {

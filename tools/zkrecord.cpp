@@ -10,12 +10,14 @@
 
 #include "command.h"
 #include "description.h"
+#include "lock_wait.h"
 #include "options.h"
 #include "qx_record.h"
 #include "zk_eid_layout.h"
 #include "zk_record.h"
 #include "zk_record_image.h"
 #include "zk_recorder.h"
+#include "zk_stack_file.h"
 
 static constexpr char NAME[] = "zkrecord";
 static constexpr char DEFAULT_SIZE[] = "16384"; /* bytes of a stack that is made */
@@ -202,6 +204,14 @@ static std::string reason_of(int result, const zk_damage_t& damage) {
   return message_text(TOOL_MSG_NOT_OPENED);
 }
 
+/* Waits once for the lock that the recorder takes next, so that a long wait is told. */
+static void await_lock(const std::string& name) {
+  const int fildes = zk_open_regular(zk_stack_path(name.c_str()).data(), O_RDWR);
+  if (fildes == -1) return; /* the recorder says why */
+  wait_for_lock(NAME, name, fildes, F_OFD_SETLKW);
+  close(fildes);
+}
+
 /* Opens the stack, and makes it before where it is missing and may be made. */
 static int open_recorder(const command_trace_t& trace, const request_t& request, zk_recorder_t** recorder,
                          zk_damage_t* damage) {
@@ -210,6 +220,7 @@ static int open_recorder(const command_trace_t& trace, const request_t& request,
     const int result = zk_create_stack(trace.active, trace.file.data(), name, request.new_size);
     if (result != ZELK_SUCCESS && result != ZELK_FILE_EXIST) return result;
   }
+  await_lock(request.stack);
   return zk_open_recorder_or_say({trace.active, trace.file.data(), "zk_open_recorder"}, name, recorder, damage);
 }
 
