@@ -1,0 +1,20 @@
+/* SPDX-License-Identifier: MIT */
+/* journal.h - what the journal has of a run of a unit. */
+#ifndef JOURNAL_H
+#define JOURNAL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <set>
+#include <string>
+
+struct run_t {
+  std::string lines;           /* the newest, the oldest first, with newlines between */
+  std::set<int32_t> processes; /* that wrote them */
+};
+
+/* Reads the newest lines of the run `invocation`, as many as take `room` bytes; of each its beginning. A journal that cannot
+ * be read is empty. Waits a moment for lines that are on their way. */
+run_t read_run(const std::string& invocation, size_t room);
+
+#endif

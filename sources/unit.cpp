@@ -1,0 +1,167 @@
+/* SPDX-License-Identifier: MIT */
+/* unit.cpp - asks systemd about a unit over the system bus. */
+#include "unit.h"
+
+#include <systemd/sd-bus.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+static constexpr char DESTINATION[] = "org.freedesktop.systemd1";
+static constexpr char UNIT[] = "org.freedesktop.systemd1.Unit";
+static constexpr char SERVICE[] = "org.freedesktop.systemd1.Service";
+
+/* A unit on the bus. */
+struct object_t {
+  sd_bus* bus;
+  std::string path;
+};
+
+/* ---- Properties; one that cannot be had is empty or 0 ------------------------------------------------------------ */
+
+static std::string text_of(const object_t& object, const char* interface, const char* name) {
+  char* value = nullptr;
+  std::string text;
+  if (sd_bus_get_property_string(object.bus, DESTINATION, object.path.c_str(), interface, name, nullptr, &value) >= 0)
+    text = value;
+  std::free(value);
+  return text;
+}
+
+template <typename Number>
+static Number number_of(const object_t& object, const char* interface, const char* name, char type) {
+  Number number = 0;
+  sd_bus_get_property_trivial(object.bus, DESTINATION, object.path.c_str(), interface, name, nullptr, type, &number);
+  return number;
+}
+
+static int64_t time_of(const object_t& object, const char* interface, const char* name) {
+  return static_cast<int64_t>(number_of<uint64_t>(object, interface, name, 't'));
+}
+
+static void append_names(const object_t& object, const char* name, std::vector<std::string>* names) {
+  char** values = nullptr;
+  if (sd_bus_get_property_strv(object.bus, DESTINATION, object.path.c_str(), UNIT, name, nullptr, &values) < 0) return;
+  for (char** value = values; value != nullptr && *value != nullptr; ++value) {
+    names->push_back(*value);
+    std::free(*value);
+  }
+  std::free(values);
+}
+
+static std::string invocation_of(const object_t& object) {
+  sd_bus_message* reply = nullptr;
+  std::string digits;
+  if (sd_bus_get_property(object.bus, DESTINATION, object.path.c_str(), UNIT, "InvocationID", nullptr, &reply, "ay") >=
+      0) {
+    const void* bytes = nullptr;
+    size_t size = 0;
+    if (sd_bus_message_read_array(reply, 'y', &bytes, &size) >= 0)
+      for (size_t i = 0; i < size; ++i) {
+        char two[3];
+        std::snprintf(two, sizeof two, "%02x", static_cast<const unsigned char*>(bytes)[i]);
+        digits += two;
+      }
+  }
+  sd_bus_message_unref(reply);
+  return digits;
+}
+
+/* How the last command of the property `name`, such as "ExecStartPre", that failed ended. */
+static void read_failed_command(const object_t& object, const char* name, unit_t* unit) {
+  sd_bus_message* reply = nullptr;
+  if (sd_bus_get_property(object.bus, DESTINATION, object.path.c_str(), SERVICE, name, nullptr, &reply,
+                          "a(sasbttttuii)") >= 0 &&
+      sd_bus_message_enter_container(reply, 'a', "(sasbttttuii)") >= 0) {
+    while (sd_bus_message_enter_container(reply, 'r', "sasbttttuii") > 0) {
+      uint32_t process_id = 0;
+      int32_t code = 0, status = 0;
+      sd_bus_message_skip(reply, "sasbtttt");
+      sd_bus_message_read(reply, "uii", &process_id, &code, &status);
+      sd_bus_message_exit_container(reply);
+      if (code == 0 || (code == CLD_EXITED && status == 0)) continue;
+      unit->code = code;
+      unit->status = status;
+    }
+  }
+  sd_bus_message_unref(reply);
+}
+
+/* ---- The unit ------------------------------------------------------------------------------------------------------ */
+
+static std::string path_of(const std::string& name) {
+  char* path = nullptr;
+  sd_bus_path_encode("/org/freedesktop/systemd1/unit", name.c_str(), &path);
+  const std::string text = path != nullptr ? path : "";
+  std::free(path);
+  return text;
+}
+
+static void read_needs(const object_t& object, unit_t* unit) {
+  for (const char* property : {"Requires", "Requisite", "BindsTo"}) append_names(object, property, &unit->needs);
+  for (const std::string& need : unit->needs) {
+    const object_t needed = {object.bus, path_of(need)};
+    const std::string state = text_of(needed, UNIT, "ActiveState");
+    const bool is_failed = state == "failed";
+    if (is_failed || (unit->failed_need.empty() && state == "inactive")) unit->failed_need = need;
+    if (is_failed) break;
+  }
+  append_names(object, "PartOf", &unit->needs);
+}
+
+std::string read_unit(const std::string& name, unit_t* unit) {
+  *unit = {};
+  unit->name = name;
+  object_t object = {nullptr, path_of(name)};
+  const int opened = sd_bus_open_system(&object.bus);
+  if (opened < 0) return std::string("systemd cannot be asked: ") + std::strerror(-opened);
+  const std::string state = text_of(object, UNIT, "LoadState");
+  if (state.empty()) {
+    sd_bus_flush_close_unref(object.bus);
+    return "systemd knows no such unit";
+  }
+  unit->result = text_of(object, SERVICE, "Result");
+  unit->code = number_of<int32_t>(object, SERVICE, "ExecMainCode", 'i');
+  unit->status = number_of<int32_t>(object, SERVICE, "ExecMainStatus", 'i');
+  unit->process_id = static_cast<int32_t>(number_of<uint32_t>(object, SERVICE, "ExecMainPID", 'u'));
+  unit->restarts = number_of<uint32_t>(object, SERVICE, "NRestarts", 'u');
+  unit->invocation = invocation_of(object);
+  unit->started = time_of(object, UNIT, "InactiveExitTimestamp");
+  const int64_t ended = time_of(object, SERVICE, "ExecMainExitTimestampMonotonic");
+  const int64_t began = time_of(object, SERVICE, "ExecMainStartTimestampMonotonic");
+  unit->run_time = ended > began ? ended - began : 0;
+  if (unit->code == 0 || (unit->code == CLD_EXITED && unit->status == 0)) {
+    for (const char* property :
+         {"ExecStopPost", "ExecStop", "ExecReload", "ExecStartPost", "ExecStartPre", "ExecCondition"})
+      read_failed_command(object, property, unit);
+  }
+  /* systemd keeps the result of the last start when it gives up restarting. */
+  const uint32_t burst = number_of<uint32_t>(object, UNIT, "StartLimitBurst", 'u');
+  const std::string restart = text_of(object, SERVICE, "Restart");
+  if (restart != "no" && burst > 0 && unit->restarts >= burst) unit->result = "start-limit-hit";
+  read_needs(object, unit);
+  sd_bus_flush_close_unref(object.bus);
+  return "";
+}
+
+static std::string signal_name(int32_t number) {
+  const char* name = sigabbrev_np(number);
+  return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(number);
+}
+
+std::string result_in_words(const unit_t& unit) {
+  static constexpr struct {
+    const char* result;
+    const char* words;
+  } WORDS[] = {{"oom-kill", "out of memory"}, {"start-limit-hit", "start limit hit"}};
+  for (const auto& row : WORDS)
+    if (unit.result == row.result) return row.words;
+  if (unit.result == "exit-code") return "exit status " + std::to_string(unit.status);
+  if (unit.result == "signal") return "killed by " + signal_name(unit.status);
+  if (unit.result == "core-dump") return "core dump by " + signal_name(unit.status);
+  if (unit.result == "success" && !unit.failed_need.empty()) return "a unit it needs failed: " + unit.failed_need;
+  return unit.result.empty() ? "unknown result" : unit.result;
+}
