@@ -98,7 +98,7 @@ _zkview() {
             ;;
         zkrecord)
             sets=('-c --cause' '-d --details' '-D --dump' '-p --process' '--pid' '--file' '--line' '--file-version'
-                '--product' '-m --message' '-C --create' '-q --quiet')
+                '--product' '-m --message' '-C --create' '-t --text' '-q --quiet')
             with_argument='-c --cause -d --details -D --dump -p --process --pid --file --line --file-version --product
                 -m --message'
             with_argument=${with_argument//$'\n'/ }

@@ -16,6 +16,9 @@ struct zk_record_image_t {
   std::array<char, ZK_REC_LENGTH_SIZE + ZK_REC_LISTED_MAX + ZK_REC_LENGTH_SIZE> bytes;
 };
 
+/* As the parent of a process: recorded as 0, not known. */
+enum : int32_t { ZK_NO_PROCESS = INT32_MIN };
+
 /* Makes the record of an incident, whose fields have been checked, without its Error ID and time. `body_max` is the
  * longest body that the stack can take; every view takes ZK_REC_LISTED_MAX. So that it fits, details are cut and, where that
  * is not enough, the longest text argument, of equal ones the last, as far as it takes, then the longest of the others: each

@@ -39,6 +39,7 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
       {{"%2$s before %1$-4d|", "5", "text"}, "text before 5   |"},
       {{"a\\tb\\\\ \\101\\x42 \\u00e9 \\q"}, "a\tb\\ AB \u00e9 \\q"},
       {{"100\\045 d \\x25s"}, "100% d %s"},
+      {{"\\x25d %d", "5"}, "%d 5"},
       {{"{}[a,b] %s %s", "[c,d]", "--quiet"}, "{}[a,b] [c,d] --quiet"}};
   for (auto [arguments, shown] : rows) {
     arguments.insert(arguments.begin(), {"-qC", stack});
@@ -48,19 +49,24 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
 }
 
 TEST(zkrecord, makes_and_records_nothing_on_misuse) {
-  const std::string stack = new_stack(), no_eid(42, 'x');
+  const std::string stack = new_stack();
   const std::pair<std::vector<std::string>, std::string> rows[] = {
       {{"--nonsense"}, "The following argument was not expected: --nonsense"},
       {{stack}, "FORMAT is required"},
       {{"--bogus", stack, "x"}, "The following argument was not expected: --bogus"},
       {{stack, "%s and %s", "one"}, "FORMAT: argument 2, which '%s' asks for, is missing"},
       {{stack, "%s", "one", "two"}, "FORMAT: no conversion takes argument 2"},
+      {{stack, "%d", "18446744073709551615"},
+       "FORMAT: argument 1, '18446744073709551615', is not a number, or out of range"},
+      {{stack, "100%"},
+       "FORMAT: '%' is not a conversion that can be recorded; %% is a per cent sign, and --text takes FORMAT as it "
+       "stands"},
+      {{"--text", stack, "%s", "one"}, "FORMAT: no conversion takes argument 1"},
       {{stack, "%d", "1x"}, "FORMAT: argument 1, '1x', is not a number, or out of range"},
       {{stack, "%1$d %1$s", "1"}, "FORMAT: '%1$s' asks for another kind of argument than a conversion before it"},
       {{stack, "%*d", "1"}, "FORMAT: '%*d' is not a conversion that can be recorded"},
       {{stack, "%n%b%q"}, "FORMAT: '%n' is not a conversion that can be recorded"},
       {{stack, "\\0"}, "FORMAT: a text cannot hold the character 0"},
-      {{"--cause", no_eid, stack, "x"}, "--cause: '" + no_eid + "' is not an Error ID"},
       {{"-C8191", stack, "x"}, "--create: '8191' is not a number from 8192 to 16384"},
       {{"--line=010", stack, "x"}, "--line: '010' is not a number from 0 to 2147483647"},
       {{"-m", "stn.cat:2", stack, "x"}, "--message: 'stn.cat:2' is not CATALOG:SET:NUMBER"},
@@ -74,13 +80,15 @@ TEST(zkrecord, makes_and_records_nothing_on_misuse) {
 
 TEST(zkrecord, makes_a_stack_where_there_is_none) {
   const std::string stack = new_stack();
-  EXPECT_EQ(zkrecord({stack, "x"}), (outcome{"", "zkrecord: " + stack + ": there is no such file\n", 1}));
+  EXPECT_EQ(zkrecord({stack, "x"}),
+            (outcome{"", "zkrecord: " + stack + ": there is no such file; --create makes one\n", 1}));
   EXPECT_EQ(zkrecord({"-q", "-C=8192", stack, "one"}), good(""));
   EXPECT_EQ(zkrecord({"-q", "--create=9000", stack, "two"}), good(""));
   EXPECT_EQ(contents(stack).size(), 8192U); /* one that exists keeps its size */
   EXPECT_EQ(zkrecord({"-C", "/dev/null", "x"}).err,
             "zkrecord: /dev/null: it is damaged, or no Error Stack: it is not a regular file (offset 0)\n");
-  EXPECT_EQ(zkrecord({"/no\n\x1b[2J", "x"}).err, "zkrecord: /no??[2J: there is no such file\n");
+  EXPECT_EQ(zkrecord({"/no\n\x1b[2J", "x"}).err, "zkrecord: /no??[2J: there is no such file; --create makes one\n");
+  EXPECT_EQ(zkrecord({"./no.stack", "x"}).err.substr(0, 42), "zkrecord: /var/adm/zelk/stacks/./no.stack:");
 }
 
 TEST(zkrecord, prints_the_id_by_which_the_next_incident_names_its_cause) {
@@ -104,13 +112,41 @@ TEST(zkrecord, records_the_caller_unless_told_otherwise) {
             std::string::npos);
   EXPECT_EQ(newest(stack, "Process Name: "), "stn_volmgr");
   EXPECT_EQ(newest(stack, "Process Thread Identifier: "), "2147483647");
+  EXPECT_EQ(newest(stack, "Parent Process Identifier: "), "0"); /* it has ended */
+}
+
+static const std::string CUT = "zkrecord: --details: it is cut, since a record has no room for all of it\n";
+
+TEST(zkrecord, takes_a_text_as_it_stands) {
+  const std::string stack = new_stack();
+  EXPECT_EQ(zkrecord({"-qtC", stack, "100% of %s\\n are \\x41"}), good(""));
+  EXPECT_EQ(description(stack), "100% of %s\\n are \\x41" + DETAILS);
+}
+
+TEST(zkrecord, loses_no_incident_for_its_trimmings) {
+  const std::string stack = new_stack();
+  auto noted = [&](std::vector<std::string> arguments, const std::string& said, const std::string& details) {
+    arguments.insert(arguments.begin(), {"-qC"});
+    arguments.insert(arguments.end(), {stack, "%s", "x"});
+    EXPECT_EQ(zkrecord(arguments), (outcome{"", said, 0}));
+    EXPECT_EQ(description(stack), "x" + DETAILS + details);
+  };
+  const std::string no_eid(42, 'x'), no_cause = "zkrecord: --cause: '" + no_eid + "' is not an Error ID\n";
+  noted({"-c", no_eid}, no_cause, "cause  " + no_eid);
+  noted({"-c", no_eid, "-d", "one\ntwo\n"}, no_cause, "one\ntwo\ncause  " + no_eid);
+  noted({"-c", ""}, "", "");
+  noted({"-c", "a\nb"}, "zkrecord: --cause: 'a?b' is not an Error ID\n", "cause  a b");
+  noted({"-D", "/nowhere", "-d", "one"}, "zkrecord: /nowhere: No such file or directory\n", "one\ndump file  /nowhere");
+  EXPECT_EQ(zkrecord({"-qd", std::string(3000, 'd'), stack, "%s and %s", "short", std::string(3000, 'a')}),
+            (outcome{"", CUT + "zkrecord: argument 2: it is cut, since a record has no room for all of it\n", 0}));
+  EXPECT_TRUE(description(stack).starts_with("short and aaa")) << description(stack);
 }
 
 TEST(zkrecord, takes_details_from_standard_input) {
   const std::string stack = new_stack();
   script(stack, "printf 'one\\ntwo\\n\\n' | zkrecord -C -d - $S x");
   EXPECT_EQ(description(stack), "x" + DETAILS + "one\ntwo\n");
-  EXPECT_EQ(script(stack, "yes | zkrecord -q -d - $S endless"), good(""));
+  EXPECT_EQ(script(stack, "yes | zkrecord -q -d - $S endless"), (outcome{"", CUT, 0}));
   EXPECT_EQ(script(stack, "zkrecord -d - $S x </").err, "zkrecord: standard input: Is a directory\n");
 }
 
@@ -119,14 +155,12 @@ TEST(zkrecord, preserves_a_dump_file_and_names_it_behind_what_fits_of_the_detail
   const std::string dump = new_file("state");
   EXPECT_EQ(zkrecord({"-qC", "-p", "job", "-D", dump, "-d", std::string(2000, 'x'), "node", "x"},
                      {{"ZELKPNAME", "stn_backup"}}),
-            good(""));
+            (outcome{"", CUT, 0}));
   const std::string shown = description("node"), copy = shown.substr(shown.find("...\ndump file  ") + 15);
   EXPECT_TRUE(copy.starts_with("/var/adm/zelk/dumps/stn_backup.")) << shown;
   EXPECT_EQ(contents(copy), "state");
   EXPECT_EQ(zkrecord({"-q", "-D", dump, "node", "x"}), good("")); /* an empty name, as run() gives it, makes no copy */
   EXPECT_EQ(description("node"), "x" + DETAILS + "dump file  " + dump);
-  EXPECT_EQ(zkrecord({"-D", "/nowhere", "node", "x"}),
-            (outcome{"", "zkrecord: /nowhere: No such file or directory\n", 1}));
 }
 
 TEST(zkrecord, fails_when_the_id_cannot_be_written) {

@@ -157,6 +157,9 @@ static cu_error_arg_type_t type_of(char letter) {
 
 /* ---- The description --------------------------------------------------------------------------------------------- */
 
+/* Conversions of printf(1) and printf(3) that cannot be recorded, and those whose width is out of range. */
+static constexpr std::string_view NOT_TAKEN = "nbqdiouxXcaAeEfFgGsp";
+
 /* Parses the conversion at `*at`: into the text, and its letter as that of its argument. `letters` has a place for each
  * operand. Returns what is wrong, or the empty text. */
 static std::string parse_conversion(const char** at, size_t* unnumbered, std::string* letters, std::string* text) {
@@ -165,7 +168,10 @@ static std::string parse_conversion(const char** at, size_t* unnumbered, std::st
   const std::string written(start, *at);
   *text += written;
   if (piece.kind == CU_PIECE_TEXT) return "";
-  if (piece.kind != CU_PIECE_ARGUMENT) return message_text(TOOL_MSG_NOT_A_CONVERSION, {written});
+  if (piece.kind != CU_PIECE_ARGUMENT) {
+    const bool is_known = written.find('*') != written.npos || NOT_TAKEN.find(written.back()) != NOT_TAKEN.npos;
+    return message_text(is_known ? TOOL_MSG_NOT_A_CONVERSION : TOOL_MSG_NO_CONVERSION, {written});
+  }
   if (piece.argument >= letters->size())
     return message_text(TOOL_MSG_ARGUMENT_MISSING, {std::to_string(piece.argument + 1), written});
   char& letter = (*letters)[piece.argument];
@@ -201,5 +207,12 @@ std::string parse_description(const std::string& format, std::vector<std::string
       return message_text(TOOL_MSG_ARGUMENT_NOT_A_NUMBER, {std::to_string(i + 1), operand});
     description->arguments.push_back(argument);
   }
+  return "";
+}
+
+std::string plain_description(const std::string& text, const std::vector<std::string>& operands,
+                              description_t* description) {
+  if (!operands.empty()) return message_text(TOOL_MSG_ARGUMENT_UNUSED, {"1"});
+  for (const char character : text) description->text += character == '%' ? "%%" : std::string(1, character);
   return "";
 }

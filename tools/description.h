@@ -20,4 +20,8 @@ struct description_t {
 std::string parse_description(const std::string& format, std::vector<std::string>* operands,
                               description_t* description);
 
+/* Makes a description of a text as it stands, which takes no operands. Returns what is wrong, or the empty text. */
+std::string plain_description(const std::string& text, const std::vector<std::string>& operands,
+                              description_t* description);
+
 #endif

@@ -13,6 +13,7 @@
 #include "lock_wait.h"
 #include "options.h"
 #include "qx_record.h"
+#include "text.h"
 #include "zk_eid_layout.h"
 #include "zk_record.h"
 #include "zk_record_image.h"
@@ -30,6 +31,7 @@ struct request_t {
   std::string cause, details, dump, process, file, version, product, message, catalog;
   int32_t process_id, line, message_set, message_number;
   int32_t new_size; /* of a stack that may be made */
+  bool is_text;     /* the format is one */
   bool is_quiet;
 };
 
@@ -69,10 +71,6 @@ static bool is_eid(const std::string& text) {
          zk_conv_base_64_selector(0, nullptr, parts.entry, &facility, &priority) == ZELK_SUCCESS;
 }
 
-static std::string eid_mistake(const std::string& text) {
-  return is_eid(text) ? "" : message_text(TOOL_MSG_NOT_AN_EID, {text});
-}
-
 /* Parses the command line, all of which is checked before anything is made. Returns the exit status where that ends the
  * run. */
 static std::optional<int> parse_command_line(int argc, char** argv, request_t* request) {
@@ -83,7 +81,8 @@ static std::optional<int> parse_command_line(int argc, char** argv, request_t* r
        {"FORMAT", true, false, TOOL_MSG_RECORD_FORMAT},
        {"ARGUMENT", false, true, TOOL_MSG_RECORD_ARGUMENT}},
       true,
-      {text_option('c', "cause", "ID", TOOL_MSG_RECORD_CAUSE, &request->cause, eid_mistake),
+      {text_option('c', "cause", "ID", TOOL_MSG_RECORD_CAUSE, &request->cause),
+       flag_option('t', "text", TOOL_MSG_RECORD_TEXT, &request->is_text),
        text_option('d', "details", "TEXT", TOOL_MSG_RECORD_DETAILS, &request->details),
        text_option('D', "dump", "FILE", TOOL_MSG_RECORD_DUMP, &request->dump, empty_mistake),
        text_option('p', "process", "NAME", TOOL_MSG_RECORD_PROCESS, &request->process, empty_mistake),
@@ -105,7 +104,9 @@ static std::optional<int> parse_command_line(int argc, char** argv, request_t* r
   if (request->stack.empty()) return report_misuse(NAME, "STACK: " + empty_mistake(request->stack));
   if (!request->message.empty() && !parse_message(request))
     return report_misuse(NAME, "--message: " + message_text(TOOL_MSG_NOT_A_MESSAGE, {request->message}));
-  const std::string mistake = parse_description(request->format, &request->operands, &request->description);
+  const std::string mistake = request->is_text
+                                  ? plain_description(request->format, request->operands, &request->description)
+                                  : parse_description(request->format, &request->operands, &request->description);
   if (!mistake.empty()) return report_misuse(NAME, "FORMAT: " + mistake);
   return {};
 }
@@ -134,13 +135,13 @@ static bool look_up_process(int32_t id, process_t* process) {
   return true;
 }
 
-/* The process that the incident is recorded for. One that has ended is taken for a child of the caller. */
+/* The process that the incident is recorded for. Whose child one was that has ended is not known. */
 static process_t recorded_process(const request_t& request) {
   process_t caller = {.name = NAME, .id = getppid(), .parent = 1};
   look_up_process(caller.id, &caller);
   process_t process = caller;
   if (request.process_id != 0 && !look_up_process(request.process_id, &process))
-    process = {.name = caller.name, .id = request.process_id, .parent = caller.id};
+    process = {.name = caller.name, .id = request.process_id, .parent = ZK_NO_PROCESS};
   if (!request.process.empty()) process.name = request.process;
   return process;
 }
@@ -158,22 +159,35 @@ static bool read_details(std::string* details) {
   return is_read;
 }
 
-/* The details with a last line that names the dump file; where all of that does not fit, they are cut before it. */
-static std::string with_dump_line(zk_incident_t incident, std::string details, const std::string& name) {
-  const std::string line = "dump file  " + name;
+/* The details with `lines` at their end; where all of that does not fit, they are cut before those. */
+static std::string with_last_lines(zk_incident_t incident, std::string details, const std::string& lines) {
   if (details.ends_with('\n')) details.pop_back();
   incident.details = details.c_str();
   zk_record_image_t image;
   zk_record_t fields;
-  if (line.size() + 1 >= ZK_REC_LISTED_MAX ||
-      zk_make_record_image(incident, ZK_REC_LISTED_MAX - (line.size() + 1), &image) != ZELK_SUCCESS ||
+  if (lines.size() + 1 >= ZK_REC_LISTED_MAX ||
+      zk_make_record_image(incident, ZK_REC_LISTED_MAX - (lines.size() + 1), &image) != ZELK_SUCCESS ||
       zk_parse_record(image.bytes.data(), &fields) != ZELK_SUCCESS || *fields.details == '\0')
-    return line;
-  return fields.details + ("\n" + line);
+    return lines;
+  return fields.details + ("\n" + lines);
+}
+
+/* A cause that is no Error ID, as a line of the details. */
+static std::string cause_line(const std::string& cause) {
+  constexpr size_t SHOWN_MAX = 200; /* bytes: room is left for other lines */
+  std::string line = "cause  ";
+  for (size_t at = 0, size; (size = character_at(cause, at).size) != 0; at += size) {
+    if (at + size > SHOWN_MAX) return line + "...";
+    line += cause[at] == '\n' ? " " : cause.substr(at, size);
+  }
+  return line;
 }
 
 /* Copies the dump file. Returns the name to record: that of the copy or, where none can be made, its own. */
 static std::string preserve_dump(const command_trace_t& trace, const request_t& request, const process_t& process) {
+  const int fildes = zk_open_regular(request.dump.c_str(), O_RDONLY);
+  if (fildes == -1) fail(request.dump, std::strerror(errno));
+  if (fildes != -1) close(fildes);
   setenv("ZELKPNAME", process.name.c_str(), 0);
   std::array<char, ZELK_DUMP_NAME_SIZE> kept = {};
   zk_make_dump_file_copy(trace.active, trace.file.data(), request.dump.c_str(), kept.data());
@@ -212,6 +226,38 @@ static void await_lock(const std::string& name) {
   close(fildes);
 }
 
+/* Says why nothing is recorded, and what helps. Returns STATUS_FAILED. */
+static int fail_to_record(const std::string& stack, int result, const zk_damage_t& damage) {
+  const std::string path = zk_stack_path(stack.c_str()).data();
+  const bool is_in_place = path.starts_with(ZELK_STACK_DIR "/");
+  std::string help;
+  if (result == ZELK_FILE_MISSING) help = message_text(TOOL_MSG_HOW_TO_CREATE);
+  if (result == ZELK_DIR_MISSING && is_in_place) help = message_text(TOOL_MSG_HOW_TO_MAKE_FOLDER);
+  if ((result == ZELK_NO_ACCESS || result == ZELK_DIR_NO_ACCESS) && is_in_place)
+    help = message_text(TOOL_MSG_WHO_RECORDS, {"zelk"});
+  return fail(path, reason_of(result, damage) + (help.empty() ? "" : "; " + help));
+}
+
+/* Says what of the incident a record has no room for. `wanted` are the details as they were given. */
+static void report_cuts(const zk_incident_t& incident, const std::string& wanted) {
+  zk_record_image_t image;
+  zk_record_t fields;
+  if (zk_make_record_image(incident, ZK_REC_LISTED_MAX, &image) != ZELK_SUCCESS ||
+      zk_parse_record(image.bytes.data(), &fields) != ZELK_SUCCESS)
+    return;
+  const std::string start = wanted.ends_with('\n') ? wanted.substr(0, wanted.size() - 1) : wanted;
+  if (!std::string_view(fields.details).starts_with(start)) fail("--details", message_text(TOOL_MSG_IS_CUT));
+  zk_cursor_t* const arguments = &fields.description.arguments;
+  zk_read_int(arguments); /* their count */
+  for (uint32_t i = 0; i < incident.argument_count; ++i) {
+    cu_error_arg_t recorded;
+    const cu_error_arg_t& given = incident.arguments[i];
+    if (!zk_read_argument(arguments, &recorded) || given.cu_arg_type != CU_ERROR_ARG_CHAR_STR) continue;
+    if (std::strcmp(recorded.cu_arg_value.cu_arg_char_str, given.cu_arg_value.cu_arg_char_str) != 0)
+      fail(message_text(TOOL_MSG_ARGUMENT, {std::to_string(i + 1)}), message_text(TOOL_MSG_IS_CUT));
+  }
+}
+
 /* Opens the stack, and makes it before where it is missing and may be made. */
 static int open_recorder(const command_trace_t& trace, const request_t& request, zk_recorder_t** recorder,
                          zk_damage_t* damage) {
@@ -227,13 +273,12 @@ static int open_recorder(const command_trace_t& trace, const request_t& request,
 static int record(const command_trace_t& trace, request_t* request) {
   if (request->details == "-" && !read_details(&request->details))
     return fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
-  if (!request->dump.empty() && access(request->dump.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR))
-    return fail(request->dump, std::strerror(errno));
   zk_recorder_t* recorder = nullptr;
   zk_damage_t damage = {};
   int result = open_recorder(trace, *request, &recorder, &damage);
-  if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result, damage));
+  if (result != ZELK_SUCCESS) return fail_to_record(request->stack, result, damage);
 
+  const bool has_cause = is_eid(request->cause);
   const process_t process = recorded_process(*request);
   const std::vector<cu_error_arg_t>& arguments = request->description.arguments;
   zk_incident_t incident = {.process_name = process.name.c_str(),
@@ -251,15 +296,22 @@ static int record(const command_trace_t& trace, request_t* request) {
                             .arguments = arguments.data(),
                             .argument_count = static_cast<uint32_t>(arguments.size()),
                             .details = nullptr,
-                            .associated_eid = request->cause.c_str()};
+                            .associated_eid = has_cause ? request->cause.c_str() : nullptr};
+  std::string details = request->details, lines;
+  if (!has_cause && !request->cause.empty()) {
+    fail("--cause", message_text(TOOL_MSG_NOT_AN_EID, {request->cause}));
+    lines = cause_line(request->cause);
+  }
   if (!request->dump.empty())
-    request->details = with_dump_line(incident, request->details, preserve_dump(trace, *request, process));
-  incident.details = request->details.c_str();
+    lines += (lines.empty() ? "dump file  " : "\ndump file  ") + preserve_dump(trace, *request, process);
+  if (!lines.empty()) details = with_last_lines(incident, details, lines);
+  incident.details = details.c_str();
   zk_eid_t eid;
   result = zk_record_incident(trace.active, trace.file.data(), recorder, &incident, eid);
   damage = zk_recorder_damage(recorder);
   zk_close_recorder(recorder);
-  if (result != ZELK_SUCCESS) return fail(request->stack, reason_of(result, damage));
+  if (result != ZELK_SUCCESS) return fail_to_record(request->stack, result, damage);
+  report_cuts(incident, request->details);
   if (request->is_quiet) return STATUS_DONE;
   if (std::puts(eid) == EOF || std::fflush(stdout) != 0)
     return fail(message_text(TOOL_MSG_STANDARD_OUTPUT),

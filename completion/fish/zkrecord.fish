@@ -4,7 +4,7 @@ complete -c zkrecord -f
 # Whether the cursor is before the stack, where the options end, and the option of that name has not been given.
 function __zkrecord_lacks -a option
     argparse -s c/cause= d/details= D/dump= p/process= pid= file= line= file-version= product= m/message= \
-        'C/create=?' q/quiet h/help version -- (commandline -opc)[2..] 2>/dev/null
+        'C/create=?' t/text q/quiet h/help version -- (commandline -opc)[2..] 2>/dev/null
     and test (count $argv) -eq 0
     and not set -q _flag_help
     and not set -q _flag_version
@@ -26,6 +26,7 @@ complete -c zkrecord -n '__zkrecord_lacks product; or __zkview_at --product' -l 
 complete -c zkrecord -n '__zkrecord_lacks message; or __zkview_at -m --message' -s m -l message -x \
     -d 'Message of a catalog, CATALOG:SET:NUMBER'
 complete -c zkrecord -n '__zkrecord_lacks create' -s C -l create -d 'Make the stack first'
+complete -c zkrecord -n '__zkrecord_lacks text' -s t -l text -d 'FORMAT is a plain text'
 complete -c zkrecord -n '__zkrecord_lacks quiet' -s q -l quiet -d 'Print no Error ID'
 complete -c zkrecord -n 'test (count (commandline -opc)) -eq 1' -s h -l help -d 'Print help'
 complete -c zkrecord -n 'test (count (commandline -opc)) -eq 1' -l version -d 'Print the version'
