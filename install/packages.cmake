@@ -31,7 +31,7 @@ set(CPACK_RPM_SPEC_MORE_DEFINE "%define _build_id_links none")
 foreach(locale ${catalog_locales})
   list(APPEND locale_folders share/locale/${locale} share/locale/${locale}/LC_MESSAGES)
 endforeach()
-foreach(folder sbin lib/systemd lib/systemd/system lib/sysusers.d lib/tmpfiles.d lib64/cmake lib64/pkgconfig share/bash-completion
+foreach(folder sbin libexec lib/systemd lib/systemd/system lib/sysusers.d lib/tmpfiles.d lib64/cmake lib64/pkgconfig share/bash-completion
                share/bash-completion/completions share/fish share/fish/vendor_completions.d
                share/fish/vendor_functions.d share/locale ${locale_folders} share/man share/man/man1 share/man/man3
                share/man/man5 share/man/man7 share/man/man8 share/zsh share/zsh/site-functions)
@@ -120,6 +120,27 @@ arguments that do not fit lead it astray.")
   endforeach()
   set(CPACK_DEBIAN_QX_RECORD_PACKAGE_DEPENDS
       "libqx-zelk${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}-${release})")
+endif()
+if(TARGET unit-failure)
+  add_package(sources zkview-sources zkview-sources admin "record incidents that nobody records"
+"Records every service of systemd that fails in an Error Stack: the result in
+words, the newest lines of its journal, and as its cause what its processes
+recorded last, or the failure of a unit that it needs. The same failure is
+recorded once an hour.")
+  set(CPACK_DEBIAN_SOURCES_PACKAGE_DEPENDS "zkview (= ${PROJECT_VERSION}-${release}), systemd (>= 251)")
+  set(CPACK_DEBIAN_SOURCES_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_SOURCES_PACKAGE_CONTROL_EXTRA ${scripts}/sources/postinst ${scripts}/sources/postrm)
+  set(CPACK_RPM_SOURCES_PACKAGE_REQUIRES "zkview = ${PROJECT_VERSION}-${release}, systemd >= 251")
+endif()
+if(BUILD_SHARED_LIBS AND ZKVIEW_PYTHON_DIR)
+  add_package(python python3-zelk python3-zelk python "record incidents from Python"
+"Records what a Python program tells, logs, or ends by in Error Stacks. An
+exception that was raised from another becomes two incidents, of which the
+first is the cause of the second.")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= 3.9), libqx-record${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION}-${release})")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${scripts}/python/postinst ${scripts}/python/prerm)
 endif()
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS ${deb_needs})
 set(CPACK_RPM_DEV_PACKAGE_REQUIRES ${rpm_needs})

@@ -23,6 +23,7 @@ class Value(ctypes.Union):
 class Argument(ctypes.Structure):
     """cu_error_arg_t of qx_cu.h."""
 
+    _anonymous_ = ["value"]
     _fields_ = [("kind", ctypes.c_int32), ("value", Value)]
 
 
@@ -42,7 +43,7 @@ class Incident(ctypes.Structure):
         ("message_set", ctypes.c_int32),
         ("message_number", ctypes.c_int32),
         ("default_message", ctypes.c_char_p),
-        ("arguments", ctypes.POINTER(Argument)),
+        ("arguments", ctypes.c_void_p),  # of an array of Argument
         ("argument_count", ctypes.c_uint32),
         ("details", ctypes.c_char_p),
         ("associated_eid", ctypes.c_char_p),
@@ -140,7 +141,7 @@ def result_text(code: int) -> str:
 def encode(text: str) -> bytes:
     """A text as the library takes it: names of files get their bytes back, and no character ends it early."""
     try:
-        encoded = text.encode("utf-8", "surrogateescape")
+        encoded = text.encode() if text.isascii() else text.encode("utf-8", "surrogateescape")
     except UnicodeEncodeError:  # half of a character
         encoded = text.encode("utf-8", "backslashreplace")
     return encoded.replace(b"\0", b"?") if b"\0" in encoded else encoded

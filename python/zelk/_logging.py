@@ -1,14 +1,25 @@
 # SPDX-License-Identifier: MIT
 """Incidents from what a program logs, and from what ends it."""
 
+import functools
 import logging
 import os
 import sys
 import threading
-from typing import Any, Optional, Union
+from typing import Any, Optional, Tuple, Union
 
+from ._library import encode
 from ._message import make
 from ._recorder import Recorder
+
+
+@functools.lru_cache(maxsize=512)
+def _origin(logger: str, level: str, thread: Optional[str]) -> Tuple[bytes, Optional[str]]:
+    """What the details of a log record say of where it comes from, and its product."""
+    details = f"logger  {logger}\nlevel  {level}"
+    if thread and thread != "MainThread":
+        details += f"\nthread  {thread}"
+    return encode(details), None if logger == "root" else logger.split(".")[0]
 
 
 class Handler(logging.Handler):
@@ -28,16 +39,13 @@ class Handler(logging.Handler):
             cause = None
             if record.exc_info and record.exc_info[1] is not None:
                 cause = self.recorder.record_exception(record.exc_info[1])
-            details = f"logger  {record.name}\nlevel  {record.levelname}"
-            if record.threadName and record.threadName != "MainThread":
-                details += f"\nthread  {record.threadName}"
+            details, product = _origin(record.name, record.levelname, record.threadName)
             if record.stack_info:
-                details += f"\n{record.stack_info}"
-            product = None if record.name == "root" else record.name.split(".")[0]
+                details += encode(f"\n{record.stack_info}")
             record.zelk_id = self.recorder._record(
                 make(str(record.msg), record.args or ()),  # type: ignore[arg-type]
                 cause,
-                details.encode("utf-8", "backslashreplace").replace(b"\0", b"?"),
+                details,
                 record.pathname,
                 record.lineno,
                 product,

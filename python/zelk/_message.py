@@ -78,31 +78,74 @@ def plain(text: str) -> Message:
     return _made(b"%s", [encoded])
 
 
+@functools.lru_cache(maxsize=None)
+def _array_type(count: int) -> Any:
+    return Argument * count
+
+
 def _made(text: bytes, fields: "list[_Field]") -> Message:
-    arguments = (Argument * len(fields))()
+    arguments = _array_type(len(fields))()
     size = 0
     for argument, field in zip(arguments, fields):
         if isinstance(field, bytes):
             argument.kind = TEXT
-            argument.value.text = field
+            argument.text = field
             size += 4 + len(field) + 1
         elif isinstance(field, float):
             argument.kind = DOUBLE
-            argument.value.double = field
+            argument.double = field
             size += 12
         else:
             argument.kind = LONG_LONG
-            argument.value.integer = field
+            argument.integer = field
             size += 12
     return Message(text, arguments, len(fields), size)
+
+
+@functools.lru_cache(maxsize=512)
+def _usual(message: str) -> Optional[Tuple[str, bytes]]:
+    """Of a message with plain "%s", "%d" and "%f": the letters of its conversions, and its text. None for any other."""
+    parsed = _parse(message) if len(message) <= _DESCRIPTION_MAX else None
+    if parsed is None or any(each.key is not None or each.form or each.letter not in "sdf" for each in parsed[0]):
+        return None
+    letters = "".join(each.letter for each in parsed[0])
+    return letters, encode("".join(f"{each.before}%{each.letter}" for each in parsed[0]) + parsed[1])
+
+
+def _make_usual(letters: str, text: bytes, args: Tuple[Any, ...]) -> Optional[Message]:
+    """What `make` gives for arguments of the types that the letters stand for; None for any other."""
+    arguments = _array_type(len(args))()
+    size = 0
+    for argument, letter, value in zip(arguments, letters, args):
+        kind = type(value)
+        if letter == "s" and kind is str:
+            argument.kind = TEXT
+            argument.text = encoded = encode(value)
+            size += 5 + len(encoded)
+        elif letter == "d" and kind is int and -(2**63) <= value < 2**63:
+            argument.kind = LONG_LONG
+            argument.integer = value
+            size += 12
+        elif letter == "f" and kind is float:
+            argument.kind = DOUBLE
+            argument.double = value
+            size += 12
+        else:
+            return None
+    return Message(text, arguments, len(args), size)
 
 
 def make(message: str, args: Union[Tuple[Any, ...], Mapping[str, Any]]) -> Message:
     """The message with its arguments; raises what `message % args` raises. Without arguments it is a plain text."""
     if not args:
         return plain(message)
-    parsed = _parse(message) if len(message) <= _DESCRIPTION_MAX else None
     is_tuple = isinstance(args, tuple)
+    usual = _usual(message)
+    if usual is not None and is_tuple and len(usual[0]) == len(args):
+        made = _make_usual(usual[0], usual[1], args)  # type: ignore[arg-type]
+        if made is not None:
+            return made
+    parsed = _parse(message) if len(message) <= _DESCRIPTION_MAX else None
     if parsed is None or (is_tuple and len(parsed[0]) != len(args)):
         return plain(message % args)  # or the reason why not
     conversions, rest = parsed

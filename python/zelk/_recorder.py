@@ -2,6 +2,7 @@
 """Recorders: an open Error Stack, and what is recorded into it."""
 
 import ctypes
+import functools
 import os
 import sys
 import threading
@@ -29,6 +30,7 @@ def _process_name() -> bytes:
     return encode(name if name and name != "-c" else os.path.basename(sys.executable or "python3"))[:100]
 
 
+@functools.lru_cache(maxsize=512)
 def _file(name: str) -> bytes:
     encoded = encode(name)
     return encoded if len(encoded) <= _FILE_MAX else b"..." + encoded[-_FILE_MAX:]
@@ -49,6 +51,9 @@ class Recorder:
         self._handle: Optional[int] = None
         self._lock = threading.Lock()
         self._name = _process_name()
+        self._incident = Incident(process_name=self._name)  # the one that is being recorded, and its Error ID
+        self._incident_pointer = ctypes.addressof(self._incident)
+        self._eid = ctypes.create_string_buffer(EID_SIZE)
 
     @property
     def stack(self) -> str:
@@ -141,25 +146,25 @@ class Recorder:
     def _record(
         self, message: Message, cause: Optional[str], details: Optional[bytes], file: str, line: int, product: Optional[str]
     ) -> str:
-        incident = Incident(
-            process_name=self._name,
-            detecting_file=_file(file),
-            product=encode(product) if product else None,
-            line=line,
-            default_message=message.text,
-            arguments=message.arguments,
-            argument_count=message.count,
-            details=details,
-            associated_eid=cause.encode("ascii", "replace") if cause else None,
-        )
-        eid = ctypes.create_string_buffer(EID_SIZE)
+        associated_eid = cause.encode("ascii", "replace") if cause else None
+        file_name = _file(file)
+        product_name = _file(product) if product else None
         with self._lock:
             if self._handle is None:
                 self._open()
-            result = record.zk_record_incident(0, None, self._handle, ctypes.byref(incident), eid)
-        if result != 0:
-            raise failure(result, repr(cause) if result == INV_FID else self._stack)
-        return eid.value.decode("ascii")
+            incident = self._incident
+            incident.detecting_file = file_name
+            incident.product = product_name
+            incident.line = line
+            incident.default_message = message.text
+            incident.arguments = ctypes.addressof(message.arguments)
+            incident.argument_count = message.count
+            incident.details = details
+            incident.associated_eid = associated_eid
+            result = record.zk_record_incident(0, None, self._handle, self._incident_pointer, self._eid)
+            if result == 0:
+                return self._eid.value.decode()
+        raise failure(result, repr(cause) if result == INV_FID else self._stack)
 
     def _open(self) -> None:
         if self._handle is not None:
