@@ -1,93 +1,130 @@
 # SPDX-License-Identifier: MIT
-"""Runs what script/bench-fleet measures and prints the table of BENCHMARKS.md. The argument is the folder of the build.
-
-Every node has files and a host name of its own, and what a real one runs: zelk-spool with zkexport, and rsyslog. For
-lines a second it is given stacks that are full already, so that recording does not limit what is measured."""
-
+"""Runs what script/bench-fleet measures and prints the tables of BENCHMARKS.md. All rows come from one run, beside what the disk
+and COPY do in it."""
 import os
-import shutil
+import random
+import selectors
+import socket
 import statistics
 import struct
 import subprocess
 import sys
-import tempfile
+import threading
 import time
 
-ALPHABET = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../tests"))
+import fleet
+from fleet import Conversation, Node, digits, id_of, kill, line_of, query, run, start_gatherer, wait_until
+
 STACK_SIZE = 16384
-PORTS = [str(port) for port in range(2514, 2522)]  # of the instances in the middle
-FLEET = os.path.abspath("fleet")
-POSTGRES = "/usr/lib/postgresql/15/bin"
-
-folder = tempfile.mkdtemp(prefix="zkview-fleet-")
-environment = os.environ | {"PATH": os.path.abspath(sys.argv[1] + "/bin") + ":/usr/sbin:" + os.environ["PATH"],
-                            "PGHOST": folder, "PGUSER": "postgres", "PGDATABASE": "zelk", "LC_ALL": "C"}
-log = open(folder + "/log", "w")
+TICKS = os.sysconf("SC_CLK_TCK")
+first_free = 0  # number of the next incident
 
 
-def run(*command, **options):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True, env=environment, **options).stdout
+def lines_of(count):
+    global first_free
+    numbers = range(first_free, first_free + count)
+    first_free += count
+    return [line_of(number) for number in numbers]
 
 
-def query(text):
-    return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-c", text).strip()
+def row(*columns):
+    print("| " + " | ".join(str(column) for column in columns) + " |", flush=True)
 
 
-def start(command, **variables):
-    return subprocess.Popen(command, env=environment | variables, stdout=log, stderr=log)
+def heading(*columns):
+    row(*columns)
+    row(*["---"] * len(columns))
 
 
-# ---- The middle ---------------------------------------------------------------------------------------------------------
+# ---- What it costs ------------------------------------------------------------------------------------------------------
 
-def make_middle():
-    run("ip", "link", "set", "lo", "up")
-    os.chmod(folder, 0o755)
-    shutil.chown(folder, "postgres")
-    as_postgres = ["runuser", "-u", "postgres", "--"]
-    run(*as_postgres, POSTGRES + "/initdb", "-D", folder + "/database", "-A", "trust", "-E", "UTF8", "--locale=C.UTF-8")
-    with open(folder + "/database/postgresql.conf", "a") as settings:
-        settings.write(f"unix_socket_directories = '{folder}'\nlisten_addresses = ''\nmax_wal_size = 4GB\n")
-    run(*as_postgres, POSTGRES + "/pg_ctl", "-D", folder + "/database", "-l", folder + "/database.log", "-w", "start")
-    run("createdb", "zelk")
-    run("psql", "-q", "-f", FLEET + "/schema.sql")
-    for port in PORTS:
-        os.mkdir(f"{folder}/{port}")
-        start(["rsyslogd", "-n", "-iNONE", "-f", FLEET + "/middle.conf"], ZELK_PORT=port, ZELK_STATE=f"{folder}/{port}",
-              ZELK_DATABASE=f"postgresql://zelk_writer@/zelk?host={folder}")
+def cpu_of(name):
+    """Seconds of CPU that all processes of that name have taken."""
+    total = 0
+    for process in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            fields = open(f"/proc/{process}/stat").read()
+        except OSError:
+            continue
+        if f"({name})" in fields:
+            total += sum(int(ticks) for ticks in fields.rpartition(")")[2].split()[11:13])
+    return total / TICKS
+
+
+def memory_of(process):
+    return int(next(line for line in open(f"/proc/{process}/status") if line.startswith("VmHWM")).split()[1]) // 1024
+
+
+def disk():
+    answer = run(fleet.POSTGRES + "/pg_test_fsync", "-s", "1", "-f", fleet.folder + "/synced")
+    os.remove(fleet.folder + "/synced") if os.path.exists(fleet.folder + "/synced") else None
+    return float(next(line for line in answer.splitlines() if line.strip().startswith("fdatasync ")).split()[1])
+
+
+def copied(count):
+    """Rows a second by COPY into the same table, a thousand a commit."""
+    lines = lines_of(count)
+    keys = [id_of(first_free - count + number) for number in range(count)]
+    with open(fleet.folder + "/copy.sql", "w") as script:
+        for first in range(0, count, 1000):
+            script.write("COPY zelk_incident (bucket, time, key, host, incident) FROM STDIN;\n")
+            for line, key in zip(lines[first:first + 1000], keys[first:first + 1000]):
+                bucket = fleet.ALPHABET.index(key[13]) + 64 * fleet.ALPHABET.index(key[14])
+                at = line[line.index('"id_time":"') + 11:][:27]
+                script.write(f"{bucket}\t{at}\t{key}\tcopied\t" + line.replace("\\", "\\\\") + "\n")
+            script.write("\\.\n")
+    begin = time.monotonic()
+    run("psql", "-Xqf", fleet.folder + "/copy.sql")
+    return count / (time.monotonic() - begin)
+
+
+# ---- Sending ------------------------------------------------------------------------------------------------------------
+
+def send(lines, connections, port=2514):
+    """Sends lines over that many connections at once. Returns how long it took until all were answered for."""
+    selector = selectors.DefaultSelector()
+    waiting = []
+    for number in range(connections):
+        conversation = Conversation(port, host=f"node{number}")
+        conversation.frames = b"".join(
+            conversation.frame("syslog", f"<134>1 - node{number} zelk 1.json:{place} - - {line}".encode())
+            for place, line in enumerate(lines[number::connections]))
+        conversation.due = len(lines[number::connections])
+        conversation.socket.setblocking(False)
+        waiting.append(conversation)
+    begin = time.monotonic()
+    for conversation in waiting:
+        selector.register(conversation.socket, selectors.EVENT_READ | selectors.EVENT_WRITE, conversation)
+    due = len(lines)
+    while due > 0:
+        for key, events in selector.select():
+            conversation = key.data
+            if events & selectors.EVENT_WRITE:
+                sent = conversation.socket.send(conversation.frames[:1 << 18])
+                conversation.frames = conversation.frames[sent:]
+                if not conversation.frames:
+                    selector.modify(conversation.socket, selectors.EVENT_READ, conversation)
+            if events & selectors.EVENT_READ:
+                due -= conversation.socket.recv(1 << 18).count(b"200 OK\n")
+    took = time.monotonic() - begin
+    for conversation in waiting:
+        conversation.close()
+    return took
+
+
+def measure(what, count, connections, port=2514):
+    lines = lines_of(count)
+    copy = copied(10000)
+    before = cpu_of("zelk-gather"), cpu_of("postgres")
+    rate = count / send(lines, connections, port)
+    gatherer, database = ((after - start) / count * 1e6
+                          for after, start in zip((cpu_of("zelk-gather"), cpu_of("postgres")), before))
+    copy = (copy + copied(10000)) / 2
+    row(what, connections, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}", f"{database:.1f}")
 
 
 # ---- Nodes --------------------------------------------------------------------------------------------------------------
-
-NODE = """
-hostname node$1
-mount -t tmpfs none /var && mount -t tmpfs none /run
-mkdir -p /var/adm/zelk/stacks /var/lib/zelk/spool /run/zelk-forward
-[ -z "$3" ] || cp "$3"/* /var/adm/zelk/stacks
-rsyslogd -n -iNONE -f "$2/node.conf" & forward=$!
-setsid "$2/zelk-spool" & spool=$!
-trap 'kill -- -$spool; kill -9 $forward; exit' TERM
-wait
-"""
-
-
-def start_nodes(folders, port_count):
-    """A node for each folder of stacks; an empty name for none. They share the first ports."""
-    return [start(["unshare", "--mount", "--uts", "sh", "-c", NODE, "node", str(number), FLEET, stacks],
-                  ZELK_MIDDLE="127.0.0.1", ZELK_PORT=PORTS[number % port_count],
-                  ZELK_SPOOL="/var/lib/zelk/spool", ZELK_STATE="/run/zelk-forward")
-            for number, stacks in enumerate(folders)]
-
-
-def stop(nodes):
-    for node in nodes:
-        node.terminate()
-    for node in nodes:
-        node.wait()
-
-
-def digits(number, count):
-    return "".join(ALPHABET[number >> 6 * at & 63] for at in range(count)).encode()
-
 
 def make_stacks(stacks, sample, numbers):
     """Full stacks with a copy of the sample's incident for each number, recorded now and with an Error ID of its own."""
@@ -95,9 +132,8 @@ def make_stacks(stacks, sample, numbers):
         length, = struct.unpack("=i", stack.read(28)[24:])
         body = stack.read(length)
     # The body has the Error ID at 4 and the time at 90.
-    records = [struct.pack("=i", length) + body[:5] + digits(number, 5) + body[10:90] +
+    records = [struct.pack("=i", length) + body[:5] + digits(number, 5).encode() + body[10:90] +
                struct.pack("=i", int(time.time())) + body[94:] for number in numbers]
-    os.mkdir(stacks)
     each = (STACK_SIZE - 24) // (4 + length)
     for first in range(0, len(records), each):
         text = b"".join(records[first:first + each])
@@ -106,124 +142,204 @@ def make_stacks(stacks, sample, numbers):
             stack.write((header + text).ljust(STACK_SIZE, b"\0"))
 
 
-# ---- Measuring ----------------------------------------------------------------------------------------------------------
-
-first_free = 0  # number of the next incident
-
-
-def lines_a_second(sample, node_count, port_count, lines):
-    """From stacks to rows, between the first row and the last."""
-    global first_free
-    each = lines // node_count
-    begin = query("SELECT date_trunc('second', clock_timestamp())")
-    folders = [f"{folder}/stacks{first_free + number}" for number in range(node_count)]
-    for stacks in folders:
-        make_stacks(stacks, sample, range(first_free, first_free + each))
-        first_free += each
-    nodes = start_nodes(folders, port_count)
-    arrived = f"FROM zelk_incident WHERE time >= '{begin}' AND incident->>'stack' LIKE 'long%'"
-    deadline = time.monotonic() + 240
-    while int(query("SELECT count(*) " + arrived)) < each * node_count:
-        if time.monotonic() > deadline:
-            raise SystemExit(f"only {query('SELECT count(*) ' + arrived)} of {lines} lines have arrived")
-        time.sleep(1)
-    stop(nodes)
-    return float(query("SELECT count(*) / extract(epoch FROM max(received) - min(received)) " + arrived))
-
-
-RECORD = 'for i in $(seq "$1"); do zkrecord -q -C delay "Disk %s: %d unreadable sectors." disk07 $i; sleep 0.02; done'
-
-
-def delay(node_count, port_count, incidents):
-    """Median and 99% from zkrecord on one of the nodes to the row, in milliseconds."""
-    begin = query("SELECT date_trunc('second', clock_timestamp())")
-    nodes = start_nodes([""] * node_count, port_count)
-    time.sleep(3 + node_count / 20)
-    run("nsenter", "-t", str(nodes[0].pid), "--mount", "--uts", "sh", "-c", RECORD, "record", str(incidents))
-    time.sleep(3)
-    stop(nodes)
-    answer = query("SELECT count(*), percentile_cont(ARRAY[0.5, 0.99]) WITHIN GROUP (ORDER BY 1000 * extract(epoch FROM"
-                   f" received - (incident->>'id_time')::timestamptz)) FROM zelk_incident WHERE time >= '{begin}'"
-                   " AND incident->>'stack' = 'delay'")
-    count, percentiles = answer.split("|")
-    if int(count) != incidents:
-        raise SystemExit(f"only {count} of {incidents} incidents have arrived")
-    return [float(number) for number in percentiles.strip("{}").split(",")]
+def from_stacks(sample, node_count, count):
+    """From full stacks to rows, with all that runs on nodes."""
+    copy = copied(10000)
+    each = count // node_count
+    nodes = [Node(number + 1) for number in range(node_count)]
+    for number, node in enumerate(nodes):
+        stacks = f"{fleet.folder}/stacks{number}"
+        os.mkdir(stacks)
+        make_stacks(stacks, sample, range(number * each, (number + 1) * each))
+        node.run("sh", "-c", f"cp {stacks}/* /var/adm/zelk/stacks")
+        node.start_forward()
+    before = cpu_of("zelk-gather"), cpu_of("postgres")
+    begin = time.monotonic()
+    for node in nodes:
+        node.start_spool()
+    there = "FROM zelk_incident WHERE incident->>'stack' LIKE 'long%'"
+    if not wait_until(lambda: int(query("SELECT count(*) " + there)) >= each * node_count, limit=240, pause=0.2):
+        raise SystemExit("only " + query("SELECT count(*) " + there) + " have come in")
+    rate = float(query("SELECT count(*) / extract(epoch FROM max(received) - min(received)) " + there))
+    gatherer, database = ((after - start) / count * 1e6
+                          for after, start in zip((cpu_of("zelk-gather"), cpu_of("postgres")), before))
+    copy = (copy + copied(10000)) / 2
+    row("full stacks, rsyslog", node_count, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}",
+        f"{database:.1f}")
+    return nodes
 
 
-def fill(line, count):
-    """Adds incidents of the last year in chains of four, up to `count` rows."""
-    query(f"""SELECT count(zelk_put('node' || number % 100, 'filled:' || number,
-        replace(replace(regexp_replace({line}, '"time":"[^"]*"', '"time":"' || to_char(
-                now() AT TIME ZONE 'UTC' - interval '1 second' * (number * 7919 % 31000000 + 86400),
-                'YYYY-MM-DD"T"HH24:MI:SS"Z"') || '"'), substr({line}, strpos({line}, '"id":"') + 6, 12), name),
-            '"cause":null', CASE WHEN number % 4 = 0 THEN '"cause":null' ELSE '"cause":"' || cause || '"' END)))
-      FROM (SELECT number, '/' || lpad(number::text, 11, '0') AS name,
-              '/' || lpad((number - 1)::text, 11, '0') || substr({line}, strpos({line}, '"id":"') + 18, 30) AS cause
-              FROM generate_series((SELECT count(*) FROM zelk_incident), {count} - 1) number) numbers""")
+def delays(node, count):
+    """From zkrecord on a node until another connection sees the row, in milliseconds."""
+    watcher = subprocess.Popen(["psql", "-XqAt"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=fleet.environment)
+
+    def sees(key):
+        watcher.stdin.write(f"SELECT count(*) FROM zelk_row('{key}');\n")
+        watcher.stdin.flush()
+        return watcher.stdout.readline() == "1\n"
+
+    taken = []
+    for _ in range(count):
+        key = node.record("delay", "Disk disk07: 3 unreadable sectors.")
+        begin = sum(fleet.ALPHABET.index(digit) << 6 * at for at, digit in enumerate(key[7:13])) + sum(
+            fleet.ALPHABET.index(digit) << 6 * at for at, digit in enumerate(key[13:17])) / 1e6
+        wait_until(lambda: sees(key), pause=0.0005)
+        taken.append((time.time() - begin) * 1000)
+        time.sleep(0.01)
+    watcher.kill()
+    return taken
+
+
+# ---- Killing ------------------------------------------------------------------------------------------------------------
+
+def killed(kills, count, kill_one):
+    """Sends lines, again and again what was not answered, while something is killed. Returns lost and double rows."""
+    lines = lines_of(count)
+    ending = threading.Event()
+
+    def killer():
+        for _ in range(kills):
+            time.sleep(random.uniform(0.2, 0.6))
+            kill_one()
+        ending.set()
+
+    thread = threading.Thread(target=killer)
+    thread.start()
+    at = 0
+    while at < count or not ending.is_set():
+        try:
+            conversation = Conversation(2514, host="killed")
+            while at < count or not ending.is_set():
+                part = lines[at % count:at % count + 200]
+                conversation.tell(part, place=f"{at}")
+                conversation.wait()
+                at += len(part)
+        except OSError:
+            time.sleep(0.05)
+    thread.join()
+    there = int(query("SELECT count(DISTINCT key) FROM zelk_incident WHERE host = 'killed'"))
+    double = int(query("SELECT count(*) - count(DISTINCT key) FROM zelk_incident WHERE host = 'killed'"))
+    query("DELETE FROM zelk_incident WHERE host = 'killed'")
+    return count - there, double
+
+
+# ---- Questions ----------------------------------------------------------------------------------------------------------
+
+FILL = """
+INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
+  SELECT zelk_bucket(key), zelk_time(key), key, cause, 'node' || n %% 100,
+         replace(replace(%(line)s, '@ID', key), '@CAUSE', coalesce('"' || cause || '"', 'null'))::json
+    FROM (SELECT n, zelk_id(n, %(second)s + n / %(rate)s) AS key,
+                 CASE WHEN n %% %(chain)s <> 0 THEN zelk_id(n - 1, %(second)s + (n - 1) / %(rate)s) END AS cause
+            FROM generate_series(%(first)s, %(last)s) n) each
+"""
+
+
+def fill(first, count, days, chain):
+    """Rows of the last days in chains of that length."""
+    query("""CREATE OR REPLACE FUNCTION zelk_id(n int, second bigint) RETURNS text LANGUAGE sql IMMUTABLE AS $$
+        SELECT '7' || (SELECT string_agg(substr('%s', ((n >> 6 * at) & 63) + 1, 1), '' ORDER BY at) FROM generate_series(0, 5) at) ||
+          (SELECT string_agg(substr('%s', ((second >> 6 * at) & 63)::int + 1, 1), '' ORDER BY at) FROM generate_series(0, 5) at) ||
+          (SELECT string_agg(substr('%s', (((n * 997::bigint) %% 1000000 >> 6 * at) & 63)::int + 1, 1), '' ORDER BY at)
+             FROM generate_series(0, 3) at) || '06...1...................' $$""" % ((fleet.ALPHABET,) * 3))
+    line = "'" + fleet.LINE.replace("'", "''") + "'"
+    query(FILL % {"line": line, "first": first, "last": first + count - 1, "chain": chain,
+                  "rate": max(1, count // (days * 86400)), "second": int(time.time()) - days * 86400})
     query("VACUUM ANALYZE")
     query("CHECKPOINT")
 
 
-def bytes_a_row():
-    return round(float(query("SELECT sum(pg_total_relation_size(inhrelid)) / (SELECT count(*) FROM zelk_incident)"
-                             " FROM pg_inherits WHERE inhparent = 'zelk_incident'::regclass")))
-
-
-def chain_time():
-    """Median time of zelk_chain in milliseconds, planning included."""
-    times = []
-    for key in query("SELECT key FROM zelk_incident WHERE key LIKE '/%' AND cause IS NOT NULL LIMIT 30").split():
-        plan = query(f"EXPLAIN ANALYZE SELECT * FROM zelk_chain('{key}')")
-        times.append(sum(float(line.split()[2]) for line in plan.splitlines() if " Time: " in line))
-    return statistics.median(times)
-
-
-def row(*columns):
-    print("| " + " | ".join(columns) + " |", flush=True)
-
-
-def measure(sample, rows, node_count, port_count):
-    rate = lines_a_second(sample, node_count, port_count, 4000)
-    median, most = delay(node_count, port_count, 500)
-    row(f"{rows:,}", f"{node_count}", f"{port_count}", f"{rate:.0f}", f"{median:.1f} ms", f"{most:.1f} ms", f"{bytes_a_row()}",
-        f"{chain_time():.1f} ms")
+def timed(question):
+    """Seconds, and MiB of memory, that a question takes in a session of its own."""
+    session = subprocess.Popen(["psql", "-XqAt"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=fleet.environment)
+    session.stdin.write("SELECT pg_backend_pid();\n")
+    session.stdin.flush()
+    backend = int(session.stdout.readline())
+    begin = time.monotonic()
+    session.stdin.write(f"SELECT count(*) FROM ({question}) answer;\n")
+    session.stdin.flush()
+    session.stdout.readline()
+    took = time.monotonic() - begin
+    private = sum(int(line.split()[1]) for line in open(f"/proc/{backend}/smaps_rollup")
+                  if line.startswith("Private_Dirty")) // 1024
+    session.kill()
+    return took, private
 
 
 def main():
-    make_middle()
-    sample = folder + "/sample"
+    fleet.make_cluster()
+    fleet.make_database("zelk")
+    query("SELECT zelk_make_partition(to_timestamp(%d))" % fleet.SECOND)
+    gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
+    sample = fleet.folder + "/sample"
     run("zkrecord", "-q", "-C", "-d", "slot 7 of enclosure 1\nretries    16", "--file=dm_scan.c", "--line=412",
         "--product=stn.node", sample, "Disk %s: %d unreadable sectors, the first at %d.", "disk07", "3", "8589934712")
-    line = "'" + run("zkexport", sample).strip().replace("'", "''") + "'"
-    row("rows", "nodes", "instances in the middle", "lines a second", "delay, median", "delay, 99%", "bytes a row",
-        "`zelk_chain`")
-    row(*["---"] * 8)
-    for rows in (10_000, 100_000, 1_000_000):
-        fill(line, rows)
-        measure(sample, rows, 1, 1)
-    for node_count, port_count in ((10, 1), (10, 8), (100, 1), (100, 8)):
-        measure(sample, rows, node_count, port_count)
-    synced = run(POSTGRES + "/pg_test_fsync", "-s", "1", "-f", folder + "/synced")
-    print(f"\nA line has {len(line) - 2} bytes. The disk:",
-          *next(text for text in synced.splitlines() if text.strip().startswith("fdatasync ")).split())
+
+    print(f"The disk synchronises {disk():,.0f} times a second. COPY, beside each, has 1,000 rows a commit.\n")
+    heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "PostgreSQL")
+    measure("RELP", 30000, 1)
+    measure("RELP", 30000, 10)
+    measure("RELP", 30000, 1000)
+    measure("RELP, one line each", 1000, 1000)
+    start_gatherer("--listen=127.0.0.1:2515", "--relay=127.0.0.1:2514", port=2515, name="relay")
+    measure("RELP through a relay", 30000, 10, port=2515)
+    nodes = from_stacks(sample, 10, 10000)
+    print()
+
+    heading("what", "measured")
+    taken = sorted(delays(nodes[0], 200))
+    row("from zkrecord until the row is seen, median and 99 of 100",
+        f"{statistics.median(taken):.1f} ms, {taken[int(len(taken) * 0.99)]:.1f} ms")
+    row("memory of zelk-gather", f"{memory_of(gatherer.pid)} MiB")
+
+    def kill_gatherer():
+        nonlocal gatherer
+        kill(gatherer)
+        gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
+
+    def kill_database():
+        fleet.kill_cluster()
+        fleet.start_cluster()
+
+    row("20 kills of zelk-gather: rows lost, double", "%d, %d" % killed(20, 20000, kill_gatherer))
+    row("20 kills of PostgreSQL: rows lost, double", "%d, %d" % killed(20, 20000, kill_database))
+    for node in nodes:
+        kill(node.spool)
+        kill(node.forward)
+
+    fleet.make_database("questions")
+    fleet.environment["PGDATABASE"] = "questions"
+    for month in range(5):
+        query(f"SELECT zelk_make_partition(now() - {month} * interval '1 month')", "questions")
+    globals()["query"] = lambda text: fleet.query(text, "questions")
+    fill(0, 1_000_000, 100, 4)
+    took, memory = timed("SELECT * FROM zelk_first_causes(now() - interval '101 days')")
+    row("zelk_first_causes of 1,000,000 rows of 100 days", f"{took:.1f} s, {memory} MiB")
+    took, memory = timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')")
+    row("the same of the last day", f"{took:.2f} s, {memory} MiB")
+    keys = query("SELECT key FROM zelk_incident WHERE cause IS NOT NULL LIMIT 30").split()
+    row("zelk_chain in 1,000,000 rows",
+        f"{statistics.median(float(query(f'EXPLAIN (ANALYZE, SUMMARY) SELECT * FROM zelk_chain($${key}$$)').split('Execution Time: ')[1].split()[0]) for key in keys):.1f} ms")
+    size = float(query("SELECT sum(pg_total_relation_size(relid)) FROM pg_partition_tree('zelk_incident')"))
+    row("bytes a row", f"{size / 1_000_000:.0f}")
+    query("TRUNCATE zelk_incident")
+    fill(0, 100_000, 1, 1_000_000)
+    took, memory = timed("SELECT * FROM zelk_first_causes(now() - interval '2 days')")
+    row("zelk_first_causes of one chain of 100,000", f"{took:.1f} s, {memory} MiB")
 
 
 def allow_watches(count):
     """Lets root watch files in that many processes, since all nodes are on one machine. Returns how many it were."""
-    limit = "/proc/sys/fs/inotify/max_user_instances"
-    with open(limit, "r+") as setting:
+    with open("/proc/sys/fs/inotify/max_user_instances", "r+") as setting:
         before = int(setting.read())
         setting.seek(0)
         setting.write(str(count))
     return before
 
 
+fleet.enter(os.path.abspath(__file__))
 watches = allow_watches(1024)
 try:
     main()
 finally:
     allow_watches(watches)
-    subprocess.run(["runuser", "-u", "postgres", "--", POSTGRES + "/pg_ctl", "-D", folder + "/database", "-m",
-                    "immediate", "stop"], stdout=log, stderr=log, check=False)
-    shutil.rmtree(folder)

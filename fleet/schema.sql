@@ -19,8 +19,8 @@ BEGIN;
 SELECT NOT EXISTS (SELECT FROM pg_attribute WHERE attrelid = to_regclass('public.zelk_incident') AND attname = 'bucket')
        AND to_regclass('public.zelk_incident') IS NOT NULL AS is_upgrade \gset
 \if :is_upgrade
-DROP VIEW zelk_gaps;
-DROP FUNCTION zelk_put(text, text, text), zelk_make_partition(timestamptz), zelk_problem(jsonb), zelk_essence(jsonb),
+DROP VIEW IF EXISTS zelk_gaps;
+DROP FUNCTION IF EXISTS zelk_put(text, text, text), zelk_make_partition(timestamptz), zelk_problem(jsonb), zelk_essence(jsonb),
   zelk_causes(text), zelk_effects(text), zelk_chain(text), zelk_first_causes(timestamptz);
 CREATE SCHEMA zelk_1_1;
 DO $$
@@ -65,8 +65,8 @@ CREATE TABLE IF NOT EXISTS zelk_incident (
   bucket    smallint    NOT NULL,                            -- zelk_bucket(key)
   time      timestamptz NOT NULL,                            -- zelk_time(key)
   received  timestamptz NOT NULL DEFAULT clock_timestamp(),
-  key       text        NOT NULL COLLATE "C",
-  cause     text        COLLATE "C",                         -- key of the incident that caused this one
+  key       text        NOT NULL,
+  cause     text,                                            -- key of the incident that caused this one
   host      text        NOT NULL,                            -- name of the node that sent it
   incident  json        NOT NULL                             -- the line of zkexport, byte for byte
 ) PARTITION BY RANGE (bucket);
@@ -177,6 +177,66 @@ BEGIN
   RETURN dropped;
 END $$;
 
+-- ---- Several databases ------------------------------------------------------------------------------------------------
+-- Rows are spread over databases by their buckets, each of which keeps a part and reaches the others by postgres_fdw, so that any
+-- of them can be asked, and takes any line. To spread rows, or to spread them anew: zelk_unspread() in each database, then
+-- zelk_spread(...) in each, by a superuser. Until the last one is done, what writes waits, and what asks sees a part.
+
+-- Lets go of the other databases. What is here stays here.
+CREATE OR REPLACE FUNCTION zelk_unspread() RETURNS void LANGUAGE plpgsql AS $$
+DECLARE
+  name text;
+BEGIN
+  LOCK TABLE zelk_incident IN ACCESS EXCLUSIVE MODE;
+  FOR name IN SELECT inhrelid::regclass FROM pg_inherits WHERE inhparent = 'zelk_incident'::regclass LOOP
+    EXECUTE format('ALTER TABLE zelk_incident DETACH PARTITION %s', name);
+    IF name <> 'zelk_incident_here' THEN
+      EXECUTE format('DROP FOREIGN TABLE %s', name);
+    END IF;
+  END LOOP;
+END $$;
+
+-- Spreads rows over databases, of which this is the one of that number (from 1). Each is given as it is reached from the others,
+-- 'host=... port=... dbname=... user=... password=...' with the user that owns the tables there, all in the order in which
+-- zelk-gather has them. Rows of this database that belong to others move there.
+CREATE OR REPLACE FUNCTION zelk_spread(databases text[], here int) RETURNS void LANGUAGE plpgsql AS $$
+DECLARE
+  count int := cardinality(databases);
+  low int;
+  behind int;
+  low_here int;
+  behind_here int;
+  place text;
+  login text;
+BEGIN
+  CREATE EXTENSION IF NOT EXISTS postgres_fdw;
+  FOR number IN 1..count LOOP
+    low := ((number - 1) * 4096 + count - 1) / count;
+    behind := (number * 4096 + count - 1) / count;
+    IF number = here THEN
+      low_here := low;
+      behind_here := behind;
+      CONTINUE;
+    END IF;
+    SELECT string_agg(setting, ', ') FILTER (WHERE name NOT IN ('user', 'password')),
+           string_agg(setting, ', ') FILTER (WHERE name IN ('user', 'password'))
+      INTO place, login
+      FROM (SELECT part[1] AS name, format('%s %L', part[1], trim($q$'$q$ FROM part[2])) AS setting
+              FROM regexp_matches(databases[number], $q$(\w+)=('[^']*'|\S+)$q$, 'g') part) settings;
+    EXECUTE format('DROP SERVER IF EXISTS zelk_%s CASCADE', number);
+    EXECUTE format('CREATE SERVER zelk_%s FOREIGN DATA WRAPPER postgres_fdw OPTIONS (async_capable $q$true$q$, %s)', number, place);
+    EXECUTE format('CREATE USER MAPPING FOR CURRENT_USER SERVER zelk_%s OPTIONS (%s)', number, login);
+    EXECUTE format('CREATE USER MAPPING FOR zelk_reader SERVER zelk_%s OPTIONS (password_required $q$false$q$, %s)', number, login);
+    EXECUTE format('CREATE FOREIGN TABLE zelk_incident_%s PARTITION OF zelk_incident FOR VALUES FROM (%s) TO (%s)
+                    SERVER zelk_%s OPTIONS (table_name $q$zelk_incident_here$q$)', number, low, behind, number);
+    EXECUTE format('GRANT SELECT ON zelk_incident_%s TO zelk_reader', number);
+  END LOOP;
+  INSERT INTO zelk_incident SELECT * FROM zelk_incident_here WHERE bucket < low_here OR bucket >= behind_here
+    ON CONFLICT DO NOTHING;
+  DELETE FROM zelk_incident_here WHERE bucket < low_here OR bucket >= behind_here;
+  EXECUTE format('ALTER TABLE zelk_incident ATTACH PARTITION zelk_incident_here FOR VALUES FROM (%s) TO (%s)', low_here, behind_here);
+END $$;
+
 -- ---- What is a line of zkexport ---------------------------------------------------------------------------------------
 
 DO $$ BEGIN
@@ -238,12 +298,12 @@ CREATE OR REPLACE FUNCTION zelk_is_of_bytes(said text, base64 text) RETURNS bool
 RETURN base64 IS NULL OR (translate(encode(decode(base64, 'base64'), 'base64'), E'\n', '') = base64
   AND strpos(said, U&'\FFFD') > 0 AND zelk_repaired(decode(base64, 'base64')) = said AND convert_to(said, 'UTF8') <> decode(base64, 'base64'));
 
--- Whether an argument has a value of its type. A number that is out of range is an error.
+-- Whether an argument has a value of its type. What cannot be converted is an error.
 CREATE OR REPLACE FUNCTION zelk_is_argument(type text, value text) RETURNS boolean LANGUAGE sql IMMUTABLE
 RETURN CASE
   WHEN type = 'string' THEN value LIKE '"%'
-  WHEN type IN ('int', 'long') THEN value ~ '^(0|-?[1-9][0-9]{0,9})$' AND value::int IS NOT NULL
-  WHEN type = 'long_long' THEN value ~ '^(0|-?[1-9][0-9]{0,18})$' AND value::bigint IS NOT NULL
+  WHEN type IN ('int', 'long') THEN value::int::text = value
+  WHEN type = 'long_long' THEN value::bigint::text = value
   WHEN type = 'double' THEN value IN ('"inf"', '"-inf"', '"nan"', '"-nan"') OR
     value ~ '^-?(0|[1-9][0-9]{0,29})(\.[0-9]{1,40})?(e[-+][0-9]{1,3})?$' AND value::float8 IS NOT NULL
   WHEN type = 'pointer' THEN value ~ '^"0x[0-9a-f]{1,16}"$'
@@ -376,7 +436,7 @@ END;
 -- The row of a key, looked for in its partition only. (Inlined: "LIMIT 1" has the key known before that.)
 CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUAGE sql STABLE AS $$
   SELECT * FROM zelk_incident i
-    WHERE i.key = zelk_row.key COLLATE "C" AND i.time = zelk_time(zelk_row.key) AND i.bucket = zelk_bucket(zelk_row.key) LIMIT 1 $$;
+    WHERE i.key = zelk_row.key AND i.time = zelk_time(zelk_row.key) AND i.bucket = zelk_bucket(zelk_row.key) LIMIT 1 $$;
 
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
 
@@ -436,6 +496,9 @@ LANGUAGE sql SECURITY DEFINER SET search_path = public, pg_temp AS $$
 
 -- Rows of version 1.1 keep the time at which they came.
 \if :is_upgrade
+SELECT zelk_make_partition(month)
+  FROM (SELECT DISTINCT date_trunc('month', time AT TIME ZONE 'UTC') AT TIME ZONE 'UTC' AS month FROM zelk_1_1.zelk_incident
+        WHERE time BETWEEN now() - interval '10 years' AND now() + interval '1 month') months \g /dev/null
 INSERT INTO zelk_incident (bucket, time, received, key, cause, host, incident)
   SELECT zelk_bucket(old.key), zelk_time(old.key), old.received, old.key, old.cause, old.host, old.incident
     FROM (SELECT received, cause, host, incident, CASE WHEN key LIKE '#%'
@@ -455,7 +518,7 @@ DROP FUNCTION IF EXISTS zelk_causes(text);
 CREATE FUNCTION zelk_causes(id text)
 RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json) LANGUAGE sql STABLE AS $$
   WITH RECURSIVE trail (key) AS (
-    SELECT zelk_causes.id COLLATE "C"
+    SELECT zelk_causes.id
     UNION -- leaves a circle when it has gone round
     SELECT i.cause FROM trail, zelk_row(trail.key) i WHERE i.cause IS NOT NULL
   )
@@ -483,7 +546,7 @@ BEGIN
     -- The effects of one level. Each incident has one cause, so only the first can be met again.
     FOR effect IN
       SELECT i.key, level.number FROM unnest(keys[first:last]) WITH ORDINALITY AS level (key, number)
-        JOIN zelk_incident i ON i.cause = level.key COLLATE "C"
+        JOIN zelk_incident i ON i.cause = level.key
         WHERE i.cause = ANY (keys[first:last]) AND i.key <> id
         ORDER BY i.time, i.key
     LOOP
@@ -528,7 +591,7 @@ RETURNS TABLE (number int, key text, cause text, is_recent boolean) LANGUAGE sql
     UNION
     SELECT i.cause FROM earlier, zelk_row(earlier.key) i WHERE zelk_time(i.cause) < since
   )
-  SELECT row_number() OVER (ORDER BY NOT is_recent, key)::int, key, cause, is_recent FROM (
+  SELECT row_number() OVER (ORDER BY NOT is_recent, key COLLATE "C")::int, key, cause, is_recent FROM (
     SELECT i.key, i.cause, true AS is_recent FROM zelk_incident i WHERE i.time >= since
     UNION ALL
     SELECT i.key, i.cause, false FROM earlier, zelk_row(earlier.key) i) either $$;

@@ -129,6 +129,15 @@ def make_database(name):
     run("psql", "-Xqf", FLEET + "/schema.sql", name)
 
 
+def spread(*names):
+    """Spreads the rows of databases of this cluster over all of them."""
+    places = ", ".join(f"'host={folder} dbname={name} user=postgres'" for name in names)
+    for name in names:
+        query("SELECT zelk_unspread()", name)
+    for number, name in enumerate(names):
+        query(f"SELECT zelk_spread(ARRAY[{places}], {number + 1})", name)
+
+
 def query(text, database="zelk", user="postgres"):
     return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-U", user, "-c", text, database, stderr=log).strip()
 

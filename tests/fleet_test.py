@@ -377,6 +377,34 @@ def by_tls():
     expect("and nothing has ended", middle.poll(), None)
 
 
+def several_databases():
+    """Rows in two databases, and then in three: any of them can be asked, and takes any line."""
+    for name in ("part1", "part2", "part3"):
+        fleet.make_database(name)
+    fleet.spread("part1", "part2")
+    gatherer = start_gatherer("--listen=127.0.0.1:2620", *(f"--database={fleet.conninfo(name)}" for name in ("part1", "part2")),
+                              port=2620, name="parts")
+    put([line_of(number, cause=id_of(number - 1) if number else None) for number in range(400)], port=2620)
+    here = [int(query("SELECT count(*) FROM zelk_incident_here", name)) for name in ("part1", "part2")]
+    expect(f"rows are spread, {here}", (sum(here), min(here) > 100), (400, True))
+    expect("each database answers for all", [query(f"SELECT count(*), max(depth) FROM zelk_chain('{id_of(300)}')", name,
+                                                   user="zelk_reader") for name in ("part1", "part2")], ["400|399"] * 2)
+    kill(gatherer)
+    copies = [subprocess.Popen(["psql", "-Xq", "-v", "ON_ERROR_STOP=1", "-U", "zelk_writer", name], stdin=subprocess.PIPE,
+                               stdout=fleet.log, stderr=fleet.log, text=True) for name in ("part1", "part2")]
+    for copy, second in zip(copies, ("30", "31")):
+        for number in (1000, 1001, 1002, 1003):
+            copy.stdin.write(f"SELECT zelk_put('twin', '', $${line_of(number).replace('09:30Z', '09:' + second + 'Z')}$$);")
+        copy.stdin.close()
+    expect("a key that comes to both at once, with two times, is one row", (
+        [copy.wait() for copy in copies], rows("host = 'twin'", "part1"), rows("host = 'twin'", "part2")), ([0, 0], 4, 4))
+    fleet.spread("part1", "part2", "part3")
+    here = [int(query("SELECT count(*) FROM zelk_incident_here", name)) for name in ("part1", "part2", "part3")]
+    expect(f"rows move when a database is added, {here}", (sum(here), min(here) > 80, rows(database="part3")), (404, True, 404))
+    expect("first causes are found across all", query(
+        "SELECT effects FROM zelk_first_causes('2026-01-01') LIMIT 1", "part2"), "399")
+
+
 # ---- A fleet ------------------------------------------------------------------------------------------------------------
 
 def record_many(node, stack, count):
@@ -495,6 +523,7 @@ def main():
     neighbours()
     half_open(begun, silent)
     by_tls()
+    several_databases()
     killed_gatherers()
     away()
     gatherer = three_nodes(gatherer)

@@ -133,7 +133,7 @@ static void send_lines(gather_t* gather, sink_t* sink) {
 
 /* Whether the database refuses what the lines say, rather than being unable to take any. */
 static bool is_about_lines(const std::string& refusal) {
-  for (const char* state : {"22", "23", "54"}) /* data exception, integrity constraint, program limit */
+  for (const char* state : {"22", "54"}) /* data exception, program limit */
     if (refusal.starts_with(state)) return true;
   return false;
 }
