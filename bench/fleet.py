@@ -40,15 +40,15 @@ def heading(*columns):
 # ---- What it costs ------------------------------------------------------------------------------------------------------
 
 def cpu_of(name):
-    """Seconds of CPU that all processes of that name have taken."""
+    """Seconds of CPU that all processes have taken that have it in their command line."""
     total = 0
     for process in filter(str.isdigit, os.listdir("/proc")):
         try:
-            fields = open(f"/proc/{process}/stat").read()
+            if name not in open(f"/proc/{process}/cmdline").read():
+                continue
+            total += sum(int(ticks) for ticks in open(f"/proc/{process}/stat").read().rpartition(")")[2].split()[11:13])
         except OSError:
-            continue
-        if f"({name})" in fields:
-            total += sum(int(ticks) for ticks in fields.rpartition(")")[2].split()[11:13])
+            pass
     return total / TICKS
 
 
@@ -116,10 +116,10 @@ def send(lines, connections, port=2514):
 def measure(what, count, connections, port=2514):
     lines = lines_of(count)
     copy = copied(10000)
-    before = cpu_of("zelk-gather"), cpu_of("postgres")
+    before = cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")
     rate = count / send(lines, connections, port)
     gatherer, database = ((after - start) / count * 1e6
-                          for after, start in zip((cpu_of("zelk-gather"), cpu_of("postgres")), before))
+                          for after, start in zip((cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")), before))
     copy = (copy + copied(10000)) / 2
     row(what, connections, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}", f"{database:.1f}")
 
@@ -153,7 +153,7 @@ def from_stacks(sample, node_count, count):
         make_stacks(stacks, sample, range(number * each, (number + 1) * each))
         node.run("sh", "-c", f"cp {stacks}/* /var/adm/zelk/stacks")
         node.start_forward()
-    before = cpu_of("zelk-gather"), cpu_of("postgres")
+    before = cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")
     begin = time.monotonic()
     for node in nodes:
         node.start_spool()
@@ -162,7 +162,7 @@ def from_stacks(sample, node_count, count):
         raise SystemExit("only " + query("SELECT count(*) " + there) + " have come in")
     rate = float(query("SELECT count(*) / extract(epoch FROM max(received) - min(received)) " + there))
     gatherer, database = ((after - start) / count * 1e6
-                          for after, start in zip((cpu_of("zelk-gather"), cpu_of("postgres")), before))
+                          for after, start in zip((cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")), before))
     copy = (copy + copied(10000)) / 2
     row("full stacks, rsyslog", node_count, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}",
         f"{database:.1f}")
@@ -276,7 +276,7 @@ def main():
         "--product=stn.node", sample, "Disk %s: %d unreadable sectors, the first at %d.", "disk07", "3", "8589934712")
 
     print(f"The disk synchronises {disk():,.0f} times a second. COPY, beside each, has 1,000 rows a commit.\n")
-    heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "PostgreSQL")
+    heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "its sessions")
     measure("RELP", 30000, 1)
     measure("RELP", 30000, 10)
     measure("RELP", 30000, 1000)

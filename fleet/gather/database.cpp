@@ -13,7 +13,7 @@
 /* Milliseconds. */
 constexpr int64_t CONNECTING_TIME = 10'000;
 constexpr int64_t PAUSE_MIN = 100;
-constexpr int64_t PAUSE_MAX = 10'000;
+constexpr int64_t PAUSE_MAX = 3'000;
 
 /* A statement should take no longer than this, since a line may have to wait for two of them. */
 constexpr int64_t STATEMENT_TIME = 200;
@@ -40,7 +40,7 @@ void close_database(gather_t* gather, sink_t* sink) {
 
 static void lose_database(gather_t* gather, sink_t* sink, const char* what) {
   const char* const reason = sink->connection != nullptr ? PQerrorMessage(sink->connection) : "no memory";
-  say("database %zu: %s: %.*s", sink->number + 1, what, static_cast<int>(std::strcspn(reason, "\n")), reason);
+  say("session %zu: %s: %.*s", sink->number + 1, what, static_cast<int>(std::strcspn(reason, "\n")), reason);
   close_database(gather, sink);
   put_off(gather, sink);
 }
@@ -65,7 +65,7 @@ static void go_on_connecting(gather_t* gather, sink_t* sink) {
   watch(gather, &sink->source, PQsocket(sink->connection), status == PGRES_POLLING_WRITING ? WRITABLE : READABLE);
   if (status != PGRES_POLLING_OK) return;
   if (PQsetnonblocking(sink->connection, 1) != 0) return lose_database(gather, sink, "cannot connect");
-  say("database %zu: connected", sink->number + 1);
+  say("session %zu: connected", sink->number + 1);
   sink->state = SINK_IDLE;
   sink->next_try = gather->now;
 }
@@ -161,7 +161,7 @@ static void end_statement(gather_t* gather, sink_t* sink) {
       sink->byte_limit = std::min(sink->byte_limit * 2, gather->limits.batch_bytes);
     return;
   }
-  say("database %zu: %s", sink->number + 1, sink->refusal.c_str());
+  say("session %zu: %s", sink->number + 1, sink->refusal.c_str());
   if (!is_about_lines(sink->refusal)) return put_off(gather, sink);
   /* Some line is at fault: it is found by halves, and then sent as bytes that are kept but not read. */
   if (sent > 1)

@@ -123,6 +123,7 @@ struct limits_t {
 struct request_t {
   std::vector<std::string> listen;
   std::vector<std::string> databases;
+  size_t sessions = 2; /* with each of them: while one waits for the disk another one has work */
   std::string relay;
   std::string certificate, key, authority;
   std::vector<std::string> trusted; /* names of certificates that may name the host of a line */

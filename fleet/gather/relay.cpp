@@ -16,7 +16,7 @@
 /* Milliseconds. */
 constexpr int64_t CONNECTING_TIME = 10'000;
 constexpr int64_t PAUSE_MIN = 100;
-constexpr int64_t PAUSE_MAX = 10'000;
+constexpr int64_t PAUSE_MAX = 3'000;
 
 static void relay_is_ready(gather_t* gather, source_t* source, uint32_t events);
 

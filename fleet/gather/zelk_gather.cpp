@@ -80,7 +80,7 @@ static void say_status(const gather_t* gather) {
       gather->nodes.size(), static_cast<unsigned long long>(gather->nodes_come),
       static_cast<unsigned long long>(gather->nodes_refused), gather->lines, gather->bytes / 1024,
       static_cast<double>(gather->now - oldest) / 1000, away, gather->sinks.size(),
-      gather->request.relay.empty() ? "databases" : "gatherers");
+      gather->request.relay.empty() ? "sessions" : "gatherers");
 }
 
 /* ---- Waiting ----------------------------------------------------------------------------------------------------------- */
@@ -148,6 +148,12 @@ static int check_request(const request_t& request) {
   return 0;
 }
 
+static bool parse_count(const std::string& digits, size_t most, size_t* count) {
+  if (digits.empty() || digits.size() > 5 || digits.find_first_not_of("0123456789") != digits.npos) return false;
+  *count = std::stoul(digits);
+  return *count >= 1 && *count <= most;
+}
+
 static constexpr char HELP[] =
     "Usage: zelk-gather [OPTION...] --database=CONNINFO...\n"
     "       zelk-gather [OPTION...] --relay=ADDRESS:PORT\n"
@@ -159,6 +165,7 @@ static constexpr char HELP[] =
     "  --tls-key=FILE           its key\n"
     "  --tls-ca=FILE            the authority of all certificates\n"
     "  --trust=NAME             certificate of a relay, whose lines keep the hosts that they name\n"
+    "  --sessions=NUMBER        sessions with each database at a time, 2 unless given\n"
     "  --lines=NUMBER           most lines in one commit, 2000 unless given\n"
     "  -h, --help               prints this\n"
     "  --version                prints the version\n\n"
@@ -166,18 +173,14 @@ static constexpr char HELP[] =
 
 /* Parses the command line. Returns the exit status where that ends the run, else -1. */
 static int parse_request(int argc, char** argv, gather_t* gather) {
-  enum { LISTEN = 1, DATABASE, RELAY, CERTIFICATE, KEY, AUTHORITY, TRUST, LINES, VERSION };
-  static constexpr option OPTIONS[] = {{"listen", required_argument, nullptr, LISTEN},
-                                       {"database", required_argument, nullptr, DATABASE},
-                                       {"relay", required_argument, nullptr, RELAY},
-                                       {"tls-certificate", required_argument, nullptr, CERTIFICATE},
-                                       {"tls-key", required_argument, nullptr, KEY},
-                                       {"tls-ca", required_argument, nullptr, AUTHORITY},
-                                       {"trust", required_argument, nullptr, TRUST},
-                                       {"lines", required_argument, nullptr, LINES},
-                                       {"help", no_argument, nullptr, 'h'},
-                                       {"version", no_argument, nullptr, VERSION},
-                                       {nullptr, 0, nullptr, 0}};
+  enum { LISTEN = 1, DATABASE, RELAY, CERTIFICATE, KEY, AUTHORITY, TRUST, SESSIONS, LINES, VERSION };
+  static constexpr option OPTIONS[] = {
+      {"listen", required_argument, nullptr, LISTEN}, {"database", required_argument, nullptr, DATABASE},
+      {"relay", required_argument, nullptr, RELAY},   {"tls-certificate", required_argument, nullptr, CERTIFICATE},
+      {"tls-key", required_argument, nullptr, KEY},   {"tls-ca", required_argument, nullptr, AUTHORITY},
+      {"trust", required_argument, nullptr, TRUST},   {"sessions", required_argument, nullptr, SESSIONS},
+      {"lines", required_argument, nullptr, LINES},   {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, VERSION},     {nullptr, 0, nullptr, 0}};
   request_t* const request = &gather->request;
   int chosen = 0;
   while ((chosen = getopt_long(argc, argv, "h", OPTIONS, nullptr)) != -1) {
@@ -203,14 +206,13 @@ static int parse_request(int argc, char** argv, gather_t* gather) {
       case TRUST:
         request->trusted.push_back(optarg);
         break;
-      case LINES: {
-        const std::string digits = optarg;
-        if (digits.empty() || digits.size() > 5 || digits.find_first_not_of("0123456789") != digits.npos ||
-            std::stoi(digits) == 0)
+      case LINES:
+        if (!parse_count(optarg, 99999, &gather->limits.batch_lines))
           return misuse("--lines: not a number from 1 to 99999");
-        gather->limits.batch_lines = std::stoul(digits);
         break;
-      }
+      case SESSIONS:
+        if (!parse_count(optarg, 16, &request->sessions)) return misuse("--sessions: not a number from 1 to 16");
+        break;
       case 'h':
         return std::fputs(HELP, stdout) < 0 || std::fflush(stdout) != 0 ? 1 : 0;
       case VERSION:
@@ -238,9 +240,12 @@ static void allow_nodes(gather_t* gather) {
   gather->limits.nodes = std::min(gather->limits.nodes, allowed);
 }
 
+/* Sessions of one database are neighbours, so each database gets the lines of as many buckets as if it had one. */
 static void add_sinks(gather_t* gather) {
-  std::vector<std::string> addresses = gather->request.databases;
-  if (addresses.empty()) addresses.push_back(gather->request.relay);
+  const request_t& request = gather->request;
+  std::vector<std::string> addresses;
+  for (const std::string& database : request.databases) addresses.insert(addresses.end(), request.sessions, database);
+  if (addresses.empty()) addresses.push_back(request.relay);
   for (const std::string& address : addresses) {
     auto sink = std::make_unique<sink_t>();
     sink->number = gather->sinks.size();
