@@ -237,11 +237,11 @@ INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
 
 def fill(first, count, days, chain):
     """Rows of the last days in chains of that length."""
-    query("""CREATE OR REPLACE FUNCTION zelk_id(n int, second bigint) RETURNS text LANGUAGE sql IMMUTABLE AS $$
-        SELECT '7' || (SELECT string_agg(substr('%s', ((n >> 6 * at) & 63) + 1, 1), '' ORDER BY at) FROM generate_series(0, 5) at) ||
-          (SELECT string_agg(substr('%s', ((second >> 6 * at) & 63)::int + 1, 1), '' ORDER BY at) FROM generate_series(0, 5) at) ||
-          (SELECT string_agg(substr('%s', (((n * 997::bigint) %% 1000000 >> 6 * at) & 63)::int + 1, 1), '' ORDER BY at)
-             FROM generate_series(0, 3) at) || '06...1...................' $$""" % ((fleet.ALPHABET,) * 3))
+    def term(number, count):
+        return " || ".join(f"substr('{fleet.ALPHABET}', (({number}) >> {6 * at} & 63)::int + 1, 1)" for at in range(count))
+
+    query("CREATE OR REPLACE FUNCTION zelk_id(n int, second bigint) RETURNS text LANGUAGE sql IMMUTABLE RETURN "
+          f"'7' || {term('n', 6)} || {term('second', 6)} || {term('n * 997::bigint % 1000000', 4)} || '06...1...................'")
     line = "'" + fleet.LINE.replace("'", "''") + "'"
     query(FILL % {"line": line, "first": first, "last": first + count - 1, "chain": chain,
                   "rate": max(1, count // (days * 86400)), "second": int(time.time()) - days * 86400})
