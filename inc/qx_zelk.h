@@ -313,10 +313,12 @@ int zk_create_debug_file(const char* debug_file);
  * message, of which 254 characters are kept, folded into lines of 72. An entry is cut at 1023 bytes. errno is left as
  * it was.
  * Any number of processes and threads may write to one file: it is locked while an entry is written, and waited for
- * while another process has it locked or leased. The thread's signals are blocked meanwhile, but not while it waits for
- * the lock: a signal handler that returns then ends the wait (ZELK_LOCK), unless it was installed with SA_RESTART. The
- * thread is not cancelled before the call returns. A child may be forked at any time, in a signal handler too; one that
- * a handler forks during the wait gives the entry up. A thread that forks waits until the others have written theirs.
+ * while another process has it locked or leased; the threads of a process take turns. The thread's signals are blocked
+ * while the entry is written, but not while it waits: what ends the program ends it then, too. A signal handler that
+ * returns ends the wait for the file's lock (ZELK_LOCK), unless it was installed with SA_RESTART; the wait for other
+ * threads goes on. The thread is not cancelled before the call returns. A child may be forked at any time, in a signal
+ * handler too; one that a handler forks during a wait gives the entry up. A thread that forks waits until the others
+ * have written theirs, with its own signal mask.
  * A signal handler must not call it; neither must, before exec, a child that was forked while another thread converted
  * a time (the C library's lock for that is then taken for ever). TZ is read from the environment.
  * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM3 a null argument; ZELK_FILE_MISSING, ZELK_NO_ACCESS, ZELK_TOO_MANY,

@@ -45,6 +45,16 @@ TEST_F(trace_file, shows_local_time_also_when_the_zone_changes) {
   EXPECT_NE(contents(path).find("\1Wed Nov 15 03:43:20 2023\n"), std::string::npos);
 }
 
+/* Two zones of the same names and offset may still differ in when their summer begins. */
+TEST_F(trace_file, shows_the_time_by_the_rules_of_the_zone) {
+  set_zone("AAA0BBB,M3.1.0,M10.1.0");
+  EXPECT_EQ(trace(path), 0);
+  set_zone("AAA0BBB,M11.1.0,M12.1.0");
+  EXPECT_EQ(trace(path), 0);
+  EXPECT_NE(contents(path).find("\1Tue Nov 14 22:13:20 2023\n"), std::string::npos);
+  EXPECT_NE(contents(path).find("\1Tue Nov 14 23:13:20 2023\n"), std::string::npos);
+}
+
 TEST_F(trace_file, has_entries_of_1023_bytes_at_most) {
   EXPECT_EQ(zk_debug(path.c_str(), std::string(900, 'r').c_str(), "%s", std::string(254, 'm').c_str()), 0);
   EXPECT_EQ(contents(path).substr(36 + 1023), "[END OF FINAL ENTRY]\n");
@@ -163,6 +173,30 @@ TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
   EXPECT_EQ(trace_entries(path).size(), 2U);
 }
 
+/* Another thread waits for the lock, and leaves signals to this one: what ends the process comes at once all the same. */
+TEST_F(trace_file, keeps_no_signal_from_a_thread_that_waits_for_another_or_forks_meanwhile) {
+  for (const bool forks : {false, true}) {
+    const other_process other(path);
+    const pid_t child = fork();
+    if (child == 0) {
+      sigset_t alarm, before;
+      sigemptyset(&alarm);
+      sigaddset(&alarm, SIGALRM);
+      pthread_sigmask(SIG_BLOCK, &alarm, &before);
+      std::thread waiting([&] { trace(path); });
+      pthread_sigmask(SIG_SETMASK, &before, nullptr);
+      usleep(30000);
+      ualarm(30000, 0);
+      if (!forks) trace(path);
+      _exit(forks ? std::min(fork(), 1) : 1);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WTERMSIG(status), SIGALRM) << forks;
+    EXPECT_FALSE(*other.done) << forks;
+  }
+}
+
 /* Traces in a child that is to receive a SIGUSR1 meanwhile, and whose handler forks. */
 static void trace_and_fork_in_handler(const std::string& path) {
   static pid_t forked = -1;
@@ -187,6 +221,43 @@ TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
                  });
                  trace_and_fork_in_handler(path);
                  sender.join();
+  });
+  in_child([&] { /* while another thread writes */
+                 const other_process other(path);
+                 std::thread writer([&] { trace(path, "of the thread"); });
+                 usleep(30000);
+                 std::thread sender([tracer = pthread_self()] {
+                   usleep(30000);
+                   pthread_kill(tracer, SIGUSR1);
+                 });
+                 trace_and_fork_in_handler(path);
+                 sender.join();
+                 writer.join();
+                 EXPECT_EQ(trace_entries(path).back(), "r\n\tm\n");
+  });
+}
+
+/* The child would move the position at which its parent reads and writes. */
+TEST_F(trace_file, has_no_entry_of_a_child_that_a_signal_handler_forks_and_returns_in) {
+  in_child([&] {
+    const other_process other(path);
+    static pid_t forked = -1;
+    signal(SIGUSR1, [](int) { forked = fork(); });
+    std::thread writer([&] { trace(path, "of the thread"); });
+    usleep(30000);
+    std::thread sender([tracer = pthread_self()] {
+      usleep(30000);
+      pthread_kill(tracer, SIGUSR1);
+    });
+    const int result = trace(path);
+    if (forked == 0) _exit(result == -28 ? 0 : 1);
+    int status = -1;
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(waitpid(forked, &status, 0), forked);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(trace_entries(path).size(), 2U);
+    sender.join();
+    writer.join();
   });
 }
 

@@ -1,13 +1,16 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_debug.cpp - the debug trace file. */
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -68,44 +71,55 @@ int zk_create_debug_file(const char* debug_file) {
  * A record lock belongs to the process and goes with the first descriptor of the file that is closed, so the threads
  * of a process take turns. The time is rendered within a turn too: the C library has a lock of its own for the time
  * zone, and a child forked at that moment would find it taken for ever.
- * During a turn the thread's signals are blocked: a handler that forks would wait for its own thread's turn to end. */
-static pthread_mutex_t trace_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-/* While a thread waits for the file's lock it has the turn, but its signals are open. A handler that forks then leaves
- * the mutex alone; the entry is the parent's, and the child gives it up. */
-enum { NOT_WAITING, WAITING, FORKED };
-static thread_local volatile sig_atomic_t lock_wait = NOT_WAITING;
+ * A turn is taken and kept with the thread's signals blocked: a handler that forks would wait for its own thread's turn
+ * to end. It is waited for with the thread's own mask, and nothing is held then: a handler may fork, and what ends the
+ * program ends it. No lock of the threads library can be had so, since it is taken within the call that waits. */
+enum { FREE, TAKEN, WAITED_FOR };
+static std::atomic<int> turn = FREE;
 
 static void begin_turn(sigset_t* signals) {
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, signals);
-  pthread_mutex_lock(&trace_mutex);
+  int seen = FREE;
+  if (turn.compare_exchange_strong(seen, TAKEN)) return;
+  while (turn.exchange(WAITED_FOR) != FREE) {
+    pthread_sigmask(SIG_SETMASK, signals, nullptr);
+    syscall(SYS_futex, &turn, FUTEX_WAIT_PRIVATE, int{WAITED_FOR}, nullptr, nullptr, 0);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+  }
 }
 
 static void end_turn(const sigset_t& signals) {
-  pthread_mutex_unlock(&trace_mutex);
+  if (turn.exchange(FREE) == WAITED_FOR) syscall(SYS_futex, &turn, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
   pthread_sigmask(SIG_SETMASK, &signals, nullptr);
 }
 
-/* A thread that forks takes a turn for it: the child would find the mutex taken by a thread that it does not have. */
+/* What a thread that traces waits for with its signals open. A handler that forks while it waits for the file's lock
+ * leaves the turn alone, which is the thread's. In the child the entry is given up: it is the parent's, and the
+ * descriptor's position is shared with it. */
+enum { NOTHING, ITS_TURN, THE_LOCK };
+static thread_local volatile sig_atomic_t waits_for = NOTHING;
+static thread_local volatile sig_atomic_t is_given_up = 0;
+
+/* A thread that forks takes a turn for it: the child would find the turn taken by a thread that it does not have. */
 static sigset_t forking_signals; /* of the thread whose turn it is */
 
 static void before_fork() {
-  if (lock_wait != NOT_WAITING) return;
+  if (waits_for == THE_LOCK) return;
   sigset_t signals;
   begin_turn(&signals);
   forking_signals = signals;
 }
 
 static void after_fork_in_parent() {
-  if (lock_wait != NOT_WAITING) return;
+  if (waits_for == THE_LOCK) return;
   const sigset_t signals = forking_signals;
   end_turn(signals);
 }
 
 static void after_fork_in_child() {
-  if (lock_wait != NOT_WAITING) lock_wait = FORKED;
+  is_given_up = 1;
   after_fork_in_parent();
 }
 
@@ -121,31 +135,29 @@ static bool lock_file(int fildes, const sigset_t& signals) {
   if (errno != EACCES && errno != EAGAIN) return false;
 
   sigset_t all;
-  lock_wait = WAITING;
+  waits_for = THE_LOCK;
   pthread_sigmask(SIG_SETMASK, &signals, &all);
-  bool is_locked = lockf(fildes, F_LOCK, 0) == 0;
+  const bool is_locked = lockf(fildes, F_LOCK, 0) == 0;
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
-  if (lock_wait == FORKED) is_locked = false;
-  lock_wait = NOT_WAITING;
+  waits_for = NOTHING;
   return is_locked;
 }
 
 /* ---- Entries ----------------------------------------------------------------------------------------------- */
 
-/* The text of a time, to be called within a turn. It is kept until the second is over or the program changes its time
- * zone: rendering it costs nearly half a write. */
+/* The text of a time as ctime_r has it, to be called within a turn. It is kept for as long as it is the same time of the
+ * same day, whatever the zone: printing it costs a third of a write, asking the zone a twentieth. */
 static const char* render_time(time_t seconds) {
-  struct rendering_t {
-    time_t seconds;
-    long offset; /* these two tell the zone */
-    std::array<const char*, 2> names;
-    bool operator==(const rendering_t&) const = default;
-  };
   static std::array<char, 32> text;
-  static rendering_t kept;
-  if (text[0] == '\0' || kept != rendering_t{seconds, timezone, {tzname[0], tzname[1]}}) {
-    ctime_r(&seconds, text.data());
-    kept = {seconds, timezone, {tzname[0], tzname[1]}};
+  static struct tm kept = {};
+  struct tm local = {};
+  localtime_r(&seconds, &local);
+  const auto shown = [](const struct tm& time) {
+    return std::array{time.tm_sec, time.tm_min, time.tm_hour, time.tm_mday, time.tm_mon, time.tm_year, time.tm_wday};
+  };
+  if (text[0] == '\0' || shown(local) != shown(kept)) {
+    asctime_r(&local, text.data());
+    kept = local;
   }
   return text.data();
 }
@@ -164,19 +176,26 @@ static int append_entry(const char* trace_filename, const char* interface_name, 
   static constexpr zk_errno_result OPEN_RESULTS[] = {
       {ENOENT, ZELK_FILE_MISSING}, {EACCES, ZELK_NO_ACCESS},    {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY},
       {EROFS, ZELK_READ_ONLY},     {ENOTDIR, ZELK_DIR_MISSING}, {ELOOP, ZELK_LINK_LOOP}};
+  /* From here on there is a descriptor that a handler's child would share. */
+  is_given_up = 0;
+  waits_for = ITS_TURN;
   int fildes;
   do {
     fildes = zk_open_regular(trace_filename, O_RDWR);
   } while (fildes == -1 && errno == EINTR);
-  if (fildes == -1) return zk_result_of_errno(errno, OPEN_RESULTS);
+  if (fildes == -1) {
+    waits_for = NOTHING;
+    return zk_result_of_errno(errno, OPEN_RESULTS);
+  }
 
   sigset_t signals;
   begin_turn(&signals);
+  waits_for = NOTHING;
   std::array<char, ENTRY_SIZE> entry;
   format_entry(&entry, interface_name, lines);
   int result = ZELK_LOCK;
-  if (lock_file(fildes, signals)) {
-    result = zk_record_debug_info(fildes, entry.data());
+  if (is_given_up == 0 && lock_file(fildes, signals)) {
+    if (is_given_up == 0) result = zk_record_debug_info(fildes, entry.data());
     if (lockf(fildes, F_ULOCK, 0) != 0) result = ZELK_UNLOCK;
   }
   close(fildes);
@@ -188,7 +207,7 @@ int zk_debug(const char* trace_filename, const char* interface_name, const char*
   if (trace_filename == nullptr) return ZELK_INV_PARAM1;
   if (interface_name == nullptr) return ZELK_INV_PARAM2;
   if (debug_info_fmt == nullptr) return ZELK_INV_PARAM3;
-  if (lock_wait != NOT_WAITING) return ZELK_LOCK; /* a signal handler: its own thread has the turn */
+  if (waits_for != NOTHING) return ZELK_LOCK; /* a signal handler: its own thread is at it */
   const int caller_errno = errno;
   int cancel_state = PTHREAD_CANCEL_ENABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
