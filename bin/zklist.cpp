@@ -25,14 +25,20 @@ static size_t record_size(const void* record) {
   return ZK_REC_LENGTH_SIZE + static_cast<size_t>(zk_record_length(record));
 }
 
-/* Makes a list element with a copy of the record, a zero byte behind it, and no Error ID. Returns null with errno set
- * and `*wanted`, the bytes that could not be had. */
-static zk_stack_rec_t* copy_record(const void* record, int* wanted) {
+/* What a copy could not have: bytes, and for which part. */
+struct shortage_t {
+  const char* part;
+  int size;
+};
+
+/* Makes a list element with a copy of the record, a zero byte behind it, and no Error ID. Returns null with errno and
+ * `*shortage` set. */
+static zk_stack_rec_t* copy_record(const void* record, shortage_t* shortage) {
   const size_t size = record_size(record);
-  *wanted = sizeof(zk_stack_rec_t);
+  *shortage = {"element", sizeof(zk_stack_rec_t)};
   zk_stack_rec_t* element = static_cast<zk_stack_rec_t*>(calloc(1, sizeof(zk_stack_rec_t)));
   if (element == nullptr) return nullptr;
-  *wanted = static_cast<int>(size);
+  *shortage = {"info", static_cast<int>(size)};
   char* copy = static_cast<char*>(malloc(size + 1));
   if (copy == nullptr) {
     free(element);
@@ -112,14 +118,12 @@ int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, z
     return zk_failed(trace, ZELK_INV_PARAM4, "head parameter not properly initialized - returning %s(%d)");
   if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
 
-  int wanted = 0;
-  zk_stack_rec_t* element = copy_record(record, &wanted);
-  if (element == nullptr) {
-    bool is_element = wanted == sizeof *element;
+  shortage_t shortage;
+  zk_stack_rec_t* element = copy_record(record, &shortage);
+  if (element == nullptr)
     return zk_failed(trace, ZELK_NO_MEMORY,
                      "Unable to allocate memory for record %s - errno %d\nSize requested %d bytes\nReturning %s(%d)",
-                     is_element ? "element" : "info", errno, wanted);
-  }
+                     shortage.part, errno, shortage.size);
   zk_stack_rec_t** link = &head->records;
   while (*link != nullptr) link = &(*link)->next;
   *link = element;
@@ -130,12 +134,12 @@ int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, z
 
 /* Makes the element of a group. Returns 0; ZELK_NO_MEMORY. */
 static int make_group_element(const zk_trace_t& trace, const void* record, zk_stack_rec_t** made) {
-  int wanted = 0;
-  zk_stack_rec_t* element = copy_record(record, &wanted);
+  shortage_t shortage;
+  zk_stack_rec_t* element = copy_record(record, &shortage);
   if (element == nullptr)
     return zk_failed(trace, ZELK_NO_MEMORY,
-                     "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)", wanted,
-                     errno);
+                     "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)",
+                     shortage.size, errno);
   zk_record_eid(record, ZK_REC_EID_POS, element->fid);
   *made = element;
   return ZELK_SUCCESS;

@@ -9,16 +9,27 @@
  *   groups RECORD ..., ...         "groups", a list of groups of records, each with its cause first
  *   processes RECORD ...           "processes", a list of processes of records; "last" is the last of them
  *   process ID PARENT              appends one to the list without a record
- *   head ID PARENT RECORD          makes the list's head one that is none */
+ *   head ID PARENT RECORD          makes the list's head one that is none
+ *   memory BYTES                   a piece of that size cannot be had */
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include "calls.h"
 #include "zk_msg.h"
+
+/* The routines' own calls of malloc come here: see CMakeLists.txt. */
+static size_t missing_memory;
+extern "C" void *__real_malloc(size_t size), *__wrap_malloc(size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+  if (size != missing_memory) return __real_malloc(size);
+  errno = ENOMEM;
+  return nullptr;
+}
 
 namespace {
 
@@ -121,6 +132,7 @@ void begin() {
   keep(processes.next);
   groups = nullptr;
   processes = {};
+  missing_memory = 0;
   out = {};
 }
 
@@ -218,7 +230,8 @@ const subject COMMAND = {
                    {"groups", set_up_groups},
                    {"processes", set_up_processes},
                    {"process", set_up_process},
-                   {"head", set_up_head}},
+                   {"head", set_up_head},
+                   {"memory", [](const std::string& bytes) { missing_memory = std::stoul(bytes); }}},
     .begin = begin,
     .given = given};
 
