@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,9 +65,17 @@ static bool is_between(char byte, unsigned int low, unsigned int high) {
   return static_cast<unsigned char>(byte) >= low && static_cast<unsigned char>(byte) <= high;
 }
 
-/* Whether bytes from 0x80 on belong to characters of several bytes that only the locale knows. */
-static bool has_other_wide_characters() {
-  return MB_CUR_MAX > 1 && std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0;
+/* What bytes from 0x80 on are to the locale. */
+enum class high_bytes_t {
+  UTF8,    /* also in C, where terminals are UTF-8 */
+  SINGLE,  /* characters of their own */
+  UNKNOWN, /* parts of characters that only the locale knows */
+};
+
+static high_bytes_t high_bytes() {
+  if (MB_CUR_MAX > 1)
+    return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0 ? high_bytes_t::UTF8 : high_bytes_t::UNKNOWN;
+  return std::strcmp(std::setlocale(LC_CTYPE, nullptr), "C") == 0 ? high_bytes_t::UTF8 : high_bytes_t::SINGLE;
 }
 
 /* Length of the well-formed UTF-8 sequence of several bytes that `text` starts with, else 0. */
@@ -95,19 +104,22 @@ static size_t utf8_length(std::string_view text) {
 }
 
 /* Length of the control character that `text` starts with, else 0. Newline and tab are none. */
-static size_t control_length(std::string_view text) {
+static size_t control_length(std::string_view text, high_bytes_t high) {
   if (text[0] == '\n' || text[0] == '\t') return 0;
   if (is_between(text[0], 0, 0x1f) || text[0] == 0x7f) return 1;
-  if (has_other_wide_characters()) return 0;
+  if (high == high_bytes_t::UNKNOWN) return 0;
   if (is_between(text[0], 0x80, 0x9f)) return 1;
-  return text.starts_with('\xc2') && text.size() > 1 && is_between(text[1], 0x80, 0x9f) ? 2 : 0;
+  return high == high_bytes_t::UTF8 && text.starts_with('\xc2') && text.size() > 1 && is_between(text[1], 0x80, 0x9f)
+             ? 2
+             : 0;
 }
 
 /* Puts a text with its control characters shown as "?". */
 static void put_harmless(output_t* output, std::string_view text) {
+  const high_bytes_t high = high_bytes();
   while (!text.empty()) {
-    size_t control = control_length(text);
-    size_t length = control != 0 ? control : std::max(utf8_length(text), size_t{1});
+    size_t control = control_length(text, high);
+    size_t length = control != 0 ? control : high == high_bytes_t::UTF8 ? std::max(utf8_length(text), size_t{1}) : 1;
     put(output, control != 0 ? "?" : text.substr(0, length));
     text.remove_prefix(length);
   }
