@@ -193,13 +193,8 @@ static bool open_along(const char* nlspath, const char* name, const char* locale
   }
 }
 
-/* A set-user-ID program takes neither NLSPATH nor LANG from its caller. */
-static const char* trusted_variable(const char* name) {
-  return getuid() == geteuid() && getgid() == getegid() ? getenv(name) : nullptr;
-}
-
 static bool open_for_locale(const char* locale, const char* name, cu_catalog* catalog) {
-  const char* nlspath = trusted_variable("NLSPATH");
+  const char* nlspath = secure_getenv("NLSPATH");
   if (nlspath != nullptr && *nlspath != '\0' && open_along(nlspath, name, locale, catalog)) return true;
   return open_along(DEFAULT_NLSPATH, name, locale, catalog);
 }
@@ -209,7 +204,7 @@ static bool find_catalog(const char* name, cu_catalog* catalog) {
   if (strchr(name, '/') != nullptr) return open_catalog(name, catalog);
 
   const char* locale = setlocale(LC_MESSAGES, nullptr);
-  const char* lang = trusted_variable("LANG");
+  const char* lang = secure_getenv("LANG");
   if (lang == nullptr || *lang == '\0') lang = "C";
   return open_for_locale(locale, name, catalog) || (strcmp(lang, locale) != 0 && open_for_locale(lang, name, catalog));
 }

@@ -40,7 +40,7 @@ typedef struct {
 typedef struct {
   int32_t cu_error_id;
   const char* cu_zelk_id;
-  const char* cu_msg_cat; /* message catalog: a path, or a name looked up along NLSPATH */
+  const char* cu_msg_cat; /* message catalog: a path, or a name looked up along NLSPATH (in secure mode the default) */
   int32_t cu_msg_set;
   int32_t cu_msg_num;
   const char* cu_msg_default; /* used when the catalog or the message cannot be had */

@@ -54,7 +54,8 @@ typedef struct {
 typedef struct zk_recorder zk_recorder_t;
 
 /* Makes the empty Error Stack `stack_file` of `size` bytes, relative to ZELK_STACK_DIR unless it begins with "/". It
- * appears under its name whole or not at all, with permissions 0666 less the umask, its space reserved by zeros.
+ * appears under its name whole or not at all, with permissions 0660 less the umask (who may read a stack can hold up its
+ * writers by a lock), its space reserved by zeros.
  * Returns 0; ZELK_INV_PARAM3 null or empty name; ZELK_INV_PARAM4 a size outside 8192 to 16384; ZELK_FILE_EXIST something
  * of that name exists, and is left alone; ZELK_DIR_MISSING; ZELK_DIR_NO_ACCESS; ZELK_READ_ONLY; ZELK_NO_SPACE;
  * ZELK_TOO_MANY too many open files, or over quota; ZELK_FAILURE. A failure leaves nothing behind. */
@@ -76,8 +77,8 @@ int zk_open_or_create_recorder(int debug_active, const char* debug_file, const c
                                zk_recorder_t** recorder);
 
 /* Records an incident, now, and stores its new Error ID, of version 2, in `eid`: no two of a node are equal, and records
- * stand in the order of their times. The node address in it is the value of ZELKADDR when that is one, else the node's
- * own as it was when the recorder was opened. A record's body is at most 1024 bytes. Details that do not fit are cut and
+ * stand in the order of their times. The node address in it is the value of ZELKADDR when that is one (in secure mode it
+ * counts as unset, see qx_zelk.h), else the node's own as it was when the recorder was opened. A record's body is at most 1024 bytes. Details that do not fit are cut and
  * end in "..."; where not even that fits, they are empty, and the longest text argument, of equal ones the last, is cut in
  * the same way, but to no less than "...", then the longest of the others, until the rest fits. Texts are cut at whole UTF-8
  * characters, whatever else they hold. `eid` may be where the associated Error ID stands.

@@ -11,6 +11,9 @@
  *   - Texts are NUL-terminated. Output buffers belong to the caller, who hands them over filled with zeros; a size
  *     given for one is the least that the routine relies on.
  *   - Unless its comment says otherwise, a routine keeps no state and may be called from any thread.
+ *   - Environment variables are read with secure_getenv: in a program that has more rights than its caller (set-user-ID,
+ *     set-group-ID or file capabilities: secure mode) ZELKDEBUG, ZELKADDR, ZELKPNAME, NLSPATH and LANG count as unset,
+ *     also when the program has set them itself. TZ is the C library's, which then opens no zone files but its own.
  *   - Some routines write files. A program that may run under a file size limit must ignore SIGXFSZ, or it is killed by
  *     the write that passes the limit and leaves a half-made file. With the signal ignored the write fails: a new file
  *     or copy is removed again (ZELK_NO_SPACE), a trace entry is lost (ZELK_FILE_CORRUPT).

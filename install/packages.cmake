@@ -59,9 +59,10 @@ process. zkrecord records an incident for a script, zkdecode shows what an
 Error ID says, and zkexport gives incidents as lines of JSON, as a graph and
 as a page.")
 set(scripts ${CMAKE_CURRENT_SOURCE_DIR}/debian)
-set(CPACK_DEBIAN_ZKVIEW_PACKAGE_DEPENDS passwd)
+set(CPACK_DEBIAN_ZKVIEW_PACKAGE_DEPENDS "passwd, systemd | systemd-tmpfiles")
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_SUGGESTS "graphviz, jq")
 set(CPACK_DEBIAN_ZKVIEW_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/postrm)
+set(CPACK_RPM_ZKVIEW_PACKAGE_REQUIRES systemd)
 set(CPACK_RPM_ZKVIEW_POST_INSTALL_SCRIPT_FILE ${scripts}/postinst)
 
 if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/fleet)

@@ -179,7 +179,7 @@ static timeval next_time(const zk_stack_state_t& state) {
 }
 
 static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_t eid) {
-  const char* address = std::getenv("ZELKADDR");
+  const char* address = secure_getenv("ZELKADDR");
   zk_eid_parts_t parts;
   std::array<char, 2> header = {};
   zk_get_base_64_hdr(0, nullptr, 2, ZELK_LOCATION_STACK, header.data());

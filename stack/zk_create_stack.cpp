@@ -16,7 +16,7 @@
 #include "zk_stack_file.h"
 #include "zk_trace.h"
 
-static constexpr mode_t PERMISSIONS = 0666; /* less the umask */
+static constexpr mode_t PERMISSIONS = 0660; /* less the umask; who may read a stack can hold up its writers */
 
 /* A file that has no name yet, or one that nobody looks for. */
 struct unnamed_file_t {

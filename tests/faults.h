@@ -81,7 +81,8 @@ static bool is_refused(const char* call, int fildes) {
 extern "C" int open(const char* path, int flags, ...) {
   va_list more;
   va_start(more, flags);
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
+  const bool makes = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+  const mode_t mode = makes ? va_arg(more, mode_t) : 0;
   va_end(more);
   if (is_refused("open", path)) return -1;
   return openat(AT_FDCWD, path, flags, mode);

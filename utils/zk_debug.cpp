@@ -47,7 +47,7 @@ int zk_is_debug_file_set(char* trace_filename) {
                                                      {ESTALE, ZELK_STALE},
                                                      {ENOTDIR, ZELK_DIR_MISSING}};
   if (trace_filename == nullptr) return ZELK_INV_PARAM1;
-  const char* value = std::getenv("ZELKDEBUG");
+  const char* value = secure_getenv("ZELKDEBUG");
   if (value == nullptr) return ZELK_TRACE_UNSET;
 
   int result = ZELK_TRACE_EXISTS;

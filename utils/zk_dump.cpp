@@ -66,7 +66,7 @@ int zk_test_for_dir(int debug_active, const char* debug_file, const char* check_
 int zk_get_dump_file_name(int debug_active, const char* debug_file, char* dump_file) {
   static constexpr char VARIABLE[] = "ZELKPNAME";
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  const char* command = std::getenv(VARIABLE);
+  const char* command = secure_getenv(VARIABLE);
   /* A "/" would lead the copy out of the directory. */
   if (command == nullptr || *command == '\0' || std::strchr(command, '/') != nullptr)
     return zk_failed(trace, ZELK_INV_ENV,

@@ -212,7 +212,7 @@ static bool has_facility(const eid_place& place) {
 /* Finds the node's address in the environment. */
 static int read_address(const zk_trace_t& trace, char* field) {
   static constexpr char VARIABLE[] = "ZELKADDR";
-  const char* address = std::getenv(VARIABLE);
+  const char* address = secure_getenv(VARIABLE);
   if (address == nullptr || address[0] == '\0')
     return zk_failed(trace, ZELK_FAILURE, "Cannot find %s data in environment\nReturning %s(%d) to the caller",
                      VARIABLE);
