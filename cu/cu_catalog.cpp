@@ -193,8 +193,14 @@ static bool open_along(const char* nlspath, const char* name, const char* locale
   }
 }
 
+/* A program that has more rights than its caller takes neither NLSPATH nor LANG from it, nor does one that is someone else
+ * for a while. */
+static const char* trusted_variable(const char* name) {
+  return getuid() == geteuid() && getgid() == getegid() ? secure_getenv(name) : nullptr;
+}
+
 static bool open_for_locale(const char* locale, const char* name, cu_catalog* catalog) {
-  const char* nlspath = secure_getenv("NLSPATH");
+  const char* nlspath = trusted_variable("NLSPATH");
   if (nlspath != nullptr && *nlspath != '\0' && open_along(nlspath, name, locale, catalog)) return true;
   return open_along(DEFAULT_NLSPATH, name, locale, catalog);
 }
@@ -204,7 +210,7 @@ static bool find_catalog(const char* name, cu_catalog* catalog) {
   if (strchr(name, '/') != nullptr) return open_catalog(name, catalog);
 
   const char* locale = setlocale(LC_MESSAGES, nullptr);
-  const char* lang = secure_getenv("LANG");
+  const char* lang = trusted_variable("LANG");
   if (lang == nullptr || *lang == '\0') lang = "C";
   return open_for_locale(locale, name, catalog) || (strcmp(lang, locale) != 0 && open_for_locale(lang, name, catalog));
 }

@@ -82,10 +82,13 @@ int zk_read_good_header(const zk_trace_t& trace, int fildes, int* stack_version,
     zk_report_damage(trace, *damage);
     return ZELK_FILE_CORRUPT;
   }
-  zk_trace(trace, "Positioning file pointer to offset %d", header.earliest_rec);
   *hbuf = header;
   *stack_version = version;
   return ZELK_SUCCESS;
+}
+
+void zk_trace_good_header(const zk_trace_t& trace, const header_t& header) {
+  zk_trace(trace, "Positioning file pointer to offset %d", header.earliest_rec);
 }
 
 int zk_read_header(int debug_active, const char* debug_file, int fildes, int* stack_version, header_t* hbuf) {
@@ -93,7 +96,9 @@ int zk_read_header(int debug_active, const char* debug_file, int fildes, int* st
   zk_damage_t damage;
   if (fildes == -1) return zk_failed(trace, ZELK_INV_PARAM3, "fildes value %d seems invalid\nReturning %s(%d)", fildes);
   if (hbuf == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "hbuf ptr value seems invalid\nReturning %s(%d)");
-  return zk_read_good_header(trace, fildes, stack_version, hbuf, &damage);
+  const int result = zk_read_good_header(trace, fildes, stack_version, hbuf, &damage);
+  if (result == ZELK_SUCCESS) zk_trace_good_header(trace, *hbuf);
+  return result;
 }
 
 /* ---- For a recorder ------------------------------------------------------------------------------------------------ */

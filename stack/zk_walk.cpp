@@ -20,7 +20,10 @@ static bool is_in_window(const zk_walk_t& walk) {
 /* Moves the window towards the walk's position; false when nothing more can be read. Bytes that an error keeps away
  * are missed when a record needs them. */
 static bool fill_window(zk_walk_t* walk) {
-  if (walk->window_is_last && walk->position >= walk->window_end) return false;
+  if (walk->is_refused || (walk->window_is_last && walk->position >= walk->window_end)) {
+    walk->is_refused = false;
+    return false;
+  }
   const off_t window_size = static_cast<off_t>(walk->window.size());
   bool is_first = walk->window_end == 0;
   off_t start = is_first && walk->position < window_size ? 0 : walk->position;
@@ -71,6 +74,7 @@ int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes) {
   walk->fildes = fildes;
   walk->window_start = walk->window_end = 0;
   walk->window_is_last = false;
+  walk->is_refused = false;
   walk->damage = {};
   walk->is_record_lost = false;
 
@@ -80,8 +84,11 @@ int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes) {
     return zk_failed(trace, ZELK_LOCK, "Failure to lock stack - error code %d\nReturning %s(%d)", errno);
   const zk_trace_t header_trace = {trace.active, trace.file, "zk_read_header"};
   const int result = zk_read_good_header(header_trace, fildes, &walk->stack_version, &walk->header, &walk->damage);
-  if (result == ZELK_SUCCESS) set_out(walk);
-  return result;
+  if (result != ZELK_SUCCESS) return result;
+  set_out(walk);
+  walk->is_refused = !fill_window(walk);
+  zk_trace_good_header(header_trace, walk->header);
+  return ZELK_SUCCESS;
 }
 
 void zk_walk_begin_in_memory(zk_walk_t* walk, int32_t size) {
@@ -92,6 +99,7 @@ void zk_walk_begin_in_memory(zk_walk_t* walk, int32_t size) {
   walk->window_start = 0;
   walk->window_end = size;
   walk->window_is_last = true;
+  walk->is_refused = false;
   set_out(walk);
 }
 

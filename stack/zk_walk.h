@@ -33,6 +33,7 @@ struct zk_walk_t {
   off_t window_start;
   off_t window_end;
   bool window_is_last; /* the file ends with it */
+  bool is_refused;     /* reading it ahead failed, which counts when a byte of it is first missed */
 };
 
 /* Locks the stack, waiting as long as it takes, and reads its header. The walk need not be cleared before. Unless the

@@ -7,11 +7,13 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <fstream>
 #include <random>
 #include <set>
 #include <thread>
 
 #include "support.h"
+#include "zk_msg.h"
 
 /* Traces a message of a routine "r". */
 static int trace(const std::string& path, const std::string& message = "m") {
@@ -259,6 +261,19 @@ TEST_F(trace_file, has_no_entry_of_a_child_that_a_signal_handler_forks_and_retur
     sender.join();
     writer.join();
   });
+}
+
+/* A trace file that is the stack drops the stack's lock with the first entry. */
+TEST(report, is_one_snapshot_when_the_stack_is_named_as_the_trace_file) {
+  stack early, late;
+  const std::string path = early.add("early").file();
+  late.add("later");
+  meanwhile = {"unlock", [&] { std::ofstream(path) << late.bytes(); }};
+  const int fildes = open(path.c_str(), O_RDWR);
+  const std::string shown = printed([&] { zk_dump_stack(1, path.c_str(), 0, 0, nullptr, 0, fildes, ZK_NO_CATALOG); });
+  EXPECT_EQ(shown, lines("early"));
+  EXPECT_TRUE(meanwhile.call.empty());
+  close(fildes);
 }
 
 /* Traces, and returns the result and whether the thread can be cancelled after that. */
