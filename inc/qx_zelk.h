@@ -257,7 +257,7 @@ int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, 
 int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stack_file, unsigned int err_templ_label,
                       int bsd_facility, int bsd_priority, long* timestamp, char* zelkid);
 
-/* As zk_generate_eid_2, for version 1, which knows no syslog messages: ZELK_INV_PARAMCOMBO when both or neither of
+/* As zk_generate_eid_2, for version 1, which makes none of syslog messages: ZELK_INV_PARAMCOMBO when both or neither of
  * `stack_file` and `err_templ_label` are given. */
 int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_file, unsigned int err_templ_label,
                     long* timestamp, char* zelkid);

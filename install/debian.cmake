@@ -12,6 +12,11 @@ foreach(component ${CPACK_COMPONENTS_ALL})
 
   # The copyright file holds the licence, changelogs have names of their own.
   file(REMOVE ${share}/doc/zkview/LICENSE)
+  if(EXISTS ${share}/doc/zkview/README.md)
+    file(READ ${share}/doc/zkview/README.md readme)
+    string(REPLACE "(LICENSE)" "(copyright)" readme "${readme}")
+    file(WRITE ${share}/doc/zkview/README.md "${readme}")
+  endif()
   if(EXISTS ${share}/doc/zkview/CHANGELOG.md)
     file(RENAME ${share}/doc/zkview/CHANGELOG.md ${share}/doc/zkview/changelog)
   endif()

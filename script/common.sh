@@ -39,3 +39,12 @@ run_tests() {
 public_names() {
     sed -n '/^typedef/d; /static_assert/d; s/^[a-z][a-z0-9_ ]*[ *]\([a-z0-9_]*\)[[(].*/\1/p' "inc/$1.h" | sort -u
 }
+
+# Links of the pages in a folder that lead to no file.
+dead_links() {
+    find "$1" -name '*.md' | while read -r page; do
+        grep -o ']([^)]*)' "$page" | sed 's/](\(.*\))/\1/; s/#.*//; /:/d; /^$/d' | while read -r link; do
+            [ -e "$(dirname "$page")/$link" ] || echo "$page: $link"
+        done
+    done
+}
