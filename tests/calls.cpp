@@ -91,7 +91,7 @@ void expect_calls(const std::filesystem::path& file, const subject& about) {
   }
   about.begin(); /* the system is itself again */
   text = replaced(text, scratch(), "FOLDER");
-  EXPECT_EQ(difference(file, text), "");
+  expect_golden(file, text);
 }
 
 std::vector<std::vector<std::string>> items(const std::string& details) {

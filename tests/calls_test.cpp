@@ -239,7 +239,7 @@ TEST(messages, have_these_texts) {
   std::string all;
   for (int number = 0; number < ZK_MSG_COUNT; ++number)
     all += std::to_string(number) + " " + replaced(zk_mesgtbl_zkview_cmd[number], "\n", "\\n") + "\n";
-  EXPECT_EQ(difference(GOLDEN_FOLDER "/messages.golden", all), "");
+  expect_golden(GOLDEN_FOLDER "/messages.golden", all);
 }
 
 struct calls : testing::TestWithParam<std::filesystem::path> {};

@@ -78,7 +78,7 @@ TEST_P(golden, says_what_it_said) {
   }
   shown = replaced(shown, contents(GOLDEN_FOLDER "/usage"), "[usage]\n");
   shown = replaced(replaced(shown, node + "Fri", "[node]Fri"), scratch(), "FOLDER");
-  EXPECT_EQ(difference(GOLDEN_FOLDER "/" + GetParam() + ".golden", shown), "");
+  expect_golden(GOLDEN_FOLDER "/" + GetParam() + ".golden", shown);
 }
 
 std::vector<std::string> stories() {

@@ -173,9 +173,10 @@ std::vector<std::string> trace_entries(const std::string& path) {
   return entries;
 }
 
-std::string difference(const std::string& path, const std::string& now) {
+void expect_golden(const std::string& path, const std::string& now) {
   if (getenv("RENEW_GOLDEN") != nullptr) std::ofstream(path) << now;
-  return run({"/usr/bin/diff", "-u", path, new_file(now)}).out;
+  const outcome compared = run({"/usr/bin/diff", "-u", path, new_file(now)});
+  if (compared.status != 0) ADD_FAILURE() << compared.out;
 }
 
 void in_child(const std::function<void()>& work) {
@@ -211,6 +212,8 @@ bool has_private_var() {
 bool has(const std::string& ability) {
   if (ability == "stacks-directory") return has_private_var();
   if (ability == "character-sets") return sizeof(void*) == 8; /* the C library's, which are there for one host */
+  if (ability.starts_with("zk")) return *EMULATOR == '\0' && std::filesystem::exists(program(ability));
+  if (ability == "root") return geteuid() == 0;
   if (ability == "native") return *EMULATOR == '\0';
   if (ability == "faults") return *FAULT_SHIM != '\0';
   if (ability == "loopback") return run({"/bin/sh", "-c", "grep -q '127.0.0.1' /proc/net/fib_trie"}).status == 0;

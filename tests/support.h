@@ -161,8 +161,8 @@ std::vector<std::string> trace_entries(const std::string& path);
 
 /* ---- Golden files -------------------------------------------------------------------------------------------- */
 
-/* How `now` differs from a golden file; with RENEW_GOLDEN set in the environment (script/golden) the file is written anew. */
-std::string difference(const std::string& path, const std::string& now);
+/* Expects of a golden file that it says `now`; with RENEW_GOLDEN set in the environment (script/golden) it is written anew. */
+void expect_golden(const std::string& path, const std::string& now);
 
 /* ---- Processes ----------------------------------------------------------------------------------------------- */
 
