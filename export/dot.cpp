@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* dot.cpp - draws a chain of causes as a Graphviz digraph. */
+#include <algorithm>
 #include <map>
 
 #include "chain.h"
@@ -54,11 +55,14 @@ static std::string node_name(size_t index) {
   return std::string("i").append(std::to_string(index));
 }
 
-/* The nodes of a process, in a box. */
+/* The nodes of a process, in a box. Processes of several nodes may have the same name. */
 static std::string make_cluster(const chain_t& chain, size_t lane) {
   const lane_t& name = chain.lane_names[lane];
+  const bool is_one_node = std::all_of(chain.lane_names.begin(), chain.lane_names.end(),
+                                       [&](const lane_t& other) { return other.node == name.node; });
+  const std::string node = is_one_node || name.node.empty() ? "" : name.node + "\n";
   std::string dot = "  subgraph cluster_" + std::to_string(lane) + " {\n    label=" +
-                    quoted(name.stack + "\n" + name.process + " " + std::to_string(name.process_id)) + ";\n";
+                    quoted(node + name.stack + "\n" + name.process + " " + std::to_string(name.process_id)) + ";\n";
   for (size_t index = 0; index < chain.incidents.size(); ++index) {
     if (chain.lanes[index] != lane) continue;
     const incident_t& incident = chain.incidents[index];

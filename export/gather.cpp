@@ -152,6 +152,7 @@ int give_text(const zk_trace_t& trace, const export_request_t& request, std::str
   std::string other_lines;
   const int status = gather(trace, request, &chain, &other_lines);
   if (status != STATUS_DONE && chain.incidents.empty() && chain.notes.empty()) return status; /* no stack at all */
+  chain.asked_id = request.id;
   find_causes(&chain);
   return write_out(make(chain)) ? status : int{STATUS_FAILED};
 }

@@ -86,19 +86,35 @@ void keep_chain(const std::string& id, std::vector<incident_t>* incidents) {
   *incidents = std::move(chain);
 }
 
+/* The node of each stack, which an incident whose ID does not say one is taken to be from. It is empty where none is known,
+ * or where stacks of several nodes have the name. */
+static std::unordered_map<std::string, std::string> nodes_of_stacks(const std::vector<incident_t>& incidents) {
+  std::unordered_map<std::string, std::string> nodes;
+  std::unordered_set<std::string> shared;
+  for (const incident_t& incident : incidents) {
+    std::string& node = nodes[incident.stack];
+    if (!incident.node.empty() && !node.empty() && node != incident.node) shared.insert(incident.stack);
+    if (!incident.node.empty()) node = incident.node;
+  }
+  for (const std::string& stack : shared) nodes[stack].clear();
+  return nodes;
+}
+
 void find_causes(chain_t* chain) {
   sort_by_time(&chain->incidents);
   std::unordered_map<std::string, size_t> by_id;
   for (size_t index = 0; index < chain->incidents.size(); ++index)
     if (!chain->incidents[index].id.empty()) by_id.try_emplace(chain->incidents[index].id, index);
 
-  std::map<std::tuple<std::string, std::string, int32_t>, size_t> by_lane;
+  const std::unordered_map<std::string, std::string> nodes = nodes_of_stacks(chain->incidents);
+  std::map<std::tuple<std::string, std::string, std::string, int32_t>, size_t> by_lane;
   for (const incident_t& incident : chain->incidents) {
     const auto cause = incident.cause.empty() ? by_id.end() : by_id.find(incident.cause);
     chain->causes.push_back(cause != by_id.end() ? cause->second : NO_CAUSE);
+    const std::string& node = incident.node.empty() ? nodes.at(incident.stack) : incident.node;
     const auto [lane, is_new] =
-        by_lane.try_emplace({incident.stack, incident.process, incident.process_id}, by_lane.size());
-    if (is_new) chain->lane_names.push_back({incident.stack, incident.process, incident.process_id});
+        by_lane.try_emplace({node, incident.stack, incident.process, incident.process_id}, by_lane.size());
+    if (is_new) chain->lane_names.push_back({node, incident.stack, incident.process, incident.process_id});
     chain->lanes.push_back(lane->second);
   }
 }

@@ -12,8 +12,9 @@
 
 inline constexpr size_t NO_CAUSE = static_cast<size_t>(-1); /* or one that is not among the incidents */
 
-/* What is shown together: the incidents of a process in one stack. */
+/* What is shown together: the incidents of a process in one stack of a node. */
 struct lane_t {
+  std::string node; /* its address, empty when it is not known */
   std::string stack;
   std::string process;
   int32_t process_id;
@@ -23,6 +24,7 @@ struct lane_t {
 struct chain_t {
   std::vector<incident_t> incidents; /* in order of time; those of one stack in order of recording */
   std::vector<std::string> notes;    /* what the incidents are not complete for */
+  std::string asked_id;              /* Error ID of the incident that was asked for, empty for none */
 
   /* Of each incident, by index; find_causes fills these in. */
   std::vector<size_t> causes; /* the incident that caused it, or NO_CAUSE */

@@ -277,28 +277,19 @@ hostile = open(")" +
                    new_file(HOSTILE) + R"(", "rb").read().decode("utf-8", "replace")
 for control in "\x1b\x7f\x9b": hostile = hostile.replace(control, "\ufffd")
 assert texts.count(hostile) >= 3 * 6, texts
-assert "script" not in elements and set(ids) >= {"<b>\"" + chr(39) + "&", "same"} and len(ids) == 3, ids')"),
+assert elements.count("script") == 1 and set(ids) >= {"<b>\"" + chr(39) + "&", "same"}, ids
+assert len(ids) == len(set(ids)) == 4, ids')"),
             "");
-}
-
-TEST(html, is_drawn_by_a_browser_narrow_and_wide_light_and_dark) {
-  if (run({"/bin/sh", "-c", "command -v chromium"}).status != 0) GTEST_SKIP() << "there is no Chromium";
-  const std::string file = stack().add("one").add("two", "one").file();
-  for (const char* look : {"400,900 1", "400,900 0", "1400,900 1", "1400,900 0"})
-    EXPECT_EQ(
-        script("set -- " + std::string(look) + "; $zkexport --format=html " + file + " >page.html;" +
-               "timeout 60 chromium --headless --no-sandbox --user-data-dir=profile --disable-gpu --window-size=$1 "
-               "--blink-settings=preferredColorScheme=$2 --screenshot=page.png --virtual-time-budget=1000 "
-               "file://$folder/page.html >/dev/null 2>err; [ $(wc -c <page.png) -gt 5000 ] && echo drawn;"
-               "grep -c 'Content Security' err"),
-        "drawn\n0\n");
 }
 
 TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
   const std::string file = stack().add("one").add("two", "one").add(hostile("three", "two")).add_raw(-1, "").file();
-  for (const char* format : {"dot", "html"})
-    EXPECT_EQ(script("$zkexport " + file + " | jq -c '.host = \"n1\"' | $zkexport --input --format=" + format),
-              zkexport({"--format", format, file}).out);
+  for (const std::string format : {"dot", "html"}) {
+    const std::string picture =
+        " --format=" + format + " | sed 's/Made.*by//'"; /* without the time at which it was made */
+    EXPECT_EQ(script("$zkexport " + file + " | jq -c '.host = \"n1\"' | $zkexport --input" + picture),
+              script("$zkexport " + file + " 2>/dev/null" + picture));
+  }
 }
 
 TEST(input, is_what_json_gives_and_nothing_else) {
@@ -344,9 +335,10 @@ TEST(input, puts_incidents_of_several_nodes_in_order_of_time) {
       elsewhere = std::string(ID).replace(17, 25, "02.e.1...................");
   const std::string here = stack().add({.id = late, .description = "late"}).file();
   const std::string there = stack().add({.id = elsewhere, .description = "early"}).file();
-  EXPECT_EQ(script("$zkexport " + here + " " + there +
-                   " | jq -c '.stack = \"same\"' | $zkexport --input --format=dot | grep -o 'early\\|late'"),
-            "early\nlate\n");
+  EXPECT_EQ(
+      script("$zkexport " + here + " " + there +
+             " | jq -c '.stack = \"same\"' | $zkexport --input --format=dot | grep -o 'early\\|late\\|label=.*same'"),
+      "label=\"192.168.1.2\\nsame\nearly\nlabel=\"192.0.2.2\\nsame\nlate\n"); /* each in a box of its own */
 }
 
 TEST(zkexport, takes_a_command_line_as_gnu_does_but_no_part_of_a_name) {

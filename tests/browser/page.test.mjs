@@ -1,0 +1,297 @@
+// SPDX-License-Identifier: MIT
+// The page of zkexport as a reader has it: in Chromium, at two widths, light and dark, on paper, with the script and without.
+//
+//   node --test page.test.mjs    with ZKEXPORT, NIGHT (night.py), PICTURES (a folder) and CHROMIUM in the environment
+import assert from 'node:assert/strict';
+import {execFileSync, spawnSync} from 'node:child_process';
+import {mkdtempSync, readFileSync, rmSync, writeFileSync} from 'node:fs';
+import {tmpdir} from 'node:os';
+import {join} from 'node:path';
+import {after, before, test} from 'node:test';
+import puppeteer from 'puppeteer-core';
+
+const {ZKEXPORT, NIGHT, PICTURES, CHROMIUM} = process.env;
+const axe = readFileSync(new URL('node_modules/axe-core/axe.min.js', import.meta.url), 'utf8');
+const folder = mkdtempSync(join(tmpdir(), 'page-'));
+const environment = {...process.env, TZ: 'Europe/Berlin', HOME: folder};
+const LIMIT = 256 * 1024 * 1024;
+let browser;
+
+before(async () => {
+  browser = await puppeteer.launch({
+    executablePath: CHROMIUM, userDataDir: join(folder, 'profile'), env: environment, protocolTimeout: 30000,
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+  });
+});
+after(async () => {
+  await browser.close();
+  rmSync(folder, {recursive: true});
+});
+
+const night = (amount, kind = 'night') => execFileSync(NIGHT, [amount, kind], {maxBuffer: LIMIT}).toString();
+const incidentsOf = lines => lines.trimEnd().split('\n').map(line => JSON.parse(line));
+const pageOf = lines => execFileSync(ZKEXPORT, ['--input', '--format=html'], {input: lines, env: environment, maxBuffer: LIMIT});
+
+/* Opens the page of the lines in a tab of its own. Requests and errors of the page are kept. */
+const open = async (lines, {width = 1280, look = 'light', script = true, hash = '', page = pageOf(lines)} = {}) => {
+  const file = join(folder, `page-${Math.random()}.html`);
+  writeFileSync(file, page);
+  const tab = await browser.newPage();
+  tab.problems = [];
+  tab.on('pageerror', error => tab.problems.push(error.message));
+  tab.on('console', message => tab.problems.push(message.text()));
+  tab.on('request', request => request.url().startsWith('file:') || tab.problems.push(request.url()));
+  await tab.setJavaScriptEnabled(script);
+  await tab.setViewport({width, height: 900});
+  await tab.emulateMediaFeatures([{name: 'prefers-color-scheme', value: look}]);
+  await tab.goto(`file://${file}${hash}`);
+  return tab;
+};
+/* The page as it is where scripts are off; axe needs them. */
+const plainOf = page => page.toString().replace(/<script>[^]*<\/script>/, '').replace(/<(\/?)noscript/g, '<$1div');
+const count = (tab, selector) => tab.evaluate(wanted => document.querySelectorAll(wanted).length, selector);
+const shown = tab => tab.$eval('.count', element => element.textContent);
+const objections = async tab => {
+  await tab.evaluate(axe);
+  const {violations} = await tab.evaluate(() => window.axe.run());
+  return violations.map(({id, nodes}) => `${id}: ${nodes[0].html}`);
+};
+const focus = tab => tab.evaluate(() => document.activeElement.closest('li')?.id ?? document.activeElement.tagName);
+const press = async (tab, ...keys) => {
+  for (const key of keys) await tab.keyboard.press(key);
+};
+const settle = () => new Promise(done => setTimeout(done, 300)); // longer than the page waits before it writes its address
+
+const NIGHT_12 = night(12), NIGHT_300 = night(300), NIGHT_10000 = night(10000);
+
+test('has nothing to object to for axe, whatever its look', async () => {
+  for (const [amount, page] of [[12, pageOf(NIGHT_12)], [300, pageOf(NIGHT_300)], ['plain', plainOf(pageOf(NIGHT_12))]])
+    for (const width of [1280, 390])
+      for (const look of ['light', 'dark']) {
+        const tab = await open('', {width, look, page});
+        const name = `${amount}-${width}-${look}`;
+        await tab.screenshot({path: join(PICTURES, `${name}.png`)});
+        await tab.click('.tree summary');
+        assert.deepEqual(await objections(tab), [], name);
+        assert.deepEqual(tab.problems, [], name);
+        assert.ok(await tab.evaluate(() => document.documentElement.scrollWidth <= window.innerWidth), `${name} is too wide`);
+        await tab.close();
+      }
+});
+
+test('shows all that is recorded without the script', async () => {
+  const tab = await open(NIGHT_300, {script: false});
+  const text = await tab.$eval('body', body => body.textContent);
+  for (const {description, details, id, source, node} of incidentsOf(NIGHT_300))
+    for (const part of [description, details, id, source.file, node]) assert.ok(text.includes(part), part);
+  assert.equal(await count(tab, '.tree li[id]'), 300);
+  assert.ok(await count(tab, 'svg a') > 40);
+  await tab.close();
+});
+
+test('shows 10,000 incidents in time, in few elements, of a file of 5 MB', async () => {
+  const started = performance.now();
+  const page = pageOf(NIGHT_10000);
+  const written = performance.now() - started;
+  assert.ok(page.length <= 5e6, `${page.length} bytes`);
+  const tab = await open('', {page});
+  const opened = await tab.evaluate(() => performance.timing.domContentLoadedEventEnd - performance.timing.navigationStart);
+  let elements = await count(tab, '*');
+  for (let screen = 0; screen < 20; ++screen) {
+    await tab.evaluate(() => window.scrollBy(0, 3000));
+    elements = Math.max(elements, await count(tab, '*'));
+  }
+  await settle();
+  const times = [];
+  await tab.focus('[name=q]');
+  for (const key of 'volume disk07') {
+    times.push(await tab.evaluate(letter => {
+      const from = performance.now(), box = document.querySelector('[name=q]');
+      box.value += letter;
+      box.dispatchEvent(new Event('input', {bubbles: true}));
+      document.body.getBoundingClientRect();
+      return performance.now() - from;
+    }, key));
+  }
+  console.log(`10,000 incidents: ${page.length} bytes, written in ${written.toFixed(0)} ms, to be read after ${opened} ms, ` +
+    `${elements} elements, at most ${Math.max(...times).toFixed(0)} ms a key`);
+  assert.ok(elements <= 5000, `${elements} elements`);
+  assert.ok(written < 3000 && opened < 5000 && Math.max(...times) < 500, 'ten times as slow as it should be');
+  assert.match(await shown(tab), /^[\d,]+ of 10,000 incidents$/);
+  await tab.screenshot({path: join(PICTURES, '10000.png')});
+  await tab.close();
+});
+
+test('leads from a mark to its row and back, by mouse and by keyboard', async () => {
+  const tab = await open(NIGHT_300);
+  const id = await tab.$eval('.canvas a[data-m="5"]', mark => decodeURIComponent(mark.getAttribute('href').slice(1)));
+  await tab.click('.canvas a[data-m="5"]');
+  assert.equal(await focus(tab), id);
+  await press(tab, 'Enter');
+  const record = await tab.waitForSelector('li:has(:focus) dl');
+  assert.ok((await record.evaluate(element => element.textContent)).includes(id));
+  await tab.click('li:has(:focus) .show');
+  assert.equal(await tab.evaluate(() => decodeURIComponent(document.activeElement.getAttribute('href').slice(1))), id);
+  await tab.close();
+});
+
+test('has one tab stop in the time line, and arrow keys inside it', async () => {
+  const tab = await open(NIGHT_300);
+  assert.equal(await count(tab, '.canvas [tabindex="0"]'), 1);
+  await tab.evaluate(() => document.querySelector('.canvas [tabindex="0"]').focus());
+  const place = () => tab.evaluate(() => {
+    const {x, y, height} = document.activeElement.getBoundingClientRect();
+    return {x, y: y + height / 2};
+  });
+  const first = await place();
+  await press(tab, 'ArrowRight');
+  const second = await place();
+  assert.ok(second.x > first.x && Math.abs(second.y - first.y) < 1);
+  await press(tab, 'ArrowDown');
+  assert.ok((await place()).y > second.y);
+  await press(tab, '+', '+');
+  assert.equal(await count(tab, '.overview .window'), 1);
+  assert.equal(await count(tab, '.canvas a:focus'), 1);
+  await press(tab, '0');
+  assert.equal(await count(tab, '.overview .window'), 0);
+  await tab.close();
+});
+
+test('has a skip link that leads past the time line', async () => {
+  const tab = await open(NIGHT_300);
+  await press(tab, 'Tab', 'Enter', 'Tab');
+  assert.equal(await tab.evaluate(() => document.activeElement.name), 'q');
+  await tab.close();
+});
+
+test('narrows rows and marks to what is asked for, and keeps it in its address', async () => {
+  const tab = await open(NIGHT_300);
+  const wanted = incidentsOf(NIGHT_300).filter(({description, node}) => /paused/.test(description) && node === '192.0.2.18');
+  const marksBefore = await count(tab, '.canvas a');
+  await tab.type('[name=q]', 'PAUSED');
+  await tab.select('[name=node]', await tab.$$eval('[name=node] option', options =>
+    options.find(option => option.textContent === '192.0.2.18').value));
+  await settle();
+  assert.equal(await shown(tab), `${wanted.length} of 300 incidents`);
+  assert.deepEqual(new Set(await tab.$$eval('.tree li[data-i]', rows => rows.map(row => row.id))),
+    new Set(wanted.map(({id}) => id)));
+  assert.ok(await count(tab, '.canvas a') < marksBefore);
+  const address = tab.url();
+  assert.match(address, /#q=PAUSED&node=192\.0\.2\.18$/);
+  const colleague = await browser.newPage();
+  await colleague.goto(address);
+  assert.equal(await shown(colleague), `${wanted.length} of 300 incidents`);
+  await colleague.close();
+  await tab.close();
+});
+
+test('reaches an incident by its Error ID, also among repeats that are folded away', async () => {
+  const folded = await open(NIGHT_300);
+  assert.ok(await count(folded, '.tree .all') > 0 && await count(folded, '.tree li[id]') < 300);
+  await folded.close();
+  for (const script of [true, false]) {
+    const {id} = incidentsOf(NIGHT_300).findLast(({description}) => description.startsWith('Client'));
+    const tab = await open(NIGHT_300, {hash: '#' + id, script});
+    assert.equal(await tab.evaluate(target => {
+      const box = document.getElementById(target).getBoundingClientRect();
+      return box.height > 0 && box.top >= 0 && box.bottom <= window.innerHeight;
+    }, id), true, `with the script: ${script}`);
+    await tab.close();
+  }
+});
+
+test('folds the effects of a cause away', async () => {
+  const tab = await open(NIGHT_12);
+  const rows = await count(tab, '.tree li[data-i]');
+  await tab.click('.fold');
+  const left = await count(tab, '.tree li[data-i]');
+  assert.ok(left < rows);
+  await press(tab, 'Enter');
+  assert.equal(await count(tab, '.tree li[data-i]'), rows);
+  await tab.close();
+});
+
+test('never draws an arrow over a mark, nor a mark over another', async () => {
+  for (const lines of [NIGHT_12, NIGHT_300, night(500)])
+    for (const script of [true, false]) {
+      const tab = await open(lines, {script});
+      const [isAbove, overlaps] = await tab.evaluate(() => {
+        const svg = document.querySelector('svg.canvas, .drawing svg');
+        const places = [...svg.querySelectorAll('path.arrow, path.tip, a')];
+        const firstMark = places.findIndex(element => element.tagName === 'a');
+        const boxes = [...svg.querySelectorAll('rect.mark')].map(mark => mark.getBoundingClientRect());
+        const overlapping = boxes.filter((one, at) => boxes.some((other, place) => place > at && one.top === other.top &&
+          one.left < other.right - 0.5 && other.left < one.right - 0.5));
+        return [places.slice(firstMark).some(element => element.tagName !== 'a'), overlapping.length];
+      });
+      assert.deepEqual([isAbove, overlaps], [false, 0]);
+      await tab.close();
+    }
+});
+
+test('prints 100 incidents with their records on at most 6 sheets', async () => {
+  for (const script of [true, false]) {
+    const tab = await open(night(100), {script});
+    const paper = join(PICTURES, script ? 'print.pdf' : 'print-plain.pdf');
+    await tab.pdf({path: paper, preferCSSPageSize: true, printBackground: true});
+    const sheets = Number(/Pages: +(\d+)/.exec(execFileSync('pdfinfo', [paper]))[1]);
+    assert.ok(sheets <= 6, `${sheets} sheets`);
+    const text = execFileSync('pdftotext', [paper, '-']).toString().replace(/\s/g, '');
+    for (const {id} of incidentsOf(night(100))) assert.ok(text.includes(id), `${id} is not on paper`);
+    await tab.close();
+  }
+});
+
+test('is not impressed by hostile texts, ages, circles, and what is endless or empty', async () => {
+  for (const [kind, amount] of [['hostile', 60], ['ages', 12], ['circle', 50], ['chain', 3000], ['night', 0]])
+    for (const script of [true, false]) {
+      const tab = await open(night(amount, kind), {script});
+      if (amount > 0 && script) assert.match(await shown(tab), new RegExp(`^${amount.toLocaleString('en')} incidents$`));
+      assert.equal(await count(tab, 'script'), 1);
+      assert.equal(await count(tab, 'li[id=x]'), 0);
+      assert.deepEqual(tab.problems, [], kind);
+      if (kind === 'hostile' && script) assert.deepEqual(await objections(tab), []);
+      await tab.screenshot({path: join(PICTURES, `${kind}${script ? '' : '-plain'}.png`)});
+      await tab.close();
+    }
+});
+
+test('shows the newest 20,000 of 100,000 incidents, and says so', async () => {
+  const tab = await open(night(100000));
+  assert.equal(await shown(tab), '20,000 incidents');
+  assert.match(await tab.$eval('.notes', notes => notes.textContent), /newest 20,000 of 100,000 incidents/);
+  await tab.close();
+});
+
+test('says the times in the zone of its reader, with UTC beside them', async () => {
+  for (const script of [true, false]) {
+    const tab = await open(NIGHT_12, {script});
+    assert.match(await tab.$eval('.span', span => span.textContent), /^Tue 2026-11-24 2\d:\d\d:\d\d to .* CET \(UTC 2026-11-24 /);
+    await tab.close();
+  }
+});
+
+test('keeps processes of one name and number apart by their nodes', async () => {
+  const [first] = incidentsOf(NIGHT_12);
+  const lines = ['192.0.2.2', '192.0.2.18'].map(node => JSON.stringify({...first, node, id: node})).join('\n');
+  const tab = await open(lines);
+  assert.deepEqual(await tab.$$eval('.lanes li', names => names.map(name => name.textContent.trim())),
+    ['192.0.2.2', 'stn_sync 3318', '192.0.2.18', 'stn_sync 3318']);
+  await tab.close();
+});
+
+test('can be read when the script fails', async () => {
+  const page = pageOf(NIGHT_12).toString().replace('data-bursts', 'data-none');
+  const tab = await open('', {page});
+  assert.equal(await count(tab, '.tree li[id]'), 12);
+  assert.ok(await count(tab, '.drawing svg a') > 5);
+  assert.equal(tab.problems.length, 1);
+  await tab.close();
+});
+
+test('ends as zkexport does when a line is none', () => {
+  const {status, stderr} = spawnSync(ZKEXPORT, ['--input', '--format=html'], {input: NIGHT_12 + '{}\n', env: environment});
+  assert.equal(status, 1);
+  assert.match(stderr.toString(), /line 13/);
+});
