@@ -237,18 +237,21 @@ TEST(recording, goes_on_in_stacks_of_every_fill) {
   std::mt19937 random(seed);
   auto below = [&](size_t limit) { return random() % limit; };
   for (int round = 0; round < 12; ++round) {
-    const int32_t start = static_cast<int32_t>(24 + (round % 2 == 0 ? 0 : below(5000)));
-    stack empty(static_cast<int32_t>(8192 + below(8193)));
-    empty.header = {start, start, start, empty.header.file_size, 0};
+    /* A third of them have room for two records, just so, or some more. */
+    const bool is_small = round % 3 == 0;
+    const int32_t size = static_cast<int32_t>(8192 + below(8193));
+    const int32_t start = is_small ? size - 1400 - static_cast<int32_t>(below(3000)) : 24;
+    stack empty(size);
+    empty.header = {start, start, start, size, 0};
     const std::string path = empty.file();
-    const int32_t size = empty.header.file_size;
     std::vector<int> recorded;
     zk_recorder_t* recorders[2] = {};
     for (int number = 1000; number < 1100; ++number) {
       zk_recorder_t*& recorder = recorders[below(2)];
       const int opened = recorder == nullptr ? zk_open_recorder(0, nullptr, path.c_str(), &recorder) : 0;
       ASSERT_EQ(opened, 0);
-      const std::string message = std::to_string(number) + std::string(below(4) == 0 ? below(600) : below(20), 'm');
+      const std::string message =
+          std::to_string(number) + std::string(!is_small && below(4) == 0 ? below(600) : below(20), 'm');
       const shown_t before = shown(path);
       const int32_t begin = write_pos(path);
 
@@ -281,7 +284,8 @@ TEST(recording, goes_on_in_stacks_of_every_fill) {
       ASSERT_EQ(before.records.size() + 1 - after.records.size(), must_go(before, position, write_pos(path), begin));
       size_t kept = 0;
       for (const std::string& each : after.records) kept += each.size();
-      ASSERT_TRUE(after.numbers.size() == recorded.size() || kept >= static_cast<size_t>(size - start) / 2);
+      const bool is_all = after.numbers.size() == recorded.size();
+      ASSERT_TRUE(is_all || (is_small ? after.numbers.size() > 1 : kept >= static_cast<size_t>(size - start) / 2));
       if (below(10) == 0) zk_close_recorder(std::exchange(recorder, nullptr));
     }
     for (zk_recorder_t* recorder : recorders) zk_close_recorder(recorder);
@@ -475,18 +479,16 @@ TEST(lock, is_waited_for_whatever_signals_come) {
 
 TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards) {
   const std::string path = empty_stack();
-  std::atomic<int> id = 0;
-  std::thread other([&] {
+  int id = 0, cancel_state = PTHREAD_CANCEL_DISABLE;
+  std::thread([&] {
     record(path, 1000);
     id = gettid();
-    for (;;) pause();
-  });
-  while (id == 0) usleep(1000);
-  pthread_cancel(other.native_handle());
-  other.join(); /* or this test does not end */
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancel_state);
+  }).join();
+  EXPECT_EQ(cancel_state, PTHREAD_CANCEL_ENABLE);
   zk_record_t fields;
-  const std::string record = shown(path).records.at(0) + '\0';
-  EXPECT_EQ(zk_parse_record(record.data(), &fields), 0);
+  const std::string recorded = shown(path).records.at(0) + '\0';
+  EXPECT_EQ(zk_parse_record(recorded.data(), &fields), 0);
   EXPECT_EQ(fields.thread_id, id);
   EXPECT_EQ(fields.process_id, getpid());
   EXPECT_EQ(fields.parent_id, getppid());
