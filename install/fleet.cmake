@@ -13,6 +13,7 @@ if(ZKVIEW_FLEET)
   install(PROGRAMS ../fleet/zelk-middle-setup DESTINATION sbin COMPONENT middle)
   install(FILES ../fleet/schema.sql DESTINATION share/zelk COMPONENT middle)
   install(FILES ../fleet/zelk-gather.service ../fleet/zelk-page.service ../fleet/zelk-page.timer
+          ../fleet/zelk-drop.service ../fleet/zelk-drop.timer
           DESTINATION lib/systemd/system COMPONENT middle)
   install(FILES zkview-middle.sysusers DESTINATION lib/sysusers.d RENAME zkview-middle.conf COMPONENT middle)
   install(FILES ../man/zelk-chain.1 ../man/zelk-check.1 ../man/zelk-page.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT middle)
