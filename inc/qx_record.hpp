@@ -194,6 +194,7 @@ struct argument_t {
       }
     } else {
       recorded.cu_arg_type = CU_ERROR_ARG_VOID_PTR;
+      field.cu_arg_void_ptr = nullptr; /* all of it: a union is zeroed as far as its first member */
       if constexpr (!std::is_null_pointer_v<Type>)
         field.cu_arg_void_ptr = const_cast<void*>(reinterpret_cast<const volatile void*>(value)); /* only its address */
     }

@@ -154,7 +154,8 @@ static void set_up_incident(const std::string& details) {
   static std::string associated;
   const auto [field, value] = split(details);
   if (field == "arguments") incident.argument_count = 1;
-  if (value != "NULL" && field == "arguments") argument = {std::stoi(value), {}}, incident.arguments = &argument;
+  if (value != "NULL" && field == "arguments")
+    argument = {std::stoi(value), {.cu_arg_char_str = nullptr}}, incident.arguments = &argument;
   if (field == "associated") associated = value, incident.associated_eid = associated.c_str();
 }
 static void set_up_stack(const std::string& lines) {
