@@ -595,6 +595,7 @@
 
   const drawTimeLine = () => {
     if (items.length === 0) return;
+    overviewWidth = Math.max(60, overview.getBoundingClientRect().width); /* read before anything is written */
     width = isPrinting ? 1000 : Math.max(160, pane.clientWidth - one('.lanes').offsetWidth);
     scale = width / (view()[1] - view()[0]);
     const top = isPrinting ? 0 : pane.scrollTop - 200, bottom = isPrinting ? height : pane.scrollTop + pane.clientHeight + 200;
@@ -627,8 +628,19 @@
     light();
   };
 
+  /* Draws with the next frame, once for all that has changed until then. */
+  let isToBeDrawn = false;
+  const redraw = () => {
+    if (isToBeDrawn) return;
+    isToBeDrawn = true;
+    requestAnimationFrame(() => {
+      isToBeDrawn = false;
+      drawTimeLine();
+    });
+  };
+
   const drawOverview = () => {
-    const across = overviewWidth = Math.max(60, overview.getBoundingClientRect().width);
+    const across = overviewWidth;
     const columns = new Float64Array(Math.ceil(across / 3) + 1);
     for (const item of matching) ++columns[Math.floor(item.place / extent * across / 3)];
     const most = Math.max(1, ...columns);
@@ -728,8 +740,11 @@
   /* ---- Lighting up a chain -------------------------------------------------------------------------------------------- */
 
   let litRoots = new Set();
+  let wasLit = false;
   const light = () => {
     const isLit = litRoots.size > 0;
+    if (!isLit && !wasLit) return;
+    wasLit = isLit;
     canvas.classList.toggle('lit', isLit);
     for (const element of canvas.children) {
       const mark = element.dataset.m && marks[element.dataset.m];
@@ -836,7 +851,7 @@
     look.id = '';
     findMatching();
     showList();
-    drawTimeLine();
+    redraw(); /* typing does not wait for it */
     keepLook();
   };
 
@@ -937,15 +952,6 @@
       hideHint();
       goToAnchor(first.anchor);
     });
-    let isWaiting = false;
-    const redraw = () => {
-      if (isWaiting) return;
-      isWaiting = true;
-      requestAnimationFrame(() => {
-        isWaiting = false;
-        drawTimeLine();
-      });
-    };
     if (height > 900) pane.addEventListener('scroll', redraw);
     new ResizeObserver(() => {
       if (width !== Math.max(160, pane.clientWidth - one('.lanes').offsetWidth)) redraw();
