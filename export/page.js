@@ -557,7 +557,7 @@
       freeFrom = x + TICK - 20;
       const clock = clockOf(time, step < 1e6);
       lines += `<path class=grid d="M${x} 0V${height}"/>`;
-      ticks += `<text class=time x="${clamp(x, 24, width - 24)}" y=32>${step >= 60e6 ? clock.slice(0, 5) : clock}</text>`;
+      ticks += `<text class=time x="${clamp(x, step < 1e6 ? 34 : 24, width - 34)}" y=32>${step >= 60e6 ? clock.slice(0, 5) : clock}</text>`;
     };
     add(timeAt(view()[0]), -1000, 1e6); /* the date at the left edge stays in sight */
     bursts.forEach((burst, at) => {
@@ -570,7 +570,7 @@
           ticks += `<rect class=break x="${left}" y=20 width="${right - left}" height=24 />` +
             (right - left < 36 ? '' : `<text class=pause x="${(left + right) / 2}" y=32>${pauseText(burst.from - before.to)}</text>`);
         }
-        freeFrom = right;
+        freeFrom = Math.max(freeFrom, right);
       }
       if (end < -60 || x > width + 60) return;
       const span = burst.to - burst.from;

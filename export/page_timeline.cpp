@@ -382,7 +382,7 @@ static std::string make_axis(const drawing_t& drawing) {
     std::string clock = local_clock(time, step < SECOND);
     if (step >= 60 * SECOND) clock.resize(5);
     svg += formatted("<path class=\"grid\" d=\"M%.0f 38V%.0f\"/><text class=\"time\" x=\"%.0f\" y=\"32\">%s</text>\n",
-                     x, drawing.height, std::max(x, 18.0), clock.c_str());
+                     x, drawing.height, std::max(x, step < SECOND ? 34.0 : 24.0), clock.c_str());
   };
   for (size_t at = 0; at < drawing.bursts.size(); ++at) {
     const burst_t& burst = drawing.bursts[at];
@@ -393,7 +393,7 @@ static std::string make_axis(const drawing_t& drawing) {
           "<rect class=\"break\" x=\"%.0f\" y=\"20\" width=\"%.0f\" height=\"%.0f\"/>"
           "<text class=\"pause\" x=\"%.0f\" y=\"32\">%s</text>\n",
           x, BREAK_WIDTH, drawing.height - 20, x + BREAK_WIDTH / 2, pause_text(burst.from - before.to).c_str());
-      free_from = burst.x - BURST_PAD;
+      free_from = std::max(free_from, burst.x - BURST_PAD);
     }
     const int64_t step = find_step(burst), offset = local_offset(burst.from);
     int64_t time = (burst.from + offset) / step * step - offset;
