@@ -62,17 +62,22 @@ def disk():
     return float(next(line for line in answer.splitlines() if line.strip().startswith("fdatasync ")).split()[1])
 
 
+def copied_row(key, line, cause=None):
+    """A row as COPY takes it."""
+    bucket = fleet.ALPHABET.index(key[13]) + 64 * fleet.ALPHABET.index(key[14])
+    at = line[line.index('"id_time":"') + 11:][:27]
+    return f"{bucket}\t{at}\t{key}\t{cause or chr(92) + 'N'}\tcopied\t" + line.replace("\\", "\\\\") + "\n"
+
+
 def copied(count):
     """Rows a second by COPY into the same table, a thousand a commit."""
     lines = lines_of(count)
     keys = [id_of(first_free - count + number) for number in range(count)]
     with open(fleet.folder + "/copy.sql", "w") as script:
         for first in range(0, count, 1000):
-            script.write("COPY zelk_incident (bucket, time, key, host, incident) FROM STDIN;\n")
+            script.write("COPY zelk_incident (bucket, time, key, cause, host, incident) FROM STDIN;\n")
             for line, key in zip(lines[first:first + 1000], keys[first:first + 1000]):
-                bucket = fleet.ALPHABET.index(key[13]) + 64 * fleet.ALPHABET.index(key[14])
-                at = line[line.index('"id_time":"') + 11:][:27]
-                script.write(f"{bucket}\t{at}\t{key}\tcopied\t" + line.replace("\\", "\\\\") + "\n")
+                script.write(copied_row(key, line))
             script.write("\\.\n")
     begin = time.monotonic()
     run("psql", "-Xqf", fleet.folder + "/copy.sql")
@@ -225,45 +230,46 @@ def killed(kills, count, kill_one):
 
 # ---- Questions ----------------------------------------------------------------------------------------------------------
 
-FILL = """
-INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
-  SELECT zelk_bucket(key), zelk_time(key), key, cause, 'node' || n %% 100,
-         replace(replace(%(line)s, '@ID', key), '@CAUSE', coalesce('"' || cause || '"', 'null'))::json
-    FROM (SELECT n, zelk_id(n, %(second)s + n / %(rate)s) AS key,
-                 CASE WHEN n %% %(chain)s <> 0 THEN zelk_id(n - 1, %(second)s + (n - 1) / %(rate)s) END AS cause
-            FROM generate_series(%(first)s, %(last)s) n) each
-"""
-
-
-def fill(first, count, days, chain):
-    """Rows of the last days in chains of that length."""
-    def term(number, count):
-        return " || ".join(f"substr('{fleet.ALPHABET}', (({number}) >> {6 * at} & 63)::int + 1, 1)" for at in range(count))
-
-    query("CREATE OR REPLACE FUNCTION zelk_id(n int, second bigint) RETURNS text LANGUAGE sql IMMUTABLE RETURN "
-          f"'7' || {term('n', 6)} || {term('second', 6)} || {term('n * 997::bigint % 1000000', 4)} || '06...1...................'")
-    line = "'" + fleet.LINE.replace("'", "''") + "'"
-    query(FILL % {"line": line, "first": first, "last": first + count - 1, "chain": chain,
-                  "rate": max(1, count // (days * 86400)), "second": int(time.time()) - days * 86400})
+def fill(count, days, chain):
+    """Rows of the last days, evenly, in chains of that length."""
+    begin = time.time() - days * 86400
+    copy = subprocess.Popen(["psql", "-Xq", "-v", "ON_ERROR_STOP=1"], stdin=subprocess.PIPE, text=True, env=fleet.environment)
+    copy.stdin.write("COPY zelk_incident (bucket, time, key, cause, host, incident) FROM STDIN;\n")
+    cause = None
+    for number in range(count):
+        second = int(begin + number * days * 86400 / count)
+        key = id_of(number, second)
+        cause = cause if number % chain else None
+        copy.stdin.write(copied_row(key, line_of(number, second, cause), cause))
+        cause = key
+    copy.stdin.write("\\.\n")
+    copy.stdin.close()
+    copy.wait()
     query("VACUUM ANALYZE")
     query("CHECKPOINT")
 
 
 def timed(question):
-    """Seconds, and MiB of memory, that a question takes in a session of its own."""
+    """Seconds of CPU, and MiB of memory, that a question takes in a session of its own."""
     session = subprocess.Popen(["psql", "-XqAt"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=fleet.environment)
-    session.stdin.write("SELECT pg_backend_pid();\n")
-    session.stdin.flush()
-    backend = int(session.stdout.readline())
-    begin = time.monotonic()
-    session.stdin.write(f"SELECT count(*) FROM ({question}) answer;\n")
-    session.stdin.flush()
-    session.stdout.readline()
-    took = time.monotonic() - begin
-    private = sum(int(line.split()[1]) for line in open(f"/proc/{backend}/smaps_rollup")
-                  if line.startswith("Private_Dirty")) // 1024
+
+    def ask(text):
+        session.stdin.write(text + ";\n")
+        session.stdin.flush()
+        return session.stdout.readline().strip()
+
+    backend = ask("SELECT pg_backend_pid()")
+    ask("SET max_parallel_workers_per_gather = 0; SELECT 1")
+
+    def cpu():
+        return sum(int(ticks) for ticks in open(f"/proc/{backend}/stat").read().rpartition(")")[2].split()[11:13]) / TICKS
+
+    begin = cpu()
+    ask(f"SELECT count(*) FROM ({question}) answer")
+    took = cpu() - begin
+    private = sum(int(line.split()[1]) for line in open(f"/proc/{backend}/smaps_rollup") if line.startswith("Private_Dirty"))
     session.kill()
-    return took, private
+    return f"{took:.2f} s of CPU, {private // 1024} MiB"
 
 
 def main():
@@ -312,20 +318,20 @@ def main():
     for month in range(5):
         query(f"SELECT zelk_make_partition(now() - {month} * interval '1 month')", "questions")
     globals()["query"] = lambda text: fleet.query(text, "questions")
-    fill(0, 1_000_000, 100, 4)
-    took, memory = timed("SELECT * FROM zelk_first_causes(now() - interval '101 days')")
-    row("zelk_first_causes of 1,000,000 rows of 100 days", f"{took:.1f} s, {memory} MiB")
-    took, memory = timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')")
-    row("the same of the last day", f"{took:.2f} s, {memory} MiB")
+    fill(1_000_000, 100, 4)
+    row("zelk_first_causes of 1,000,000 rows of 100 days", timed("SELECT * FROM zelk_first_causes(now() - interval '101 days')"))
+    row("the same of the last day", timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')"))
     keys = query("SELECT key FROM zelk_incident WHERE cause IS NOT NULL LIMIT 30").split()
-    row("zelk_chain in 1,000,000 rows",
-        f"{statistics.median(float(query(f'EXPLAIN (ANALYZE, SUMMARY) SELECT * FROM zelk_chain($${key}$$)').split('Execution Time: ')[1].split()[0]) for key in keys):.1f} ms")
+    plans = [query(f"EXPLAIN (ANALYZE, SUMMARY) SELECT * FROM zelk_chain('{key}')") for key in keys]
+    times = [float(plan.split("Execution Time: ")[1].split()[0]) for plan in plans]
+    row("zelk_chain in 1,000,000 rows, median", f"{statistics.median(times):.1f} ms")
     size = float(query("SELECT sum(pg_total_relation_size(relid)) FROM pg_partition_tree('zelk_incident')"))
     row("bytes a row", f"{size / 1_000_000:.0f}")
     query("TRUNCATE zelk_incident")
-    fill(0, 100_000, 1, 1_000_000)
-    took, memory = timed("SELECT * FROM zelk_first_causes(now() - interval '2 days')")
-    row("zelk_first_causes of one chain of 100,000", f"{took:.1f} s, {memory} MiB")
+    fill(100_000, 1, 100_000)
+    row("zelk_first_causes of one chain of 100,000", timed("SELECT * FROM zelk_first_causes(now() - interval '2 days')"))
+    key = query("SELECT key FROM zelk_incident WHERE cause IS NULL")
+    row("zelk_chain of it", timed(f"SELECT * FROM zelk_chain('{key}')"))
 
 
 def allow_watches(count):

@@ -538,26 +538,29 @@ DECLARE
   sizes int[] := ARRAY[1];   -- how many they are with all that they led to
   places int[] := ARRAY[1];  -- where they stand in the answer
   next int[];                -- where the next effect of each stands
+  level text[] := ARRAY[id]; -- the keys of the newest one, the first of which has the number
   first int := 1;
   last int := 1;
-  effect record;
+  behind int;
+  effects text[];
+  numbers bigint[];          -- of their causes in the level
 BEGIN
+  -- Each incident has one cause, so only the first can be met again.
   WHILE first <= last LOOP
-    -- The effects of one level. Each incident has one cause, so only the first can be met again.
-    FOR effect IN
-      SELECT i.key, level.number FROM unnest(keys[first:last]) WITH ORDINALITY AS level (key, number)
-        JOIN zelk_incident i ON i.cause = level.key
-        WHERE i.cause = ANY (keys[first:last]) AND i.key <> id
-        ORDER BY i.time, i.key
-    LOOP
-      keys := keys || effect.key;
-      parents := parents || first + effect.number::int - 1;
-      levels := levels || levels[first] + 1;
-      sizes := sizes || 1;
-      places := places || 0;
+    SELECT array_agg(i.key ORDER BY i.time, i.key), array_agg(cause.number ORDER BY i.time, i.key) INTO effects, numbers
+      FROM zelk_incident i JOIN unnest(level) WITH ORDINALITY AS cause (key, number) ON cause.key = i.cause
+      WHERE i.cause = ANY (level) AND i.key <> id;
+    behind := last;
+    FOR number IN 1..coalesce(cardinality(effects), 0) LOOP
+      last := last + 1;
+      keys[last] := effects[number];
+      parents[last] := first + numbers[number] - 1;
+      levels[last] := levels[first] + 1;
+      sizes[last] := 1;
+      places[last] := 0;
     END LOOP;
-    first := last + 1;
-    last := cardinality(keys);
+    first := behind + 1;
+    level := effects;
   END LOOP;
 
   FOR number IN REVERSE last..2 LOOP
