@@ -586,7 +586,8 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
   SELECT * FROM zelk_effects(coalesce(
     (SELECT coalesce(c.cause, c.key) FROM zelk_causes(zelk_chain.id) c ORDER BY c.depth DESC LIMIT 1), zelk_chain.id)) $$;
 
--- What zelk_first_causes looks at: incidents since then, numbered from 1, behind them the earlier ones to which their causes lead.
+-- What zelk_first_causes looks at: incidents since then, before them the earlier ones to which their causes lead, numbered from 1 in
+-- the order of their times.
 CREATE OR REPLACE FUNCTION zelk_numbered(since timestamptz)
 RETURNS TABLE (number int, key text, cause text, is_recent boolean) LANGUAGE sql STABLE AS $$
   WITH RECURSIVE earlier (key) AS (
@@ -594,51 +595,58 @@ RETURNS TABLE (number int, key text, cause text, is_recent boolean) LANGUAGE sql
     UNION
     SELECT i.cause FROM earlier, zelk_row(earlier.key) i WHERE zelk_time(i.cause) < since
   )
-  SELECT row_number() OVER (ORDER BY NOT is_recent, key COLLATE "C")::int, key, cause, is_recent FROM (
-    SELECT i.key, i.cause, true AS is_recent FROM zelk_incident i WHERE i.time >= since
+  SELECT row_number() OVER (ORDER BY is_recent, time, key COLLATE "C")::int, key, cause, is_recent FROM (
+    SELECT i.key, i.cause, i.time, true AS is_recent FROM zelk_incident i WHERE i.time >= since
     UNION ALL
-    SELECT i.key, i.cause, false FROM earlier, zelk_row(earlier.key) i) either $$;
+    SELECT i.key, i.cause, i.time, false FROM earlier, zelk_row(earlier.key) i) either $$;
 
 -- First causes of what has been recorded since then, those with the most effects first. Incidents that caused nothing are
 -- in it with 0 effects; a first cause that has not come in has no time, host and incident.
 CREATE OR REPLACE FUNCTION zelk_first_causes(since timestamptz)
 RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json)
-LANGUAGE plpgsql STABLE SET work_mem = '16MB' AS $$
+LANGUAGE plpgsql STABLE SET work_mem = '8MB' AS $$
 #variable_conflict use_column
 DECLARE
   causes int[];  -- number of the cause of each, 0 for none, -1 for one that has not come in
-  heads int[];   -- number of the first of its chain; 0 while it is not known, minus the number of a walk that goes on
+  heads int[];   -- number of the first of its chain; 0 while it is not known, less than 0 on a walk that has found none
   effects int[]; -- how many recent ones each heads
-  recent int;    -- how many there are
+  earlier int;   -- how many are not recent
   place int;
   head int;
-  step int;
 BEGIN
   WITH numbered AS MATERIALIZED (SELECT * FROM zelk_numbered(since))
   SELECT array_agg(coalesce(cause.number, CASE WHEN each.cause IS NULL THEN 0 ELSE -1 END) ORDER BY each.number),
-         array_agg(0), array_agg(0), count(*) FILTER (WHERE each.is_recent)
-    INTO causes, heads, effects, recent
+         array_agg(0), array_agg(0), count(*) FILTER (WHERE NOT each.is_recent)
+    INTO causes, heads, effects, earlier
     FROM numbered each LEFT JOIN numbered cause ON cause.key = each.cause;
 
-  FOR number IN 1..recent LOOP
-    place := number;
-    WHILE heads[place] = 0 LOOP
-      IF causes[place] <= 0 THEN
-        heads[place] := place;
+  FOR number IN 1..coalesce(cardinality(causes), 0) LOOP
+    head := heads[number];
+    IF head = 0 THEN
+      place := causes[number];
+      head := CASE WHEN place <= 0 THEN number ELSE heads[place] END; -- a cause comes before its effects
+      IF head <= 0 THEN -- unless a clock was set back: walk to where the first is known
+        place := number;
+        WHILE heads[place] = 0 AND causes[place] > 0 LOOP
+          heads[place] := -number;
+          place := causes[place];
+        END LOOP;
+        head := CASE WHEN heads[place] = 0 THEN place ELSE heads[place] END;
+        IF head > 0 THEN
+          heads[place] := head;
+          place := number;
+          WHILE heads[place] < 0 LOOP
+            heads[place] := head;
+            place := causes[place];
+          END LOOP;
+        END IF;
       ELSE
-        heads[place] := -number;
-        place := causes[place];
+        heads[number] := head;
       END IF;
-    END LOOP;
-    head := heads[place];
-    CONTINUE WHEN head < 0; -- a circle has no first cause, nor has what it led to
-    effects[head] := effects[head] + 1;
-    place := number;
-    WHILE heads[place] < 0 LOOP
-      step := causes[place];
-      heads[place] := head;
-      place := step;
-    END LOOP;
+    END IF;
+    IF head > 0 AND number > earlier THEN -- a circle has no first cause, nor has what it led to
+      effects[head] := effects[head] + 1;
+    END IF;
   END LOOP;
 
   RETURN QUERY
