@@ -3,6 +3,7 @@
 and COPY do in it."""
 import os
 import random
+import select
 import selectors
 import socket
 import statistics
@@ -265,11 +266,15 @@ def timed(question):
         return sum(int(ticks) for ticks in open(f"/proc/{backend}/stat").read().rpartition(")")[2].split()[11:13]) / TICKS
 
     begin = cpu()
-    ask(f"SELECT count(*) FROM ({question}) answer")
+    session.stdin.write(f"SELECT count(*) FROM ({question}) answer;\n")
+    session.stdin.flush()
+    most = 0
+    while not select.select([session.stdout], [], [], 0.02)[0]:
+        status = open(f"/proc/{backend}/status").read()
+        most = max(most, int(status.split("RssAnon:")[1].split()[0]) // 1024)
     took = cpu() - begin
-    private = sum(int(line.split()[1]) for line in open(f"/proc/{backend}/smaps_rollup") if line.startswith("Private_Dirty"))
     session.kill()
-    return f"{took:.2f} s of CPU, {private // 1024} MiB"
+    return f"{took:.2f} s of CPU, {most} MiB"
 
 
 def main():

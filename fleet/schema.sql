@@ -616,9 +616,11 @@ DECLARE
 BEGIN
   WITH numbered AS MATERIALIZED (SELECT * FROM zelk_numbered(since))
   SELECT array_agg(coalesce(cause.number, CASE WHEN each.cause IS NULL THEN 0 ELSE -1 END) ORDER BY each.number),
-         array_agg(0), array_agg(0), count(*) FILTER (WHERE NOT each.is_recent)
-    INTO causes, heads, effects, earlier
+         count(*) FILTER (WHERE NOT each.is_recent)
+    INTO causes, earlier
     FROM numbered each LEFT JOIN numbered cause ON cause.key = each.cause;
+  heads := array_fill(0, ARRAY[coalesce(cardinality(causes), 0)]);
+  effects := heads;
 
   FOR number IN 1..coalesce(cardinality(causes), 0) LOOP
     head := heads[number];
