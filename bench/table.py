@@ -88,6 +88,18 @@ def exports():
         row("10,000 records as json", "`journalctl -o json` of 10,000 entries", f"{ratio(times, 0, 1):.2f}", "0.2")
 
 
+def from_python(incident):
+    """How fast Python records, beside the C call and the handler that Python has."""
+    libraries = {"LD_LIBRARY_PATH": build, "PYTHONPATH": "python", "PYTHONDONTWRITEBYTECODE": "1"}
+    report = subprocess.run(["/usr/bin/python3", "bench/python_bench.py"], check=True, capture_output=True, text=True,
+                            env={**environment, **libraries}).stdout
+    nanoseconds = json.loads(report)
+    row("`record` of `zelk`, the Python package", "an incident with an open recorder",
+        f"{nanoseconds['record'] / incident:.2f}", "5")
+    row("a line logged by `zelk.Handler`", "by Python's `SysLogHandler`",
+        f"{nanoseconds['Handler'] / nanoseconds['SysLogHandler']:.2f}", "1.5")
+
+
 def row(what, against, measured, goal):
     print(f"| {what} | {against} | {measured} | {goal} |")
 
@@ -140,6 +152,7 @@ def main():
         f"{incident / nanoseconds['insert_into_sqlite']:.2f}", "")
     row("an incident with an open recorder", "a line of syslog to a local datagram socket",
         f"{incident / nanoseconds['send_to_syslog_socket']:.2f}", "")
+    from_python(incident)
     for name in ("zk_decode_eid_2_remote", "decode_record", "format_description", "walk_full_stack"):
         row(f"`{name}`", "", f"{nanoseconds[name]:.0f} ns", "")
 

@@ -83,8 +83,8 @@ static candidate_t find_own(int folder, const unit_t& unit, const run_t& run) {
   std::set<int32_t> processes = run.processes;
   if (unit.process_id > 1) processes.insert(unit.process_id);
   const record_check_t is_own = [&](zk_record_t* record) {
-    const bool is_known = processes.count(record->process_id) != 0;
-    if (!is_known && processes.count(record->parent_id) == 0) return false;
+    const bool is_known = processes.contains(record->process_id);
+    if (!is_known && !processes.contains(record->parent_id)) return false;
     processes.insert(record->process_id);
     return true;
   };

@@ -95,7 +95,7 @@ static void read_failed_command(const object_t& object, const char* name, unit_t
 static std::string path_of(const std::string& name) {
   char* path = nullptr;
   sd_bus_path_encode("/org/freedesktop/systemd1/unit", name.c_str(), &path);
-  const std::string text = path != nullptr ? path : "";
+  std::string text = path != nullptr ? path : "";
   std::free(path);
   return text;
 }
