@@ -183,11 +183,21 @@ static std::string cause_line(const std::string& cause) {
   return line;
 }
 
+/* Why a dump file cannot be copied, the empty text for nothing. */
+static std::string dump_problem(const std::string& path) {
+  const int fildes = zk_open_regular(path.c_str(), O_RDONLY);
+  if (fildes == -1) return std::strerror(errno);
+  struct stat status = {};
+  fstat(fildes, &status);
+  close(fildes);
+  if (S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
+  return S_ISREG(status.st_mode) ? "" : message_text(TOOL_MSG_NOT_REGULAR);
+}
+
 /* Copies the dump file. Returns the name to record: that of the copy or, where none can be made, its own. */
 static std::string preserve_dump(const command_trace_t& trace, const request_t& request, const process_t& process) {
-  const int fildes = zk_open_regular(request.dump.c_str(), O_RDONLY);
-  if (fildes == -1) fail(request.dump, std::strerror(errno));
-  if (fildes != -1) close(fildes);
+  const std::string problem = dump_problem(request.dump);
+  if (!problem.empty()) fail(request.dump, problem);
   setenv("ZELKPNAME", process.name.c_str(), 0);
   std::array<char, ZELK_DUMP_NAME_SIZE> kept = {};
   zk_make_dump_file_copy(trace.active, trace.file.data(), request.dump.c_str(), kept.data());
