@@ -239,28 +239,31 @@ TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
   });
 }
 
-/* The child would move the position at which its parent reads and writes. */
+/* The child would move the position at which its parent reads and writes: while the thread waits for another one, and while
+ * it waits for the lock. */
 TEST_F(trace_file, has_no_entry_of_a_child_that_a_signal_handler_forks_and_returns_in) {
-  in_child([&] {
-    const other_process other(path);
-    static pid_t forked = -1;
-    signal(SIGUSR1, [](int) { forked = fork(); });
-    std::thread writer([&] { trace(path, "of the thread"); });
-    usleep(30000);
-    std::thread sender([tracer = pthread_self()] {
+  for (const size_t others : {0U, 1U})
+    in_child([&] {
+      const other_process other(path);
+      static pid_t forked = -1;
+      signal(SIGUSR1, [](int) { forked = fork(); });
+      std::vector<std::thread> threads;
+      if (others == 1) threads.emplace_back([&] { trace(path, "of the thread"); });
       usleep(30000);
-      pthread_kill(tracer, SIGUSR1);
+      threads.emplace_back([tracer = pthread_self()] {
+        usleep(30000);
+        pthread_kill(tracer, SIGUSR1);
+      });
+      const size_t before = trace_entries(path).size();
+      const int result = trace(path);
+      if (forked == 0) _exit(result == -28 ? 0 : 1);
+      int status = -1;
+      EXPECT_EQ(result, 0);
+      EXPECT_EQ(waitpid(forked, &status, 0), forked);
+      EXPECT_EQ(status, 0);
+      EXPECT_EQ(trace_entries(path).size(), before + 1 + others);
+      for (std::thread& each : threads) each.join();
     });
-    const int result = trace(path);
-    if (forked == 0) _exit(result == -28 ? 0 : 1);
-    int status = -1;
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(waitpid(forked, &status, 0), forked);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(trace_entries(path).size(), 2U);
-    sender.join();
-    writer.join();
-  });
 }
 
 /* A trace file that is the stack drops the stack's lock with the first entry. */
