@@ -478,7 +478,7 @@ def three_nodes(gatherer):
     expect("the chain is whole, and its texts do not drive the terminal", (len(chain.splitlines()), "disk?07" in chain),
            (4, True))
     page = subprocess.run([fleet.FLEET + "/chain", "--html", third], env=reader, capture_output=True, text=True).stdout
-    expect("it can be looked at as a page", f'id="{second}"' in page, True)
+    expect("it can be looked at as a page", f"<code>{second}</code>" in page, True)
 
     # Files that are begun now are sent at once, and those before them go.
     record_many(nodes[0], "later", 500).communicate()
