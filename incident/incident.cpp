@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -111,6 +112,16 @@ static argument_t decode_argument(const cu_error_arg_t& argument) {
 
 /* ---- Records ------------------------------------------------------------------------------------------------------- */
 
+/* Cuts a description at a whole character, and says so as details do. */
+static void cut_description(std::string* text) {
+  static constexpr std::string_view MARK = "...";
+  size_t end = DESCRIPTION_MAX - MARK.size();
+  const size_t latest = end - std::min(end, size_t{3}); /* where a character that is cut in two may begin */
+  while (end > latest && (static_cast<unsigned char>((*text)[end]) & 0xC0) == 0x80) --end;
+  text->resize(end);
+  *text += MARK;
+}
+
 /* Fills in what a record says, all but `stack` and `offset`. */
 static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
   const zk_record_t& fields = decoded.fields;
@@ -136,6 +147,8 @@ static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
   char* const text = zk_describe(decoded);
   incident->description = text != nullptr ? text : "";
   free(text);
+  incident->is_cut = incident->description.size() > DESCRIPTION_MAX;
+  if (incident->is_cut) cut_description(&incident->description);
   incident->details = fields.details;
 }
 

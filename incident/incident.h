@@ -17,6 +17,9 @@ struct argument_t {
   bool is_number; /* the value is a number as JSON has them */
 };
 
+/* Bytes of a filled-in description, at most: a catalog that a record names can make it as long as it likes. */
+inline constexpr size_t DESCRIPTION_MAX = 32768;
+
 /* Texts hold the bytes that were recorded. */
 struct incident_t {
   std::string stack; /* as the stack was named */
@@ -35,6 +38,7 @@ struct incident_t {
   std::string default_message;
   std::vector<argument_t> arguments;
   std::string description; /* filled in */
+  bool is_cut;             /* it was longer than DESCRIPTION_MAX */
   std::string details;
 };
 

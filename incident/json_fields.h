@@ -16,6 +16,7 @@ enum class kind_t {
   TIME,    /* that was recorded */
   ID_TIME, /* that of the Error ID, and */
   NODE,    /* its address: both are left out where it cannot be decoded */
+  CUT,     /* true, or left out */
   OBJECT,
   ARGUMENTS
 };
@@ -59,6 +60,7 @@ inline constexpr field_t INCIDENT_FIELDS[] = {
     {.key = "source", .kind = kind_t::OBJECT, .fields = SOURCE_FIELDS},
     {.key = "message", .kind = kind_t::OBJECT, .fields = MESSAGE_FIELDS},
     {.key = "description", .kind = kind_t::TEXT, .text = &incident_t::description},
+    {.key = "cut", .kind = kind_t::CUT},
     {.key = "details", .kind = kind_t::TEXT, .text = &incident_t::details},
 };
 

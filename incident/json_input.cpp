@@ -151,6 +151,9 @@ static bool read_field(json_reader_t* reader, const field_t& field, incident_t* 
              incident->id_time / SECOND <= UINT32_MAX; /* what an Error ID can hold */
     case kind_t::NODE:
       return read_json_string(reader, &incident->node) && is_address(incident->node);
+    case kind_t::CUT:
+      incident->is_cut = true;
+      return read_json_word(reader, "true");
     case kind_t::OBJECT:
       return read_object(reader, field.fields, incident);
     default:
@@ -250,7 +253,8 @@ static bool read_damage(json_reader_t* reader, damage_t* damage) {
 static line_t line_of(const object_t& line, bool is_gap, bool is_damage) {
   auto member = [&](std::string_view key) { return members_t{1} << find_field(line.fields, key, 0); };
   const members_t decoded = member("id_time") | member("node"); /* of the Error ID: both, or none of them */
-  const bool is_whole = line.members == all_of(line.fields) || line.members == (all_of(line.fields) & ~decoded);
+  const members_t needed = line.members | member("cut");
+  const bool is_whole = needed == all_of(line.fields) || needed == (all_of(line.fields) & ~decoded);
   const bool is_stack = line.members == member("stack");
   if (!is_gap && !is_damage && is_whole) return line_t::INCIDENT;
   if (is_gap != is_damage && is_stack) return is_gap ? line_t::GAP : line_t::DAMAGE;
@@ -264,6 +268,7 @@ line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* da
   int count = 0;
   bool is_over = false, is_gap = false, is_damage = false;
   incident->node.clear();
+  incident->is_cut = false;
   if (!read_json(&reader, '{')) return line_t::NOTHING;
   while (next_json_item(&reader, '}', &count, &is_over)) {
     if (!read_json_string(&reader, &key) || !read_json(&reader, ':')) return line_t::NOTHING;

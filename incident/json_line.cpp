@@ -49,6 +49,11 @@ static void put_field(json_writer_t* writer, const field_t& field, const inciden
     case kind_t::NODE:
       if (is_id_decoded) put_text(writer, field.key, incident.node);
       break;
+    case kind_t::CUT:
+      if (!incident.is_cut) break;
+      put_key(writer, field.key);
+      put_word(writer, "true");
+      break;
     case kind_t::OBJECT:
       put_key(writer, field.key);
       begin_json(writer, '{');

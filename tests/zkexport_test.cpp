@@ -87,6 +87,20 @@ assert "id_time" not in incident
   EXPECT_EQ(checked, "");
 }
 
+TEST(json, cuts_a_description_that_a_catalog_makes_too_long) {
+  const std::string file =
+      stack().add({.description = "%1$9000s%1$9000s", .arg_count = 1, .args = string_arg("x")}).file();
+  std::string wide; /* 40 times 1,000 columns, the first of two bytes */
+  for (int count = 0; count < 40; ++count) wide += "%1$1000s";
+  const std::string long_one =
+      stack().add({.description = "\xC3\xA9" + wide, .arg_count = 1, .args = string_arg("\xC3\xA9")}).file();
+  EXPECT_EQ(script("$zkexport " + long_one +
+                   " | jq -c '[.cut, (.description | utf8bytelength), .description[-3:]]';"
+                   "$zkexport " +
+                   file + " | jq -c .cut; $zkexport " + long_one + " >l; $zkexport --input <l | cmp - l"),
+            "[true,32768,\"...\"]\nnull\n");
+}
+
 TEST(json, tells_where_a_stack_is_damaged_and_goes_on_with_the_next) {
   stack bad_length, bad_version, bad_header;
   bad_length.add("one").add_raw(-7, "");
