@@ -86,6 +86,13 @@ def exports():
         times = processes([f"{zkexport} {folder}/strangers", f"journalctl --file={folder}/entries.journal -o json"],
                           runs=5, rounds=5)
         row("10,000 records as json", "`journalctl -o json` of 10,000 entries", f"{ratio(times, 0, 1):.2f}", "0.2")
+    times = processes([f"{zkexport} --format=tree {folder}/full", f"{zkview} -r -s {folder}/full"], runs=300, rounds=15)
+    row("`zkexport --format=tree` of a full stack", "`zkview -r` of it", f"{ratio(times, 0, 1):.2f}", "1.2")
+    with open(folder + "/lines", "w") as lines:
+        subprocess.run([zkexport, folder + "/strangers"], check=True, stdout=lines, env=environment)
+    times = processes([f"sh -c '{zkexport} --input --process=7 <{folder}/lines'",
+                       f"jq -c 'select(.process.id == 7)' {folder}/lines"], runs=5, rounds=5)
+    row("a selection of 10,000 lines by `zkexport --input`", "the same by `jq`", f"{ratio(times, 0, 1):.2f}", "0.2")
 
 
 def from_python(incident):

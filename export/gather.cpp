@@ -18,6 +18,8 @@
 static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;
 static constexpr size_t KEPT_MAX_SIZE = 256 * 1024 * 1024;
 
+static constexpr size_t USUAL_COUNT = 128; /* of incidents in a stack */
+
 /* ---- Stacks -------------------------------------------------------------------------------------------------------- */
 
 static int gather_stacks(const zk_trace_t& trace, const export_request_t& request, chain_t* chain,
@@ -26,12 +28,13 @@ static int gather_stacks(const zk_trace_t& trace, const export_request_t& reques
   int status = stacks_to_export(trace, request, &names);
   if (status != STATUS_DONE) return status;
   const std::string wanted_id = request.is_chain ? "" : request.id;
+  chain->incidents.reserve(std::min(names.size(), size_t{8}) * USUAL_COUNT);
   for (const std::string& name : names) {
     stack_reader_t reader;
     incident_t incident;
     begin_stack(&reader, trace, name, wanted_id);
     while (next_incident(&reader, &incident))
-      if (request.is_chain || is_selected(request.selection, incident)) chain->incidents.push_back(incident);
+      if (request.is_chain || is_selected(request.selection, incident)) chain->incidents.push_back(std::move(incident));
     const damage_t damage = end_reading(&reader);
     const size_t told = other_lines->size();
     status = report_damage(request, name, damage, status, other_lines);

@@ -46,6 +46,7 @@ void sort_by_time(std::vector<incident_t>* incidents) {
     known->second = std::max(known->second, exact_time(incident));
     times.push_back(known->second);
   }
+  if (std::is_sorted(times.begin(), times.end())) return; /* as they most often are */
   std::vector<size_t> order(incidents->size());
   std::iota(order.begin(), order.end(), size_t{0});
   std::stable_sort(order.begin(), order.end(), [&](size_t one, size_t other) { return times[one] < times[other]; });
