@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "chain.h"
+#include "gather.h"
 #include "text.h"
 #include "utc_time.h"
 

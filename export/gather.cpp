@@ -13,6 +13,7 @@
 
 #include "command.h"
 #include "json_line.h"
+#include "page.h"
 
 /* Limits of standard input, in bytes: far above what a record can become, and what can be kept of it. */
 static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;

@@ -13,4 +13,7 @@ int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* ch
 /* Gives out the text that `make` makes of them. Returns the exit status. */
 int give_text(const zk_trace_t& trace, const export_request_t& request, std::string (*make)(const chain_t&));
 
+/* Gives the whole digraph. */
+std::string make_dot(const chain_t& chain);
+
 #endif

@@ -5,9 +5,10 @@
 #include <string_view>
 #include <vector>
 
-#include "chain.h"
 #include "fuzz.h"
+#include "gather.h"
 #include "json_line.h"
+#include "page.h"
 #include "stack_reader.h"
 #include "text.h"
 

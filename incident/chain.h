@@ -52,8 +52,4 @@ int64_t exact_time(const incident_t& incident);
 /* What the incident is described by in one line: at most `limit` characters of it. */
 std::string short_description(const incident_t& incident, size_t limit);
 
-/* Each gives the whole file. */
-std::string make_dot(const chain_t& chain);
-std::string make_html(const chain_t& chain);
-
 #endif

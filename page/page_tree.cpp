@@ -29,7 +29,7 @@ static std::string field(const char* label, const std::string& value) {
 }
 
 static std::string both_times(int64_t microseconds, bool is_exact) {
-  const std::string utc = is_exact ? utc_time_of_microseconds(microseconds) : utc_time(microseconds / SECOND);
+  std::string utc = is_exact ? utc_time_of_microseconds(microseconds) : utc_time(microseconds / SECOND);
   const std::string zone = local_zone(microseconds);
   if (local_offset(microseconds) == 0) return utc;
   return local_date(microseconds) + " " + local_clock(microseconds, is_exact) + " " + escaped(zone) + " (" + utc + ")";

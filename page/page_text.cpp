@@ -102,7 +102,7 @@ std::string local_date(int64_t microseconds) {
 
 std::string local_clock(int64_t microseconds, bool has_milliseconds) {
   const std::tm parts = local_time(microseconds);
-  const std::string clock = formatted("%02d:%02d:%02d", parts.tm_hour, parts.tm_min, parts.tm_sec);
+  std::string clock = formatted("%02d:%02d:%02d", parts.tm_hour, parts.tm_min, parts.tm_sec);
   if (!has_milliseconds) return clock;
   return clock + formatted(".%03d", static_cast<int>((microseconds - seconds_of(microseconds) * SECOND) / 1000));
 }

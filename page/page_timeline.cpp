@@ -27,7 +27,7 @@ static constexpr double BREAK_WIDTH = 52; /* of a pause that is left out */
 static constexpr double BURST_PAD = 26;   /* before the first and behind the last incident of a burst */
 static constexpr double TICK_WIDTH = 84;  /* of a time and a blank */
 static constexpr double DATE_WIDTH = 100;
-static constexpr double DETOUR_MAX = 96; /* around marks; beyond, arrows pass below them */
+static constexpr int DETOUR_MAX = 96; /* around marks; beyond, arrows pass below them */
 static constexpr size_t BAND_MIN = 5;    /* so many arrows of one cause into one lane become a band */
 static constexpr size_t CROWDED = 80;    /* so many arrows are drawn faint, straight, and without tips */
 static constexpr size_t ARROWS_MAX = 400;
@@ -241,7 +241,7 @@ static double find_passage(const drawing_t& drawing, const mark_t& cause, const 
   const size_t first = std::min(cause.lane, effect.lane) + 1, last = std::max(cause.lane, effect.lane);
   if (is_free(drawing, cause.x, first, last)) return cause.x;
   if (is_free(drawing, effect.x, first, last)) return effect.x;
-  for (double step = 8; step <= DETOUR_MAX; step += 8) {
+  for (int step = 8; step <= DETOUR_MAX; step += 8) {
     if (cause.x + step < WIDTH && is_free(drawing, cause.x + step, first, last)) return cause.x + step;
     if (cause.x - step > 0 && is_free(drawing, cause.x - step, first, last)) return cause.x - step;
   }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* page.h - what the parts of the page know of its incidents. */
+/* page.h - the page of a chain, and what its parts know of the incidents. */
 #ifndef PAGE_H
 #define PAGE_H
 
@@ -9,6 +9,9 @@
 #include <vector>
 
 #include "chain.h"
+
+/* Gives the whole page. */
+std::string make_html(const chain_t& chain);
 
 /* A row of the tree: an incident, or the head of the repeats that follow it. */
 struct row_t {

@@ -241,7 +241,7 @@ static std::string subject_of(const page_t& page) {
 }
 
 static std::string title_of(const page_t& page) {
-  const std::string count = count_of(page.chain->incidents.size(), "incident", "incidents");
+  std::string count = count_of(page.chain->incidents.size(), "incident", "incidents");
   if (page.chain->incidents.empty()) return count;
   const span_t span = span_of(*page.chain);
   const std::string first = local_date(span.first).substr(4), last = local_date(span.last).substr(4);
