@@ -28,8 +28,8 @@ static constexpr double BURST_PAD = 26;   /* before the first and behind the las
 static constexpr double TICK_WIDTH = 84;  /* of a time and a blank */
 static constexpr double DATE_WIDTH = 100;
 static constexpr int DETOUR_MAX = 96; /* around marks; beyond, arrows pass below them */
-static constexpr size_t BAND_MIN = 5;    /* so many arrows of one cause into one lane become a band */
-static constexpr size_t CROWDED = 80;    /* so many arrows are drawn faint, straight, and without tips */
+static constexpr size_t BAND_MIN = 5; /* so many arrows of one cause into one lane become a band */
+static constexpr size_t CROWDED = 80; /* so many arrows are drawn faint, straight, and without tips */
 static constexpr size_t ARROWS_MAX = 400;
 
 /* ---- Time ---------------------------------------------------------------------------------------------------------- */

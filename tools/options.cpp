@@ -74,8 +74,8 @@ static const char* name_of(const command_line_t& line, int id) {
 static std::string set_option(const option_t& option, const char* given) {
   if (option.flag != nullptr) *option.flag = true;
   if (option.text != nullptr) {
-    *option.text = given;
-    return option.check != nullptr ? option.check(given) : "";
+    *option.text = given != nullptr ? given : "";
+    return option.check != nullptr ? option.check(*option.text) : "";
   }
   if (option.number == nullptr) return "";
   const std::string value = given != nullptr ? given : option.default_value;
@@ -175,9 +175,11 @@ static void print_help(const command_line_t& line) {
     std::printf(operand.is_required ? " %s%s" : " [%s%s]", operand.name, operand.is_repeated ? "..." : "");
   std::printf("\n\n%s:\n", message_text(TOOL_MSG_HELP_POSITIONALS).c_str());
   for (const operand_t& operand : line.operands) {
-    const std::string repeated = operand.is_repeated ? " ..." : "";
-    const std::string required = operand.is_required ? " " + message_text(TOOL_MSG_HELP_REQUIRED) : "";
-    print_row(std::string("  ") + operand.name + repeated + required, message_text(operand.meaning, {ZELK_STACK_DIR}));
+    std::string left = "  ";
+    left += operand.name;
+    if (operand.is_repeated) left += " ...";
+    if (operand.is_required) left.append(" ").append(message_text(TOOL_MSG_HELP_REQUIRED));
+    print_row(left, message_text(operand.meaning, {ZELK_STACK_DIR}));
   }
   std::printf("\n%s:\n", message_text(TOOL_MSG_HELP_OPTIONS).c_str());
   for (const option_t& option : line.options) print_option(option);
