@@ -13,6 +13,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -185,7 +186,10 @@ struct argument_t {
       field.cu_arg_double = static_cast<double>(value);
     } else if constexpr (IS_TEXT<Type>) {
       recorded.cu_arg_type = CU_ERROR_ARG_CHAR_STR;
-      if constexpr (std::is_pointer_v<std::decay_t<Type>>) {
+      if constexpr (std::is_array_v<Type>) {
+        copy.assign(value, strnlen(value, std::extent_v<Type>)); /* an array need not end in a NUL */
+        field.cu_arg_char_str = copy.data();
+      } else if constexpr (std::is_pointer_v<Type>) {
         const char* const text = value;
         field.cu_arg_char_str = const_cast<char*>(text != nullptr ? text : "(null)"); /* only read */
       } else {
@@ -263,7 +267,7 @@ recorded_t record(const recorder_t& recorder, cause_t cause, details_t details,
 }
 
 template <typename... Arguments>
-recorded_t record(const recorder_t& recorder, cause_t cause, format_t<std::type_identity_t<Arguments>...> format,
+recorded_t record(const recorder_t& recorder, cause_t cause, const format_t<std::type_identity_t<Arguments>...>& format,
                   const Arguments&... arguments) {
   return record(recorder, cause, details_t{nullptr}, format, arguments...);
 }

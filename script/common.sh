@@ -37,7 +37,7 @@ run_tests() {
 
 # Prints what a public header declares, a name a line.
 public_names() {
-    sed -n '/^typedef/d; /static_assert/d; s/^[a-z][a-z0-9_ ]*[ *]\([a-z0-9_]*\)[[(].*/\1/p' "inc/$1.h" | sort -u
+    sed -n '/^typedef/d; /static_assert/d; s/^[a-z][a-z0-9_ ]*[ *]\{1,\}\([a-z0-9_]*\)[[(].*/\1/p' "inc/$1.h" | sort -u
 }
 
 # Links of the pages in a folder that lead to no file.
