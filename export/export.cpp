@@ -3,6 +3,7 @@
 #include "export.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,8 @@
 
 #include "command.h"
 #include "json_line.h"
+#include "zk_io.h"
+#include "zk_layout.h"
 #include "zkstatus.h"
 
 /* ---- Formats ------------------------------------------------------------------------------------------------------- */
@@ -37,9 +40,26 @@ int complain(std::string_view what, std::string_view reason) {
 
 static const char* output_name; /* null for standard output */
 
+/* Whether the file holds an Error Stack: what is written there would be the end of it. */
+static bool holds_stack(const char* name) {
+  const int fildes = zk_open_regular(name, O_RDONLY);
+  if (fildes == -1) return false;
+  zk_estack_v1_header_t header = {};
+  struct stat status = {};
+  const bool is_stack = zk_read_at(fildes, &header, sizeof header, ZK_STACK_HEADER_POS) == sizeof header &&
+                        fstat(fildes, &status) == 0 && header.file_size >= ZK_STACK_SIZE_MIN &&
+                        header.file_size == status.st_size;
+  close(fildes);
+  return is_stack;
+}
+
 bool open_output(const export_request_t& request) {
   if (request.output.empty()) return true;
   output_name = request.output.c_str();
+  if (holds_stack(output_name)) {
+    complain(request.output, std::strerror(EEXIST));
+    return false;
+  }
   const int mode = request.format->can_follow ? O_APPEND : O_TRUNC; /* lines are added to, a page is replaced */
   const int fildes = open(output_name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | mode, 0666);
   const bool is_open =

@@ -378,6 +378,14 @@ TEST(zkexport, refuses_what_does_not_go_together) {
   }
 }
 
+TEST(zkexport, never_writes_into_a_stack) {
+  const std::string file = stack().add("one").file();
+  for (const char* format : {"json", "html"})
+    EXPECT_EQ(script("$zkexport --format=" + std::string(format) + " --output=" + file + " " + file + " 2>&1; echo $?"),
+              "zkexport: " + file + ": File exists\n1\n");
+  EXPECT_EQ(script("$zkexport " + file + " | jq -r .description"), "one\n");
+}
+
 TEST(zkexport, fails_when_it_cannot_write_and_ends_with_the_pipe) {
   const std::string file = stack().add("one").file();
   EXPECT_EQ(script("$zkexport " + file + " >/dev/full || echo $?"),
