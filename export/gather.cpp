@@ -34,8 +34,12 @@ static int gather_stacks(const zk_trace_t& trace, const export_request_t& reques
     stack_reader_t reader;
     incident_t incident;
     begin_stack(&reader, trace, name, wanted_id);
-    while (next_incident(&reader, &incident))
-      if (request.is_chain || is_selected(request.selection, incident)) chain->incidents.push_back(std::move(incident));
+    while (next_incident(&reader, &incident)) {
+      if (request.is_chain || is_selected(request.selection, incident))
+        chain->incidents.push_back(std::move(incident));
+      else
+        ++chain->left_out;
+    }
     const damage_t damage = end_reading(&reader);
     const size_t told = other_lines->size();
     status = report_damage(request, name, damage, status, other_lines);
@@ -68,7 +72,9 @@ static void refuse_line(input_t* input, tool_message_t reason) {
 static void add_incident(input_t* input, size_t size) {
   const export_request_t& request = *input->request;
   incident_t& incident = input->incident;
-  if (!request.is_chain && !is_selected(request.selection, incident)) return;
+  const bool is_wanted = request.is_chain || is_selected(request.selection, incident);
+  if (!is_wanted) ++input->chain->left_out;
+  if (!is_wanted) return;
   std::string key = incident.id;
   if (key.empty()) write_json(incident, &key);
   if (!input->known.insert(std::move(key)).second) return;
@@ -144,11 +150,32 @@ int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* ch
     keep_chain(request.id, &chain->incidents);
     if (chain->incidents.empty() && status == STATUS_DONE)
       status = complain(request.id, message_text(TOOL_MSG_NO_CHAIN));
-    std::erase_if(chain->incidents,
-                  [&](const incident_t& incident) { return !is_selected(request.selection, incident); });
+    chain->left_out += std::erase_if(
+        chain->incidents, [&](const incident_t& incident) { return !is_selected(request.selection, incident); });
   }
+  const size_t fitting = chain->incidents.size();
   keep_newest(request.selection, &chain->incidents);
+  chain->left_out += fitting - chain->incidents.size();
   return status;
+}
+
+/* What was asked for, and how many incidents that left out. */
+static std::string selection_note(const selection_t& selection, size_t left_out) {
+  const std::string newest = selection.newest >= 0 ? std::to_string(selection.newest) : "";
+  const struct {
+    const char* option;
+    const std::string& value;
+  } OPTIONS[] = {{"--since", selection.since},
+                 {"--until", selection.until},
+                 {"--process", selection.process},
+                 {"--product", selection.product},
+                 {"--node", selection.node},
+                 {"--grep", selection.pattern},
+                 {"--lines", newest}};
+  std::string note = "left out: " + std::to_string(left_out) + (left_out == 1 ? " incident, by" : " incidents, by");
+  for (const auto& [option, value] : OPTIONS)
+    if (!value.empty()) note.append(" ").append(option).append("=").append(value);
+  return note;
 }
 
 int give_text(const zk_trace_t& trace, const export_request_t& request, std::string (*make)(const chain_t&)) {
@@ -156,6 +183,7 @@ int give_text(const zk_trace_t& trace, const export_request_t& request, std::str
   std::string other_lines;
   const int status = gather(trace, request, &chain, &other_lines);
   if (status != STATUS_DONE && chain.incidents.empty() && chain.notes.empty()) return status; /* no stack at all */
+  if (chain.left_out > 0) chain.notes.push_back(selection_note(request.selection, chain.left_out));
   chain.asked_id = request.id;
   find_causes(&chain);
   return write_out(make(chain)) ? status : int{STATUS_FAILED};

@@ -24,6 +24,7 @@ struct lane_t {
 struct chain_t {
   std::vector<incident_t> incidents; /* in order of time; those of one stack in order of recording */
   std::vector<std::string> notes;    /* what the incidents are not complete for */
+  size_t left_out = 0;               /* so many incidents did not fit the selection */
   std::string asked_id;              /* Error ID of the incident that was asked for, empty for none */
 
   /* Of each incident, by index; find_causes fills these in. */

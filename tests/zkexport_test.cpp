@@ -378,6 +378,12 @@ TEST(zkexport, refuses_what_does_not_go_together) {
   }
 }
 
+TEST(pictures, say_what_a_selection_left_out) {
+  const std::string file = stack().add("one").add("two").add("three").file();
+  EXPECT_EQ(script("$zkexport --format=html --grep='t[hw]' -n 1 " + file + " | grep -o 'left out: [^<]*'"),
+            "left out: 2 incidents, by --grep=t[hw] --lines=1\n");
+}
+
 TEST(zkexport, never_writes_into_a_stack) {
   const std::string file = stack().add("one").file();
   for (const char* format : {"json", "html"})
