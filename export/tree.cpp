@@ -24,7 +24,7 @@ static constexpr size_t LEVELS_MAX = 20; /* that are indented; deeper ones say t
 static constexpr size_t UNLIMITED = static_cast<size_t>(-1) / 2;
 
 /* What a row of the tree shows: an incident with its repeats, or a cause that is not here. */
-struct row_t {
+struct tree_row_t {
   std::vector<size_t> members; /* incidents, the first one first */
   std::string missing;         /* Error ID of the cause */
   std::vector<size_t> effects; /* incidents that go below a missing cause */
@@ -33,7 +33,7 @@ struct row_t {
 };
 
 /* How the tree is drawn. */
-struct drawing_t {
+struct tree_drawing_t {
   const chain_t* chain;
   const export_request_t* request;
   std::vector<std::vector<size_t>> effects; /* of each incident */
@@ -50,7 +50,7 @@ struct drawing_t {
 /* ---- Lines --------------------------------------------------------------------------------------------------------- */
 
 /* A line that is cut at the right edge. */
-struct line_t {
+struct tree_line_t {
   std::string text;
   size_t left; /* columns that are free */
 };
@@ -85,7 +85,7 @@ static size_t columns_of(std::string_view text) {
 }
 
 /* Adds a text, of which `limit` columns may be seen; where there are more, it ends in an ellipsis. */
-static void put(line_t* line, std::string_view text, bool is_utf8, size_t limit = UNLIMITED) {
+static void put(tree_line_t* line, std::string_view text, bool is_utf8, size_t limit = UNLIMITED) {
   limit = std::min(limit, line->left);
   const size_t whole = limit == UNLIMITED ? 0 : columns_of(text);
   const std::string_view ellipsis = is_utf8 ? "\xE2\x80\xA6" : "~";
@@ -104,7 +104,7 @@ static void put(line_t* line, std::string_view text, bool is_utf8, size_t limit 
   line->left -= line->left == UNLIMITED ? 0 : columns;
 }
 
-static void put_coloured(line_t* line, std::string_view text, const drawing_t& drawing, const char* colour,
+static void put_coloured(tree_line_t* line, std::string_view text, const tree_drawing_t& drawing, const char* colour,
                          size_t limit = UNLIMITED) {
   const bool is_coloured = drawing.request->has_colours;
   if (is_coloured) line->text += std::string("\033[") + colour + "m";
@@ -129,9 +129,10 @@ static auto repeat_key(const incident_t& incident) {
 }
 
 /* Makes rows of incidents below the same row: repeats become one. */
-static std::vector<row_t> make_rows(const drawing_t& drawing, const std::vector<size_t>& incidents, size_t depth) {
+static std::vector<tree_row_t> make_rows(const tree_drawing_t& drawing, const std::vector<size_t>& incidents,
+                                         size_t depth) {
   using repeat_key_t = decltype(repeat_key(incident_t()));
-  std::vector<row_t> rows;
+  std::vector<tree_row_t> rows;
   std::map<repeat_key_t, size_t> known;
   for (size_t index : incidents) {
     const auto [row, is_new] = known.try_emplace(repeat_key(drawing.chain->incidents[index]), rows.size());
@@ -143,31 +144,31 @@ static std::vector<row_t> make_rows(const drawing_t& drawing, const std::vector<
 }
 
 /* The rows at the top, in the order of their first incidents: first causes, and causes that are not here. */
-static std::vector<row_t> make_top(const drawing_t& drawing) {
+static std::vector<tree_row_t> make_top(const tree_drawing_t& drawing) {
   const chain_t& chain = *drawing.chain;
   std::vector<size_t> first_causes;
-  std::map<std::string, row_t> missing;
+  std::map<std::string, tree_row_t> missing;
   for (size_t index = 0; index < chain.incidents.size(); ++index) {
     if (chain.causes[index] != NO_CAUSE && chain.causes[index] != index) continue;
     const std::string& cause = chain.incidents[index].cause;
     if (cause.empty() || chain.causes[index] == index) {
       first_causes.push_back(index);
     } else {
-      row_t& row = missing.try_emplace(cause, row_t{{}, cause, {}, 0, false}).first->second;
+      tree_row_t& row = missing.try_emplace(cause, tree_row_t{{}, cause, {}, 0, false}).first->second;
       row.effects.push_back(index);
     }
   }
-  std::vector<row_t> rows = make_rows(drawing, first_causes, 0);
+  std::vector<tree_row_t> rows = make_rows(drawing, first_causes, 0);
   for (const auto& [cause, row] : missing) rows.push_back(row);
-  auto first_of = [](const row_t& row) { return row.members.empty() ? row.effects.front() : row.members.front(); };
+  auto first_of = [](const tree_row_t& row) { return row.members.empty() ? row.effects.front() : row.members.front(); };
   std::sort(rows.begin(), rows.end(),
-            [&](const row_t& one, const row_t& other) { return first_of(one) < first_of(other); });
+            [&](const tree_row_t& one, const tree_row_t& other) { return first_of(one) < first_of(other); });
   return rows;
 }
 
 /* ---- Drawing ------------------------------------------------------------------------------------------------------- */
 
-static void put_branches(line_t* line, const drawing_t& drawing, const row_t& row) {
+static void put_branches(tree_line_t* line, const tree_drawing_t& drawing, const tree_row_t& row) {
   const char* const through = drawing.is_utf8 ? "\xE2\x94\x82  " : "|  ";
   const char* const next = drawing.is_utf8 ? "\xE2\x94\x9C\xE2\x94\x80 " : "|- ";
   const char* const last = drawing.is_utf8 ? "\xE2\x94\x94\xE2\x94\x80 " : "`- ";
@@ -193,13 +194,13 @@ static std::string clock_of(const std::string& local) {
   return local.substr(local.find(' ') + 1);
 }
 
-static bool is_asked_for(const drawing_t& drawing, const row_t& row) {
+static bool is_asked_for(const tree_drawing_t& drawing, const tree_row_t& row) {
   const std::string& id = drawing.request->id;
   auto has_id = [&](size_t index) { return drawing.chain->incidents[index].id == id; };
   return !id.empty() && (row.missing == id || std::any_of(row.members.begin(), row.members.end(), has_id));
 }
 
-static void draw_incident(drawing_t* drawing, const row_t& row, line_t* line) {
+static void draw_incident(tree_drawing_t* drawing, const tree_row_t& row, tree_line_t* line) {
   const incident_t& incident = drawing->chain->incidents[row.members.front()];
   const bool is_utf8 = drawing->is_utf8;
   if (drawing->has_nodes && !incident.node.empty() && incident.node != drawing->node)
@@ -225,8 +226,8 @@ static void draw_incident(drawing_t* drawing, const row_t& row, line_t* line) {
   put(line, std::string(blanks, ' ') + incident.id, is_utf8);
 }
 
-static void draw_row(drawing_t* drawing, const row_t& row) {
-  line_t line = {"", drawing->width};
+static void draw_row(tree_drawing_t* drawing, const tree_row_t& row) {
+  tree_line_t line = {"", drawing->width};
   drawing->is_last.resize(row.depth + 1);
   drawing->is_last[row.depth] = row.is_last;
   std::string date, clock = "        ";
@@ -248,10 +249,10 @@ static void draw_row(drawing_t* drawing, const row_t& row) {
 }
 
 /* Draws rows and all that is below them. */
-static void draw_rows(drawing_t* drawing, std::vector<row_t> rows) {
+static void draw_rows(tree_drawing_t* drawing, std::vector<tree_row_t> rows) {
   std::reverse(rows.begin(), rows.end());
   while (!rows.empty()) { /* the next one is the last: chains may be longer than a stack of calls */
-    const row_t row = std::move(rows.back());
+    const tree_row_t row = std::move(rows.back());
     rows.pop_back();
     draw_row(drawing, row);
     std::vector<size_t> below = row.effects;
@@ -262,7 +263,7 @@ static void draw_rows(drawing_t* drawing, std::vector<row_t> rows) {
     std::erase_if(below, [&](size_t index) { return bool{drawing->is_drawn[index]}; }); /* they go round in a circle */
     std::sort(below.begin(), below.end());
     for (size_t index : below) drawing->is_drawn[index] = true;
-    std::vector<row_t> effects = make_rows(*drawing, below, row.depth + 1);
+    std::vector<tree_row_t> effects = make_rows(*drawing, below, row.depth + 1);
     rows.insert(rows.end(), std::make_move_iterator(effects.rbegin()), std::make_move_iterator(effects.rend()));
   }
 }
@@ -293,17 +294,17 @@ int give_tree(const zk_trace_t& trace, const export_request_t& request) {
   const int status = gather(trace, request, &chain, &other_lines);
   find_causes(&chain);
   const size_t count = chain.incidents.size();
-  drawing_t drawing = {.chain = &chain,
-                       .request = &request,
-                       .effects = std::vector<std::vector<size_t>>(count),
-                       .is_drawn = std::vector<bool>(count),
-                       .is_last = {},
-                       .width = find_width(),
-                       .is_utf8 = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0,
-                       .has_nodes = false,
-                       .node = "",
-                       .date = "",
-                       .text = ""};
+  tree_drawing_t drawing = {.chain = &chain,
+                            .request = &request,
+                            .effects = std::vector<std::vector<size_t>>(count),
+                            .is_drawn = std::vector<bool>(count),
+                            .is_last = {},
+                            .width = find_width(),
+                            .is_utf8 = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0,
+                            .has_nodes = false,
+                            .node = "",
+                            .date = "",
+                            .text = ""};
   /* Terminals are UTF-8 where the locale says nothing of characters. */
   const bool is_ascii_locale = std::strcmp(nl_langinfo(CODESET), "ANSI_X3.4-1968") == 0;
   if (is_ascii_locale && !is_all_ascii(chain)) std::setlocale(LC_CTYPE, "C.UTF-8");

@@ -6,18 +6,18 @@
 #include <chrono>
 #include <ctime>
 
-struct unit_t {
+struct time_unit_t {
   std::string_view name;
   int64_t seconds;
 };
-static constexpr unit_t UNITS[] = {{"", 1},           {"s", 1},           {"sec", 1},
-                                   {"second", 1},     {"seconds", 1},     {"m", 60},
-                                   {"min", 60},       {"minute", 60},     {"minutes", 60},
-                                   {"h", 3600},       {"hr", 3600},       {"hour", 3600},
-                                   {"hours", 3600},   {"d", 86400},       {"day", 86400},
-                                   {"days", 86400},   {"w", 604800},      {"week", 604800},
-                                   {"weeks", 604800}, {"month", 2629800}, {"months", 2629800},
-                                   {"y", 31557600},   {"year", 31557600}, {"years", 31557600}};
+static constexpr time_unit_t UNITS[] = {{"", 1},           {"s", 1},           {"sec", 1},
+                                        {"second", 1},     {"seconds", 1},     {"m", 60},
+                                        {"min", 60},       {"minute", 60},     {"minutes", 60},
+                                        {"h", 3600},       {"hr", 3600},       {"hour", 3600},
+                                        {"hours", 3600},   {"d", 86400},       {"day", 86400},
+                                        {"days", 86400},   {"w", 604800},      {"week", 604800},
+                                        {"weeks", 604800}, {"month", 2629800}, {"months", 2629800},
+                                        {"y", 31557600},   {"year", 31557600}, {"years", 31557600}};
 
 static bool read_mark(std::string_view* rest, char mark) {
   if (!rest->starts_with(mark)) return false;
@@ -130,7 +130,7 @@ static bool read_span(std::string_view* rest, int64_t* seconds) {
     skip_blanks(rest);
     const std::string_view name = rest->substr(0, rest->find_first_of(" 0123456789"));
     int64_t unit = 0;
-    for (const unit_t& each : UNITS)
+    for (const time_unit_t& each : UNITS)
       if (each.name == name) unit = each.seconds;
     if (unit == 0) return false;
     *seconds += number * unit;

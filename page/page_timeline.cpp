@@ -110,7 +110,7 @@ static double place_of(const std::vector<burst_t>& bursts, int64_t time) {
 /* ---- Marks --------------------------------------------------------------------------------------------------------- */
 
 /* One or more incidents of a lane that would overlap. */
-struct mark_t {
+struct timeline_mark_t {
   size_t lane;
   double x, half; /* its middle, and half its width */
   std::vector<size_t> incidents;
@@ -121,7 +121,7 @@ struct drawing_t {
   std::vector<burst_t> bursts;
   std::vector<double> lanes; /* their places, from above */
   double height;
-  std::vector<mark_t> marks;
+  std::vector<timeline_mark_t> marks;
   std::vector<std::vector<size_t>> lane_marks; /* in order of their places */
   std::vector<size_t> mark_of;                 /* each incident */
 };
@@ -139,24 +139,24 @@ static bool is_other_node(const page_t& page, size_t bar) {
          (bar == 0 || lane_of(page, bar).node != lane_of(page, bar - 1).node);
 }
 
-static double half_width(const page_t& page, const mark_t& mark) {
+static double half_width(const page_t& page, const timeline_mark_t& mark) {
   if (mark.incidents.size() == 1) return page.has_numbers ? RADIUS : SMALL_RADIUS;
   return std::max(RADIUS + 1, 5 + DIGIT_WIDTH * static_cast<double>(std::to_string(mark.incidents.size()).size()));
 }
 
 /* Half the height of a mark. */
-static double reach_of(const mark_t& mark) {
+static double reach_of(const timeline_mark_t& mark) {
   return std::min(mark.half, RADIUS);
 }
 
 /* Adds the marks of a lane: what would overlap the one before becomes one with it. */
 static void add_marks(drawing_t* drawing, size_t lane, const std::vector<std::pair<double, size_t>>& places) {
-  std::vector<mark_t> marks;
+  std::vector<timeline_mark_t> marks;
   for (const auto& [x, index] : places) {
-    mark_t mark = {lane, x, 0, {index}};
+    timeline_mark_t mark = {lane, x, 0, {index}};
     mark.half = half_width(*drawing->page, mark);
     while (!marks.empty() && mark.x - mark.half < marks.back().x + marks.back().half + MARK_GAP) {
-      mark_t& before = marks.back();
+      timeline_mark_t& before = marks.back();
       const auto count = static_cast<double>(mark.incidents.size());
       const auto count_before = static_cast<double>(before.incidents.size());
       mark.x = (mark.x * count + before.x * count_before) / (count + count_before);
@@ -167,7 +167,7 @@ static void add_marks(drawing_t* drawing, size_t lane, const std::vector<std::pa
     }
     marks.push_back(std::move(mark));
   }
-  for (mark_t& mark : marks) {
+  for (timeline_mark_t& mark : marks) {
     for (size_t index : mark.incidents) drawing->mark_of[index] = drawing->marks.size();
     drawing->lane_marks[lane].push_back(drawing->marks.size());
     drawing->marks.push_back(std::move(mark));
@@ -237,7 +237,7 @@ static bool is_free(const drawing_t& drawing, double x, size_t first, size_t las
 }
 
 /* Where an arrow passes the lanes between its ends: at its cause, at its effect, or wherever there is room. */
-static double find_passage(const drawing_t& drawing, const mark_t& cause, const mark_t& effect) {
+static double find_passage(const drawing_t& drawing, const timeline_mark_t& cause, const timeline_mark_t& effect) {
   const size_t first = std::min(cause.lane, effect.lane) + 1, last = std::max(cause.lane, effect.lane);
   if (is_free(drawing, cause.x, first, last)) return cause.x;
   if (is_free(drawing, effect.x, first, last)) return effect.x;
@@ -250,10 +250,10 @@ static double find_passage(const drawing_t& drawing, const mark_t& cause, const 
 
 /* Arrows run in the space between lanes, and down through lanes where there is no mark. Those of one cause into one lane
  * have their way in common; many of them become a band. */
-static std::string make_arrows_between(const drawing_t& drawing, const mark_t& cause, const std::set<size_t>& effects,
-                                       size_t count, bool is_crowded) {
-  const mark_t& first = drawing.marks[*effects.begin()];
-  const mark_t& last = drawing.marks[*effects.rbegin()];
+static std::string make_arrows_between(const drawing_t& drawing, const timeline_mark_t& cause,
+                                       const std::set<size_t>& effects, size_t count, bool is_crowded) {
+  const timeline_mark_t& first = drawing.marks[*effects.begin()];
+  const timeline_mark_t& last = drawing.marks[*effects.rbegin()];
   const double from = drawing.lanes[cause.lane], to = drawing.lanes[first.lane];
   const int colour = drawing.page->colours[cause.incidents[0]];
   const double side = first.lane > cause.lane ? 1 : -1;           /* of the cause on which arrows leave it */
@@ -264,7 +264,7 @@ static std::string make_arrows_between(const drawing_t& drawing, const mark_t& c
   const double passage = is_crowded ? cause.x : find_passage(drawing, cause, first);
   std::string line, tips;
   for (size_t effect : effects) {
-    const mark_t& mark = drawing.marks[effect];
+    const timeline_mark_t& mark = drawing.marks[effect];
     const double end = to + entry * ((is_band ? RADIUS : reach_of(mark)) + 1);
     const double x = is_band ? std::clamp(passage, first.x, last.x) : mark.x;
     line += line.empty() ? bent_line({{cause.x, from + side * reach_of(cause)},
@@ -295,7 +295,7 @@ static std::string make_arrows(const drawing_t& drawing) {
   std::map<std::pair<size_t, size_t>, effects_t> arrows; /* by the cause's mark, and the lane */
   std::string svg;
   for (size_t index = 0; index < chain.causes.size(); ++index) {
-    const mark_t& mark = drawing.marks[drawing.mark_of[index]];
+    const timeline_mark_t& mark = drawing.marks[drawing.mark_of[index]];
     const size_t cause = chain.causes[index];
     if (cause == NO_CAUSE && !chain.incidents[index].cause.empty() && mark.incidents.size() == 1)
       svg += formatted("<path class=\"arrow from\" d=\"M%.0f %.0fl7 9\"/>", mark.x - 13, drawing.lanes[mark.lane] - 16);
@@ -314,7 +314,7 @@ static std::string make_arrows(const drawing_t& drawing) {
 
 /* ---- The drawing --------------------------------------------------------------------------------------------------- */
 
-static std::string make_mark(const drawing_t& drawing, const mark_t& mark) {
+static std::string make_mark(const drawing_t& drawing, const timeline_mark_t& mark) {
   const page_t& page = *drawing.page;
   const size_t index = mark.incidents[0], count = mark.incidents.size();
   const incident_t& incident = page.chain->incidents[index];
@@ -443,7 +443,7 @@ static std::string make_svg(const drawing_t& drawing) {
            escaped(lane.process) + " " + std::to_string(lane.process_id) + "</text>\n";
   }
   svg += make_arrows(drawing);
-  for (const mark_t& mark : drawing.marks) svg += make_mark(drawing, mark);
+  for (const timeline_mark_t& mark : drawing.marks) svg += make_mark(drawing, mark);
   return svg + "</svg>";
 }
 

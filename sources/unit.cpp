@@ -15,14 +15,14 @@ static constexpr char UNIT[] = "org.freedesktop.systemd1.Unit";
 static constexpr char SERVICE[] = "org.freedesktop.systemd1.Service";
 
 /* A unit on the bus. */
-struct object_t {
+struct bus_object_t {
   sd_bus* bus;
   std::string path;
 };
 
 /* ---- Properties; one that cannot be had is empty or 0 ------------------------------------------------------------ */
 
-static std::string text_of(const object_t& object, const char* interface, const char* name) {
+static std::string text_of(const bus_object_t& object, const char* interface, const char* name) {
   char* value = nullptr;
   std::string text;
   if (sd_bus_get_property_string(object.bus, DESTINATION, object.path.c_str(), interface, name, nullptr, &value) >= 0)
@@ -32,17 +32,17 @@ static std::string text_of(const object_t& object, const char* interface, const 
 }
 
 template <typename Number>
-static Number number_of(const object_t& object, const char* interface, const char* name, char type) {
+static Number number_of(const bus_object_t& object, const char* interface, const char* name, char type) {
   Number number = 0;
   sd_bus_get_property_trivial(object.bus, DESTINATION, object.path.c_str(), interface, name, nullptr, type, &number);
   return number;
 }
 
-static int64_t time_of(const object_t& object, const char* interface, const char* name) {
+static int64_t time_of(const bus_object_t& object, const char* interface, const char* name) {
   return static_cast<int64_t>(number_of<uint64_t>(object, interface, name, 't'));
 }
 
-static void append_names(const object_t& object, const char* name, std::vector<std::string>* names) {
+static void append_names(const bus_object_t& object, const char* name, std::vector<std::string>* names) {
   char** values = nullptr;
   if (sd_bus_get_property_strv(object.bus, DESTINATION, object.path.c_str(), UNIT, name, nullptr, &values) < 0) return;
   for (char** value = values; value != nullptr && *value != nullptr; ++value) {
@@ -52,7 +52,7 @@ static void append_names(const object_t& object, const char* name, std::vector<s
   std::free(values);
 }
 
-static std::string invocation_of(const object_t& object) {
+static std::string invocation_of(const bus_object_t& object) {
   sd_bus_message* reply = nullptr;
   std::string digits;
   if (sd_bus_get_property(object.bus, DESTINATION, object.path.c_str(), UNIT, "InvocationID", nullptr, &reply, "ay") >=
@@ -71,7 +71,7 @@ static std::string invocation_of(const object_t& object) {
 }
 
 /* How the last command of the property `name`, such as "ExecStartPre", that failed ended. */
-static void read_failed_command(const object_t& object, const char* name, unit_t* unit) {
+static void read_failed_command(const bus_object_t& object, const char* name, unit_t* unit) {
   sd_bus_message* reply = nullptr;
   if (sd_bus_get_property(object.bus, DESTINATION, object.path.c_str(), SERVICE, name, nullptr, &reply,
                           "a(sasbttttuii)") >= 0 &&
@@ -100,10 +100,10 @@ static std::string path_of(const std::string& name) {
   return text;
 }
 
-static void read_needs(const object_t& object, unit_t* unit) {
+static void read_needs(const bus_object_t& object, unit_t* unit) {
   for (const char* property : {"Requires", "Requisite", "BindsTo"}) append_names(object, property, &unit->needs);
   for (const std::string& need : unit->needs) {
-    const object_t needed = {object.bus, path_of(need)};
+    const bus_object_t needed = {object.bus, path_of(need)};
     const std::string state = text_of(needed, UNIT, "ActiveState");
     const bool is_failed = state == "failed";
     if (is_failed || (unit->failed_need.empty() && state == "inactive")) unit->failed_need = need;
@@ -115,7 +115,7 @@ static void read_needs(const object_t& object, unit_t* unit) {
 std::string read_unit(const std::string& name, unit_t* unit) {
   *unit = {};
   unit->name = name;
-  object_t object = {nullptr, path_of(name)};
+  bus_object_t object = {nullptr, path_of(name)};
   const int opened = sd_bus_open_system(&object.bus);
   if (opened < 0) return std::string("systemd cannot be asked: ") + std::strerror(-opened);
   const std::string state = text_of(object, UNIT, "LoadState");
