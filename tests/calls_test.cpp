@@ -245,6 +245,8 @@ TEST(messages, have_these_texts) {
 struct calls : testing::TestWithParam<std::filesystem::path> {};
 
 TEST_P(calls, say_what_stands_in) {
+  if (sizeof(void*) == 4 && contents(GetParam()).find("\nmemory ") != std::string::npos)
+    GTEST_SKIP() << "the test itself may need pieces of that size here";
   setenv("TZ", "UTC", 1);
   expect_calls(GetParam(), COMMAND);
 }

@@ -65,6 +65,7 @@ struct golden : testing::TestWithParam<std::string> {
 };
 
 TEST_P(golden, says_what_it_said) {
+  if (*EMULATOR != '\0') GTEST_SKIP() << "an emulator runs no shell of this host";
   const std::set<std::string> ends_output = {"#", "$", "file", "stack"};
   bool is_output = false;
   for (std::string line; std::getline(story, line);) {
