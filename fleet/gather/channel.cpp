@@ -157,3 +157,13 @@ void close_channel(channel_t* channel) {
   if (channel->fildes >= 0) close(channel->fildes);
   channel->fildes = -1;
 }
+
+bool split_address(const std::string& text, std::string* host, std::string* port) {
+  const size_t colon = text.rfind(':');
+  *port = colon == text.npos ? text : text.substr(colon + 1);
+  if (port->empty() || port->size() > 5 || port->find_first_not_of("0123456789") != port->npos) return false;
+  if (colon == text.npos) return true;
+  *host = text.substr(0, colon);
+  if (host->starts_with('[') && host->ends_with(']')) *host = host->substr(1, host->size() - 2);
+  return !host->empty();
+}

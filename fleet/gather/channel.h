@@ -50,4 +50,7 @@ bool has_unread(const channel_t* channel);
 
 void close_channel(channel_t* channel);
 
+/* Parts [ADDRESS:]PORT; without an address it stays as it is. Returns false when there is no port. */
+bool split_address(const std::string& text, std::string* host, std::string* port);
+
 #endif

@@ -149,9 +149,11 @@ struct gather_t {
   uint64_t lines_done, commits, nodes_come, nodes_refused; /* since the start */
 };
 
-/* zelk_gather.cpp */
+/* log.cpp */
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string shown(const std::string& text); /* bytes that another side has sent, fit for the log */
+
+/* source.cpp */
 void watch(gather_t* gather, source_t* source, int fildes, uint32_t events);
 void unwatch(gather_t* gather, source_t* source);
 
@@ -177,8 +179,5 @@ void turn_database(gather_t* gather, sink_t* sink);
 void turn_relay(gather_t* gather, sink_t* sink);
 void close_database(gather_t* gather, sink_t* sink);
 void close_relay(gather_t* gather, sink_t* sink);
-
-/* Parts [ADDRESS:]PORT; without an address it stays as it is. Returns false when there is no port. */
-bool split_address(const std::string& text, std::string* host, std::string* port);
 
 #endif

@@ -14,7 +14,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,23 +28,7 @@ constexpr int64_t LAST_BATCH_TIME = 3'000; /* before the end: nothing new is beg
 
 constexpr size_t OTHER_FILES = 64;
 
-/* ---- Saying what happens ---------------------------------------------------------------------------------------------- */
-
-void say(const char* format, ...) {
-  std::array<char, 1024> text;
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  va_end(arguments);
-  std::fprintf(stderr, "zelk-gather: %s\n", text.data());
-}
-
-std::string shown(const std::string& text) {
-  std::string printable = text;
-  for (char& character : printable)
-    if (character < ' ' || character > '~') character = '?';
-  return printable;
-}
+/* ---- Telling systemd and the administrator ----------------------------------------------------------------------------- */
 
 /* Tells systemd, where it waits to hear. */
 static void notify(const char* state) {
@@ -74,8 +57,7 @@ static void say_status(const gather_t* gather) {
   size_t away = 0;
   for (const auto& sink : gather->sinks) away += sink->state < SINK_IDLE ? 1U : 0U;
   say("status: %llu lines in %llu commits; %zu connections, %llu since the start, %llu refused; %zu lines (%zu KiB) "
-      "wait, the "
-      "oldest for %.1f s; %zu of %zu %s away",
+      "wait, the oldest for %.1f s; %zu of %zu %s away",
       static_cast<unsigned long long>(gather->lines_done), static_cast<unsigned long long>(gather->commits),
       gather->nodes.size(), static_cast<unsigned long long>(gather->nodes_come),
       static_cast<unsigned long long>(gather->nodes_refused), gather->lines, gather->bytes / 1024,
@@ -84,23 +66,6 @@ static void say_status(const gather_t* gather) {
 }
 
 /* ---- Waiting ----------------------------------------------------------------------------------------------------------- */
-
-void watch(gather_t* gather, source_t* source, int fildes, uint32_t events) {
-  const bool is_new = source->fildes != fildes;
-  if (!is_new && source->events == events) return;
-  epoll_event event = {};
-  event.events = events;
-  event.data.ptr = source;
-  epoll_ctl(gather->epoll, is_new ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fildes, &event);
-  source->fildes = fildes;
-  source->events = events;
-}
-
-void unwatch(gather_t* gather, source_t* source) {
-  if (source->fildes >= 0) epoll_ctl(gather->epoll, EPOLL_CTL_DEL, source->fildes, nullptr);
-  source->fildes = -1;
-  source->events = 0;
-}
 
 static int64_t milliseconds() {
   timespec time = {};
@@ -119,16 +84,6 @@ static int time_to_wait(const gather_t* gather) {
 }
 
 /* ---- The command line -------------------------------------------------------------------------------------------------- */
-
-bool split_address(const std::string& text, std::string* host, std::string* port) {
-  const size_t colon = text.rfind(':');
-  *port = colon == text.npos ? text : text.substr(colon + 1);
-  if (port->empty() || port->size() > 5 || port->find_first_not_of("0123456789") != port->npos) return false;
-  if (colon == text.npos) return true;
-  *host = text.substr(0, colon);
-  if (host->starts_with('[') && host->ends_with(']')) *host = host->substr(1, host->size() - 2);
-  return !host->empty();
-}
 
 /* Says what is wrong with the command line. Returns the exit status. */
 static int misuse(const std::string& problem) {
