@@ -51,6 +51,11 @@ static zk_stack_rec_t* copy_record(const void* record, shortage_t* shortage) {
   return element;
 }
 
+static zk_stack_rec_t* last_of(zk_stack_rec_t* first) {
+  while (first->next != nullptr) first = first->next;
+  return first;
+}
+
 /* ---- By process ---------------------------------------------------------------------------------------------------- */
 
 /* Finds the process identifier behind the process name. Returns 0; ZELK_REC_CORRUPT. */
@@ -124,9 +129,10 @@ int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, z
     return zk_failed(trace, ZELK_NO_MEMORY,
                      "Unable to allocate memory for record %s - errno %d\nSize requested %d bytes\nReturning %s(%d)",
                      shortage.part, errno, shortage.size);
-  zk_stack_rec_t** link = &head->records;
-  while (*link != nullptr) link = &(*link)->next;
-  *link = element;
+  if (head->records == nullptr)
+    head->records = element;
+  else
+    last_of(head->records)->next = element;
   return zk_succeeded(trace, "Record added to list for process %d - returning %s(%d)", head->process_id);
 }
 
@@ -200,8 +206,7 @@ int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record,
     *table = element;
     return zk_succeeded(trace, "Added ZELK ID %s as first in table\nReturning %s(%d)", element->fid);
   }
-  zk_stack_rec_t* last = *table;
-  while (last->next != nullptr) last = last->next;
+  zk_stack_rec_t* last = last_of(*table);
   last->next = element;
   return zk_succeeded(trace, "Added ZELK ID %s to list\nafter %.42s\nReturning %s(%d)", element->fid, last->fid);
 }
@@ -214,19 +219,27 @@ static int walk_result(int result) {
   return result == ZELK_REC_CORRUPT ? ZELK_FILE_CORRUPT : ZELK_FAILURE;
 }
 
-static int place_by_process(const zk_trace_t& trace, void* record, zk_proc_list_t* head) {
+/* Lists the record and stores in `*placed` the element that holds it then. */
+static int place_by_process(const zk_trace_t& trace, void* record, zk_proc_list_t* head, zk_stack_rec_t** placed) {
   zk_proc_list_t* process = nullptr;
   int result = zk_find_proc_in_list(trace.active, trace.file, record, head, &process);
   if (result == ZELK_SUCCESS) result = zk_add_rec_to_proc(trace.active, trace.file, record, process);
+  if (result == ZELK_SUCCESS) *placed = last_of(process->records);
   return walk_result(result);
 }
 
-static int place_by_relation(const zk_trace_t& trace, void* record, zk_stack_rec_t** table) {
+/* The same. */
+static int place_by_relation(const zk_trace_t& trace, void* record, zk_stack_rec_t** table, zk_stack_rec_t** placed) {
   zk_stack_rec_t* related = nullptr;
   zk_stack_rec_t* groups = table != nullptr ? *table : nullptr;
-  if (zk_find_related_rec(trace.active, trace.file, record, groups, &related) == ZELK_SUCCESS)
-    return walk_result(zk_add_related_rec(trace.active, trace.file, record, related));
-  return walk_result(zk_add_unrelated_rec(trace.active, trace.file, record, table));
+  if (zk_find_related_rec(trace.active, trace.file, record, groups, &related) == ZELK_SUCCESS) {
+    const int result = zk_add_related_rec(trace.active, trace.file, record, related);
+    *placed = related->related; /* not looked at after a failure */
+    return walk_result(result);
+  }
+  const int result = zk_add_unrelated_rec(trace.active, trace.file, record, table);
+  if (result == ZELK_SUCCESS) *placed = last_of(*table);
+  return walk_result(result);
 }
 
 int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
@@ -243,11 +256,17 @@ int zk_read_stack(int debug_active, const char* debug_file, int order, int filde
   if (result == ZELK_LOCK) return result;
   while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
     void* record = walk.record.data();
-    result = order == 0 ? place_by_process(trace, record, proc_list) : place_by_relation(trace, record, rec_table);
-    if (result == ZELK_SUCCESS && zk_walk_at_write_pos(walk)) break;
+    zk_stack_rec_t* placed = nullptr;
+    result = order == 0 ? place_by_process(trace, record, proc_list, &placed)
+                        : place_by_relation(trace, record, rec_table, &placed);
+    if (result != ZELK_SUCCESS) break;
+    placed->offset = static_cast<int32_t>(walk.record_position);
+    if (zk_walk_at_write_pos(walk)) break;
   }
-  if (result == ZELK_FILE_CORRUPT && walk.damage.reason == nullptr)
-    zk_report_damage(trace, {walk.record_position, "the record does not fit into a grouped view"});
+  if (result == ZELK_FILE_CORRUPT && walk.damage.reason == nullptr) {
+    const bool is_too_long = zk_record_length(walk.record.data()) > ZK_REC_LISTED_MAX;
+    zk_report_damage(trace, {walk.record_position, is_too_long ? ZK_NOT_FOR_LISTS : ZK_BAD_FIELD});
+  }
   if (walk.is_record_lost) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
   zk_walk_end(walk);
   return result == ZK_WALK_END ? int{ZELK_SUCCESS} : result;

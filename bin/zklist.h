@@ -11,6 +11,7 @@
 /* One record in memory. */
 typedef struct zk_stack_rec {
   zk_eid_t fid;                 /* its Error ID; empty in the list of a process */
+  int32_t offset;               /* of its length word in the stack, where zk_read_stack has put it into the list */
   void* record;                 /* the whole record with its length word, and a zero byte behind it */
   struct zk_stack_rec* related; /* next record of the same incident group */
   struct zk_stack_rec* next;    /* first record of the next group, or next record of the same process */

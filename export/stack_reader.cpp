@@ -112,7 +112,9 @@ static void end_walk(stack_reader_t* reader) {
 
 /* Ends the reading at a record that cannot be decoded, by the result of that. */
 static void refuse_record(stack_reader_t* reader, int result) {
-  reader->damage = {ZELK_FILE_CORRUPT, reader->walk.record_position, zk_record_damage(result)};
+  const zk_walk_t& walk = reader->walk;
+  reader->damage = {ZELK_FILE_CORRUPT, walk.record_position, zk_record_damage(result)};
+  zk_report_damage(walk.trace, {walk.record_position, reader->damage.reason.c_str()});
   end_walk(reader);
 }
 

@@ -37,6 +37,7 @@ inline constexpr char ZK_BAD_LENGTH[] = "the record's length is out of range";
 inline constexpr char ZK_CUT_SHORT[] = "the record is cut short";
 inline constexpr char ZK_BAD_RECORD_VERSION[] = "the record's version is not supported";
 inline constexpr char ZK_BAD_FIELD[] = "a text or an argument of the record is damaged";
+inline constexpr char ZK_NOT_FOR_LISTS[] = "the record does not fit into a grouped view";
 
 /* What only a recorder refuses. */
 inline constexpr zk_damage_t ZK_NOT_REGULAR = {0, "it is not a regular file"};
@@ -47,7 +48,8 @@ inline constexpr zk_damage_t ZK_EARLIEST_BEHIND = {ZK_BAD_EARLIEST_REC.offset,
                                                    "the earliest record is behind the recording position"};
 inline constexpr char ZK_OTHER_END[] = "the records do not end at the recording position";
 
-/* Traces damage, beside what the routine that found it says of its own result. */
+/* Traces the damage that ends a view or keeps a recorder away, beside what the routine that found it says of its own
+ * result. */
 inline void zk_report_damage(const zk_trace_t& trace, const zk_damage_t& damage) {
   zk_trace(trace, "Stack is damaged at offset %lld: %s", static_cast<long long>(damage.offset), damage.reason);
 }

@@ -136,3 +136,9 @@ const char* zk_record_damage(int result) {
       return ZK_BAD_FIELD;
   }
 }
+
+void zk_report_bad_record(const zk_trace_t& trace, const void* record, off_t offset) {
+  zk_record_t fields;
+  const char* reason = zk_record_damage(zk_parse_record(record, &fields));
+  if (reason != nullptr) zk_report_damage(trace, {offset, reason}); /* null where there was no memory to print it */
+}

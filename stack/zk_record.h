@@ -10,6 +10,8 @@
 #include "qx_zelk.h"
 #include "zk_layout.h"
 
+struct zk_trace_t;
+
 /* Length of the text at `buffer`, whose NUL is looked for in `buflen` + 1 bytes; -1 when there is none, `buffer` is
  * null or `buflen` above 1024. A `buflen` below zero (as a signed number): 0 when the first byte is NUL, else -1. */
 extern "C" int zk_obtain_strlen(void* buffer, size_t buflen);
@@ -67,6 +69,9 @@ int zk_parse_record(const void* record, zk_record_t* fields);
 
 /* Such a result as the reason of damage, null for 0. */
 const char* zk_record_damage(int result);
+
+/* Traces what is wrong with a record that ends a view, by its fields. */
+void zk_report_bad_record(const zk_trace_t& trace, const void* record, off_t offset);
 
 /* The length word of a record. */
 int32_t zk_record_length(const void* record);

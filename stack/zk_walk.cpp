@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "zk_io.h"
-#include "zk_record.h"
 
 /* ---- Bytes --------------------------------------------------------------------------------------------------------- */
 
@@ -111,13 +110,6 @@ static int end_at_damage(zk_walk_t* walk, const zk_damage_t& damage, bool is_rec
   return ZELK_FILE_CORRUPT;
 }
 
-/* Traces what is wrong within the record. The views find that later, some when they no longer know its place. */
-static void report_damaged_fields(const zk_walk_t& walk) {
-  zk_record_t fields;
-  const char* reason = zk_record_damage(zk_parse_record(walk.record.data(), &fields));
-  if (reason != nullptr) zk_report_damage(walk.trace, {walk.record_position, reason});
-}
-
 /* Goes back to records_start. Returns 0; ZELK_FILE_CORRUPT. */
 static int wrap(zk_walk_t* walk) {
   zk_trace(walk->trace, "Wrapping back to start of Error Stack");
@@ -148,7 +140,6 @@ int zk_walk_next(zk_walk_t* walk) {
   if (read_bytes(walk, walk->record.data() + ZK_REC_LENGTH_SIZE, size) < size)
     return end_at_damage(walk, {walk->record_position, ZK_CUT_SHORT}, true);
   walk->record[ZK_REC_LENGTH_SIZE + size] = '\0';
-  if (walk->trace.active == 1) report_damaged_fields(*walk);
   return ZELK_SUCCESS;
 }
 
