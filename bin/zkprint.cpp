@@ -59,7 +59,7 @@ int zk_print_description(int debug_active, const char* debug_file, nl_catd catfd
 
 void zk_truncate_description(char* descript, int start) {
   constexpr long DEFAULT_WIDTH = 80;
-  const char* columns = secure_getenv("COLUMNS");
+  const char* columns = std::getenv("COLUMNS");
   long width = columns != nullptr ? std::strtol(columns, nullptr, 10) : 0;
   width = width >= 1 ? std::min(width, long{INT_MAX}) : DEFAULT_WIDTH;
   /* A limit below zero is a huge one and leaves the text whole. */
