@@ -321,9 +321,10 @@ int zk_create_debug_file(const char* debug_file);
  * returns ends the wait for the file's lock (ZELK_LOCK), unless it was installed with SA_RESTART; the wait for other
  * threads goes on. The thread is not cancelled before the call returns. A child may be forked at any time, in a signal
  * handler too; one that a handler forks during a wait gives the entry up. A thread that forks waits until the others
- * have written theirs, with its own signal mask.
- * A signal handler must not call it; neither must, before exec, a child that was forked while another thread converted
- * a time (the C library's lock for that is then taken for ever). TZ is read from the environment.
+ * have written theirs, with its own signal mask; handlers of pthread_atfork may call it.
+ * A signal handler must not call it, nor end it by siglongjmp: others would wait for that thread for ever. Neither must a
+ * child call it before exec that was made by _Fork or vfork, or forked while another thread converted a time (the C
+ * library's lock for that is then taken for ever). TZ is read from the environment.
  * Returns 0; ZELK_INV_PARAM1 to ZELK_INV_PARAM3 a null argument; ZELK_FILE_MISSING, ZELK_NO_ACCESS, ZELK_TOO_MANY,
  * ZELK_DIR_MISSING, ZELK_READ_ONLY, ZELK_LINK_LOOP, ZELK_FAILURE the file cannot be opened; ZELK_LOCK, ZELK_UNLOCK;
  * ZELK_FILE_CORRUPT not a trace file, or it cannot be read or written. */

@@ -239,6 +239,27 @@ TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
   });
 }
 
+/* Handlers that were set up before the library's own run within its turn. */
+static const char* traced_by_fork_handlers = nullptr;
+static void trace_fork() {
+  if (traced_by_fork_handlers != nullptr) zk_debug(traced_by_fork_handlers, "r", "%s", "of a fork handler");
+}
+__attribute__((constructor(101))) static void set_up_fork_handlers() {
+  pthread_atfork(trace_fork, trace_fork, trace_fork);
+}
+
+TEST_F(trace_file, is_open_to_fork_handlers_in_parent_and_child) {
+  in_child([&] {
+    traced_by_fork_handlers = path.c_str();
+    alarm(10);
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(trace(path), 0);
+    EXPECT_EQ(trace_entries(path).size(), 4U);
+  });
+}
+
 /* The child would move the position at which its parent reads and writes: while the thread waits for another one, and while
  * it waits for the lock. */
 TEST_F(trace_file, has_no_entry_of_a_child_that_a_signal_handler_forks_and_returns_in) {

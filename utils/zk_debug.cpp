@@ -102,19 +102,23 @@ enum { NOTHING, ITS_TURN, THE_LOCK };
 static thread_local volatile sig_atomic_t waits_for = NOTHING;
 static thread_local volatile sig_atomic_t is_given_up = 0;
 
-/* A thread that forks takes a turn for it: the child would find the turn taken by a thread that it does not have. */
+/* A thread that forks takes a turn for it: the child would find the turn taken by a thread that it does not have. Within
+ * that turn the fork handlers of others are run, which may trace. */
 static sigset_t forking_signals; /* of the thread whose turn it is */
+static thread_local bool is_forking = false;
 
 static void before_fork() {
   if (waits_for == THE_LOCK) return;
   sigset_t signals;
   begin_turn(&signals);
   forking_signals = signals;
+  is_forking = true;
 }
 
 static void after_fork_in_parent() {
   if (waits_for == THE_LOCK) return;
   const sigset_t signals = forking_signals;
+  is_forking = false;
   end_turn(signals);
 }
 
@@ -188,8 +192,9 @@ static int append_entry(const char* trace_filename, const char* interface_name, 
     return zk_result_of_errno(errno, OPEN_RESULTS);
   }
 
-  sigset_t signals;
-  begin_turn(&signals);
+  const bool has_turn = is_forking;
+  sigset_t signals = forking_signals;
+  if (!has_turn) begin_turn(&signals);
   waits_for = NOTHING;
   std::array<char, ENTRY_SIZE> entry;
   format_entry(&entry, interface_name, lines);
@@ -199,7 +204,7 @@ static int append_entry(const char* trace_filename, const char* interface_name, 
     if (lockf(fildes, F_ULOCK, 0) != 0) result = ZELK_UNLOCK;
   }
   close(fildes);
-  end_turn(signals);
+  if (!has_turn) end_turn(signals);
   return result;
 }
 
