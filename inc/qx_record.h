@@ -35,7 +35,7 @@ extern "C" {
 typedef struct {
   const char* process_name; /* null: the program's own short name */
   int32_t process_id;       /* 0: this process; the same for the next two */
-  int32_t parent_id;
+  int32_t parent_id;        /* INT32_MIN: not known, which is recorded as 0 */
   int32_t thread_id;
   const char* detecting_file;
   const char* file_version;
