@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "qx_record.h"
 
@@ -104,6 +105,31 @@ constexpr bool next_conversion(const char** at, conversion_t* conversion) {
   return true;
 }
 
+/* Adds a conversion to what is known of its argument: of a text, how much is shown of it. Returns false when the two show
+ * two values of it, as printf does with "%1$hhd %1$d". */
+constexpr bool add_conversion(const conversion_t& conversion, conversion_t* known) {
+  const bool is_first = !known->is_recordable;
+  const bool is_signed = is_one_of(SIGNED_LETTERS, conversion.letter);
+  const bool is_narrow = conversion.length == conversion_t::length_t::HH || conversion.length == conversion_t::length_t::H;
+  const bool was_narrow = known->length == conversion_t::length_t::HH || known->length == conversion_t::length_t::H;
+  const bool is_same = conversion.length == known->length && is_signed == is_one_of(SIGNED_LETTERS, known->letter);
+  if (!is_first && (is_narrow || was_narrow) && !is_same) return false;
+  const bool is_whole = conversion.precision < 0 || (!is_first && known->precision < 0);
+  const int precision = conversion.precision > known->precision ? conversion.precision : known->precision;
+  *known = conversion;
+  known->precision = is_whole ? -1 : precision;
+  return true;
+}
+
+/* The integer as the conversion shows it: "h" and "hh" make it narrower. */
+constexpr int64_t narrowed(int64_t value, const conversion_t& conversion) {
+  using enum conversion_t::length_t;
+  const bool is_signed = is_one_of(SIGNED_LETTERS, conversion.letter);
+  if (conversion.length == HH) return is_signed ? static_cast<signed char>(value) : static_cast<unsigned char>(value);
+  if (conversion.length == H) return is_signed ? static_cast<short>(value) : static_cast<unsigned short>(value);
+  return value;
+}
+
 /* ---- Arguments --------------------------------------------------------------------------------------------------- */
 
 template <typename Type>
@@ -111,7 +137,8 @@ constexpr bool IS_INTEGER = std::is_integral_v<Type> || (std::is_enum_v<Type> &&
 template <typename Type>
 constexpr bool IS_TEXT = std::is_convertible_v<Type, std::string_view> && !std::is_null_pointer_v<Type>;
 
-/* Whether the conversion shows an argument of the type as it is. Length modifiers do not matter: the type is known. */
+/* Whether the conversion shows an argument of the type. Length modifiers do not matter, but that "h" and "hh" show it
+ * narrower: the type is known. */
 template <typename Type>
 constexpr bool fits(const conversion_t& conversion) {
   const char letter = conversion.letter;
@@ -133,6 +160,7 @@ void conversion_cannot_be_recorded();
 void conversion_does_not_fit_its_argument();
 void conversion_has_no_argument();
 void argument_has_no_conversion();
+void conversions_show_two_values_of_one_argument();
 void numbered_and_other_conversions();
 
 /* A format whose conversions fit arguments of these types, and the place in the source where it stands. */
@@ -141,6 +169,7 @@ struct format_t {
   const char* text;
   const char* file;
   int line;
+  std::array<conversion_t, sizeof...(Arguments) + 1> shown = {}; /* what shows each argument; one more, as none is no array */
 
   template <size_t SIZE>
   consteval format_t(const char (&format)[SIZE], const char* in_file = __builtin_FILE(), int at_line = __builtin_LINE())
@@ -148,7 +177,6 @@ struct format_t {
     using fits_t = bool (*)(const conversion_t&);
     constexpr size_t COUNT = sizeof...(Arguments);
     constexpr std::array<fits_t, COUNT + 1> FITS = {fits<std::remove_cvref_t<Arguments>>..., nullptr};
-    std::array<bool, COUNT + 1> is_shown = {};
     size_t unnumbered = 0, numbered = 0;
     conversion_t conversion;
     for (const char* at = format; next_conversion(&at, &conversion);) {
@@ -157,11 +185,11 @@ struct format_t {
       ++(conversion.number > 0 ? numbered : unnumbered);
       if (index >= COUNT) conversion_has_no_argument();
       if (!FITS[index](conversion)) conversion_does_not_fit_its_argument();
-      is_shown[index] = true;
+      if (!add_conversion(conversion, &shown[index])) conversions_show_two_values_of_one_argument();
     }
     if (unnumbered > 0 && numbered > 0) numbered_and_other_conversions();
     for (size_t index = 0; index < COUNT; ++index)
-      if (!is_shown[index]) argument_has_no_conversion();
+      if (!shown[index].is_recordable) argument_has_no_conversion();
   }
 };
 
@@ -171,16 +199,17 @@ struct argument_t {
   std::string copy; /* of a text that need not end in a NUL */
   cu_error_arg_t recorded = {};
 
-  explicit argument_t(const Type& value) {
+  argument_t(const Type& value, const conversion_t& shown) {
     auto& field = recorded.cu_arg_value;
     if constexpr (IS_INTEGER<Type>) {
       constexpr bool IS_SMALL = sizeof(Type) < sizeof(int32_t);
       constexpr bool IS_NARROW = IS_SMALL || (sizeof(Type) == sizeof(int32_t) && std::is_signed_v<Type>);
       recorded.cu_arg_type = IS_NARROW ? CU_ERROR_ARG_INT : CU_ERROR_ARG_LONG_LONG;
+      const int64_t wide = narrowed(static_cast<int64_t>(value), shown);
       if constexpr (IS_NARROW)
-        field.cu_arg_int = static_cast<int32_t>(value);
+        field.cu_arg_int = static_cast<int32_t>(wide);
       else
-        field.cu_arg_long_long = static_cast<int64_t>(value);
+        field.cu_arg_long_long = wide;
     } else if constexpr (std::is_floating_point_v<Type>) {
       recorded.cu_arg_type = CU_ERROR_ARG_DOUBLE;
       field.cu_arg_double = static_cast<double>(value);
@@ -190,8 +219,13 @@ struct argument_t {
         copy.assign(value, strnlen(value, std::extent_v<Type>)); /* an array need not end in a NUL */
         field.cu_arg_char_str = copy.data();
       } else if constexpr (std::is_pointer_v<Type>) {
-        const char* const text = value;
-        field.cu_arg_char_str = const_cast<char*>(text != nullptr ? text : "(null)"); /* only read */
+        const char* text = value;
+        if (text == nullptr) text = "(null)";
+        if (shown.precision >= 0) { /* no byte behind that is read */
+          copy.assign(text, strnlen(text, static_cast<size_t>(shown.precision)));
+          text = copy.c_str();
+        }
+        field.cu_arg_char_str = const_cast<char*>(text); /* only read */
       } else {
         copy = std::string_view(value);
         field.cu_arg_char_str = copy.data();
@@ -263,7 +297,10 @@ recorded_t record(const recorder_t& recorder, cause_t cause, details_t details,
     recorded.result = zk_record_incident(0, nullptr, recorder.open, &incident, recorded.eid);
     return recorded;
   };
-  return record_these(argument_t<Arguments>(arguments)...);
+  const auto make = [&]<size_t... INDEX>(std::index_sequence<INDEX...>) {
+    return record_these(argument_t<Arguments>(arguments, format.shown[INDEX])...);
+  };
+  return make(std::index_sequence_for<Arguments...>());
 }
 
 template <typename... Arguments>

@@ -34,59 +34,45 @@ static bool take_same_type(const conversion_t& one, const conversion_t& other) {
 
 /* Notes what each argument of the format is. Returns 0; ZELK_INV_PARAM4 it cannot be recorded; ZELK_INV_RECLEN. */
 static int parse_format(const char* format, arguments_t* arguments) {
-  uint32_t unnumbered = 0, numbered = 0;
+  uint32_t unnumbered = 0, numbered = 0, count = 0;
   conversion_t conversion;
   while (zelk::next_conversion(&format, &conversion)) {
     if (!conversion.is_recordable) return ZELK_INV_PARAM4;
     const uint32_t index = conversion.number > 0 ? static_cast<uint32_t>(conversion.number) - 1 : unnumbered;
     ++(conversion.number > 0 ? numbered : unnumbered);
-    if (index >= ARGUMENTS_MAX) return ZELK_INV_RECLEN;
+    count = std::max(count, index + 1);
+    if (index >= ARGUMENTS_MAX) continue;
     conversion_t* const known = &arguments->conversions[index];
     if (known->is_recordable && !take_same_type(*known, conversion)) return ZELK_INV_PARAM4;
-    const bool is_unlimited = conversion.precision < 0 || (known->is_recordable && known->precision < 0);
-    conversion.precision = is_unlimited ? -1 : std::max(conversion.precision, known->precision);
-    *known = conversion;
-    arguments->count = std::max(arguments->count, index + 1);
+    if (!zelk::add_conversion(conversion, known)) return ZELK_INV_PARAM4;
   }
   if (unnumbered > 0 && numbered > 0) return ZELK_INV_PARAM4;
-  for (uint32_t i = 0; i < arguments->count; ++i)
+  for (uint32_t i = 0; i < std::min(count, uint32_t{ARGUMENTS_MAX}); ++i)
     if (!arguments->conversions[i].is_recordable) return ZELK_INV_PARAM4; /* of no known type, so none behind it is */
+  if (count > ARGUMENTS_MAX) return ZELK_INV_RECLEN;
+  arguments->count = count;
   return ZELK_SUCCESS;
 }
 
 /* The next argument, an integer, as printf shows it. */
 static cu_error_arg_t next_integer(const conversion_t& conversion, va_list* list) {
-  cu_error_arg_t argument = {.cu_arg_type = CU_ERROR_ARG_INT, .cu_arg_value = {}};
+  cu_error_arg_t argument = {.cu_arg_type = CU_ERROR_ARG_LONG_LONG, .cu_arg_value = {}};
   const bool is_signed = zelk::is_one_of(zelk::SIGNED_LETTERS, conversion.letter);
-  int value = 0;
   switch (conversion.length) {
-    case length_t::HH:
-      value = va_arg(*list, int);
-      value = is_signed ? int{static_cast<signed char>(value)} : int{static_cast<unsigned char>(value)};
+    case length_t::LL:
+    case length_t::J:
+      argument.cu_arg_value.cu_arg_long_long = va_arg(*list, long long);
       break;
-    case length_t::H:
-      value = va_arg(*list, int);
-      value = is_signed ? int{static_cast<short>(value)} : int{static_cast<unsigned short>(value)};
+    case length_t::L: /* size_t and ptrdiff_t are as wide */
+    case length_t::Z:
+    case length_t::T:
+      argument.cu_arg_value.cu_arg_long_long =
+          is_signed ? int64_t{va_arg(*list, long)} : static_cast<int64_t>(va_arg(*list, unsigned long));
       break;
-    case length_t::NONE:
-    case length_t::LONG_DOUBLE: /* of no integer */
-      value = va_arg(*list, int);
-      break;
-    default: {
-      const bool is_wide = conversion.length == length_t::LL || conversion.length == length_t::J;
-      int64_t wide = 0;
-      if (is_wide)
-        wide = va_arg(*list, long long);
-      else if (sizeof(long) == sizeof(int64_t) || is_signed)
-        wide = va_arg(*list, long); /* size_t and ptrdiff_t are as wide */
-      else
-        wide = static_cast<int64_t>(va_arg(*list, unsigned long));
-      argument.cu_arg_type = CU_ERROR_ARG_LONG_LONG;
-      argument.cu_arg_value.cu_arg_long_long = wide;
-      return argument;
-    }
+    default:
+      argument.cu_arg_type = CU_ERROR_ARG_INT;
+      argument.cu_arg_value.cu_arg_int = static_cast<int32_t>(zelk::narrowed(va_arg(*list, int), conversion));
   }
-  argument.cu_arg_value.cu_arg_int = value;
   return argument;
 }
 

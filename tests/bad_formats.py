@@ -12,7 +12,7 @@ import unittest
 C, CXX, INC, README = sys.argv[1:5]
 
 # Each is recorded with what stands behind it.
-GOOD_CPP = ['"plain 100%%"', '"%s %d", "a", 5', '"%2$s %1$d", 5, "a"', '"%p", nullptr', '"%c", \'c\'', '"%5.1f", 0.5']
+GOOD_CPP = ['"plain 100%%"', '"%s %d", "a", 5', '"%2$s %1$d", 5, "a"', '"%p", nullptr', '"%c", \'c\'', '"%5.1f", 0.5', '"%1$hx %1$hx", 5L']
 BAD_CPP = {
     '"%d", "text"': "conversion_does_not_fit_its_argument",
     '"%s", 5': "conversion_does_not_fit_its_argument",
@@ -27,6 +27,7 @@ BAD_CPP = {
     '"%*d", 5, 6': "conversion_cannot_be_recorded",
     '"100%"': "conversion_cannot_be_recorded",
     '"%1$d %d", 5': "numbered_and_other_conversions",
+    '"%1$hhd %1$d", 5': "conversions_show_two_values_of_one_argument",
     "eid": "",  # a format that is no literal
 }
 BAD_C = ['"%d", "text"', '"%s", 5', '"%d"', '"%s %d", "a"', '"%y"']

@@ -81,7 +81,8 @@ TEST_F(one_line, keeps_the_message_apart_from_its_arguments) {
 TEST_F(one_line, refuses_what_cannot_be_recorded_before_it_records) {
   for (const char* format :
        {"%n", "%*d", "%.*d", "%m",   "%lc",     "%ls",       "%hs",        "%Ld",    "%b",      "%y",
-        "%",  "%5",  "%0$d", "%2$d", "%1$d %d", "%1$d %1$s", "%1$d %1$ld", "%1025d", "%.1025d", "% %"})
+        "%",  "%5",  "%0$d", "%2$d", "%1$d %d", "%1$d %1$s", "%1$d %1$ld", "%1025d", "%.1025d", "% %",
+        "%201$s", "%1$hhd %1$hhu"})
     EXPECT_EQ(result_of(format), -5) << format;
   EXPECT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, nullptr), -5);
   EXPECT_EQ(zk_record_message(nullptr, nullptr, nullptr, nullptr, nullptr), -4);
@@ -172,6 +173,15 @@ TEST(one_line_of_cpp, shows_every_kind_of_argument) {
   const char* nothing = nullptr;
   record(recorder, nullptr, "%2$d %1$s", nothing, 5L);
   EXPECT_EQ(description(path), "5 (null)");
+}
+
+TEST(one_line_of_cpp, shows_of_an_argument_what_printf_shows) {
+  const std::string path = new_name();
+  const zelk::recorder_t recorder(path.c_str());
+  const char* unended = new char[4]{'d', 'i', 's', 'k'};
+  record(recorder, nullptr, "%.4s %hhd %hhx %hx %hd", unended, 300, -1, -1, 70000L);
+  delete[] unended;
+  EXPECT_EQ(description(path), "disk 44 ff ffff 4464");
 }
 
 TEST(one_line_of_cpp, records_where_it_stands_and_what_caused_it) {
