@@ -50,8 +50,9 @@ def enter(script):
 def clean_up():
     for process in list(processes):
         kill(process)
-    subprocess.run(as_postgres(POSTGRES + "/pg_ctl", "-D", folder + "/database", "-m", "immediate", "stop"),
-                   stdout=log, stderr=log, check=False)
+    for name in ("database", "standby"):
+        subprocess.run(as_postgres(POSTGRES + "/pg_ctl", "-D", f"{folder}/{name}", "-m", "immediate", "stop"),
+                       stdout=log, stderr=log, check=False)
     shutil.rmtree(folder, ignore_errors=True)
 
 
@@ -124,6 +125,21 @@ def kill_cluster():
     os.waitpid(process, 0)  # this is process 1 here
 
 
+def make_standby():
+    """A synchronous standby of the cluster: a commit returns when it is on both. Its socket is in folder/standby-socket."""
+    os.mkdir(folder + "/standby-socket")
+    shutil.chown(folder + "/standby-socket", "postgres")
+    run(*as_postgres(POSTGRES + "/pg_basebackup", "-h", folder, "-D", folder + "/standby", "-R", "-c", "fast", "-X", "stream",
+                     "-d", f"host={folder} application_name=standby"))
+    with open(folder + "/standby/postgresql.conf", "a") as file:
+        file.write(f"unix_socket_directories = '{folder}/standby-socket'\n")
+    run(*as_postgres(POSTGRES + "/pg_ctl", "-D", folder + "/standby", "-l", folder + "/standby.log", "-w", "start"))
+    query("ALTER SYSTEM SET synchronous_standby_names = 'standby'")
+    query("SELECT pg_reload_conf()")
+    if not wait_until(lambda: query("SELECT sync_state FROM pg_stat_replication") == "sync"):
+        raise SystemExit("the standby does not follow: " + open(folder + "/standby.log").read()[-2000:])
+
+
 def make_database(name):
     run("createdb", name)
     run("psql", "-Xqf", FLEET + "/schema.sql", name)
@@ -138,8 +154,8 @@ def spread(*names):
         query(f"SELECT zelk_spread(ARRAY[{places}], {number + 1})", name)
 
 
-def query(text, database="zelk", user="postgres"):
-    return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-U", user, "-c", text, database, stderr=log).strip()
+def query(text, database="zelk", user="postgres", host=None):
+    return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-h", host or folder, "-U", user, "-c", text, database, stderr=log).strip()
 
 
 def conninfo(database="zelk"):
@@ -174,6 +190,18 @@ def make_certificate(name, authority, host):
         "-addext", f"subjectAltName=DNS:{host}", "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.csr", stderr=log)
     run("openssl", "x509", "-req", "-in", f"{folder}/{name}.csr", "-CA", f"{folder}/{authority}.pem", "-CAkey",
         f"{folder}/{authority}.key", "-days", "2", "-copy_extensions", "copy", "-out", f"{folder}/{name}.pem", stderr=log)
+
+
+def revoke(authority, *names):
+    """Writes the list of revoked certificates AUTHORITY.crl, with those of these names in it."""
+    with open(f"{folder}/{authority}.conf", "w") as file:
+        file.write(f"[ca]\ndefault_ca = own\n[own]\ndatabase = {folder}/{authority}.txt\ndefault_md = sha256\n")
+    open(f"{folder}/{authority}.txt", "a").close()
+    command = ["openssl", "ca", "-config", f"{folder}/{authority}.conf", "-cert", f"{folder}/{authority}.pem", "-keyfile",
+               f"{folder}/{authority}.key"]
+    for name in names:
+        run(*command, "-revoke", f"{folder}/{name}.pem", stderr=log)
+    run(*command, "-gencrl", "-crldays", "2", "-out", f"{folder}/{authority}.crl", stderr=log)
 
 
 def tls_options(name, authority):

@@ -25,8 +25,8 @@ def expect(what, found, wanted):
           + ("" if is_so else f": {found!r} instead of {wanted!r}"), flush=True)
 
 
-def rows(condition="true", database="zelk"):
-    return int(query(f"SELECT count(*) FROM zelk_incident WHERE {condition}", database))
+def rows(condition="true", database="zelk", host=None):
+    return int(query(f"SELECT count(*) FROM zelk_incident WHERE {condition}", database, host=host))
 
 
 def reason_of(host):
@@ -327,6 +327,31 @@ def away():
     expect("lines wait for the database", (answered, rows("host = 'away'")), (1, 5000))
 
 
+def failover():
+    """The primary is killed and its synchronous standby promoted: nodes do not notice."""
+    fleet.make_standby()
+    standby = fleet.folder + "/standby-socket"
+    gatherer = start_gatherer("--listen=127.0.0.1:2630", f"--database=host={fleet.folder},{standby} dbname=zelk user=zelk_writer "
+                              "target_session_attrs=read-write", port=2630, name="failover")
+    conversation = Conversation(2630, host="failover")
+    conversation.tell([line_of(200000 + number) for number in range(4000)])
+    conversation.wait(1000)
+    fleet.kill_cluster()
+    conversation.tell([line_of(204000 + number) for number in range(1000)])
+    time.sleep(0.5)
+    acknowledged = conversation.answered - 1
+    query("SELECT pg_promote()", host=standby)
+    there = rows("host = 'failover'", host=standby)
+    expect(f"of {acknowledged} lines that were acknowledged none is lost with the primary", there >= acknowledged, True)
+    conversation.wait()
+    expect("the rest comes to the standby that was promoted", query(
+        "SELECT count(*), count(DISTINCT key) FROM zelk_incident WHERE host = 'failover'", host=standby), "5000|5000")
+    kill(gatherer)
+    fleet.start_cluster()
+    query("ALTER SYSTEM SET synchronous_standby_names = ''")
+    query("SELECT pg_reload_conf()")
+
+
 # ---- Tiers --------------------------------------------------------------------------------------------------------------
 
 def by_tls():
@@ -334,11 +359,13 @@ def by_tls():
     fleet.make_authority("authority")
     fleet.make_authority("stranger")
     for name, authority, host in (("middle", "authority", "middle.example"), ("site", "authority", "site.example"),
-                                  ("liar", "authority", "liar.example"), ("foreign", "stranger", "liar.example")):
+                                  ("liar", "authority", "liar.example"), ("honest", "authority", "honest.example"),
+                                  ("foreign", "stranger", "liar.example")):
         make_certificate(name, authority, host)
+    fleet.revoke("authority")
     run("sh", "-c", "echo 127.0.0.1 localhost middle.example >/tmp/zelk-hosts && mount --bind /tmp/zelk-hosts /etc/hosts")
     middle = start_gatherer("--listen=127.0.0.1:2610", f"--database={fleet.conninfo()}", "--trust=site.example",
-                            *fleet.tls_options("middle", "authority"), port=2610, name="middle")
+                            f"--tls-crl={fleet.folder}/authority.crl", *fleet.tls_options("middle", "authority"), port=2610, name="middle")
     start_gatherer("--listen=127.0.0.1:2611", "--relay=middle.example:2610", *fleet.tls_options("site", "authority"),
                    port=2611, name="site")
 
@@ -366,12 +393,30 @@ def by_tls():
             return True
 
     expect("nobody else is let in", [is_refused(tls) for tls in (None, context(None), context("foreign"))], [True] * 3)
+
+    connections = [Conversation(2610, tls=context(name)) for name in ("liar", "honest")]
+    fleet.revoke("authority", "liar")
+    middle.send_signal(signal.SIGHUP)
+
+    def goes_on(connection):
+        try:
+            connection.tell([line_of(70000)])
+            connection.wait()
+            return True
+        except OSError:
+            return False
+
+    time.sleep(0.3)
+    expect("a certificate that is revoked ends its connection, and no other", [goes_on(each) for each in connections], [False, True])
+    expect("and lets nobody in", [is_refused(context(name)) for name in ("liar", "honest")], [True, False])
+
     for file in ("pem", "key"):
         os.replace(f"{fleet.folder}/foreign.{file}", f"{fleet.folder}/middle.{file}")
     os.replace(fleet.folder + "/stranger.pem", fleet.folder + "/authority.pem")
     middle.send_signal(signal.SIGHUP)
     time.sleep(0.3)
-    expect("SIGHUP reads certificates anew", is_refused(context("liar")), True)
+    expect("SIGHUP reads certificates anew", is_refused(context("honest")), True)
+    expect("and ends connections by those that do not hold any more", goes_on(connections[1]), False)
     expect("and nothing has ended", middle.poll(), None)
 
 
@@ -519,6 +564,7 @@ def main():
     several_databases()
     killed_gatherers()
     away()
+    failover()
     gatherer = three_nodes(gatherer)
     months()
     gatherer.terminate()

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 static void free_certificates(certificates_t* certificates) {
   gnutls_certificate_free_credentials(certificates->credentials);
@@ -17,7 +18,8 @@ static void free_certificates(certificates_t* certificates) {
 }
 
 std::shared_ptr<certificates_t> load_certificates(const std::string& certificate, const std::string& key,
-                                                  const std::string& authority, std::string* problem) {
+                                                  const std::string& authority, const std::string& revoked,
+                                                  std::string* problem) {
   std::shared_ptr<certificates_t> loaded(new certificates_t{}, free_certificates);
   int result = gnutls_certificate_allocate_credentials(&loaded->credentials);
   if (result >= 0) {
@@ -29,6 +31,11 @@ std::shared_ptr<certificates_t> load_certificates(const std::string& certificate
     result = gnutls_certificate_set_x509_key_file(loaded->credentials, certificate.c_str(), key.c_str(),
                                                   GNUTLS_X509_FMT_PEM);
     *problem = certificate + " with " + key;
+  }
+  if (result >= 0 && !revoked.empty()) {
+    result = gnutls_certificate_set_x509_crl_file(loaded->credentials, revoked.c_str(), GNUTLS_X509_FMT_PEM);
+    if (result == 0) result = GNUTLS_E_NO_CERTIFICATE_FOUND;
+    *problem = revoked;
   }
   if (result >= 0) return loaded;
   *problem += ": ";
@@ -104,6 +111,31 @@ channel_result_t shake_hands(channel_t* channel, const char* name, std::string* 
   }
   channel->peer_name = name_of_peer(channel->session);
   return CHANNEL_DONE;
+}
+
+bool is_still_accepted(const channel_t* channel, const certificates_t* certificates) {
+  if (channel->session == nullptr) return certificates == nullptr;
+  unsigned int count = 0;
+  const gnutls_datum_t* const chain = gnutls_certificate_get_peers(channel->session, &count);
+  if (chain == nullptr || certificates == nullptr) return false;
+  std::vector<gnutls_x509_crt_t> read;
+  bool is_accepted = true;
+  for (unsigned int number = 0; number < count && is_accepted; ++number) {
+    gnutls_x509_crt_t certificate = nullptr;
+    is_accepted = gnutls_x509_crt_init(&certificate) >= 0;
+    if (!is_accepted) break;
+    read.push_back(certificate);
+    is_accepted = gnutls_x509_crt_import(certificate, &chain[number], GNUTLS_X509_FMT_DER) >= 0;
+  }
+  gnutls_x509_trust_list_t trusted = nullptr;
+  gnutls_certificate_get_trust_list(certificates->credentials, &trusted);
+  unsigned int status = 0;
+  is_accepted = is_accepted &&
+                gnutls_x509_trust_list_verify_crt2(trusted, read.data(), static_cast<unsigned int>(read.size()),
+                                                   nullptr, 0, 0, &status, nullptr) >= 0 &&
+                status == 0;
+  for (gnutls_x509_crt_t certificate : read) gnutls_x509_crt_deinit(certificate);
+  return is_accepted;
 }
 
 /* What a system call says that has not moved anything. */

@@ -9,14 +9,16 @@
 #include <memory>
 #include <string>
 
-/* A certificate, its key, and the authorities whose certificates are believed. Sessions keep what they were begun with. */
+/* A certificate, its key, the authorities whose certificates are believed, and the list of those that are revoked. Sessions keep
+ * what they were begun with. */
 struct certificates_t {
   gnutls_certificate_credentials_t credentials;
 };
 
-/* Reads the three files. Returns null with the reason when one of them cannot be used. */
+/* Reads the files; without `revoked` nothing is. Returns null with the reason when one of them cannot be used. */
 std::shared_ptr<certificates_t> load_certificates(const std::string& certificate, const std::string& key,
-                                                  const std::string& authority, std::string* problem);
+                                                  const std::string& authority, const std::string& revoked,
+                                                  std::string* problem);
 
 struct channel_t {
   int fildes = -1;
@@ -40,6 +42,9 @@ enum channel_result_t {
 /* Goes on with the beginning of TLS; done at once in the open. A certificate that is not of the authority fails, and so does a
  * name other than `name` where one is given. */
 channel_result_t shake_hands(channel_t* channel, const char* name, std::string* reason);
+
+/* Whether the certificate of the other side would be accepted by these, which may be newer than those it was accepted by. */
+bool is_still_accepted(const channel_t* channel, const certificates_t* certificates);
 
 /* Reads or writes up to `size` bytes, of which `moved` are done. */
 channel_result_t read_channel(channel_t* channel, char* bytes, size_t size, size_t* moved, std::string* reason);

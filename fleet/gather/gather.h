@@ -125,7 +125,7 @@ struct request_t {
   std::vector<std::string> databases;
   size_t sessions = 2; /* with each of them: while one waits for the disk another one has work */
   std::string relay;
-  std::string certificate, key, authority;
+  std::string certificate, key, authority, revoked;
   std::vector<std::string> trusted; /* names of certificates that may name the host of a line */
 };
 
@@ -162,6 +162,7 @@ bool listen_at(gather_t* gather, const std::string& address, std::string* proble
 void set_accepting(gather_t* gather, bool is_accepting);
 void close_node(gather_t* gather, node_t* node, const char* reason); /* null for one that need not be told */
 void expire_nodes(gather_t* gather);                                 /* once a second */
+void judge_nodes_anew(gather_t* gather);                             /* by new certificates */
 void go_on_with_nodes(gather_t* gather);                             /* after each round */
 void say_goodbye(gather_t* gather);
 void free_closed_nodes(gather_t* gather);

@@ -339,6 +339,14 @@ void expire_nodes(gather_t* gather) {
   if (!gather->is_accepting && !gather->is_ending) set_accepting(gather, true); /* descriptors may be there again */
 }
 
+/* Those that still shake hands do it by the old ones: they come again. */
+void judge_nodes_anew(gather_t* gather) {
+  const std::vector<node_t*> nodes = gather->nodes;
+  for (node_t* node : nodes)
+    if (!is_still_accepted(&node->channel, gather->certificates.get()))
+      close_node(gather, node, "its certificate is not accepted any more");
+}
+
 void say_goodbye(gather_t* gather) {
   const std::vector<node_t*> nodes = gather->nodes;
   for (node_t* node : nodes) {

@@ -99,6 +99,7 @@ static int check_request(const request_t& request) {
   const bool is_any = !request.certificate.empty() || !request.key.empty() || !request.authority.empty();
   const bool is_all = !request.certificate.empty() && !request.key.empty() && !request.authority.empty();
   if (is_any && !is_all) return misuse("--tls-certificate, --tls-key and --tls-ca belong together");
+  if (!request.revoked.empty() && !is_all) return misuse("--tls-crl says nothing without certificates");
   if (!request.trusted.empty() && !is_all) return misuse("--trust says nothing without certificates");
   return 0;
 }
@@ -119,6 +120,7 @@ static constexpr char HELP[] =
     "  --tls-certificate=FILE   certificate of this gatherer, PEM\n"
     "  --tls-key=FILE           its key\n"
     "  --tls-ca=FILE            the authority of all certificates\n"
+    "  --tls-crl=FILE           certificates of it that are revoked\n"
     "  --trust=NAME             certificate of a relay, whose lines keep the hosts that they name\n"
     "  --sessions=NUMBER        sessions with each database at a time, 2 unless given\n"
     "  --lines=NUMBER           most lines in one commit, 2000 unless given\n"
@@ -128,14 +130,20 @@ static constexpr char HELP[] =
 
 /* Parses the command line. Returns the exit status where that ends the run, else -1. */
 static int parse_request(int argc, char** argv, gather_t* gather) {
-  enum { LISTEN = 1, DATABASE, RELAY, CERTIFICATE, KEY, AUTHORITY, TRUST, SESSIONS, LINES, VERSION };
-  static constexpr option OPTIONS[] = {
-      {"listen", required_argument, nullptr, LISTEN}, {"database", required_argument, nullptr, DATABASE},
-      {"relay", required_argument, nullptr, RELAY},   {"tls-certificate", required_argument, nullptr, CERTIFICATE},
-      {"tls-key", required_argument, nullptr, KEY},   {"tls-ca", required_argument, nullptr, AUTHORITY},
-      {"trust", required_argument, nullptr, TRUST},   {"sessions", required_argument, nullptr, SESSIONS},
-      {"lines", required_argument, nullptr, LINES},   {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, VERSION},     {nullptr, 0, nullptr, 0}};
+  enum { LISTEN = 1, DATABASE, RELAY, CERTIFICATE, KEY, AUTHORITY, REVOKED, TRUST, SESSIONS, LINES, VERSION };
+  static constexpr option OPTIONS[] = {{"listen", required_argument, nullptr, LISTEN},
+                                       {"database", required_argument, nullptr, DATABASE},
+                                       {"relay", required_argument, nullptr, RELAY},
+                                       {"tls-certificate", required_argument, nullptr, CERTIFICATE},
+                                       {"tls-key", required_argument, nullptr, KEY},
+                                       {"tls-ca", required_argument, nullptr, AUTHORITY},
+                                       {"tls-crl", required_argument, nullptr, REVOKED},
+                                       {"trust", required_argument, nullptr, TRUST},
+                                       {"sessions", required_argument, nullptr, SESSIONS},
+                                       {"lines", required_argument, nullptr, LINES},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, VERSION},
+                                       {nullptr, 0, nullptr, 0}};
   request_t* const request = &gather->request;
   int chosen = 0;
   while ((chosen = getopt_long(argc, argv, "h", OPTIONS, nullptr)) != -1) {
@@ -157,6 +165,9 @@ static int parse_request(int argc, char** argv, gather_t* gather) {
         break;
       case AUTHORITY:
         request->authority = optarg;
+        break;
+      case REVOKED:
+        request->revoked = optarg;
         break;
       case TRUST:
         request->trusted.push_back(optarg);
@@ -216,13 +227,24 @@ static bool read_certificates(gather_t* gather) {
   const request_t& request = gather->request;
   if (request.certificate.empty()) return true;
   std::string problem;
-  auto certificates = load_certificates(request.certificate, request.key, request.authority, &problem);
+  auto certificates = load_certificates(request.certificate, request.key, request.authority, request.revoked, &problem);
   if (certificates == nullptr) {
     say("%s", problem.c_str());
     return false;
   }
   gather->certificates = std::move(certificates);
   return true;
+}
+
+/* Whoever was let in by a certificate that does not hold any more has to go. */
+static void read_certificates_anew(gather_t* gather) {
+  if (!read_certificates(gather)) return;
+  say("has read its certificates anew");
+  judge_nodes_anew(gather);
+  if (gather->request.relay.empty()) return;
+  for (const auto& sink : gather->sinks)
+    if (sink->state >= SINK_OPENING && !is_still_accepted(&sink->channel, gather->certificates.get()))
+      close_relay(gather, sink.get());
 }
 
 static bool is_loopback(const std::string& address) {
@@ -278,7 +300,7 @@ static void take_signals(gather_t* gather, source_t* source, uint32_t) {
     switch (signal.ssi_signo) {
       case SIGHUP:
         notify("RELOADING=1");
-        if (read_certificates(gather)) say("has read its certificates anew");
+        read_certificates_anew(gather);
         notify("READY=1");
         break;
       case SIGUSR1:
