@@ -3,6 +3,9 @@
 #include "channel.h"
 
 #include <gnutls/x509.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,6 +44,43 @@ std::shared_ptr<certificates_t> load_certificates(const std::string& certificate
   *problem += ": ";
   *problem += gnutls_strerror(result);
   return nullptr;
+}
+
+int connect_to(const std::string& host, const std::string& port, std::string* reason) {
+  addrinfo hints = {};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const int result = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
+  if (result != 0) {
+    *reason = gai_strerror(result);
+    return -1;
+  }
+  const int fildes = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const bool is_begun =
+      fildes >= 0 && (connect(fildes, found->ai_addr, found->ai_addrlen) == 0 || errno == EINPROGRESS);
+  if (!is_begun) *reason = std::strerror(errno);
+  freeaddrinfo(found);
+  if (!is_begun) {
+    if (fildes >= 0) close(fildes);
+    return -1;
+  }
+  /* Whoever waits for an answer sends nothing, so only probes tell that the other side has vanished. */
+  const int on = 1, idle = 30, interval = 10, probes = 3;
+  const unsigned int lost_after = 30'000;
+  setsockopt(fildes, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
+  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+  setsockopt(fildes, IPPROTO_TCP, TCP_USER_TIMEOUT, &lost_after, sizeof lost_after);
+  setsockopt(fildes, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return fildes;
+}
+
+std::string connect_problem(int fildes) {
+  int error = 0;
+  socklen_t size = sizeof error;
+  getsockopt(fildes, SOL_SOCKET, SO_ERROR, &error, &size);
+  return error != 0 ? std::strerror(error) : "";
 }
 
 bool open_channel(channel_t* channel, int fildes, std::shared_ptr<certificates_t> certificates, bool is_server) {

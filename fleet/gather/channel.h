@@ -20,6 +20,13 @@ std::shared_ptr<certificates_t> load_certificates(const std::string& certificate
                                                   const std::string& authority, const std::string& revoked,
                                                   std::string* problem);
 
+/* Begins to connect to a host, whose name is looked up while everything waits. Returns a socket that is to be closed by the
+ * caller, and can be written to once it is connected; -1 with the reason. One that has vanished is given up after a minute. */
+int connect_to(const std::string& host, const std::string& port, std::string* reason);
+
+/* Why a socket of connect_to that can be written to is not connected; empty when it is. */
+std::string connect_problem(int fildes);
+
 struct channel_t {
   int fildes = -1;
   gnutls_session_t session = nullptr; /* null in the open */

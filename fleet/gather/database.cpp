@@ -46,9 +46,11 @@ static void lose_database(gather_t* gather, sink_t* sink, const char* what) {
 }
 
 static void begin_database(gather_t* gather, sink_t* sink) {
-  /* What stands behind dbname may be changed by it. A machine that has vanished is given up after half a minute. */
-  const char* const keys[] = {"fallback_application_name", "tcp_user_timeout", "dbname", "client_encoding", nullptr};
-  const char* const values[] = {"zelk-gather", "30000", sink->address.c_str(), "UTF8", nullptr};
+  /* What stands behind dbname may be changed by it. A machine that has vanished is given up after a minute at most, also while its
+   * answer is waited for. */
+  const char* const keys[] = {"fallback_application_name", "tcp_user_timeout", "keepalives_idle", "keepalives_interval",
+                              "keepalives_count",          "dbname",           "client_encoding", nullptr};
+  const char* const values[] = {"zelk-gather", "30000", "30", "10", "3", sink->address.c_str(), "UTF8", nullptr};
   sink->source.ready = database_is_ready;
   sink->connection = PQconnectStartParams(keys, values, 1);
   if (sink->connection == nullptr || PQstatus(sink->connection) == CONNECTION_BAD)

@@ -1,15 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* relay.cpp - lines that go to another gatherer, whose answers are handed back. */
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 
 #include "gather.h"
 
@@ -44,28 +36,10 @@ static void put_frame(sink_t* sink, const char* command, const std::string& cont
 }
 
 static void begin_relay(gather_t* gather, sink_t* sink) {
-  std::string host, port;
+  std::string host, port, reason;
   split_address(sink->address, &host, &port);
-  addrinfo hints = {};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int result = getaddrinfo(host.c_str(), port.c_str(), &hints, &found);
-  if (result != 0) return lose_relay(gather, sink, gai_strerror(result));
-
-  const int fildes = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  const bool is_begun =
-      fildes >= 0 && (connect(fildes, found->ai_addr, found->ai_addrlen) == 0 || errno == EINPROGRESS);
-  const int error = errno;
-  freeaddrinfo(found);
-  if (!is_begun) {
-    if (fildes >= 0) close(fildes);
-    return lose_relay(gather, sink, std::strerror(error));
-  }
-  const int on = 1;
-  const unsigned int lost_after = 30'000;
-  setsockopt(fildes, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-  setsockopt(fildes, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  setsockopt(fildes, IPPROTO_TCP, TCP_USER_TIMEOUT, &lost_after, sizeof lost_after);
+  const int fildes = connect_to(host, port, &reason);
+  if (fildes < 0) return lose_relay(gather, sink, reason);
   sink->source.ready = relay_is_ready;
   sink->next_number = 1;
   sink->state = SINK_CONNECTING;
@@ -77,10 +51,8 @@ static void begin_relay(gather_t* gather, sink_t* sink) {
 static void greet_relay(gather_t* gather, sink_t* sink) {
   std::string host, port, reason;
   split_address(sink->address, &host, &port);
-  int error = 0;
-  socklen_t size = sizeof error;
-  getsockopt(sink->source.fildes, SOL_SOCKET, SO_ERROR, &error, &size);
-  if (error != 0) return lose_relay(gather, sink, std::strerror(error));
+  const std::string problem = connect_problem(sink->source.fildes);
+  if (!problem.empty()) return lose_relay(gather, sink, problem);
   switch (shake_hands(&sink->channel, host.c_str(), &reason)) {
     case CHANNEL_WANTS_READ:
       return watch(gather, &sink->source, sink->source.fildes, READABLE);
