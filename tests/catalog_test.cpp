@@ -70,7 +70,7 @@ TEST(catalog, is_read_in_pieces_and_after_interruptions_and_closed) {
 TEST(catalog, has_a_path_of_4095_bytes_at_most) {
   const std::string path = catalog("1 plain\n"), longest = std::string(4095 - path.size(), '/') + path;
   const std::pair<std::string, std::string> rows[] = {
-      {longest, "plain"}, {longest + "x", "default"}, {std::string(5000, '/') + ":" + path, "plain"}};
+      {longest, "plain"}, {"/" + longest, "default"}, {std::string(5000, '/') + ":" + path, "plain"}};
   for (const auto& [nlspath, text] : rows) {
     setenv("NLSPATH", nlspath.c_str(), 1);
     EXPECT_EQ(message_of("x"), text);
@@ -108,4 +108,14 @@ TEST(catalog, that_is_damaged_counts_as_absent) {
   EXPECT_EQ(damaged(1, 1, UINT32_MAX), "default");
   EXPECT_EQ(damaged(1, 1, 0, "no end"), "default");
   for (const char* short_one : {"", "too short"}) EXPECT_EQ(message_of(new_file(short_one)), "default");
+}
+
+TEST(catalog, is_searched_through_1024_planes) {
+  for (const uint32_t planes : {1024U, 1025U}) {
+    std::string table;
+    for (uint32_t plane = 1; plane < planes; ++plane) table += word(2) + word(1 + plane) + word(0);
+    table += word(2) + word(1) + word(0); /* the message, in the last one */
+    const std::string path = new_file(word(0x960408de) + word(1) + word(planes) + table + table + text("found"));
+    EXPECT_EQ(message_of(path), planes == 1024 ? "found" : "default");
+  }
 }

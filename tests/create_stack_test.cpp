@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /* create_stack_test.cpp - makes empty stacks, also where there is no room. Reasons to fail stand in
  * golden/library/create_stack.calls. */
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "faults.h"
 
+#include <sys/mount.h>
 #include <filesystem>
 
 #include "qx_record.h"
@@ -44,4 +43,26 @@ TEST(new_stack, needs_space_and_a_file_system_that_is_written) {
   ASSERT_EQ(mount(nullptr, ZELK_STACK_DIR, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   EXPECT_EQ(create("small"), -16);
   umount(ZELK_STACK_DIR);
+}
+
+/* EOPNOTSUPP and EINVAL are the file system's, EISDIR that of a kernel without such files. */
+TEST(new_stack, is_made_where_no_file_can_be_without_a_name_and_leaves_nothing_beside_it) {
+  for (const int error : {EOPNOTSUPP, EISDIR, EINVAL}) {
+    const std::string folder = scratch() + "/named" + std::to_string(error);
+    std::filesystem::create_directory(folder);
+    refuse("open", error);
+    EXPECT_EQ(create(folder + "/stack"), 0);
+    EXPECT_EQ(contents(folder + "/stack").size(), 8192U);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
+  }
+}
+
+TEST(new_stack, that_somebody_else_makes_first_is_opened) {
+  const std::string path = scratch() + "/first";
+  zk_recorder_t* recorder = nullptr;
+  EXPECT_EQ(create(path), 0);
+  refuse("open", ENOENT); /* it was not there a moment ago */
+  EXPECT_EQ(zk_open_or_create_recorder(0, nullptr, path.c_str(), 16384, &recorder), 0);
+  EXPECT_EQ(contents(path).size(), 8192U);
+  zk_close_recorder(recorder);
 }

@@ -582,16 +582,18 @@ TEST(incident, of_any_size_stays_in_its_memory) {
 }
 
 TEST(integer, has_zeros_behind_it) {
-  cu_error_arg_t argument = {};
-  argument.cu_arg_type = CU_ERROR_ARG_INT;
-  argument.cu_arg_value.cu_arg_long_long = -1;
-  zk_incident_t incident = incident_of("%d");
-  incident.arguments = &argument;
-  incident.argument_count = 1;
-  zk_record_image_t image;
-  EXPECT_EQ(zk_make_record_image(incident, 1024, &image), 0);
-  const std::string value(image.bytes.data() + image.size - 9, 9); /* and the end of the details */
-  EXPECT_EQ(value, std::string("\xff\xff\xff\xff\0\0\0\0\0", 9));
+  for (const cu_error_arg_type_t type : {CU_ERROR_ARG_INT, CU_ERROR_ARG_LONG}) {
+    cu_error_arg_t argument = {};
+    argument.cu_arg_type = type;
+    argument.cu_arg_value.cu_arg_long_long = -1;
+    zk_incident_t incident = incident_of("%d");
+    incident.arguments = &argument;
+    incident.argument_count = 1;
+    zk_record_image_t image;
+    EXPECT_EQ(zk_make_record_image(incident, 1024, &image), 0);
+    const std::string value(image.bytes.data() + image.size - 9, 9); /* and the end of the details */
+    EXPECT_EQ(value, std::string("\xff\xff\xff\xff\0\0\0\0\0", 9));
+  }
 }
 
 TEST(recorder, is_no_standard_stream) {

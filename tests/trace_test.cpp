@@ -47,6 +47,14 @@ TEST_F(trace_file, shows_local_time_also_when_the_zone_changes) {
   EXPECT_NE(contents(path).find("\1Wed Nov 15 03:43:20 2023\n"), std::string::npos);
 }
 
+TEST_F(trace_file, shows_the_date_of_every_day) {
+  EXPECT_EQ(trace(path), 0);
+  now_is.tv_sec += 86400;
+  EXPECT_EQ(trace(path), 0);
+  now_is.tv_sec -= 86400;
+  EXPECT_NE(contents(path).find("\1Wed Nov 15 22:13:20 2023\n"), std::string::npos);
+}
+
 /* Two zones of the same names and offset may still differ in when their summer begins. */
 TEST_F(trace_file, shows_the_time_by_the_rules_of_the_zone) {
   set_zone("AAA0BBB,M3.1.0,M10.1.0");
@@ -287,6 +295,27 @@ TEST_F(trace_file, has_no_entry_of_a_child_that_a_signal_handler_forks_and_retur
     });
 }
 
+/* The handler would wait for a turn that its own thread is about to get. */
+TEST_F(trace_file, is_not_waited_for_by_a_handler_whose_thread_waits_for_another) {
+  in_child([&] {
+    static const std::string* traced = &path;
+    static int of_handler = 0;
+    signal(SIGUSR1, [](int) { of_handler = trace(*traced, "of the handler"); });
+    const other_process other(path);
+    std::thread writer([&] { trace(path, "of the thread"); });
+    usleep(30000);
+    std::thread sender([tracer = pthread_self()] {
+      usleep(30000);
+      pthread_kill(tracer, SIGUSR1);
+    });
+    EXPECT_EQ(trace(path), 0);
+    EXPECT_EQ(of_handler, -28);
+    writer.join();
+    sender.join();
+    EXPECT_EQ(trace_entries(path).size(), 2U);
+  });
+}
+
 /* A trace file that is the stack drops the stack's lock with the first entry. */
 TEST(report, is_one_snapshot_when_the_stack_is_named_as_the_trace_file) {
   stack early, late;
@@ -297,6 +326,17 @@ TEST(report, is_one_snapshot_when_the_stack_is_named_as_the_trace_file) {
   const std::string shown = printed([&] { zk_dump_stack(1, path.c_str(), 0, 0, nullptr, 0, fildes, ZK_NO_CATALOG); });
   EXPECT_EQ(shown, lines("early"));
   EXPECT_TRUE(meanwhile.call.empty());
+  close(fildes);
+}
+
+/* The version, the header and 100 bytes are read, and what an error keeps away then is read when a record needs it. */
+TEST(report, is_whole_where_only_reading_ahead_fails) {
+  const int fildes = open(stack().add("one").add("two").file().c_str(), O_RDWR);
+  most_read = 100;
+  refuse("read", EIO, 1, 3);
+  EXPECT_EQ(printed([&] { zk_dump_stack(0, nullptr, 0, 0, nullptr, 0, fildes, ZK_NO_CATALOG); }), lines("one two"));
+  EXPECT_EQ(fault.times, 0);
+  most_read = SIZE_MAX;
   close(fildes);
 }
 

@@ -141,7 +141,9 @@ TEST(translation, reaches_the_texts_of_result_codes) {
   });
   in_child([] {
     setenv("NLSPATH", new_file("no catalog").c_str(), 1);
+    errno = EDOM;
     EXPECT_STREQ(zk_result_text(0), "success");
+    EXPECT_EQ(errno, EDOM);
     EXPECT_STREQ(zk_result_text(1), "unknown result");
     EXPECT_STREQ(zk_result_text(INT_MIN), "unknown result");
   });
