@@ -34,6 +34,7 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
       {{"%i %o %x %X %u", "010", "8", "-1", "0xff", "18446744073709551615"},
        "8 10 ffffffffffffffff FF 18446744073709551615"},
       {{"%c%c%c|", "A", "66", ""}, "AB|"},
+      {{"%c is %3c%1$c", "\u00e9", "\u20ac"}, "\u00e9 is \u20ac\u00e9"},
       {{"%.2f %g %E %a", "1.5", "inf", "100", "0x1p4"}, "1.50 inf 1.000000E+02 0x1p+4"},
       {{"%p %p", "0x2007f3a0", "0"}, "0x2007f3a0 (nil)"},
       {{"%2$s before %1$-4d|", "5", "text"}, "text before 5   |"},
@@ -61,6 +62,13 @@ TEST(zkrecord, makes_and_records_nothing_on_misuse) {
       {{stack, "100%"},
        "FORMAT: '%' is not a conversion that can be recorded; %% is a per cent sign, and --text takes FORMAT as it "
        "stands"},
+      {{stack, "100% sure"},
+       "FORMAT: argument 1, which '% s' asks for, is missing; %% is a per cent sign, and --text takes FORMAT as it "
+       "stands"},
+      {{stack, "50% by now", "x"},
+       "FORMAT: '% b' is not a conversion that can be recorded; %% is a per cent sign, and --text takes FORMAT as it "
+       "stands"},
+      {{stack, "%c", "no"}, "FORMAT: argument 1, 'no', is not a number, or out of range"},
       {{"--text", stack, "%s", "one"}, "FORMAT: no conversion takes argument 1"},
       {{stack, "%d", "1x"}, "FORMAT: argument 1, '1x', is not a number, or out of range"},
       {{stack, "%1$d %1$s", "1"}, "FORMAT: '%1$s' asks for another kind of argument than a conversion before it"},
@@ -113,6 +121,8 @@ TEST(zkrecord, records_the_caller_unless_told_otherwise) {
   EXPECT_EQ(newest(stack, "Process Name: "), "stn_volmgr");
   EXPECT_EQ(newest(stack, "Process Thread Identifier: "), "2147483647");
   EXPECT_EQ(newest(stack, "Parent Process Identifier: "), "0"); /* it has ended */
+  zkrecord({"--pid=1", stack, "x"});
+  EXPECT_EQ(newest(stack, "Parent Process Identifier: "), "0");
 }
 
 static const std::string CUT = "zkrecord: --details: it is cut, since a record has no room for all of it\n";
@@ -137,9 +147,24 @@ TEST(zkrecord, loses_no_incident_for_its_trimmings) {
   noted({"-c", ""}, "", "");
   noted({"-c", "a\nb"}, "zkrecord: --cause: 'a?b' is not an Error ID\n", "cause  a b");
   noted({"-D", "/nowhere", "-d", "one"}, "zkrecord: /nowhere: No such file or directory\n", "one\ndump file  /nowhere");
+  noted({"-D", "/a\ncause  b"}, "zkrecord: /a?cause  b: No such file or directory\n", "dump file  /a cause  b");
+  const std::string long_name = "/" + std::string(500, 'n');
+  EXPECT_EQ(zkrecord({"-qD", long_name, stack, "x"}).status, 0);
+  EXPECT_EQ(description(stack), "x" + DETAILS + "dump file  " + long_name.substr(0, 400) + "...");
   EXPECT_EQ(zkrecord({"-qd", std::string(3000, 'd'), stack, "%s and %s", "short", std::string(3000, 'a')}),
             (outcome{"", CUT + "zkrecord: argument 2: it is cut, since a record has no room for all of it\n", 0}));
   EXPECT_TRUE(description(stack).starts_with("short and aaa")) << description(stack);
+}
+
+TEST(zkrecord, cuts_an_argument_rather_than_the_line_of_a_cause) {
+  const std::string stack = new_stack();
+  const outcome cut = zkrecord({"-qC", "-c", "none", "-d", "one", stack, "%s", std::string(3000, 'a')});
+  EXPECT_EQ(cut, (outcome{"",
+                          "zkrecord: --cause: 'none' is not an Error ID\n" + CUT +
+                              "zkrecord: argument 1: it is cut, since a record has no room for all of it\n",
+                          0}));
+  EXPECT_TRUE(description(stack).starts_with("aaa")) << description(stack);
+  EXPECT_TRUE(description(stack).ends_with("a..." + DETAILS + "cause  none")) << description(stack);
 }
 
 TEST(zkrecord, takes_details_from_standard_input) {
@@ -147,7 +172,9 @@ TEST(zkrecord, takes_details_from_standard_input) {
   script(stack, "printf 'one\\ntwo\\n\\n' | zkrecord -C -d - $S x");
   EXPECT_EQ(description(stack), "x" + DETAILS + "one\ntwo\n");
   EXPECT_EQ(script(stack, "yes | zkrecord -q -d - $S endless"), (outcome{"", CUT, 0}));
-  EXPECT_EQ(script(stack, "zkrecord -d - $S x </").err, "zkrecord: standard input: Is a directory\n");
+  EXPECT_EQ(script(stack, "zkrecord -q -d - $S x </"), (outcome{"", "zkrecord: standard input: Is a directory\n", 0}));
+  EXPECT_EQ(script(stack, "zkrecord -q -d - $S closed <&-").status, 0);
+  EXPECT_EQ(description(stack), "closed" + DETAILS);
 }
 
 TEST(zkrecord, preserves_a_dump_file_and_names_it_behind_what_fits_of_the_details) {
@@ -159,8 +186,15 @@ TEST(zkrecord, preserves_a_dump_file_and_names_it_behind_what_fits_of_the_detail
   const std::string shown = description("node"), copy = shown.substr(shown.find("...\ndump file  ") + 15);
   EXPECT_TRUE(copy.starts_with("/var/adm/zelk/dumps/stn_backup.")) << shown;
   EXPECT_EQ(contents(copy), "state");
-  EXPECT_EQ(zkrecord({"-q", "-D", dump, "node", "x"}), good("")); /* an empty name, as run() gives it, makes no copy */
+  const std::string no_copy = "zkrecord: " + dump + ": no copy is made in /var/adm/zelk/dumps: ";
+  EXPECT_EQ(zkrecord({"-q", "-D", dump, "node", "x"}), /* by the empty name that run() gives */
+            (outcome{"", no_copy + "environment variable missing or bad\n", 0}));
   EXPECT_EQ(description("node"), "x" + DETAILS + "dump file  " + dump);
+  std::filesystem::rename("/var/adm/zelk/dumps", "/var/adm/zelk/away");
+  EXPECT_EQ(zkrecord({"-q", "-D", dump, "node", "y"}, {{"ZELKPNAME", "job"}}),
+            (outcome{"", no_copy + "no such file\n", 0}));
+  EXPECT_EQ(description("node"), "y" + DETAILS + "dump file  " + dump);
+  std::filesystem::rename("/var/adm/zelk/away", "/var/adm/zelk/dumps");
 }
 
 TEST(zkrecord, fails_when_the_id_cannot_be_written) {

@@ -160,23 +160,35 @@ static cu_error_arg_type_t type_of(char letter) {
 /* Conversions of printf(1) and printf(3) that cannot be recorded, and those whose width is out of range. */
 static constexpr std::string_view NOT_TAKEN = "nbqdiouxXcaAeEfFgGsp";
 
+/* Whether it is one character of several bytes, which no integer shows again: "%c" takes it as a text. */
+static bool is_wide_character(const std::string& operand) {
+  const character_t character = character_at(operand, 0);
+  return character.size > 1 && character.size == operand.size() && character.is_well_formed;
+}
+
 /* Parses the conversion at `*at`: into the text, and its letter as that of its argument. `letters` has a place for each
  * operand. Returns what is wrong, or the empty text. */
-static std::string parse_conversion(const char** at, size_t* unnumbered, std::string* letters, std::string* text) {
+static std::string parse_conversion(const char** at, size_t* unnumbered, const std::vector<std::string>& operands,
+                                    std::string* letters, std::string* text) {
   const char* start = *at;
   const cu_piece_t piece = cu_parse_piece(at, unnumbered);
   const std::string written(start, *at);
   *text += written;
   if (piece.kind == CU_PIECE_TEXT) return "";
+  const bool is_prose = written.find(' ') != written.npos; /* as in "100% sure" */
   if (piece.kind != CU_PIECE_ARGUMENT) {
     const bool is_known = written.find('*') != written.npos || NOT_TAKEN.find(written.back()) != NOT_TAKEN.npos;
-    return message_text(is_known ? TOOL_MSG_NOT_A_CONVERSION : TOOL_MSG_NO_CONVERSION, {written});
+    return message_text(is_known && !is_prose ? TOOL_MSG_NOT_A_CONVERSION : TOOL_MSG_NO_CONVERSION, {written});
   }
-  if (piece.argument >= letters->size())
-    return message_text(TOOL_MSG_ARGUMENT_MISSING, {std::to_string(piece.argument + 1), written});
+  if (piece.argument >= operands.size())
+    return message_text(is_prose ? TOOL_MSG_ARGUMENT_OF_PROSE_MISSING : TOOL_MSG_ARGUMENT_MISSING,
+                        {std::to_string(piece.argument + 1), written});
+  const bool is_text = piece.letter == 'c' && is_wide_character(operands[piece.argument]);
+  if (is_text) text->back() = 's';
+  const char wanted = is_text ? 's' : piece.letter;
   char& letter = (*letters)[piece.argument];
-  if (letter != '\0' && type_of(letter) != type_of(piece.letter)) return message_text(TOOL_MSG_OTHER_KIND, {written});
-  if (letter == '\0') letter = piece.letter;
+  if (letter != '\0' && type_of(letter) != type_of(wanted)) return message_text(TOOL_MSG_OTHER_KIND, {written});
+  if (letter == '\0') letter = wanted;
   return "";
 }
 
@@ -187,7 +199,7 @@ std::string parse_description(const std::string& format, std::vector<std::string
   size_t unnumbered = 0;
   for (const char* at = format.c_str(); *at != '\0' && mistake.empty();) {
     if (*at == '%') {
-      mistake = parse_conversion(&at, &unnumbered, &letters, &description->text);
+      mistake = parse_conversion(&at, &unnumbered, *operands, &letters, &description->text);
     } else if (*at != '\\') {
       description->text += *at++;
     } else if (*++at == 'c') {

@@ -21,6 +21,8 @@
 #include "zk_stack_file.h"
 
 static constexpr char NAME[] = "zkrecord";
+static constexpr size_t CAUSE_SHOWN_MAX = 200;  /* bytes of a cause that is none, in a line of the details */
+static constexpr size_t DUMP_SHOWN_MAX = 400;   /* of the name of a dump file */
 static constexpr char DEFAULT_SIZE[] = "16384"; /* bytes of a stack that is made */
 
 /* What the command line asks for; what is empty or 0 was not given. */
@@ -130,8 +132,9 @@ static bool look_up_process(int32_t id, process_t* process) {
   int32_t parent = 0;
   if (open == stat.npos || close == stat.npos || std::sscanf(stat.c_str() + close + 1, " %*c %d", &parent) != 1)
     return false;
-  /* A process whose parent is out of sight counts as one that was left to process 1. */
-  *process = {.name = stat.substr(open + 1, close - open - 1), .id = id, .parent = parent > 0 ? parent : 1};
+  /* A process whose parent is out of sight counts as one that was left to process 1, which has none itself. */
+  if (parent <= 0) parent = id == 1 ? ZK_NO_PROCESS : 1;
+  *process = {.name = stat.substr(open + 1, close - open - 1), .id = id, .parent = parent};
   return true;
 }
 
@@ -146,39 +149,48 @@ static process_t recorded_process(const request_t& request) {
   return process;
 }
 
-/* Reads details from standard input, less one newline at their end. More than is ever recorded is read, so that what
- * writes a little too much can end in peace. */
-static bool read_details(std::string* details) {
+/* Reads details from standard input, as far as that can be read, less one newline at their end. More than is ever recorded
+ * is read, so that what writes a little too much can end in peace. */
+static std::string read_details() {
   std::string text(65536, '\0');
   text.resize(zk_read_on(STDIN_FILENO, text.data(), text.size()));
-  const bool is_read = errno == 0;
+  if (errno != 0) fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
   if (text.ends_with('\n')) text.pop_back();
   for (char& character : text)
     if (character == '\0') character = '?'; /* would end them */
-  *details = text;
-  return is_read;
+  return text;
 }
 
-/* The details with `lines` at their end; where all of that does not fit, they are cut before those. */
-static std::string with_last_lines(zk_incident_t incident, std::string details, const std::string& lines) {
-  if (details.ends_with('\n')) details.pop_back();
-  incident.details = details.c_str();
-  zk_record_image_t image;
+/* What of the incident finds room beside `size` bytes. */
+struct fitting_t {
+  zk_record_image_t image; /* has the texts */
+  std::vector<cu_error_arg_t> arguments;
+  const char* details;
+};
+
+/* Cuts details and arguments of an incident, as a record of which `size` bytes are taken would. False when it does not fit
+ * even so. */
+static bool fit_beside(const zk_incident_t& incident, size_t size, fitting_t* fitting) {
   zk_record_t fields;
-  if (lines.size() + 1 >= ZK_REC_LISTED_MAX ||
-      zk_make_record_image(incident, ZK_REC_LISTED_MAX - (lines.size() + 1), &image) != ZELK_SUCCESS ||
-      zk_parse_record(image.bytes.data(), &fields) != ZELK_SUCCESS || *fields.details == '\0')
-    return lines;
-  return fields.details + ("\n" + lines);
+  if (size >= ZK_REC_LISTED_MAX ||
+      zk_make_record_image(incident, ZK_REC_LISTED_MAX - size, &fitting->image) != ZELK_SUCCESS ||
+      zk_parse_record(fitting->image.bytes.data(), &fields) != ZELK_SUCCESS)
+    return false;
+  fitting->details = fields.details;
+  zk_cursor_t* const arguments = &fields.description.arguments;
+  fitting->arguments.resize(incident.argument_count);
+  zk_read_int(arguments); /* their count */
+  for (cu_error_arg_t& argument : fitting->arguments)
+    if (!zk_read_argument(arguments, &argument)) return false;
+  return true;
 }
 
-/* A cause that is no Error ID, as a line of the details. */
-static std::string cause_line(const std::string& cause) {
-  constexpr size_t SHOWN_MAX = 200; /* bytes: room is left for other lines */
-  std::string line = "cause  ";
-  for (size_t at = 0, size; (size = character_at(cause, at).size) != 0; at += size) {
-    if (at + size > SHOWN_MAX) return line + "...";
-    line += cause[at] == '\n' ? " " : cause.substr(at, size);
+/* A line of the details, "LABEL  VALUE". What is long is cut so that there is room for other lines. */
+static std::string detail_line(const std::string& label, const std::string& value, size_t value_max) {
+  std::string line = label + "  ";
+  for (size_t at = 0, size; (size = character_at(value, at).size) != 0; at += size) {
+    if (at + size > value_max) return line + "...";
+    line += value[at] == '\n' ? " " : value.substr(at, size); /* not another line */
   }
   return line;
 }
@@ -200,8 +212,10 @@ static std::string preserve_dump(const command_trace_t& trace, const request_t& 
   if (!problem.empty()) fail(request.dump, problem);
   setenv("ZELKPNAME", process.name.c_str(), 0);
   std::array<char, ZELK_DUMP_NAME_SIZE> kept = {};
-  zk_make_dump_file_copy(trace.active, trace.file.data(), request.dump.c_str(), kept.data());
-  return kept[0] != '\0' ? kept.data() : request.dump;
+  const int result = zk_make_dump_file_copy(trace.active, trace.file.data(), request.dump.c_str(), kept.data());
+  if (problem.empty() && result != ZELK_SUCCESS)
+    fail(request.dump, message_text(TOOL_MSG_NOT_PRESERVED, {ZELK_DUMP_DIR, zk_result_text(result)}));
+  return result == ZELK_SUCCESS ? kept.data() : request.dump;
 }
 
 /* ---- Recording --------------------------------------------------------------------------------------------------- */
@@ -248,20 +262,22 @@ static int fail_to_record(const std::string& stack, int result, const zk_damage_
   return fail(path, reason_of(result, damage) + (help.empty() ? "" : "; " + help));
 }
 
-/* Says what of the incident a record has no room for. `wanted` are the details as they were given. */
-static void report_cuts(const zk_incident_t& incident, const std::string& wanted) {
+/* Says what a record has no room for: of the details and the arguments that were given, and of the lines behind them. */
+static void report_cuts(const zk_incident_t& incident, const request_t& request, const std::string& lines) {
   zk_record_image_t image;
   zk_record_t fields;
   if (zk_make_record_image(incident, ZK_REC_LISTED_MAX, &image) != ZELK_SUCCESS ||
       zk_parse_record(image.bytes.data(), &fields) != ZELK_SUCCESS)
     return;
+  const std::string& wanted = request.details;
   const std::string start = wanted.ends_with('\n') ? wanted.substr(0, wanted.size() - 1) : wanted;
-  if (!std::string_view(fields.details).starts_with(start)) fail("--details", message_text(TOOL_MSG_IS_CUT));
+  const std::string_view details = fields.details;
+  if (!details.starts_with(start) || !details.ends_with(lines)) fail("--details", message_text(TOOL_MSG_IS_CUT));
   zk_cursor_t* const arguments = &fields.description.arguments;
   zk_read_int(arguments); /* their count */
-  for (uint32_t i = 0; i < incident.argument_count; ++i) {
+  for (size_t i = 0; i < request.description.arguments.size(); ++i) {
     cu_error_arg_t recorded;
-    const cu_error_arg_t& given = incident.arguments[i];
+    const cu_error_arg_t& given = request.description.arguments[i];
     if (!zk_read_argument(arguments, &recorded) || given.cu_arg_type != CU_ERROR_ARG_CHAR_STR) continue;
     if (std::strcmp(recorded.cu_arg_value.cu_arg_char_str, given.cu_arg_value.cu_arg_char_str) != 0)
       fail(message_text(TOOL_MSG_ARGUMENT, {std::to_string(i + 1)}), message_text(TOOL_MSG_IS_CUT));
@@ -281,8 +297,7 @@ static int open_recorder(const command_trace_t& trace, const request_t& request,
 }
 
 static int record(const command_trace_t& trace, request_t* request) {
-  if (request->details == "-" && !read_details(&request->details))
-    return fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
+  if (request->details == "-") request->details = read_details();
   zk_recorder_t* recorder = nullptr;
   zk_damage_t damage = {};
   int result = open_recorder(trace, *request, &recorder, &damage);
@@ -307,21 +322,37 @@ static int record(const command_trace_t& trace, request_t* request) {
                             .argument_count = static_cast<uint32_t>(arguments.size()),
                             .details = nullptr,
                             .associated_eid = has_cause ? request->cause.c_str() : nullptr};
-  std::string details = request->details, lines;
+  std::string details = request->details;
+  std::string lines; /* behind the details, which are cut before them */
   if (!has_cause && !request->cause.empty()) {
     fail("--cause", message_text(TOOL_MSG_NOT_AN_EID, {request->cause}));
-    lines = cause_line(request->cause);
+    lines = "\n" + detail_line("cause", request->cause, CAUSE_SHOWN_MAX);
   }
-  if (!request->dump.empty())
-    lines += (lines.empty() ? "dump file  " : "\ndump file  ") + preserve_dump(trace, *request, process);
-  if (!lines.empty()) details = with_last_lines(incident, details, lines);
+  if (!request->dump.empty()) {
+    const std::string name = preserve_dump(trace, *request, process);
+    if (name.size() > DUMP_SHOWN_MAX) fail("--dump", message_text(TOOL_MSG_IS_CUT));
+    lines += "\n" + detail_line("dump file", name, DUMP_SHOWN_MAX);
+  }
+  fitting_t fitting;
+  if (!lines.empty()) {
+    if (details.ends_with('\n')) details.pop_back();
+    incident.details = details.c_str();
+    if (fit_beside(incident, lines.size(), &fitting)) {
+      details = fitting.details;
+      incident.arguments = fitting.arguments.data();
+    } else {
+      details.clear();
+    }
+    if (details.empty()) lines.erase(0, 1);
+    details += lines;
+  }
   incident.details = details.c_str();
   zk_eid_t eid;
   result = zk_record_incident(trace.active, trace.file.data(), recorder, &incident, eid);
   damage = zk_recorder_damage(recorder);
   zk_close_recorder(recorder);
   if (result != ZELK_SUCCESS) return fail_to_record(request->stack, result, damage);
-  report_cuts(incident, request->details);
+  report_cuts(incident, *request, lines);
   if (request->is_quiet) return STATUS_DONE;
   if (std::puts(eid) == EOF || std::fflush(stdout) != 0)
     return fail(message_text(TOOL_MSG_STANDARD_OUTPUT),
