@@ -5,6 +5,7 @@ import io
 import logging
 import subprocess
 import sys
+import threading
 import unittest
 from contextlib import redirect_stderr
 
@@ -155,6 +156,18 @@ class Logging(StackTest):
         self.assertEqual(logged["source"]["product"], "stn")
         self.assertEqual(logged["source"]["file"], __file__)
         self.assertIn("logger  stn.backup\nlevel  ERROR", logged["details"])
+
+    def test_each_line_of_one_place_has_its_own_arguments_and_thread(self):
+        def log(*args: object) -> None:
+            self.log.error("%s of %d", *args)
+
+        for args in [("one", 1), ("two", 2), (None, 3)]:
+            log(*args)
+        thread = threading.Thread(target=log, args=("three", 4), name="worker")
+        thread.start()
+        thread.join()
+        self.assertEqual([each["description"] for each in self.incidents()], ["one of 1", "two of 2", "None of 3", "three of 4"])
+        self.assertTrue(self.newest()["details"].endswith("\nthread  worker"))
 
     def test_the_error_id_is_left_in_the_record(self):
         seen = []

@@ -54,6 +54,14 @@ class Messages(StackTest):
                 wanted = wanted.replace("\0", "?").replace("\ud800", "\\ud800")
                 self.assertEqual(self.newest()["description"], wanted, message)
 
+    def test_a_message_that_comes_again_has_the_arguments_and_the_cause_of_that_time(self):
+        with zelk.Recorder(self.stack) as recorder:
+            first = recorder.record("first")
+            for args, cause in [(("a", 1, 0.5), first), (("ö" * 300, 2, 1.5), None), (("b\0", 2**63, 2), first), (("", True, 3.5), None)]:
+                recorder.record("%s %d %f", *args, cause=cause, file="again.py", line=1)
+                self.assertEqual(self.newest()["description"], ("%s %d %f" % args).replace("\0", "?"))
+                self.assertEqual(self.newest()["cause"], cause)
+
     def test_a_message_without_arguments_is_a_plain_text(self):
         with zelk.Recorder(self.stack) as recorder:
             for text in ["100% of %s", "%", "", "a" * 399, "%" * 401]:

@@ -6,11 +6,11 @@ import logging
 import os
 import sys
 import threading
-from typing import Any, Optional, Tuple, Union
+from typing import Any, Dict, Optional, Tuple, Union
 
 from ._library import encode
 from ._message import make
-from ._recorder import Recorder
+from ._recorder import UNKNOWN, Prepared, Recorder
 
 
 @functools.lru_cache(maxsize=512)
@@ -33,9 +33,12 @@ class Handler(logging.Handler):
     def __init__(self, stack: "Union[str, os.PathLike[str]]", level: Union[int, str] = logging.ERROR) -> None:
         super().__init__(level)
         self.recorder = Recorder(stack)
+        self._prepared: "Dict[Tuple[object, ...], Optional[Prepared]]" = {}
 
     def emit(self, record: logging.LogRecord) -> None:
         try:
+            if record.args and not record.exc_info and not record.stack_info and self._record_usual(record):
+                return
             cause = None
             if record.exc_info and record.exc_info[1] is not None:
                 cause = self.recorder.record_exception(record.exc_info[1])
@@ -52,6 +55,22 @@ class Handler(logging.Handler):
             )
         except Exception:
             self.handleError(record)
+
+    def _record_usual(self, record: logging.LogRecord) -> bool:
+        """Records a line that was logged from the same place before. False, with nothing recorded, for an unusual one."""
+        message, args, file, line = record.msg, record.args, record.pathname, record.lineno
+        if type(message) is not str or type(args) is not tuple:
+            return False
+        key = (message, file, line, record.name, record.levelname, record.threadName)
+        prepared = self._prepared.get(key, UNKNOWN)
+        if prepared is UNKNOWN:
+            details, product = _origin(record.name, record.levelname, record.threadName)
+            prepared = self.recorder._prepare(self._prepared, key, message, details, file, line, product)
+        error_id = self.recorder._record_prepared(prepared, args, None) if prepared is not None else None
+        if error_id is None:
+            return False
+        record.zelk_id = error_id
+        return True
 
     def close(self) -> None:
         self.recorder.close()

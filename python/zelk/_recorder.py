@@ -12,10 +12,11 @@ from typing import Any, Dict, Mapping, Optional, Tuple, Type, Union
 
 from . import _chain
 from ._library import EID_SIZE, INV_FID, Incident, encode, failure, record
-from ._message import Message, make, plain
+from ._message import Form, Message, form_of, make, plain
 
 _BODY_MAX = 1024  # bytes of a record
 _FIXED_SIZE = 4 + EID_SIZE + EID_SIZE + 4 + 3 * 4 + 4 + 2 * 4 + 4  # of its numbers and Error IDs
+_PREPARED_MAX = 256  # incidents that are kept prepared
 _FILE_MAX = 200  # bytes of the name of a source file that are recorded, from its end
 
 _open: "weakref.WeakSet[Recorder]" = weakref.WeakSet()
@@ -36,6 +37,21 @@ def _file(name: str) -> bytes:
     return encoded if len(encoded) <= _FILE_MAX else b"..." + encoded[-_FILE_MAX:]
 
 
+_record_incident = record.zk_record_incident
+UNKNOWN: Any = object()  # whether a message can be prepared
+
+
+class Prepared:
+    """An incident of one place in a program, which differs in its arguments and its cause only."""
+
+    def __init__(self, form: Form, incident: Incident) -> None:
+        self.form = form
+        self.fill = form.fill
+        self.incident = incident
+        self.has_cause = False
+        self.pointer = ctypes.byref(incident)
+
+
 class Recorder:
     """Records into the Error Stack `stack`, whose name is relative to /var/adm/zelk/stacks unless it begins with "/".
 
@@ -48,12 +64,14 @@ class Recorder:
         self._stack = os.fspath(stack)
         self._create = create
         self._product = product
-        self._handle: Optional[int] = None
+        self._handle: Optional[ctypes.c_void_p] = None
         self._lock = threading.Lock()
         self._name = _process_name()
         self._incident = Incident(process_name=self._name)  # the one that is being recorded, and its Error ID
-        self._incident_pointer = ctypes.addressof(self._incident)
+        self._incident_pointer = ctypes.byref(self._incident)
         self._eid = ctypes.create_string_buffer(EID_SIZE)
+        self._eid_pointer = ctypes.byref(self._eid)
+        self._prepared: "Dict[Tuple[str, str, int], Optional[Prepared]]" = {}
 
     @property
     def stack(self) -> str:
@@ -88,7 +106,18 @@ class Recorder:
         `cause` is the Error ID of the incident that caused this one. `file` and `line` are the caller's unless given.
         Raises ZelkError when it cannot be recorded, and what `message % args` raises.
         """
-        caller = sys._getframe(1)
+        if file is None or line is None:
+            caller = sys._getframe(1)
+            file = caller.f_code.co_filename if file is None else file
+            line = caller.f_lineno if line is None else line
+        if not details and args:
+            key = (message, file, line)
+            prepared = self._prepared.get(key, UNKNOWN)
+            if prepared is UNKNOWN:
+                prepared = self._prepare(self._prepared, key, message, None, file, line, self._product)
+            error_id = self._record_prepared(prepared, args, cause) if prepared is not None else None
+            if error_id is not None:
+                return error_id
         arguments: Union[Tuple[object, ...], Mapping[str, object]] = args
         if len(args) == 1 and isinstance(args[0], Mapping) and args[0]:
             arguments = args[0]
@@ -96,8 +125,8 @@ class Recorder:
             make(message, arguments),
             cause,
             encode(details) if details else None,
-            file if file is not None else caller.f_code.co_filename,
-            line if line is not None else caller.f_lineno,
+            file,
+            line,
             self._product,
         )
 
@@ -161,7 +190,53 @@ class Recorder:
             incident.argument_count = message.count
             incident.details = details
             incident.associated_eid = associated_eid
-            result = record.zk_record_incident(0, None, self._handle, self._incident_pointer, self._eid)
+            result = _record_incident(0, None, self._handle, self._incident_pointer, self._eid_pointer)
+            if result == 0:
+                return self._eid.value.decode()
+        raise failure(result, repr(cause) if result == INV_FID else self._stack)
+
+    def _prepare(
+        self,
+        prepared: "Dict[Any, Optional[Prepared]]",
+        key: "Tuple[object, ...]",
+        message: str,
+        details: Optional[bytes],
+        file: str,
+        line: int,
+        product: Optional[str],
+    ) -> "Optional[Prepared]":
+        """Prepares an incident and keeps it under `key`; None for a message whose arguments have to be made each time."""
+        form = form_of(message)
+        if len(prepared) >= _PREPARED_MAX:
+            prepared.clear()
+        made = None
+        if form is not None:
+            incident = Incident(
+                process_name=self._name,
+                detecting_file=_file(file),
+                product=_file(product) if product else None,
+                line=line,
+                default_message=form.text,
+                arguments=ctypes.addressof(form.arguments),
+                argument_count=len(form.letters),
+                details=details,
+            )
+            made = Prepared(form, incident)
+        prepared[key] = made
+        return made
+
+    def _record_prepared(self, prepared: Prepared, args: Tuple[Any, ...], cause: Optional[str]) -> Optional[str]:
+        """As `_record`; None, with nothing recorded, where the arguments are of other types than is usual."""
+        associated_eid = cause.encode("ascii", "replace") if cause else None
+        with self._lock:
+            if not prepared.fill(args):
+                return None
+            if self._handle is None:
+                self._open()
+            if associated_eid or prepared.has_cause:
+                prepared.incident.associated_eid = associated_eid
+                prepared.has_cause = bool(associated_eid)
+            result = _record_incident(0, None, self._handle, prepared.pointer, self._eid_pointer)
             if result == 0:
                 return self._eid.value.decode()
         raise failure(result, repr(cause) if result == INV_FID else self._stack)
@@ -177,7 +252,7 @@ class Recorder:
             result = record.zk_open_recorder(0, None, name, ctypes.byref(handle))
         if result != 0:
             raise failure(result, self._stack)
-        self._handle = handle.value
+        self._handle = handle
         _open.add(self)
 
     def _begin_anew(self) -> None:
