@@ -26,7 +26,7 @@
 
 static constexpr std::string_view FIRST_LINE = "zkexport cursor 1";
 static constexpr std::string_view LAST_LINE = "end";
-static constexpr off_t LARGEST = 64 * 1024 * 1024; /* bytes; nobody has that many stacks */
+static constexpr off_t LARGEST = 1024 * 1024 * 1024; /* bytes: 1,000,000 stacks of the longest names */
 
 /* ---- Lines --------------------------------------------------------------------------------------------------------- */
 
@@ -111,16 +111,13 @@ bool load_cursor(cursor_t* cursor, std::string* reason) {
     if (fildes != -1) close(fildes);
     return false;
   }
-  *reason = message_text(TOOL_MSG_NOT_REGULAR);
-  bool is_good = S_ISREG(status.st_mode);
-  if (is_good && status.st_size <= LARGEST) {
-    std::string text(static_cast<size_t>(status.st_size), '\0');
-    text.resize(zk_read_at(fildes, text.data(), text.size(), 0));
-    is_good = parse_marks(text, &cursor->marks);
-    *reason = message_text(TOOL_MSG_NO_CURSOR);
-  }
+  const bool is_regular = S_ISREG(status.st_mode);
+  *reason = is_regular ? message_text(TOOL_MSG_NO_CURSOR) + "; " + message_text(TOOL_MSG_HOW_TO_BEGIN_ANEW)
+                       : message_text(TOOL_MSG_NOT_REGULAR);
+  std::string text(is_regular && status.st_size <= LARGEST ? static_cast<size_t>(status.st_size) : 0, '\0');
+  text.resize(zk_read_at(fildes, text.data(), text.size(), 0));
   close(fildes);
-  return is_good;
+  return parse_marks(text, &cursor->marks);
 }
 
 bool save_cursor(const cursor_t& cursor, std::string* reason) {

@@ -6,13 +6,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "command.h"
 #include "json_line.h"
 #include "zk_io.h"
 #include "zk_layout.h"
+#include "zk_stack_file.h"
 #include "zkstatus.h"
 
 /* ---- Formats ------------------------------------------------------------------------------------------------------- */
@@ -38,6 +41,16 @@ int complain(std::string_view what, std::string_view reason) {
   return report_failure(EXPORT_NAME, std::string(what), std::string(reason));
 }
 
+int complain_of_stack(const std::string& name, const std::string& reason) {
+  return complain(zk_stack_path(name.c_str()).data(), reason);
+}
+
+std::string full_path(const std::string& file) {
+  std::array<char, PATH_MAX> folder;
+  const bool is_full = file.starts_with('/') || getcwd(folder.data(), folder.size()) == nullptr;
+  return is_full ? file : std::string(folder.data()) + "/" + file;
+}
+
 static const char* output_name; /* null for standard output */
 
 /* Whether the file holds an Error Stack: what is written there would be the end of it. */
@@ -57,14 +70,14 @@ bool open_output(const export_request_t& request) {
   if (request.output.empty()) return true;
   output_name = request.output.c_str();
   if (holds_stack(output_name)) {
-    complain(request.output, std::strerror(EEXIST));
+    complain(full_path(request.output), message_text(TOOL_MSG_IS_STACK));
     return false;
   }
   const int mode = request.format->can_follow ? O_APPEND : O_TRUNC; /* lines are added to, a page is replaced */
   const int fildes = open(output_name, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | mode, 0666);
   const bool is_open =
       fildes != -1 && fcntl(fildes, F_SETFL, mode & O_APPEND) == 0 && dup2(fildes, STDOUT_FILENO) != -1;
-  if (!is_open) complain(request.output, std::strerror(errno));
+  if (!is_open) complain(full_path(request.output), std::strerror(errno));
   if (fildes != -1) close(fildes);
   return is_open;
 }
@@ -72,7 +85,7 @@ bool open_output(const export_request_t& request) {
 bool write_out(std::string_view text) {
   if (zk_write_all(STDOUT_FILENO, text.data(), text.size())) return true;
   const int error = errno;
-  complain(output_name != nullptr ? output_name : message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(error));
+  complain(output_name != nullptr ? full_path(output_name) : message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(error));
   return false;
 }
 
@@ -104,13 +117,11 @@ int report_damage(const export_request_t& request, const std::string& name, cons
                   std::string* lines) {
   if (damage.code == ZELK_SUCCESS) return status;
   if ((request.is_every || request.is_chain) && is_no_stack(damage)) { /* some other file in their folder */
-    if (request.is_every) complain(name, message_text(TOOL_MSG_NO_ERROR_STACK));
+    if (request.is_every) complain_of_stack(name, message_text(TOOL_MSG_NO_ERROR_STACK));
     return status;
   }
+  const std::string path = zk_stack_path(name.c_str()).data();
   write_json_damage(name, damage, lines);
-  if (damage.offset < 0)
-    complain(name, reason_of(damage.code));
-  else if (!request.format->can_follow)
-    complain(name, damage_text(damage));
+  complain_of_stack(name, damage.offset < 0 ? reason_of(damage.code, path) : told_damage(damage));
   return worst_status(status, status_of(damage.code));
 }

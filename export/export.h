@@ -76,4 +76,10 @@ bool write_out(std::string_view text);
 /* Says in one line on standard error what is wrong with `what`. Returns STATUS_FAILED. */
 int complain(std::string_view what, std::string_view reason);
 
+/* The same of a stack, by its full path. Returns STATUS_FAILED. */
+int complain_of_stack(const std::string& name, const std::string& reason);
+
+/* The name of a file that was named on the command line, from the root on. */
+std::string full_path(const std::string& file);
+
 #endif

@@ -132,7 +132,7 @@ static bool keep_mark(follower_t* follower, const followed_t& stack) {
   follower->cursor.marks[stack.path] = stack.mark;
   std::string reason;
   if (save_cursor(follower->cursor, &reason)) return true;
-  complain(follower->cursor.file, reason);
+  complain(full_path(follower->cursor.file), reason);
   return false;
 }
 
@@ -142,7 +142,7 @@ static bool give_unread(follower_t* follower, followed_t* stack) {
   mark_t moved = stack->mark;
   block_signals(false); /* for as long as the lock is waited for */
   const bool is_locked =
-      stack->open.is_read_only || wait_for_lock(EXPORT_NAME, stack->name, stack->open.fildes, F_SETLKW);
+      stack->open.is_read_only || wait_for_lock(EXPORT_NAME, stack->path, stack->open.fildes, F_SETLKW);
   block_signals(true);
   const damage_t damage = is_locked
                               ? read_unread(*follower->trace, stack->open, stack->name, follower->request->selection,
@@ -177,14 +177,14 @@ static bool open_file(follower_t* follower, followed_t* stack) {
     stack->watch = inotify_add_watch(follower->inotify, stack->path.c_str(), STACK_EVENTS);
     if (stack->watch != -1) return true;
     follower->is_rearranged = errno == ENOENT; /* it has just gone */
-    if (!follower->is_rearranged) complain(stack->name, message_text(TOOL_MSG_NOT_WATCHED, {std::strerror(errno)}));
+    if (!follower->is_rearranged) complain_of_stack(stack->name, message_text(TOOL_MSG_NOT_WATCHED, {std::strerror(errno)}));
     return follower->is_rearranged;
   }
   stack->is_known = true;
   const damage_t damage = damage_of(result);
   if (damage == stack->told) return true;
   if (result == ZELK_FILE_MISSING) {
-    if (!follower->is_started) complain(stack->name, message_text(TOOL_MSG_NO_STACK_YET));
+    if (!follower->is_started) complain_of_stack(stack->name, message_text(TOOL_MSG_NO_STACK_YET));
     stack->told = damage;
     return true;
   }
@@ -354,7 +354,7 @@ int follow_json(const zk_trace_t& trace, const export_request_t& request) {
   follower_t follower = {&trace, &request, {}, {}, {request.cursor_file, {}}, -1, false, true};
   std::string reason;
   if (!follower.cursor.file.empty() && !load_cursor(&follower.cursor, &reason)) {
-    complain(request.cursor_file, reason);
+    complain(full_path(request.cursor_file), reason);
     return STATUS_FAILED;
   }
   follower.inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);

@@ -47,7 +47,7 @@ static damage_t gather_unread(const zk_trace_t& trace, const export_request_t& r
 static int give_stacks(const zk_trace_t& trace, const export_request_t& request) {
   cursor_t cursor = {request.cursor_file, {}};
   std::string reason;
-  if (!cursor.file.empty() && !load_cursor(&cursor, &reason)) return complain(request.cursor_file, reason);
+  if (!cursor.file.empty() && !load_cursor(&cursor, &reason)) return complain(full_path(request.cursor_file), reason);
   std::vector<std::string> names;
   int status = stacks_to_export(trace, request, &names);
   if (status != STATUS_DONE) return status;
@@ -60,7 +60,7 @@ static int give_stacks(const zk_trace_t& trace, const export_request_t& request)
     status = report_damage(request, name, damage, status, &lines);
     if (!is_written || !write_out(lines)) return STATUS_FAILED;
     lines.clear();
-    if (!cursor.file.empty() && !save_cursor(cursor, &reason)) return complain(cursor.file, reason);
+    if (!cursor.file.empty() && !save_cursor(cursor, &reason)) return complain(full_path(cursor.file), reason);
   }
   return status;
 }

@@ -84,7 +84,7 @@ void begin_open_stack(stack_reader_t* reader, const zk_trace_t& trace, const ope
   if (stack.is_read_only)
     result = copy_stack(stack.fildes, &reader->copy);
   else
-    wait_for_lock(EXPORT_NAME, name, stack.fildes, F_SETLKW); /* what cannot be locked fails below */
+    wait_for_lock(EXPORT_NAME, zk_stack_path(name.c_str()).data(), stack.fildes, F_SETLKW); /* what cannot be locked fails below */
   if (result == ZELK_SUCCESS)
     result = zk_walk_begin(&reader->walk, trace, stack.is_read_only ? reader->copy : stack.fildes);
   reader->is_walking = result == ZELK_SUCCESS;

@@ -59,7 +59,7 @@ TEST(json, shows_a_value_that_it_cannot_hold_as_a_text) {
                                 image(int32_t{CU_ERROR_ARG_RESERVED}) + "\x01\x02\x03\x04\x05\x06\x07\x08" +
                                 image(int32_t{99}) + "\x10\x20\x30\x40\x50\x60\x70\x7F";
   const std::string file = stack().add({.id = "", .arg_count = 3, .args = arguments}).file();
-  EXPECT_EQ(script("$zkexport " + file + " | jq -c '[.id, .node, .message.arguments[][]]'"),
+  EXPECT_EQ(script("$zkexport " + file + " 2>/dev/null | jq -c '[.id, .node, .message.arguments[][]]'"),
             R"([null,null,"double","inf","reserved","0102030405060708","unknown","102030405060707f"])"
             "\n");
 }
@@ -109,7 +109,11 @@ TEST(json, tells_where_a_stack_is_damaged_and_goes_on_with_the_next) {
   const std::vector<std::string> stacks = {bad_length.file(), bad_version.file(), bad_header.file(),
                                            scratch() + "/missing", stack().add("fine").file()};
   const outcome all = zkexport(stacks);
-  EXPECT_EQ(all.err, "zkexport: " + stacks[3] + ": there is no such stack\n");
+  const std::string rename = "; rename it, and zkrecord --create makes a new one\n";
+  EXPECT_EQ(all.err, "zkexport: " + stacks[0] + ": the record's length is out of range (at offset 181)" + rename +
+                         "zkexport: " + stacks[1] + ": the record's version is not supported (at offset 24)" + rename +
+                         "zkexport: " + stacks[2] + ": the recording position is out of range (at offset 8)\n" +
+                         "zkexport: " + stacks[3] + ": there is no such stack\n");
   EXPECT_EQ(all.status, 24);
   EXPECT_EQ(zkexport({stacks[3]}).status, 20);
   EXPECT_EQ(zkexport({"/tmp"}).status, 99); /* and yet damage is worse */
@@ -197,14 +201,16 @@ TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
 
 TEST(node, passes_over_what_is_no_stack_among_the_stacks) {
   NEEDS_PRIVATE_VAR();
-  const std::string passed = "zkexport: notes: it is no Error Stack\n";
+  const std::string passed = "zkexport: " ZELK_STACK_DIR "/notes: it is no Error Stack\n";
   const std::string line =
       "cd " ZELK_STACK_DIR
       "; echo text >notes; $zkrecord -qC s one; $zkexport --every | jq -r .stack;"
       "$zkexport --every -o dot | grep -c i0; $zkexport --every >/dev/null; echo $?; cp s t;"
       "printf '\\377' | dd of=t bs=1 seek=27 conv=notrunc 2>/dev/null; $zkexport --every | tail -n 1"
       " | jq -r .error.offset";
-  EXPECT_EQ(script(line), "s\n1\n0\n24\n" + passed + passed + passed + passed);
+  EXPECT_EQ(script(line), "s\n1\n0\n24\n" + passed + passed + passed + passed +
+                              "zkexport: " ZELK_STACK_DIR "/t: the record's length is out of range (at offset 24); rename it, "
+                              "and zkrecord --create makes a new one\n");
 }
 
 /* Runs a line as one who may read what everybody may, and write nothing. */
@@ -256,10 +262,13 @@ TEST(cursor, that_is_damaged_is_refused_and_left_alone) {
   for (const char* damaged : {"", "text", "zkexport cursor 1\n1 2 3 /x\n", "zkexport cursor 1\n1 2 /x\nend\n"}) {
     const std::string cursor = new_file(damaged);
     const outcome refused = zkexport({"-c", cursor, stack().add("one").file()});
-    EXPECT_EQ(refused, (outcome{"", "zkexport: " + cursor + ": it is damaged, or no cursor\n", 1}));
+    EXPECT_EQ(refused, (outcome{"", "zkexport: " + cursor + ": it is damaged, or no cursor; remove it to begin anew\n", 1}));
     EXPECT_EQ(contents(cursor), damaged);
   }
   EXPECT_EQ(zkexport({"-c", "/dev/null", stack().file()}).status, 1); /* it would be replaced */
+  EXPECT_EQ(script("truncate -s 2G large; $zkexport -c large " + stack().file() + " 2>&1 | sed \"s,$folder,FOLDER,\";"
+                   "stat -c %s large"),
+            "zkexport: FOLDER/large: it is damaged, or no cursor; remove it to begin anew\n2147483648\n");
 }
 
 TEST(dot, puts_causes_above_and_unknown_ones_outside_the_processes) {
@@ -301,7 +310,7 @@ TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
   for (const std::string format : {"dot", "html"}) {
     const std::string picture =
         " --format=" + format + " | sed 's/Made.*by//'"; /* without the time at which it was made */
-    EXPECT_EQ(script("$zkexport " + file + " | jq -c '.host = \"n1\"' | $zkexport --input" + picture),
+    EXPECT_EQ(script("$zkexport " + file + " 2>/dev/null | jq -c '.host = \"n1\"' | $zkexport --input" + picture),
               script("$zkexport " + file + " 2>/dev/null" + picture));
   }
 }
@@ -388,7 +397,7 @@ TEST(zkexport, never_writes_into_a_stack) {
   const std::string file = stack().add("one").file();
   for (const char* format : {"json", "html"})
     EXPECT_EQ(script("$zkexport --format=" + std::string(format) + " --output=" + file + " " + file + " 2>&1; echo $?"),
-              "zkexport: " + file + ": File exists\n1\n");
+              "zkexport: " + file + ": it is an Error Stack, which would be lost; choose another file\n1\n");
   EXPECT_EQ(script("$zkexport " + file + " | jq -r .description"), "one\n");
 }
 

@@ -244,9 +244,10 @@ static std::string reason_of(int result, const zk_damage_t& damage) {
 
 /* Waits once for the lock that the recorder takes next, so that a long wait is told. */
 static void await_lock(const std::string& name) {
-  const int fildes = zk_open_regular(zk_stack_path(name.c_str()).data(), O_RDWR);
+  const zk_stack_path_t path = zk_stack_path(name.c_str());
+  const int fildes = zk_open_regular(path.data(), O_RDWR);
   if (fildes == -1) return; /* the recorder says why */
-  wait_for_lock(NAME, name, fildes, F_OFD_SETLKW);
+  wait_for_lock(NAME, path.data(), fildes, F_OFD_SETLKW);
   close(fildes);
 }
 
