@@ -16,6 +16,7 @@ zkview = os.path.abspath(build + "/bin/zkview")
 folder = tempfile.mkdtemp(prefix="zkview-bench-")
 environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "TZ": "UTC"}
 RECORDS = 100000
+PYTHON = {"LD_LIBRARY_PATH": build, "PYTHONPATH": "python", "PYTHONDONTWRITEBYTECODE": "1"}  # for the package
 
 
 def output_of(command):
@@ -95,11 +96,22 @@ def exports():
     row("a selection of 10,000 lines by `zkexport --input`", "the same by `jq`", f"{ratio(times, 0, 1):.2f}", "0.2")
 
 
+def following():
+    """How `zkexport --follow --every` does beside 10,000 stacks. Only root can have a /var for that."""
+    command = ["/usr/bin/python3", "bench/follow_bench.py", os.path.abspath(build + "/bin/zkexport")]
+    report = subprocess.run(command, capture_output=True, text=True, env={**environment, **PYTHON}, check=False)
+    if report.returncode != 0:
+        return
+    found = json.loads(report.stdout)
+    row("`zkexport --follow --every` beside 10,000 stacks: until all they hold is given out", "", f"{found['start']:.2f} s", "")
+    row("until an incident is given out, median and longest of 200", "", f"{found['delay']:.1f} ms, {found['longest']:.0f} ms", "")
+    row("its peak memory, and processor time for all that", "", f"{found['memory']} KiB, {found['cpu']:.2f} s", "")
+
+
 def from_python(incident):
     """How fast Python records, beside the C call and the handler that Python has."""
-    libraries = {"LD_LIBRARY_PATH": build, "PYTHONPATH": "python", "PYTHONDONTWRITEBYTECODE": "1"}
     report = subprocess.run(["/usr/bin/python3", "bench/python_bench.py"], check=True, capture_output=True, text=True,
-                            env={**environment, **libraries}).stdout
+                            env={**environment, **PYTHON}).stdout
     nanoseconds = json.loads(report)
     row("`record` of `zelk`, the Python package", "an incident with an open recorder",
         f"{nanoseconds['record'] / incident:.2f}", "5")
@@ -146,6 +158,7 @@ def main():
         row(f"`zkview {view}` of 10,000 records of other processes and unknown causes", "", f"{time:.0f} ms", "1000 ms")
 
     exports()
+    following()
 
     nanoseconds = routines()
     row("`zk_l64a_r`, six digits", "", f"{nanoseconds['zk_l64a_r_six_digits']:.1f} ns", "10 ns")

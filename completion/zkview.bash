@@ -110,11 +110,12 @@ _zkview() {
         zkexport)
             sets=('-o --format' '-i --id -e --every --input STACK' '-f --follow -i --id' '-f --follow --chain'
                 '-c --cursor-file -i --id' '-c --cursor-file --chain'
-                '-f --follow PICTURE' '-f --follow --input' '-c --cursor-file PICTURE' '-c --cursor-file --input' '--since'
+                '--max-stack PICTURE' '--max-stack -i --id' '--max-stack --chain' '--max-stack --input'
+                '--max-stack -n --lines' '-f --follow PICTURE' '-f --follow --input' '-c --cursor-file PICTURE' '-c --cursor-file --input' '--since'
                 '--until' '--process' '--product' '--node' '--grep' '-n --lines -f --follow' '-n --lines -c --cursor-file'
                 '--output' '--color')
             with_argument='-o --format -i --id -c --cursor-file --since --until --process --product --node --grep -n --lines
-                --output --color'
+                --output --color --max-stack'
             with_argument=${with_argument//$'\n'/ }
             ;;
     esac

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -27,6 +28,8 @@
 static constexpr std::string_view FIRST_LINE = "zkexport cursor 1";
 static constexpr std::string_view LAST_LINE = "end";
 static constexpr off_t LARGEST = 1024 * 1024 * 1024; /* bytes: 1,000,000 stacks of the longest names */
+
+static constexpr ptrdiff_t GONE_MAX = 100; /* marks of stacks that have gone */
 
 /* ---- Lines --------------------------------------------------------------------------------------------------------- */
 
@@ -118,6 +121,20 @@ bool load_cursor(cursor_t* cursor, std::string* reason) {
   text.resize(zk_read_at(fildes, text.data(), text.size(), 0));
   close(fildes);
   return parse_marks(text, &cursor->marks);
+}
+
+/* Whether a stack was one of the stacks' folder, and is not any more. */
+static bool is_gone(const std::string& path, const std::vector<std::string>& there) {
+  constexpr std::string_view FOLDER = ZELK_STACK_DIR "/";
+  const bool is_listed = path.starts_with(FOLDER) && path.find('/', FOLDER.size()) == path.npos;
+  return is_listed && !std::binary_search(there.begin(), there.end(), path.substr(FOLDER.size()));
+}
+
+bool forget_gone(cursor_t* cursor, const std::vector<std::string>& there) {
+  const auto is_old = [&](const auto& mark) { return is_gone(mark.first, there); };
+  if (std::count_if(cursor->marks.begin(), cursor->marks.end(), is_old) <= GONE_MAX) return false;
+  std::erase_if(cursor->marks, is_old);
+  return true;
 }
 
 bool save_cursor(const cursor_t& cursor, std::string* reason) {

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "unread.h"
 
@@ -17,6 +18,10 @@ struct cursor_t {
 /* Reads the cursor's file; one that does not exist has no marks. Returns false with `*reason` when it is damaged, or no
  * file that a cursor may replace. */
 bool load_cursor(cursor_t* cursor, std::string* reason);
+
+/* Forgets the marks of stacks that have gone from the stacks' folder, once there are more than a hundred; `there`, in
+ * order, are the names that it has. Fewer are kept, as one may come back. Returns whether there were. */
+bool forget_gone(cursor_t* cursor, const std::vector<std::string>& there);
 
 /* Renames a new file over the cursor's. Returns false with `*reason` when it cannot be written. */
 bool save_cursor(const cursor_t& cursor, std::string* reason);

@@ -85,7 +85,8 @@ bool open_output(const export_request_t& request) {
 bool write_out(std::string_view text) {
   if (zk_write_all(STDOUT_FILENO, text.data(), text.size())) return true;
   const int error = errno;
-  complain(output_name != nullptr ? full_path(output_name) : message_text(TOOL_MSG_STANDARD_OUTPUT), std::strerror(error));
+  complain(output_name != nullptr ? full_path(output_name) : message_text(TOOL_MSG_STANDARD_OUTPUT),
+           std::strerror(error));
   return false;
 }
 
@@ -122,6 +123,6 @@ int report_damage(const export_request_t& request, const std::string& name, cons
   }
   const std::string path = zk_stack_path(name.c_str()).data();
   write_json_damage(name, damage, lines);
-  complain_of_stack(name, damage.offset < 0 ? reason_of(damage.code, path) : told_damage(damage));
+  complain(path, told_damage(damage, path));
   return worst_status(status, status_of(damage.code));
 }

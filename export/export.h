@@ -32,6 +32,7 @@ struct export_request_t {
   bool is_every;  /* all stacks of this node */
   bool is_input;  /* incidents come from standard input */
   bool is_follow;
+  int32_t largest; /* size of a stack that is followed, in bytes */
   selection_t selection;
   std::string cursor_file; /* empty for none */
   std::string output;      /* a file in place of standard output, empty for none */

@@ -28,19 +28,22 @@ static damage_t gather_all(const zk_trace_t& trace, const export_request_t& requ
   return end_reading(&reader);
 }
 
-/* Gathers what the cursor does not have yet, and moves it on. */
+/* Gathers what the cursor does not have yet, and moves it on. What is more than can be kept is written under way. */
 static damage_t gather_unread(const zk_trace_t& trace, const export_request_t& request, const std::string& name,
-                              cursor_t* cursor, std::string* lines) {
+                              cursor_t* cursor, bool* is_written, std::string* lines) {
   open_stack_t stack;
   const int result = open_stack(trace, name, &stack);
   if (result != ZELK_SUCCESS) return damage_of(result);
   const std::string path = zk_stack_path(name.c_str()).data();
-  const mark_t* const mark = find_mark(*cursor, path, stack.fildes);
-  mark_t moved;
-  damage_t damage = read_unread(trace, stack, name, request.selection, mark, &moved, lines);
+  unread_t unread = {};
+  do {
+    *is_written = lines->empty() || write_out(*lines);
+    unread = read_unread(trace, stack, name, request.selection, find_mark(*cursor, path, stack.fildes));
+    if (unread.damage.code != ZELK_LOCK) cursor->marks[path] = unread.mark;
+    *lines = unread.lines;
+  } while (unread.is_more && *is_written);
   close(stack.fildes);
-  if (damage.code != ZELK_LOCK) cursor->marks[path] = moved;
-  return damage;
+  return unread.damage;
 }
 
 /* Gives stack by stack, so that nothing has to be kept. */
@@ -51,12 +54,13 @@ static int give_stacks(const zk_trace_t& trace, const export_request_t& request)
   std::vector<std::string> names;
   int status = stacks_to_export(trace, request, &names);
   if (status != STATUS_DONE) return status;
+  if (request.is_every) forget_gone(&cursor, names);
 
   std::string lines;
   for (const std::string& name : names) {
     bool is_written = true;
     const damage_t damage = cursor.file.empty() ? gather_all(trace, request, name, &is_written, &lines)
-                                                : gather_unread(trace, request, name, &cursor, &lines);
+                                                : gather_unread(trace, request, name, &cursor, &is_written, &lines);
     status = report_damage(request, name, damage, status, &lines);
     if (!is_written || !write_out(lines)) return STATUS_FAILED;
     lines.clear();

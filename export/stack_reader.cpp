@@ -78,16 +78,19 @@ void begin_open_stack(stack_reader_t* reader, const zk_trace_t& trace, const ope
   reader->owned = {-1, false};
   reader->copy = -1;
   reader->is_walking = reader->is_at_record = reader->is_any_read = false;
+  reader->is_over = true;
   reader->damage = {};
   if (stack.fildes == -1) return;
   int result = ZELK_SUCCESS;
   if (stack.is_read_only)
     result = copy_stack(stack.fildes, &reader->copy);
   else
-    wait_for_lock(EXPORT_NAME, zk_stack_path(name.c_str()).data(), stack.fildes, F_SETLKW); /* what cannot be locked fails below */
+    wait_for_lock(EXPORT_NAME, zk_stack_path(name.c_str()).data(), stack.fildes,
+                  F_SETLKW); /* what cannot be locked fails below */
   if (result == ZELK_SUCCESS)
     result = zk_walk_begin(&reader->walk, trace, stack.is_read_only ? reader->copy : stack.fildes);
   reader->is_walking = result == ZELK_SUCCESS;
+  reader->is_over = !reader->is_walking;
   if (reader->is_walking) return;
   reader->damage = damage_of(result);
   if (result != ZELK_FILE_CORRUPT) return;
@@ -104,30 +107,24 @@ void begin_stack(stack_reader_t* reader, const zk_trace_t& trace, const std::str
   reader->owned = stack;
 }
 
-/* Unlocks the stack where that has not been done. */
-static void end_walk(stack_reader_t* reader) {
-  if (reader->is_walking) zk_walk_end(reader->walk);
-  reader->is_walking = false;
-}
-
 /* Ends the reading at a record that cannot be decoded, by the result of that. */
 static void refuse_record(stack_reader_t* reader, int result) {
   const zk_walk_t& walk = reader->walk;
   reader->damage = {ZELK_FILE_CORRUPT, walk.record_position, zk_record_damage(result)};
   zk_report_damage(walk.trace, {walk.record_position, reader->damage.reason.c_str()});
-  end_walk(reader);
+  reader->is_over = true;
 }
 
 /* Goes on to the next record that is wanted. */
 static bool next_record(stack_reader_t* reader) {
   zk_walk_t* const walk = &reader->walk;
-  while (reader->is_walking) {
+  while (!reader->is_over) {
     const bool is_newest = reader->is_at_record && zk_walk_at_write_pos(*walk);
     reader->is_at_record = !is_newest && zk_walk_next(walk) == ZELK_SUCCESS;
     if (!reader->is_at_record) {
       if (walk->damage.reason != nullptr)
         reader->damage = {ZELK_FILE_CORRUPT, walk->damage.offset, walk->damage.reason};
-      end_walk(reader);
+      reader->is_over = true;
       return false;
     }
     zk_decoded_t record;
@@ -148,8 +145,25 @@ bool next_incident(stack_reader_t* reader, incident_t* incident) {
   return result == ZELK_SUCCESS;
 }
 
+bool skip_incident(stack_reader_t* reader) {
+  zk_record_t fields;
+  if (!next_record(reader)) return false;
+  const int result = zk_parse_record(reader->walk.record.data(), &fields);
+  if (result != ZELK_SUCCESS) refuse_record(reader, result);
+  return result == ZELK_SUCCESS;
+}
+
+void begin_anew(stack_reader_t* reader) {
+  if (!reader->is_walking) return;
+  const int result = zk_walk_begin(&reader->walk, reader->walk.trace, reader->walk.fildes);
+  reader->is_at_record = false;
+  reader->is_over = result != ZELK_SUCCESS;
+  reader->damage = reader->is_over ? damage_of(result) : damage_t{};
+}
+
 damage_t end_stack(stack_reader_t* reader) {
-  end_walk(reader);
+  if (reader->is_walking) zk_walk_end(reader->walk);
+  reader->is_walking = false;
   if (reader->owned.fildes != -1) close(reader->owned.fildes);
   if (reader->copy != -1) close(reader->copy);
   reader->copy = -1;

@@ -34,7 +34,8 @@ struct stack_reader_t {
   std::string id;     /* of the one incident that is wanted, empty for all */
   open_stack_t owned; /* a stack that was opened by its name */
   int copy;           /* the file that is read in place of a read-only one, else -1 */
-  bool is_walking;
+  bool is_walking;    /* and the stack is locked */
+  bool is_over;
   bool is_at_record; /* the walk's */
   bool is_any_read;  /* of the incidents that are wanted */
   damage_t damage;   /* what ended the reading too early */
@@ -48,6 +49,12 @@ void begin_stack(stack_reader_t* reader, const zk_trace_t& trace, const std::str
 
 /* Reads the next incident. Returns false at the end, and where damage ends the reading. */
 bool next_incident(stack_reader_t* reader, incident_t* incident);
+
+/* The same without decoding it. */
+bool skip_incident(stack_reader_t* reader);
+
+/* Goes back to before the oldest incident. The stack stays locked. */
+void begin_anew(stack_reader_t* reader);
 
 /* Unlocks the stack. Returns what is wrong with it. */
 damage_t end_stack(stack_reader_t* reader);

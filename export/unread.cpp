@@ -21,37 +21,41 @@ static uint64_t fingerprint_of(const zk_walk_t& walk) {
   return fingerprint;
 }
 
-damage_t read_unread(const zk_trace_t& trace, const open_stack_t& stack, const std::string& name,
-                     const selection_t& selection, const mark_t* mark, mark_t* moved, std::string* lines) {
+/* Goes on to the record of the mark. Returns false where the stack does not have it, or is damaged before it. */
+static bool find_marked(stack_reader_t* reader, const mark_t& mark) {
+  while (skip_incident(reader))
+    if (reader->walk.record_position == mark.offset && fingerprint_of(reader->walk) == mark.fingerprint) return true;
+  return false;
+}
+
+/* Whether the stack no longer holds all that it ever held. */
+static bool is_overwritten(const zk_estack_v1_header_t& header) {
+  return header.has_wrapped == 1 || header.earliest_rec > header.records_start;
+}
+
+unread_t read_unread(const zk_trace_t& trace, const open_stack_t& stack, const std::string& name,
+                     const selection_t& selection, const mark_t* mark) {
   struct stat status = {};
   fstat(stack.fildes, &status);
-  *moved = {status.st_ino, 0, 0};
-  std::string unread;
-  incident_t incident;
-  bool is_found = false;       /* the record of the mark */
-  bool is_overwritten = false; /* the stack no longer holds all that it ever held */
+  unread_t unread = {"", {status.st_ino, 0, 0}, false, {}};
   stack_reader_t reader;
   begin_open_stack(&reader, trace, stack, name);
-  while (next_incident(&reader, &incident)) {
-    const zk_walk_t& walk = reader.walk;
-    is_overwritten = walk.header.has_wrapped == 1 || walk.header.earliest_rec > walk.header.records_start;
-    if (is_selected(selection, incident)) write_json(incident, &unread);
-    moved->offset = walk.record_position;
-    moved->fingerprint = fingerprint_of(walk);
-    if (mark == nullptr || moved->offset != mark->offset || moved->fingerprint != mark->fingerprint) continue;
-    is_found = true;
-    unread.clear();
-  }
-  damage_t damage = end_stack(&reader);
+  const bool is_found = mark != nullptr && find_marked(&reader, *mark);
+  const bool is_same_file = mark != nullptr && mark->inode == status.st_ino && mark->offset != 0;
+  const bool is_damaged_before = is_same_file && !is_found && reader.damage.code != ZELK_SUCCESS;
+  if (is_found || is_damaged_before) unread.mark = {status.st_ino, mark->offset, mark->fingerprint};
+  bool may_have_gap = mark != nullptr && !is_found && !is_damaged_before;
+  if (may_have_gap) begin_anew(&reader);
 
-  if (mark != nullptr && !is_found) {
-    const bool is_same_file = mark->inode == moved->inode && mark->offset != 0;
-    if (damage.code != ZELK_SUCCESS && is_same_file) { /* the walk did not come to what was given out */
-      *moved = *mark;
-      return damage;
-    }
-    if (is_overwritten) write_json_gap(name, lines);
+  incident_t incident;
+  while (unread.lines.size() < UNREAD_SIZE && next_incident(&reader, &incident)) {
+    if (may_have_gap && is_overwritten(reader.walk.header)) write_json_gap(name, &unread.lines);
+    may_have_gap = false;
+    if (is_selected(selection, incident)) write_json(incident, &unread.lines);
+    unread.mark.offset = reader.walk.record_position;
+    unread.mark.fingerprint = fingerprint_of(reader.walk);
   }
-  *lines += unread;
-  return damage;
+  unread.is_more = unread.lines.size() >= UNREAD_SIZE;
+  unread.damage = end_stack(&reader);
+  return unread;
 }

@@ -17,10 +17,20 @@ struct mark_t {
   bool operator==(const mark_t&) const = default;
 };
 
-/* Appends what the stack `name` holds behind `mark` and is selected, and moves the mark on. A null mark gives everything,
- * and `*moved` is what it would have been. Where records were overwritten before they could be read, the line that says so
- * comes first. */
-damage_t read_unread(const zk_trace_t& trace, const open_stack_t& stack, const std::string& name,
-                     const selection_t& selection, const mark_t* mark, mark_t* moved, std::string* lines);
+/* Lines of JSON that are kept at a time, in bytes: there may be one more. */
+inline constexpr size_t UNREAD_SIZE = 1024 * 1024;
+
+struct unread_t {
+  std::string lines;
+  mark_t mark;     /* behind them */
+  bool is_more;    /* there may be more behind it */
+  damage_t damage; /* that ends what can be read */
+};
+
+/* Reads what the stack `name` holds behind `mark` and is selected. A null mark gives everything. Where records were
+ * overwritten before they could be read, the line that says so comes first. What was given out before is passed over
+ * without being decoded. */
+unread_t read_unread(const zk_trace_t& trace, const open_stack_t& stack, const std::string& name,
+                     const selection_t& selection, const mark_t* mark);
 
 #endif

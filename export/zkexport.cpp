@@ -7,6 +7,9 @@
 #include "command.h"
 #include "export.h"
 #include "options.h"
+#include "zk_layout.h"
+
+static constexpr int32_t LARGEST_STACK = 16 * 1024 * 1024; /* bytes, unless given; version one has 16 KiB */
 
 /* ---- The command line ---------------------------------------------------------------------------------------------- */
 
@@ -48,6 +51,7 @@ static std::string combination_mistake(const export_request_t& request) {
                {request.is_chain && !has_id, TOOL_MSG_CHAIN_WITHOUT_ID},
                {request.is_follow && !can_follow, TOOL_MSG_FOLLOW_NOT_JSON},
                {has_cursor && !can_follow, TOOL_MSG_CURSOR_NOT_JSON},
+               {request.largest >= 0 && !request.is_follow, TOOL_MSG_MAX_STACK_WITHOUT_FOLLOW},
                {request.is_follow && has_id, TOOL_MSG_FOLLOW_AND_ID},
                {has_cursor && has_id, TOOL_MSG_CURSOR_AND_ID},
                {request.is_follow && request.is_input, TOOL_MSG_FOLLOW_AND_INPUT},
@@ -63,6 +67,7 @@ static std::string combination_mistake(const export_request_t& request) {
 static std::optional<int> parse_command_line(int argc, char** argv, export_request_t* request) {
   std::string format = formats().front().name, colours = "auto";
   selection_t& wanted = request->selection;
+  request->largest = -1;
   const command_line_t line = {
       EXPORT_NAME,
       TOOL_MSG_EXPORT_ABOUT,
@@ -82,6 +87,8 @@ static std::optional<int> parse_command_line(int argc, char** argv, export_reque
        number_option('n', "lines", "N", TOOL_MSG_EXPORT_LINES, &wanted.newest, 0, INT32_MAX),
        flag_option('f', "follow", TOOL_MSG_EXPORT_FOLLOW, &request->is_follow),
        text_option('c', "cursor-file", "FILE", TOOL_MSG_EXPORT_CURSOR_FILE, &request->cursor_file, empty_mistake),
+       number_option('\0', "max-stack", "BYTES", TOOL_MSG_EXPORT_MAX_STACK, &request->largest, ZK_STACK_SIZE_MAX,
+                     INT32_MAX),
        text_option('\0', "output", "FILE", TOOL_MSG_EXPORT_OUTPUT, &request->output, empty_mistake),
        text_option('\0', "color", std::string("WHEN:") + COLOURS, TOOL_MSG_EXPORT_COLOR, &colours, colour_mistake)}};
   if (std::optional<int> status = parse_options(line, argc, argv, &request->stacks)) return status;
@@ -92,6 +99,7 @@ static std::optional<int> parse_command_line(int argc, char** argv, export_reque
     if (name.empty()) return report_misuse(EXPORT_NAME, "STACK: " + empty_mistake(name));
   const std::string mistake = combination_mistake(*request);
   if (!mistake.empty()) return report_misuse(EXPORT_NAME, mistake);
+  if (request->largest < 0) request->largest = LARGEST_STACK;
   prepare_selection(&wanted);
   if (!open_output(*request)) return STATUS_FAILED;
   request->has_colours = has_colours(colours);

@@ -27,8 +27,8 @@ bool is_no_stack(const damage_t& damage);
 /* Damage in one line, behind the name of a stack. */
 std::string damage_text(const damage_t& damage);
 
-/* The same for the user, with what helps where a record is damaged. */
-std::string told_damage(const damage_t& damage);
+/* The same for the user, of the stack with that path, with what helps. */
+std::string told_damage(const damage_t& damage, const std::string& path);
 
 /* Exit status of zkview for such a code. */
 int status_of(int code);

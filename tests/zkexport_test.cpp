@@ -209,7 +209,8 @@ TEST(node, passes_over_what_is_no_stack_among_the_stacks) {
       "printf '\\377' | dd of=t bs=1 seek=27 conv=notrunc 2>/dev/null; $zkexport --every | tail -n 1"
       " | jq -r .error.offset";
   EXPECT_EQ(script(line), "s\n1\n0\n24\n" + passed + passed + passed + passed +
-                              "zkexport: " ZELK_STACK_DIR "/t: the record's length is out of range (at offset 24); rename it, "
+                              "zkexport: " ZELK_STACK_DIR
+                              "/t: the record's length is out of range (at offset 24); rename it, "
                               "and zkrecord --create makes a new one\n");
 }
 
@@ -262,11 +263,13 @@ TEST(cursor, that_is_damaged_is_refused_and_left_alone) {
   for (const char* damaged : {"", "text", "zkexport cursor 1\n1 2 3 /x\n", "zkexport cursor 1\n1 2 /x\nend\n"}) {
     const std::string cursor = new_file(damaged);
     const outcome refused = zkexport({"-c", cursor, stack().add("one").file()});
-    EXPECT_EQ(refused, (outcome{"", "zkexport: " + cursor + ": it is damaged, or no cursor; remove it to begin anew\n", 1}));
+    EXPECT_EQ(refused,
+              (outcome{"", "zkexport: " + cursor + ": it is damaged, or no cursor; remove it to begin anew\n", 1}));
     EXPECT_EQ(contents(cursor), damaged);
   }
   EXPECT_EQ(zkexport({"-c", "/dev/null", stack().file()}).status, 1); /* it would be replaced */
-  EXPECT_EQ(script("truncate -s 2G large; $zkexport -c large " + stack().file() + " 2>&1 | sed \"s,$folder,FOLDER,\";"
+  EXPECT_EQ(script("truncate -s 2G large; $zkexport -c large " + stack().file() +
+                   " 2>&1 | sed \"s,$folder,FOLDER,\";"
                    "stat -c %s large"),
             "zkexport: FOLDER/large: it is damaged, or no cursor; remove it to begin anew\n2147483648\n");
 }

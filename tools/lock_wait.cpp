@@ -59,6 +59,11 @@ static std::string find_holder(int fildes) {
   return holder;
 }
 
+std::string waiting_text(int fildes) {
+  const std::string holder = find_holder(fildes);
+  return holder.empty() ? message_text(TOOL_MSG_WAITING) : message_text(TOOL_MSG_WAITING_FOR_PROCESS, {holder});
+}
+
 static volatile std::sig_atomic_t is_over; /* the patience */
 static void lose_patience(int) {
   is_over = 1;
@@ -79,10 +84,7 @@ bool wait_for_lock(const std::string& name, const std::string& stack, int fildes
   while (fcntl(fildes, command, &lock) != 0 && errno == EINTR) {
     if (is_over == 0 || is_told) continue;
     is_told = true;
-    const std::string holder = find_holder(fildes);
-    report_failure(
-        name, stack,
-        holder.empty() ? message_text(TOOL_MSG_WAITING) : message_text(TOOL_MSG_WAITING_FOR_PROCESS, {holder}));
+    report_failure(name, stack, waiting_text(fildes));
     errno = EINTR;
   }
   const int error = errno;

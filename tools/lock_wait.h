@@ -10,4 +10,7 @@
  * set, when the lock cannot be had. Uses SIGALRM. */
 bool wait_for_lock(const std::string& name, const std::string& stack, int fildes, int command);
 
+/* What is told of the lock of an open stack that is waited for: who holds it. */
+std::string waiting_text(int fildes);
+
 #endif

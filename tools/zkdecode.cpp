@@ -82,8 +82,8 @@ static std::string problem_of_result(int result, int version, int location) {
       return message_text(TOOL_MSG_BAD_SELECTOR);
     default:
       return location == ZELK_LOCATION_TEMPLATE ? message_text(TOOL_MSG_LABEL_ZERO)
-                                                : message_text(TOOL_MSG_DIRECTORY_UNREADABLE, {ZELK_STACK_DIR}) +
-                                                      "; " + message_text(TOOL_MSG_WHO_READS, {"zelk"});
+                                                : message_text(TOOL_MSG_DIRECTORY_UNREADABLE, {ZELK_STACK_DIR}) + "; " +
+                                                      message_text(TOOL_MSG_WHO_READS, {"zelk"});
   }
 }
 

@@ -6,9 +6,9 @@ complete -c zkexport -f
 function __zkexport_may -a what
     set -l words (commandline -opc)[2..]
     __zkview_at -o --format -i --id -c --cursor-file -n --lines --since --until --process --product --node --grep --output \
-        --color; and set -e words[-1]
+        --max-stack --color; and set -e words[-1]
     argparse o/format= i/id= e/every input f/follow c/cursor-file= n/lines= chain since= until= process= product= node= grep= \
-        output= color= h/help version -- $words 2>/dev/null; or return 1
+        output= max-stack= color= h/help version -- $words 2>/dev/null; or return 1
     set -q _flag_help; or set -q _flag_version; and return 1
     switch $what
         case stack
@@ -43,6 +43,8 @@ complete -c zkexport -n '__zkexport_may input' -l input -d 'Incidents from stand
 complete -c zkexport -n '__zkexport_may follow; and __zkexport_may json' -s f -l follow -d 'Go on with new incidents'
 complete -c zkexport -n '__zkexport_may cursor_file; and __zkexport_may json; or __zkview_at -c --cursor-file' \
     -s c -l cursor-file -r -F -d 'Begin behind what was given out'
+complete -c zkexport -n '__zkexport_may max_stack; and __zkexport_may json; or __zkview_at --max-stack' -l max-stack -x \
+    -d 'Follow no larger stacks'
 complete -c zkexport -n '__zkexport_may chain; and __zkexport_may picture' -l chain -d 'The whole chain of --id'
 complete -c zkexport -n '__zkexport_may lines; and __zkexport_may picture; or __zkview_at -n --lines' -s n -l lines -x \
     -d 'The newest of those that fit'

@@ -1,0 +1,109 @@
+/* SPDX-License-Identifier: MIT */
+/* Who may make files in the stacks' folder, beside `zkexport --follow --every`: each test plays one of them. */
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "support.h"
+
+/* What a line of the shell prints in the stacks' folder, emptied before, where `follow` starts the command, `lines` waits until
+ * it has given out so many, `shown` shows which, and `end` ends it. */
+static std::string script(const std::string& line) {
+  static const std::string TOOLS =
+      "rm -rf " ZELK_STACK_DIR "/* out err cursor; touch out; home=$PWD; cd " ZELK_STACK_DIR
+      ";"
+      "follow() { $within $zkexport --follow --every \"$@\" >$home/out 2>$home/err & follower=$!; };"
+      "lines() { n=0; while [ $(wc -l <$home/out) -lt $1 ] && [ $n -lt 60 ]; do sleep 0.05; n=$((n + 1)); done; };"
+      "shown() { jq -r '.description // .gap // .error.reason' $home/out | tr '\\n' ' '; };"
+      "end() { kill $follower; wait $follower; echo ended $?; };";
+  return shell(TOOLS + line, {{"zkexport", program("zkexport")}, {"zkrecord", program("zkrecord") + " -qC"}}).out;
+}
+
+/* Python that holds something of a stack until it is ended. */
+static std::string holding(const std::string& what) {
+  return "python3 -c 'import fcntl, os, signal, sys, time; signal.signal(signal.SIGIO, signal.SIG_IGN);"
+         "f = os.open(sys.argv[1], os.O_RDWR); " +
+         what + "; time.sleep(30)' held & holder=$!; sleep 0.2;";
+}
+
+struct follow : testing::Test {
+  void SetUp() override {
+    if (!has_private_var() || !has("jq")) GTEST_SKIP() << "the machine forbids a mount namespace, or has no jq";
+  }
+};
+
+TEST_F(follow, does_not_wait_for_who_holds_a_lease) {
+  const std::string story = "$zkrecord held mine; " + holding("fcntl.fcntl(f, fcntl.F_SETLEASE, fcntl.F_WRLCK)");
+  EXPECT_EQ(
+      script(story +
+             "follow; $zkrecord open one; lines 1; shown; sleep 1.2; cat $home/err; kill $holder; lines 2; shown; end"),
+      "one zkexport: " ZELK_STACK_DIR
+      "/held: waiting for the lease that another process holds on it\n"
+      "one mine ended 0\n");
+}
+
+TEST_F(follow, does_not_wait_for_who_holds_a_lock) {
+  const std::string story = "$zkrecord held mine; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)");
+  EXPECT_EQ(script(story + "follow; $zkrecord open one; lines 1; $zkrecord open two; lines 2; shown; sleep 1.2;"
+                           "sed s/$holder/HOLDER/ $home/err; kill $holder; lines 3; shown; end"),
+            "one two zkexport: " ZELK_STACK_DIR
+            "/held: waiting for its lock, which process HOLDER holds\n"
+            "one two mine ended 0\n");
+}
+
+/* Who holds the lock of a stack that is replaced holds that of a file which nobody records in. */
+TEST_F(follow, goes_on_to_the_next_file_while_the_last_one_is_locked) {
+  const std::string story = "$zkrecord held mine; follow; lines 1; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)");
+  EXPECT_EQ(
+      script(story + "$zkrecord new one; mv new held; lines 2; $zkrecord held two; lines 3; shown; kill $holder; end"),
+      "mine one two ended 0\n");
+}
+
+TEST_F(follow, keeps_few_names_that_have_gone) {
+  EXPECT_EQ(
+      script(
+          "follow --cursor-file=$home/cursor; $zkrecord kept one; for n in $(seq 150); do $zkrecord s$n x; done;"
+          "lines 151; mv kept ..; sleep 0.1; mv ../kept .; $zkrecord kept two; lines 152; rm s*; $zkrecord kept three;"
+          "lines 153; sleep 0.3; grep -c / $home/cursor; shown | tr -d 'x '; end; "
+          "follow --cursor-file=$home/cursor; $zkrecord kept four; lines 1; shown; end"),
+      "1\nonetwothreeended 0\nfour ended 0\n");
+}
+
+/* A namespace has a limit of its own. */
+TEST_F(follow, looks_at_what_it_cannot_watch) {
+  const std::string within = scratch() + "/few-watches";
+  std::ofstream(within)
+      << "#!/bin/sh\nexec unshare -Ur sh -c 'echo 3 >/proc/sys/user/max_inotify_watches && exec \"$@\"' - \"$@\"\n";
+  chmod(within.c_str(), 0755);
+  if (shell(within + " true").status != 0) GTEST_SKIP() << "no user namespaces";
+  EXPECT_EQ(script("within=" + within +
+                   "; for n in $(seq 6); do $zkrecord s$n old; done; follow; lines 6;"
+                   "for n in $(seq 7); do $zkrecord s$n new; done; lines 13;"
+                   "sleep 0.1; $zkrecord s6 last; lines 14; shown | wc -w; cut -d: -f3- $home/err; end"),
+            "14\n it cannot be watched (No space left on device); what cannot be is looked at every second\nended 0\n");
+}
+
+TEST_F(follow, has_more_stacks_than_open_files) {
+  EXPECT_EQ(script("for n in $(seq 60); do $zkrecord s$n old; done; ulimit -n 50; follow; lines 60;"
+                   "for n in 1 30 60; do $zkrecord s$n new; done; lines 63; shown | wc -w; cat $home/err; end"),
+            "63\nended 0\n");
+}
+
+/* A stack of a later format may be of any size, and each of its records may have a long description. */
+TEST_F(follow, keeps_little_of_a_stack_in_memory) {
+  stack large;
+  large.version = 8;
+  std::string wide;
+  for (int count = 0; count < 30; ++count) wide += "%1$999s";
+  for (int count = 0; count < 3000; ++count) large.add({.description = wide, .arg_count = 1, .args = string_arg("x")});
+  const std::string file = large.file();
+  EXPECT_EQ(script("cp " + file +
+                   " large; follow; lines 3000; awk '/VmHWM/ { print $2 < 24000 }' /proc/$follower/status;"
+                   "wc -l <$home/out; end"),
+            "1\n3000\nended 0\n");
+  EXPECT_EQ(script("cp " + file +
+                   " large; follow --max-stack=500000; $zkrecord small one; lines 2; shown; cat $home/err; end"),
+            "one it is larger than --max-stack allows zkexport: " ZELK_STACK_DIR
+            "/large: it is larger than --max-stack allows\n"
+            "ended 0\n");
+}
