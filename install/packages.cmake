@@ -65,17 +65,16 @@ set(CPACK_DEBIAN_ZKVIEW_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/pos
 set(CPACK_RPM_ZKVIEW_PACKAGE_REQUIRES systemd)
 set(CPACK_RPM_ZKVIEW_POST_INSTALL_SCRIPT_FILE ${scripts}/postinst)
 
-if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/fleet)
+if(ZKVIEW_FLEET)
   add_package(node zkview-node zkview-node admin "send the incidents of this node to the middle of a fleet"
 "What the Error Stacks of this node show is sent to a machine in the middle,
 where one database has the incidents of all nodes. Nothing is sent until
 zelk-node-setup has been told where that is.")
-  set(CPACK_DEBIAN_NODE_PACKAGE_ARCHITECTURE all)
-  set(CPACK_DEBIAN_NODE_PACKAGE_DEPENDS "zkview (>= ${PROJECT_VERSION}-${release}), openssl, rsyslog, rsyslog-relp")
-  set(CPACK_RPM_NODE_PACKAGE_REQUIRES "zkview >= ${PROJECT_VERSION}, openssl, rsyslog, rsyslog-relp")
+  set(CPACK_DEBIAN_NODE_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_NODE_PACKAGE_DEPENDS "zkview (>= ${PROJECT_VERSION}-${release}), openssl")
+  set(CPACK_RPM_NODE_PACKAGE_REQUIRES "zkview >= ${PROJECT_VERSION}, openssl")
   set(CPACK_DEBIAN_NODE_PACKAGE_CONTROL_EXTRA ${scripts}/node/postinst ${scripts}/node/prerm ${scripts}/node/postrm)
-endif()
-if(ZKVIEW_FLEET)
+
   add_package(middle zkview-middle zkview-middle admin "gather the incidents of many nodes in one database"
 "Takes the incidents of any number of nodes into a database of PostgreSQL,
 follows causes across nodes, makes pages of them and watches that they arrive.

@@ -323,12 +323,16 @@ class Node:
     def run(self, *command, **options):
         return run(*self.enter(), *command, **options)
 
-    def start_spool(self):
-        self.spool = start(*self.enter(), FLEET + "/zelk-spool", ZELK_SPOOL_SIZE="131072")
+    def start_spool(self, **variables):
+        self.spool = start(*self.enter(), FLEET + "/zelk-spool", ZELK_SPOOL_SIZE="131072", **variables)
 
     def start_forward(self):
-        """As systemd does, which makes its folder anew."""
-        self.run("sh", "-c", "rm -rf /run/zelk-forward; mkdir /run/zelk-forward")
+        with open(f"{folder}/forward-{self.name}.log", "a") as output:
+            self.forward = start(*self.enter(), "zelk-forward", "--state=/run/taken", self.middle, output=output)
+
+    def start_rsyslog(self):
+        """Sends what is in the spool in another way, and leaves it there."""
+        self.run("mkdir", "/run/zelk-forward")
         self.forward = start(*self.enter(), "rsyslogd", "-n", "-iNONE", "-f", FLEET + "/node.conf", ZELK_MIDDLE=self.middle,
                              ZELK_PORT="2514", ZELK_SPOOL="/var/lib/zelk/spool", ZELK_STATE="/run/zelk-forward")
 

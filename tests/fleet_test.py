@@ -3,6 +3,7 @@
 killed meanwhile and whoever sends what."""
 import os
 import random
+import re
 import signal
 import socket
 import ssl
@@ -211,6 +212,39 @@ def questions():
         f"SELECT effects FROM zelk_first_causes(to_timestamp({second})) WHERE key = '{id_of(599, second)}'"), "3")
     expect("plain columns", query(f"SELECT process, pid, line, product FROM zelk_plain WHERE key = '{key[0]}'"),
            "diskmon|4711|412|stn.node")
+
+
+def checks():
+    """What zelk-check says to monitoring: status, and what is amiss."""
+    fleet.make_database("checked")
+
+    def check(*options, **variables):
+        answer = subprocess.run([fleet.FLEET + "/zelk-check", *options], capture_output=True, text=True,
+                                env=fleet.environment | {"PGUSER": "zelk_reader", "PGDATABASE": "checked"} | variables)
+        return answer.returncode, answer.stdout.partition(" |")[0].removeprefix("ZELK ").strip()
+
+    def arrives(host, line):
+        query(f"SELECT zelk_put('{host}', '1', $${line}$$)", "checked")
+
+    def is_late(number, seconds):
+        arrives("here", line_of(number, int(time.time()) - seconds))
+        status, text = check()
+        return status, text.partition(" - ")[0], re.sub(r"\d+ s", "", text.partition(",")[0].partition(" - ")[2])
+
+    query("INSERT INTO zelk_node VALUES ('gone', now() - interval '2 days'), ('new', now())", "checked")
+    expect("a node from which nothing came for a day is silent, a new one is not yet", check(), (1, "WARNING - 1 of 2 nodes silent for 1 day"))
+    query("UPDATE zelk_node SET host = 'here' WHERE host = 'new'; UPDATE zelk_node SET added = added - interval '2 days'", "checked")
+    expect("all of them are critical", check(), (2, "CRITICAL - all 2 nodes are silent"))
+    for host in ("here", "gone"):
+        arrives(host, line_of(1 if host == "here" else 2, int(time.time())))
+    expect("all is well", check(), (0, "OK - the incidents of 2 nodes arrive"))
+    arrives("here", '{"stack":"busy","gap":true}')
+    arrives("here", "no incident")
+    expect("gaps and rejected lines are warnings", check(), (1, "WARNING - 1 gaps in 1 day, 1 lines rejected in 1 day"))
+    expect("an intake that is late is a warning, then critical", [is_late(3, 100), is_late(4, 1000)], [
+        (1, "WARNING", "the intake is  behind"), (2, "CRITICAL", "the intake is  behind")])
+    expect("no answer is critical", check(PGHOST="/nowhere")[0], 2)
+    expect("what cannot be asked is unknown", [check(PGDATABASE="nowhere")[0], check("--behind=x")[0], check("--what")[0]], [3, 3, 3])
 
 
 # ---- Frames -------------------------------------------------------------------------------------------------------------
@@ -448,6 +482,85 @@ def several_databases():
         "SELECT effects FROM zelk_first_causes('2026-01-01') LIMIT 1", "part2"), "399")
 
 
+# ---- What sends ---------------------------------------------------------------------------------------------------------
+
+def make_spool(name, **files):
+    folder = f"{fleet.folder}/{name}"
+    os.mkdir(folder)
+    for number, content in files.items():
+        with open(f"{folder}/{number.strip('_')}.json", "w") as file:
+            file.write(content)
+    return folder
+
+
+def lines_taken(gatherer):
+    """How many lines a gatherer has taken since its start."""
+    gatherer.send_signal(signal.SIGUSR1)
+    time.sleep(0.2)
+    return int(re.findall(r"status: (\d+) lines", open(gatherer.log).read())[-1])
+
+
+def spool_is_sent():
+    a, b, c, d, e = (line_of(300000 + number) for number in range(5))
+    spool = make_spool("spool1", _99=c + "\n", _100=f"#100\n{a}\n{d[:300]}#\n" + "x" * 70000 + f"\n{b}\n", _1000=d[:400], _begun=e)
+    gatherer = start_gatherer("--listen=127.0.0.1:2640", f"--database={fleet.conninfo()}", port=2640, name="sent")
+
+    def start_forward():
+        return fleet.start("zelk-forward", "--spool=" + spool, f"--state={fleet.folder}/taken", "127.0.0.1:2640")
+
+    def keys():
+        return query(f"SELECT string_agg(key, ' ' ORDER BY received) FROM zelk_incident WHERE host = '{socket.gethostname()}'")
+
+    forward = start_forward()
+    first = [id_of(300000 + number) for number in (2, 0, 1)]
+    expect("lines are sent in the order of files, those cut short and those too long are not", (wait_until(
+        lambda: sorted(keys().split()) == sorted(first)), reason_of(socket.gethostname())), (True, ""))
+    expect("files are deleted when the middle has them, but for the newest", wait_until(
+        lambda: sorted(os.listdir(spool)) == ["1000.json", "begun.json"]), True)
+    with open(spool + "/1000.json", "a") as file:
+        file.write(d[400:] + "\n")
+    expect("the rest of a line is waited for", wait_until(lambda: id_of(300003) in keys()), True)
+    forward.terminate()
+    expect("what sends ends with 0", forward.wait(), 0)
+    with open(spool + "/1000.json", "a") as file:
+        file.write(e + "\n")
+    forward = start_forward()
+    wait_until(lambda: id_of(300004) in keys())
+    expect("and goes on where it was", lines_taken(gatherer), 5)
+    kill(forward)
+    os.remove(fleet.folder + "/taken")
+    forward = start_forward()
+    expect("or sends once more what is there", wait_until(lambda: lines_taken(gatherer) == 7), True)
+    expect("and the database knows it", len(keys().split()), 5)
+    kill(forward)
+    kill(gatherer)
+
+
+def hostile_middles():
+    """Whatever the other side answers, what sends lives, tries again, and takes nothing for sent."""
+    line = line_of(310000)
+    for number, reply in enumerate([b"\0" * 100, b"2 rsp 1000000000 x", b"3 rsp 6 200 OK\n", b"1 rsp 6 200 OK\n", b"2 rsp 9 500 error\n",
+                                    b"0 serverclose 0\n", b"9" * 100000, b""]):
+        spool = make_spool(f"hostile{number}", _1=f"{line}\n")
+        state = f"{fleet.folder}/hostile{number}.taken"
+        with socket.create_server(("127.0.0.1", 0)) as middle:
+            middle.settimeout(10)
+            forward = fleet.start("zelk-forward", "--spool=" + spool, "--state=" + state, "127.0.0.1:%d" % middle.getsockname()[1])
+            for answer in (reply, b"2 rsp 6 200 OK\n"):
+                node, _ = middle.accept()
+                with node:
+                    node.settimeout(10)
+                    node.recv(1000)
+                    node.sendall(b"1 rsp 6 200 OK\n")
+                    came = node.recv(10000)
+                    node.sendall(answer)
+                    if answer != reply:
+                        is_sent = wait_until(lambda: os.path.exists(state) and open(state).read() == f"1.json {len(line) + 1}\n")
+            if not (is_sent and came.endswith(b" - - " + line.encode() + b"\n") and forward.poll() is None):
+                expect(f"after an answer that is none all goes on: {reply[:30]!r}", (is_sent, came, forward.poll()), "all goes on")
+            kill(forward)
+
+
 # ---- A fleet ------------------------------------------------------------------------------------------------------------
 
 def record_many(node, stack, count):
@@ -461,7 +574,7 @@ def record_many(node, stack, count):
 def three_nodes(gatherer):
     nodes = [Node(number) for number in (1, 2, 3)]
     for node in nodes:
-        node.start_forward()
+        node.start_rsyslog() if node == nodes[2] else node.start_forward()
         node.start_spool()
     first = nodes[0].record("chain", "Fan 3 of enclosure 1 stands still.")
     second = nodes[1].record("chain", "-c", first, "Disk disk\03307 is too warm.")
@@ -471,7 +584,7 @@ def three_nodes(gatherer):
     kill(nodes[0].spool)
     nodes[0].run("sh", "-c", 'zkexport chain | head -c 300 >>"$(echo /var/lib/zelk/spool/*.json)"')
     nodes[0].record("chain", "-c", second, "Alarm 100417")
-    time.sleep(0.5)  # rsyslog reads what is there
+    time.sleep(0.5)  # what is there is read
     nodes[0].start_spool()
 
     recorders = [(node, record_many(node, "busy", 1500)) for node in nodes]
@@ -501,7 +614,7 @@ def three_nodes(gatherer):
         there.update(query("SELECT host || ' ' || key FROM zelk_incident WHERE host LIKE 'node_'").splitlines())
         return all(f"{node.name} {key}" in there for node, _, key in recorded)
 
-    # rsyslog waits up to ten seconds before it tries again. What a stack has lost comes to a gap.
+    # Nodes wait up to ten seconds before it tries again. What a stack has lost comes to a gap.
     wait_until(all_are_there, limit=25, pause=0.5)
     missing = {(node.name, stack) for node, stack, key in recorded if f"{node.name} {key}" not in there}
     gaps = {tuple(row.split("|")) for row in query("SELECT host, stack FROM zelk_gaps").splitlines()}
@@ -530,12 +643,16 @@ def three_nodes(gatherer):
     expect("the spool keeps what it needs", wait_until(lambda: len(nodes[0].run(
         "sh", "-c", "ls /var/lib/zelk/spool/*.json").split()) <= 4), True)
 
-    # What rsyslog has sent may not have arrived: the spool keeps it until then.
+    # What has been sent may not have arrived: the spool keeps it until then.
     gatherer.send_signal(signal.SIGSTOP)
     keys = [line.split()[1] for line in record_many(nodes[0], "later", 300).communicate()[0].splitlines()]
     time.sleep(1)
     spool = nodes[0].run("sh", "-c", "cat /var/lib/zelk/spool/*.json")
     there.update(query("SELECT host || ' ' || key FROM zelk_incident WHERE host = 'node1'").splitlines())
+    kill(nodes[1].spool)
+    nodes[1].start_spool(ZELK_SPOOL_FILES="2")
+    record_many(nodes[1], "later", 600).communicate()
+    expect("a spool has a limit", len(nodes[1].run("ls", "/var/lib/zelk/spool").split()), 2)
     expect("no line leaves the spool before it has been taken",
            [key for key in keys if key not in spool and "node1 " + key not in there], [])
     kill(gatherer)
@@ -556,6 +673,7 @@ def main():
     nameless()
     gaps()
     questions()
+    checks()
     who_may()
     hostile_frames(gatherer)
     neighbours()
@@ -565,6 +683,8 @@ def main():
     killed_gatherers()
     away()
     failover()
+    spool_is_sent()
+    hostile_middles()
     gatherer = three_nodes(gatherer)
     months()
     gatherer.terminate()

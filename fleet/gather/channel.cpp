@@ -46,7 +46,7 @@ std::shared_ptr<certificates_t> load_certificates(const std::string& certificate
   return nullptr;
 }
 
-int connect_to(const std::string& host, const std::string& port, std::string* reason) {
+int connect_to(const std::string& host, const std::string& port, unsigned int number, std::string* reason) {
   addrinfo hints = {};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
@@ -55,9 +55,13 @@ int connect_to(const std::string& host, const std::string& port, std::string* re
     *reason = gai_strerror(result);
     return -1;
   }
-  const int fildes = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  unsigned int count = 0;
+  for (const addrinfo* one = found; one != nullptr; one = one->ai_next) ++count;
+  const addrinfo* chosen = found;
+  for (number %= count; number > 0; --number) chosen = chosen->ai_next;
+  const int fildes = socket(chosen->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   const bool is_begun =
-      fildes >= 0 && (connect(fildes, found->ai_addr, found->ai_addrlen) == 0 || errno == EINPROGRESS);
+      fildes >= 0 && (connect(fildes, chosen->ai_addr, chosen->ai_addrlen) == 0 || errno == EINPROGRESS);
   if (!is_begun) *reason = std::strerror(errno);
   freeaddrinfo(found);
   if (!is_begun) {

@@ -20,9 +20,10 @@ std::shared_ptr<certificates_t> load_certificates(const std::string& certificate
                                                   const std::string& authority, const std::string& revoked,
                                                   std::string* problem);
 
-/* Begins to connect to a host, whose name is looked up while everything waits. Returns a socket that is to be closed by the
- * caller, and can be written to once it is connected; -1 with the reason. One that has vanished is given up after a minute. */
-int connect_to(const std::string& host, const std::string& port, std::string* reason);
+/* Begins to connect to a host, whose name is looked up while everything waits; to another one of its addresses whenever `number`
+ * is another. Returns a socket that is to be closed by the caller, and can be written to once it is connected; -1 with the
+ * reason. A machine that has vanished is given up after a minute. */
+int connect_to(const std::string& host, const std::string& port, unsigned int number, std::string* reason);
 
 /* Why a socket of connect_to that can be written to is not connected; empty when it is. */
 std::string connect_problem(int fildes);

@@ -69,6 +69,18 @@ frame_result_t parse_frame(std::string_view bytes, frame_t* frame) {
   return FRAME_WHOLE;
 }
 
+void append_frame(std::string* bytes, int* number, std::string_view command, std::string_view content) {
+  *bytes += std::to_string(*number);
+  *bytes += ' ';
+  *bytes += command;
+  *bytes += ' ';
+  *bytes += std::to_string(content.size());
+  if (!content.empty()) *bytes += ' ';
+  *bytes += content;
+  *bytes += '\n';
+  *number = *number == FRAME_NUMBER_MAX ? 1 : *number + 1;
+}
+
 static bool is_of_name(char character) {
   return is_digit(character) || is_letter(character) || character == '-' || character == '.' || character == ':' ||
          character == '_';
@@ -98,4 +110,14 @@ syslog_line_t split_message(std::string_view message) {
   const std::string_view priority = words[PRIORITY];
   if (priority.front() != '<' || !priority.ends_with(">1") || words[STRUCTURED] != "-") return {{}, {}, message};
   return {name_of(words[HOST]), name_of(words[PLACE]), rest};
+}
+
+std::string make_message(std::string_view host, std::string_view place, std::string_view line) {
+  std::string message = "<134>1 - ";
+  message += host.empty() ? "-" : host;
+  message += " zelk ";
+  message += place.empty() ? "-" : place;
+  message += " - - ";
+  message += line;
+  return message;
 }

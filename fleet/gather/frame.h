@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: MIT */
-/* frame.h - what a node sends: frames of RELP, and in them lines with a header of syslog (RFC 5424). Nothing here trusts a byte,
- * copies one, or keeps anything between calls. */
+/* frame.h - what a node sends: frames of RELP, and in them lines with a header of syslog (RFC 5424). Nothing here trusts a
+ * byte, or keeps anything between calls; what is parsed is not copied. */
 #ifndef FRAME_H
 #define FRAME_H
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 /* NUMBER SP COMMAND SP LENGTH [SP CONTENT] LF */
@@ -29,6 +30,9 @@ struct frame_t {
 /* Parses the frame at the beginning of `bytes`. */
 frame_result_t parse_frame(std::string_view bytes, frame_t* frame);
 
+/* Appends a frame to `bytes`, and moves `number` on to the next one. */
+void append_frame(std::string* bytes, int* number, std::string_view command, std::string_view content);
+
 /* A line with where it comes from, parts of a message. What is no name there is empty. */
 struct syslog_line_t {
   std::string_view host;
@@ -38,5 +42,8 @@ struct syslog_line_t {
 
 /* Splits <PRIORITY>1 TIME HOST PROGRAM PLACE ID - LINE. A message without such a header is a line as it is. */
 syslog_line_t split_message(std::string_view message);
+
+/* The message that is split so. */
+std::string make_message(std::string_view host, std::string_view place, std::string_view line);
 
 #endif

@@ -90,9 +90,10 @@ struct sink_t {
   std::deque<node_t*> turns;     /* nodes with lines for it; each gives one at a time */
   std::deque<line_t*> under_way; /* oldest first */
   size_t under_way_bytes;
-  int64_t next_try; /* milliseconds */
-  int64_t pause;    /* before the next try, grows while it fails */
-  int64_t deadline; /* of connecting */
+  int64_t next_try;   /* milliseconds */
+  unsigned int tries; /* to connect to a gatherer */
+  int64_t pause;      /* before the next try, grows while it fails */
+  int64_t deadline;   /* of connecting */
 
   struct pg_conn* connection; /* a database: */
   size_t sent;                /* lines of the statement that runs */

@@ -29,16 +29,10 @@ static void lose_relay(gather_t* gather, sink_t* sink, const std::string& reason
   sink->pause = std::min(2 * sink->pause, PAUSE_MAX);
 }
 
-static void put_frame(sink_t* sink, const char* command, const std::string& content) {
-  sink->out += std::to_string(sink->next_number) + " " + command + " " + std::to_string(content.size()) +
-               (content.empty() ? "" : " ") + content + "\n";
-  sink->next_number = sink->next_number == FRAME_NUMBER_MAX ? 1 : sink->next_number + 1;
-}
-
 static void begin_relay(gather_t* gather, sink_t* sink) {
   std::string host, port, reason;
   split_address(sink->address, &host, &port);
-  const int fildes = connect_to(host, port, &reason);
+  const int fildes = connect_to(host, port, sink->tries++, &reason);
   if (fildes < 0) return lose_relay(gather, sink, reason);
   sink->source.ready = relay_is_ready;
   sink->next_number = 1;
@@ -60,7 +54,8 @@ static void greet_relay(gather_t* gather, sink_t* sink) {
       return watch(gather, &sink->source, sink->source.fildes, WRITABLE);
     case CHANNEL_DONE:
       sink->state = SINK_OPENING;
-      put_frame(sink, "open", "relp_version=0\nrelp_software=zelk-gather\ncommands=syslog");
+      append_frame(&sink->out, &sink->next_number, "open",
+                   "relp_version=0\nrelp_software=zelk-gather\ncommands=syslog");
       sink->due_number = 1;
       return;
     default:
@@ -141,13 +136,7 @@ static void relay_is_ready(gather_t* gather, source_t* source, uint32_t) {
 
 /* Forwards a line with the host that it has here. */
 static void forward(sink_t* sink, const line_t* line) {
-  std::string message = "<134>1 - ";
-  message += line->host.empty() ? "-" : line->host;
-  message += " zelk ";
-  message += line->parts.place.empty() ? std::string_view("-") : line->parts.place;
-  message += " - - ";
-  message += line->parts.line;
-  put_frame(sink, "syslog", message);
+  append_frame(&sink->out, &sink->next_number, "syslog", make_message(line->host, line->parts.place, line->parts.line));
   ++sink->forwarded;
 }
 
