@@ -32,14 +32,13 @@ static int gather_stacks(const zk_trace_t& trace, const export_request_t& reques
   chain->incidents.reserve(std::min(names.size(), size_t{8}) * USUAL_COUNT);
   for (const std::string& name : names) {
     stack_reader_t reader;
-    incident_t incident;
     begin_stack(&reader, trace, name, wanted_id);
-    while (next_incident(&reader, &incident)) {
-      if (request.is_chain || is_selected(request.selection, incident))
-        chain->incidents.push_back(std::move(incident));
-      else
-        ++chain->left_out;
+    while (next_incident(&reader, &chain->incidents.emplace_back())) {
+      if (request.is_chain || is_selected(request.selection, chain->incidents.back())) continue;
+      chain->incidents.pop_back();
+      ++chain->left_out;
     }
+    chain->incidents.pop_back(); /* there was none for it */
     const damage_t damage = end_reading(&reader);
     const size_t told = other_lines->size();
     status = report_damage(request, name, damage, status, other_lines);
@@ -186,6 +185,7 @@ int give_text(const zk_trace_t& trace, const export_request_t& request, std::str
   if (chain.left_out > 0) chain.notes.push_back(selection_note(request.selection, chain.left_out));
   chain.asked_id = request.id;
   find_causes(&chain);
+  find_lanes(&chain);
   return write_out(make(chain)) ? status : int{STATUS_FAILED};
 }
 

@@ -116,7 +116,7 @@ static void refuse_record(stack_reader_t* reader, int result) {
 }
 
 /* Goes on to the next record that is wanted. */
-static bool next_record(stack_reader_t* reader) {
+static bool next_record(stack_reader_t* reader, zk_decoded_t* record) {
   zk_walk_t* const walk = &reader->walk;
   while (!reader->is_over) {
     const bool is_newest = reader->is_at_record && zk_walk_at_write_pos(*walk);
@@ -127,19 +127,19 @@ static bool next_record(stack_reader_t* reader) {
       reader->is_over = true;
       return false;
     }
-    zk_decoded_t record;
-    const int result = zk_open_record(walk->trace, walk->record.data(), &record);
+    const int result = zk_open_record(walk->trace, walk->record.data(), record);
     if (result != ZELK_SUCCESS) refuse_record(reader, result);
-    if (result == ZELK_SUCCESS && (reader->id.empty() || reader->id == record.fields.eid)) return true;
+    if (result == ZELK_SUCCESS && (reader->id.empty() || reader->id == record->fields.eid)) return true;
   }
   return false;
 }
 
 bool next_incident(stack_reader_t* reader, incident_t* incident) {
-  if (!next_record(reader)) return false;
+  zk_decoded_t record;
+  if (!next_record(reader, &record)) return false;
   incident->stack = reader->name;
   incident->offset = reader->walk.record_position;
-  const int result = decode_incident(reader->walk.trace, reader->walk.record.data(), incident);
+  const int result = decode_incident(reader->walk.trace, &record, incident);
   if (result != ZELK_SUCCESS) refuse_record(reader, result);
   reader->is_any_read = reader->is_any_read || result == ZELK_SUCCESS;
   return result == ZELK_SUCCESS;
@@ -147,7 +147,8 @@ bool next_incident(stack_reader_t* reader, incident_t* incident) {
 
 bool skip_incident(stack_reader_t* reader) {
   zk_record_t fields;
-  if (!next_record(reader)) return false;
+  zk_decoded_t record;
+  if (!next_record(reader, &record)) return false;
   const int result = zk_parse_record(reader->walk.record.data(), &fields);
   if (result != ZELK_SUCCESS) refuse_record(reader, result);
   return result == ZELK_SUCCESS;
@@ -200,8 +201,9 @@ int find_stack(const zk_trace_t& trace, const std::string& id, std::string* name
   for (int index = 0; index < ZK_CANDIDATES_MAX && *slot(index) != '\0'; ++index) {
     *name = slot(index);
     stack_reader_t reader;
+    zk_decoded_t record;
     begin_stack(&reader, trace, *name, id);
-    const bool is_found = next_record(&reader);
+    const bool is_found = next_record(&reader, &record);
     const damage_t damage = end_stack(&reader);
     if (is_found) return ZELK_SUCCESS;
     if (damage.code == ZELK_FILE_CORRUPT || damage.code == ZELK_LOCK) return ZELK_FAILURE;

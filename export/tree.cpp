@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +16,7 @@
 
 #include "command.h"
 #include "gather.h"
+#include "utc_time.h"
 
 /* Columns of a process name, at most. */
 static constexpr size_t PROCESS_WIDTH = 32;
@@ -60,9 +60,14 @@ struct glyph_t {
   size_t columns;
 };
 
+/* Whether it is a character of one column by itself. */
+static bool is_plain(char character) {
+  return character >= ' ' && character <= '~';
+}
+
 /* Splits the first character, as it may be shown, off a text. */
 static glyph_t next_glyph(std::string_view* text) {
-  if (text->front() >= ' ' && text->front() <= '~') { /* most of them */
+  if (is_plain(text->front())) {
     const std::string_view byte = text->substr(0, 1);
     text->remove_prefix(1);
     return {byte, 1};
@@ -78,7 +83,12 @@ static glyph_t next_glyph(std::string_view* text) {
   return columns < 0 ? glyph_t{"?", 1} : glyph_t{bytes, static_cast<size_t>(columns)};
 }
 
+static bool is_plain_text(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), is_plain); /* nearly always */
+}
+
 static size_t columns_of(std::string_view text) {
+  if (is_plain_text(text)) return text.size();
   size_t columns = 0;
   while (!text.empty()) columns += next_glyph(&text).columns;
   return columns;
@@ -87,6 +97,11 @@ static size_t columns_of(std::string_view text) {
 /* Adds a text, of which `limit` columns may be seen; where there are more, it ends in an ellipsis. */
 static void put(tree_line_t* line, std::string_view text, bool is_utf8, size_t limit = UNLIMITED) {
   limit = std::min(limit, line->left);
+  if (text.size() <= limit && is_plain_text(text)) {
+    line->text += text;
+    line->left -= line->left == UNLIMITED ? 0 : text.size();
+    return;
+  }
   const size_t whole = limit == UNLIMITED ? 0 : columns_of(text);
   const std::string_view ellipsis = is_utf8 ? "\xE2\x80\xA6" : "~";
   const size_t room = whole <= limit ? limit : limit - std::min(limit, size_t{1});
@@ -179,19 +194,14 @@ static void put_branches(tree_line_t* line, const tree_drawing_t& drawing, const
   if (row.depth > levels) put(line, "[" + std::to_string(row.depth) + "] ", drawing.is_utf8);
 }
 
-/* A local time, as the date, a blank and the time of day. */
-static std::string local_time(int64_t seconds) {
+struct local_time_t {
+  std::string date, clock;
+};
+static local_time_t local_time(int64_t seconds) {
   const time_t time = seconds;
   std::tm parts = {};
   localtime_r(&time, &parts);
-  std::array<char, 64> text;
-  return {text.data(), std::strftime(text.data(), text.size(), "%F %T", &parts)};
-}
-static std::string date_of(const std::string& local) {
-  return local.substr(0, local.find(' '));
-}
-static std::string clock_of(const std::string& local) {
-  return local.substr(local.find(' ') + 1);
+  return {date_text(parts), clock_text(parts)};
 }
 
 static bool is_asked_for(const tree_drawing_t& drawing, const tree_row_t& row) {
@@ -211,12 +221,10 @@ static void draw_incident(tree_drawing_t* drawing, const tree_row_t& row, tree_l
   std::string repeats;
   if (row.members.size() > 1) {
     const incident_t& last = drawing->chain->incidents[row.members.back()];
-    const std::string time = local_time(last.time);
-    const bool is_same_day = date_of(time) == date_of(local_time(incident.time));
-    repeats =
-        " (" +
-        message_text(TOOL_MSG_REPEATED, {std::to_string(row.members.size()), is_same_day ? clock_of(time) : time}) +
-        ")";
+    const local_time_t time = local_time(last.time);
+    const bool is_same_day = time.date == local_time(incident.time).date;
+    const std::string last_time = is_same_day ? time.clock : time.date + " " + time.clock;
+    repeats = " (" + message_text(TOOL_MSG_REPEATED, {std::to_string(row.members.size()), last_time}) + ")";
   }
   put(line, incident.description, is_utf8, line->left - std::min(line->left, columns_of(repeats)));
   put(line, repeats, is_utf8);
@@ -230,15 +238,11 @@ static void draw_row(tree_drawing_t* drawing, const tree_row_t& row) {
   tree_line_t line = {"", drawing->width};
   drawing->is_last.resize(row.depth + 1);
   drawing->is_last[row.depth] = row.is_last;
-  std::string date, clock = "        ";
-  if (row.missing.empty()) {
-    const std::string time = local_time(drawing->chain->incidents[row.members.front()].time);
-    date = date_of(time);
-    clock = clock_of(time);
-  }
-  const bool is_new_day = !date.empty() && date != drawing->date;
-  if (is_new_day) drawing->date = date;
-  put(&line, (is_new_day ? date : "          ") + " " + clock + "  ", drawing->is_utf8);
+  local_time_t time = {"", "        "};
+  if (row.missing.empty()) time = local_time(drawing->chain->incidents[row.members.front()].time);
+  const bool is_new_day = !time.date.empty() && time.date != drawing->date;
+  if (is_new_day) drawing->date = time.date;
+  put(&line, (is_new_day ? time.date : "          ") + " " + time.clock + "  ", drawing->is_utf8);
   put_branches(&line, *drawing, row);
   if (is_asked_for(*drawing, row)) put_coloured(&line, "* ", *drawing, "1;31");
   if (row.missing.empty())

@@ -104,6 +104,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   for (chain_t* each : {&chain, &parsed}) {
     find_causes(each);
+    find_lanes(each);
     const std::string dot = make_dot(*each), html = make_html(*each);
     expect_printable(dot, true);
     expect_digraph(dot);

@@ -38,6 +38,8 @@ std::string short_description(const incident_t& incident, size_t limit) {
 }
 
 void sort_by_time(std::vector<incident_t>* incidents) {
+  auto is_earlier = [](const incident_t& one, const incident_t& other) { return exact_time(one) < exact_time(other); };
+  if (std::is_sorted(incidents->begin(), incidents->end(), is_earlier)) return; /* as they most often are */
   std::vector<int64_t> times;
   times.reserve(incidents->size());
   std::unordered_map<std::string, int64_t> newest; /* of each node's stack */
@@ -46,7 +48,6 @@ void sort_by_time(std::vector<incident_t>* incidents) {
     known->second = std::max(known->second, exact_time(incident));
     times.push_back(known->second);
   }
-  if (std::is_sorted(times.begin(), times.end())) return; /* as they most often are */
   std::vector<size_t> order(incidents->size());
   std::iota(order.begin(), order.end(), size_t{0});
   std::stable_sort(order.begin(), order.end(), [&](size_t one, size_t other) { return times[one] < times[other]; });
@@ -89,33 +90,40 @@ void keep_chain(const std::string& id, std::vector<incident_t>* incidents) {
 
 /* The node of each stack, which an incident whose ID does not say one is taken to be from. It is empty where none is known,
  * or where stacks of several nodes have the name. */
-static std::unordered_map<std::string, std::string> nodes_of_stacks(const std::vector<incident_t>& incidents) {
-  std::unordered_map<std::string, std::string> nodes;
-  std::unordered_set<std::string> shared;
+static std::unordered_map<std::string_view, std::string_view> nodes_of_stacks(
+    const std::vector<incident_t>& incidents) {
+  std::unordered_map<std::string_view, std::string_view> nodes;
+  std::unordered_set<std::string_view> shared;
   for (const incident_t& incident : incidents) {
-    std::string& node = nodes[incident.stack];
+    std::string_view& node = nodes[incident.stack];
     if (!incident.node.empty() && !node.empty() && node != incident.node) shared.insert(incident.stack);
     if (!incident.node.empty()) node = incident.node;
   }
-  for (const std::string& stack : shared) nodes[stack].clear();
+  for (std::string_view stack : shared) nodes[stack] = "";
   return nodes;
 }
 
 void find_causes(chain_t* chain) {
   sort_by_time(&chain->incidents);
-  std::unordered_map<std::string, size_t> by_id;
+  std::unordered_map<std::string_view, size_t> by_id;
+  by_id.reserve(chain->incidents.size());
   for (size_t index = 0; index < chain->incidents.size(); ++index)
     if (!chain->incidents[index].id.empty()) by_id.try_emplace(chain->incidents[index].id, index);
 
-  const std::unordered_map<std::string, std::string> nodes = nodes_of_stacks(chain->incidents);
-  std::map<std::tuple<std::string, std::string, std::string, int32_t>, size_t> by_lane;
   for (const incident_t& incident : chain->incidents) {
     const auto cause = incident.cause.empty() ? by_id.end() : by_id.find(incident.cause);
     chain->causes.push_back(cause != by_id.end() ? cause->second : NO_CAUSE);
-    const std::string& node = incident.node.empty() ? nodes.at(incident.stack) : incident.node;
+  }
+}
+
+void find_lanes(chain_t* chain) {
+  const std::unordered_map<std::string_view, std::string_view> nodes = nodes_of_stacks(chain->incidents);
+  std::map<std::tuple<std::string_view, std::string_view, std::string_view, int32_t>, size_t> by_lane;
+  for (const incident_t& incident : chain->incidents) {
+    const std::string_view node = incident.node.empty() ? nodes.at(incident.stack) : incident.node;
     const auto [lane, is_new] =
         by_lane.try_emplace({node, incident.stack, incident.process, incident.process_id}, by_lane.size());
-    if (is_new) chain->lane_names.push_back({node, incident.stack, incident.process, incident.process_id});
+    if (is_new) chain->lane_names.push_back({std::string(node), incident.stack, incident.process, incident.process_id});
     chain->lanes.push_back(lane->second);
   }
 }

@@ -27,9 +27,9 @@ struct chain_t {
   size_t left_out = 0;               /* so many incidents did not fit the selection */
   std::string asked_id;              /* Error ID of the incident that was asked for, empty for none */
 
-  /* Of each incident, by index; find_causes fills these in. */
-  std::vector<size_t> causes; /* the incident that caused it, or NO_CAUSE */
-  std::vector<size_t> lanes;  /* its entry in `lane_names` */
+  /* Of each incident, by index. */
+  std::vector<size_t> causes; /* the incident that caused it, or NO_CAUSE; from find_causes */
+  std::vector<size_t> lanes;  /* its entry in `lane_names`; both from find_lanes */
   std::vector<lane_t> lane_names;
 };
 
@@ -40,8 +40,11 @@ void sort_by_time(std::vector<incident_t>* incidents);
 /* Keeps the incidents that belong to the one of the Error ID `id`: its first cause, and all that led to. */
 void keep_chain(const std::string& id, std::vector<incident_t>* incidents);
 
-/* Puts the incidents in order and finds their causes and lanes. Of several with one Error ID the first is a cause. */
+/* Puts the incidents in order and finds their causes. Of several with one Error ID the first is a cause. */
 void find_causes(chain_t* chain);
+
+/* Finds the lanes of the incidents, which are in order. */
+void find_lanes(chain_t* chain);
 
 /* What the incidents are not complete for: a gap, and damage, of a stack. */
 std::string gap_note(const std::string& stack);

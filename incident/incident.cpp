@@ -17,7 +17,33 @@
 #include "zk_eid_layout.h"
 #include "zkfields.h"
 
+template <typename Number>
+static std::string digits_of(Number number, int base = 10) {
+  std::array<char, 32> text;
+  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), number, base);
+  return {text.data(), end};
+}
+
 /* ---- The Error ID -------------------------------------------------------------------------------------------------- */
+
+/* The address of a node. inet_ntop takes four times as long for one of four numbers. */
+static std::string address_text(char type, const addr_words& words) {
+  if (type == IPV4_TYPE) {
+    std::array<unsigned char, sizeof(in_addr)> bytes;
+    std::memcpy(bytes.data(), words.data(), bytes.size());
+    return digits_of(int{bytes[0]}) + "." + digits_of(int{bytes[1]}) + "." + digits_of(int{bytes[2]}) + "." +
+           digits_of(int{bytes[3]});
+  }
+  std::array<char, ZELK_ADDR_SLOT_SIZE> node = {};
+  inet_ntop(AF_INET6, words.data(), node.data(), node.size());
+  return node.data();
+}
+
+/* Whether the character is one of base64_table, in which it would take far longer to look for it. */
+static bool is_base64_digit(char character) {
+  return (character >= '.' && character <= '9') || (character >= 'A' && character <= 'Z') ||
+         (character >= 'a' && character <= 'z');
+}
 
 /* Decodes time and node of the Error ID, whose entry may be anything. They are left out when it cannot be decoded. */
 static void decode_id(incident_t* incident) {
@@ -28,7 +54,7 @@ static void decode_id(incident_t* incident) {
   std::memcpy(&parts, id.data(), sizeof parts);
   std::memset(parts.entry, ZERO_DIGIT, sizeof parts.entry);
   const std::string_view digits(reinterpret_cast<const char*>(&parts), sizeof parts);
-  if (digits.find_first_not_of(base64_table) != digits.npos) return;
+  if (!std::all_of(digits.begin(), digits.end(), is_base64_digit)) return;
 
   const std::array<char, 2> header = {parts.header, '\0'};
   const char type = parts.address[ADDR_CODE_WIDTH];
@@ -39,20 +65,11 @@ static void decode_id(incident_t* incident) {
   if (zk_conv_base_64_time(0, nullptr, parts.time, &time) != ZELK_SUCCESS) return;
   if (zk_conv_ipaddr(0, nullptr, parts.address, type, address.data()) != ZELK_SUCCESS) return;
 
-  std::array<char, ZELK_ADDR_SLOT_SIZE> node = {};
-  inet_ntop(type == IPV4_TYPE ? AF_INET : AF_INET6, address.data(), node.data(), node.size());
   incident->id_time = time.tv_sec * SECOND + time.tv_usec;
-  incident->node = node.data();
+  incident->node = address_text(type, address);
 }
 
 /* ---- Arguments ----------------------------------------------------------------------------------------------------- */
-
-template <typename Number>
-static std::string digits_of(Number number, int base = 10) {
-  std::array<char, 32> text;
-  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), number, base);
-  return {text.data(), end};
-}
 
 std::string digits_of_double(double number) {
   std::array<char, 32> text;
@@ -142,6 +159,7 @@ static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
   incident->message_number = fields.description.number;
   incident->default_message = fields.description.default_text;
   incident->arguments.clear();
+  incident->arguments.reserve(static_cast<size_t>(decoded.argument_count));
   for (const cu_error_arg_t& argument : std::span(decoded.arguments, static_cast<size_t>(decoded.argument_count)))
     incident->arguments.push_back(decode_argument(argument));
   char* const text = zk_describe(decoded);
@@ -152,12 +170,9 @@ static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
   incident->details = fields.details;
 }
 
-int decode_incident(const zk_trace_t& trace, const void* record, incident_t* incident) {
-  zk_decoded_t decoded;
-  int result = zk_open_record(trace, record, &decoded);
-  if (result != ZELK_SUCCESS) return result;
-  result = zk_decode_record(trace, &decoded);
-  if (result == ZELK_SUCCESS) fill_in(decoded, incident);
-  zk_release_arguments(&decoded);
+int decode_incident(const zk_trace_t& trace, zk_decoded_t* record, incident_t* incident) {
+  const int result = zk_decode_record(trace, record);
+  if (result == ZELK_SUCCESS) fill_in(*record, incident);
+  zk_release_arguments(record);
   return result;
 }

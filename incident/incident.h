@@ -10,6 +10,8 @@
 
 #include "zk_trace.h"
 
+struct zk_decoded_t;
+
 /* An argument of the description, its value as a text. */
 struct argument_t {
   std::string type; /* int, long, long_long, double, reserved, string, pointer, unknown */
@@ -45,9 +47,9 @@ struct incident_t {
 /* Names a kind of argument, CU_ERROR_ARG_... or any other number. */
 const char* argument_type_name(int32_t type);
 
-/* Decodes the fields of a record, all but `stack` and `offset`.
- * Returns 0; ZELK_INV_RECLEN; ZELK_INV_RECVERSN; ZELK_REC_CORRUPT. */
-int decode_incident(const zk_trace_t& trace, const void* record, incident_t* incident);
+/* Decodes the fields of a record that zk_open_record has opened, all but `stack` and `offset`.
+ * Returns 0; ZELK_REC_CORRUPT. */
+int decode_incident(const zk_trace_t& trace, zk_decoded_t* record, incident_t* incident);
 
 /* A number as JSON has it, and recognisable as one with a point. */
 std::string digits_of_double(double number);

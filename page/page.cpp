@@ -307,6 +307,7 @@ static chain_t newest_of(const chain_t& chain) {
                          count_of(chain.incidents.size(), "incident is", "incidents are") + " shown");
   newest.asked_id = chain.asked_id;
   find_causes(&newest);
+  find_lanes(&newest);
   return newest;
 }
 

@@ -97,12 +97,11 @@ static std::tm local_time(int64_t microseconds) {
 std::string local_date(int64_t microseconds) {
   static constexpr const char* DAYS[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
   const std::tm parts = local_time(microseconds);
-  return formatted("%s %04d-%02d-%02d", DAYS[parts.tm_wday], parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday);
+  return std::string(DAYS[parts.tm_wday]) + " " + date_text(parts);
 }
 
 std::string local_clock(int64_t microseconds, bool has_milliseconds) {
-  const std::tm parts = local_time(microseconds);
-  std::string clock = formatted("%02d:%02d:%02d", parts.tm_hour, parts.tm_min, parts.tm_sec);
+  std::string clock = clock_text(local_time(microseconds));
   if (!has_milliseconds) return clock;
   return clock + formatted(".%03d", static_cast<int>((microseconds - seconds_of(microseconds) * SECOND) / 1000));
 }

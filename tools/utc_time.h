@@ -4,10 +4,15 @@
 #define UTC_TIME_H
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 
 inline constexpr int64_t SECOND = 1000000; /* microseconds */
+
+/* A date and a time of day, as "2026-11-25" and "12:30:00". Years have four digits: no recorded time is of another. */
+std::string date_text(const std::tm& parts);
+std::string clock_text(const std::tm& parts);
 
 /* Times of seconds, and of microseconds, since the Epoch. */
 std::string utc_time(int64_t seconds);
