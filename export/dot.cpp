@@ -93,7 +93,8 @@ std::string make_dot(const chain_t& chain) {
       const auto [known, is_new] = outside.try_emplace(cause, std::string("c").append(std::to_string(outside.size())));
       from = known->second;
       if (is_new)
-        dot += "  " + from + " [label=" + quoted(cause + "\nnot recorded here") +
+        dot += "  " + from + " [label=" +
+               quoted(cause + (may_be_recorded(chain, cause) ? "\nnot shown here" : "\nnot recorded here")) +
                ", style=\"rounded,dashed\", color=\"#5f6672\"];\n";
     }
     dot += "  " + from + " -> " + node_name(index) + ";\n";

@@ -35,8 +35,8 @@ static int gather_stacks(const zk_trace_t& trace, const export_request_t& reques
     begin_stack(&reader, trace, name, wanted_id);
     while (next_incident(&reader, &chain->incidents.emplace_back())) {
       if (request.is_chain || is_selected(request.selection, chain->incidents.back())) continue;
+      leave_out(chain, std::move(chain->incidents.back().id));
       chain->incidents.pop_back();
-      ++chain->left_out;
     }
     chain->incidents.pop_back(); /* there was none for it */
     const damage_t damage = end_reading(&reader);
@@ -72,8 +72,10 @@ static void add_incident(input_t* input, size_t size) {
   const export_request_t& request = *input->request;
   incident_t& incident = input->incident;
   const bool is_wanted = request.is_chain || is_selected(request.selection, incident);
-  if (!is_wanted) ++input->chain->left_out;
-  if (!is_wanted) return;
+  if (!is_wanted) {
+    leave_out(input->chain, std::move(incident.id));
+    return;
+  }
   std::string key = incident.id;
   if (key.empty()) write_json(incident, &key);
   if (!input->known.insert(std::move(key)).second) return;
@@ -149,12 +151,14 @@ int gather(const zk_trace_t& trace, const export_request_t& request, chain_t* ch
     keep_chain(request.id, &chain->incidents);
     if (chain->incidents.empty() && status == STATUS_DONE)
       status = complain(request.id, message_text(TOOL_MSG_NO_CHAIN));
-    chain->left_out += std::erase_if(
-        chain->incidents, [&](const incident_t& incident) { return !is_selected(request.selection, incident); });
+    std::erase_if(chain->incidents, [&](const incident_t& incident) {
+      const bool is_wanted = is_selected(request.selection, incident);
+      if (!is_wanted) leave_out(chain, incident.id);
+      return !is_wanted;
+    });
   }
-  const size_t fitting = chain->incidents.size();
-  keep_newest(request.selection, &chain->incidents);
-  chain->left_out += fitting - chain->incidents.size();
+  if (request.selection.newest >= 0) keep_newest(static_cast<size_t>(request.selection.newest), chain);
+  chain->is_part = !request.id.empty() && !request.is_chain;
   return status;
 }
 

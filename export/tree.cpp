@@ -234,6 +234,10 @@ static void draw_incident(tree_drawing_t* drawing, const tree_row_t& row, tree_l
   put(line, std::string(blanks, ' ') + incident.id, is_utf8);
 }
 
+static std::string missing_text(const chain_t& chain, const std::string& cause) {
+  return message_text(may_be_recorded(chain, cause) ? TOOL_MSG_NOT_SHOWN : TOOL_MSG_NOT_RECORDED, {cause});
+}
+
 static void draw_row(tree_drawing_t* drawing, const tree_row_t& row) {
   tree_line_t line = {"", drawing->width};
   drawing->is_last.resize(row.depth + 1);
@@ -248,7 +252,7 @@ static void draw_row(tree_drawing_t* drawing, const tree_row_t& row) {
   if (row.missing.empty())
     draw_incident(drawing, row, &line);
   else
-    put_coloured(&line, message_text(TOOL_MSG_NOT_RECORDED, {row.missing}), *drawing, "2");
+    put_coloured(&line, missing_text(*drawing->chain, row.missing), *drawing, "2");
   drawing->text += line.text + "\n";
 }
 

@@ -20,6 +20,15 @@ std::string damage_note(const std::string& stack, const damage_t& damage) {
   return stack + ": " + damage_text(damage);
 }
 
+void leave_out(chain_t* chain, std::string id) {
+  ++chain->left_out;
+  if (!id.empty() && chain->left_out <= LEFT_OUT_IDS_MAX) chain->left_out_ids.insert(std::move(id));
+}
+
+bool may_be_recorded(const chain_t& chain, const std::string& cause) {
+  return chain.is_part || chain.left_out > LEFT_OUT_IDS_MAX || chain.left_out_ids.contains(cause);
+}
+
 int64_t exact_time(const incident_t& incident) {
   return incident.node.empty() ? incident.time * SECOND : incident.id_time;
 }
@@ -86,6 +95,14 @@ void keep_chain(const std::string& id, std::vector<incident_t>* incidents) {
   for (const incident_t& incident : *incidents)
     if (kept.contains(&incident)) chain.push_back(incident);
   *incidents = std::move(chain);
+}
+
+void keep_newest(size_t count, chain_t* chain) {
+  std::vector<incident_t>& incidents = chain->incidents;
+  if (incidents.size() <= count) return;
+  const auto first = incidents.end() - static_cast<ptrdiff_t>(count);
+  for (auto old = incidents.begin(); old != first; ++old) leave_out(chain, std::move(old->id));
+  incidents.erase(incidents.begin(), first);
 }
 
 /* The node of each stack, which an incident whose ID does not say one is taken to be from. It is empty where none is known,

@@ -86,9 +86,3 @@ bool is_selected(const selection_t& selection, const incident_t& incident) {
   };
   return is_found(incident.description) || is_found(incident.details);
 }
-
-void keep_newest(const selection_t& selection, std::vector<incident_t>* incidents) {
-  const size_t wanted = selection.newest < 0 ? incidents->size() : static_cast<size_t>(selection.newest);
-  if (incidents->size() > wanted)
-    incidents->erase(incidents->begin(), incidents->end() - static_cast<ptrdiff_t>(wanted));
-}

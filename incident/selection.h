@@ -38,7 +38,4 @@ void prepare_selection(selection_t* selection);
 /* Whether an incident fits all of a prepared selection but the number of the newest. */
 bool is_selected(const selection_t& selection, const incident_t& incident);
 
-/* Leaves of the incidents, which are in order of time, the newest that are wanted. */
-void keep_newest(const selection_t& selection, std::vector<incident_t>* incidents);
-
 #endif

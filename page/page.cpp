@@ -300,12 +300,17 @@ static constexpr char HINT[] =
 
 /* The newest of too many incidents. */
 static chain_t newest_of(const chain_t& chain) {
+  const auto first = chain.incidents.end() - INCIDENTS_MAX;
   chain_t newest;
-  newest.incidents.assign(chain.incidents.end() - INCIDENTS_MAX, chain.incidents.end());
+  newest.incidents.assign(first, chain.incidents.end());
   newest.notes = chain.notes;
+  newest.left_out = chain.left_out;
+  newest.left_out_ids = chain.left_out_ids;
+  newest.is_part = chain.is_part;
+  newest.asked_id = chain.asked_id;
+  for (auto old = chain.incidents.begin(); old != first; ++old) leave_out(&newest, old->id);
   newest.notes.push_back("only the newest 20,000 of " +
                          count_of(chain.incidents.size(), "incident is", "incidents are") + " shown");
-  newest.asked_id = chain.asked_id;
   find_causes(&newest);
   find_lanes(&newest);
   return newest;

@@ -44,7 +44,9 @@ static std::string cause_field(const page_t& page, size_t index) {
   if (incident.cause.empty()) return "";
   const size_t cause = page.chain->causes[index];
   const std::string id = "<code>" + escaped(incident.cause) + "</code>";
-  if (cause == NO_CAUSE) return field("Cause", id + " (not recorded here)");
+  if (cause == NO_CAUSE)
+    return field("Cause",
+                 id + (may_be_recorded(*page.chain, incident.cause) ? " (not shown here)" : " (not recorded here)"));
   return field("Cause",
                "<a href=\"" + fragment(page.anchors[cause]) + "\">" + id + "</a> (" + std::to_string(cause + 1) + ")");
 }
