@@ -40,11 +40,19 @@ std::string node_mistake(const std::string& text) {
   return address_of(text).empty() ? message_text(TOOL_MSG_NOT_AN_ADDRESS, {text}) : "";
 }
 
+/* Whether a pattern has a capital; what stands behind a backslash is none, as in "\\S". */
+static bool has_capital(std::string_view pattern) {
+  for (size_t at = 0; at < pattern.size(); ++at) {
+    if (pattern[at] >= 'A' && pattern[at] <= 'Z') return true;
+    if (pattern[at] == '\\') ++at;
+  }
+  return false;
+}
+
 /* Compiles a pattern. Without a capital it is for both cases; "^" and "$" stand for the ends of each line. */
 static int compile_pattern(const std::string& pattern, regex_t* expression) {
-  const bool has_capital =
-      std::any_of(pattern.begin(), pattern.end(), [](char letter) { return letter >= 'A' && letter <= 'Z'; });
-  return regcomp(expression, pattern.c_str(), REG_EXTENDED | REG_NOSUB | REG_NEWLINE | (has_capital ? 0 : REG_ICASE));
+  const int cases = has_capital(pattern) ? 0 : REG_ICASE;
+  return regcomp(expression, pattern.c_str(), REG_EXTENDED | REG_NOSUB | REG_NEWLINE | cases);
 }
 
 std::string pattern_mistake(const std::string& text) {

@@ -3,12 +3,16 @@
  * that does not go on with what it reads. */
 #include "when.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 
+/* Microseconds of a second, and of the units that are shorter; one of the two numbers is 0. */
+static constexpr int64_t MICROSECONDS = 1000000;
 struct time_unit_t {
   std::string_view name;
   int64_t seconds;
+  int64_t microseconds = 0;
 };
 static constexpr time_unit_t UNITS[] = {{"", 1},           {"s", 1},           {"sec", 1},
                                         {"second", 1},     {"seconds", 1},     {"m", 60},
@@ -17,7 +21,9 @@ static constexpr time_unit_t UNITS[] = {{"", 1},           {"s", 1},           {
                                         {"hours", 3600},   {"d", 86400},       {"day", 86400},
                                         {"days", 86400},   {"w", 604800},      {"week", 604800},
                                         {"weeks", 604800}, {"month", 2629800}, {"months", 2629800},
-                                        {"y", 31557600},   {"year", 31557600}, {"years", 31557600}};
+                                        {"y", 31557600},   {"year", 31557600}, {"years", 31557600},
+                                        {"ms", 0, 1000},   {"msec", 0, 1000},  {"us", 0, 1},
+                                        {"usec", 0, 1},    {"\xC2\xB5s", 0, 1}};
 
 static bool read_mark(std::string_view* rest, char mark) {
   if (!rest->starts_with(mark)) return false;
@@ -63,17 +69,29 @@ static bool read_date(std::string_view* rest, std::tm* parts) {
   return date.ok();
 }
 
+/* Reads up to nine digits behind a point, if one stands there: `*millionths` of one, rounded up. */
+static bool read_fraction(std::string_view* rest, int64_t* millionths) {
+  *millionths = 0;
+  if (!read_mark(rest, '.')) return true;
+  const size_t before = rest->size();
+  int64_t digits = 0;
+  const bool is_read = read_digits(rest, 1, 9, &digits);
+  int64_t billionths = digits;
+  for (size_t count = before - rest->size(); count < 9; ++count) billionths *= 10;
+  *millionths = (billionths + 999) / 1000;
+  return is_read;
+}
+
 /* Reads a time of day. A fraction of a second makes `*is_later`. */
 static bool read_clock(std::string_view* rest, std::tm* parts, bool* is_later) {
-  int64_t fraction = 0;
+  int64_t millionths = 0;
   *is_later = false;
   if (!read_two(rest, 23, &parts->tm_hour) || !read_mark(rest, ':') || !read_two(rest, 59, &parts->tm_min))
     return false;
   if (!read_mark(rest, ':')) return true;
   if (!read_two(rest, 59, &parts->tm_sec)) return false;
-  if (!read_mark(rest, '.')) return true;
-  const bool is_read = read_digits(rest, 1, 9, &fraction);
-  *is_later = fraction > 0;
+  const bool is_read = read_fraction(rest, &millionths);
+  *is_later = millionths > 0;
   return is_read;
 }
 
@@ -120,20 +138,21 @@ static bool read_moment(std::string_view* rest, int64_t now, int64_t* seconds) {
   return true;
 }
 
-/* Reads numbers with their units, as "1h 30min". */
-static bool read_span(std::string_view* rest, int64_t* seconds) {
-  *seconds = 0;
+/* Reads numbers with their units, as "1h 30min" or "1.5h": whole seconds, and microseconds beyond them. */
+static bool read_span(std::string_view* rest, int64_t* seconds, int64_t* microseconds) {
+  *seconds = *microseconds = 0;
   do {
-    int64_t number = 0;
+    int64_t number = 0, millionths = 0;
     skip_blanks(rest);
-    if (!read_digits(rest, 1, 9, &number)) return false;
+    if (!read_digits(rest, 1, 9, &number) || !read_fraction(rest, &millionths)) return false;
     skip_blanks(rest);
     const std::string_view name = rest->substr(0, rest->find_first_of(" 0123456789"));
-    int64_t unit = 0;
-    for (const time_unit_t& each : UNITS)
-      if (each.name == name) unit = each.seconds;
-    if (unit == 0) return false;
-    *seconds += number * unit;
+    const time_unit_t* const unit =
+        std::find_if(std::begin(UNITS), std::end(UNITS), [&](const time_unit_t& each) { return each.name == name; });
+    if (unit == std::end(UNITS)) return false;
+    *microseconds += number * unit->microseconds + millionths * unit->seconds;
+    *seconds += number * unit->seconds + *microseconds / MICROSECONDS;
+    *microseconds %= MICROSECONDS;
     rest->remove_prefix(name.size());
   } while (!rest->empty());
   return true;
@@ -168,15 +187,20 @@ static bool read_when(std::string_view* rest, int64_t now, int64_t* seconds) {
     return true;
   }
   if (read_day(rest, now, seconds)) return true;
-  if (read_mark(rest, '@')) return read_digits(rest, 1, 12, seconds);
+  int64_t part = 0; /* of a second, in microseconds */
+  if (read_mark(rest, '@')) {
+    const bool is_read = read_digits(rest, 1, 12, seconds) && read_fraction(rest, &part);
+    *seconds += part > 0 ? 1 : 0;
+    return is_read;
+  }
   const bool is_ago = rest->ends_with(AGO);
   if (is_ago) rest->remove_suffix(AGO.size());
   const bool is_before = is_ago || rest->starts_with('-');
   if (!is_before && !rest->starts_with('+')) return read_moment(rest, now, seconds);
   if (!is_ago) rest->remove_prefix(1);
   int64_t span = 0;
-  if (!read_span(rest, &span)) return false;
-  *seconds = is_before ? now - span : now + span;
+  if (!read_span(rest, &span, &part)) return false;
+  *seconds = is_before ? now - span : now + span + (part > 0 ? 1 : 0); /* -0.1s is within the second of now */
   return true;
 }
 
