@@ -30,7 +30,7 @@ bool may_be_recorded(const chain_t& chain, const std::string& cause) {
 }
 
 int64_t exact_time(const incident_t& incident) {
-  return incident.node.empty() ? incident.time * SECOND : incident.id_time;
+  return incident.id_time == NO_ID_TIME ? incident.time * SECOND : incident.id_time;
 }
 
 std::string short_description(const incident_t& incident, size_t limit) {

@@ -48,6 +48,7 @@ static bool is_base64_digit(char character) {
 /* Decodes time and node of the Error ID, whose entry may be anything. They are left out when it cannot be decoded. */
 static void decode_id(incident_t* incident) {
   incident->node.clear();
+  incident->id_time = NO_ID_TIME;
   const std::string_view id = incident->id;
   if (id.size() != ZELK_EID_LENGTH) return;
   zk_eid_parts_t parts;

@@ -22,6 +22,8 @@ struct argument_t {
 /* Bytes of a filled-in description, at most: a catalog that a record names can make it as long as it likes. */
 inline constexpr size_t DESCRIPTION_MAX = 32768;
 
+inline constexpr int64_t NO_ID_TIME = -1;
+
 /* Texts hold the bytes that were recorded. */
 struct incident_t {
   std::string stack; /* as the stack was named */
@@ -29,8 +31,8 @@ struct incident_t {
   std::string id;    /* Error ID, at most 42 characters, empty for none */
   std::string cause; /* the same of the incident that caused this one */
   int64_t time;      /* seconds since the Epoch */
-  int64_t id_time;   /* microseconds since the Epoch, and */
-  std::string node;  /* address of the node: from the Error ID, empty when it cannot be decoded */
+  int64_t id_time;   /* microseconds since the Epoch, from the Error ID, or NO_ID_TIME when it cannot be decoded */
+  std::string node;  /* address of the node, from the Error ID or whoever collected it; empty when it is not known */
   std::string process;
   int32_t process_id, parent_id, thread_id;
   std::string file, file_version, product;

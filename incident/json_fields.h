@@ -15,7 +15,7 @@ enum class kind_t {
   OFFSET,  /* of the record */
   TIME,    /* that was recorded */
   ID_TIME, /* that of the Error ID, and */
-  NODE,    /* its address: both are left out where it cannot be decoded */
+  NODE,    /* its address: both are left out where it cannot be decoded, but the node may be known all the same */
   CUT,     /* true, or left out */
   OBJECT,
   ARGUMENTS

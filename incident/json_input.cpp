@@ -149,7 +149,7 @@ static bool read_field(json_reader_t* reader, const field_t& field, incident_t* 
       return incident->time * SECOND == microseconds && incident->time == static_cast<int32_t>(incident->time);
     case kind_t::ID_TIME:
       return read_time(reader, &incident->id_time) && incident->id_time >= 0 &&
-             incident->id_time / SECOND < int64_t{1} << (6 * SECONDS_WIDTH); /* what an Error ID can hold */
+             incident->id_time / SECOND < (int64_t{1} << (6 * SECONDS_WIDTH)) + 17; /* what an Error ID can hold */
     case kind_t::NODE:
       return read_json_string(reader, &incident->node) && is_address(incident->node);
     case kind_t::CUT:
@@ -253,9 +253,10 @@ static bool read_damage(json_reader_t* reader, damage_t* damage) {
 /* What a line is by its members. */
 static line_t line_of(const object_t& line, bool is_gap, bool is_damage) {
   auto member = [&](std::string_view key) { return members_t{1} << find_field(line.fields, key, 0); };
-  const members_t decoded = member("id_time") | member("node"); /* of the Error ID: both, or none of them */
   const members_t needed = line.members | member("cut");
-  const bool is_whole = needed == all_of(line.fields) || needed == (all_of(line.fields) & ~decoded);
+  const members_t missing =
+      all_of(line.fields) & ~needed; /* what comes of an Error ID: a node may be known without one */
+  const bool is_whole = missing == 0 || missing == member("id_time") || missing == (member("id_time") | member("node"));
   const bool is_stack = line.members == member("stack");
   if (!is_gap && !is_damage && is_whole) return line_t::INCIDENT;
   if (is_gap != is_damage && is_stack) return is_gap ? line_t::GAP : line_t::DAMAGE;
@@ -269,6 +270,7 @@ line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* da
   int count = 0;
   bool is_over = false, is_gap = false, is_damage = false;
   incident->node.clear();
+  incident->id_time = NO_ID_TIME;
   incident->is_cut = false;
   if (!read_json(&reader, '{')) return line_t::NOTHING;
   while (next_json_item(&reader, '}', &count, &is_over)) {

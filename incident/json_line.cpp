@@ -21,7 +21,6 @@ static void put_argument(json_writer_t* writer, const argument_t& argument) {
 }
 
 static void put_field(json_writer_t* writer, const field_t& field, const incident_t& incident) {
-  const bool is_id_decoded = !incident.node.empty();
   switch (field.kind) {
     case kind_t::TEXT:
       put_text(writer, field.key, incident.*field.text);
@@ -44,10 +43,10 @@ static void put_field(json_writer_t* writer, const field_t& field, const inciden
       put_text(writer, field.key, utc_time(incident.time));
       break;
     case kind_t::ID_TIME:
-      if (is_id_decoded) put_text(writer, field.key, utc_time_of_microseconds(incident.id_time));
+      if (incident.id_time != NO_ID_TIME) put_text(writer, field.key, utc_time_of_microseconds(incident.id_time));
       break;
     case kind_t::NODE:
-      if (is_id_decoded) put_text(writer, field.key, incident.node);
+      if (!incident.node.empty()) put_text(writer, field.key, incident.node);
       break;
     case kind_t::CUT:
       if (!incident.is_cut) break;

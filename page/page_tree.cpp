@@ -84,7 +84,7 @@ static std::string place_fields(const incident_t& incident) {
 
 /* Whether the time of the row leaves out something of what is recorded. */
 static bool has_other_time(const incident_t& incident) {
-  return !incident.node.empty() && incident.id_time / SECOND != incident.time;
+  return incident.id_time != NO_ID_TIME && incident.id_time / SECOND != incident.time;
 }
 
 /* All that is recorded of an incident. The Error ID is that of its row, where it has one. */
@@ -106,7 +106,7 @@ static std::string make_record(const page_t& page, size_t index, table_t* common
            formatted("<dt>Record<dd>offset %lld, table row %zu</dl>", static_cast<long long>(incident.offset), number);
   }
   html += id_field(incident) + cause_field(page, index);
-  html += field("Time", both_times(exact_time(incident), !incident.node.empty()));
+  html += field("Time", both_times(exact_time(incident), incident.id_time != NO_ID_TIME));
   if (has_other_time(incident)) html += field("Recorded", both_times(incident.time * SECOND, false));
   return html + place_fields(incident) + ", offset " + std::to_string(incident.offset) + "</dl><dl class=more>" +
          argument_fields(incident, true) + message_field(incident) + "</dl>";
@@ -142,7 +142,7 @@ static std::string node_of(const page_t& page, size_t index) {
 static std::string make_summary(const page_t& page, size_t index) {
   const incident_t& incident = page.chain->incidents[index];
   const int64_t time = exact_time(incident);
-  const std::string utc = incident.node.empty() ? utc_time(incident.time) : utc_time_of_microseconds(time);
+  const std::string utc = incident.id_time == NO_ID_TIME ? utc_time(incident.time) : utc_time_of_microseconds(time);
   const bool is_asked = !page.chain->asked_id.empty() && incident.id == page.chain->asked_id;
   return "<summary><b>" + std::to_string(index + 1) + "</b> <time datetime=" + utc + ">" + clock_of(page, time) +
          "</time> <i>" + escaped(incident.process) + "</i> " +
