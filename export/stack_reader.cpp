@@ -3,13 +3,15 @@
 #include "stack_reader.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <map>
+#include <set>
 #include <utility>
 
 #include "export.h"
@@ -179,14 +181,18 @@ int list_stacks(std::vector<std::string>* names) {
   names->clear();
   DIR* const directory = opendir(ZELK_STACK_DIR);
   if (directory == nullptr) return zk_result_of_errno(errno, OPENDIR_RESULTS);
+  std::map<std::string, ino_t> found;
   while (const dirent* entry = readdir(directory)) {
     const std::string name = entry->d_name;
     struct stat status;
-    const bool is_file = fstatat(dirfd(directory), entry->d_name, &status, 0) == 0 && S_ISREG(status.st_mode);
-    if (is_file && !name.starts_with(ZK_STACK_IN_MAKING)) names->push_back(name);
+    const bool is_file =
+        fstatat(dirfd(directory), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode);
+    if (is_file && name[0] != '.') found.emplace(name, status.st_ino); /* ZK_STACK_IN_MAKING begins so, too */
   }
   closedir(directory);
-  std::sort(names->begin(), names->end());
+  std::set<ino_t> given; /* a file of several names comes once */
+  for (const auto& [name, inode] : found)
+    if (given.insert(inode).second) names->push_back(name);
   return ZELK_SUCCESS;
 }
 

@@ -11,7 +11,8 @@
 #include "zk_trace.h"
 #include "zk_walk.h"
 
-/* The names of the stacks of this node, in order. Returns 0; ZELK_DIR_MISSING; ZELK_DIR_NO_ACCESS; ZELK_FAILURE. */
+/* The names of the stacks of this node, in order: of regular files whose names do not begin with a point, each file once.
+ * Returns 0; ZELK_DIR_MISSING; ZELK_DIR_NO_ACCESS; ZELK_FAILURE. */
 int list_stacks(std::vector<std::string>* names);
 
 /* Finds the stack of this node that holds the Error ID `id`. Returns 0 and the codes of zk_open_stack_with_fid. */

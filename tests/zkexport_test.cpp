@@ -199,6 +199,13 @@ TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
             "aone\nbtwo\n");
 }
 
+TEST(node, gives_each_stack_once_whatever_leads_to_it) {
+  NEEDS_PRIVATE_VAR();
+  EXPECT_EQ(script("cd " ZELK_STACK_DIR "; $zkrecord -qC s one; ln s same; ln -s s link; cp s .s.copy; "
+                   "$zkexport --every | jq -r .stack; $zkexport link | jq -r .stack"),
+            "s\nlink\n");
+}
+
 TEST(node, passes_over_what_is_no_stack_among_the_stacks) {
   NEEDS_PRIVATE_VAR();
   const std::string passed = "zkexport: " ZELK_STACK_DIR "/notes: it is no Error Stack\n";
@@ -228,6 +235,13 @@ TEST(reading, needs_no_lock_of_a_stack_that_may_not_be_written) {
       "fcntl.flock(f, fcntl.LOCK_SH); time.sleep(20)' " +
       file + " & holder=$!; sleep 0.2;";
   EXPECT_EQ(script(locked + as_nobody("$zkexport " + file) + " | jq -r .description; kill $holder"), "one\n");
+}
+
+TEST(reading, needs_no_lock_of_a_stack_on_a_read_only_file_system) {
+  NEEDS_PRIVATE_VAR();
+  EXPECT_EQ(script("mount -t tmpfs none " ZELK_STACK_DIR " && $zkrecord -qC s one; mount -o remount,ro " ZELK_STACK_DIR
+                   "; $zkexport s | jq -r .description; $zkexport --every -otree | wc -l; umount " ZELK_STACK_DIR),
+            "one\n1\n");
 }
 
 TEST(lock, of_an_open_file_is_told_with_its_holder_too) {
