@@ -16,6 +16,7 @@
 
 #include "command.h"
 #include "gather.h"
+#include "text.h"
 #include "utc_time.h"
 
 /* Columns of a process name, at most. */
@@ -79,7 +80,9 @@ static glyph_t next_glyph(std::string_view* text) {
   const std::string_view bytes = text->substr(0, is_character ? size : 1);
   text->remove_prefix(bytes.size());
   if (is_character && (character == L'\n' || character == L'\t')) return {" ", 1};
-  const int columns = is_character && std::iswprint(static_cast<wint_t>(character)) != 0 ? wcwidth(character) : -1;
+  const bool is_shown = is_character && std::iswprint(static_cast<wint_t>(character)) != 0 &&
+                        !turns_text(static_cast<char32_t>(character));
+  const int columns = is_shown ? wcwidth(character) : -1;
   return columns < 0 ? glyph_t{"?", 1} : glyph_t{bytes, static_cast<size_t>(columns)};
 }
 
@@ -150,7 +153,12 @@ static std::vector<tree_row_t> make_rows(const tree_drawing_t& drawing, const st
   std::vector<tree_row_t> rows;
   std::map<repeat_key_t, size_t> known;
   for (size_t index : incidents) {
-    const auto [row, is_new] = known.try_emplace(repeat_key(drawing.chain->incidents[index]), rows.size());
+    const incident_t& incident = drawing.chain->incidents[index];
+    if (!incident.id.empty() && incident.id == drawing.request->id) { /* is no one's repeat: it is looked for */
+      rows.push_back({{index}, "", {}, depth, false});
+      continue;
+    }
+    const auto [row, is_new] = known.try_emplace(repeat_key(incident), rows.size());
     if (is_new) rows.push_back({{}, "", {}, depth, false});
     rows[row->second].members.push_back(index);
   }

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "command.h"
 #include "export.h"
@@ -30,7 +31,9 @@ static std::string colour_mistake(const std::string& when) {
 static bool has_colours(const std::string& when) {
   if (when != "auto") return when == "always";
   const char* const refused = std::getenv("NO_COLOR");
-  return (refused == nullptr || *refused == '\0') && isatty(STDOUT_FILENO) == 1;
+  const char* const terminal = std::getenv("TERM");
+  const bool is_dumb = terminal != nullptr && std::strcmp(terminal, "dumb") == 0;
+  return (refused == nullptr || *refused == '\0') && !is_dumb && isatty(STDOUT_FILENO) == 1;
 }
 
 static std::string format_mistake(const std::string& name) {

@@ -51,8 +51,10 @@ struct step_t {
 static std::vector<step_t> make_steps(const page_t& page, const std::vector<size_t>& indices, size_t depth) {
   std::vector<step_t> steps;
   std::map<repeat_key_t, size_t> known;
+  const std::string& asked = page.chain->asked_id;
   for (size_t index : indices) {
-    if (!page.effects[index].empty()) {
+    const bool is_asked = !asked.empty() && page.chain->incidents[index].id == asked;
+    if (!page.effects[index].empty() || is_asked) {
       steps.push_back({{index}, depth});
       continue;
     }

@@ -11,6 +11,8 @@
 #include <cwchar>
 #include <cwctype>
 
+#include "text.h"
+
 command_trace_t start_command() {
   command_trace_t trace = {};
   if (!zk_fill_standard_streams()) std::exit(STATUS_FAILED);
@@ -31,7 +33,9 @@ std::string printable(std::string_view text) {
     size_t length = std::mbrtowc(&character, text.data(), text.size(), &state);
     const bool is_character = length >= 1 && length <= text.size(); /* no NUL, and no result of a failure */
     if (!is_character) length = 1;
-    shown += is_character && std::iswprint(static_cast<wint_t>(character)) != 0 ? text.substr(0, length) : "?";
+    const bool is_shown = is_character && std::iswprint(static_cast<wint_t>(character)) != 0 &&
+                          !turns_text(static_cast<char32_t>(character));
+    shown += is_shown ? text.substr(0, length) : "?";
     text.remove_prefix(length);
   }
   return shown;

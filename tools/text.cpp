@@ -82,6 +82,11 @@ static bool is_control(const character_t& character) {
   return character.code < 0x20 || (character.code >= 0x7F && character.code < 0xA0);
 }
 
+bool turns_text(char32_t code) {
+  return code == 0x061C || code == 0x200E || code == 0x200F || (code >= 0x202A && code <= 0x202E) ||
+         (code >= 0x2066 && code <= 0x2069);
+}
+
 std::string readable(std::string_view text) {
   return without(text, REPLACEMENT, [](const character_t& character) {
     const bool is_layout = character.code == '\n' || character.code == '\t';

@@ -28,6 +28,10 @@ std::string repaired(std::string_view text);
 /* The same, also for control characters, and for what XML has no place for; newline and tab stay. */
 std::string readable(std::string_view text);
 
+/* Whether a character turns the direction of the text around it, as U+202E does: a terminal would show another text than
+ * was recorded. */
+bool turns_text(char32_t code);
+
 /* Appends the character `code`, which has to be one. */
 void append_utf8(std::string* text, uint32_t code);
 
