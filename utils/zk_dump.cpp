@@ -15,20 +15,12 @@
 #include "qx_zelk.h"
 #include "zk_trace.h"
 
-/* Looks up the status of `check_file`'s directory and then that of `check_file`. On failure it returns -1 with errno
- * set, and `*in_directory` tells which of the two it was. */
-static int stat_file(const char* check_file, struct stat* status, bool* in_directory) {
+/* Looks up the status of the directory of a path. Returns 0, or -1 with errno set. */
+static int stat_directory(const char* file, struct stat* status) {
   std::array<char, ZELK_DUMP_NAME_SIZE> path;
-  *in_directory = true;
-  const size_t size = std::strlen(check_file) + 1;
-  if (size > path.size()) {
-    errno = ENAMETOOLONG;
-    return -1;
-  }
-  std::memcpy(path.data(), check_file, size);
-  if (stat(dirname(path.data()), status) != 0) return -1;
-  *in_directory = false;
-  return stat(check_file, status);
+  errno = ENAMETOOLONG;
+  if (memccpy(path.data(), file, '\0', path.size()) == nullptr) return -1;
+  return stat(dirname(path.data()), status);
 }
 
 int zk_test_for_file(int debug_active, const char* debug_file, const char* check_file) {
@@ -39,21 +31,18 @@ int zk_test_for_file(int debug_active, const char* debug_file, const char* check
   if (check_file == nullptr || *check_file == '\0') return ZELK_INV_PARAM1;
 
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-
   struct stat status;
-  bool in_directory = false;
-  if (stat_file(check_file, &status, &in_directory) != 0) {
-    const int error = errno;
-    const int result =
-        in_directory ? zk_result_of_errno(error, DIRECTORY_RESULTS) : zk_result_of_errno(error, FILE_RESULTS);
-    if (result != ZELK_FAILURE) return result;
-    return zk_failed(trace, result,
-                     "Attemping to check status of file %s\nUnexpected failure on stat() call: %d\n"
-                     "Returning %s(%d)\n",
-                     check_file, error);
-  }
-  /* One bit of the file type, which block devices and sockets have as well. */
-  return (status.st_mode & S_IFDIR) != 0 ? ZELK_IS_A_DIR : ZELK_SUCCESS;
+  int result = ZELK_SUCCESS;
+  if (stat_directory(check_file, &status) != 0)
+    result = zk_result_of_errno(errno, DIRECTORY_RESULTS);
+  else if (stat(check_file, &status) != 0)
+    result = zk_result_of_errno(errno, FILE_RESULTS);
+  else if ((status.st_mode & S_IFDIR) != 0) /* one bit of the file type, which block devices and sockets have as well */
+    result = ZELK_IS_A_DIR;
+  if (result != ZELK_FAILURE) return result;
+  return zk_failed(trace, result,
+                   "Attemping to check status of file %s\nUnexpected failure on stat() call: %d\nReturning %s(%d)\n",
+                   check_file, errno);
 }
 
 int zk_test_for_dir(int debug_active, const char* debug_file, const char* check_dir) {
@@ -89,8 +78,8 @@ int zk_get_dump_file_name(int debug_active, const char* debug_file, char* dump_f
     return zk_failed(trace, ZELK_FILE_EXIST,
                      "Dump file \"%s\" already exists, cannot recreated it\nReturning %s(%d) to the caller\n",
                      dump_file);
-  zk_trace(trace, "Unexpected failure testing for the file \"%s\"\nRetruning %d to the caller\n", dump_file, result);
-  return result;
+  return zk_returned(trace, result, "Unexpected failure testing for the file \"%s\"\nRetruning %d to the caller\n",
+                     dump_file, result);
 }
 
 /* Writes all of `size` bytes, and gives up at the first error, EINTR included. Returns false with errno set. */
@@ -117,10 +106,9 @@ int zk_copy_file(int debug_active, const char* debug_file, int input_file, int o
                        "Error reading input from file - Iteration %u - Error Code %d\nReturning %s(%d) to caller\n",
                        iteration, errno);
     if (count == 0) break;
-    if (!write_copy(output_file, buffer.data(), static_cast<size_t>(count))) {
-      zk_trace(trace, "Error copying data - Iteration %u - Error Code %d\n", iteration, errno);
-      return zk_result_of_errno(errno, WRITE_RESULTS);
-    }
+    if (!write_copy(output_file, buffer.data(), static_cast<size_t>(count)))
+      return zk_returned(trace, zk_result_of_errno(errno, WRITE_RESULTS),
+                         "Error copying data - Iteration %u - Error Code %d\n", iteration, errno);
   }
   close(input_file);
   close(output_file);
@@ -130,14 +118,12 @@ int zk_copy_file(int debug_active, const char* debug_file, int input_file, int o
 /* Opens a dump file for reading. Returns the descriptor, or -1 with errno set, also for anything but a regular file: a
  * FIFO or a device may never end. */
 static int open_dump(const char* dump_input_file) {
-  int fildes = open(dump_input_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  const int fildes = open(dump_input_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fildes < 0) return -1;
   struct stat status;
-  int error = EINVAL;
-  if (fstat(fildes, &status) != 0)
-    error = errno;
-  else if (S_ISREG(status.st_mode))
-    return fildes;
+  int error = fstat(fildes, &status) != 0 ? errno : 0;
+  if (error == 0 && S_ISREG(status.st_mode)) return fildes;
+  if (error == 0) error = EINVAL;
   close(fildes);
   errno = error;
   return -1;
@@ -153,16 +139,15 @@ static int copy_dump(const zk_trace_t& trace, const char* dump_input_file, const
   static constexpr zk_errno_result INPUT_RESULTS[] = {
       {ENOSPC, ZELK_NO_SPACE}, {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}, {EDQUOT, ZELK_TOO_MANY}};
   int output_file = open(dump_file, O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
-  if (output_file < 0) {
-    zk_trace(trace, "Cannot open output file \"%s\"\nError code %d\n", dump_file, errno);
-    return zk_result_of_errno(errno, OUTPUT_RESULTS);
-  }
+  if (output_file < 0)
+    return zk_returned(trace, zk_result_of_errno(errno, OUTPUT_RESULTS),
+                       "Cannot open output file \"%s\"\nError code %d\n", dump_file, errno);
 
   int result = ZELK_FAILURE;
   int input_file = open_dump(dump_input_file);
   if (input_file < 0) {
-    zk_trace(trace, "Cannot open input file \"%s\"\nError code %d\n", dump_input_file, errno);
-    result = zk_result_of_errno(errno, INPUT_RESULTS);
+    result = zk_returned(trace, zk_result_of_errno(errno, INPUT_RESULTS),
+                         "Cannot open input file \"%s\"\nError code %d\n", dump_input_file, errno);
   } else {
     zk_trace(trace, "Copying File \"%s\" to file \"%s\"\n", dump_input_file, dump_file);
     result = zk_copy_file(trace.active, trace.file, input_file, output_file);
@@ -172,11 +157,6 @@ static int copy_dump(const zk_trace_t& trace, const char* dump_input_file, const
   close(output_file);
   unlink(dump_file);
   return result;
-}
-
-/* Stores a name that is known to fit; it may be the output buffer's own text. */
-static void store_name(char* dump_output_file, const char* name) {
-  std::memmove(dump_output_file, name, std::strlen(name) + 1);
 }
 
 int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char* dump_input_file,
@@ -190,13 +170,11 @@ int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char*
                      "Called with invalid pointer for dump output file name\nReturingin %s(%d) to caller\n");
 
   int result = zk_test_for_file(debug_active, debug_file, dump_input_file);
-  if (result != ZELK_SUCCESS) {
-    zk_trace(trace,
-             "Existence of file \"%s\" cannot be verified\nzk_test_for_file returned %d\n"
-             "Passing same return code to caller\n",
-             dump_input_file, result);
-    return result;
-  }
+  if (result != ZELK_SUCCESS)
+    return zk_returned(trace, result,
+                       "Existence of file \"%s\" cannot be verified\nzk_test_for_file returned %d\n"
+                       "Passing same return code to caller\n",
+                       dump_input_file, result);
 
   std::array<char, ZELK_DUMP_NAME_SIZE> dump_file;
   result = zk_test_for_dir(debug_active, debug_file, ZELK_DUMP_DIR);
@@ -206,13 +184,10 @@ int zk_make_dump_file_copy(int debug_active, const char* debug_file, const char*
   else
     result = zk_get_dump_file_name(debug_active, debug_file, dump_file.data());
   if (result == ZELK_SUCCESS) result = copy_dump(trace, dump_input_file, dump_file.data());
-  if (result != ZELK_SUCCESS) {
-    store_name(dump_output_file, dump_input_file);
-    return result;
-  }
-
-  zk_trace(trace, "File \"%s\" successfully copied to \"%s\"\nReturning %s(%d) to the caller\n", dump_input_file,
-           dump_file.data(), zk_result_name(result), result);
-  store_name(dump_output_file, dump_file.data());
+  if (result == ZELK_SUCCESS)
+    zk_succeeded(trace, "File \"%s\" successfully copied to \"%s\"\nReturning %s(%d) to the caller\n", dump_input_file,
+                 dump_file.data());
+  const char* name = result == ZELK_SUCCESS ? dump_file.data() : dump_input_file;
+  std::memmove(dump_output_file, name, std::strlen(name) + 1); /* it may be the output buffer's own text */
   return result;
 }

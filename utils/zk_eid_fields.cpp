@@ -20,6 +20,9 @@ constexpr unsigned int VERSION_ONE_BITS = 0;
 constexpr unsigned int VERSION_TWO_BITS = 8;
 constexpr unsigned int LOCATION_BITS = 7;
 
+/* What is missing, and for which argument. */
+static constexpr char NULL_ARGUMENT[] = "Called with a NULL %s for %s\nReturning %s(%d) to caller\n";
+
 constexpr uint64_t INODE_MASK = 0xFFFFFFFFF; /* the 36 bits that an entry can carry */
 constexpr uint64_t MICROSECONDS_MAX = 999999;
 
@@ -50,8 +53,7 @@ int zk_get_base_64_hdr(int debug_active, const char* debug_file, int version_id,
                      "Called with an invalid location mask of 0x%x\nHighest supported 0x%x\n"
                      "Returning %s(%d) to the caller\n",
                      static_cast<unsigned int>(location_mask), static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
-  if (hdr64rep == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM5, "Called with a NULL pointer for hdr64rep\nReturning %s(%d) to caller\n");
+  if (hdr64rep == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, NULL_ARGUMENT, "pointer", "hdr64rep");
 
   const unsigned int version = version_id == 1 ? VERSION_ONE_BITS : VERSION_TWO_BITS;
   const unsigned int location = static_cast<unsigned int>(location_mask);
@@ -68,12 +70,9 @@ int zk_conv_base_64_hdr(int debug_active, const char* debug_file, const char* hd
                         int* location_mask) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (hdr64rep == nullptr || hdr64rep[0] == '\0')
-    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL value for hdr64rep\nReturning %s(%d) to caller\n");
-  if (version_id == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL value for version_id\nReturning %s(%d) to caller\n");
-  if (location_mask == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM5,
-                     "Called with a NULL value for location_mask\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, NULL_ARGUMENT, "value", "hdr64rep");
+  if (version_id == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, NULL_ARGUMENT, "value", "version_id");
+  if (location_mask == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, NULL_ARGUMENT, "value", "location_mask");
 
   const uint64_t value = zk_a64l(hdr64rep);
   const unsigned int code = static_cast<unsigned int>(value);
@@ -109,17 +108,13 @@ int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* f
       {EACCES, ZELK_NO_ACCESS}, {ENOENT, ZELK_FILE_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (filename == nullptr || filename[0] == '\0')
-    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL string for a file name\nReturning %s(%d) to caller\n");
-  if (inode64rep == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL pointer for inode64rep\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, NULL_ARGUMENT, "string", "a file name");
+  if (inode64rep == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, NULL_ARGUMENT, "pointer", "inode64rep");
 
   struct stat status;
-  if (stat(filename, &status) != 0) {
-    const int error = errno;
-    zk_trace(trace, "Error trying to get status of file %s\nErrno is %d\n", filename, error);
-    return zk_result_of_errno(error, STAT_RESULTS);
-  }
-
+  if (stat(filename, &status) != 0)
+    return zk_returned(trace, zk_result_of_errno(errno, STAT_RESULTS),
+                       "Error trying to get status of file %s\nErrno is %d\n", filename, errno);
   zk_write_digits(status.st_ino, inode64rep, ENTRY_WIDTH);
   return zk_succeeded(trace, "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n",
                       filename, static_cast<int>(status.st_ino), field_text<ENTRY_WIDTH>(inode64rep).data());
@@ -131,26 +126,19 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
       {EACCES, ZELK_DIR_NO_ACCESS}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (directory == nullptr || directory[0] == '\0')
-    return zk_failed(trace, ZELK_INV_PARAM3,
-                     "Called with a NULL value for directory - cannot locate file without it\n"
-                     "Returning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, NULL_ARGUMENT, "value", "directory - cannot locate file without it");
   if (inode64rep == nullptr || inode64rep[0] == '\0')
-    return zk_failed(trace, ZELK_INV_PARAM4,
-                     "Called with a NULL value for inode64rep - cannot convert to file name\n"
-                     "Returning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM4, NULL_ARGUMENT, "value", "inode64rep - cannot convert to file name");
   if (filename_list == nullptr || filelist_limit <= 0)
-    return zk_failed(trace, ZELK_INV_PARAM5,
-                     "Called with a NULL pointer for file name list\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM5, NULL_ARGUMENT, "pointer", "file name list");
 
   const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(inode64rep);
   const uint64_t wanted = zk_a64l(field.data());
 
   DIR* entries = opendir(directory);
-  if (entries == nullptr) {
-    const int error = errno;
-    zk_trace(trace, "Unable to open the directory %s - errno is %d\n", directory, error);
-    return zk_result_of_errno(error, OPENDIR_RESULTS);
-  }
+  if (entries == nullptr)
+    return zk_returned(trace, zk_result_of_errno(errno, OPENDIR_RESULTS),
+                       "Unable to open the directory %s - errno is %d\n", directory, errno);
   int matches = 0;
   const struct dirent* entry;
   while (matches < filelist_limit && (entry = readdir(entries)) != nullptr) {
@@ -176,8 +164,7 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
 
 int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int template_id, char* templ64rep) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  if (templ64rep == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
+  if (templ64rep == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, NULL_ARGUMENT, "pointer", "templ64rep");
 
   zk_write_digits(template_id, templ64rep, ENTRY_WIDTH);
   return zk_succeeded(trace, "Converted template ID %d to base-64 value of %s\nReturning %s(%d) to the caller\n",
@@ -186,12 +173,10 @@ int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int 
 
 int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep, unsigned int* template_id) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  if (templ64rep == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL pointer for templ64rep\nReturning %s(%d) to caller\n");
+  if (templ64rep == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, NULL_ARGUMENT, "pointer", "templ64rep");
   if (template_id == nullptr)
     return zk_failed(trace, ZELK_INV_PARAM4,
-                     "Asked to translate a template ID of %d, which seems invalid\nReturning %s(%d) to the caller",
-                     static_cast<int>(zk_trace_pointer(template_id)));
+                     "Asked to translate a template ID of 0, which seems invalid\nReturning %s(%d) to the caller");
 
   const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(templ64rep);
   *template_id = static_cast<unsigned int>(zk_a64l(field.data()));
@@ -213,8 +198,7 @@ int zk_get_base_64_selector(int debug_active, const char* debug_file, int facili
   if (priority < 0 || priority > PRIORITY_MAX)
     return zk_failed(trace, ZELK_INV_PARAM4, "priority value %d invalid - returning %s(%d)\n", priority);
   if (sel64rep == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM5, "sel64rep pointer 0x%x invalid - returning %s(%d)\n",
-                     zk_trace_pointer(sel64rep));
+    return zk_failed(trace, ZELK_INV_PARAM5, "sel64rep pointer 0x0 invalid - returning %s(%d)\n");
 
   /* Both are written as one more than they are, so that neither digit is the padding. */
   zk_write_digits(static_cast<uint64_t>(LOG_FAC(facility)) + 1, sel64rep, 1);
@@ -229,26 +213,20 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
   if (sel64rep == nullptr || sel64rep[0] == '\0')
     return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" at location 0x%x appears invalid - returning %s(%d)",
                      zk_trace_text(sel64rep), zk_trace_pointer(sel64rep));
-  if (facility == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM4, "Facility pointer 0x%x invalid - returning %s(%d)",
-                     zk_trace_pointer(facility));
-  if (priority == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM5, "Priority pointer 0x%x invalid - returning %s(%d)",
-                     zk_trace_pointer(priority));
+  if (facility == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "Facility pointer 0x0 invalid - returning %s(%d)");
+  if (priority == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, "Priority pointer 0x0 invalid - returning %s(%d)");
 
   const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(sel64rep);
   if (field[0] == ZERO_DIGIT || field[1] == ZERO_DIGIT || std::strcmp(field.data() + 2, "....") != 0)
     return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" invalid - returning %s(%d)", field.data());
 
-  const std::array<char, 2> facility_digit = field_text<1>(field.data());
-  const int facility_number = static_cast<int>(zk_a64l(facility_digit.data())) - 1;
+  static constexpr char INVALID_VALUE[] = "Selector \"%s\" yielded invalid %s value %d - returning %s(%d)";
+  const int facility_number = static_cast<int>(zk_a64l(field_text<1>(field.data()).data())) - 1;
   if (facility_number < 0 || facility_number > LOG_FAC(FACILITY_MAX))
-    return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid facility value %d - returning %s(%d)",
-                     field.data(), facility_number);
+    return zk_failed(trace, ZELK_INV_PARAM3, INVALID_VALUE, field.data(), "facility", facility_number);
   const int priority_number = static_cast<int>(zk_a64l(field.data() + 1)) - 1;
   if (priority_number < 0 || priority_number > PRIORITY_MAX)
-    return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" yielded invalid priority value %d - returning %s(%d)",
-                     field.data(), priority_number);
+    return zk_failed(trace, ZELK_INV_PARAM3, INVALID_VALUE, field.data(), "priority", priority_number);
 
   *facility = facility_number * 8;
   *priority = priority_number;
@@ -265,10 +243,8 @@ void zk_selector_substr(const char* fid, char* selector) {
 
 int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep, long* seconds) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  if (tod64rep == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM3, "Called with a NULL parameter for tod64rep\nReturning %s(%d) to caller\n");
-  if (seconds == nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM4, "Called with a NULL parameter for seconds\nReturning %s(%d) to caller\n");
+  if (tod64rep == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, NULL_ARGUMENT, "parameter", "tod64rep");
+  if (seconds == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, NULL_ARGUMENT, "parameter", "seconds");
 
   struct timeval now = {};
   if (gettimeofday(&now, nullptr) != 0)
@@ -283,11 +259,13 @@ int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep
                       field_text<TIME_WIDTH>(tod64rep).data());
 }
 
+static constexpr char INVALID_TIME[] =
+    "%s %s translated to %d - assuming an invalid time rep provided\nReturning %s(%d) to caller\n";
+
 int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* tod64rep, struct timeval* tbuf) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (tod64rep == nullptr || tod64rep[0] == '\0')
-    return zk_failed(trace, ZELK_INV_PARAM3,
-                     "Called with a NULL string for a base-64 TOD\nReturning %s(%d) to caller\n");
+    return zk_failed(trace, ZELK_INV_PARAM3, NULL_ARGUMENT, "string", "a base-64 TOD");
   if (tbuf == nullptr)
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
@@ -295,23 +273,14 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
   const std::array<char, TIME_WIDTH + 1> field = field_text<TIME_WIDTH>(tod64rep);
   const auto seconds_field = field_text<SECONDS_WIDTH>(field.data());
   const auto microseconds_field = field_text<MICROSECONDS_WIDTH>(field.data() + SECONDS_WIDTH);
-
   const uint64_t seconds = zk_a64l(seconds_field.data());
-  if (seconds == 0) {
-    *tbuf = {};
-    return zk_failed(trace, ZELK_INV_FID,
-                     "Secs %s translated to %d - assuming an invalid time rep provided\n"
-                     "Returning %s(%d) to caller\n",
-                     seconds_field.data(), static_cast<int>(seconds));
-  }
   const uint64_t microseconds = zk_a64l(microseconds_field.data());
-  if (microseconds > MICROSECONDS_MAX) {
-    *tbuf = {};
-    return zk_failed(trace, ZELK_INV_FID,
-                     "Usecs %s translated to %d - assuming an invalid time rep provided\n"
-                     "Returning %s(%d) to caller\n",
-                     microseconds_field.data(), static_cast<int>(microseconds));
-  }
+  *tbuf = {};
+  if (seconds == 0)
+    return zk_failed(trace, ZELK_INV_FID, INVALID_TIME, "Secs", seconds_field.data(), static_cast<int>(seconds));
+  if (microseconds > MICROSECONDS_MAX)
+    return zk_failed(trace, ZELK_INV_FID, INVALID_TIME, "Usecs", microseconds_field.data(),
+                     static_cast<int>(microseconds));
   tbuf->tv_sec = static_cast<time_t>(seconds);
   tbuf->tv_usec = static_cast<suseconds_t>(microseconds);
   return zk_succeeded(trace, "Time base-64 rep of %s converted to %d secs %d usecs\nReturning %s(%d) to caller\n",

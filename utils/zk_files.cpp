@@ -17,21 +17,17 @@
 #include "zk_trace.h"
 #include "zk_trace_file.h"
 
+static int fail_with(int error) {
+  errno = error;
+  return -1;
+}
+
 off_t fclear(int fildes, off_t offset) {
-  if (fildes < 0) {
-    errno = EBADF;
-    return -1;
-  }
-  off_t position = lseek(fildes, 0, SEEK_CUR);
-  if (position < 0) {
-    if (errno == ESPIPE) errno = EINVAL;
-    return -1;
-  }
   off_t end = 0;
-  if (__builtin_add_overflow(position, offset, &end) || end < 0) {
-    errno = EFBIG;
-    return -1;
-  }
+  if (fildes < 0) return fail_with(EBADF);
+  const off_t position = lseek(fildes, 0, SEEK_CUR);
+  if (position < 0) return fail_with(errno == ESPIPE ? EINVAL : errno);
+  if (__builtin_add_overflow(position, offset, &end) || end < 0) return fail_with(EFBIG);
 
   static constexpr std::array<char, 1024> ZEROS = {};
   for (off_t left = offset; left > 0;) {
@@ -55,10 +51,7 @@ struct space_figures {
 static int query_space(const char* path, space_figures* space) {
   struct statvfs figures = {};
   if (statvfs(path, &figures) != 0) return -1;
-  if (figures.f_bsize == 0) {
-    errno = EINVAL;
-    return -1;
-  }
+  if (figures.f_bsize == 0) return fail_with(EINVAL);
   uint64_t blocks = figures.f_blocks;
   uint64_t floor = static_cast<uint64_t>(static_cast<double>(blocks) * KEPT_AVAILABLE);
   *space = {.block_size = figures.f_bsize, .used = blocks - figures.f_bavail, .limit = blocks - floor};
@@ -92,10 +85,9 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
   std::memcpy(path.data(), filename, size);
   const char* directory = dirname(path.data());
   space_figures space = {};
-  if (query_space(directory, &space) != 0) {
-    zk_trace(trace, "statvfs(%s) failed, error code %d\n", directory, errno);
-    return zk_result_of_errno(errno, STATVFS_RESULTS);
-  }
+  if (query_space(directory, &space) != 0)
+    return zk_returned(trace, zk_result_of_errno(errno, STATVFS_RESULTS), "statvfs(%s) failed, error code %d\n",
+                       directory, errno);
   if (space.used > space.limit)
     return zk_failed(trace, ZELK_NO_SPACE, "5%% space in %s not available, returning %s(%d)\n", directory);
 
@@ -104,43 +96,30 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
     return zk_failed(trace, ZELK_NO_SPACE, "Cannot reserve %lld bytes, returning %s(%d)\n",
                      static_cast<long long>(min_size));
   *file_size = fit;
-  zk_trace(trace, "Requested %lld bytes, able to get %lld bytes\n", static_cast<long long>(requested_size),
-           static_cast<long long>(fit));
-  return ZELK_SUCCESS;
+  return zk_returned(trace, ZELK_SUCCESS, "Requested %lld bytes, able to get %lld bytes\n",
+                     static_cast<long long>(requested_size), static_cast<long long>(fit));
 }
 
 static constexpr mode_t PERMISSIONS = 0666; /* of a new file, whatever the umask */
 
 /* Locks the new file, fills it and asks for the space that this leaves. */
 static int fill_file(const zk_trace_t& trace, const char* filename, int fildes, off_t size, space_figures* space) {
-  if (lockf(fildes, F_LOCK, 0) != 0) {
-    zk_trace(trace, "Cannot lock file %s - error %d\n", filename, errno);
-    return ZELK_LOCK;
-  }
-  if (fchmod(fildes, PERMISSIONS) != 0) {
-    zk_trace(trace, "Cannot force permissions on file %s - error %d\n", filename, errno);
-    return ZELK_READ_ONLY;
-  }
-  if (fclear(fildes, size) != size) {
-    zk_trace(trace, "Not enough space for fclear(%s,%lld) - error %d\n", filename, static_cast<long long>(size), errno);
-    return ZELK_NO_SPACE;
-  }
+  if (lockf(fildes, F_LOCK, 0) != 0)
+    return zk_returned(trace, ZELK_LOCK, "Cannot lock file %s - error %d\n", filename, errno);
+  if (fchmod(fildes, PERMISSIONS) != 0)
+    return zk_returned(trace, ZELK_READ_ONLY, "Cannot force permissions on file %s - error %d\n", filename, errno);
+  if (fclear(fildes, size) != size)
+    return zk_returned(trace, ZELK_NO_SPACE, "Not enough space for fclear(%s,%lld) - error %d\n", filename,
+                       static_cast<long long>(size), errno);
 
   zk_control_line_t line;
   zk_format_control_line(&line, ZK_TRACE_CONTROL_SIZE, 0, size);
   /* The space is there; to those who trace, a file without its line is a corrupt one. */
   [[maybe_unused]] const ssize_t written = pwrite(fildes, line.data(), ZK_TRACE_CONTROL_SIZE, 0);
 
-  if (query_space(filename, space) != 0) {
-    zk_trace(trace, "statvfs(%s) failed - error %d\n", filename, errno);
-    return ZELK_FAILURE;
-  }
+  if (query_space(filename, space) != 0)
+    return zk_returned(trace, ZELK_FAILURE, "statvfs(%s) failed - error %d\n", filename, errno);
   return ZELK_SUCCESS;
-}
-
-static void release_file(int fildes) {
-  lockf(fildes, F_ULOCK, 0); /* what this leaves locked, close releases */
-  close(fildes);
 }
 
 int zk_allocate_file(int debug_active, const char* debug_file, const char* filename, off_t requested_size,
@@ -160,31 +139,28 @@ int zk_allocate_file(int debug_active, const char* debug_file, const char* filen
 
     const int fildes = open(filename, FLAGS | O_CLOEXEC, PERMISSIONS);
     if (fildes < 0) {
-      zk_trace(trace, "Can't open %s mode 0x%x perm 0x%x- error %d\n", filename, static_cast<unsigned int>(FLAGS),
-               TRACED_PERMISSIONS, errno);
+      zk_trace(trace, "Can't open %s mode 0x%x perm 0x%x- error %d\n", filename, unsigned{FLAGS}, TRACED_PERMISSIONS,
+               errno);
       if (errno == EINTR) continue;
       return zk_result_of_errno(errno, OPEN_RESULTS);
     }
 
     space_figures space = {};
     result = fill_file(trace, filename, fildes, size, &space);
+    close(fildes); /* and with it the lock */
     if (result == ZELK_SUCCESS && space.used <= space.limit) {
-      release_file(fildes);
       if (actual_size != nullptr) *actual_size = size;
       return zk_succeeded(trace, "%s reserved (%lld bytes) - returning %s(%d)\n", filename,
                           static_cast<long long>(size));
     }
 
-    if (result == ZELK_SUCCESS) zk_trace(trace, "%s", "Didn't leave 5% space - trying again\n");
-    release_file(fildes);
     unlink(filename);
     if (result != ZELK_SUCCESS) return result;
+    zk_trace(trace, "%s", "Didn't leave 5% space - trying again\n");
     /* Two blocks may be more than the whole file. */
     const uint64_t whole_blocks = static_cast<uint64_t>(size) / space.block_size;
     requested_size = whole_blocks < 2 ? 0 : size - static_cast<off_t>(2 * space.block_size);
-    if (requested_size <= ZK_TRACE_FILE_SIZE_MIN) {
-      zk_trace(trace, "Minimum space not available\n");
-      return ZELK_NO_SPACE;
-    }
+    if (requested_size <= ZK_TRACE_FILE_SIZE_MIN)
+      return zk_returned(trace, ZELK_NO_SPACE, "Minimum space not available\n");
   }
 }

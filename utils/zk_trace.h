@@ -24,6 +24,9 @@ struct zk_trace_t {
 #define zk_trace(trace, ...) \
   ((trace).active == 1 ? static_cast<void>(zk_debug((trace).file, (trace).routine, __VA_ARGS__)) : static_cast<void>(0))
 
+/* Traces a text that does not tell the result, and is that result. It may be made of errno, which a trace leaves alone. */
+#define zk_returned(trace, result, ...) (zk_trace(trace, __VA_ARGS__), static_cast<int>(result))
+
 /* Traces a text that ends in a result's name and value, "%s(%d)", which are supplied, and is that result. */
 #define zk_failed(trace, result, ...) \
   (zk_trace(trace, __VA_ARGS__, zk_result_name(result), static_cast<int>(result)), static_cast<int>(result))
