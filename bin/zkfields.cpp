@@ -97,12 +97,13 @@ int zk_extract_arg_values(int debug_active, const char* debug_file, void** buffe
  * ZELK_REC_CORRUPT. */
 static int load_arguments(const zk_trace_t& caller, zk_decoded_t* decoded) {
   const zk_trace_t trace = {caller.active, caller.file, "zk_get_description"};
-  const zk_description_t& description = decoded->fields.description;
-  if (description.catalog == nullptr || description.default_text == nullptr) return fail_text(trace);
-  void* buffer = const_cast<char*>(description.arguments.at); /* it is only read */
-  size_t remaining = static_cast<size_t>(description.arguments.unread);
-  int result = zk_extract_arg_values(trace.active, trace.file, &buffer, &remaining, &decoded->argument_count,
-                                     &decoded->arguments);
+  zk_incident_t* const incident = &decoded->fields.incident;
+  if (incident->catalog == nullptr || incident->default_message == nullptr) return fail_text(trace);
+  void* buffer = const_cast<char*>(decoded->fields.arguments.at); /* it is only read */
+  size_t remaining = static_cast<size_t>(decoded->fields.arguments.unread);
+  int count = 0;
+  cu_error_arg_t* arguments = nullptr;
+  int result = zk_extract_arg_values(trace.active, trace.file, &buffer, &remaining, &count, &arguments);
   if (result == ZELK_NO_MEMORY) { /* lost with its record, as a corrupt one is */
     zk_failed(trace, result, "Unable to allocate memory to store arguments\nReturning %s(%d) to caller");
     return ZELK_REC_CORRUPT;
@@ -110,20 +111,22 @@ static int load_arguments(const zk_trace_t& caller, zk_decoded_t* decoded) {
   if (result != ZELK_SUCCESS)
     return zk_failed(trace, result,
                      "Possible corruption where description args are supposed to be\nReturning %s(%d)\n");
+  incident->arguments = arguments;
+  incident->argument_count = static_cast<uint32_t>(count);
   decoded->has_description = true;
   return ZELK_SUCCESS;
 }
 
 char* zk_describe(const zk_decoded_t& decoded) {
-  const zk_description_t& description = decoded.fields.description;
+  const zk_incident_t& incident = decoded.fields.incident;
   const cu_error_t error = {.cu_error_id = 1,
                             .cu_zelk_id = nullptr,
-                            .cu_msg_cat = description.catalog,
-                            .cu_msg_set = description.set,
-                            .cu_msg_num = description.number,
-                            .cu_msg_default = description.default_text,
-                            .cu_arg_cnt = static_cast<uint32_t>(decoded.argument_count),
-                            .cu_args = decoded.arguments};
+                            .cu_msg_cat = incident.catalog,
+                            .cu_msg_set = incident.message_set,
+                            .cu_msg_num = incident.message_number,
+                            .cu_msg_default = incident.default_message,
+                            .cu_arg_cnt = incident.argument_count,
+                            .cu_args = const_cast<cu_error_arg_t*>(incident.arguments)}; /* only read */
   char* text = nullptr;
   cu_get_errmsg_1(&error, &text);
   return text;
@@ -133,7 +136,7 @@ int zk_get_description(int debug_active, const char* debug_file, char** descript
                        size_t* remaining_len) {
   zk_decoded_t decoded = {};
   zk_cursor_t cursor = cursor_of(buffer, remaining_len);
-  zk_read_description(&cursor, &decoded.fields.description); /* what is damaged is found, and traced, in order */
+  zk_read_description(&cursor, &decoded.fields); /* what is damaged is found, and traced, in order */
   int result = load_arguments({debug_active, debug_file, __func__}, &decoded);
   if (result != ZELK_SUCCESS) return result;
   *descript = zk_describe(decoded);
@@ -149,8 +152,6 @@ int zk_open_record(const zk_trace_t& trace, const void* record, zk_decoded_t* de
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "Called with null ZELK Stack Record pointer\nreturning %s(%d) to the caller");
   decoded->has_description = false;
-  decoded->argument_count = 0;
-  decoded->arguments = nullptr;
   const int result = zk_parse_record(record, &decoded->fields);
   if (result == ZELK_INV_RECLEN)
     return zk_failed(trace, result, "Length of record (%d) appears invalid\nReturning %s(%d) to caller",
@@ -162,14 +163,15 @@ int zk_open_record(const zk_trace_t& trace, const void* record, zk_decoded_t* de
 }
 
 int zk_decode_record(const zk_trace_t& trace, zk_decoded_t* decoded) {
-  if (decoded->fields.product == nullptr) return fail_text(trace);
+  if (decoded->fields.incident.product == nullptr) return fail_text(trace);
   int result = load_arguments(trace, decoded);
   if (result != ZELK_SUCCESS) return result;
-  return decoded->fields.details != nullptr ? int{ZELK_SUCCESS} : fail_text(trace);
+  return decoded->fields.incident.details != nullptr ? int{ZELK_SUCCESS} : fail_text(trace);
 }
 
 void zk_release_arguments(zk_decoded_t* decoded) {
-  release_arguments(decoded->arguments, decoded->argument_count);
-  decoded->arguments = nullptr;
-  decoded->argument_count = 0;
+  zk_incident_t* const incident = &decoded->fields.incident;
+  release_arguments(const_cast<cu_error_arg_t*>(incident->arguments), static_cast<int>(incident->argument_count));
+  incident->arguments = nullptr;
+  incident->argument_count = 0;
 }

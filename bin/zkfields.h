@@ -36,9 +36,7 @@ int zk_get_description(int debug_active, const char* debug_file, char** descript
 /* A record for a view. */
 struct zk_decoded_t {
   zk_record_t fields;
-  bool has_description; /* with its arguments, below */
-  int argument_count;
-  cu_error_arg_t* arguments; /* null without any */
+  bool has_description; /* with its arguments */
 };
 
 /* Takes a record apart: its fields, from the damaged text on without texts. The arguments come with zk_decode_record.

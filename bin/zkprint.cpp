@@ -89,7 +89,8 @@ int zk_print_brief_stack_record(int debug_active, const char* debug_file, const 
   char* description = result == ZELK_SUCCESS ? zk_describe(decoded) : nullptr;
   zk_release_arguments(&decoded);
   if (result != ZELK_SUCCESS) {
-    if (fields.product != nullptr && !decoded.has_description) zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
+    if (fields.incident.product != nullptr && !decoded.has_description)
+      zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
     return result;
   }
   if (description != nullptr) zk_truncate_description(description, DESCRIPTION_COLUMN);
@@ -97,7 +98,7 @@ int zk_print_brief_stack_record(int debug_active, const char* debug_file, const 
   zk_print_message(
       stdout, catfd, ZK_MSG_BRIEF_LINE,
       {zk_msg_arg(when.tm_mon + 1), zk_msg_arg(when.tm_mday), zk_msg_arg(when.tm_hour), zk_msg_arg(when.tm_min),
-       zk_msg_arg(when.tm_year + 1900), zk_msg_arg(fields.process_name), zk_msg_arg(description)});
+       zk_msg_arg(when.tm_year + 1900), zk_msg_arg(fields.incident.process_name), zk_msg_arg(description)});
   free(description);
   return ZELK_SUCCESS;
 }
@@ -105,6 +106,7 @@ int zk_print_brief_stack_record(int debug_active, const char* debug_file, const 
 /* Prints the fields that stand before the damage, if there is any: it ends them. */
 static void print_fields(nl_catd catfd, const zk_decoded_t& decoded) {
   const zk_record_t& fields = decoded.fields;
+  const zk_incident_t& incident = fields.incident;
   auto print_int = [&](int message, int32_t value) { zk_print_message(stdout, catfd, message, {zk_msg_arg(value)}); };
   auto print_text = [&](int message, const char* text) {
     if (text != nullptr) zk_print_message(stdout, catfd, message, {zk_msg_arg(text)});
@@ -117,14 +119,14 @@ static void print_fields(nl_catd catfd, const zk_decoded_t& decoded) {
     zk_print_message(stdout, catfd, ZK_MSG_EID_UNKNOWN);
   print_text(ZK_MSG_RELATED_EID, fields.related_eid);
   print_time(catfd, fields.time);
-  if (!print_text(ZK_MSG_PROCESS_NAME, fields.process_name)) return;
-  print_int(ZK_MSG_PROCESS_ID, fields.process_id);
-  print_int(ZK_MSG_PARENT_ID, fields.parent_id);
-  print_int(ZK_MSG_THREAD_ID, fields.thread_id);
-  if (!print_text(ZK_MSG_FILE_NAME, fields.detecting_file)) return;
-  if (!print_text(ZK_MSG_FILE_VERSION, fields.file_version)) return;
-  if (!print_text(ZK_MSG_PRODUCT, fields.product)) return;
-  print_int(ZK_MSG_LINE, fields.line);
+  if (!print_text(ZK_MSG_PROCESS_NAME, incident.process_name)) return;
+  print_int(ZK_MSG_PROCESS_ID, incident.process_id);
+  print_int(ZK_MSG_PARENT_ID, incident.parent_id);
+  print_int(ZK_MSG_THREAD_ID, incident.thread_id);
+  if (!print_text(ZK_MSG_FILE_NAME, incident.detecting_file)) return;
+  if (!print_text(ZK_MSG_FILE_VERSION, incident.file_version)) return;
+  if (!print_text(ZK_MSG_PRODUCT, incident.product)) return;
+  print_int(ZK_MSG_LINE, incident.line);
   if (!decoded.has_description) {
     zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT);
     zk_print_message(stdout, catfd, ZK_MSG_REC_CORRUPT); /* a second time, as readers of full reports know it */
@@ -133,7 +135,7 @@ static void print_fields(nl_catd catfd, const zk_decoded_t& decoded) {
   char* description = zk_describe(decoded);
   zk_print_message(stdout, catfd, ZK_MSG_DESCRIPTION, {zk_msg_arg(description)});
   free(description);
-  print_text(ZK_MSG_DETAILS, fields.details);
+  print_text(ZK_MSG_DETAILS, incident.details);
 }
 
 int zk_print_full_stack_record(int debug_active, const char* debug_file, const char* fid_to_display, nl_catd catfd,

@@ -3,6 +3,7 @@
 #include <nl_types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -65,58 +66,36 @@ static int report_unexpected(const context_t& context, const char* routine, int 
 
 /* ---- Options ------------------------------------------------------------------------------------------------------- */
 
-/* Sets `flag` for an option that may be given once; a second time is reported and counted. */
-static bool set_once(const context_t& context, bool* flag, int option, int* errflag) {
-  if (!*flag) {
-    *flag = true;
-    return true;
-  }
-  zk_print_message(stderr, context.catfd, ZK_MSG_REPEATED, {zk_msg_arg(option)});
-  ++*errflag;
-  return false;
-}
+/* The flag that an option sets, and whether the option may be given a second time. */
+struct option_t {
+  int letter;
+  bool options_t::*flag;
+  bool is_repeatable;
+};
+static constexpr option_t OPTIONS[] = {{'a', &options_t::all, true},       {'d', &options_t::dump, true},
+                                       {'f', &options_t::use_fid, false},  {'h', &options_t::help, true},
+                                       {'i', &options_t::fid_only, true},  {'p', &options_t::process_order, false},
+                                       {'s', &options_t::use_file, false}, {'r', &options_t::relation_order, false}};
 
 /* Each step of the run from here on gives the exit status when it ends the run. */
 
 static std::optional<int> parse_options(const context_t& context, int argc, char** argv, options_t* given) {
-  int errflag = 0;
-  int unknown = 0;
-  for (int option; (option = getopt(argc, argv, "adf:hiprs:")) != -1;) {
-    switch (option) {
-      case 'a':
-        given->all = true;
-        break;
-      case 'd':
-        given->dump = true;
-        break;
-      case 'f':
-        if (set_once(context, &given->use_fid, option, &errflag))
-          std::snprintf(given->fid, sizeof given->fid, "%s", optarg);
-        break;
-      case 'h':
-        given->help = true;
-        break;
-      case 'i':
-        given->fid_only = true;
-        break;
-      case 'p':
-        set_once(context, &given->process_order, option, &errflag);
-        break;
-      case 'r':
-        set_once(context, &given->relation_order, option, &errflag);
-        break;
-      case 's':
-        if (set_once(context, &given->use_file, option, &errflag))
-          std::snprintf(given->stack_file.data(), given->stack_file.size(), "%s", optarg);
-        break;
-      default:
-        zk_print_message(stderr, context.catfd, ZK_MSG_UNKNOWN_OPTION, {zk_msg_arg(optopt)});
-        ++errflag;
-        ++unknown;
+  std::optional<int> status;
+  for (int letter; (letter = getopt(argc, argv, "adf:hiprs:")) != -1;) {
+    const option_t* option = std::ranges::find(OPTIONS, letter, &option_t::letter);
+    if (option == std::end(OPTIONS)) {
+      zk_print_message(stderr, context.catfd, ZK_MSG_UNKNOWN_OPTION, {zk_msg_arg(optopt)});
+      status = EXIT_UNKNOWN_OPTION;
+    } else if (given->*option->flag && !option->is_repeatable) {
+      zk_print_message(stderr, context.catfd, ZK_MSG_REPEATED, {zk_msg_arg(letter)});
+      if (!status) status = EXIT_EXCLUDED;
+    } else {
+      given->*option->flag = true;
+      if (letter == 'f') std::snprintf(given->fid, sizeof given->fid, "%s", optarg);
+      if (letter == 's') std::snprintf(given->stack_file.data(), given->stack_file.size(), "%s", optarg);
     }
   }
-  if (errflag == 0) return {};
-  return unknown != 0 ? EXIT_UNKNOWN_OPTION : EXIT_EXCLUDED;
+  return status;
 }
 
 static int show_help(const context_t& context) {
@@ -206,10 +185,9 @@ static int report_stack(const context_t& context, const options_t& given, int fi
   zk_stack_rec_t* rec_table = nullptr;
   int result = ZELK_SUCCESS;
 
-  if (given.fid_only)
-    result = zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, given.fid, 0, fildes, context.catfd);
-  else if (given.dump)
-    result = zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, nullptr, 0, fildes, context.catfd);
+  if (given.fid_only || given.dump)
+    result = zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, given.fid_only ? given.fid : nullptr, 0,
+                           fildes, context.catfd);
   else if (given.process_order)
     result = zk_read_stack(debug_active, debug_file, 0, fildes, context.catfd, &proc_list, nullptr);
   else

@@ -96,8 +96,7 @@ static bool can_be_catalog(const struct stat& status) {
 static bool open_catalog(const char* path, cu_catalog* catalog) {
   struct stat status;
   if (stat(path, &status) != 0 || !can_be_catalog(status)) return false;
-  do catalog->fildes = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  while (catalog->fildes == -1 && errno == EINTR);
+  catalog->fildes = zk_retry([&] { return open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); });
   if (catalog->fildes == -1) return false;
 
   if (fstat(catalog->fildes, &status) == 0 && can_be_catalog(status)) {

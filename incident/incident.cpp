@@ -143,32 +143,33 @@ static void cut_description(std::string* text) {
 /* Fills in what a record says, all but `stack` and `offset`. */
 static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
   const zk_record_t& fields = decoded.fields;
+  const zk_incident_t& recorded = fields.incident;
   incident->id = fields.eid;
   incident->cause = fields.related_eid;
   incident->time = fields.time;
   decode_id(incident);
-  incident->process = fields.process_name;
-  incident->process_id = fields.process_id;
-  incident->parent_id = fields.parent_id;
-  incident->thread_id = fields.thread_id;
-  incident->file = fields.detecting_file;
-  incident->file_version = fields.file_version;
-  incident->product = fields.product;
-  incident->line = fields.line;
-  incident->catalog = fields.description.catalog;
-  incident->message_set = fields.description.set;
-  incident->message_number = fields.description.number;
-  incident->default_message = fields.description.default_text;
+  incident->process = recorded.process_name;
+  incident->process_id = recorded.process_id;
+  incident->parent_id = recorded.parent_id;
+  incident->thread_id = recorded.thread_id;
+  incident->file = recorded.detecting_file;
+  incident->file_version = recorded.file_version;
+  incident->product = recorded.product;
+  incident->line = recorded.line;
+  incident->catalog = recorded.catalog;
+  incident->message_set = recorded.message_set;
+  incident->message_number = recorded.message_number;
+  incident->default_message = recorded.default_message;
   incident->arguments.clear();
-  incident->arguments.reserve(static_cast<size_t>(decoded.argument_count));
-  for (const cu_error_arg_t& argument : std::span(decoded.arguments, static_cast<size_t>(decoded.argument_count)))
+  incident->arguments.reserve(recorded.argument_count);
+  for (const cu_error_arg_t& argument : std::span(recorded.arguments, recorded.argument_count))
     incident->arguments.push_back(decode_argument(argument));
   char* const text = zk_describe(decoded);
   incident->description = text != nullptr ? text : "";
   free(text);
   incident->is_cut = incident->description.size() > DESCRIPTION_MAX;
   if (incident->is_cut) cut_description(&incident->description);
-  incident->details = fields.details;
+  incident->details = recorded.details;
 }
 
 int decode_incident(const zk_trace_t& trace, zk_decoded_t* record, incident_t* incident) {

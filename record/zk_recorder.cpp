@@ -48,10 +48,7 @@ static bool set_lock(int fildes, short type) {
   struct flock whole = {};
   whole.l_type = type;
   whole.l_whence = SEEK_SET;
-  int result;
-  do result = fcntl(fildes, F_OFD_SETLKW, &whole);
-  while (result == -1 && errno == EINTR);
-  return result == 0;
+  return zk_retry([&] { return fcntl(fildes, F_OFD_SETLKW, &whole); }) == 0;
 }
 
 /* A thread that is cancelled between two calls would leave the stack locked, or open. Returns the state to restore. */
@@ -61,27 +58,13 @@ static int put_off_cancellation() {
   return state;
 }
 
-/* Reads from the start of the file until there are `size` bytes; a byte more is asked for and counted, if there is one.
- * Returns how many there are; errno is the error that keeps the others away, or 0. */
-static size_t read_stack(int fildes, char* bytes, size_t size) {
-  size_t count = 0;
-  errno = 0;
-  while (count < size) {
-    const ssize_t more = pread(fildes, bytes + count, size + 1 - count, static_cast<off_t>(count));
-    if (more == 0 || (more < 0 && errno != EINTR)) break;
-    if (more > 0) count += static_cast<size_t>(more);
-    errno = 0;
-  }
-  return count;
-}
-
 /* Learns the state of the locked stack, which others may have changed, and not only recorders. Returns 0;
  * ZELK_FILE_CORRUPT; ZELK_FAILURE with errno set. */
 static int learn_state(zk_recorder_t* recorder) {
   zk_stack_state_t* const state = &recorder->state;
   const size_t size = static_cast<size_t>(state->size);
   std::array<char, ZK_STACK_SIZE_MAX + 1> bytes;
-  const size_t count = read_stack(recorder->fildes, bytes.data(), size);
+  const size_t count = zk_read_at(recorder->fildes, bytes.data(), size, 0, 1); /* a byte more, if there is one */
   if (count < size && errno != 0) return ZELK_FAILURE;
   if (count == size) {
     if (recorder->is_known && std::memcmp(bytes.data(), state->walk.window.data(), size) == 0) return ZELK_SUCCESS;
@@ -96,14 +79,7 @@ static int learn_state(zk_recorder_t* recorder) {
 
 /* Writes `size` bytes at `position`, in the file and in what is known of it. Returns false with errno set. */
 static bool write_at(zk_recorder_t* recorder, int32_t position, const void* bytes, size_t size) {
-  const char* at = static_cast<const char*>(bytes);
-  for (size_t written = 0; written < size;) {
-    ssize_t count = pwrite(recorder->fildes, at + written, size - written, position + static_cast<off_t>(written));
-    if (count < 0 && errno == EINTR) continue;
-    if (count == 0) errno = ENOSPC;
-    if (count <= 0) return false;
-    written += static_cast<size_t>(count);
-  }
+  if (!zk_write_at(recorder->fildes, bytes, size, position)) return false;
   std::memcpy(recorder->state.walk.window.data() + position, bytes, size);
   return true;
 }

@@ -83,9 +83,9 @@ static candidate_t find_own(int folder, const unit_t& unit, const run_t& run) {
   std::set<int32_t> processes = run.processes;
   if (unit.process_id > 1) processes.insert(unit.process_id);
   const record_check_t is_own = [&](zk_record_t* record) {
-    const bool is_known = processes.contains(record->process_id);
-    if (!is_known && !processes.contains(record->parent_id)) return false;
-    processes.insert(record->process_id);
+    const bool is_known = processes.contains(record->incident.process_id);
+    if (!is_known && !processes.contains(record->incident.parent_id)) return false;
+    processes.insert(record->incident.process_id);
     return true;
   };
   DIR* const directory = fdopendir(dup(folder));
@@ -104,7 +104,7 @@ static candidate_t find_own(int folder, const unit_t& unit, const run_t& run) {
 /* The unit that an incident of "units.stack" is about: its first argument. */
 static std::string unit_of(zk_record_t* record) {
   cu_error_arg_t argument = {};
-  zk_cursor_t* const arguments = &record->description.arguments;
+  zk_cursor_t* const arguments = &record->arguments;
   const bool is_text = zk_read_int(arguments) > 0 && zk_read_argument(arguments, &argument) &&
                        argument.cu_arg_type == CU_ERROR_ARG_CHAR_STR;
   return is_text && argument.cu_arg_value.cu_arg_char_str != nullptr ? argument.cu_arg_value.cu_arg_char_str : "";

@@ -88,13 +88,13 @@ void zk_record_eid(const void* record, int position, zk_eid_t eid) {
   zk_read_eid(&cursor, eid);
 }
 
-bool zk_read_description(zk_cursor_t* cursor, zk_description_t* description) {
-  *description = {};
-  if ((description->catalog = zk_read_text(cursor)) == nullptr) return false;
-  description->set = zk_read_int(cursor);
-  description->number = zk_read_int(cursor);
-  if ((description->default_text = zk_read_text(cursor)) == nullptr) return false;
-  description->arguments = *cursor;
+bool zk_read_description(zk_cursor_t* cursor, zk_record_t* fields) {
+  zk_incident_t* const incident = &fields->incident;
+  if ((incident->catalog = zk_read_text(cursor)) == nullptr) return false;
+  incident->message_set = zk_read_int(cursor);
+  incident->message_number = zk_read_int(cursor);
+  if ((incident->default_message = zk_read_text(cursor)) == nullptr) return false;
+  fields->arguments = *cursor;
   cu_error_arg_t argument;
   for (int32_t count = zk_read_int(cursor); count > 0; --count)
     if (!zk_read_argument(cursor, &argument)) return false;
@@ -108,19 +108,20 @@ int zk_parse_record(const void* record, zk_record_t* fields) {
   fields->version = zk_read_int(&cursor);
   if (!zk_is_known_version(fields->version)) return ZELK_INV_RECVERSN;
 
+  zk_incident_t* const incident = &fields->incident;
   zk_read_eid(&cursor, fields->eid);
   zk_read_eid(&cursor, fields->related_eid);
   fields->time = zk_read_int(&cursor);
-  if ((fields->process_name = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
-  fields->process_id = zk_read_int(&cursor);
-  fields->parent_id = zk_read_int(&cursor);
-  fields->thread_id = zk_read_int(&cursor);
-  if ((fields->detecting_file = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
-  if ((fields->file_version = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
-  if ((fields->product = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
-  fields->line = zk_read_int(&cursor);
-  if (!zk_read_description(&cursor, &fields->description)) return ZELK_REC_CORRUPT;
-  if ((fields->details = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
+  if ((incident->process_name = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
+  incident->process_id = zk_read_int(&cursor);
+  incident->parent_id = zk_read_int(&cursor);
+  incident->thread_id = zk_read_int(&cursor);
+  if ((incident->detecting_file = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
+  if ((incident->file_version = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
+  if ((incident->product = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
+  incident->line = zk_read_int(&cursor);
+  if (!zk_read_description(&cursor, fields)) return ZELK_REC_CORRUPT;
+  if ((incident->details = zk_read_text(&cursor)) == nullptr) return ZELK_REC_CORRUPT;
   return ZELK_SUCCESS;
 }
 

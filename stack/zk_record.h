@@ -6,8 +6,7 @@
 
 #include <stddef.h>
 
-#include "qx_cu.h"
-#include "qx_zelk.h"
+#include "qx_record.h"
 #include "zk_layout.h"
 
 struct zk_trace_t;
@@ -33,35 +32,18 @@ void zk_read_eid(zk_cursor_t* cursor, zk_eid_t eid);
 const char* zk_read_text(zk_cursor_t* cursor);
 bool zk_read_argument(zk_cursor_t* cursor, cu_error_arg_t* argument);
 
-/* What a description is made of. */
-struct zk_description_t {
-  const char* catalog;
-  int32_t set;
-  int32_t number;
-  const char* default_text;
-  zk_cursor_t arguments; /* at their count */
+/* A record by its fields. */
+struct zk_record_t {
+  int32_t version;
+  zk_eid_t eid;           /* empty for none */
+  zk_eid_t related_eid;   /* empty for none */
+  int32_t time;           /* seconds since the Epoch */
+  zk_incident_t incident; /* what was recorded of it; the texts are the record's own, from the damaged one on null */
+  zk_cursor_t arguments;  /* of it, at their count: the incident has none before they are read */
 };
 
 /* Reads the description block; false when a text, which is then null, or an argument is damaged. */
-bool zk_read_description(zk_cursor_t* cursor, zk_description_t* description);
-
-/* A record by its fields, in their order. The texts are the record's own; from the damaged one on they are null. */
-struct zk_record_t {
-  int32_t version;
-  zk_eid_t eid;         /* empty for none */
-  zk_eid_t related_eid; /* empty for none */
-  int32_t time;         /* seconds since the Epoch */
-  const char* process_name;
-  int32_t process_id;
-  int32_t parent_id;
-  int32_t thread_id;
-  const char* detecting_file;
-  const char* file_version;
-  const char* product;
-  int32_t line;
-  zk_description_t description;
-  const char* details;
-};
+bool zk_read_description(zk_cursor_t* cursor, zk_record_t* fields);
 
 /* Takes a record apart. Returns 0; ZELK_INV_RECLEN a length below 1, ZELK_INV_RECVERSN: no fields are set but the version;
  * ZELK_REC_CORRUPT. */

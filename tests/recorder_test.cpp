@@ -136,7 +136,7 @@ static shown_t shown(const std::string& path) {
   while (zk_walk_next(&walk) == 0) {
     zk_record_t fields;
     EXPECT_EQ(zk_parse_record(walk.record.data(), &fields), 0);
-    all.numbers.push_back(std::atoi(fields.description.default_text));
+    all.numbers.push_back(std::atoi(fields.incident.default_message));
     all.offsets.push_back(walk.record_position);
     all.ids.push_back(fields.eid);
     all.records.emplace_back(walk.record.data(), 4 + static_cast<size_t>(zk_record_length(walk.record.data())));
@@ -489,9 +489,9 @@ TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards) {
   zk_record_t fields;
   const std::string recorded = shown(path).records.at(0) + '\0';
   EXPECT_EQ(zk_parse_record(recorded.data(), &fields), 0);
-  EXPECT_EQ(fields.thread_id, id);
-  EXPECT_EQ(fields.process_id, getpid());
-  EXPECT_EQ(fields.parent_id, getppid());
+  EXPECT_EQ(fields.incident.thread_id, id);
+  EXPECT_EQ(fields.incident.process_id, getpid());
+  EXPECT_EQ(fields.incident.parent_id, getppid());
 }
 
 /* ---- What is recorded ---------------------------------------------------------------------------------------------- */
@@ -537,7 +537,7 @@ static std::vector<std::string> recorded_arguments(std::vector<std::string> text
   EXPECT_LE(image.size, 1028U);
   zk_record_t fields;
   EXPECT_EQ(zk_parse_record(image.bytes.data(), &fields), 0);
-  zk_cursor_t cursor = fields.description.arguments;
+  zk_cursor_t cursor = fields.arguments;
   std::vector<std::string> kept;
   for (int32_t count = zk_read_int(&cursor); count > 0; --count) {
     cu_error_arg_t argument;

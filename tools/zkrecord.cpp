@@ -176,8 +176,8 @@ static bool fit_beside(const zk_incident_t& incident, size_t size, fitting_t* fi
       zk_make_record_image(incident, ZK_REC_LISTED_MAX - size, &fitting->image) != ZELK_SUCCESS ||
       zk_parse_record(fitting->image.bytes.data(), &fields) != ZELK_SUCCESS)
     return false;
-  fitting->details = fields.details;
-  zk_cursor_t* const arguments = &fields.description.arguments;
+  fitting->details = fields.incident.details;
+  zk_cursor_t* const arguments = &fields.arguments;
   fitting->arguments.resize(incident.argument_count);
   zk_read_int(arguments); /* their count */
   for (cu_error_arg_t& argument : fitting->arguments)
@@ -272,9 +272,9 @@ static void report_cuts(const zk_incident_t& incident, const request_t& request,
     return;
   const std::string& wanted = request.details;
   const std::string start = wanted.ends_with('\n') ? wanted.substr(0, wanted.size() - 1) : wanted;
-  const std::string_view details = fields.details;
+  const std::string_view details = fields.incident.details;
   if (!details.starts_with(start) || !details.ends_with(lines)) fail("--details", message_text(TOOL_MSG_IS_CUT));
-  zk_cursor_t* const arguments = &fields.description.arguments;
+  zk_cursor_t* const arguments = &fields.arguments;
   zk_read_int(arguments); /* their count */
   for (size_t i = 0; i < request.description.arguments.size(); ++i) {
     cu_error_arg_t recorded;

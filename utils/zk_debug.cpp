@@ -183,10 +183,7 @@ static int append_entry(const char* trace_filename, const char* interface_name, 
   /* From here on there is a descriptor that a handler's child would share. */
   is_given_up = 0;
   waits_for = ITS_TURN;
-  int fildes;
-  do {
-    fildes = zk_open_regular(trace_filename, O_RDWR);
-  } while (fildes == -1 && errno == EINTR);
+  const int fildes = zk_retry([&] { return zk_open_regular(trace_filename, O_RDWR); });
   if (fildes == -1) {
     waits_for = NOTHING;
     return zk_result_of_errno(errno, OPEN_RESULTS);

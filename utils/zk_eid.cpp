@@ -15,19 +15,18 @@
 
 /* ---- Decoding ------------------------------------------------------------------------------------------ */
 
-/* Where the caller of a decoding routine wants the values. */
+/* Where the caller of a decoding routine wants the values, in the order of zk_decode_eid_2's parameters. */
 struct eid_outputs {
-  int newest_version; /* that the routine decodes; with 1 there is no facility and no priority */
+  int newest_version; /* that the routine decodes; with 1 there is one stack file, no facility and no priority */
   int* local_fid;
   int* version_id;
   int* location_mask;
-  const char* stack_files_name; /* what the next is called in a trace */
   char* stack_files;
   int stack_file_limit;
   unsigned int* err_templ_label;
   int* bsd_facility;
   int* bsd_priority;
-  struct timeval* timestamp;
+  void* timestamp; /* a struct timeval */
   void* ip_addr;
   int* ipv6_flag;
 };
@@ -40,7 +39,7 @@ static int check_arguments(const zk_trace_t& trace, const char* zelkid, const ei
   } required[] = {
       {out.version_id, "version_id", ZELK_INV_PARAM3},
       {out.location_mask, "location_mask", ZELK_INV_PARAM4},
-      {out.stack_files, out.stack_files_name, ZELK_INV_PARAM5},
+      {out.stack_files, out.newest_version > 1 ? "stack_file_list" : "stack_file", ZELK_INV_PARAM5},
       {out.err_templ_label, "err_templ_label", ZELK_INV_PARAM6},
       {out.timestamp, "timestamp", ZELK_INV_PARAM7},
       {out.ip_addr, "ip_addr", ZELK_INV_PARAM8},
@@ -108,7 +107,7 @@ static void trace_decoded(const zk_trace_t& trace, const char* zelkid, const eid
                           char address_type, int result) {
   std::array<char, 32> time = {};
   std::array<char, 64> address = {};
-  const time_t seconds = out.timestamp->tv_sec;
+  const time_t seconds = static_cast<const struct timeval*>(out.timestamp)->tv_sec;
   ctime_r(&seconds, time.data());
   std::snprintf(address.data(), address.size(), "0x%x%x%x%x (%s type)", ntohl(words[0]), ntohl(words[1]),
                 ntohl(words[2]), ntohl(words[3]), address_type == IPV4_TYPE ? "IPv4" : "IPv6");
@@ -143,7 +142,7 @@ static int decode(const zk_trace_t& trace, const char* zelkid, const eid_outputs
     return zk_failed(trace, ZELK_UNSUPPORTED,
                      "ZELK Error ID is an unsupported version: 0x%x\nReturning %s(%d) to the caller\n",
                      static_cast<unsigned int>(*out.version_id));
-  result = zk_conv_base_64_time(trace.active, trace.file, parts.time, out.timestamp);
+  result = zk_conv_base_64_time(trace.active, trace.file, parts.time, static_cast<struct timeval*>(out.timestamp));
   if (result != ZELK_SUCCESS) return result;
   addr_words words = {};
   result = decode_address(trace, parts, out, &words);
@@ -160,38 +159,16 @@ int zk_decode_eid_2(int debug_active, const char* debug_file, const char* zelkid
                     int* location_mask, char* stack_file_list, int stack_file_limit, unsigned int* err_templ_label,
                     int* bsd_facility, int* bsd_priority, void* timestamp, void* ip_addr, int* ipv6_flag) {
   return decode({debug_active, debug_file, __func__}, zelkid,
-                {.newest_version = 2,
-                 .local_fid = local_fid,
-                 .version_id = version_id,
-                 .location_mask = location_mask,
-                 .stack_files_name = "stack_file_list",
-                 .stack_files = stack_file_list,
-                 .stack_file_limit = stack_file_limit,
-                 .err_templ_label = err_templ_label,
-                 .bsd_facility = bsd_facility,
-                 .bsd_priority = bsd_priority,
-                 .timestamp = static_cast<struct timeval*>(timestamp),
-                 .ip_addr = ip_addr,
-                 .ipv6_flag = ipv6_flag});
+                {2, local_fid, version_id, location_mask, stack_file_list, stack_file_limit, err_templ_label,
+                 bsd_facility, bsd_priority, timestamp, ip_addr, ipv6_flag});
 }
 
 int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, int* local_fid, int* version_id,
                   int* location_mask, char* stack_file, unsigned int* err_templ_label, void* timestamp, void* ip_addr,
                   int* ipv6_flag) {
   return decode({debug_active, debug_file, __func__}, zelkid,
-                {.newest_version = 1,
-                 .local_fid = local_fid,
-                 .version_id = version_id,
-                 .location_mask = location_mask,
-                 .stack_files_name = "stack_file",
-                 .stack_files = stack_file,
-                 .stack_file_limit = 1,
-                 .err_templ_label = err_templ_label,
-                 .bsd_facility = nullptr,
-                 .bsd_priority = nullptr,
-                 .timestamp = static_cast<struct timeval*>(timestamp),
-                 .ip_addr = ip_addr,
-                 .ipv6_flag = ipv6_flag});
+                {1, local_fid, version_id, location_mask, stack_file, 1, err_templ_label, nullptr, nullptr, timestamp,
+                 ip_addr, ipv6_flag});
 }
 
 /* ---- Generation ---------------------------------------------------------------------------------------- */
@@ -249,9 +226,9 @@ static int write_place(const zk_trace_t& trace, const eid_place& place, zk_eid_p
   }
   if (has_facility(place)) {
     write_header(trace, place.version, ZELK_LOCATION_SYSLOG, parts);
-    if (zk_get_base_64_selector(trace.active, trace.file, place.bsd_facility, place.bsd_priority, parts->entry) !=
-        ZELK_SUCCESS)
-      return ZELK_FAILURE;
+    const int result =
+        zk_get_base_64_selector(trace.active, trace.file, place.bsd_facility, place.bsd_priority, parts->entry);
+    if (result != ZELK_SUCCESS) return ZELK_FAILURE;
   }
   return ZELK_SUCCESS;
 }
@@ -288,13 +265,7 @@ int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stac
                      "Syslog messges\nStack file is %s\ntemplate is %d\nSyslog facility is %d\n"
                      "Returning %s(%d) to caller\n",
                      stack_file, static_cast<int>(err_templ_label), LOG_FAC(bsd_priority));
-  return generate(trace,
-                  {.version = 2,
-                   .stack_file = stack_file,
-                   .err_templ_label = err_templ_label,
-                   .bsd_facility = bsd_facility,
-                   .bsd_priority = bsd_priority},
-                  timestamp, zelkid);
+  return generate(trace, {2, stack_file, err_templ_label, bsd_facility, bsd_priority}, timestamp, zelkid);
 }
 
 int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_file, unsigned int err_templ_label,
@@ -305,11 +276,5 @@ int zk_generate_eid(int debug_active, const char* debug_file, const char* stack_
                      "Caller requested a zk_eid_t be generated for both a stack and a error template\n"
                      "Stack file is %s\ntemplate is %d\nReturning %s(%d) to caller\n",
                      stack_file, static_cast<int>(err_templ_label));
-  return generate(trace,
-                  {.version = 1,
-                   .stack_file = stack_file,
-                   .err_templ_label = err_templ_label,
-                   .bsd_facility = -1,
-                   .bsd_priority = 0},
-                  timestamp, zelkid);
+  return generate(trace, {1, stack_file, err_templ_label, -1, 0}, timestamp, zelkid);
 }

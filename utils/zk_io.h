@@ -11,15 +11,25 @@
 #include <cerrno>
 #include <cstddef>
 
-/* Reads `size` bytes at `offset` or, when that is below 0, at the file's position. Returns how many there are before the
- * end of the file or an error; errno is then that error, else 0. */
-inline size_t zk_read_at(int fildes, void* bytes, size_t size, off_t offset) {
+/* Makes a system call again while a signal interrupts it. Returns what it does, -1 with errno set. */
+template <typename Call>
+int zk_retry(Call call) {
+  int result;
+  do result = call();
+  while (result == -1 && errno == EINTR);
+  return result;
+}
+
+/* Reads `size` bytes at `offset` or, when that is below 0, at the file's position; up to `more` bytes behind them may come
+ * along. Returns how many there are before the end of the file or an error; errno is then that error, else 0. */
+inline size_t zk_read_at(int fildes, void* bytes, size_t size, off_t offset, size_t more = 0) {
   size_t taken = 0;
   errno = 0;
   while (taken < size) {
     char* at = static_cast<char*>(bytes) + taken;
-    ssize_t count = offset < 0 ? read(fildes, at, size - taken)
-                               : pread(fildes, at, size - taken, offset + static_cast<off_t>(taken));
+    const size_t wanted = size + more - taken;
+    const ssize_t count =
+        offset < 0 ? read(fildes, at, wanted) : pread(fildes, at, wanted, offset + static_cast<off_t>(taken));
     if (count == 0 || (count < 0 && errno != EINTR)) break;
     if (count > 0) taken += static_cast<size_t>(count);
     errno = 0;
@@ -32,19 +42,25 @@ inline size_t zk_read_on(int fildes, void* bytes, size_t size) {
   return zk_read_at(fildes, bytes, size, -1);
 }
 
-/* Writes all of `size` bytes at the file's position. Returns false, with errno set, when that fails; what was written
- * before stays written. */
-inline bool zk_write_all(int fildes, const void* bytes, size_t size) {
+/* Writes all of `size` bytes at `offset` or, when that is below 0, at the file's position. Returns false, with errno set,
+ * when that fails; what was written before stays written. */
+inline bool zk_write_at(int fildes, const void* bytes, size_t size, off_t offset) {
   const char* at = static_cast<const char*>(bytes);
-  while (size > 0) {
-    ssize_t count = write(fildes, at, size);
+  for (size_t written = 0; written < size;) {
+    const ssize_t count = offset < 0
+                              ? write(fildes, at + written, size - written)
+                              : pwrite(fildes, at + written, size - written, offset + static_cast<off_t>(written));
     if (count < 0 && errno == EINTR) continue;
     if (count == 0) errno = ENOSPC; /* neither progress nor an error: it would never end */
     if (count <= 0) return false;
-    at += count;
-    size -= static_cast<size_t>(count);
+    written += static_cast<size_t>(count);
   }
   return true;
+}
+
+/* Writes at the file's position. */
+inline bool zk_write_all(int fildes, const void* bytes, size_t size) {
+  return zk_write_at(fildes, bytes, size, -1);
 }
 
 /* Opens what exists without waiting for whatever the name stands for, be it a FIFO or a modem; only a lease that

@@ -16,6 +16,7 @@
 
 #include "qx_zelk.h"
 #include "zk_eid_layout.h"
+#include "zk_io.h"
 #include "zk_trace.h"
 
 /* The interfaces that a query can yield: the list of a caller has a slot for each, and an empty one. */
@@ -26,20 +27,12 @@ static_assert(ADDR_WORDS * GROUP_WIDTH == ADDR_CODE_WIDTH);
 
 using addr_text = std::array<char, ZELK_ADDR_SLOT_SIZE>;
 
-static int query(int fildes, unsigned long request, void* argument) {
-  int result;
-  do {
-    result = ioctl(fildes, request, argument);
-  } while (result < 0 && errno == EINTR);
-  return result;
-}
-
 /* Takes the address of an interface. Returns 1; 0 for an interface without an IPv4 address, or one that has vanished
  * since the interfaces were listed; -1 with errno set when it cannot be queried. */
 static int query_address(const zk_trace_t& trace, int fildes, const struct ifreq& interface, addr_text* text,
                          bool* is_up_loopback) {
   struct ifreq request = interface; /* the flags take the place of the address */
-  if (query(fildes, SIOCGIFFLAGS, &request) < 0)
+  if (zk_retry([&] { return ioctl(fildes, SIOCGIFFLAGS, &request); }) < 0)
     return errno == ENODEV || errno == ENXIO || errno == EADDRNOTAVAIL ? 0 : -1;
   if (interface.ifr_addr.sa_family != AF_INET) return 0;
 
@@ -55,10 +48,6 @@ static int query_address(const zk_trace_t& trace, int fildes, const struct ifreq
   return 1;
 }
 
-static void store_text(char* slot, const addr_text& text) {
-  std::memcpy(slot, text.data(), std::strlen(text.data()) + 1);
-}
-
 /* Stores every address, or the first: of the loopbacks that are up, the first gives way to whatever comes next. */
 static int store_addresses(const zk_trace_t& trace, int fildes, std::span<const struct ifreq> interfaces, char* addr,
                            int findfirst, int* num_found) {
@@ -70,7 +59,7 @@ static int store_addresses(const zk_trace_t& trace, int fildes, std::span<const 
     if (found < 0) return -1;
     if (found == 0) continue;
     if (findfirst == 0) {
-      store_text(addr, text);
+      std::strcpy(addr, text.data());
       addr += ZELK_ADDR_SLOT_SIZE;
       if (num_found != nullptr) ++*num_found;
       continue;
@@ -80,17 +69,14 @@ static int store_addresses(const zk_trace_t& trace, int fildes, std::span<const 
     if (is_second || !is_up_loopback) break;
   }
   if (findfirst == 0) return 0;
-  store_text(addr, first);
+  std::strcpy(addr, first.data());
   if (num_found != nullptr) *num_found = 1;
   return 0;
 }
 
 int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int findfirst, int* num_found) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  int fildes;
-  do {
-    fildes = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  } while (fildes < 0 && errno == EINTR);
+  const int fildes = zk_retry([&] { return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
   if (fildes < 0)
     return zk_failed(trace, ZELK_FAILURE, "Cannot create socket - error code %d\nReturning %s(%d) to caller", errno);
 
@@ -98,13 +84,10 @@ int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int 
   struct ifconf list = {};
   list.ifc_len = sizeof(interfaces);
   list.ifc_req = interfaces.data();
-  int failed_query = 0;
-  if (query(fildes, SIOCGIFCONF, &list) < 0) {
-    failed_query = 1;
-  } else {
-    const size_t count = std::min(static_cast<size_t>(list.ifc_len) / sizeof(struct ifreq), INTERFACES_MAX);
-    if (store_addresses(trace, fildes, {interfaces.data(), count}, addr, findfirst, num_found) != 0) failed_query = 2;
-  }
+  int failed_query = zk_retry([&] { return ioctl(fildes, SIOCGIFCONF, &list); }) < 0 ? 1 : 0;
+  const size_t count = std::min(static_cast<size_t>(list.ifc_len) / sizeof(struct ifreq), INTERFACES_MAX);
+  if (failed_query == 0 && store_addresses(trace, fildes, {interfaces.data(), count}, addr, findfirst, num_found) != 0)
+    failed_query = 2;
   const int error = errno;
   close(fildes);
   if (failed_query != 0)
@@ -161,25 +144,19 @@ int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_re
     return zk_failed(trace, ZELK_INV_PARAM4, "Invalid IP address type provided: '%c' - returning %s(%d) to caller",
                      ipv6_flag);
 
+  const size_t count = ipv6_flag == IPV4_TYPE ? 1 : ADDR_WORDS;
   std::array<char, ZELK_ADDR_CODE_SIZE> code = {};
   std::memcpy(code.data(), ip64_rep, strnlen(ip64_rep, ADDR_CODE_WIDTH));
   addr_words words = {};
-  if (ipv6_flag == IPV4_TYPE) {
-    const uint32_t word = static_cast<uint32_t>(zk_a64l(code.data()));
-    zk_trace(trace, "IP Address representation %s converted to 0x%lx", code.data(), static_cast<unsigned long>(word));
-    words[0] = htonl(word);
-    std::memcpy(ip_addr, words.data(), sizeof(words[0]));
-    return ZELK_SUCCESS;
-  }
-  for (size_t index = 0; index < ADDR_WORDS; ++index) {
+  for (size_t index = 0; index < count; ++index) {
     std::array<char, GROUP_WIDTH + 1> group = {};
     std::memcpy(group.data(), code.data() + index * GROUP_WIDTH, GROUP_WIDTH);
     words[index] = htonl(static_cast<uint32_t>(zk_a64l(group.data())));
   }
-  /* One conversion and letters: the text shows the first word only. */
-  zk_trace(trace, "IP Address representation %s converted to 0x%lxlxlxlx", code.data(),
-           static_cast<unsigned long>(ntohl(words[0])));
-  std::memcpy(ip_addr, words.data(), sizeof(words));
+  /* Of IPv6 the text shows the first word only: one conversion, and letters. */
+  zk_trace(trace, "IP Address representation %s converted to 0x%x%s", code.data(), ntohl(words[0]),
+           count == 1 ? "" : "lxlxlx");
+  std::memcpy(ip_addr, words.data(), count * sizeof(words[0]));
   return ZELK_SUCCESS;
 }
 
