@@ -44,6 +44,8 @@ static void release_arguments(cu_error_arg_t* arguments, int count) {
   free(arguments);
 }
 
+static constexpr char NO_MEMORY[] = "Memory allocation failure of %d bytes\nReturning %s(%d) to caller";
+
 /* Reads an argument; its text is a copy. Returns 0; ZELK_REC_CORRUPT; ZELK_NO_MEMORY. */
 static int extract_argument(const zk_trace_t& trace, zk_cursor_t* cursor, cu_error_arg_t* argument) {
   if (!zk_read_argument(cursor, argument)) return ZELK_REC_CORRUPT;
@@ -51,11 +53,8 @@ static int extract_argument(const zk_trace_t& trace, zk_cursor_t* cursor, cu_err
   const char* text = argument->cu_arg_value.cu_arg_char_str;
   const size_t size = std::strlen(text) + 1;
   char* copy = static_cast<char*>(malloc(size));
-  if (copy == nullptr)
-    return zk_failed(trace, ZELK_NO_MEMORY, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller",
-                     static_cast<int>(size));
-  std::memcpy(copy, text, size);
-  argument->cu_arg_value.cu_arg_char_str = copy;
+  if (copy == nullptr) return zk_failed(trace, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(size));
+  argument->cu_arg_value.cu_arg_char_str = static_cast<char*>(std::memcpy(copy, text, size));
   return ZELK_SUCCESS;
 }
 
@@ -75,9 +74,7 @@ int zk_extract_arg_values(int debug_active, const char* debug_file, void** buffe
 
   size_t size = static_cast<size_t>(count) * sizeof(cu_error_arg_t);
   cu_error_arg_t* arguments = static_cast<cu_error_arg_t*>(malloc(size));
-  if (arguments == nullptr)
-    return zk_failed(trace, ZELK_NO_MEMORY, "Memory allocation failure of %d bytes\nReturning %s(%d) to caller",
-                     static_cast<int>(size));
+  if (arguments == nullptr) return zk_failed(trace, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(size));
   for (int extracted = 0; extracted < count; ++extracted) {
     int result = extract_argument(trace, &cursor, &arguments[extracted]);
     if (result != ZELK_SUCCESS) {

@@ -14,15 +14,13 @@ bool zk_is_list_head(const zk_proc_list_t* head) {
   return head != nullptr && head->process_id == 0 && head->parent_id == 0 && head->records == nullptr;
 }
 
+static constexpr char INVALID_PARAMETER[] = "%s parameter is invalid - returning %s(%d)";
+
 /* Checks the length of a record that is to be listed. */
 static int check_length(const zk_trace_t& trace, const void* record) {
   int32_t length = zk_record_length(record);
   if (length >= 1 && length <= ZK_REC_LISTED_MAX) return ZELK_SUCCESS;
   return zk_failed(trace, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
-}
-
-static size_t record_size(const void* record) {
-  return ZK_REC_LENGTH_SIZE + static_cast<size_t>(zk_record_length(record));
 }
 
 /* What a copy could not have: bytes, and for which part. */
@@ -34,7 +32,7 @@ struct shortage_t {
 /* Makes a list element with a copy of the record, a zero byte behind it, and no Error ID. Returns null with errno and
  * `*shortage` set. */
 static zk_stack_rec_t* copy_record(const void* record, shortage_t* shortage) {
-  const size_t size = record_size(record);
+  const size_t size = ZK_REC_LENGTH_SIZE + static_cast<size_t>(zk_record_length(record));
   *shortage = {"element", sizeof(zk_stack_rec_t)};
   zk_stack_rec_t* element = static_cast<zk_stack_rec_t*>(calloc(1, sizeof(zk_stack_rec_t)));
   if (element == nullptr) return nullptr;
@@ -77,12 +75,12 @@ static int find_process_id(const zk_trace_t& trace, const void* record, pid_t* p
 int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head,
                          zk_proc_list_t** proc_list) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (head == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, INVALID_PARAMETER, "record");
+  if (head == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, INVALID_PARAMETER, "head");
   if (!zk_is_list_head(head))
     return zk_failed(trace, ZELK_INV_PARAM4, "head parameter not initialized correctly  - returning %s(%d)");
   if (proc_list == nullptr || *proc_list != nullptr)
-    return zk_failed(trace, ZELK_INV_PARAM5, "proc_list parameter is invalid - returning %s(%d)");
+    return zk_failed(trace, ZELK_INV_PARAM5, INVALID_PARAMETER, "proc_list");
   if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
 
   pid_t process = 0;
@@ -117,8 +115,8 @@ int zk_find_proc_in_list(int debug_active, const char* debug_file, void* record,
 
 int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, zk_proc_list_t* head) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (head == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "head parameter is invalid - returning %s(%d)");
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, INVALID_PARAMETER, "record");
+  if (head == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, INVALID_PARAMETER, "head");
   if (head->process_id == 0)
     return zk_failed(trace, ZELK_INV_PARAM4, "head parameter not properly initialized - returning %s(%d)");
   if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
@@ -138,16 +136,20 @@ int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, z
 
 /* ---- By related incident ------------------------------------------------------------------------------------------- */
 
-/* Makes the element of a group. Returns 0; ZELK_NO_MEMORY. */
-static int make_group_element(const zk_trace_t& trace, const void* record, zk_stack_rec_t** made) {
+/* Makes the element of a group that is to stand at `place`, the argument `name`. Returns 0; ZELK_INV_PARAM3;
+ * ZELK_INV_PARAM4; ZELK_REC_CORRUPT; ZELK_NO_MEMORY. */
+static int make_group_element(const zk_trace_t& trace, const void* record, const void* place, const char* name,
+                              zk_stack_rec_t** element) {
   shortage_t shortage;
-  zk_stack_rec_t* element = copy_record(record, &shortage);
-  if (element == nullptr)
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, INVALID_PARAMETER, "record");
+  if (place == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, INVALID_PARAMETER, name);
+  if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
+  *element = copy_record(record, &shortage);
+  if (*element == nullptr)
     return zk_failed(trace, ZELK_NO_MEMORY,
                      "Memory allocation failure attempting to get %d bytes\nErrno is %d\nReturning %s(%d)",
                      shortage.size, errno);
-  zk_record_eid(record, ZK_REC_EID_POS, element->fid);
-  *made = element;
+  zk_record_eid(record, ZK_REC_EID_POS, (*element)->fid);
   return ZELK_SUCCESS;
 }
 
@@ -164,8 +166,8 @@ int zk_find_related_rec(int debug_active, const char* debug_file, void* record, 
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   zk_eid_t own;
   zk_eid_t wanted;
-  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (loc == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, "loc parameter is invalid - returning %s(%d)");
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, INVALID_PARAMETER, "record");
+  if (loc == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, INVALID_PARAMETER, "loc");
   if (rec_table == nullptr) return zk_failed(trace, ZELK_FAILURE, "rec_table is empty - returning %s(%d)");
 
   zk_record_eid(record, ZK_REC_EID_POS, own);
@@ -181,10 +183,7 @@ int zk_find_related_rec(int debug_active, const char* debug_file, void* record, 
 int zk_add_related_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t* related) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   zk_stack_rec_t* element = nullptr;
-  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (related == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "related parameter is invalid - returning %s(%d)");
-  if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
-  int result = make_group_element(trace, record, &element);
+  int result = make_group_element(trace, record, related, "related", &element);
   if (result != ZELK_SUCCESS) return result;
 
   element->related = related->related;
@@ -196,10 +195,7 @@ int zk_add_related_rec(int debug_active, const char* debug_file, void* record, z
 int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   zk_stack_rec_t* element = nullptr;
-  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "record parameter is invalid - returning %s(%d)");
-  if (table == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "table parameter is invalid - returning %s(%d)");
-  if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
-  int result = make_group_element(trace, record, &element);
+  int result = make_group_element(trace, record, table, "table", &element);
   if (result != ZELK_SUCCESS) return result;
 
   if (*table == nullptr) {

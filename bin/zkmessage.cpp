@@ -165,7 +165,6 @@ void zk_close_catalog(nl_catd catfd) {
   if (catfd != ZK_NO_CATALOG) catclose(catfd);
 }
 
-/* Puts a message. */
 static void put_message(cu_sink_t* sink, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments) {
   if (catfd != in_use.catfd || !is_known(number)) {
     cu_put_format(sink, message_text(catfd, number), arguments);
@@ -185,61 +184,43 @@ static void put_message(cu_sink_t* sink, nl_catd catfd, int number, std::span<co
 struct output_sink_t {
   cu_sink_t sink; /* first: the formatter's view of it */
   output_t* output;
+  bool is_filtered;
 };
 
-static void put_as_it_is(cu_sink_t* sink, std::string_view text, const cu_error_arg_t*) {
-  put(reinterpret_cast<output_sink_t*>(sink)->output, text);
-}
-
-static void put_for_terminal(cu_sink_t* sink, std::string_view text, const cu_error_arg_t* argument) {
-  output_t* output = reinterpret_cast<output_sink_t*>(sink)->output;
-  if (argument != nullptr)
-    put_harmless(output, text);
+static void put_piece(cu_sink_t* sink, std::string_view text, const cu_error_arg_t* argument) {
+  const output_sink_t* const to = reinterpret_cast<const output_sink_t*>(sink);
+  if (to->is_filtered && argument != nullptr)
+    put_harmless(to->output, text);
   else
-    put(output, text);
+    put(to->output, text);
 }
 
-static void put_message_on(output_t* output, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments,
-                           bool is_recorded) {
-  bool is_filtered = is_recorded && output->is_terminal;
-  output_sink_t sink = {.sink = {.put = is_filtered ? put_for_terminal : put_as_it_is}, .output = output};
-  put_message(&sink.sink, catfd, number, arguments);
-}
-
-/* Writes a message at once, and in one piece: even one with a file name of 4096 characters fits. */
-static void print_at_once(FILE* stream, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments,
-                          bool is_recorded) {
-  std::array<char, 16384> block;
-  const int fildes = fileno(stream);
-  output_t output = {.fildes = fildes, .is_terminal = isatty(fildes) == 1, .block = block.data(), .size = block.size()};
-  std::fflush(stream);
-  put_message_on(&output, catfd, number, arguments, is_recorded);
-  write_block(&output);
-  if (stream == stdout && report.error == 0) report.error = output.error;
-}
-
+/* Prints a message: into the report's block or, where that is not used, at once and in one piece. Even one with a file name
+ * of 4096 characters fits. */
 static void print(FILE* stream, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments,
                   bool is_recorded) {
-  if (stream == stdout && report.block != nullptr) {
-    put_message_on(&report, catfd, number, arguments, is_recorded);
-    return;
-  }
+  const bool is_gathered = stream == stdout && report.block != nullptr;
+  std::array<char, 16384> block;
+  output_t own = {.fildes = fileno(stream), .is_terminal = false, .block = block.data(), .size = block.size()};
+  if (!is_gathered) own.is_terminal = isatty(own.fildes) == 1;
   if (stream == stderr) zk_flush_report();
-  print_at_once(stream, catfd, number, arguments, is_recorded);
+  if (!is_gathered) std::fflush(stream);
+
+  output_t* const output = is_gathered ? &report : &own;
+  output_sink_t sink = {{put_piece}, output, is_recorded && output->is_terminal};
+  put_message(&sink.sink, catfd, number, arguments);
+  if (is_gathered) return;
+  write_block(&own);
+  if (stream == stdout && report.error == 0) report.error = own.error;
 }
 
 cu_error_arg_t zk_msg_arg(int value) {
-  cu_error_arg_t argument;
-  argument.cu_arg_type = CU_ERROR_ARG_INT;
-  argument.cu_arg_value.cu_arg_int = value;
-  return argument;
+  return {.cu_arg_type = CU_ERROR_ARG_INT, .cu_arg_value = {.cu_arg_int = value}};
 }
 
 cu_error_arg_t zk_msg_arg(const char* text) {
-  cu_error_arg_t argument;
-  argument.cu_arg_type = CU_ERROR_ARG_CHAR_STR;
-  argument.cu_arg_value.cu_arg_char_str = const_cast<char*>(text != nullptr ? text : ""); /* only read */
-  return argument;
+  if (text == nullptr) text = "";
+  return {.cu_arg_type = CU_ERROR_ARG_CHAR_STR, .cu_arg_value = {.cu_arg_char_str = const_cast<char*>(text)}};
 }
 
 void zk_print_message(FILE* stream, nl_catd catfd, int number, std::initializer_list<cu_error_arg_t> args) {

@@ -151,13 +151,9 @@ int zk_print_full_stack_record(int debug_active, const char* debug_file, const c
   return result;
 }
 
-/* Whether the result of a record's printer says that the record is bad, so that its stack is corrupt. */
-static bool is_bad_record(int result) {
-  return result == ZELK_INV_RECLEN || result == ZELK_INV_RECVERSN || result == ZELK_REC_CORRUPT;
-}
-
-/* Traces why such a record ends a view. Returns ZELK_FILE_CORRUPT. */
-static int refuse_record(const zk_trace_t& trace, const void* record, off_t offset) {
+/* What the result of a record's printer means for the view: a bad record ends it, and is traced. */
+static int view_result(const zk_trace_t& trace, int result, const void* record, off_t offset) {
+  if (result != ZELK_INV_RECLEN && result != ZELK_INV_RECVERSN && result != ZELK_REC_CORRUPT) return result;
   zk_report_bad_record(trace, record, offset);
   return ZELK_FILE_CORRUPT;
 }
@@ -199,7 +195,7 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
       result = ZELK_SUCCESS;
       continue;
     }
-    if (is_bad_record(result)) result = refuse_record(trace, record, walk.record_position);
+    result = view_result(trace, result, record, walk.record_position);
     if (result != ZELK_SUCCESS || is_search) break;
     if (all == 1 && fid == nullptr) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
     if (zk_walk_at_write_pos(walk)) break;
@@ -212,12 +208,17 @@ int zk_dump_stack(int debug_active, const char* debug_file, int dump_header, int
 
 /* ---- Lists of records ---------------------------------------------------------------------------------------------- */
 
-/* Prints a record of a list; one that is bad ends the report. */
-static int display_record(const zk_trace_t& trace, const zk_stack_rec_t& element, int all, nl_catd catfd) {
-  int result = all == 1 ? zk_print_full_stack_record(trace.active, trace.file, nullptr, catfd, element.record)
-                        : zk_print_brief_stack_record(trace.active, trace.file, nullptr, 0, catfd, element.record);
-  if (is_bad_record(result)) return refuse_record(trace, element.record, element.offset);
-  if (all == 1) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
+/* Prints the records of a process or of a group, along `link`. Returns 0; ZELK_FILE_CORRUPT at one that is bad. */
+static int display_chain(const zk_trace_t& trace, const zk_stack_rec_t* first, zk_stack_rec_t* zk_stack_rec_t::*link,
+                         int all, nl_catd catfd) {
+  for (const zk_stack_rec_t* element = first; element != nullptr; element = element->*link) {
+    void* record = element->record;
+    int result = all == 1 ? zk_print_full_stack_record(trace.active, trace.file, nullptr, catfd, record)
+                          : zk_print_brief_stack_record(trace.active, trace.file, nullptr, 0, catfd, record);
+    result = view_result(trace, result, record, element->offset);
+    if (result == ZELK_FILE_CORRUPT) return result;
+    if (all == 1) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
+  }
   return ZELK_SUCCESS;
 }
 
@@ -230,10 +231,8 @@ int zk_display_recs_by_proc(int debug_active, const char* debug_file, zk_proc_li
 
   for (const zk_proc_list_t* process = proc_list->next; process != nullptr; process = process->next) {
     zk_trace(trace, "Displaying records for process %d", process->process_id);
-    for (const zk_stack_rec_t* element = process->records; element != nullptr; element = element->next) {
-      int result = display_record(trace, *element, all, catfd);
-      if (result != ZELK_SUCCESS) return result;
-    }
+    int result = display_chain(trace, process->records, &zk_stack_rec_t::next, all, catfd);
+    if (result != ZELK_SUCCESS) return result;
   }
   return ZELK_SUCCESS;
 }
@@ -247,10 +246,8 @@ int zk_display_recs_by_rel(int debug_active, const char* debug_file, zk_stack_re
 
   for (const zk_stack_rec_t* group = rec_table; group != nullptr; group = group->next) {
     zk_trace(trace, "Displaying record for ZELK ID %.42s\nand any related to it", group->fid);
-    for (const zk_stack_rec_t* element = group; element != nullptr; element = element->related) {
-      int result = display_record(trace, *element, all, catfd);
-      if (result != ZELK_SUCCESS) return result;
-    }
+    int result = display_chain(trace, group, &zk_stack_rec_t::related, all, catfd);
+    if (result != ZELK_SUCCESS) return result;
   }
   return ZELK_SUCCESS;
 }

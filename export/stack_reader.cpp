@@ -38,8 +38,7 @@ static bool read_whole(int fildes, std::string* bytes) {
 static bool has_header(int fildes) {
   int version = 0;
   zk_estack_v1_header_t header;
-  zk_damage_t damage = {};
-  return zk_read_good_header({0, nullptr, ""}, fildes, &version, &header, &damage) == ZELK_SUCCESS;
+  return zk_read_good_header({0, nullptr, ""}, fildes, &version, &header).reason == nullptr;
 }
 
 /* Copies a stack that changes under its reader: what two readings in a row agree on was a state of it. Returns 0 with the

@@ -58,6 +58,12 @@ static int put_off_cancellation() {
   return state;
 }
 
+/* Keeps what is wrong with the stack. Returns 0 for nothing; ZELK_FILE_CORRUPT. */
+static int judge(zk_recorder_t* recorder, const zk_damage_t& damage) {
+  recorder->damage = damage;
+  return damage.reason == nullptr ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
+}
+
 /* Learns the state of the locked stack, which others may have changed, and not only recorders. Returns 0;
  * ZELK_FILE_CORRUPT; ZELK_FAILURE with errno set. */
 static int learn_state(zk_recorder_t* recorder) {
@@ -66,15 +72,12 @@ static int learn_state(zk_recorder_t* recorder) {
   std::array<char, ZK_STACK_SIZE_MAX + 1> bytes;
   const size_t count = zk_read_at(recorder->fildes, bytes.data(), size, 0, 1); /* a byte more, if there is one */
   if (count < size && errno != 0) return ZELK_FAILURE;
-  if (count == size) {
-    if (recorder->is_known && std::memcmp(bytes.data(), state->walk.window.data(), size) == 0) return ZELK_SUCCESS;
-    std::memcpy(state->walk.window.data(), bytes.data(), size);
-    recorder->damage = zk_check_stack(state);
-  } else {
-    recorder->damage = ZK_OTHER_SIZE;
-  }
-  recorder->is_known = recorder->damage.reason == nullptr;
-  return recorder->is_known ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
+  if (count != size) return judge(recorder, ZK_OTHER_SIZE);
+  if (recorder->is_known && std::memcmp(bytes.data(), state->walk.window.data(), size) == 0) return ZELK_SUCCESS;
+  std::memcpy(state->walk.window.data(), bytes.data(), size);
+  const int result = judge(recorder, zk_check_stack(state));
+  recorder->is_known = result == ZELK_SUCCESS;
+  return result;
 }
 
 /* Writes `size` bytes at `position`, in the file and in what is known of it. Returns false with errno set. */
@@ -158,9 +161,7 @@ static timeval next_time(const zk_stack_state_t& state) {
 static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_t eid) {
   const char* address = secure_getenv("ZELKADDR");
   zk_eid_parts_t parts;
-  std::array<char, 2> header = {};
-  zk_get_base_64_hdr(0, nullptr, 2, ZELK_LOCATION_STACK, header.data());
-  parts.header = header[0];
+  zk_write_header({0, nullptr, nullptr}, 2, ZELK_LOCATION_STACK, &parts);
   zk_write_digits(recorder.inode, parts.entry, ENTRY_WIDTH);
   zk_write_time(time, parts.time);
   std::memcpy(parts.address, is_address(address) ? address : recorder.own_address.data(), ADDR_WIDTH);
@@ -171,12 +172,11 @@ static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_
 
 /* The node's own address; one without any gets the form that says so. */
 static void read_own_address(const zk_trace_t& trace, std::array<char, ADDR_WIDTH>* address) {
-  std::array<char, ZELK_ADDR_CODE_SIZE> code;
-  code.fill(ZERO_DIGIT);
+  static_assert(ADDR_WIDTH == ZELK_ADDR_CODE_SIZE); /* the type stands where the code has its terminator */
   char type = IPV6_TYPE;
-  zk_get_ipaddr(trace.active, trace.file, code.data(), &type);
-  std::memcpy(address->data(), code.data(), ADDR_CODE_WIDTH);
-  (*address)[ADDR_CODE_WIDTH] = type;
+  address->fill(ZERO_DIGIT);
+  zk_get_ipaddr(trace.active, trace.file, address->data(), &type);
+  address->back() = type;
 }
 
 /* Moves a descriptor away from the standard streams: what a program prints must not get into a stack. Returns false, with
@@ -195,17 +195,16 @@ static int check_header(zk_recorder_t* recorder) {
   zk_stack_state_t* const state = &recorder->state;
   const size_t count = zk_read_at(recorder->fildes, state->walk.window.data(), ZK_STACK_RECORDS_MIN, 0);
   if (count < ZK_STACK_RECORDS_MIN && errno != 0) return ZELK_FAILURE;
-  recorder->damage = count < ZK_STACK_RECORDS_MIN ? ZK_OTHER_SIZE : zk_check_stack_header(state);
-  return recorder->damage.reason == nullptr ? ZELK_SUCCESS : ZELK_FILE_CORRUPT;
+  return judge(recorder, count < ZK_STACK_RECORDS_MIN ? ZK_OTHER_SIZE : zk_check_stack_header(state));
 }
 
 /* Learns of the open file what stays as it is, and looks whether it is a stack. Returns as check_header. */
 static int check_file(zk_recorder_t* recorder) {
   struct stat status;
   if (fstat(recorder->fildes, &status) != 0) return ZELK_FAILURE;
-  recorder->damage = S_ISREG(status.st_mode) ? ZK_BAD_FILE_SIZE : ZK_NOT_REGULAR;
-  if (!S_ISREG(status.st_mode) || status.st_size < ZK_STACK_SIZE_MIN || status.st_size > ZK_STACK_SIZE_MAX)
-    return ZELK_FILE_CORRUPT;
+  if (!S_ISREG(status.st_mode)) return judge(recorder, ZK_NOT_REGULAR);
+  if (status.st_size < ZK_STACK_SIZE_MIN || status.st_size > ZK_STACK_SIZE_MAX)
+    return judge(recorder, ZK_BAD_FILE_SIZE);
   recorder->inode = status.st_ino;
   recorder->is_known = false;
   recorder->state.size = static_cast<int32_t>(status.st_size);

@@ -74,17 +74,12 @@ static zk_damage_t read_checked(const zk_trace_t& trace, int fildes, int32_t* ve
   return {};
 }
 
-int zk_read_good_header(const zk_trace_t& trace, int fildes, int* stack_version, header_t* hbuf, zk_damage_t* damage) {
-  int32_t version = 0;
-  header_t header = {};
-  *damage = read_checked(trace, fildes, &version, &header);
-  if (damage->reason != nullptr) {
-    zk_report_damage(trace, *damage);
-    return ZELK_FILE_CORRUPT;
-  }
-  *hbuf = header;
-  *stack_version = version;
-  return ZELK_SUCCESS;
+zk_damage_t zk_read_good_header(const zk_trace_t& trace, int fildes, int* stack_version, header_t* hbuf) {
+  *stack_version = 0;
+  *hbuf = {};
+  const zk_damage_t damage = read_checked(trace, fildes, stack_version, hbuf);
+  if (damage.reason != nullptr) zk_report_damage(trace, damage);
+  return damage;
 }
 
 void zk_trace_good_header(const zk_trace_t& trace, const header_t& header) {
@@ -93,12 +88,15 @@ void zk_trace_good_header(const zk_trace_t& trace, const header_t& header) {
 
 int zk_read_header(int debug_active, const char* debug_file, int fildes, int* stack_version, header_t* hbuf) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  zk_damage_t damage;
+  int version;
+  header_t header;
   if (fildes == -1) return zk_failed(trace, ZELK_INV_PARAM3, "fildes value %d seems invalid\nReturning %s(%d)", fildes);
   if (hbuf == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "hbuf ptr value seems invalid\nReturning %s(%d)");
-  const int result = zk_read_good_header(trace, fildes, stack_version, hbuf, &damage);
-  if (result == ZELK_SUCCESS) zk_trace_good_header(trace, *hbuf);
-  return result;
+  if (zk_read_good_header(trace, fildes, &version, &header).reason != nullptr) return ZELK_FILE_CORRUPT;
+  zk_trace_good_header(trace, header);
+  *stack_version = version;
+  *hbuf = header;
+  return ZELK_SUCCESS;
 }
 
 /* ---- For a recorder ------------------------------------------------------------------------------------------------ */

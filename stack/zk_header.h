@@ -14,9 +14,9 @@ struct zk_trace_t;
 extern "C" int zk_read_header(int debug_active, const char* debug_file, int fildes, int* stack_version,
                               zk_estack_v1_header_t* hbuf);
 
-/* The work of zk_read_header; `*damage` says what is wrong. Nothing is traced on success: see zk_trace_good_header. */
-int zk_read_good_header(const zk_trace_t& trace, int fildes, int* stack_version, zk_estack_v1_header_t* hbuf,
-                        zk_damage_t* damage);
+/* The work of zk_read_header. Returns what is wrong; the outputs are not to be used then. Nothing is traced on success: see
+ * zk_trace_good_header. */
+zk_damage_t zk_read_good_header(const zk_trace_t& trace, int fildes, int* stack_version, zk_estack_v1_header_t* hbuf);
 
 /* Traces where the file stands after that: apart, since a trace file that is the stack drops the stack's lock. */
 void zk_trace_good_header(const zk_trace_t& trace, const zk_estack_v1_header_t& header);

@@ -60,30 +60,30 @@ static int32_t read_length(zk_walk_t* walk) {
 
 /* ---- The walk ------------------------------------------------------------------------------------------------------- */
 
-/* Sets a walk out from the earliest record of its header. */
+/* Sets a walk up, before anything is read. */
+static void set_up(zk_walk_t* walk, const zk_trace_t& trace, int fildes) {
+  walk->trace = trace;
+  walk->fildes = fildes;
+  walk->damage = {};
+  walk->window_start = walk->window_end = 0;
+  walk->is_record_lost = walk->window_is_last = walk->is_refused = false;
+}
+
+/* Sets it out from the earliest record of its header. */
 static void set_out(zk_walk_t* walk) {
   walk->may_wrap = walk->header.has_wrapped == 1;
   walk->position = walk->header.earliest_rec;
-  walk->damage = {};
-  walk->is_record_lost = false;
 }
 
 int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes) {
-  walk->trace = trace;
-  walk->fildes = fildes;
-  walk->window_start = walk->window_end = 0;
-  walk->window_is_last = false;
-  walk->is_refused = false;
-  walk->damage = {};
-  walk->is_record_lost = false;
-
+  set_up(walk, trace, fildes);
   /* A lock reaches from the position at which it is taken. What cannot seek fails when its header is read. */
   lseek(fildes, 0, SEEK_SET);
   if (lockf(fildes, F_LOCK, 0) == -1)
     return zk_failed(trace, ZELK_LOCK, "Failure to lock stack - error code %d\nReturning %s(%d)", errno);
   const zk_trace_t header_trace = {trace.active, trace.file, "zk_read_header"};
-  const int result = zk_read_good_header(header_trace, fildes, &walk->stack_version, &walk->header, &walk->damage);
-  if (result != ZELK_SUCCESS) return result;
+  walk->damage = zk_read_good_header(header_trace, fildes, &walk->stack_version, &walk->header);
+  if (walk->damage.reason != nullptr) return ZELK_FILE_CORRUPT;
   set_out(walk);
   walk->is_refused = !fill_window(walk);
   zk_trace_good_header(header_trace, walk->header);
@@ -91,14 +91,11 @@ int zk_walk_begin(zk_walk_t* walk, const zk_trace_t& trace, int fildes) {
 }
 
 void zk_walk_begin_in_memory(zk_walk_t* walk, int32_t size) {
-  walk->trace = {0, nullptr, nullptr};
-  walk->fildes = -1;
+  set_up(walk, {0, nullptr, nullptr}, -1);
   std::memcpy(&walk->stack_version, walk->window.data(), sizeof walk->stack_version);
   std::memcpy(&walk->header, walk->window.data() + ZK_STACK_HEADER_POS, sizeof walk->header);
-  walk->window_start = 0;
   walk->window_end = size;
   walk->window_is_last = true;
-  walk->is_refused = false;
   set_out(walk);
 }
 

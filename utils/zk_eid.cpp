@@ -107,26 +107,24 @@ static void trace_decoded(const zk_trace_t& trace, const char* zelkid, const eid
                           char address_type, int result) {
   std::array<char, 32> time = {};
   std::array<char, 64> address = {};
+  std::array<char, ZELK_FILE_SLOT_SIZE + 128> entry = {};
   const time_t seconds = static_cast<const struct timeval*>(out.timestamp)->tv_sec;
   ctime_r(&seconds, time.data());
   std::snprintf(address.data(), address.size(), "0x%x%x%x%x (%s type)", ntohl(words[0]), ntohl(words[1]),
                 ntohl(words[2]), ntohl(words[3]), address_type == IPV4_TYPE ? "IPv4" : "IPv6");
-  const unsigned int location = static_cast<unsigned int>(*out.location_mask);
   const bool has_file = out.stack_files[0] != '\0';
   if (out.newest_version > 1)
-    zk_trace(trace,
-             "ZELK Error ID \"%s\" decodes into:\nVersion %d, Location 0x%x\n"
-             "First Stack File %s, Template ID 0x%x Syslog Facility %d Priority %d\nTimestamp %s\n"
-             "IP Address %s\nReturn code %d",
-             zelkid, *out.version_id, location, has_file ? out.stack_files : "(none)", *out.err_templ_label,
-             LOG_FAC(*out.bsd_facility), *out.bsd_priority, time.data(), address.data(), result);
+    std::snprintf(entry.data(), entry.size(), "First Stack File %s, Template ID 0x%x Syslog Facility %d Priority %d",
+                  has_file ? out.stack_files : "(none)", *out.err_templ_label, LOG_FAC(*out.bsd_facility),
+                  *out.bsd_priority);
   else
-    zk_trace(trace,
-             "ZELK Error ID \"%s\" decodes into:\nVersion %d, Location 0x%x\n"
-             "Stack File %s, Template ID %d(0x%x)\nTimestamp %s\n"
-             "IP Address %s\nReturn code %d",
-             zelkid, *out.version_id, location, has_file ? out.stack_files : "none",
-             static_cast<int>(*out.err_templ_label), *out.err_templ_label, time.data(), address.data(), result);
+    std::snprintf(entry.data(), entry.size(), "Stack File %s, Template ID %d(0x%x)",
+                  has_file ? out.stack_files : "none", static_cast<int>(*out.err_templ_label), *out.err_templ_label);
+  zk_trace(trace,
+           "ZELK Error ID \"%s\" decodes into:\nVersion %d, Location 0x%x\n%s\nTimestamp %s\nIP Address %s\n"
+           "Return code %d",
+           zelkid, *out.version_id, static_cast<unsigned int>(*out.location_mask), entry.data(), time.data(),
+           address.data(), result);
 }
 
 static int decode(const zk_trace_t& trace, const char* zelkid, const eid_outputs& out) {
@@ -202,16 +200,10 @@ static int read_address(const zk_trace_t& trace, char* field) {
   return ZELK_SUCCESS;
 }
 
-static void write_header(const zk_trace_t& trace, int version, int location, zk_eid_parts_t* parts) {
-  std::array<char, 2> header = {};
-  zk_get_base_64_hdr(trace.active, trace.file, version, location, header.data());
-  parts->header = header[0];
-}
-
 /* Writes header and entry for each place that is given. */
 static int write_place(const zk_trace_t& trace, const eid_place& place, zk_eid_parts_t* parts) {
   if (place.stack_file != nullptr) {
-    write_header(trace, place.version, ZELK_LOCATION_STACK, parts);
+    zk_write_header(trace, place.version, ZELK_LOCATION_STACK, parts);
     const int result = zk_get_base_64_inode(trace.active, trace.file, place.stack_file, parts->entry);
     if (result == ZELK_INV_PARAM3)
       return zk_failed(trace, ZELK_INV_PARAM3,
@@ -221,11 +213,11 @@ static int write_place(const zk_trace_t& trace, const eid_place& place, zk_eid_p
     if (result != ZELK_SUCCESS) return ZELK_FAILURE;
   }
   if (place.err_templ_label != 0) {
-    write_header(trace, place.version, ZELK_LOCATION_TEMPLATE, parts);
+    zk_write_header(trace, place.version, ZELK_LOCATION_TEMPLATE, parts);
     zk_get_base_64_templ(trace.active, trace.file, place.err_templ_label, parts->entry);
   }
   if (has_facility(place)) {
-    write_header(trace, place.version, ZELK_LOCATION_SYSLOG, parts);
+    zk_write_header(trace, place.version, ZELK_LOCATION_SYSLOG, parts);
     const int result =
         zk_get_base_64_selector(trace.active, trace.file, place.bsd_facility, place.bsd_priority, parts->entry);
     if (result != ZELK_SUCCESS) return ZELK_FAILURE;
@@ -246,6 +238,12 @@ static int generate(const zk_trace_t& trace, const eid_place& place, long* times
   zk_join_eid(parts, zelkid);
   *timestamp = seconds;
   return zk_succeeded(trace, "Created ZELK Error ID %s\nReturning %s(%d) to caller\n", zelkid);
+}
+
+void zk_write_header(const zk_trace_t& trace, int version, int location, zk_eid_parts_t* parts) {
+  std::array<char, 2> header = {};
+  zk_get_base_64_hdr(trace.active, trace.file, version, location, header.data());
+  parts->header = header[0];
 }
 
 void zk_join_eid(const zk_eid_parts_t& parts, char* zelkid) {

@@ -13,6 +13,8 @@
 
 #include "qx_zelk.h"
 
+struct zk_trace_t;
+
 /* Widths in characters. */
 inline constexpr size_t ENTRY_WIDTH = 6;
 inline constexpr size_t SECONDS_WIDTH = 6;
@@ -50,6 +52,9 @@ void zk_write_digits(uint64_t value, char* field, size_t width);
 
 /* Writes the TIME_WIDTH characters of a time stamp, without a terminator. */
 void zk_write_time(const struct timeval& time, char* field);
+
+/* Writes the header of an ID of that version and location. */
+void zk_write_header(const zk_trace_t& trace, int version, int location, zk_eid_parts_t* parts);
 
 /* Puts the parts together: ZELK_EID_SIZE bytes at `zelkid`. */
 void zk_join_eid(const zk_eid_parts_t& parts, char* zelkid);
