@@ -110,7 +110,8 @@ constexpr bool next_conversion(const char** at, conversion_t* conversion) {
 constexpr bool add_conversion(const conversion_t& conversion, conversion_t* known) {
   const bool is_first = !known->is_recordable;
   const bool is_signed = is_one_of(SIGNED_LETTERS, conversion.letter);
-  const bool is_narrow = conversion.length == conversion_t::length_t::HH || conversion.length == conversion_t::length_t::H;
+  const bool is_narrow =
+      conversion.length == conversion_t::length_t::HH || conversion.length == conversion_t::length_t::H;
   const bool was_narrow = known->length == conversion_t::length_t::HH || known->length == conversion_t::length_t::H;
   const bool is_same = conversion.length == known->length && is_signed == is_one_of(SIGNED_LETTERS, known->letter);
   if (!is_first && (is_narrow || was_narrow) && !is_same) return false;
@@ -169,7 +170,8 @@ struct format_t {
   const char* text;
   const char* file;
   int line;
-  std::array<conversion_t, sizeof...(Arguments) + 1> shown = {}; /* what shows each argument; one more, as none is no array */
+  std::array<conversion_t, sizeof...(Arguments) + 1> shown =
+      {}; /* what shows each argument; one more, as none is no array */
 
   template <size_t SIZE>
   consteval format_t(const char (&format)[SIZE], const char* in_file = __builtin_FILE(), int at_line = __builtin_LINE())
