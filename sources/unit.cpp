@@ -70,19 +70,29 @@ static std::string invocation_of(const bus_object_t& object) {
   return digits;
 }
 
-/* How the last command of the property `name`, such as "ExecStartPre", that failed ended. */
+/* Whether a process that ended so is what the result of its unit tells of. */
+static bool is_end_of(const std::string& result, int32_t code, int32_t status) {
+  if (result == "exit-code") return code == CLD_EXITED && status != 0;
+  if (result == "signal") return code == CLD_KILLED;
+  return result == "core-dump" && code == CLD_DUMPED;
+}
+
+/* How the last command of the property `name`, such as "ExecStartPre", ended whose failure is the unit's. */
 static void read_failed_command(const bus_object_t& object, const char* name, unit_t* unit) {
   sd_bus_message* reply = nullptr;
   if (sd_bus_get_property(object.bus, DESTINATION, object.path.c_str(), SERVICE, name, nullptr, &reply,
                           "a(sasbttttuii)") >= 0 &&
       sd_bus_message_enter_container(reply, 'a', "(sasbttttuii)") >= 0) {
     while (sd_bus_message_enter_container(reply, 'r', "sasbttttuii") > 0) {
+      int is_ignored = 0; /* "-" before the command */
       uint32_t process_id = 0;
       int32_t code = 0, status = 0;
-      sd_bus_message_skip(reply, "sasbtttt");
+      sd_bus_message_skip(reply, "sas");
+      sd_bus_message_read(reply, "b", &is_ignored);
+      sd_bus_message_skip(reply, "tttt");
       sd_bus_message_read(reply, "uii", &process_id, &code, &status);
       sd_bus_message_exit_container(reply);
-      if (code == 0 || (code == CLD_EXITED && status == 0)) continue;
+      if (is_ignored != 0 || !is_end_of(unit->result, code, status)) continue;
       unit->code = code;
       unit->status = status;
     }
@@ -112,6 +122,15 @@ static void read_needs(const bus_object_t& object, unit_t* unit) {
   append_names(object, "PartOf", &unit->needs);
 }
 
+/* Whether a failure with that result is one after which "Restart=`policy`" starts the service again. */
+static bool restarts_after(const std::string& policy, const std::string& result) {
+  const bool is_signal = result == "signal" || result == "core-dump";
+  if (policy == "always" || policy == "on-failure") return true;
+  if (policy == "on-abnormal") return is_signal || result == "timeout" || result == "watchdog";
+  if (policy == "on-abort") return is_signal;
+  return policy == "on-watchdog" && result == "watchdog";
+}
+
 std::string read_unit(const std::string& name, unit_t* unit) {
   *unit = {};
   unit->name = name;
@@ -133,15 +152,14 @@ std::string read_unit(const std::string& name, unit_t* unit) {
   const int64_t ended = time_of(object, SERVICE, "ExecMainExitTimestampMonotonic");
   const int64_t began = time_of(object, SERVICE, "ExecMainStartTimestampMonotonic");
   unit->run_time = ended > began ? ended - began : 0;
-  if (unit->code == 0 || (unit->code == CLD_EXITED && unit->status == 0)) {
-    for (const char* property :
-         {"ExecStopPost", "ExecStop", "ExecReload", "ExecStartPost", "ExecStartPre", "ExecCondition"})
+  if (!is_end_of(unit->result, unit->code, unit->status)) { /* the first that failed is the last in this order */
+    for (const char* property : {"ExecStopPost", "ExecStop", "ExecStartPost", "ExecStartPre", "ExecCondition"})
       read_failed_command(object, property, unit);
   }
   /* systemd keeps the result of the last start when it gives up restarting. */
   const uint32_t burst = number_of<uint32_t>(object, UNIT, "StartLimitBurst", 'u');
-  const std::string restart = text_of(object, SERVICE, "Restart");
-  if (restart != "no" && burst > 0 && unit->restarts >= burst) unit->result = "start-limit-hit";
+  const bool is_to_restart = restarts_after(text_of(object, SERVICE, "Restart"), unit->result);
+  if (is_to_restart && burst > 0 && unit->restarts >= burst) unit->result = "start-limit-hit";
   read_needs(object, unit);
   sd_bus_flush_close_unref(object.bus);
   return "";

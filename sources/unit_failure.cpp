@@ -55,7 +55,7 @@ static std::string facts_of(const unit_t& unit, const repeat_t& told) {
   return facts;
 }
 
-/* Records the failure. Returns the result of that. */
+/* Records the failure. Returns the result of that; errno is the error of one that says nothing else. */
 static int record_failure(const unit_t& unit, const std::string& result, const repeat_t& told, int64_t now,
                           zk_eid_t eid) {
   const std::string process = unit.name.substr(unit.name.size() - std::min(unit.name.size(), PROCESS_NAME_MAX));
@@ -90,7 +90,9 @@ static int record_failure(const unit_t& unit, const std::string& result, const r
   zk_recorder_t* recorder = nullptr;
   int made = zk_open_or_create_recorder(0, nullptr, UNITS_STACK, 0, &recorder);
   if (made == ZELK_SUCCESS) made = zk_record_incident(0, nullptr, recorder, &incident, eid);
+  const int error = errno;
   zk_close_recorder(recorder);
+  errno = error;
   return made;
 }
 
@@ -113,7 +115,8 @@ int main(int argc, char** argv) {
   const bool is_passed_over = is_repeat(result, now, &repeats, &told);
   if (!is_passed_over) {
     const int recorded = record_failure(unit, result, told, now, eid);
-    if (recorded != ZELK_SUCCESS) return fail(std::string(ZELK_STACK_DIR "/") + UNITS_STACK, zk_result_text(recorded));
+    const char* const reason = recorded == ZELK_FAILURE && errno != 0 ? std::strerror(errno) : zk_result_text(recorded);
+    if (recorded != ZELK_SUCCESS) return fail(std::string(ZELK_STACK_DIR "/") + UNITS_STACK, reason);
   }
   if (!write_repeats(folder, name, now, repeats)) return fail(folder, std::strerror(errno));
   std::printf("%s: %s: %s\n", name.c_str(), result.c_str(), is_passed_over ? "as before, not recorded again" : eid);
