@@ -46,7 +46,7 @@ class Handler(logging.Handler):
             if record.stack_info:
                 details += encode(f"\n{record.stack_info}")
             record.zelk_id = self.recorder._record(
-                make(str(record.msg), record.args or ()),  # type: ignore[arg-type]
+                make(str(record.msg), record.args or ()),
                 cause,
                 details,
                 record.pathname,

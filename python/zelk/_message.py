@@ -4,7 +4,7 @@
 import ctypes
 import functools
 import re
-from typing import Any, Mapping, NamedTuple, Optional, Tuple, Union
+from typing import Any, List, Mapping, NamedTuple, Optional, Tuple, Union
 
 from ._library import DOUBLE, LONG_LONG, TEXT, Argument, encode
 
@@ -30,7 +30,6 @@ class Message(NamedTuple):
 
     text: bytes
     arguments: Any
-    count: int
     size: int  # of the arguments in a record, in bytes
 
 
@@ -77,7 +76,7 @@ def plain(text: str) -> Message:
     """A text without conversions."""
     encoded = encode(text)
     if len(encoded) <= _DESCRIPTION_MAX:
-        return Message(encoded.replace(b"%", b"%%"), _NO_ARGUMENTS, 0, 0)
+        return Message(encoded.replace(b"%", b"%%"), _NO_ARGUMENTS, 0)
     return _made(b"%s", [encoded])
 
 
@@ -102,7 +101,7 @@ def _made(text: bytes, fields: "list[_Field]") -> Message:
             argument.kind = LONG_LONG
             argument.integer = field
             size += 12
-    return Message(text, arguments, len(fields), size)
+    return Message(text, arguments, size)
 
 
 class Form:
@@ -113,7 +112,7 @@ class Form:
         self.text = text
         self.letters = letters
         self.arguments = _array_type(len(letters))()
-        self._places = [(_place(argument, letter), _KINDS[letter]) for argument, letter in zip(self.arguments, letters)]
+        self._places: List[Tuple[Any, Any]] = [(_place(argument, letter), _KINDS[letter]) for argument, letter in zip(self.arguments, letters)]
 
     def fill(self, args: Tuple[Any, ...]) -> bool:
         """False, with some of them filled in, for arguments that this form has no place for."""

@@ -187,7 +187,7 @@ class Recorder:
             incident.line = line
             incident.default_message = message.text
             incident.arguments = ctypes.addressof(message.arguments)
-            incident.argument_count = message.count
+            incident.argument_count = len(message.arguments)
             incident.details = details
             incident.associated_eid = associated_eid
             result = _record_incident(0, None, self._handle, self._incident_pointer, self._eid_pointer)
