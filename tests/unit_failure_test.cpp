@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: MIT */
-/* What is made of a unit's properties, and which failures of it are passed over. Real units fail in script/test-sources. */
+/* What is made of a unit's properties, what caused its failure, and which failures are passed over. Real units fail in script/test-sources. */
 #include <fstream>
 
+#include "../sources/cause.h"
 #include "../sources/repeats.h"
-#include "../sources/unit.h"
+#include "qx_record.h"
 #include "support.h"
 
 static std::string in_words(const std::string& result, int32_t status, const std::string& need = "") {
@@ -62,4 +63,57 @@ TEST(failed_unit, is_remembered_in_a_file_whatever_stands_in_it) {
   EXPECT_EQ(known[0].result, "kept");
   EXPECT_TRUE(read_repeats(folder, "none.service").empty());
   EXPECT_FALSE(write_repeats(folder + "/none", "a.service", 14'000, known));
+}
+
+/* ---- Causes -------------------------------------------------------------------------------------------------------- */
+
+/* Records an incident of a process, the failure of `unit` where there is one. Returns its Error ID. */
+static std::string recorded(const char* stack, int32_t process, int32_t parent, std::string unit = "") {
+  cu_error_arg_t argument = {.cu_arg_type = CU_ERROR_ARG_CHAR_STR, .cu_arg_value = {}};
+  argument.cu_arg_value.cu_arg_char_str = unit.data();
+  zk_incident_t incident = {};
+  incident.process_id = process;
+  incident.parent_id = parent;
+  incident.default_message = "%1$s";
+  incident.arguments = &argument;
+  incident.argument_count = 1;
+  zk_recorder_t* recorder = nullptr;
+  zk_eid_t eid = "";
+  zk_open_or_create_recorder(0, nullptr, stack, 0, &recorder);
+  EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), ZELK_SUCCESS);
+  zk_close_recorder(recorder);
+  return eid;
+}
+
+TEST(cause_of_a_failure, is_the_newest_incident_of_its_processes_and_their_children) {
+  NEEDS_PRIVATE_VAR();
+  const int64_t now = time(nullptr);
+  unit_t unit = {};
+  unit.process_id = 5001;
+  unit.started = now * 1'000'000;
+  const run_t run = {.lines = "", .processes = {5002}};
+  recorded("causes", 4000, 1);
+  EXPECT_EQ(find_cause(unit, run, now), "");
+  for (auto [process, parent] : {std::pair{5001, 1}, {5002, 1}, {5003, 5001}, {5004, 5003}}) {
+    const std::string eid = recorded(process == 5003 ? "others" : "causes", process, parent);
+    EXPECT_EQ(find_cause(unit, run, now), eid) << process;
+  }
+  recorded(UNITS_STACK, 5001, 1, "other.service"); /* a failure is not recorded by the unit itself */
+  recorded("causes", 4000, 1);
+  EXPECT_NE(find_cause(unit, run, now), "");
+  unit.started = (now + 10) * 1'000'000; /* of a run before */
+  EXPECT_EQ(find_cause(unit, run, now), "");
+}
+
+TEST(cause_of_a_failure, is_else_that_of_a_unit_it_needs_in_the_same_minute) {
+  NEEDS_PRIVATE_VAR();
+  unit_t unit = {};
+  unit.needs = {"db.service", "net.service"};
+  const std::string eid = recorded(UNITS_STACK, 1, 1, "net.service");
+  recorded(UNITS_STACK, 1, 1, "clock.service");
+  recorded("causes", 1, 1, "db.service"); /* stands in another stack, and is no failure */
+  const int64_t now = time(nullptr);
+  EXPECT_EQ(find_cause(unit, {}, now), eid);
+  EXPECT_EQ(find_cause(unit, {}, now + 59), eid);
+  EXPECT_EQ(find_cause(unit, {}, now + 62), "");
 }

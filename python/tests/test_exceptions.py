@@ -8,6 +8,7 @@ import sys
 import threading
 import unittest
 from contextlib import redirect_stderr
+from unittest import mock
 
 import zelk
 from support import StackTest
@@ -104,15 +105,19 @@ class Chains(StackTest):
         self.assertEqual(incidents[-1]["description"], "ValueError: 9999")
         for one, next_one in zip(incidents, incidents[1:]):
             self.assertEqual(next_one["cause"], one["id"])
-        told = ValueError("end")
-        told.__cause__ = newest
-        self.assertEqual(zelk._chain.unrecorded(told)[2], 0)
-        fresh, last = None, None
-        for number in range(103):
-            last, fresh = fresh, ValueError(str(number))
-            fresh.__cause__ = last
-        chain, cause, left_out = zelk._chain.unrecorded(fresh)
-        self.assertEqual((len(chain), str(chain[0]), cause, left_out), (100, "3", None, 3))
+
+    def test_what_is_left_out_of_a_chain_is_told_by_the_first_incident(self):
+        chain = [ValueError(str(number)) for number in range(6)]
+        for cause, effect in zip(chain, chain[1:]):
+            effect.__cause__ = cause
+        self.record(chain[0])
+        with mock.patch.object(zelk._chain, "CHAIN_MAX", 3):
+            self.record(chain[5])
+        known, oldest, middle, newest = self.incidents()
+        self.assertEqual(oldest["details"].splitlines()[0], "2 earlier causes were left out")
+        self.assertEqual((oldest["description"], oldest["cause"]), ("ValueError: 3", None))
+        self.assertEqual((middle["cause"], newest["cause"]), (oldest["id"], middle["id"]))
+        self.assertNotIn("left out", newest["details"])
 
     def test_a_deep_traceback_keeps_its_end(self):
         def sink(depth: int) -> None:

@@ -149,6 +149,7 @@ class Many(StackTest):
         with recorder._lock:  # as another thread might when it forks
             child = os.fork()
             if child == 0:
+                self.assertIsNone(recorder._handle)
                 recorder.record("child")
                 os._exit(0)
         os.waitpid(child, 0)
