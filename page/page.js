@@ -3,14 +3,14 @@
  * a script; here it is taken apart, and what is in sight of it put on the page. Recorded text is only ever handed on as it
  * stands there, with its markup characters already escaped. */
 (() => {
-  const ROWS_AT_ONCE = 300, CHUNK = 40, ARROWS_MAX = 400, PRINTED_RECORDS_MAX = 300;
-  /* Measures of the drawing, in pixels: those of page_timeline.cpp. */
-  const LANE = 32, NODE = 24, AXIS = 44, RADIUS = 9, SMALL = 5.5, DIGIT = 6.5, GAP = 2, TIP = 5, CORNER = 5;
-  const DETOUR_MAX = 96, BAND_MIN = 5, CROWDED = 80, TICK = 84, DATE = 100;
-  const STEPS = [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000, 15000, 30000, 60000, 120000, 300000, 600000,
-    900000, 1800000, 3600000, 7200000, 10800000, 21600000, 43200000, 86400000]; /* milliseconds */
-
   const one = (selector, root = document) => root.querySelector(selector);
+  if (!one('.pane')) return; /* there are no incidents */
+
+  const ROWS_AT_ONCE = 300, CHUNK = 40, PRINTED_RECORDS_MAX = 300;
+  /* Measures of the drawing, in pixels and milliseconds: those of the one that needs no script. */
+  const {LANE, NODE, AXIS, RADIUS, SMALL, DIGIT, GAP, TIP, CORNER, TICK, DATE, DETOUR_MAX, BAND_MIN, CROWDED, ARROWS_MAX,
+    STEPS} = JSON.parse(one('.pane').dataset.measures);
+
   const all = (selector, root = document) => [...root.querySelectorAll(selector)];
   const clamp = (value, least, most) => Math.max(least, Math.min(most, value));
   const ENTITIES = {amp: '&', lt: '<', gt: '>', quot: '"', '#39': "'"};
@@ -399,6 +399,8 @@
     hasNumbers() ? RADIUS : SMALL;
   const view = () => look.view || [0, extent];
   const xOf = place => (place - view()[0]) * scale;
+  /* A mark is whole where everything is in sight, however narrow that is. */
+  const inSight = (x, half) => look.view ? x : clamp(x, half + 2, width - half - 2);
 
   /* What would overlap becomes one mark. */
   const placeMarks = () => {
@@ -408,16 +410,18 @@
       const found = [];
       for (const item of lane) {
         if (!isMatching[item.at]) continue;
-        let mark = {lane: number, x: xOf(item.place), items: [item]};
+        let mark = {lane: number, items: [item]};
         mark.half = halfWidth(mark.items);
+        mark.x = inSight(xOf(item.place), mark.half);
         for (let before = found[found.length - 1]; before && mark.x - mark.half < before.x + before.half + GAP;
           before = found[found.length - 1]) {
           found.pop();
           const count = mark.items.length, countBefore = before.items.length;
-          mark.x = (mark.x * count + before.x * countBefore) / (count + countBefore);
+          const middle = (mark.x * count + before.x * countBefore) / (count + countBefore);
           for (const other of mark.items) before.items.push(other);
           mark.items = before.items;
           mark.half = halfWidth(mark.items);
+          mark.x = inSight(middle, mark.half);
         }
         found.push(mark);
       }
@@ -516,16 +520,16 @@
         arrows.set(key, {cause, effects: new Set([mark]), count: 1});
       }
     }
-    let inSight = [...arrows.values()];
-    for (const arrow of inSight) arrow.effects = [...arrow.effects].sort((left, right) => left.x - right.x);
-    inSight = inSight.filter(({cause, effects}) => Math.min(cause.x, effects[0].x) < width &&
+    let drawn = [...arrows.values()];
+    for (const arrow of drawn) arrow.effects = [...arrow.effects].sort((left, right) => left.x - right.x);
+    drawn = drawn.filter(({cause, effects}) => Math.min(cause.x, effects[0].x) < width &&
       Math.max(cause.x, effects[effects.length - 1].x) > 0 && Math.min(cause.lane, effects[0].lane) < lastLane &&
       Math.max(cause.lane, effects[0].lane) >= firstLane);
-    if (inSight.length > ARROWS_MAX)
-      inSight = inSight.sort((left, right) => right.count - left.count).slice(0, ARROWS_MAX);
-    const isCrowded = inSight.length > CROWDED;
+    if (drawn.length > ARROWS_MAX)
+      drawn = drawn.sort((left, right) => right.count - left.count).slice(0, ARROWS_MAX);
+    const isCrowded = drawn.length > CROWDED;
     canvas.classList.toggle('crowded', isCrowded);
-    return html + inSight.map(arrow => arrowsHtml(arrow, isCrowded)).join('');
+    return html + drawn.map(arrow => arrowsHtml(arrow, isCrowded)).join('');
   };
 
   const nameOf = mark => {
@@ -679,15 +683,21 @@
     const from = Math.min(...places), to = Math.max(...places);
     const pad = Math.max((to - from) * 0.15, extent / 400);
     setView(from - pad, to + pad);
+    focused = item;
+    showLane(item.lane);
+    drawTimeLine();
+  };
+  const showLane = lane => {
+    const top = laneTops[lane];
+    if (top < pane.scrollTop + LANE) pane.scrollTop = top - LANE;
+    if (top > pane.scrollTop + pane.clientHeight - 120) pane.scrollTop = top - pane.clientHeight + 120;
   };
 
   const focusMark = mark => {
     focused = mark.items[0];
     const old = one('a[tabindex="0"]', canvas);
     if (old) old.setAttribute('tabindex', -1);
-    const top = laneTops[mark.lane];
-    if (top < pane.scrollTop + LANE) pane.scrollTop = top - LANE;
-    if (top > pane.scrollTop + pane.clientHeight - 120) pane.scrollTop = top - pane.clientHeight + 120;
+    showLane(mark.lane);
     if (!markElement(mark)) drawTimeLine();
     const element = markElement(markOf[focused.at]);
     element.setAttribute('tabindex', 0);
@@ -1007,7 +1017,6 @@
 
   const start = () => {
     const rows = one('noscript.rows');
-    if (!rows) return;
     form = one('.ask');
     list = document.createElement('div');
     parseRows(rows.textContent);

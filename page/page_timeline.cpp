@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* page_timeline.cpp - the incidents on a time line: where each stands, and the drawing that needs no script. page.js draws
- * the same, by the same measures, for any part of the time and of the incidents. */
+ * the same, by the same measures, which the page hands to it, for any part of the time and of the incidents. */
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -31,6 +31,28 @@ static constexpr int DETOUR_MAX = 96; /* around marks; beyond, arrows pass below
 static constexpr size_t BAND_MIN = 5; /* so many arrows of one cause into one lane become a band */
 static constexpr size_t CROWDED = 80; /* so many arrows are drawn faint, straight, and without tips */
 static constexpr size_t ARROWS_MAX = 400;
+
+/* Steps between two times of the axis, in milliseconds. */
+static constexpr int64_t STEPS[] = {1,      2,      5,       10,      20,      50,       100,      200,      500,
+                                    1000,   2000,   5000,    10000,   15000,   30000,    60000,    120000,   300000,
+                                    600000, 900000, 1800000, 3600000, 7200000, 10800000, 21600000, 43200000, 86400000};
+
+/* The measures by the names that the script has for them. */
+static constexpr struct {
+  const char* name;
+  double value;
+} MEASURES[] = {{"LANE", LANE_HEIGHT},   {"NODE", NODE_HEIGHT},  {"AXIS", FIRST_LANE},      {"RADIUS", RADIUS},
+                {"SMALL", SMALL_RADIUS}, {"DIGIT", DIGIT_WIDTH}, {"GAP", MARK_GAP},         {"TIP", TIP},
+                {"CORNER", CORNER},      {"TICK", TICK_WIDTH},   {"DATE", DATE_WIDTH},      {"DETOUR_MAX", DETOUR_MAX},
+                {"BAND_MIN", BAND_MIN},  {"CROWDED", CROWDED},   {"ARROWS_MAX", ARROWS_MAX}};
+
+static std::string measures_for_script() {
+  std::string json = "{";
+  for (const auto& [name, value] : MEASURES) json += std::string("\"") + name + "\":" + formatted("%g", value) + ",";
+  json += "\"STEPS\":[";
+  for (int64_t step : STEPS) json += (step == STEPS[0] ? "" : ",") + std::to_string(step);
+  return json + "]}";
+}
 
 /* ---- Time ---------------------------------------------------------------------------------------------------------- */
 
@@ -354,10 +376,6 @@ static std::string pause_text(int64_t microseconds) {
 
 /* The step between two times of the axis: a round one that leaves them room. */
 static int64_t find_step(const burst_t& burst) {
-  static constexpr int64_t STEPS[] = {1,       2,       5,        10,       20,       50,      100,
-                                      200,     500,     1000,     2000,     5000,     10000,   15000,
-                                      30000,   60000,   120000,   300000,   600000,   900000,  1800000,
-                                      3600000, 7200000, 10800000, 21600000, 43200000, 86400000}; /* milliseconds */
   const double span = static_cast<double>(burst.to) - static_cast<double>(burst.from);
   const double least = burst.width > 0 ? span * TICK_WIDTH / burst.width : 0;
   for (int64_t step : STEPS)
@@ -453,7 +471,9 @@ std::string make_time_line(const page_t& page) {
   for (const burst_t& burst : drawing.bursts)
     bursts += formatted(" %lld %lld %.2f %.2f", static_cast<long long>(burst.from), static_cast<long long>(burst.to),
                         burst.x, burst.width);
-  return formatted("<div class=pane data-bursts=\"%.0f", WIDTH) + bursts + "\">\n" + make_lane_names(page) +
+  return formatted("<div class=pane style=\"--axis:%.0fpx;--lane:%.0fpx;--node:%.0fpx\" data-bursts=\"%.0f", FIRST_LANE,
+                   LANE_HEIGHT, NODE_HEIGHT, WIDTH) +
+         bursts + "\" data-measures='" + measures_for_script() + "'>\n" + make_lane_names(page) +
          "<noscript><div class=drawing tabindex=0 role=region aria-label=\"Time line\">" + make_svg(drawing) +
          "</div></noscript></div>\n";
 }
