@@ -311,6 +311,16 @@ RETURN CASE
   ELSE false
 END;
 
+-- The name of a result code, as qx_zelk.h has it.
+CREATE OR REPLACE FUNCTION zelk_result_name(code int) RETURNS text LANGUAGE sql IMMUTABLE
+RETURN CASE code WHEN -99 THEN 'ZELK_UNSUPPORTED' ELSE (ARRAY[
+    'ZELK_FAILURE', 'ZELK_INV_PARAM1', 'ZELK_INV_PARAM2', 'ZELK_INV_PARAM3', 'ZELK_INV_PARAM4', 'ZELK_INV_PARAM5',
+    'ZELK_INV_PARAM6', 'ZELK_INV_PARAM7', 'ZELK_INV_PARAM8', 'ZELK_INV_PARAM9', 'ZELK_INV_PARAMCOMBO', NULL,
+    'ZELK_DIR_NO_ACCESS', 'ZELK_DIR_MISSING', 'ZELK_STALE', 'ZELK_READ_ONLY', 'ZELK_NOT_A_DIR', 'ZELK_NO_SPACE',
+    'ZELK_NO_MEMORY', 'ZELK_TOO_MANY', 'ZELK_LINK_LOOP', 'ZELK_NAME_TOO_LONG', 'ZELK_IS_A_DIR', 'ZELK_FILE_MISSING',
+    'ZELK_NO_ACCESS', 'ZELK_FILE_CORRUPT', 'ZELK_FILE_EXIST', 'ZELK_LOCK', 'ZELK_UNLOCK', 'ZELK_IO_ERROR', 'ZELK_INV_ENV',
+    'ZELK_INV_STACKNAME', 'ZELK_INV_RECLEN', 'ZELK_INV_RECVERSN', 'ZELK_REC_CORRUPT', 'ZELK_INV_FID', 'ZELK_REMOTE_FID'])[-code] END;
+
 -- What is wrong with a line that not every recorder's stack gives, if nothing else is; `kind` as below.
 CREATE OR REPLACE FUNCTION zelk_read_other(line text, OUT kind text, OUT reason text) LANGUAGE plpgsql IMMUTABLE AS $$
 DECLARE
@@ -327,6 +337,8 @@ BEGIN
     written := head || ',"error":' || json_strip_nulls(row_to_json(said.error)) || '}';
     IF (said.error).code IS NULL OR (said.error).name IS NULL OR coalesce((said.error).reason, '') = '' THEN
       reason := 'a member is missing';
+    ELSIF zelk_result_name((said.error).code) IS DISTINCT FROM (said.error).name OR (said.error)."offset" < 0 THEN
+      reason := 'an error that is none';
     END IF;
   ELSE
     said.id := coalesce(said.id, nothing);
@@ -368,12 +380,13 @@ DECLARE
   is_key boolean;
   kind_said text := 'incident';
 BEGIN
-  IF line IS NULL OR line NOT LIKE '{"stack":"%' THEN
+  IF line IS NULL OR line NOT LIKE '{"stack":"%' -- or with a control that zkexport escapes, and PostgreSQL does not
+    OR strpos(line, E'\x7f') > 0 OR octet_length(line) > length(line) AND line ~ '[\u0080-\u009f]' THEN
     reason := 'not a line of zkexport';
     RETURN;
   END IF;
   said := json_populate_record(NULL::zelk_line, line::json);
-  IF row_to_json(said)::text <> line THEN
+  IF row_to_json(said)::text <> line OR strpos(line, '\u') > 0 THEN -- their digits are another's
     SELECT * FROM zelk_read_other(line) INTO kind_said, reason;
   END IF;
 
@@ -389,8 +402,9 @@ BEGIN
         THEN 'an Error ID that is none'
       WHEN host(said.node::inet) <> said.node
         THEN 'a node that is no address'
-      WHEN said.id_time IS NOT NULL AND NOT (is_key AND said.id_time COLLATE "C" < '2106-02-07T06:28:16'
-        AND to_char(zelk_time(said.id) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = said.id_time)
+      WHEN said.id_time IS NOT NULL AND NOT (octet_length(said.id) = 42 -- of its entry nothing is decoded
+        AND coalesce(said.id ~ '^[./0-9A-Za-z].{1,6}[./0-9A-Za-z]{35}$', false) AND said.id_time COLLATE "C" < '2106-02-07T06:28:16'
+        AND to_char(zelk_time('.......' || right(said.id, 35)) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = said.id_time)
         THEN 'a time that its Error ID does not say'
       WHEN length(said.time) <> 20 OR said.time COLLATE "C" NOT BETWEEN '1901-12-13T20:45:52Z' AND '2038-01-19T03:14:07Z'
         THEN 'a time that no record has'

@@ -13,6 +13,7 @@
 #include <iterator>
 #include <span>
 
+#include "text.h"
 #include "utc_time.h"
 #include "zk_eid_layout.h"
 #include "zkfields.h"
@@ -45,28 +46,36 @@ static bool is_base64_digit(char character) {
          (character >= 'a' && character <= 'z');
 }
 
-/* Decodes time and node of the Error ID, whose entry may be anything. They are left out when it cannot be decoded. */
-static void decode_id(incident_t* incident) {
-  incident->node.clear();
-  incident->id_time = NO_ID_TIME;
-  const std::string_view id = incident->id;
-  if (id.size() != ZELK_EID_LENGTH) return;
+bool time_of_id(std::string_view id, int64_t* id_time) {
+  if (id.size() != ZELK_EID_LENGTH) return false;
   zk_eid_parts_t parts;
   std::memcpy(&parts, id.data(), sizeof parts);
-  std::memset(parts.entry, ZERO_DIGIT, sizeof parts.entry);
+  std::memset(parts.entry, ZERO_DIGIT, sizeof parts.entry); /* which may be anything */
   const std::string_view digits(reinterpret_cast<const char*>(&parts), sizeof parts);
-  if (!std::all_of(digits.begin(), digits.end(), is_base64_digit)) return;
+  if (!std::all_of(digits.begin(), digits.end(), is_base64_digit)) return false;
 
+  timeval time;
+  if (zk_conv_base_64_time(0, nullptr, parts.time, &time) != ZELK_SUCCESS) return false;
+  *id_time = time.tv_sec * SECOND + time.tv_usec;
+  return true;
+}
+
+/* Decodes time and node of the Error ID. They are left out when it cannot be decoded. */
+static void decode_id(incident_t* incident) {
+  int64_t id_time = 0;
+  incident->node.clear();
+  incident->id_time = NO_ID_TIME;
+  if (!time_of_id(incident->id, &id_time)) return;
+  zk_eid_parts_t parts;
+  std::memcpy(&parts, incident->id.data(), sizeof parts);
   const std::array<char, 2> header = {parts.header, '\0'};
   const char type = parts.address[ADDR_CODE_WIDTH];
   int version, location;
-  timeval time;
   addr_words address = {};
   if (zk_conv_base_64_hdr(0, nullptr, header.data(), &version, &location) != ZELK_SUCCESS) return;
-  if (zk_conv_base_64_time(0, nullptr, parts.time, &time) != ZELK_SUCCESS) return;
   if (zk_conv_ipaddr(0, nullptr, parts.address, type, address.data()) != ZELK_SUCCESS) return;
 
-  incident->id_time = time.tv_sec * SECOND + time.tv_usec;
+  incident->id_time = id_time;
   incident->node = address_text(type, address);
 }
 
@@ -130,14 +139,32 @@ static argument_t decode_argument(const cu_error_arg_t& argument) {
 
 /* ---- Records ------------------------------------------------------------------------------------------------------- */
 
-/* Cuts a description at a whole character, and says so as details do. */
-static void cut_description(std::string* text) {
+/* Bytes that a character takes in a line of JSON, at most. */
+static size_t written_size(const character_t& character) {
+  if (!character.is_well_formed) return REPLACEMENT.size();
+  if (character.code < 0x20 || (character.code >= 0x7F && character.code < 0xA0))
+    return std::string_view("\\u0000").size();
+  return character.code == '"' || character.code == '\\' ? 2 : character.size;
+}
+
+/* Cuts a description that is too long at a whole character, and says so as details do. Returns whether it did. */
+static bool cut_description(std::string* text) {
   static constexpr std::string_view MARK = "...";
-  size_t end = DESCRIPTION_MAX - MARK.size();
-  const size_t latest = end - std::min(end, size_t{3}); /* where a character that is cut in two may begin */
-  while (end > latest && (static_cast<unsigned char>((*text)[end]) & 0xC0) == 0x80) --end;
-  text->resize(end);
+  if (text->size() * std::string_view("\\u0000").size() <= WRITTEN_DESCRIPTION_MAX) return false;
+  const bool is_text = is_utf8(*text);
+  size_t written = 0, at = 0, kept = 0; /* `kept` bytes fit with the mark */
+  while (at < text->size()) {
+    const character_t character = character_at(*text, at);
+    written += written_size(character);
+    at += character.size;
+    const size_t all = written + (is_text ? 0 : (at + MARK.size() + 2) / 3 * 4); /* with the bytes in base64 */
+    if (at > DESCRIPTION_MAX || all > WRITTEN_DESCRIPTION_MAX) break;
+    if (at + MARK.size() <= DESCRIPTION_MAX && all + MARK.size() <= WRITTEN_DESCRIPTION_MAX) kept = at;
+    if (at == text->size()) return false;
+  }
+  text->resize(kept);
   *text += MARK;
+  return true;
 }
 
 /* Fills in what a record says, all but `stack` and `offset`. */
@@ -167,8 +194,7 @@ static void fill_in(const zk_decoded_t& decoded, incident_t* incident) {
   char* const text = zk_describe(decoded);
   incident->description = text != nullptr ? text : "";
   free(text);
-  incident->is_cut = incident->description.size() > DESCRIPTION_MAX;
-  if (incident->is_cut) cut_description(&incident->description);
+  incident->is_cut = cut_description(&incident->description);
   incident->details = recorded.details;
 }
 

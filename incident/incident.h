@@ -19,8 +19,11 @@ struct argument_t {
   bool is_number; /* the value is a number as JSON has them */
 };
 
-/* Bytes of a filled-in description, at most: a catalog that a record names can make it as long as it likes. */
+/* Bytes of a filled-in description, at most, and of what it is in a line of JSON, where controls are six and bytes that are no
+ * UTF-8 come twice: a catalog that a record names can make it as long as it likes. All else in a line takes less than 22 KiB, so
+ * the line has less than 63, which is what the frames and files on its way have room for. */
 inline constexpr size_t DESCRIPTION_MAX = 32768;
+inline constexpr size_t WRITTEN_DESCRIPTION_MAX = 40960;
 
 inline constexpr int64_t NO_ID_TIME = -1;
 
@@ -42,9 +45,12 @@ struct incident_t {
   std::string default_message;
   std::vector<argument_t> arguments;
   std::string description; /* filled in */
-  bool is_cut;             /* it was longer than DESCRIPTION_MAX */
+  bool is_cut;             /* it was too long */
   std::string details;
 };
+
+/* The time of an Error ID, in microseconds since the Epoch. Returns false when it cannot be decoded. */
+bool time_of_id(std::string_view id, int64_t* id_time);
 
 /* Names a kind of argument, CU_ERROR_ARG_... or any other number. */
 const char* argument_type_name(int32_t type);

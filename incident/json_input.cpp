@@ -39,10 +39,14 @@ static bool read_time(json_reader_t* reader, int64_t* microseconds) {
   return read_json_string(reader, &text) && parse_utc_time(text, microseconds);
 }
 
+/* An address can be written in several ways, and is in one. */
 static bool is_address(const std::string& text) {
   std::array<unsigned char, sizeof(in6_addr)> address;
-  return inet_pton(AF_INET, text.c_str(), address.data()) == 1 ||
-         inet_pton(AF_INET6, text.c_str(), address.data()) == 1;
+  std::array<char, INET6_ADDRSTRLEN> usual = {};
+  for (int family : {AF_INET, AF_INET6})
+    if (inet_pton(family, text.c_str(), address.data()) == 1)
+      return inet_ntop(family, address.data(), usual.data(), usual.size()) != nullptr && text == usual.data();
+  return false;
 }
 
 static bool is_eid_text(const std::string& text) {
@@ -240,14 +244,22 @@ static bool read_damage(json_reader_t* reader, damage_t* damage) {
   if (!read_json(reader, '{')) return false;
   while (next_json_item(reader, '}', &count, &is_over)) {
     if (!read_json_string(reader, &key) || !read_json(reader, ':')) return false;
-    const bool is_read = key == "code"     ? damage->code == 0 && read_number(reader, &damage->code)
-                         : key == "name"   ? name.empty() && read_json_string(reader, &name)
-                         : key == "offset" ? damage->offset < 0 && read_number(reader, &damage->offset)
+    const bool is_read = key == "code"   ? damage->code == 0 && read_number(reader, &damage->code)
+                         : key == "name" ? name.empty() && read_json_string(reader, &name)
+                         : key == "offset"
+                             ? damage->offset < 0 && read_number(reader, &damage->offset) && damage->offset >= 0
                          : key == "reason" ? damage->reason.empty() && read_json_string(reader, &damage->reason)
                                            : skip_json_value(reader);
     if (!is_read) return false;
   }
-  return is_over && damage->code < 0 && name == zk_result_name(damage->code) && !damage->reason.empty();
+  return is_over && damage->code < 0 && !name.empty() && name == zk_result_name(damage->code) &&
+         !damage->reason.empty();
+}
+
+/* Whether the Error ID says the time that the line has beside it. */
+static bool is_time_of_id(const incident_t& incident) {
+  int64_t id_time = 0;
+  return time_of_id(incident.id, &id_time) && id_time == incident.id_time;
 }
 
 /* What a line is by its members. */
@@ -285,5 +297,6 @@ line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* da
     if (!is_read) return line_t::NOTHING;
   }
   if (!is_over || !is_json_over(&reader) || !restore_bytes(line, incident)) return line_t::NOTHING;
+  if (incident->id_time != NO_ID_TIME && !is_time_of_id(*incident)) return line_t::NOTHING;
   return line_of(line, is_gap, is_damage);
 }

@@ -101,6 +101,22 @@ TEST(json, cuts_a_description_that_a_catalog_makes_too_long) {
             "[true,32768,\"...\"]\nnull\n");
 }
 
+/* The longest lines there are: a description of controls, or of bytes that are no text, and as many arguments as fit. */
+TEST(json, has_no_line_that_is_too_long_for_its_carriers) {
+  for (const std::string& bad : {std::string(400, '\x01'), std::string(400, '\xFF')}) {
+    std::string arguments = string_arg(bad);
+    for (int count = 0; count < 50; ++count) arguments += string_arg("\xFF");
+    std::string description;
+    for (int count = 0; count < 50; ++count) description += "%1$s";
+    const std::string file = stack().add({.description = description, .arg_count = 51, .args = arguments}).file();
+    EXPECT_EQ(script("$zkexport " + file +
+                     " >line; [ $(wc -c <line) -lt 64512 ] && jq -c .cut line; $zkexport --input <line | cmp - line;"
+                     "timeout 0.3 $zkexport --follow " +
+                     file + " | cmp - line"),
+              "true\n");
+  }
+}
+
 TEST(json, tells_where_a_stack_is_damaged_and_goes_on_with_the_next) {
   stack bad_length, bad_version, bad_header;
   bad_length.add("one").add_raw(-7, "");

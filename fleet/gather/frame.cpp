@@ -118,6 +118,6 @@ std::string make_message(std::string_view host, std::string_view place, std::str
   message += " zelk ";
   message += place.empty() ? "-" : place;
   message += " - - ";
-  message += line;
+  message += line.substr(0, FRAME_CONTENT_MAX - message.size());
   return message;
 }
