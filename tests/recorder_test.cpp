@@ -477,6 +477,20 @@ TEST(lock, is_waited_for_whatever_signals_come) {
   EXPECT_EQ(shown(path).numbers, (std::vector{1000}));
 }
 
+TEST(lock, is_waited_for_where_another_recorder_may_be_at_the_header) {
+  const std::string path = empty_stack(), good = contents(path);
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  const int holder = open(path.c_str(), O_RDWR);
+  ASSERT_EQ(fcntl(holder, F_OFD_SETLK, &whole), 0);
+  ASSERT_EQ(pwrite(holder, "\0\0\0\0", 4, 8), 4); /* write_pos */
+  std::thread waiting([&] { EXPECT_EQ(record(path, 1000), 0); });
+  usleep(50000);
+  ASSERT_EQ(pwrite(holder, good.data(), 24, 0), 24);
+  close(holder);
+  waiting.join();
+}
+
 TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards) {
   const std::string path = empty_stack();
   int id = 0, cancel_state = PTHREAD_CANCEL_DISABLE;

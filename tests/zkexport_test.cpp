@@ -9,7 +9,7 @@ static const std::string ID = "726md..Wdc/f/iJr/06...1...................",
 
 /* What would do harm, or be lost, where it is taken for anything but text. */
 static const std::string HOSTILE =
-    "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9B \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xF0\x9F\x98\x80";
+    "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9B \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xF0\x9F\x98\x80 \xEF\xBF\xBF";
 
 static incident hostile(const std::string& id, const std::string& cause) {
   incident made = {.id = id, .related = cause, .arg_count = 1, .args = string_arg(HOSTILE)};
@@ -54,6 +54,13 @@ TEST(json, gives_all_that_is_recorded_in_the_order_of_its_keys) {
                  "\n"));
 }
 
+TEST(json, shows_that_a_whole_number_is_a_double_and_whose_id_has_any_entry) {
+  const std::string file =
+      stack().add({.id = "7??????" + ID.substr(7), .arg_count = 1, .args = wide_arg(CU_ERROR_ARG_DOUBLE, 3.0)}).file();
+  EXPECT_EQ(script("$zkexport " + file + " | grep -o '\"value\":[^}]*\\|\"node\":\"[^\"]*'"),
+            "\"node\":\"192.0.2.2\n\"value\":3.0\n");
+}
+
 TEST(json, shows_a_value_that_it_cannot_hold_as_a_text) {
   const std::string arguments = wide_arg(CU_ERROR_ARG_DOUBLE, std::numeric_limits<double>::infinity()) +
                                 image(int32_t{CU_ERROR_ARG_RESERVED}) + "\x01\x02\x03\x04\x05\x06\x07\x08" +
@@ -87,18 +94,19 @@ assert "id_time" not in incident
   EXPECT_EQ(checked, "");
 }
 
-TEST(json, cuts_a_description_that_a_catalog_makes_too_long) {
-  const std::string file =
-      stack().add({.description = "%1$9000s%1$9000s", .arg_count = 1, .args = string_arg("x")}).file();
-  std::string wide; /* 40 times 1,000 columns, the first of two bytes */
-  for (int count = 0; count < 40; ++count) wide += "%1$1000s";
-  const std::string long_one =
-      stack().add({.description = "\xC3\xA9" + wide, .arg_count = 1, .args = string_arg("\xC3\xA9")}).file();
-  EXPECT_EQ(script("$zkexport " + long_one +
-                   " | jq -c '[.cut, (.description | utf8bytelength), .description[-3:]]';"
-                   "$zkexport " +
-                   file + " | jq -c .cut; $zkexport " + long_one + " >l; $zkexport --input <l | cmp - l"),
-            "[true,32768,\"...\"]\nnull\n");
+/* 40 times 800 bytes fit into 32 KiB, 41 times do not; each character has two. */
+TEST(json, cuts_a_description_that_is_too_long_at_a_whole_character) {
+  std::string accents, shown;
+  for (int count = 0; count < 400; ++count) accents += "\u00e9";
+  for (const int times : {40, 41}) {
+    std::string format;
+    for (int count = 0; count < times; ++count) format += "%1$s";
+    const std::string file =
+        stack().add({.description = format, .arg_count = 1, .args = string_arg(accents), .details = ""}).file();
+    shown += script("$zkexport " + file + " >l; jq -c '[.cut, (.description | utf8bytelength), .description[-4:]]' l;"
+                                          "$zkexport --input <l | cmp - l");
+  }
+  EXPECT_EQ(shown, "[null,32000,\"\u00e9\u00e9\u00e9\u00e9\"]\n[true,32767,\"\u00e9...\"]\n");
 }
 
 /* The longest lines there are: a description of controls, or of bytes that are no text, and as many arguments as fit. */
@@ -147,7 +155,7 @@ TEST(node, exports_every_stack_by_name_and_the_incident_of_an_id) {
   NEEDS_PRIVATE_VAR();
   const std::string taken =
       script("mkdir " ZELK_STACK_DIR
-             "/folder; for s in b a; do $zkrecord -C $s 'first of %s' $s; $zkrecord -q $s 'more'; done");
+             "/folder; $zkrecord -qC .zelk-0 'being made'; for s in b a; do $zkrecord -C $s 'first of %s' $s; $zkrecord -q $s 'more'; done");
   EXPECT_EQ(script("$zkexport --every | jq -r '.stack + \" \" + .description'"),
             "a first of a\na more\nb first of b\nb more\n");
   const std::string id = taken.substr(0, 42);
@@ -171,6 +179,12 @@ TEST(follow, gives_what_is_recorded_in_a_stack_that_appears_later_and_is_replace
                             "$zkrecord -q -C $s.new three; $zkrecord -q $s late; mv $s.new $s; lines 4;"
                             "$zkrecord -q $s four; lines 5; shown; end TERM"),
             "one two late three four ended 0\n");
+}
+
+TEST(follow, goes_on_with_a_file_whose_other_name_goes) {
+  EXPECT_EQ(script(FOLLOW + "$zkrecord -qC $folder/s one; ln s t; follow $folder/s $folder/t; lines 2; rm t; sleep 0.3;"
+                            "$zkrecord -q $folder/s two; lines 3; shown; end TERM"),
+            "one one two ended 0\n");
 }
 
 TEST(follow, tells_damage_once_and_sleeps_while_nothing_happens) {
@@ -331,7 +345,7 @@ class Reader(html.parser.HTMLParser):
 Reader().feed(page)
 hostile = open(")" +
                    new_file(HOSTILE) + R"(", "rb").read().decode("utf-8", "replace")
-for control in "\x1b\x7f\x9b": hostile = hostile.replace(control, "\ufffd")
+for control in "\x1b\x7f\x9b\uffff": hostile = hostile.replace(control, "\ufffd")
 assert texts.count(hostile) >= 3 * 6, texts
 assert elements.count("script") == 1 and set(ids) >= {"<b>\"" + chr(39) + "&", "same"}, ids
 assert len(ids) == len(set(ids)) == 4, ids')"),
@@ -361,7 +375,7 @@ TEST(input, is_what_json_gives_and_nothing_else) {
   for (const auto& [was, is] : std::vector<std::pair<std::string, std::string>>{{"}\n", "}\r\n"},
                                                                                 {"{", "{ \"more\" : [1e3, null] , "},
                                                                                 {"\"proc\"", "\"\\u0070roc\""},
-                                                                                {"\"proc\"", "\"\\ud83d\\ude00\""}})
+                                                                                {"\"proc\"", "\"\\ud83d\\ude00\\udbff\\udfff\""}})
     EXPECT_EQ(status_with(was, is), 0) << is;
   for (const auto& [was, is] :
        std::vector<std::pair<std::string, std::string>>{{"\"value\":5", "\"value\":1e131071"},
