@@ -132,14 +132,14 @@ struct other_process {
   bool* done = static_cast<bool*>(mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   pid_t process = 0;
 
-  explicit other_process(const std::string& path) {
+  explicit other_process(const std::string& path, useconds_t kept = 150000) {
     int ready[2];
     char has_it = 'n';
     EXPECT_EQ(pipe(ready), 0);
     process = fork();
     if (process == 0) {
       lockf(open(path.c_str(), O_RDWR), F_LOCK, 0);
-      if (write(ready[1], "y", 1) == 1) usleep(150000);
+      if (write(ready[1], "y", 1) == 1) usleep(kept);
       *done = true;
       _exit(0);
     }
@@ -209,12 +209,13 @@ TEST_F(trace_file, keeps_no_signal_from_a_thread_that_waits_for_another_or_forks
 
 /* Traces in a child that is to receive a SIGUSR1 meanwhile, and whose handler forks. */
 static void trace_and_fork_in_handler(const std::string& path) {
-  static pid_t forked = -1;
+  static volatile pid_t forked = -1;
   signal(SIGUSR1, [](int) {
     forked = fork();
     if (forked == 0) _exit(0);
   });
   EXPECT_EQ(trace(path), 0);
+  while (forked == -1) usleep(1000); /* on a busy machine the signal may come behind it */
   EXPECT_EQ(waitpid(forked, nullptr, 0), forked);
 }
 
@@ -301,7 +302,7 @@ TEST_F(trace_file, is_not_waited_for_by_a_handler_whose_thread_waits_for_another
     static const std::string* traced = &path;
     static int of_handler = 0;
     signal(SIGUSR1, [](int) { of_handler = trace(*traced, "of the handler"); });
-    const other_process other(path);
+    const other_process other(path, 500000);
     std::thread writer([&] { trace(path, "of the thread"); });
     usleep(30000);
     std::thread sender([tracer = pthread_self()] {

@@ -12,9 +12,9 @@ static outcome zkrecord(std::vector<std::string> arguments, const environment& v
   arguments.insert(arguments.begin(), program("zkrecord"));
   return run(arguments, variables);
 }
-/* A line of the shell in which `zkrecord` is the command and S a stack. */
+/* A line of the shell in which S is a stack. */
 static outcome script(const std::string& stack, const std::string& line) {
-  return shell("zkrecord() { " + program("zkrecord") + " \"$@\"; }; S=" + stack + "; " + line);
+  return shell("S=" + stack + "; " + line);
 }
 /* What the full report of the newest incident shows from `label` up to `behind`. */
 static std::string newest(const std::string& stack, const std::string& label, const std::string& behind = "\n") {
