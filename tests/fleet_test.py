@@ -493,6 +493,20 @@ def by_tls():
     expect("and nothing has ended", middle.poll(), None)
 
 
+def killed_behind_a_relay():
+    """A relay sends again what the gatherer behind it had not answered for."""
+    start_gatherer("--listen=127.0.0.1:2651", "--relay=127.0.0.1:2650", port=2651, name="relay")
+    conversation = Conversation(2651, host="relayed")
+    for first in range(400000, 405000, 1000):
+        gatherer = start_gatherer("--listen=127.0.0.1:2650", f"--database={fleet.conninfo()}", port=2650, name="behind")
+        conversation.tell([line_of(first + number) for number in range(1000)])
+        wait_until(lambda: rows("host = 'relayed'") > first - 400000, pause=0.001)
+        kill(gatherer)
+    start_gatherer("--listen=127.0.0.1:2650", f"--database={fleet.conninfo()}", port=2650, name="behind")
+    conversation.wait()
+    expect("what waits behind a relay outlives gatherers that are killed", rows("host = 'relayed'"), 5000)
+
+
 def several_databases():
     """Rows in two databases, and then in three: any of them can be asked, and takes any line."""
     for name in ("part1", "part2", "part3"):
@@ -708,6 +722,7 @@ def main():
     gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
     silent = [socket.create_connection(("127.0.0.1", 2514)) for _ in range(600)]
     begun = time.monotonic()
+    hostile_frames(gatherer)  # before what is said of the silent ones fills the log
     lines_that_are_none()
     one_judge()
     what_recorders_write()
@@ -717,10 +732,10 @@ def main():
     questions()
     checks()
     who_may()
-    hostile_frames(gatherer)
     neighbours()
     half_open(begun, silent)
     by_tls()
+    killed_behind_a_relay()
     several_databases()
     killed_gatherers()
     away()

@@ -55,8 +55,8 @@ int connect_to(const std::string& host, const std::string& port, unsigned int nu
     *reason = gai_strerror(result);
     return -1;
   }
-  unsigned int count = 0;
-  for (const addrinfo* one = found; one != nullptr; one = one->ai_next) ++count;
+  unsigned int count = 1;
+  for (const addrinfo* one = found->ai_next; one != nullptr; one = one->ai_next) ++count;
   const addrinfo* chosen = found;
   for (number %= count; number > 0; --number) chosen = chosen->ai_next;
   const int fildes = socket(chosen->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
