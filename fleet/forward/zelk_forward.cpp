@@ -319,8 +319,10 @@ static int parse_request(int argc, char** argv, forward_t* forward) {
       return std::fputs(HELP, stdout) < 0 || std::fflush(stdout) != 0 ? 1 : 0;
     else if (chosen == VERSION)
       return std::puts("zelk-forward " ZKVIEW_VERSION) < 0 || std::fflush(stdout) != 0 ? 1 : 0;
-    else
-      return std::fputs("Try 'zelk-forward --help'\n", stderr), 2; /* getopt has said why */
+    else {
+      std::fputs("Try 'zelk-forward --help'\n", stderr); /* getopt has said why */
+      return 2;
+    }
   }
   if (optind + 1 != argc) return misuse("one middle is required");
   forward->port = "2514";
