@@ -116,9 +116,9 @@ TEST(json, has_no_line_that_is_too_long_for_its_carriers) {
     std::string description;
     for (int count = 0; count < 50; ++count) description += "%1$s";
     const std::string file = stack().add({.description = description, .arg_count = 51, .args = arguments}).file();
-    EXPECT_EQ(script("$zkexport " + file +
-                     " >line; [ $(wc -c <line) -lt 64512 ] && jq -c .cut line; $zkexport --input <line | cmp - line;"
-                     "timeout 0.3 $zkexport --follow " +
+    EXPECT_EQ(script("zkexport " + file +
+                     " >line; [ $(wc -c <line) -lt 64512 ] && jq -c .cut line; zkexport --input <line | cmp - line;"
+                     "timeout 0.3 zkexport --follow " +
                      file + " | cmp - line"),
               "true\n");
   }
@@ -230,8 +230,8 @@ TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
 
 TEST(node, gives_each_stack_once_whatever_leads_to_it) {
   NEEDS_PRIVATE_VAR();
-  EXPECT_EQ(script("cd " ZELK_STACK_DIR "; $zkrecord -qC s one; ln s same; ln -s s link; cp s .s.copy; "
-                   "$zkexport --every | jq -r .stack; $zkexport link | jq -r .stack"),
+  EXPECT_EQ(script("cd " ZELK_STACK_DIR "; zkrecord -qC s one; ln s same; ln -s s link; cp s .s.copy; "
+                   "zkexport --every | jq -r .stack; zkexport link | jq -r .stack"),
             "s\nlink\n");
 }
 
@@ -268,8 +268,8 @@ TEST(reading, needs_no_lock_of_a_stack_that_may_not_be_written) {
 
 TEST(reading, needs_no_lock_of_a_stack_on_a_read_only_file_system) {
   NEEDS_PRIVATE_VAR();
-  EXPECT_EQ(script("mount -t tmpfs none " ZELK_STACK_DIR " && $zkrecord -qC s one; mount -o remount,ro " ZELK_STACK_DIR
-                   "; $zkexport s | jq -r .description; $zkexport --every -otree | wc -l; umount " ZELK_STACK_DIR),
+  EXPECT_EQ(script("mount -t tmpfs none " ZELK_STACK_DIR " && zkrecord -qC s one; mount -o remount,ro " ZELK_STACK_DIR
+                   "; zkexport s | jq -r .description; zkexport --every -otree | wc -l; umount " ZELK_STACK_DIR),
             "one\n1\n");
 }
 
