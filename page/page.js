@@ -8,7 +8,7 @@
 
   const ROWS_AT_ONCE = 300, CHUNK = 40, PRINTED_RECORDS_MAX = 300;
   /* Measures of the drawing, in pixels and milliseconds: those of the one that needs no script. */
-  const {LANE, NODE, AXIS, RADIUS, SMALL, DIGIT, GAP, TIP, CORNER, TICK, DATE, DETOUR_MAX, BAND_MIN, CROWDED, ARROWS_MAX,
+  const {LANE, NODE, AXIS, NAMES, RADIUS, SMALL, DIGIT, GAP, TIP, CORNER, TICK, DATE, DETOUR_MAX, BAND_MIN, CROWDED, ARROWS_MAX,
     STEPS} = JSON.parse(one('.pane').dataset.measures);
 
   const all = (selector, root = document) => [...root.querySelectorAll(selector)];
@@ -369,7 +369,7 @@
       const isNode = name.classList.contains('node');
       if (!isNode) laneTops.push(height + LANE / 2);
       height += isNode ? NODE : LANE;
-      names.push({html: plainHtml(name.innerHTML), y: height - (isNode ? 8 : LANE / 2 + 6)});
+      names.push({html: plainHtml(name.innerHTML), y: height - (isNode ? 8 : LANE / 2 - 4)});
     }
     laneItems = laneTops.map(() => []);
     for (const item of items) {
@@ -468,11 +468,13 @@
   };
   const findPassage = (cause, effect) => {
     const first = Math.min(cause.lane, effect.lane) + 1, last = Math.max(cause.lane, effect.lane);
+    const isOut = cause.x < 0 || cause.x > width; /* else the way stays in sight */
+    const isWay = x => (isOut || (x > 2 && x < width - 2)) && isFree(x, first, last);
     if (isFree(cause.x, first, last)) return cause.x;
-    if (isFree(effect.x, first, last)) return effect.x;
+    if (isWay(effect.x)) return effect.x;
     for (let step = 8; step <= DETOUR_MAX; step += 8) {
-      if (isFree(cause.x + step, first, last)) return cause.x + step;
-      if (isFree(cause.x - step, first, last)) return cause.x - step;
+      if (isWay(cause.x + step)) return cause.x + step;
+      if (isWay(cause.x - step)) return cause.x - step;
     }
     return cause.x;
   };
@@ -619,7 +621,7 @@
     laneTops.forEach((y, lane) => {
       if (lane >= firstLane && lane < lastLane) html += `<path class=lane d="M0 ${y}H${width}"/>`;
     });
-    if (isPrinting) for (const name of names) html += `<text class=name x=2 y="${name.y}">${name.html}</text>`;
+    if (isPrinting) for (const name of names) html += `<text class=name x=${NAMES} y="${name.y}">${name.html}</text>`;
     html += allArrowsHtml(firstLane, lastLane);
     for (const mark of marks)
       if (mark.x > -30 && mark.x < width + 30 && mark.lane >= firstLane && mark.lane < lastLane) html += markHtml(mark);

@@ -17,6 +17,7 @@ static constexpr double WIDTH = 1024;
 static constexpr double LANE_HEIGHT = 32;
 static constexpr double NODE_HEIGHT = 24;   /* of the line that names a node, where there are several */
 static constexpr double FIRST_LANE = 44;    /* below the dates and times */
+static constexpr double NAMES = -150;       /* left end of the names on paper, which stand beside the drawing */
 static constexpr double RADIUS = 9;         /* of a mark with a number or a count, */
 static constexpr double SMALL_RADIUS = 5.5; /* of one without */
 static constexpr double DIGIT_WIDTH = 6.5;
@@ -41,10 +42,12 @@ static constexpr int64_t STEPS[] = {1,      2,      5,       10,      20,      5
 static constexpr struct {
   const char* name;
   double value;
-} MEASURES[] = {{"LANE", LANE_HEIGHT},   {"NODE", NODE_HEIGHT},  {"AXIS", FIRST_LANE},      {"RADIUS", RADIUS},
-                {"SMALL", SMALL_RADIUS}, {"DIGIT", DIGIT_WIDTH}, {"GAP", MARK_GAP},         {"TIP", TIP},
-                {"CORNER", CORNER},      {"TICK", TICK_WIDTH},   {"DATE", DATE_WIDTH},      {"DETOUR_MAX", DETOUR_MAX},
-                {"BAND_MIN", BAND_MIN},  {"CROWDED", CROWDED},   {"ARROWS_MAX", ARROWS_MAX}};
+} MEASURES[] = {{"LANE", LANE_HEIGHT},      {"NODE", NODE_HEIGHT},  {"AXIS", FIRST_LANE},
+                {"NAMES", NAMES},           {"RADIUS", RADIUS},     {"SMALL", SMALL_RADIUS},
+                {"DIGIT", DIGIT_WIDTH},     {"GAP", MARK_GAP},      {"TIP", TIP},
+                {"CORNER", CORNER},         {"TICK", TICK_WIDTH},   {"DATE", DATE_WIDTH},
+                {"DETOUR_MAX", DETOUR_MAX}, {"BAND_MIN", BAND_MIN}, {"CROWDED", CROWDED},
+                {"ARROWS_MAX", ARROWS_MAX}};
 
 static std::string measures_for_script() {
   std::string json = "{";
@@ -454,10 +457,10 @@ static std::string make_svg(const drawing_t& drawing) {
     const double y = drawing.lanes[bar];
     const lane_t& lane = lane_of(*drawing.page, bar);
     if (is_other_node(*drawing.page, bar))
-      svg += formatted("<text class=\"name\" x=\"2\" y=\"%.0f\">", y - LANE_HEIGHT / 2 - 8) + node_name(lane) +
-             "</text>\n";
-    svg += formatted("<path class=\"lane\" d=\"M0 %.0fH%.0f\"/><text class=\"name\" x=\"2\" y=\"%.0f\">", y, WIDTH,
-                     y - 6) +
+      svg += formatted("<text class=\"name\" x=\"%.0f\" y=\"%.0f\">", NAMES, y - LANE_HEIGHT / 2 - 8) +
+             node_name(lane) + "</text>\n";
+    svg += formatted("<path class=\"lane\" d=\"M0 %.0fH%.0f\"/><text class=\"name\" x=\"%.0f\" y=\"%.0f\">", y, WIDTH,
+                     NAMES, y + 4) +
            escaped(lane.process) + " " + std::to_string(lane.process_id) + "</text>\n";
   }
   svg += make_arrows(drawing);
