@@ -68,7 +68,7 @@ TEST(zkrecord, makes_and_records_nothing_on_misuse) {
       {{stack, "50% by now", "x"},
        "FORMAT: '% b' is not a conversion that can be recorded; %% is a per cent sign, and --text takes FORMAT as it "
        "stands"},
-      {{stack, "%c", "no"}, "FORMAT: argument 1, 'no', is not a number, or out of range"},
+      {{stack, "%c", "\u00e9!"}, "FORMAT: argument 1, '\?\?!', is not a number, or out of range"},
       {{"--text", stack, "%s", "one"}, "FORMAT: no conversion takes argument 1"},
       {{stack, "%d", "1x"}, "FORMAT: argument 1, '1x', is not a number, or out of range"},
       {{stack, "%1$d %1$s", "1"}, "FORMAT: '%1$s' asks for another kind of argument than a conversion before it"},
@@ -147,6 +147,7 @@ TEST(zkrecord, loses_no_incident_for_its_trimmings) {
   noted({"-c", ""}, "", "");
   noted({"-c", "a\nb"}, "zkrecord: --cause: 'a?b' is not an Error ID\n", "cause  a b");
   noted({"-D", "/nowhere", "-d", "one"}, "zkrecord: /nowhere: No such file or directory\n", "one\ndump file  /nowhere");
+  noted({"-D", "/"}, "zkrecord: /: Is a directory\n", "dump file  /");
   noted({"-D", "/a\ncause  b"}, "zkrecord: /a?cause  b: No such file or directory\n", "dump file  /a cause  b");
   const std::string long_name = "/" + std::string(500, 'n');
   EXPECT_EQ(zkrecord({"-qD", long_name, stack, "x"}).status, 0);
@@ -173,6 +174,8 @@ TEST(zkrecord, takes_details_from_standard_input) {
   EXPECT_EQ(description(stack), "x" + DETAILS + "one\ntwo\n");
   EXPECT_EQ(script(stack, "yes | zkrecord -q -d - $S endless"), (outcome{"", CUT, 0}));
   EXPECT_EQ(script(stack, "zkrecord -q -d - $S x </"), (outcome{"", "zkrecord: standard input: Is a directory\n", 0}));
+  script(stack, "printf 'a\\0b' | zkrecord -q -d - $S x");
+  EXPECT_EQ(description(stack), "x" + DETAILS + "a?b"); /* a zero would end them */
   EXPECT_EQ(script(stack, "zkrecord -q -d - $S closed <&-").status, 0);
   EXPECT_EQ(description(stack), "closed" + DETAILS);
 }

@@ -57,7 +57,13 @@ class Messages(StackTest):
     def test_a_message_that_comes_again_has_the_arguments_and_the_cause_of_that_time(self):
         with zelk.Recorder(self.stack) as recorder:
             first = recorder.record("first")
-            for args, cause in [(("a", 1, 0.5), first), (("ö" * 300, 2, 1.5), None), (("b\0", 2**63, 2), first), (("", True, 3.5), None)]:
+            for args, cause in [
+                (("a", 1, 0.5), first),
+                (("b", 2, 1.0), None),
+                (("ö" * 300, 2, 1.5), None),
+                (("b\0", 2**63, 2), first),
+                (("", True, 3.5), None),
+            ]:
                 recorder.record("%s %d %f", *args, cause=cause, file="again.py", line=1)
                 self.assertEqual(self.newest()["description"], ("%s %d %f" % args).replace("\0", "?"))
                 self.assertEqual(self.newest()["cause"], cause)
