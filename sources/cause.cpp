@@ -81,6 +81,7 @@ static void look_through(int folder, const char* name, const record_check_t& pas
 static candidate_t find_own(int folder, const unit_t& unit, const run_t& run) {
   candidate_t newest = {"", unit.started - 1};
   std::set<int32_t> processes = run.processes;
+  processes.insert(unit.processes.begin(), unit.processes.end());
   if (unit.process_id > 1) processes.insert(unit.process_id);
   const record_check_t is_own = [&](zk_record_t* record) {
     const bool is_known = processes.contains(record->incident.process_id);

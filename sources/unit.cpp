@@ -77,8 +77,9 @@ static bool is_end_of(const std::string& result, int32_t code, int32_t status) {
   return result == "core-dump" && code == CLD_DUMPED;
 }
 
-/* How the last command of the property `name`, such as "ExecStartPre", ended whose failure is the unit's. */
-static void read_failed_command(const bus_object_t& object, const char* name, unit_t* unit) {
+/* Notes the processes of the commands of the property `name`, such as "ExecStartPre". Where the last of those that ended as
+ * the unit's result says is to tell how, it does. */
+static void read_commands(const bus_object_t& object, const char* name, bool is_to_tell, unit_t* unit) {
   sd_bus_message* reply = nullptr;
   if (sd_bus_get_property(object.bus, DESTINATION, object.path.c_str(), SERVICE, name, nullptr, &reply,
                           "a(sasbttttuii)") >= 0 &&
@@ -92,7 +93,8 @@ static void read_failed_command(const bus_object_t& object, const char* name, un
       sd_bus_message_skip(reply, "tttt");
       sd_bus_message_read(reply, "uii", &process_id, &code, &status);
       sd_bus_message_exit_container(reply);
-      if (is_ignored != 0 || !is_end_of(unit->result, code, status)) continue;
+      if (process_id > 1) unit->processes.insert(static_cast<int32_t>(process_id));
+      if (!is_to_tell || is_ignored != 0 || !is_end_of(unit->result, code, status)) continue;
       unit->code = code;
       unit->status = status;
     }
@@ -152,10 +154,11 @@ std::string read_unit(const std::string& name, unit_t* unit) {
   const int64_t ended = time_of(object, SERVICE, "ExecMainExitTimestampMonotonic");
   const int64_t began = time_of(object, SERVICE, "ExecMainStartTimestampMonotonic");
   unit->run_time = ended > began ? ended - began : 0;
-  if (!is_end_of(unit->result, unit->code, unit->status)) { /* the first that failed is the last in this order */
-    for (const char* property : {"ExecStopPost", "ExecStop", "ExecStartPost", "ExecStartPre", "ExecCondition"})
-      read_failed_command(object, property, unit);
-  }
+  /* Where the main process did not fail, the first command that did is the last in this order. */
+  const bool is_main = is_end_of(unit->result, unit->code, unit->status);
+  for (const char* property : {"ExecStopPost", "ExecStop", "ExecStartPost", "ExecStartPre", "ExecCondition"})
+    read_commands(object, property, !is_main, unit);
+  for (const char* property : {"ExecReload", "ExecStart"}) read_commands(object, property, false, unit);
   /* systemd keeps the result of the last start when it gives up restarting. */
   const uint32_t burst = number_of<uint32_t>(object, UNIT, "StartLimitBurst", 'u');
   const bool is_to_restart = restarts_after(text_of(object, SERVICE, "Restart"), unit->result);

@@ -91,10 +91,11 @@ TEST(cause_of_a_failure, is_the_newest_incident_of_its_processes_and_their_child
   unit_t unit = {};
   unit.process_id = 5001;
   unit.started = now * 1'000'000;
+  unit.processes = {4999};
   const run_t run = {.lines = "", .processes = {5002}};
   recorded("causes", 4000, 1);
   EXPECT_EQ(find_cause(unit, run, now), "");
-  for (auto [process, parent] : {std::pair{5001, 1}, {5002, 1}, {5003, 5001}, {5004, 5003}}) {
+  for (auto [process, parent] : {std::pair{4999, 1}, {5001, 1}, {5002, 1}, {5003, 5001}, {5004, 5003}}) {
     const std::string eid = recorded(process == 5003 ? "others" : "causes", process, parent);
     EXPECT_EQ(find_cause(unit, run, now), eid) << process;
   }
