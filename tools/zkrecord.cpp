@@ -168,8 +168,8 @@ struct fitting_t {
   const char* details;
 };
 
-/* Cuts details and arguments of an incident, as a record of which `size` bytes are taken would. False when it does not fit
- * even so. */
+/* Cuts details and arguments of an incident, as a record of which `size` bytes are taken would. False, with nothing in
+ * `fitting`, when it does not fit even so. */
 static bool fit_beside(const zk_incident_t& incident, size_t size, fitting_t* fitting) {
   zk_record_t fields;
   if (size >= ZK_REC_LISTED_MAX ||
@@ -178,11 +178,21 @@ static bool fit_beside(const zk_incident_t& incident, size_t size, fitting_t* fi
     return false;
   fitting->details = fields.incident.details;
   zk_cursor_t* const arguments = &fields.arguments;
-  fitting->arguments.resize(incident.argument_count);
   zk_read_int(arguments); /* their count */
-  for (cu_error_arg_t& argument : fitting->arguments)
-    if (!zk_read_argument(arguments, &argument)) return false;
+  cu_error_arg_t argument;
+  while (fitting->arguments.size() < incident.argument_count && zk_read_argument(arguments, &argument))
+    fitting->arguments.push_back(argument);
   return true;
+}
+
+/* The details with `lines` at their end, before which they are cut. The arguments in `fitting`, if there are any, are to take
+ * the place of those of the incident. */
+static std::string with_last_lines(zk_incident_t incident, std::string details, const std::string& lines,
+                                   fitting_t* fitting) {
+  if (details.ends_with('\n')) details.pop_back();
+  incident.details = details.c_str();
+  if (!fit_beside(incident, lines.size() + 1, fitting) || *fitting->details == '\0') return lines;
+  return fitting->details + ("\n" + lines);
 }
 
 /* A line of the details, "LABEL  VALUE". What is long is cut so that there is room for other lines. */
@@ -324,29 +334,19 @@ static int record(const command_trace_t& trace, request_t* request) {
                             .details = nullptr,
                             .associated_eid = has_cause ? request->cause.c_str() : nullptr};
   std::string details = request->details;
-  std::string lines; /* behind the details, which are cut before them */
+  std::string lines; /* behind the details */
   if (!has_cause && !request->cause.empty()) {
     fail("--cause", message_text(TOOL_MSG_NOT_AN_EID, {request->cause}));
-    lines = "\n" + detail_line("cause", request->cause, CAUSE_SHOWN_MAX);
+    lines = detail_line("cause", request->cause, CAUSE_SHOWN_MAX);
   }
   if (!request->dump.empty()) {
     const std::string name = preserve_dump(trace, *request, process);
     if (name.size() > DUMP_SHOWN_MAX) fail("--dump", message_text(TOOL_MSG_IS_CUT));
-    lines += "\n" + detail_line("dump file", name, DUMP_SHOWN_MAX);
+    lines += (lines.empty() ? "" : "\n") + detail_line("dump file", name, DUMP_SHOWN_MAX);
   }
   fitting_t fitting;
-  if (!lines.empty()) {
-    if (details.ends_with('\n')) details.pop_back();
-    incident.details = details.c_str();
-    if (fit_beside(incident, lines.size(), &fitting)) {
-      details = fitting.details;
-      incident.arguments = fitting.arguments.data();
-    } else {
-      details.clear();
-    }
-    if (details.empty()) lines.erase(0, 1);
-    details += lines;
-  }
+  if (!lines.empty()) details = with_last_lines(incident, request->details, lines, &fitting);
+  if (!fitting.arguments.empty()) incident.arguments = fitting.arguments.data();
   incident.details = details.c_str();
   zk_eid_t eid;
   result = zk_record_incident(trace.active, trace.file.data(), recorder, &incident, eid);
