@@ -271,6 +271,22 @@ static void close_stack(follower_t* follower, followed_t* stack) {
   --follower->kept;
 }
 
+static bool is_same_file(const struct stat& one, const struct stat& other) {
+  return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
+}
+
+/* Stops following the stack's file, whose name is looked at again. */
+static void leave_file(follower_t* follower, followed_t* stack) {
+  stop_watching(follower, stack);
+  if (stack->is_queued) std::erase(follower->queues[stack->cost], stack);
+  stack->is_queued = false;
+  close_stack(follower, stack);
+  set_timer(follower, stack, FOR_EVER);
+  end_putting_off(stack);
+  stack->file = {};
+  follower->is_rearranged = true;
+}
+
 /* Opens the file that has the stack's name now, unless another process holds a lease on it. Returns 0; ZELK_LOCK then; and
  * the codes of open_stack. */
 static int open_unleased(follower_t* follower, followed_t* stack) {
@@ -374,6 +390,15 @@ static void know_moved(const follower_t& follower, followed_t* stack) {
   stack->mark = *mark;
 }
 
+/* Takes the stack's file over from the name that it was moved from, so that one of them gives it out. */
+static void take_over(follower_t* follower, const followed_t& stack) {
+  struct stat there;
+  for (followed_t& other : follower->stacks) {
+    if (&other == &stack || !is_same_file(other.file, stack.file)) continue;
+    if (stat(other.path.c_str(), &there) != 0 || !is_same_file(there, stack.file)) leave_file(follower, &other);
+  }
+}
+
 /* Opens the file that has the stack's name now, if there is one. */
 static bool open_file(follower_t* follower, followed_t* stack) {
   const int result = open_unleased(follower, stack);
@@ -387,6 +412,7 @@ static bool open_file(follower_t* follower, followed_t* stack) {
     know_moved(*follower, stack);
     watch_stack(follower, stack);
     enqueue(follower, stack);
+    if (follower->is_started) take_over(follower, *stack);
     if (follower->kept > follower->kept_max) close_stack(follower, stack);
     return true;
   }
@@ -409,7 +435,7 @@ static bool open_file(follower_t* follower, followed_t* stack) {
 static bool follow_name(follower_t* follower, followed_t* stack) {
   struct stat there;
   const bool is_there = stat(stack->path.c_str(), &there) == 0;
-  if (is_there && there.st_ino == stack->file.st_ino && there.st_dev == stack->file.st_dev) {
+  if (is_there && is_same_file(there, stack->file)) {
     if (stack->watch != -1) return true;
     const timespec &is = there.st_ctim, &was = stack->file.st_ctim;
     if (is.tv_sec != was.tv_sec || is.tv_nsec != was.tv_nsec) enqueue(follower, stack);
