@@ -131,6 +131,12 @@ TEST(zkrecord, takes_a_text_as_it_stands) {
   const std::string stack = new_stack();
   EXPECT_EQ(zkrecord({"-qtC", stack, "100% of %s\\n are \\x41"}), good(""));
   EXPECT_EQ(description(stack), "100% of %s\\n are \\x41" + DETAILS);
+  EXPECT_EQ(zkrecord({"-qt", "-c", "none", stack, std::string(2000, '%')}),
+            (outcome{"",
+                     "zkrecord: --cause: 'none' is not an Error ID\n"
+                     "zkrecord: FORMAT: it is cut, since a record has no room for all of it\n",
+                     0}));
+  EXPECT_TRUE(description(stack).ends_with("%%%..." + DETAILS + "cause  none")) << description(stack);
 }
 
 TEST(zkrecord, loses_no_incident_for_its_trimmings) {

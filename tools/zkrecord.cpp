@@ -3,6 +3,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -185,6 +186,20 @@ static bool fit_beside(const zk_incident_t& incident, size_t size, fitting_t* fi
   return true;
 }
 
+/* Makes a plain text that finds no room beside `size` bytes, and so would not be recorded at all, the argument of "%s",
+ * which can be cut. */
+static void make_long_text_argument(size_t size, request_t* request, zk_incident_t* incident) {
+  zk_record_image_t image;
+  const size_t room = ZK_REC_LISTED_MAX - std::min<size_t>(size, ZK_REC_LISTED_MAX);
+  if (zk_make_record_image(*incident, room, &image) == ZELK_SUCCESS) return;
+  cu_error_arg_t argument = {.cu_arg_type = CU_ERROR_ARG_CHAR_STR, .cu_arg_value = {}};
+  argument.cu_arg_value.cu_arg_char_str = request->format.data();
+  request->description = {.text = "%s", .arguments = {argument}};
+  incident->default_message = request->description.text.c_str();
+  incident->arguments = request->description.arguments.data();
+  incident->argument_count = 1;
+}
+
 /* The details with `lines` at their end, before which they are cut. The arguments in `fitting`, if there are any, are to take
  * the place of those of the incident. */
 static std::string with_last_lines(zk_incident_t incident, std::string details, const std::string& lines,
@@ -291,7 +306,8 @@ static void report_cuts(const zk_incident_t& incident, const request_t& request,
     const cu_error_arg_t& given = request.description.arguments[i];
     if (!zk_read_argument(arguments, &recorded) || given.cu_arg_type != CU_ERROR_ARG_CHAR_STR) continue;
     if (std::strcmp(recorded.cu_arg_value.cu_arg_char_str, given.cu_arg_value.cu_arg_char_str) != 0)
-      fail(message_text(TOOL_MSG_ARGUMENT, {std::to_string(i + 1)}), message_text(TOOL_MSG_IS_CUT));
+      fail(request.is_text ? "FORMAT" : message_text(TOOL_MSG_ARGUMENT, {std::to_string(i + 1)}),
+           message_text(TOOL_MSG_IS_CUT));
   }
 }
 
@@ -344,6 +360,7 @@ static int record(const command_trace_t& trace, request_t* request) {
     if (name.size() > DUMP_SHOWN_MAX) fail("--dump", message_text(TOOL_MSG_IS_CUT));
     lines += (lines.empty() ? "" : "\n") + detail_line("dump file", name, DUMP_SHOWN_MAX);
   }
+  if (request->is_text) make_long_text_argument(lines.empty() ? 0 : lines.size() + 1, request, &incident);
   fitting_t fitting;
   if (!lines.empty()) details = with_last_lines(incident, request->details, lines, &fitting);
   if (!fitting.arguments.empty()) incident.arguments = fitting.arguments.data();
