@@ -80,19 +80,19 @@ static high_bytes_t high_bytes() {
 
 /* Length of the well-formed UTF-8 sequence of several bytes that `text` starts with, else 0. */
 static size_t utf8_length(std::string_view text) {
-  struct sequence {
+  struct sequence_t {
     unsigned int lead_low, lead_high, second_low, second_high;
     size_t length;
   };
-  static constexpr std::array<sequence, 8> SEQUENCES = {{{0xc2, 0xdf, 0x80, 0xbf, 2},
-                                                         {0xe0, 0xe0, 0xa0, 0xbf, 3},
-                                                         {0xe1, 0xec, 0x80, 0xbf, 3},
-                                                         {0xed, 0xed, 0x80, 0x9f, 3},
-                                                         {0xee, 0xef, 0x80, 0xbf, 3},
-                                                         {0xf0, 0xf0, 0x90, 0xbf, 4},
-                                                         {0xf1, 0xf3, 0x80, 0xbf, 4},
-                                                         {0xf4, 0xf4, 0x80, 0x8f, 4}}};
-  for (const sequence& row : SEQUENCES) {
+  static constexpr std::array<sequence_t, 8> SEQUENCES = {{{0xc2, 0xdf, 0x80, 0xbf, 2},
+                                                           {0xe0, 0xe0, 0xa0, 0xbf, 3},
+                                                           {0xe1, 0xec, 0x80, 0xbf, 3},
+                                                           {0xed, 0xed, 0x80, 0x9f, 3},
+                                                           {0xee, 0xef, 0x80, 0xbf, 3},
+                                                           {0xf0, 0xf0, 0x90, 0xbf, 4},
+                                                           {0xf1, 0xf3, 0x80, 0xbf, 4},
+                                                           {0xf4, 0xf4, 0x80, 0x8f, 4}}};
+  for (const sequence_t& row : SEQUENCES) {
     if (text.size() < row.length || !is_between(text[0], row.lead_low, row.lead_high) ||
         !is_between(text[1], row.second_low, row.second_high))
       continue;

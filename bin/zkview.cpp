@@ -72,10 +72,14 @@ struct option_t {
   bool options_t::*flag;
   bool is_repeatable;
 };
-static constexpr option_t OPTIONS[] = {{'a', &options_t::all, true},       {'d', &options_t::dump, true},
-                                       {'f', &options_t::use_fid, false},  {'h', &options_t::help, true},
-                                       {'i', &options_t::fid_only, true},  {'p', &options_t::process_order, false},
-                                       {'s', &options_t::use_file, false}, {'r', &options_t::relation_order, false}};
+static constexpr option_t OPTIONS[] = {{'a', &options_t::all, true},
+                                       {'d', &options_t::dump, true},
+                                       {'f', &options_t::use_fid, false},
+                                       {'h', &options_t::help, true},
+                                       {'i', &options_t::fid_only, true},
+                                       {'p', &options_t::process_order, false},
+                                       {'r', &options_t::relation_order, false},
+                                       {'s', &options_t::use_file, false}};
 
 /* Each step of the run from here on gives the exit status when it ends the run. */
 

@@ -45,14 +45,14 @@ static constexpr const char* DEFAULT_NLSPATH =
     "/usr/share/locale/%L/%N:/usr/share/locale/%L/LC_MESSAGES/%N:"
     "/usr/share/locale/%l/%N:/usr/share/locale/%l/LC_MESSAGES/%N";
 
-struct cu_catalog {
+struct open_catalog_t {
   int fildes;
   uint64_t size; /* of the file, in bytes; both tables of planes lie within it */
   uint32_t plane_size;
   uint32_t plane_depth;
 };
 
-struct cu_path {
+struct catalog_path_t {
   char text[PATH_SIZE];
   size_t length;
 };
@@ -70,12 +70,12 @@ static uint32_t big_word(const unsigned char* bytes) {
 }
 
 /* Reads exactly `size` bytes. `offset` lies within the file's size, so it fits an off_t. */
-static bool read_at(const cu_catalog& catalog, uint64_t offset, void* bytes, size_t size) {
+static bool read_at(const open_catalog_t& catalog, uint64_t offset, void* bytes, size_t size) {
   return zk_read_at(catalog.fildes, bytes, size, static_cast<off_t>(offset)) == size;
 }
 
 /* Reads the header and checks that the planes it declares fit in the file. */
-static bool read_header(cu_catalog* catalog) {
+static bool read_header(open_catalog_t* catalog) {
   unsigned char header[HEADER_SIZE];
   if (!read_at(*catalog, 0, header, HEADER_SIZE)) return false;
   auto word = little_word(header) == CATALOG_MAGIC ? little_word : big_word;
@@ -93,7 +93,7 @@ static bool can_be_catalog(const struct stat& status) {
 
 /* Opens the catalog `path`. Opening a device or a FIFO can have effects of its own, so the file is looked at first; the
  * flags are for one that is replaced between the two. */
-static bool open_catalog(const char* path, cu_catalog* catalog) {
+static bool open_catalog(const char* path, open_catalog_t* catalog) {
   struct stat status;
   if (stat(path, &status) != 0 || !can_be_catalog(status)) return false;
   catalog->fildes = zk_retry([&] { return open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); });
@@ -107,7 +107,7 @@ static bool open_catalog(const char* path, cu_catalog* catalog) {
   return false;
 }
 
-static char* read_text(const cu_catalog& catalog, uint64_t offset) {
+static char* read_text(const open_catalog_t& catalog, uint64_t offset) {
   if (offset >= catalog.size) return nullptr;
   size_t size = static_cast<size_t>(std::min<uint64_t>(catalog.size - offset, TEXT_MAX));
   char* text = static_cast<char*>(malloc(size));
@@ -119,7 +119,7 @@ static char* read_text(const cu_catalog& catalog, uint64_t offset) {
 
 /* Looks a message up. Every plane has one slot where it may stand; the slot is what gencat computes on a host of this
  * kind: the product of two 32-bit integers, widened with its sign. */
-static char* find_text(const cu_catalog& catalog, uint32_t set, uint32_t number) {
+static char* find_text(const open_catalog_t& catalog, uint32_t set, uint32_t number) {
   size_t product = static_cast<size_t>(static_cast<int32_t>((set + 1) * number));
   uint64_t slot = product % catalog.plane_size;
   uint64_t texts = HEADER_SIZE + uint64_t{2 * ENTRY_SIZE} * catalog.plane_size * catalog.plane_depth;
@@ -136,7 +136,7 @@ static char* find_text(const cu_catalog& catalog, uint32_t set, uint32_t number)
 
 /* ---- Finding a catalog ------------------------------------------------------------------------------- */
 
-static bool append(cu_path* path, const char* text, size_t length) {
+static bool append(catalog_path_t* path, const char* text, size_t length) {
   if (length >= PATH_SIZE - path->length) return false;
   memcpy(path->text + path->length, text, length);
   path->length += length;
@@ -145,7 +145,7 @@ static bool append(cu_path* path, const char* text, size_t length) {
 }
 
 /* Appends what "%" and `letter` stand for in NLSPATH. A locale is language[_territory][.codeset]. */
-static bool append_field(cu_path* path, char letter, const char* name, const char* locale) {
+static bool append_field(catalog_path_t* path, char letter, const char* name, const char* locale) {
   const char* territory = locale + strcspn(locale, "_.");
   const char* codeset = locale + strcspn(locale, ".");
   switch (letter) {
@@ -168,7 +168,8 @@ static bool append_field(cu_path* path, char letter, const char* name, const cha
 
 /* Makes `path` from the element of NLSPATH that ends before `end`; an empty one stands for the name itself. Returns
  * false when the element is to be skipped: it has an unknown field or becomes too long. */
-static bool expand_element(cu_path* path, const char* element, const char* end, const char* name, const char* locale) {
+static bool expand_element(catalog_path_t* path, const char* element, const char* end, const char* name,
+                           const char* locale) {
   path->length = 0;
   path->text[0] = '\0';
   if (element == end) return append(path, name, strlen(name));
@@ -182,8 +183,8 @@ static bool expand_element(cu_path* path, const char* element, const char* end, 
   return true;
 }
 
-static bool open_along(const char* nlspath, const char* name, const char* locale, cu_catalog* catalog) {
-  cu_path path;
+static bool open_along(const char* nlspath, const char* name, const char* locale, open_catalog_t* catalog) {
+  catalog_path_t path;
   for (const char* element = nlspath;;) {
     const char* end = element + strcspn(element, ":");
     if (expand_element(&path, element, end, name, locale) && open_catalog(path.text, catalog)) return true;
@@ -198,13 +199,13 @@ static const char* trusted_variable(const char* name) {
   return getuid() == geteuid() && getgid() == getegid() ? secure_getenv(name) : nullptr;
 }
 
-static bool open_for_locale(const char* locale, const char* name, cu_catalog* catalog) {
+static bool open_for_locale(const char* locale, const char* name, open_catalog_t* catalog) {
   const char* nlspath = trusted_variable("NLSPATH");
   if (nlspath != nullptr && *nlspath != '\0' && open_along(nlspath, name, locale, catalog)) return true;
   return open_along(DEFAULT_NLSPATH, name, locale, catalog);
 }
 
-static bool find_catalog(const char* name, cu_catalog* catalog) {
+static bool find_catalog(const char* name, open_catalog_t* catalog) {
   if (*name == '\0') return false;
   if (strchr(name, '/') != nullptr) return open_catalog(name, catalog);
 
@@ -215,7 +216,7 @@ static bool find_catalog(const char* name, cu_catalog* catalog) {
 }
 
 char* cu_read_message(const char* name, int32_t set, int32_t number) {
-  cu_catalog catalog;
+  open_catalog_t catalog;
   if (name == nullptr || set < 1 || number < 1 || !find_catalog(name, &catalog)) return nullptr;
   char* text = find_text(catalog, static_cast<uint32_t>(set), static_cast<uint32_t>(number));
   close(catalog.fildes);

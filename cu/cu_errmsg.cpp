@@ -11,7 +11,7 @@
 enum { FIRST_SIZE = 256 };
 
 /* A text that grows on the heap. */
-struct cu_text {
+struct growing_text_t {
   cu_sink_t sink; /* first, so that its address is that of the text */
   char* text;     /* null once memory has run out */
   size_t length;
@@ -19,7 +19,7 @@ struct cu_text {
 };
 
 static void append_piece(cu_sink_t* sink, std::string_view piece, const cu_error_arg_t*) {
-  cu_text* grown = reinterpret_cast<cu_text*>(sink);
+  growing_text_t* grown = reinterpret_cast<growing_text_t*>(sink);
   if (grown->text == nullptr) return;
 
   if (piece.size() >= grown->size - grown->length) {
@@ -42,7 +42,7 @@ int cu_get_errmsg_1(const cu_error_t* error, char** text) {
   char* message = cu_read_message(error->cu_msg_cat, error->cu_msg_set, error->cu_msg_num);
   const char* format = message != nullptr ? message : error->cu_msg_default;
   size_t count = error->cu_args != nullptr ? error->cu_arg_cnt : 0;
-  cu_text grown = {{append_piece}, static_cast<char*>(malloc(FIRST_SIZE)), 0, FIRST_SIZE};
+  growing_text_t grown = {{append_piece}, static_cast<char*>(malloc(FIRST_SIZE)), 0, FIRST_SIZE};
   if (format != nullptr) cu_put_format(&grown.sink, format, {error->cu_args, count});
   free(message);
   if (grown.text == nullptr) return -1;

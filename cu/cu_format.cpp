@@ -241,11 +241,11 @@ void cu_put_format(cu_sink_t* sink, const char* format, std::span<const cu_error
 /* ---- Translations ------------------------------------------------------------------------------------------------ */
 
 static constexpr size_t ARGUMENTS_MAX = 9;
-using argument_kinds = std::array<char, ARGUMENTS_MAX>; /* 's', 'c' or 'd' by argument, NUL for none */
+using argument_kinds_t = std::array<char, ARGUMENTS_MAX>; /* 's', 'c' or 'd' by argument, NUL for none */
 
 /* Notes in `kinds` what kind of argument each conversion of `text` takes; false when one is not of the simple form that
  * the texts of commands have, or when plain and numbered ones are mixed. */
-static bool note_kinds(const char* text, argument_kinds* kinds) {
+static bool note_kinds(const char* text, argument_kinds_t* kinds) {
   size_t unnumbered = 0;
   bool has_numbered = false;
   while (*text != '\0') {
@@ -262,8 +262,8 @@ static bool note_kinds(const char* text, argument_kinds* kinds) {
 }
 
 bool cu_takes_same_arguments(const char* translation, const char* original) {
-  argument_kinds wanted = {};
-  argument_kinds given = {};
+  argument_kinds_t wanted = {};
+  argument_kinds_t given = {};
   if (!note_kinds(translation, &wanted) || !note_kinds(original, &given)) return false;
   for (size_t i = 0; i < ARGUMENTS_MAX; ++i)
     if (wanted[i] != '\0' && wanted[i] != given[i]) return false;

@@ -175,7 +175,7 @@ damage_t end_stack(stack_reader_t* reader) {
 /* ---- Finding ------------------------------------------------------------------------------------------------------- */
 
 int list_stacks(std::vector<std::string>* names) {
-  static constexpr zk_errno_result OPENDIR_RESULTS[] = {
+  static constexpr zk_errno_result_t OPENDIR_RESULTS[] = {
       {EACCES, ZELK_DIR_NO_ACCESS}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
   names->clear();
   DIR* const directory = opendir(ZELK_STACK_DIR);

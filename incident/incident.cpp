@@ -28,8 +28,8 @@ static std::string digits_of(Number number, int base = 10) {
 /* ---- The Error ID -------------------------------------------------------------------------------------------------- */
 
 /* The address of a node. inet_ntop takes four times as long for one of four numbers. */
-static std::string address_text(char type, const addr_words& words) {
-  if (type == IPV4_TYPE) {
+static std::string address_text(char type, const zk_addr_words_t& words) {
+  if (type == ZK_IPV4_TYPE) {
     std::array<unsigned char, sizeof(in_addr)> bytes;
     std::memcpy(bytes.data(), words.data(), bytes.size());
     return digits_of(int{bytes[0]}) + "." + digits_of(int{bytes[1]}) + "." + digits_of(int{bytes[2]}) + "." +
@@ -50,7 +50,7 @@ bool time_of_id(std::string_view id, int64_t* id_time) {
   if (id.size() != ZELK_EID_LENGTH) return false;
   zk_eid_parts_t parts;
   std::memcpy(&parts, id.data(), sizeof parts);
-  std::memset(parts.entry, ZERO_DIGIT, sizeof parts.entry); /* which may be anything */
+  std::memset(parts.entry, ZK_ZERO_DIGIT, sizeof parts.entry); /* which may be anything */
   const std::string_view digits(reinterpret_cast<const char*>(&parts), sizeof parts);
   if (!std::all_of(digits.begin(), digits.end(), is_base64_digit)) return false;
 
@@ -69,9 +69,9 @@ static void decode_id(incident_t* incident) {
   zk_eid_parts_t parts;
   std::memcpy(&parts, incident->id.data(), sizeof parts);
   const std::array<char, 2> header = {parts.header, '\0'};
-  const char type = parts.address[ADDR_CODE_WIDTH];
+  const char type = parts.address[ZK_ADDR_CODE_WIDTH];
   int version, location;
-  addr_words address = {};
+  zk_addr_words_t address = {};
   if (zk_conv_base_64_hdr(0, nullptr, header.data(), &version, &location) != ZELK_SUCCESS) return;
   if (zk_conv_ipaddr(0, nullptr, parts.address, type, address.data()) != ZELK_SUCCESS) return;
 

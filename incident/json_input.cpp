@@ -153,7 +153,7 @@ static bool read_field(json_reader_t* reader, const field_t& field, incident_t* 
       return incident->time * SECOND == microseconds && incident->time == static_cast<int32_t>(incident->time);
     case kind_t::ID_TIME:
       return read_time(reader, &incident->id_time) && incident->id_time >= 0 &&
-             incident->id_time / SECOND < (int64_t{1} << (6 * SECONDS_WIDTH)) + 17; /* what an Error ID can hold */
+             incident->id_time / SECOND < (int64_t{1} << (6 * ZK_SECONDS_WIDTH)) + 17; /* what an Error ID can hold */
     case kind_t::NODE:
       return read_json_string(reader, &incident->node) && is_address(incident->node);
     case kind_t::CUT:

@@ -24,7 +24,7 @@ struct arguments_t {
 };
 
 /* Whether two conversions take an argument of one type, as printf has it. */
-static bool take_same_type(const conversion_t& one, const conversion_t& other) {
+static bool are_of_one_type(const conversion_t& one, const conversion_t& other) {
   auto letter_class = [](char letter) {
     if (zelk::is_one_of(zelk::DOUBLE_LETTERS, letter)) return 'g';
     return zelk::is_one_of(zelk::UNSIGNED_LETTERS, letter) ? 'd' : letter;
@@ -43,7 +43,7 @@ static int parse_format(const char* format, arguments_t* arguments) {
     count = std::max(count, index + 1);
     if (index >= ARGUMENTS_MAX) continue;
     conversion_t* const known = &arguments->conversions[index];
-    if (known->is_recordable && !take_same_type(*known, conversion)) return ZELK_INV_PARAM4;
+    if (known->is_recordable && !are_of_one_type(*known, conversion)) return ZELK_INV_PARAM4;
     if (!zelk::add_conversion(conversion, known)) return ZELK_INV_PARAM4;
   }
   if (unnumbered > 0 && numbered > 0) return ZELK_INV_PARAM4;

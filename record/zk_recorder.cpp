@@ -36,9 +36,9 @@
 struct zk_recorder {
   int fildes;
   uint64_t inode;
-  std::array<char, ADDR_WIDTH> own_address; /* the node's, for when ZELKADDR has none */
-  zk_damage_t damage;                       /* why the stack was refused last */
-  bool is_known;                            /* the state is that of the file as this recorder left it */
+  std::array<char, ZK_ADDR_WIDTH> own_address; /* the node's, for when ZELKADDR has none */
+  zk_damage_t damage;                          /* why the stack was refused last */
+  bool is_known;                               /* the state is that of the file as this recorder left it */
   zk_stack_state_t state;
 };
 
@@ -126,9 +126,9 @@ static bool write_record(zk_recorder_t* recorder, const zk_placement_t& place, z
 /* ---- Error IDs ----------------------------------------------------------------------------------------------------- */
 
 static bool is_address(const char* text) {
-  if (text == nullptr || strnlen(text, ADDR_WIDTH + 1) != ADDR_WIDTH) return false;
-  const char type = text[ADDR_WIDTH - 1];
-  return std::strspn(text, base64_table) == ADDR_WIDTH && (type == IPV4_TYPE || type == IPV6_TYPE);
+  if (text == nullptr || strnlen(text, ZK_ADDR_WIDTH + 1) != ZK_ADDR_WIDTH) return false;
+  const char type = text[ZK_ADDR_WIDTH - 1];
+  return std::strspn(text, base64_table) == ZK_ADDR_WIDTH && (type == ZK_IPV4_TYPE || type == ZK_IPV6_TYPE);
 }
 
 /* The time of the newest record, by its Error ID or, where it has none, the end of the second in its time field; zero
@@ -149,7 +149,7 @@ static timeval newest_time(const zk_stack_state_t& state) {
 /* Now, or a microsecond after the newest record where the clock does not tell of a later time. (Behind the last second
  * that an Error ID can hold comes now.) */
 static timeval next_time(const zk_stack_state_t& state) {
-  constexpr int64_t SECONDS_END = int64_t{1} << (6 * SECONDS_WIDTH);
+  constexpr int64_t SECONDS_END = int64_t{1} << (6 * ZK_SECONDS_WIDTH);
   timeval now;
   gettimeofday(&now, nullptr);
   timeval after = newest_time(state);
@@ -162,19 +162,19 @@ static void make_eid(const zk_recorder_t& recorder, const timeval& time, zk_eid_
   const char* address = secure_getenv("ZELKADDR");
   zk_eid_parts_t parts;
   zk_write_header({0, nullptr, nullptr}, 2, ZELK_LOCATION_STACK, &parts);
-  zk_write_digits(recorder.inode, parts.entry, ENTRY_WIDTH);
+  zk_write_digits(recorder.inode, parts.entry, ZK_ENTRY_WIDTH);
   zk_write_time(time, parts.time);
-  std::memcpy(parts.address, is_address(address) ? address : recorder.own_address.data(), ADDR_WIDTH);
+  std::memcpy(parts.address, is_address(address) ? address : recorder.own_address.data(), ZK_ADDR_WIDTH);
   zk_join_eid(parts, eid);
 }
 
 /* ---- The interface ------------------------------------------------------------------------------------------------- */
 
 /* The node's own address; one without any gets the form that says so. */
-static void read_own_address(const zk_trace_t& trace, std::array<char, ADDR_WIDTH>* address) {
-  static_assert(ADDR_WIDTH == ZELK_ADDR_CODE_SIZE); /* the type stands where the code has its terminator */
-  char type = IPV6_TYPE;
-  address->fill(ZERO_DIGIT);
+static void read_own_address(const zk_trace_t& trace, std::array<char, ZK_ADDR_WIDTH>* address) {
+  static_assert(ZK_ADDR_WIDTH == ZELK_ADDR_CODE_SIZE); /* the type stands where the code has its terminator */
+  char type = ZK_IPV6_TYPE;
+  address->fill(ZK_ZERO_DIGIT);
   zk_get_ipaddr(trace.active, trace.file, address->data(), &type);
   address->back() = type;
 }
@@ -280,7 +280,7 @@ static bool is_eid_or_empty(const char* text) {
  * says why something could not be read or written. Nothing is traced here: the trace file has a lock of its own. */
 static int record_locked(zk_recorder_t* recorder, const zk_incident_t& incident, zk_record_image_t* image,
                          zk_eid_t eid) {
-  static constexpr zk_errno_result WRITE_RESULTS[] = {
+  static constexpr zk_errno_result_t WRITE_RESULTS[] = {
       {ENOSPC, ZELK_NO_SPACE}, {EFBIG, ZELK_NO_SPACE}, {EDQUOT, ZELK_NO_SPACE}};
   int result = learn_state(recorder);
   if (result != ZELK_SUCCESS) return result;

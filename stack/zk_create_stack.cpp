@@ -61,7 +61,7 @@ static bool write_empty_stack(int fildes, int32_t size) {
 }
 
 int zk_create_stack(int debug_active, const char* debug_file, const char* stack_file, int32_t size) {
-  static constexpr zk_errno_result RESULTS[] = {
+  static constexpr zk_errno_result_t RESULTS[] = {
       {0, ZELK_SUCCESS},       {EEXIST, ZELK_FILE_EXIST}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING},
       {EROFS, ZELK_READ_ONLY}, {ENOSPC, ZELK_NO_SPACE},   {EDQUOT, ZELK_TOO_MANY},    {EACCES, ZELK_DIR_NO_ACCESS},
       {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}};

@@ -19,11 +19,11 @@ zk_stack_path_t zk_stack_path(const char* name) {
 }
 
 int zk_open_stack_path(const zk_trace_t& trace, const zk_stack_path_t& path, int* fildes) {
-  static constexpr zk_errno_result OPEN_RESULTS[] = {{ENOENT, ZELK_FILE_MISSING},
-                                                     {EACCES, ZELK_NO_ACCESS},
-                                                     {ENOTDIR, ZELK_NO_ACCESS},
-                                                     {ENFILE, ZELK_TOO_MANY},
-                                                     {EMFILE, ZELK_TOO_MANY}};
+  static constexpr zk_errno_result_t OPEN_RESULTS[] = {{ENOENT, ZELK_FILE_MISSING},
+                                                       {EACCES, ZELK_NO_ACCESS},
+                                                       {ENOTDIR, ZELK_NO_ACCESS},
+                                                       {ENFILE, ZELK_TOO_MANY},
+                                                       {EMFILE, ZELK_TOO_MANY}};
   zk_trace(trace, "Attempting to open ZELK Error Stack file %s", path.data());
   int opened = zk_open_regular(path.data(), O_RDWR);
   if (opened == -1) {

@@ -62,11 +62,11 @@ static bool is_eid(const std::string& text) {
   zk_eid_parts_t parts;
   std::memcpy(&parts, text.data(), sizeof parts);
   const std::string header(1, parts.header);
-  const char type = parts.address[ADDR_CODE_WIDTH];
+  const char type = parts.address[ZK_ADDR_CODE_WIDTH];
   int version, location, facility, priority;
   unsigned int label;
   timeval time;
-  if (type != IPV4_TYPE && type != IPV6_TYPE) return false;
+  if (type != ZK_IPV4_TYPE && type != ZK_IPV6_TYPE) return false;
   if (zk_conv_base_64_hdr(0, nullptr, header.c_str(), &version, &location) != ZELK_SUCCESS) return false;
   if (zk_conv_base_64_time(0, nullptr, parts.time, &time) != ZELK_SUCCESS) return false;
   if (location == ZELK_LOCATION_TEMPLATE) return zk_conv_base_64_templ(0, nullptr, parts.entry, &label) == ZELK_SUCCESS;

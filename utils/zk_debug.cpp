@@ -41,11 +41,11 @@ enum {
 static constexpr off_t ENTRY_RESERVE = RECYCLE_MARKER_SIZE + 1;
 
 int zk_is_debug_file_set(char* trace_filename) {
-  static constexpr zk_errno_result STAT_RESULTS[] = {{ENAMETOOLONG, ZELK_NAME_TOO_LONG},
-                                                     {EACCES, ZELK_DIR_NO_ACCESS},
-                                                     {ELOOP, ZELK_LINK_LOOP},
-                                                     {ESTALE, ZELK_STALE},
-                                                     {ENOTDIR, ZELK_DIR_MISSING}};
+  static constexpr zk_errno_result_t STAT_RESULTS[] = {{ENAMETOOLONG, ZELK_NAME_TOO_LONG},
+                                                       {EACCES, ZELK_DIR_NO_ACCESS},
+                                                       {ELOOP, ZELK_LINK_LOOP},
+                                                       {ESTALE, ZELK_STALE},
+                                                       {ENOTDIR, ZELK_DIR_MISSING}};
   if (trace_filename == nullptr) return ZELK_INV_PARAM1;
   const char* value = secure_getenv("ZELKDEBUG");
   if (value == nullptr) return ZELK_TRACE_UNSET;
@@ -177,7 +177,7 @@ static void format_entry(std::array<char, ENTRY_SIZE>* entry, const char* interf
 
 /* Writes an entry into the trace file, under its lock. */
 static int append_entry(const char* trace_filename, const char* interface_name, const char* lines) {
-  static constexpr zk_errno_result OPEN_RESULTS[] = {
+  static constexpr zk_errno_result_t OPEN_RESULTS[] = {
       {ENOENT, ZELK_FILE_MISSING}, {EACCES, ZELK_NO_ACCESS},    {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY},
       {EROFS, ZELK_READ_ONLY},     {ENOTDIR, ZELK_DIR_MISSING}, {ELOOP, ZELK_LINK_LOOP}};
   /* From here on there is a descriptor that a handler's child would share. */

@@ -24,9 +24,9 @@ static int stat_directory(const char* file, struct stat* status) {
 }
 
 int zk_test_for_file(int debug_active, const char* debug_file, const char* check_file) {
-  static constexpr zk_errno_result DIRECTORY_RESULTS[] = {
+  static constexpr zk_errno_result_t DIRECTORY_RESULTS[] = {
       {EACCES, ZELK_DIR_NO_ACCESS}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
-  static constexpr zk_errno_result FILE_RESULTS[] = {
+  static constexpr zk_errno_result_t FILE_RESULTS[] = {
       {EACCES, ZELK_NO_ACCESS}, {ENOTDIR, ZELK_DIR_MISSING}, {ENOENT, ZELK_FILE_MISSING}};
   if (check_file == nullptr || *check_file == '\0') return ZELK_INV_PARAM1;
 
@@ -95,7 +95,7 @@ static bool write_copy(int fildes, const char* bytes, size_t size) {
 }
 
 int zk_copy_file(int debug_active, const char* debug_file, int input_file, int output_file) {
-  static constexpr zk_errno_result WRITE_RESULTS[] = {
+  static constexpr zk_errno_result_t WRITE_RESULTS[] = {
       {ENOSPC, ZELK_NO_SPACE}, {EFBIG, ZELK_NO_SPACE}, {EDQUOT, ZELK_NO_SPACE}};
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   for (unsigned int iteration = 0;; ++iteration) {
@@ -131,12 +131,12 @@ static int open_dump(const char* dump_input_file) {
 
 /* Copies `dump_input_file` into the new file `dump_file`, of which nothing is left on failure. */
 static int copy_dump(const zk_trace_t& trace, const char* dump_input_file, const char* dump_file) {
-  static constexpr zk_errno_result OUTPUT_RESULTS[] = {{ENOSPC, ZELK_NO_SPACE},
-                                                       {EROFS, ZELK_READ_ONLY},
-                                                       {ENFILE, ZELK_TOO_MANY},
-                                                       {EMFILE, ZELK_TOO_MANY},
-                                                       {EDQUOT, ZELK_TOO_MANY}};
-  static constexpr zk_errno_result INPUT_RESULTS[] = {
+  static constexpr zk_errno_result_t OUTPUT_RESULTS[] = {{ENOSPC, ZELK_NO_SPACE},
+                                                         {EROFS, ZELK_READ_ONLY},
+                                                         {ENFILE, ZELK_TOO_MANY},
+                                                         {EMFILE, ZELK_TOO_MANY},
+                                                         {EDQUOT, ZELK_TOO_MANY}};
+  static constexpr zk_errno_result_t INPUT_RESULTS[] = {
       {ENOSPC, ZELK_NO_SPACE}, {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}, {EDQUOT, ZELK_TOO_MANY}};
   int output_file = open(dump_file, O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
   if (output_file < 0)

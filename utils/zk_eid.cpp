@@ -16,7 +16,7 @@
 /* ---- Decoding ------------------------------------------------------------------------------------------ */
 
 /* Where the caller of a decoding routine wants the values, in the order of zk_decode_eid_2's parameters. */
-struct eid_outputs {
+struct eid_outputs_t {
   int newest_version; /* that the routine decodes; with 1 there is one stack file, no facility and no priority */
   int* local_fid;
   int* version_id;
@@ -31,7 +31,7 @@ struct eid_outputs {
   int* ipv6_flag;
 };
 
-static int check_arguments(const zk_trace_t& trace, const char* zelkid, const eid_outputs& out) {
+static int check_arguments(const zk_trace_t& trace, const char* zelkid, const eid_outputs_t& out) {
   const struct {
     const void* pointer;
     const char* name;
@@ -63,13 +63,13 @@ static int check_arguments(const zk_trace_t& trace, const char* zelkid, const ei
 }
 
 /* Decodes the address, also into `words`, and tells whether it is one of this node's. */
-static int decode_address(const zk_trace_t& trace, const zk_eid_parts_t& parts, const eid_outputs& out,
-                          addr_words* words) {
-  const char type = parts.address[ADDR_CODE_WIDTH];
+static int decode_address(const zk_trace_t& trace, const zk_eid_parts_t& parts, const eid_outputs_t& out,
+                          zk_addr_words_t* words) {
+  const char type = parts.address[ZK_ADDR_CODE_WIDTH];
   const int result = zk_conv_ipaddr(trace.active, trace.file, parts.address, type, words->data());
   if (result != ZELK_SUCCESS) return result;
 
-  const bool is_ipv4 = type == IPV4_TYPE;
+  const bool is_ipv4 = type == ZK_IPV4_TYPE;
   std::array<char, ZELK_ADDR_SLOT_SIZE> address = {};
   std::memcpy(out.ip_addr, words->data(), is_ipv4 ? sizeof(struct in_addr) : sizeof(struct in6_addr));
   inet_ntop(is_ipv4 ? AF_INET : AF_INET6, words->data(), address.data(), address.size());
@@ -85,7 +85,7 @@ static int decode_address(const zk_trace_t& trace, const zk_eid_parts_t& parts, 
   return ZELK_SUCCESS;
 }
 
-static int decode_entry(const zk_trace_t& trace, const char* entry, const eid_outputs& out) {
+static int decode_entry(const zk_trace_t& trace, const char* entry, const eid_outputs_t& out) {
   switch (*out.location_mask) {
     case ZELK_LOCATION_STACK:
       if (*out.local_fid == 0) return ZELK_SUCCESS; /* the file lies on the node that made the ID */
@@ -103,15 +103,15 @@ static int decode_entry(const zk_trace_t& trace, const char* entry, const eid_ou
   }
 }
 
-static void trace_decoded(const zk_trace_t& trace, const char* zelkid, const eid_outputs& out, const addr_words& words,
-                          char address_type, int result) {
+static void trace_decoded(const zk_trace_t& trace, const char* zelkid, const eid_outputs_t& out,
+                          const zk_addr_words_t& words, char address_type, int result) {
   std::array<char, 32> time = {};
   std::array<char, 64> address = {};
   std::array<char, ZELK_FILE_SLOT_SIZE + 128> entry = {};
   const time_t seconds = static_cast<const struct timeval*>(out.timestamp)->tv_sec;
   ctime_r(&seconds, time.data());
   std::snprintf(address.data(), address.size(), "0x%x%x%x%x (%s type)", ntohl(words[0]), ntohl(words[1]),
-                ntohl(words[2]), ntohl(words[3]), address_type == IPV4_TYPE ? "IPv4" : "IPv6");
+                ntohl(words[2]), ntohl(words[3]), address_type == ZK_IPV4_TYPE ? "IPv4" : "IPv6");
   const bool has_file = out.stack_files[0] != '\0';
   if (out.newest_version > 1)
     std::snprintf(entry.data(), entry.size(), "First Stack File %s, Template ID 0x%x Syslog Facility %d Priority %d",
@@ -127,7 +127,7 @@ static void trace_decoded(const zk_trace_t& trace, const char* zelkid, const eid
            address.data(), result);
 }
 
-static int decode(const zk_trace_t& trace, const char* zelkid, const eid_outputs& out) {
+static int decode(const zk_trace_t& trace, const char* zelkid, const eid_outputs_t& out) {
   int result = check_arguments(trace, zelkid, out);
   if (result != ZELK_SUCCESS) return result;
 
@@ -142,14 +142,14 @@ static int decode(const zk_trace_t& trace, const char* zelkid, const eid_outputs
                      static_cast<unsigned int>(*out.version_id));
   result = zk_conv_base_64_time(trace.active, trace.file, parts.time, static_cast<struct timeval*>(out.timestamp));
   if (result != ZELK_SUCCESS) return result;
-  addr_words words = {};
+  zk_addr_words_t words = {};
   result = decode_address(trace, parts, out, &words);
   if (result != ZELK_SUCCESS) return result;
 
   result = decode_entry(trace, parts.entry, out);
   const bool has_selector = *out.location_mask == ZELK_LOCATION_SYSLOG && out.newest_version > 1;
   if (result != ZELK_SUCCESS && result != ZELK_FILE_MISSING && !has_selector) return result;
-  if (trace.active == 1) trace_decoded(trace, zelkid, out, words, parts.address[ADDR_CODE_WIDTH], result);
+  if (trace.active == 1) trace_decoded(trace, zelkid, out, words, parts.address[ZK_ADDR_CODE_WIDTH], result);
   return result;
 }
 
@@ -172,7 +172,7 @@ int zk_decode_eid(int debug_active, const char* debug_file, const char* zelkid, 
 /* ---- Generation ---------------------------------------------------------------------------------------- */
 
 /* Where an incident is recorded, and so what its Error ID names. Of several places the last counts. */
-struct eid_place {
+struct eid_place_t {
   int version;
   const char* stack_file;       /* or null */
   unsigned int err_templ_label; /* or 0 */
@@ -180,8 +180,8 @@ struct eid_place {
   int bsd_priority;
 };
 
-static bool has_facility(const eid_place& place) {
-  return place.bsd_facility >= 0 && place.bsd_facility <= FACILITY_MAX;
+static bool has_facility(const eid_place_t& place) {
+  return place.bsd_facility >= 0 && place.bsd_facility <= ZK_FACILITY_MAX;
 }
 
 /* Finds the node's address in the environment. */
@@ -191,17 +191,17 @@ static int read_address(const zk_trace_t& trace, char* field) {
   if (address == nullptr || address[0] == '\0')
     return zk_failed(trace, ZELK_FAILURE, "Cannot find %s data in environment\nReturning %s(%d) to the caller",
                      VARIABLE);
-  if (strnlen(address, ADDR_WIDTH + 1) != ADDR_WIDTH)
+  if (strnlen(address, ZK_ADDR_WIDTH + 1) != ZK_ADDR_WIDTH)
     return zk_failed(trace, ZELK_FAILURE,
                      "Value stored in environment for %s does not appear to be valie: %s\n"
                      "Returning %s(%d) to the caller",
                      VARIABLE, address);
-  std::memcpy(field, address, ADDR_WIDTH);
+  std::memcpy(field, address, ZK_ADDR_WIDTH);
   return ZELK_SUCCESS;
 }
 
 /* Writes header and entry for each place that is given. */
-static int write_place(const zk_trace_t& trace, const eid_place& place, zk_eid_parts_t* parts) {
+static int write_place(const zk_trace_t& trace, const eid_place_t& place, zk_eid_parts_t* parts) {
   if (place.stack_file != nullptr) {
     zk_write_header(trace, place.version, ZELK_LOCATION_STACK, parts);
     const int result = zk_get_base_64_inode(trace.active, trace.file, place.stack_file, parts->entry);
@@ -225,7 +225,7 @@ static int write_place(const zk_trace_t& trace, const eid_place& place, zk_eid_p
   return ZELK_SUCCESS;
 }
 
-static int generate(const zk_trace_t& trace, const eid_place& place, long* timestamp, char* zelkid) {
+static int generate(const zk_trace_t& trace, const eid_place_t& place, long* timestamp, char* zelkid) {
   if (place.stack_file == nullptr && place.err_templ_label == 0 && !has_facility(place)) return ZELK_INV_PARAMCOMBO;
 
   zk_eid_parts_t parts;
@@ -256,7 +256,7 @@ int zk_generate_eid_2(int debug_active, const char* debug_file, const char* stac
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   /* By its number, 0 to 23, a facility excludes a stack file; in its shifted form, from 24 up, it takes the
    * place of one. */
-  const bool has_other = err_templ_label != 0 || (bsd_facility >= 0 && bsd_facility <= LOG_FAC(FACILITY_MAX));
+  const bool has_other = err_templ_label != 0 || (bsd_facility >= 0 && bsd_facility <= LOG_FAC(ZK_FACILITY_MAX));
   if (stack_file != nullptr && has_other)
     return zk_failed(trace, ZELK_INV_PARAMCOMBO,
                      "Caller requested a zk_eid_t be generated for both a stack and either an error template or  "

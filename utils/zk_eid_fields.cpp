@@ -27,8 +27,8 @@ constexpr uint64_t INODE_MASK = 0xFFFFFFFFF; /* the 36 bits that an entry can ca
 constexpr uint64_t MICROSECONDS_MAX = 999999;
 
 void zk_write_time(const struct timeval& time, char* field) {
-  zk_write_digits(static_cast<uint64_t>(time.tv_sec), field, SECONDS_WIDTH);
-  zk_write_digits(static_cast<uint64_t>(time.tv_usec), field + SECONDS_WIDTH, MICROSECONDS_WIDTH);
+  zk_write_digits(static_cast<uint64_t>(time.tv_sec), field, ZK_SECONDS_WIDTH);
+  zk_write_digits(static_cast<uint64_t>(time.tv_usec), field + ZK_SECONDS_WIDTH, ZK_MICROSECONDS_WIDTH);
 }
 
 /* The first `WIDTH` characters of `text`, fewer when it ends before, as a text of their own. */
@@ -104,7 +104,7 @@ int zk_conv_base_64_hdr(int debug_active, const char* debug_file, const char* hd
 /* ---- I-node of an Error Stack -------------------------------------------------------------------------- */
 
 int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* filename, char* inode64rep) {
-  static constexpr zk_errno_result STAT_RESULTS[] = {
+  static constexpr zk_errno_result_t STAT_RESULTS[] = {
       {EACCES, ZELK_NO_ACCESS}, {ENOENT, ZELK_FILE_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (filename == nullptr || filename[0] == '\0')
@@ -115,14 +115,14 @@ int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* f
   if (stat(filename, &status) != 0)
     return zk_returned(trace, zk_result_of_errno(errno, STAT_RESULTS),
                        "Error trying to get status of file %s\nErrno is %d\n", filename, errno);
-  zk_write_digits(status.st_ino, inode64rep, ENTRY_WIDTH);
+  zk_write_digits(status.st_ino, inode64rep, ZK_ENTRY_WIDTH);
   return zk_succeeded(trace, "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n",
-                      filename, static_cast<int>(status.st_ino), field_text<ENTRY_WIDTH>(inode64rep).data());
+                      filename, static_cast<int>(status.st_ino), field_text<ZK_ENTRY_WIDTH>(inode64rep).data());
 }
 
 int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory, const char* inode64rep,
                           char* filename_list, int filelist_limit) {
-  static constexpr zk_errno_result OPENDIR_RESULTS[] = {
+  static constexpr zk_errno_result_t OPENDIR_RESULTS[] = {
       {EACCES, ZELK_DIR_NO_ACCESS}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING}};
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (directory == nullptr || directory[0] == '\0')
@@ -132,7 +132,7 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
   if (filename_list == nullptr || filelist_limit <= 0)
     return zk_failed(trace, ZELK_INV_PARAM5, NULL_ARGUMENT, "pointer", "file name list");
 
-  const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(inode64rep);
+  const std::array<char, ZK_ENTRY_WIDTH + 1> field = field_text<ZK_ENTRY_WIDTH>(inode64rep);
   const uint64_t wanted = zk_a64l(field.data());
 
   DIR* entries = opendir(directory);
@@ -166,9 +166,9 @@ int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int 
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (templ64rep == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, NULL_ARGUMENT, "pointer", "templ64rep");
 
-  zk_write_digits(template_id, templ64rep, ENTRY_WIDTH);
+  zk_write_digits(template_id, templ64rep, ZK_ENTRY_WIDTH);
   return zk_succeeded(trace, "Converted template ID %d to base-64 value of %s\nReturning %s(%d) to the caller\n",
-                      static_cast<int>(template_id), field_text<ENTRY_WIDTH>(templ64rep).data());
+                      static_cast<int>(template_id), field_text<ZK_ENTRY_WIDTH>(templ64rep).data());
 }
 
 int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep, unsigned int* template_id) {
@@ -178,7 +178,7 @@ int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* 
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "Asked to translate a template ID of 0, which seems invalid\nReturning %s(%d) to the caller");
 
-  const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(templ64rep);
+  const std::array<char, ZK_ENTRY_WIDTH + 1> field = field_text<ZK_ENTRY_WIDTH>(templ64rep);
   *template_id = static_cast<unsigned int>(zk_a64l(field.data()));
   if (*template_id == 0)
     return zk_failed(trace, ZELK_FAILURE,
@@ -193,18 +193,18 @@ int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* 
 
 int zk_get_base_64_selector(int debug_active, const char* debug_file, int facility, int priority, char* sel64rep) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  if (facility < 0 || facility > FACILITY_MAX)
+  if (facility < 0 || facility > ZK_FACILITY_MAX)
     return zk_failed(trace, ZELK_INV_PARAM3, "facility %d invalid - returning %s(%d)\n", LOG_FAC(facility));
-  if (priority < 0 || priority > PRIORITY_MAX)
+  if (priority < 0 || priority > ZK_PRIORITY_MAX)
     return zk_failed(trace, ZELK_INV_PARAM4, "priority value %d invalid - returning %s(%d)\n", priority);
   if (sel64rep == nullptr)
     return zk_failed(trace, ZELK_INV_PARAM5, "sel64rep pointer 0x0 invalid - returning %s(%d)\n");
 
   /* Both are written as one more than they are, so that neither digit is the padding. */
   zk_write_digits(static_cast<uint64_t>(LOG_FAC(facility)) + 1, sel64rep, 1);
-  zk_write_digits(static_cast<uint64_t>(priority) + 1, sel64rep + 1, ENTRY_WIDTH - 1);
+  zk_write_digits(static_cast<uint64_t>(priority) + 1, sel64rep + 1, ZK_ENTRY_WIDTH - 1);
   return zk_succeeded(trace, "Facility %d and priority %d translated to code \"%s\" - returning %s(%d)",
-                      LOG_FAC(facility), priority, field_text<ENTRY_WIDTH>(sel64rep).data());
+                      LOG_FAC(facility), priority, field_text<ZK_ENTRY_WIDTH>(sel64rep).data());
 }
 
 int zk_conv_base_64_selector(int debug_active, const char* debug_file, const char* sel64rep, int* facility,
@@ -216,16 +216,16 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
   if (facility == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "Facility pointer 0x0 invalid - returning %s(%d)");
   if (priority == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, "Priority pointer 0x0 invalid - returning %s(%d)");
 
-  const std::array<char, ENTRY_WIDTH + 1> field = field_text<ENTRY_WIDTH>(sel64rep);
-  if (field[0] == ZERO_DIGIT || field[1] == ZERO_DIGIT || std::strcmp(field.data() + 2, "....") != 0)
+  const std::array<char, ZK_ENTRY_WIDTH + 1> field = field_text<ZK_ENTRY_WIDTH>(sel64rep);
+  if (field[0] == ZK_ZERO_DIGIT || field[1] == ZK_ZERO_DIGIT || std::strcmp(field.data() + 2, "....") != 0)
     return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" invalid - returning %s(%d)", field.data());
 
   static constexpr char INVALID_VALUE[] = "Selector \"%s\" yielded invalid %s value %d - returning %s(%d)";
   const int facility_number = static_cast<int>(zk_a64l(field_text<1>(field.data()).data())) - 1;
-  if (facility_number < 0 || facility_number > LOG_FAC(FACILITY_MAX))
+  if (facility_number < 0 || facility_number > LOG_FAC(ZK_FACILITY_MAX))
     return zk_failed(trace, ZELK_INV_PARAM3, INVALID_VALUE, field.data(), "facility", facility_number);
   const int priority_number = static_cast<int>(zk_a64l(field.data() + 1)) - 1;
-  if (priority_number < 0 || priority_number > PRIORITY_MAX)
+  if (priority_number < 0 || priority_number > ZK_PRIORITY_MAX)
     return zk_failed(trace, ZELK_INV_PARAM3, INVALID_VALUE, field.data(), "priority", priority_number);
 
   *facility = facility_number * 8;
@@ -236,7 +236,7 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
 
 void zk_selector_substr(const char* fid, char* selector) {
   constexpr size_t START = offsetof(zk_eid_parts_t, entry);
-  if (selector != nullptr && fid[0] != '\0') std::memcpy(selector, fid + START, strnlen(fid + START, ENTRY_WIDTH));
+  if (selector != nullptr && fid[0] != '\0') std::memcpy(selector, fid + START, strnlen(fid + START, ZK_ENTRY_WIDTH));
 }
 
 /* ---- Time stamp ---------------------------------------------------------------------------------------- */
@@ -256,7 +256,7 @@ int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep
                       "Time of day value %d secs %d usecs converted to base-64 rep of %s\n"
                       "Returning %s(%d) to caller\n",
                       static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec),
-                      field_text<TIME_WIDTH>(tod64rep).data());
+                      field_text<ZK_TIME_WIDTH>(tod64rep).data());
 }
 
 static constexpr char INVALID_TIME[] =
@@ -270,9 +270,9 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
 
-  const std::array<char, TIME_WIDTH + 1> field = field_text<TIME_WIDTH>(tod64rep);
-  const auto seconds_field = field_text<SECONDS_WIDTH>(field.data());
-  const auto microseconds_field = field_text<MICROSECONDS_WIDTH>(field.data() + SECONDS_WIDTH);
+  const std::array<char, ZK_TIME_WIDTH + 1> field = field_text<ZK_TIME_WIDTH>(tod64rep);
+  const auto seconds_field = field_text<ZK_SECONDS_WIDTH>(field.data());
+  const auto microseconds_field = field_text<ZK_MICROSECONDS_WIDTH>(field.data() + ZK_SECONDS_WIDTH);
   const uint64_t seconds = zk_a64l(seconds_field.data());
   const uint64_t microseconds = zk_a64l(microseconds_field.data());
   *tbuf = {};

@@ -16,33 +16,33 @@
 struct zk_trace_t;
 
 /* Widths in characters. */
-inline constexpr size_t ENTRY_WIDTH = 6;
-inline constexpr size_t SECONDS_WIDTH = 6;
-inline constexpr size_t MICROSECONDS_WIDTH = 4;
-inline constexpr size_t TIME_WIDTH = SECONDS_WIDTH + MICROSECONDS_WIDTH;
-inline constexpr size_t ADDR_CODE_WIDTH = ZELK_ADDR_CODE_SIZE - 1;
-inline constexpr size_t ADDR_WIDTH = ADDR_CODE_WIDTH + 1; /* the code, then its type: as in ZELKADDR */
+inline constexpr size_t ZK_ENTRY_WIDTH = 6;
+inline constexpr size_t ZK_SECONDS_WIDTH = 6;
+inline constexpr size_t ZK_MICROSECONDS_WIDTH = 4;
+inline constexpr size_t ZK_TIME_WIDTH = ZK_SECONDS_WIDTH + ZK_MICROSECONDS_WIDTH;
+inline constexpr size_t ZK_ADDR_CODE_WIDTH = ZELK_ADDR_CODE_SIZE - 1;
+inline constexpr size_t ZK_ADDR_WIDTH = ZK_ADDR_CODE_WIDTH + 1; /* the code, then its type: as in ZELKADDR */
 
-inline constexpr char ZERO_DIGIT = '.'; /* pads every field */
+inline constexpr char ZK_ZERO_DIGIT = '.'; /* pads every field */
 
 /* Address types. */
-inline constexpr char IPV4_TYPE = '.';
-inline constexpr char IPV6_TYPE = '/';
+inline constexpr char ZK_IPV4_TYPE = '.';
+inline constexpr char ZK_IPV6_TYPE = '/';
 
 /* An address in network byte order. IPv4 has one word, the others are 0. */
-inline constexpr size_t ADDR_WORDS = 4;
-using addr_words = std::array<uint32_t, ADDR_WORDS>;
+inline constexpr size_t ZK_ADDR_WORDS = 4;
+using zk_addr_words_t = std::array<uint32_t, ZK_ADDR_WORDS>;
 
 /* Facilities are in their shifted form, as syslog has them. */
-inline constexpr int FACILITY_MAX = LOG_LOCAL7;
-inline constexpr int PRIORITY_MAX = LOG_DEBUG;
+inline constexpr int ZK_FACILITY_MAX = LOG_LOCAL7;
+inline constexpr int ZK_PRIORITY_MAX = LOG_DEBUG;
 
 /* The parts of an Error ID where they lie in it; none has a terminator. */
 struct zk_eid_parts_t {
   char header;
-  char entry[ENTRY_WIDTH];
-  char time[TIME_WIDTH];
-  char address[ADDR_WIDTH];
+  char entry[ZK_ENTRY_WIDTH];
+  char time[ZK_TIME_WIDTH];
+  char address[ZK_ADDR_WIDTH];
 };
 static_assert(sizeof(zk_eid_parts_t) == ZELK_EID_LENGTH);
 
@@ -50,7 +50,7 @@ static_assert(sizeof(zk_eid_parts_t) == ZELK_EID_LENGTH);
  * one the low 6 * `width` bits remain. */
 void zk_write_digits(uint64_t value, char* field, size_t width);
 
-/* Writes the TIME_WIDTH characters of a time stamp, without a terminator. */
+/* Writes the ZK_TIME_WIDTH characters of a time stamp, without a terminator. */
 void zk_write_time(const struct timeval& time, char* field);
 
 /* Writes the header of an ID of that version and location. */

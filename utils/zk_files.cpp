@@ -41,14 +41,14 @@ off_t fclear(int fildes, off_t offset) {
 /* Part of the blocks of a file system that a reservation leaves available. */
 static constexpr double KEPT_AVAILABLE = 0.05;
 
-struct space_figures {
+struct space_figures_t {
   uint64_t block_size; /* bytes */
   uint64_t used;       /* blocks */
   uint64_t limit;      /* most blocks that may be in use */
 };
 
 /* Asks for the space of the file system of `path`. Returns -1 with errno set on failure, also for a block size of 0. */
-static int query_space(const char* path, space_figures* space) {
+static int query_space(const char* path, space_figures_t* space) {
   struct statvfs figures = {};
   if (statvfs(path, &figures) != 0) return -1;
   if (figures.f_bsize == 0) return fail_with(EINVAL);
@@ -61,7 +61,7 @@ static int query_space(const char* path, space_figures* space) {
 /* The largest size that fits of `requested`, 2 blocks less, 4 blocks less and so on; -1 when none does. A size needs its
  * whole blocks and one more, and fits when the blocks in use then stay below the limit. The number of steps is
  * calculated, not tried out: a request may be far larger than the file system. */
-static off_t largest_fit(const space_figures& space, off_t requested) {
+static off_t largest_fit(const space_figures_t& space, off_t requested) {
   if (requested < 0) return -1;
   const uint64_t whole = static_cast<uint64_t>(requested) / space.block_size;
   const uint64_t room = space.limit - space.used;
@@ -73,7 +73,7 @@ static off_t largest_fit(const space_figures& space, off_t requested) {
 
 int zk_determine_max_fsize(int debug_active, const char* debug_file, const char* filename, off_t requested_size,
                            off_t min_size, off_t* file_size) {
-  static constexpr zk_errno_result STATVFS_RESULTS[] = {
+  static constexpr zk_errno_result_t STATVFS_RESULTS[] = {
       {ENOENT, ZELK_DIR_MISSING}, {EACCES, ZELK_DIR_NO_ACCESS}, {ESTALE, ZELK_STALE}};
   if (filename == nullptr) return ZELK_INV_PARAM3;
   if (file_size == nullptr) return ZELK_INV_PARAM4;
@@ -84,7 +84,7 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
   if (size > path.size()) return ZELK_FAILURE;
   std::memcpy(path.data(), filename, size);
   const char* directory = dirname(path.data());
-  space_figures space = {};
+  space_figures_t space = {};
   if (query_space(directory, &space) != 0)
     return zk_returned(trace, zk_result_of_errno(errno, STATVFS_RESULTS), "statvfs(%s) failed, error code %d\n",
                        directory, errno);
@@ -103,7 +103,7 @@ int zk_determine_max_fsize(int debug_active, const char* debug_file, const char*
 static constexpr mode_t PERMISSIONS = 0666; /* of a new file, whatever the umask */
 
 /* Locks the new file, fills it and asks for the space that this leaves. */
-static int fill_file(const zk_trace_t& trace, const char* filename, int fildes, off_t size, space_figures* space) {
+static int fill_file(const zk_trace_t& trace, const char* filename, int fildes, off_t size, space_figures_t* space) {
   if (lockf(fildes, F_LOCK, 0) != 0)
     return zk_returned(trace, ZELK_LOCK, "Cannot lock file %s - error %d\n", filename, errno);
   if (fchmod(fildes, PERMISSIONS) != 0)
@@ -124,7 +124,7 @@ static int fill_file(const zk_trace_t& trace, const char* filename, int fildes, 
 
 int zk_allocate_file(int debug_active, const char* debug_file, const char* filename, off_t requested_size,
                      off_t min_size, off_t* actual_size) {
-  static constexpr zk_errno_result OPEN_RESULTS[] = {
+  static constexpr zk_errno_result_t OPEN_RESULTS[] = {
       {EEXIST, ZELK_SUCCESS},  {ENOSPC, ZELK_NO_SPACE}, {EACCES, ZELK_READ_ONLY}, {EROFS, ZELK_READ_ONLY},
       {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}, {EFBIG, ZELK_TOO_MANY},   {EDQUOT, ZELK_TOO_MANY}};
   static constexpr int FLAGS = O_RDWR | O_CREAT | O_EXCL | O_TRUNC;
@@ -145,7 +145,7 @@ int zk_allocate_file(int debug_active, const char* debug_file, const char* filen
       return zk_result_of_errno(errno, OPEN_RESULTS);
     }
 
-    space_figures space = {};
+    space_figures_t space = {};
     result = fill_file(trace, filename, fildes, size, &space);
     close(fildes); /* and with it the lock */
     if (result == ZELK_SUCCESS && space.used <= space.limit) {

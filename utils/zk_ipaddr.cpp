@@ -23,13 +23,13 @@
 constexpr size_t INTERFACES_MAX = ZELK_ADDR_LIST_SLOTS - 1;
 
 constexpr size_t GROUP_WIDTH = 6; /* of the digits of a word in the code of an address */
-static_assert(ADDR_WORDS * GROUP_WIDTH == ADDR_CODE_WIDTH);
+static_assert(ZK_ADDR_WORDS * GROUP_WIDTH == ZK_ADDR_CODE_WIDTH);
 
-using addr_text = std::array<char, ZELK_ADDR_SLOT_SIZE>;
+using addr_text_t = std::array<char, ZELK_ADDR_SLOT_SIZE>;
 
 /* Takes the address of an interface. Returns 1; 0 for an interface without an IPv4 address, or one that has vanished
  * since the interfaces were listed; -1 with errno set when it cannot be queried. */
-static int query_address(const zk_trace_t& trace, int fildes, const struct ifreq& interface, addr_text* text,
+static int query_address(const zk_trace_t& trace, int fildes, const struct ifreq& interface, addr_text_t* text,
                          bool* is_up_loopback) {
   struct ifreq request = interface; /* the flags take the place of the address */
   if (zk_retry([&] { return ioctl(fildes, SIOCGIFFLAGS, &request); }) < 0)
@@ -51,9 +51,9 @@ static int query_address(const zk_trace_t& trace, int fildes, const struct ifreq
 /* Stores every address, or the first: of the loopbacks that are up, the first gives way to whatever comes next. */
 static int store_addresses(const zk_trace_t& trace, int fildes, std::span<const struct ifreq> interfaces, char* addr,
                            int findfirst, int* num_found) {
-  addr_text first = {};
+  addr_text_t first = {};
   for (const struct ifreq& interface : interfaces) {
-    addr_text text = {};
+    addr_text_t text = {};
     bool is_up_loopback = false;
     const int found = query_address(trace, fildes, interface, &text, &is_up_loopback);
     if (found < 0) return -1;
@@ -114,7 +114,7 @@ int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char*
   if (ipv6_flag == nullptr)
     return zk_failed(trace, ZELK_INV_PARAM4, "Parameter ipv6_flag is set to NULL\nReturning %s(%d) to caller");
 
-  addr_text text = {};
+  addr_text_t text = {};
   if (zk_obtain_ipaddrs(debug_active, debug_file, text.data(), 1, nullptr) != ZELK_SUCCESS) {
     /* Whatever the flag says: a trace file that is named learns of it. */
     const zk_trace_t always = {1, debug_file, __func__};
@@ -123,15 +123,15 @@ int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char*
 
   /* A text that is no address leaves the words 0. */
   const bool is_ipv6 = zk_is_addr_ipv6_type(text.data()) != 0;
-  addr_words words = {};
+  zk_addr_words_t words = {};
   inet_pton(is_ipv6 ? AF_INET6 : AF_INET, text.data(), words.data());
 
   std::array<char, ZELK_ADDR_CODE_SIZE> code = {};
-  for (size_t index = 0; index < ADDR_WORDS; ++index)
+  for (size_t index = 0; index < ZK_ADDR_WORDS; ++index)
     zk_write_digits(ntohl(words[index]), code.data() + index * GROUP_WIDTH, GROUP_WIDTH);
   zk_trace(trace, "Obtained IP address %s for this node, encoded as %s\n", text.data(), code.data());
   std::memcpy(ip_addr, code.data(), code.size());
-  *ipv6_flag = is_ipv6 ? IPV6_TYPE : IPV4_TYPE;
+  *ipv6_flag = is_ipv6 ? ZK_IPV6_TYPE : ZK_IPV4_TYPE;
   return ZELK_SUCCESS;
 }
 
@@ -140,14 +140,14 @@ int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_re
   if (ip64_rep == nullptr || ip64_rep[0] == '\0')
     return zk_failed(trace, ZELK_INV_PARAM3,
                      "Invalid pointer or string provided for IP address - returning %s(%d) to caller");
-  if (ipv6_flag != IPV4_TYPE && ipv6_flag != IPV6_TYPE)
+  if (ipv6_flag != ZK_IPV4_TYPE && ipv6_flag != ZK_IPV6_TYPE)
     return zk_failed(trace, ZELK_INV_PARAM4, "Invalid IP address type provided: '%c' - returning %s(%d) to caller",
                      ipv6_flag);
 
-  const size_t count = ipv6_flag == IPV4_TYPE ? 1 : ADDR_WORDS;
+  const size_t count = ipv6_flag == ZK_IPV4_TYPE ? 1 : ZK_ADDR_WORDS;
   std::array<char, ZELK_ADDR_CODE_SIZE> code = {};
-  std::memcpy(code.data(), ip64_rep, strnlen(ip64_rep, ADDR_CODE_WIDTH));
-  addr_words words = {};
+  std::memcpy(code.data(), ip64_rep, strnlen(ip64_rep, ZK_ADDR_CODE_WIDTH));
+  zk_addr_words_t words = {};
   for (size_t index = 0; index < count; ++index) {
     std::array<char, GROUP_WIDTH + 1> group = {};
     std::memcpy(group.data(), code.data() + index * GROUP_WIDTH, GROUP_WIDTH);

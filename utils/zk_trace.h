@@ -45,14 +45,14 @@ inline unsigned int zk_trace_pointer(const void* pointer) {
 
 /* Result for the errno `error` by a routine's own table of pairs, `other` when the table does not list it.
  * The tables differ on purpose and stand beside the routines whose they are. */
-struct zk_errno_result {
+struct zk_errno_result_t {
   int error;
   int result;
 };
 
 template <typename Table>
 int zk_result_of_errno(int error, const Table& table, int other = ZELK_FAILURE) {
-  for (const zk_errno_result& row : table)
+  for (const zk_errno_result_t& row : table)
     if (row.error == error) return row.result;
   return other;
 }
