@@ -79,9 +79,7 @@ int zk_scan_files_for_fid(int debug_active, const char* debug_file, const char* 
   int count = 0;
   while (count < stack_list_limit && *slot(count) != '\0') ++count;
   for (int index = 0; index < count; ++index) {
-    std::array<char, ZELK_FILE_SLOT_SIZE> name = {};
-    std::memcpy(name.data(), slot(index), strnlen(slot(index), name.size() - 1));
-    const zk_stack_path_t path = zk_stack_path(name.data());
+    const zk_stack_path_t path = zk_stack_path(slot(index), ZELK_FILE_SLOT_SIZE - 1);
     int fildes = -1;
     int result = zk_open_stack_path(trace, path, &fildes);
     if (result != ZELK_SUCCESS) return result;

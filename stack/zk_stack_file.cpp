@@ -2,19 +2,19 @@
 /* zk_stack_file.cpp - finds and opens the file of an Error Stack. */
 #include "zk_stack_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
 #include "zk_io.h"
 
-zk_stack_path_t zk_stack_path(const char* name) {
+zk_stack_path_t zk_stack_path(const char* name, int name_max) {
   constexpr char PREFIX[] = ZELK_STACK_DIR "/";
   constexpr int RELATIVE_NAME_MAX = 4095 - (sizeof PREFIX - 1);
+  const bool is_relative = *name != '/';
+  if (is_relative) name_max = std::min(name_max, RELATIVE_NAME_MAX);
   zk_stack_path_t path;
-  if (*name == '/')
-    std::snprintf(path.data(), path.size(), "%s", name);
-  else
-    std::snprintf(path.data(), path.size(), "%s%.*s", PREFIX, RELATIVE_NAME_MAX, name);
+  std::snprintf(path.data(), path.size(), "%s%.*s", is_relative ? PREFIX : "", name_max, name);
   return path;
 }
 

@@ -10,9 +10,9 @@
 
 using zk_stack_path_t = std::array<char, ZELK_PATH_SIZE>;
 
-/* The path of the stack file `name`: relative to ZELK_STACK_DIR, and then cut at 4095 characters, unless it begins with
- * "/". */
-zk_stack_path_t zk_stack_path(const char* name);
+/* The path of the stack file `name`, of which at most `name_max` bytes are read: relative to ZELK_STACK_DIR, and then cut at
+ * 4095 characters, unless it begins with "/". */
+zk_stack_path_t zk_stack_path(const char* name, int name_max = ZELK_PATH_SIZE);
 
 /* What the name of a stack begins with while it is being made, where the file system needs one then. */
 inline constexpr char ZK_STACK_IN_MAKING[] = ".zelk-";
