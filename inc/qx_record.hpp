@@ -279,6 +279,13 @@ struct details_t {
   const char* text;
 };
 
+/* Makes each argument by the conversion that shows it, and uses them. */
+template <typename Use, typename Conversions, size_t... INDEX, typename... Arguments>
+recorded_t use_shown(const Use& use, const Conversions& shown, std::index_sequence<INDEX...>,
+                     const Arguments&... arguments) {
+  return use(argument_t<Arguments>(arguments, shown[INDEX])...);
+}
+
 /* Records an incident. A recorder that could not open its stack gives ZELK_INV_PARAM3: a program that goes on without
  * one need not ask. */
 template <typename... Arguments>
@@ -299,10 +306,7 @@ recorded_t record(const recorder_t& recorder, cause_t cause, details_t details,
     recorded.result = zk_record_incident(0, nullptr, recorder.open, &incident, recorded.eid);
     return recorded;
   };
-  const auto make = [&]<size_t... INDEX>(std::index_sequence<INDEX...>) {
-    return record_these(argument_t<Arguments>(arguments, format.shown[INDEX])...);
-  };
-  return make(std::index_sequence_for<Arguments...>());
+  return use_shown(record_these, format.shown, std::index_sequence_for<Arguments...>(), arguments...);
 }
 
 template <typename... Arguments>

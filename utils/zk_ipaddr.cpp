@@ -59,7 +59,7 @@ static int store_addresses(const zk_trace_t& trace, int fildes, std::span<const 
     if (found < 0) return -1;
     if (found == 0) continue;
     if (findfirst == 0) {
-      std::strcpy(addr, text.data());
+      std::memcpy(addr, text.data(), std::strlen(text.data()) + 1);
       addr += ZELK_ADDR_SLOT_SIZE;
       if (num_found != nullptr) ++*num_found;
       continue;
@@ -69,7 +69,7 @@ static int store_addresses(const zk_trace_t& trace, int fildes, std::span<const 
     if (is_second || !is_up_loopback) break;
   }
   if (findfirst == 0) return 0;
-  std::strcpy(addr, first.data());
+  std::memcpy(addr, first.data(), std::strlen(first.data()) + 1);
   if (num_found != nullptr) *num_found = 1;
   return 0;
 }
