@@ -354,7 +354,7 @@ BEGIN
   IF strpos(line, '\u') > 0 THEN
     written := zelk_escaped(written);
   END IF;
-  IF written IS DISTINCT FROM line OR said.cut IS FALSE OR (said.id_time IS NULL) <> (said.node IS NULL) THEN
+  IF written IS DISTINCT FROM line OR said.cut IS FALSE OR said.id_time IS NOT NULL AND said.node IS NULL THEN
     reason := 'not as zkexport writes it';
   ELSIF NOT (zelk_is_of_bytes(said.stack, said.stack_base64) AND zelk_is_of_bytes(said.id, said.id_base64)
     AND zelk_is_of_bytes(said.cause, said.cause_base64) AND zelk_is_of_bytes((said.process).name, (said.process).name_base64)
@@ -406,6 +406,8 @@ BEGIN
         AND coalesce(said.id ~ '^[./0-9A-Za-z].{1,6}[./0-9A-Za-z]{35}$', false) AND said.id_time COLLATE "C" < '2106-02-07T06:28:16'
         AND to_char(zelk_time('.......' || right(said.id, 35)) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = said.id_time)
         THEN 'a time that its Error ID does not say'
+      WHEN said.id_time IS NULL AND said.node IS NOT NULL AND octet_length(said.id) = 42 AND said.id ~ '^[./0-9A-Za-z].{1,6}[./0-9A-Za-z]{35}$'
+        THEN 'a member is missing'
       WHEN length(said.time) <> 20 OR said.time COLLATE "C" NOT BETWEEN '1901-12-13T20:45:52Z' AND '2038-01-19T03:14:07Z'
         THEN 'a time that no record has'
       WHEN left(said.id_time, 19) || 'Z' = said.time -- as nearly always

@@ -256,10 +256,12 @@ static bool read_damage(json_reader_t* reader, damage_t* damage) {
          !damage->reason.empty();
 }
 
-/* Whether the Error ID says the time that the line has beside it. */
+/* Whether the line has the time that its Error ID says; the node may be known without one. */
 static bool is_time_of_id(const incident_t& incident) {
   int64_t id_time = 0;
-  return time_of_id(incident.id, &id_time) && id_time == incident.id_time;
+  const bool has_time = time_of_id(incident.id, &id_time);
+  if (incident.id_time == NO_ID_TIME) return !has_time || incident.node.empty();
+  return has_time && id_time == incident.id_time;
 }
 
 /* What a line is by its members. */
@@ -297,6 +299,6 @@ line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* da
     if (!is_read) return line_t::NOTHING;
   }
   if (!is_over || !is_json_over(&reader) || !restore_bytes(line, incident)) return line_t::NOTHING;
-  if (incident->id_time != NO_ID_TIME && !is_time_of_id(*incident)) return line_t::NOTHING;
-  return line_of(line, is_gap, is_damage);
+  const line_t kind = line_of(line, is_gap, is_damage);
+  return kind != line_t::INCIDENT || is_time_of_id(*incident) ? kind : line_t::NOTHING;
 }

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -52,6 +53,7 @@ static void close_file(spool_t* spool) {
   if (spool->fildes >= 0) close(spool->fildes);
   spool->fildes = -1;
   spool->read.clear();
+  spool->begun.clear();
 }
 
 /* Opens the first file behind that of this name. Returns false when there is none. */
@@ -142,32 +144,30 @@ static void mark_passed(spool_t* spool, bool is_last) {
 }
 
 /* Takes the next line of the file, of which at most `limit` bytes are kept. Returns false when it is not there as a whole. */
-static bool take_line(spool_t* spool, size_t limit, spool_line_t* line, bool* is_long) {
+static bool take_line(spool_t* spool, size_t limit, spool_line_t* line) {
   size_t size = spool->read.find('\n');
-  *is_long = false;
   while (size == spool->read.npos) {
     const size_t searched = spool->read.size();
     if (!read_more(spool)) return false;
     size = spool->read.find('\n', searched);
-    if (size == spool->read.npos && spool->read.size() > limit) { /* what is passed over need not be kept */
-      *is_long = true;
+    if (size == spool->read.npos && spool->read.size() > limit) {
+      if (spool->begun.empty()) spool->begun = spool->read.substr(0, limit);
       spool->at += static_cast<off_t>(spool->read.size());
       spool->read.clear();
     }
   }
-  line->line = spool->read.substr(0, size);
+  line->line = spool->begun.empty() ? spool->read.substr(0, std::min(size, limit)) : spool->begun;
+  spool->begun.clear();
   line->place = spool->name + ":" + std::to_string(spool->at);
   spool->read.erase(0, size + 1);
   spool->at += static_cast<off_t>(size) + 1;
-  *is_long = *is_long || size > limit;
   return true;
 }
 
 bool next_line(spool_t* spool, size_t limit, spool_line_t* line) {
   for (;;) {
     if (spool->fildes < 0 && !open_file(spool, "")) return false;
-    bool is_long = false;
-    if (!take_line(spool, limit, line, &is_long)) {
+    if (!take_line(spool, limit, line)) {
       /* Only the newest file grows. Whether there is a later one is asked before its end is looked for once more. */
       if (!spool->has_successor) {
         spool->has_successor = !find_file(spool, spool->name).empty();
@@ -180,7 +180,7 @@ bool next_line(spool_t* spool, size_t limit, spool_line_t* line) {
       continue;
     }
     /* The first line of a file, and a line that was cut short: one of zkexport ends in "}". */
-    if (is_long || line->line.starts_with('#') || line->line.ends_with('#')) {
+    if (line->line.starts_with('#') || line->line.ends_with('#')) {
       mark_passed(spool, false);
       continue;
     }

@@ -27,8 +27,9 @@ struct spool_t {
 
   int fildes = -1; /* the file that is read, which is `name` */
   std::string name;
-  off_t at;         /* of the next line */
-  std::string read; /* bytes behind `at` */
+  off_t at;          /* of the next line */
+  std::string read;  /* bytes behind `at` */
+  std::string begun; /* what is kept of a line that is too long, whose rest is there */
   bool has_successor;
   std::deque<spool_mark_t> marks;
 };
@@ -41,8 +42,8 @@ struct spool_line_t {
 /* Begins with the oldest file, in the one that `state` names behind what it says. */
 void open_spool(spool_t* spool);
 
-/* Gives the next line, without its newline; a line that was cut short and one that is longer than `limit` bytes are passed over.
- * Returns false when none is there yet. */
+/* Gives the next line, without its newline, and of one that is longer than `limit` bytes as many: it is none of zkexport, and is kept
+ * where it is rejected. A line that was cut short is passed over. Returns false when none is there yet. */
 bool next_line(spool_t* spool, size_t limit, spool_line_t* line);
 
 /* The oldest line that was given out has been acknowledged. */
