@@ -23,6 +23,11 @@ static constexpr size_t USUAL_COUNT = 128; /* of incidents in a stack */
 
 /* ---- Stacks -------------------------------------------------------------------------------------------------------- */
 
+/* Counts an incident that does not fit. Its Error ID is for those formats that say whether a cause is here. */
+static void pass_over(const export_request_t& request, incident_t* incident, chain_t* chain) {
+  leave_out(chain, request.format->can_follow ? "" : std::move(incident->id));
+}
+
 static int gather_stacks(const zk_trace_t& trace, const export_request_t& request, chain_t* chain,
                          std::string* other_lines) {
   std::vector<std::string> names;
@@ -35,7 +40,7 @@ static int gather_stacks(const zk_trace_t& trace, const export_request_t& reques
     begin_stack(&reader, trace, name, wanted_id);
     while (next_incident(&reader, &chain->incidents.emplace_back())) {
       if (request.is_chain || is_selected(request.selection, chain->incidents.back())) continue;
-      leave_out(chain, std::move(chain->incidents.back().id));
+      pass_over(request, &chain->incidents.back(), chain);
       chain->incidents.pop_back();
     }
     chain->incidents.pop_back(); /* there was none for it */
@@ -73,7 +78,7 @@ static void add_incident(input_t* input, size_t size) {
   incident_t& incident = input->incident;
   const bool is_wanted = request.is_chain || is_selected(request.selection, incident);
   if (!is_wanted) {
-    leave_out(input->chain, std::move(incident.id));
+    pass_over(request, &incident, input->chain);
     return;
   }
   std::string key = incident.id;
