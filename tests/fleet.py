@@ -155,7 +155,7 @@ def spread(*names):
 
 
 def query(text, database="zelk", user="postgres", host=None):
-    return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-h", host or folder, "-U", user, "-c", text, database, stderr=log).strip()
+    return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-h", host or folder, "-U", user, database, input=text, stderr=log).strip()
 
 
 def conninfo(database="zelk"):

@@ -73,10 +73,16 @@ def lines_that_are_none():
         "an error of another name": '{"stack":"disks","error":{"code":-26,"name":"ZELK_LOCK","reason":"x"}}',
         "DEL as it stands": line.replace("slot 7", "slot \x7f"),
         "a C1 control as it stands": line.replace("slot 7", "slot \u009b"),
+        "a name of another letter": line.replace('"id_time"', '"id.time"'),
+        "a bracket elsewhere": line.replace('"id":4711,', '"id":4711},'),
+        "a second number": line.replace('"offset":24,', '"offset":24,:5,'),
+        "an argument without brackets": line.replace('{"type":"int","value":3}', 'i3}'),
+        "numbers with zeros": line.replace('"parent":1', '"parent":01'),
+        "an address that is none": line.replace("192.0.2.2", "192.0.2.256"),
         "an error without reason": '{"stack":"disks","error":{"code":-1,"name":"X"}}',
     }.items():
         put([bad], host="bad", place=place.replace(" ", "_").replace(",", "").replace("'", ""))
-    expect("all of them are kept, with the reason", query("SELECT count(*) FROM zelk_rejected WHERE host = 'bad'"), "35")
+    expect("all of them are kept, with the reason", query("SELECT count(*) FROM zelk_rejected WHERE host = 'bad'"), "41")
     expect("none has become a row", rows("host = 'bad'"), 0)
     expect("bytes that are no text are kept as they came",
            query("SELECT encode(line, 'hex') FROM zelk_rejected WHERE host = 'bad' AND place LIKE 'a_NUL:%'"),
@@ -120,6 +126,11 @@ def one_judge():
         return answer.returncode, answer.stdout.splitlines()
 
     put(lines, host="judge")
+    array = "ARRAY[" + ",".join("$Q$" + line + "$Q$" for line in lines) + "]"
+    expect("what is told at a glance is what a reading tells", query(f"""
+        SELECT count(*) > 300, count(*) FILTER (WHERE (said.kind, said.key, said.cause) IS DISTINCT FROM
+                                                       ('incident', usual.key, usual.cause) OR usual.at <> zelk_time(said.key))
+          FROM unnest({array}) line, zelk_usual(line) usual, zelk_read('judge', line) said"""), "t|0")
     taken = query("SELECT incident FROM zelk_incident WHERE host = 'judge' UNION ALL "
                   "SELECT notice FROM zelk_notice WHERE host = 'judge'").splitlines()
     status, read = exported(taken)
@@ -149,11 +160,11 @@ def what_recorders_write():
 
 def one_row_a_key():
     line = line_of(7000)
-    put([line, line], host="once")
+    put([line, line, line.replace("7:09:30Z", "7:09:32Z")], host="once")
     put([line.replace("7:09:30Z", "7:09:31Z")], host="once", place="later")
     put([line.replace('"stack":"disks"', '"stack":"copy of disks"')], host="once", place="copy")
     expect("an incident that comes again is one row, wherever it lies", (rows("host = 'once'"), reason_of("once")),
-           (1, "another incident has this Error ID"))
+           (1, "; ".join(["another incident has this Error ID"] * 2)))
 
     lines = [line_of(20000 + number) for number in range(2000)]
     sessions = [threading.Thread(target=put, args=(part,), kwargs={"host": f"twin{number}"})
