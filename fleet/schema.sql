@@ -490,10 +490,11 @@ RETURN CASE
   ELSE convert_to(coalesce(line, ''), 'UTF8')
 END;
 
--- The row of a key, looked for in its partition only. (Inlined: "LIMIT 1" has the key known before that.)
+-- The row of a key, looked for in its partition only. (Inlined. "LIMIT 1" has the key known before that, "OFFSET 0" what it says
+-- told once, where it would be for each partition.)
 CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUAGE sql STABLE AS $$
-  SELECT * FROM zelk_incident i
-    WHERE i.key = zelk_row.key AND i.time = zelk_time(zelk_row.key) AND i.bucket = zelk_bucket(zelk_row.key) LIMIT 1 $$;
+  SELECT i.* FROM (SELECT zelk_time(zelk_row.key) AS time, zelk_bucket(zelk_row.key) AS bucket OFFSET 0) said, zelk_incident i
+    WHERE i.key = zelk_row.key AND i.time = said.time AND i.bucket = said.bucket LIMIT 1 $$;
 
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
 
@@ -502,7 +503,7 @@ CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUA
 -- begins with "\x" stands for bytes that are no text, in hexadecimal digits.
 CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[]) RETURNS void
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on
-SET plan_cache_mode = force_generic_plan AS $$
+SET plan_cache_mode = force_generic_plan SET work_mem = '8MB' AS $$
 DECLARE
   month timestamptz;
   repeated bigint[]; -- numbers of lines
@@ -652,79 +653,94 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
 
 -- What zelk_first_causes looks at: incidents since then, before them the earlier ones to which their causes lead, numbered from 1 in
 -- the order of their times.
-CREATE OR REPLACE FUNCTION zelk_numbered(since timestamptz)
-RETURNS TABLE (number int, key text, cause text, is_recent boolean) LANGUAGE sql STABLE AS $$
+DROP FUNCTION IF EXISTS zelk_first_causes(timestamptz), zelk_numbered(timestamptz);
+CREATE FUNCTION zelk_numbered(since timestamptz)
+RETURNS TABLE (number int, key text, cause text, at timestamptz, is_recent boolean) LANGUAGE sql STABLE AS $$
   WITH RECURSIVE earlier (key) AS (
     SELECT i.cause FROM zelk_incident i WHERE i.time >= since AND zelk_time(i.cause) < since
+      AND (SELECT EXISTS (SELECT FROM zelk_incident WHERE time < since)) -- the times of causes are what takes longest
     UNION
     SELECT i.cause FROM earlier, zelk_row(earlier.key) i WHERE zelk_time(i.cause) < since
   )
-  SELECT row_number() OVER (ORDER BY is_recent, time, key COLLATE "C")::int, key, cause, is_recent FROM (
+  SELECT row_number() OVER (ORDER BY is_recent, time, key COLLATE "C")::int, key, cause, time, is_recent FROM (
     SELECT i.key, i.cause, i.time, true AS is_recent FROM zelk_incident i WHERE i.time >= since
     UNION ALL
     SELECT i.key, i.cause, i.time, false FROM earlier, zelk_row(earlier.key) i) either $$;
 
--- First causes of what has been recorded since then, those with the most effects first. Incidents that caused nothing are
--- in it with 0 effects; a first cause that has not come in has no time, host and incident.
-CREATE OR REPLACE FUNCTION zelk_first_causes(since timestamptz)
-RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json)
-LANGUAGE plpgsql STABLE SET work_mem = '8MB' AS $$
-#variable_conflict use_column
+-- The first cause of each incident, by numbers. `causes` has for each the number of its cause: 0 for none, -1 for one that has not
+-- come in. The answer has for each the number of the first of its chain, and 0 or -1 for those that are that themselves; -2 for
+-- what is in a circle or was led to by one. A cause has the smaller number, unless a clock was set back.
+CREATE OR REPLACE FUNCTION zelk_heads(causes int[]) RETURNS int[] LANGUAGE plpgsql IMMUTABLE AS $$
 DECLARE
-  causes int[];  -- number of the cause of each, 0 for none, -1 for one that has not come in
-  heads int[];   -- number of the first of its chain; 0 while it is not known, less than 0 on a walk that has found none
-  effects int[]; -- how many recent ones each heads
-  earlier int;   -- how many are not recent
-  place int;
+  heads int[] := causes; -- up to `number` as they are returned
   head int;
+  place int;
+  mark int;  -- a place on the way: who comes there again goes round in a circle
+  steps int;
+  next int;
 BEGIN
-  WITH numbered AS MATERIALIZED (SELECT * FROM zelk_numbered(since))
-  SELECT array_agg(coalesce(cause.number, CASE WHEN each.cause IS NULL THEN 0 ELSE -1 END) ORDER BY each.number),
-         count(*) FILTER (WHERE NOT each.is_recent)
-    INTO causes, earlier
-    FROM numbered each LEFT JOIN numbered cause ON cause.key = each.cause;
-  heads := array_fill(0, ARRAY[coalesce(cardinality(causes), 0)]);
-  effects := heads;
-
   FOR number IN 1..coalesce(cardinality(causes), 0) LOOP
     head := heads[number];
-    IF head = 0 THEN
-      place := causes[number];
-      head := CASE WHEN place <= 0 THEN number ELSE heads[place] END; -- a cause comes before its effects
-      IF head <= 0 THEN -- unless a clock was set back: walk to where the first is known
-        place := number;
-        WHILE heads[place] = 0 AND causes[place] > 0 LOOP
-          heads[place] := -number;
-          place := causes[place];
-        END LOOP;
-        head := CASE WHEN heads[place] = 0 THEN place ELSE heads[place] END;
-        IF head > 0 THEN
-          heads[place] := head;
-          place := number;
-          WHILE heads[place] < 0 LOOP
-            heads[place] := head;
-            place := causes[place];
-          END LOOP;
-        END IF;
-      ELSE
-        heads[number] := head;
+    CONTINUE WHEN head <= 0;
+    IF head < number THEN
+      next := heads[head];
+      IF next > 0 OR next = -2 THEN
+        heads[number] := next;
       END IF;
+      CONTINUE;
     END IF;
-    IF head > 0 AND number > earlier THEN -- a circle has no first cause, nor has what it led to
-      effects[head] := effects[head] + 1;
-    END IF;
-  END LOOP;
 
-  RETURN QUERY
-    SELECT found.effects::bigint, found.key, i.time, i.host, i.incident
-      FROM (SELECT CASE each.cause_number WHEN 0 THEN n.key ELSE n.cause END AS key,
-                   sum(each.effects - CASE WHEN each.cause_number = 0 AND n.is_recent THEN 1 ELSE 0 END) AS effects
-              FROM zelk_numbered(since) n JOIN unnest(causes, effects) WITH ORDINALITY AS each (cause_number, effects, number)
-                ON each.number = n.number
-              WHERE each.cause_number <= 0 GROUP BY 1) found
-        LEFT JOIN LATERAL zelk_row(found.key) i ON true
-      ORDER BY found.effects DESC, i.time;
+    place := number;
+    mark := number;
+    steps := 0;
+    next := 1; -- steps until the mark is set anew
+    LOOP
+      head := heads[place];
+      EXIT WHEN head <= 0;
+      IF head = mark THEN
+        head := -2;
+        EXIT;
+      END IF;
+      place := head;
+      steps := steps + 1;
+      IF steps = next THEN
+        mark := place;
+        next := 2 * next;
+      END IF;
+    END LOOP;
+    head := CASE WHEN head = -2 THEN -2 ELSE place END;
+    place := number;
+    WHILE heads[place] > 0 AND place <> head LOOP -- nobody goes this way again
+      next := heads[place];
+      heads[place] := head;
+      place := next;
+    END LOOP;
+  END LOOP;
+  RETURN heads;
 END $$;
+
+-- First causes of what has been recorded since then, those with the most effects first. Incidents that caused nothing are
+-- in it with 0 effects; a first cause that has not come in has no time, host and incident.
+CREATE FUNCTION zelk_first_causes(since timestamptz)
+RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json) LANGUAGE sql STABLE AS $$
+  WITH numbered AS MATERIALIZED (
+    SELECT * FROM zelk_numbered(since)
+  ), heads AS MATERIALIZED (
+    SELECT each.number, CASE WHEN each.head > 0 THEN each.head ELSE each.number END AS head
+      FROM unnest(zelk_heads((SELECT array_agg(coalesce(cause.number, CASE WHEN effect.cause IS NULL THEN 0 ELSE -1 END) ORDER BY effect.number)
+                                FROM numbered effect LEFT JOIN numbered cause ON cause.key = effect.cause)))
+        WITH ORDINALITY AS each (head, number)
+      WHERE each.head <> -2 -- a circle has no first cause, nor has what it led to
+  ), counted AS MATERIALIZED (
+    SELECT head, count(*) FILTER (WHERE number > (SELECT count(*) FROM numbered WHERE NOT is_recent)) AS effects FROM heads GROUP BY head
+  )
+  SELECT found.effects, found.key, found.at, i.host, i.incident FROM (
+    SELECT sum(c.effects - CASE WHEN n.cause IS NULL AND n.is_recent THEN 1 ELSE 0 END)::bigint AS effects, coalesce(n.cause, n.key) AS key,
+           min(CASE WHEN n.cause IS NULL THEN n.at END) AS at
+      FROM counted c JOIN numbered n ON n.number = c.head GROUP BY 2 ORDER BY 1 DESC, 3) found
+    LEFT JOIN LATERAL (SELECT * FROM zelk_incident i
+      WHERE i.key = found.key AND i.time = found.at AND i.bucket = zelk_bucket(found.key) LIMIT 1) i ON true
+    ORDER BY found.effects DESC, found.at $$;
 
 -- ---- Who may do what --------------------------------------------------------------------------------------------------
 
@@ -740,13 +756,16 @@ BEGIN
 END $$;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]) TO zelk_writer;
 GRANT EXECUTE ON FUNCTION zelk_digit(text, int), zelk_time(text), zelk_bucket(text), zelk_row(text), zelk_causes(text),
-  zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_first_causes(timestamptz) TO zelk_reader;
+  zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_heads(int[]),
+  zelk_first_causes(timestamptz) TO zelk_reader;
 GRANT SELECT ON zelk_incident, zelk_incident_here, zelk_incident_other, zelk_notice, zelk_rejected, zelk_node, zelk_gaps, zelk_plain
   TO zelk_reader;
 SELECT format('REVOKE TEMPORARY ON DATABASE %I FROM PUBLIC', current_database()) \gexec
 
--- The recursive queries above look dear to the planner and are not; compiling them takes longer than they do.
-SELECT format('ALTER DATABASE %I SET jit = off', current_database()) \gexec
+-- The recursive queries above look dear to the planner and are not; compiling them takes longer than they do. The longest questions
+-- sort and join on the disk anyway: so a million rows take less than 64 MB.
+SELECT format('ALTER DATABASE %I SET %s', current_database(), setting)
+  FROM unnest(ARRAY['jit = off', $$work_mem = '2MB'$$, 'hash_mem_multiplier = 1']) setting \gexec
 
 SELECT zelk_make_partition(now() + months * interval '1 month') FROM generate_series(-1, 1) months \g /dev/null
 COMMIT;
