@@ -5,7 +5,7 @@ import os
 import random
 import select
 import selectors
-import socket
+import signal
 import statistics
 import struct
 import subprocess
@@ -18,7 +18,6 @@ import fleet
 from fleet import Conversation, Node, digits, id_of, kill, line_of, query, run, start_gatherer, wait_until
 
 STACK_SIZE = 16384
-TICKS = os.sysconf("SC_CLK_TCK")
 first_free = 0  # number of the next incident
 
 
@@ -41,16 +40,16 @@ def heading(*columns):
 # ---- What it costs ------------------------------------------------------------------------------------------------------
 
 def cpu_of(name):
-    """Seconds of CPU that all processes have taken that have it in their command line."""
+    """Seconds of CPU that all processes have taken that have it in their command line, and one thread."""
     total = 0
     for process in filter(str.isdigit, os.listdir("/proc")):
         try:
             if name not in open(f"/proc/{process}/cmdline").read():
                 continue
-            total += sum(int(ticks) for ticks in open(f"/proc/{process}/stat").read().rpartition(")")[2].split()[11:13])
+            total += int(open(f"/proc/{process}/schedstat").read().split()[0])
         except OSError:
             pass
-    return total / TICKS
+    return total / 1e9
 
 
 def memory_of(process):
@@ -87,20 +86,15 @@ def copied(count):
 
 # ---- Sending ------------------------------------------------------------------------------------------------------------
 
-def send(lines, connections, port=2514):
-    """Sends lines over that many connections at once. Returns how long it took until all were answered for."""
+def send(lines, conversations):
+    """Sends lines over all of the connections at once. Returns how long it took until all were answered for."""
     selector = selectors.DefaultSelector()
-    waiting = []
-    for number in range(connections):
-        conversation = Conversation(port, host=f"node{number}")
-        conversation.frames = b"".join(
+    for number, conversation in enumerate(conversations):
+        conversation.frames = memoryview(b"".join(
             conversation.frame("syslog", f"<134>1 - node{number} zelk 1.json:{place} - - {line}".encode())
-            for place, line in enumerate(lines[number::connections]))
-        conversation.due = len(lines[number::connections])
-        conversation.socket.setblocking(False)
-        waiting.append(conversation)
+            for place, line in enumerate(lines[number::len(conversations)])))
     begin = time.monotonic()
-    for conversation in waiting:
+    for conversation in conversations:
         selector.register(conversation.socket, selectors.EVENT_READ | selectors.EVENT_WRITE, conversation)
     due = len(lines)
     while due > 0:
@@ -113,21 +107,38 @@ def send(lines, connections, port=2514):
                     selector.modify(conversation.socket, selectors.EVENT_READ, conversation)
             if events & selectors.EVENT_READ:
                 due -= conversation.socket.recv(1 << 18).count(b"200 OK\n")
-    took = time.monotonic() - begin
-    for conversation in waiting:
-        conversation.close()
-    return took
+    return time.monotonic() - begin
 
 
-def measure(what, count, connections, port=2514):
+def measure(what, count, connections, port=2514, bursts=1):
     lines = lines_of(count)
+    conversations = [Conversation(port, host=f"node{number}") for number in range(connections)]
+    for conversation in conversations:
+        conversation.socket.setblocking(False)
     copy = copied(10000)
     before = cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")
-    rate = count / send(lines, connections, port)
+    each = count // bursts
+    rate = count / sum(send(lines[first:first + each], conversations) for first in range(0, count, each))
     gatherer, database = ((after - start) / count * 1e6
                           for after, start in zip((cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")), before))
     copy = (copy + copied(10000)) / 2
     row(what, connections, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}", f"{database:.1f}")
+    for conversation in conversations:
+        conversation.close()
+
+
+def start_hostile():
+    """A node that sends the worst there is, as fast as it is answered."""
+    worst = ['{"stack":"' + "\\u0001" * 10000 + '","gap":true}', '{"stack":"a","offset":' + "[" * 60000, "no line" * 9000,
+             line_of(1)[:-1] + ',"a":1' * 9000 + "}"]
+    process = os.fork()
+    if process == 0:
+        conversation = Conversation(host="hostile")
+        while True:
+            conversation.tell(worst, place=str(conversation.sent))
+            if conversation.sent > 60:
+                conversation.wait(conversation.sent - 60)
+    return process
 
 
 # ---- Nodes --------------------------------------------------------------------------------------------------------------
@@ -229,6 +240,22 @@ def killed(kills, count, kill_one):
     return count - there, double
 
 
+def killed_forwards(node, kills, count):
+    """Records incidents on a node while its rsyslog is killed. Returns lost and double rows."""
+    script = 'for number in $(seq "$1"); do zkrecord -C "forward$((number % 8))" "Alarm %d" "$number"; sleep 0.005; done'
+    recorder = subprocess.Popen([*node.enter(), "bash", "-c", script, "-", str(count)], stdout=subprocess.PIPE, text=True,
+                                env=fleet.environment)
+    for _ in range(kills):
+        time.sleep(random.uniform(0.2, 0.6))
+        kill(node.forward)
+        node.start_forward()
+    keys = recorder.communicate()[0].split()
+    there = "FROM zelk_incident WHERE incident->>'stack' LIKE 'forward%'"
+    wait_until(lambda: int(query("SELECT count(*) " + there)) >= len(keys), limit=30, pause=0.5)
+    found = query("SELECT key " + there).split()
+    return len(set(keys) - set(found)), len(found) - len(set(found))
+
+
 # ---- Questions ----------------------------------------------------------------------------------------------------------
 
 def fill(count, days, chain):
@@ -252,7 +279,7 @@ def fill(count, days, chain):
 
 def timed(question):
     """Seconds of CPU, and MiB of memory, that a question takes in a session of its own."""
-    session = subprocess.Popen(["psql", "-XqAt"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=fleet.environment)
+    session = subprocess.Popen(["psql", "-XqAtU", "zelk_reader"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=fleet.environment)
 
     def ask(text):
         session.stdin.write(text + ";\n")
@@ -263,7 +290,7 @@ def timed(question):
     ask("SET max_parallel_workers_per_gather = 0; SELECT 1")
 
     def cpu():
-        return sum(int(ticks) for ticks in open(f"/proc/{backend}/stat").read().rpartition(")")[2].split()[11:13]) / TICKS
+        return int(open(f"/proc/{backend}/schedstat").read().split()[0]) / 1e9
 
     begin = cpu()
     session.stdin.write(f"SELECT count(*) FROM ({question}) answer;\n")
@@ -277,66 +304,133 @@ def timed(question):
     return f"{took:.2f} s of CPU, {most} MiB"
 
 
-def main():
-    fleet.make_cluster()
-    fleet.make_database("zelk")
-    query("SELECT zelk_make_partition(to_timestamp(%d))" % fleet.SECOND)
-    gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
-    sample = fleet.folder + "/sample"
-    run("zkrecord", "-q", "-C", "-d", "slot 7 of enclosure 1\nretries    16", "--file=dm_scan.c", "--line=412",
-        "--product=stn.node", sample, "Disk %s: %d unreadable sectors, the first at %d.", "disk07", "3", "8589934712")
+def chain_times(rows):
+    """How long a chain takes: the first question of a session, and one behind it."""
+    taken = []
+    for key in query("SELECT key FROM zelk_incident WHERE cause IS NOT NULL LIMIT 30").split():
+        answer = run("psql", "-XqAtU", "zelk_reader", input="\\timing on\n" + f"SELECT count(incident) FROM zelk_chain('{key}');\n" * 3)
+        taken.append([float(line.split()[1]) for line in answer.splitlines() if line.startswith("Time:")])
+    row(f"`zelk_chain` in {rows:,} rows, median: a session's first, its third",
+        ", ".join(f"{statistics.median(times[at] for times in taken):.1f} ms" for at in (0, 2)))
 
+
+# ---- Parts --------------------------------------------------------------------------------------------------------------
+
+def start_middle():
+    return start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
+
+
+def rates():
     print(f"The disk synchronises {disk():,.0f} times a second. COPY, beside each, has 1,000 rows a commit.\n")
     heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "its sessions")
     measure("RELP", 30000, 1)
     measure("RELP", 30000, 10)
     measure("RELP", 30000, 1000)
-    measure("RELP, one line each", 1000, 1000)
+    measure("RELP, one line each", 10000, 1000, bursts=10)
     start_gatherer("--listen=127.0.0.1:2515", "--relay=127.0.0.1:2514", port=2515, name="relay")
     measure("RELP through a relay", 30000, 10, port=2515)
-    nodes = from_stacks(sample, 10, 10000)
+    hostile = start_hostile()
+    measure("RELP beside a hostile node", 30000, 10)
+    os.kill(hostile, signal.SIGKILL)
+    os.waitpid(hostile, 0)
     print()
 
+
+def from_nodes():
+    sample = fleet.folder + "/sample"
+    run("zkrecord", "-q", "-C", "-d", "slot 7 of enclosure 1\nretries    16", "--file=dm_scan.c", "--line=412",
+        "--product=stn.node", sample, "Disk %s: %d unreadable sectors, the first at %d.", "disk07", "3", "8589934712")
+    heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "its sessions")
+    nodes = from_stacks(sample, 10, 10000)
+    print()
     heading("what", "measured")
     taken = sorted(delays(nodes[0], 200))
     row("from zkrecord until the row is seen, median and 99 of 100",
         f"{statistics.median(taken):.1f} ms, {taken[int(len(taken) * 0.99)]:.1f} ms")
-    row("memory of zelk-gather", f"{memory_of(gatherer.pid)} MiB")
+    row("20 kills of a node's rsyslog: rows lost, double", "%d, %d" % killed_forwards(nodes[0], 20, 800))
+    for node in nodes:
+        kill(node.spool)
+        kill(node.forward)
 
+
+def kills():
     def kill_gatherer():
-        nonlocal gatherer
+        global gatherer
         kill(gatherer)
-        gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
+        gatherer = start_middle()
 
     def kill_database():
         fleet.kill_cluster()
         fleet.start_cluster()
 
+    heading("what", "measured")
     row("20 kills of zelk-gather: rows lost, double", "%d, %d" % killed(20, 20000, kill_gatherer))
     row("20 kills of PostgreSQL: rows lost, double", "%d, %d" % killed(20, 20000, kill_database))
-    for node in nodes:
-        kill(node.spool)
-        kill(node.forward)
 
-    fleet.make_database("questions")
-    fleet.environment["PGDATABASE"] = "questions"
-    for month in range(5):
-        query(f"SELECT zelk_make_partition(now() - {month} * interval '1 month')", "questions")
-    globals()["query"] = lambda text: fleet.query(text, "questions")
+
+def questions():
+    heading("what", "measured")
     fill(1_000_000, 100, 4)
-    row("zelk_first_causes of 1,000,000 rows of 100 days", timed("SELECT * FROM zelk_first_causes(now() - interval '101 days')"))
+    row("`zelk_first_causes` of 1,000,000 rows of 100 days", timed("SELECT * FROM zelk_first_causes(now() - interval '101 days')"))
     row("the same of the last day", timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')"))
-    keys = query("SELECT key FROM zelk_incident WHERE cause IS NOT NULL LIMIT 30").split()
-    plans = [query(f"EXPLAIN (ANALYZE, SUMMARY) SELECT * FROM zelk_chain('{key}')") for key in keys]
-    times = [float(plan.split("Execution Time: ")[1].split()[0]) for plan in plans]
-    row("zelk_chain in 1,000,000 rows, median", f"{statistics.median(times):.1f} ms")
+    chain_times(1_000_000)
     size = float(query("SELECT sum(pg_total_relation_size(relid)) FROM pg_partition_tree('zelk_incident')"))
     row("bytes a row", f"{size / 1_000_000:.0f}")
-    query("TRUNCATE zelk_incident")
+
+
+def long_chain():
+    heading("what", "measured")
     fill(100_000, 1, 100_000)
-    row("zelk_first_causes of one chain of 100,000", timed("SELECT * FROM zelk_first_causes(now() - interval '2 days')"))
+    row("`zelk_first_causes` of one chain of 100,000", timed("SELECT * FROM zelk_first_causes(now() - interval '2 days')"))
     key = query("SELECT key FROM zelk_incident WHERE cause IS NULL")
-    row("zelk_chain of it", timed(f"SELECT * FROM zelk_chain('{key}')"))
+    row("`zelk_chain` of it", timed(f"SELECT * FROM zelk_chain('{key}')"))
+
+
+def many_rows():
+    """The intake where the table is large."""
+    fill(500_000, 100, 4)
+    for copy in range(5):
+        query(f"""INSERT INTO zelk_incident SELECT bucket, time, received, overlay(key PLACING '{copy}x' FROM 2), cause, host, incident
+                    FROM zelk_incident WHERE key NOT LIKE '__x%' AND time < to_timestamp({fleet.SECOND})""")
+    query("VACUUM ANALYZE")
+    query("CHECKPOINT")
+    rows = int(query("SELECT count(*) FROM zelk_incident"))
+    heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "its sessions")
+    measure(f"RELP into {rows:,} rows", 100000, 10)
+    print()
+    heading("what", "measured")
+    chain_times(rows)
+
+
+def page():
+    heading("what", "measured")
+    fill(1_000_000, 0.99, 4)
+    os.mkdir(fleet.folder + "/page")
+    begin = time.monotonic()
+    run(fleet.FLEET + "/zelk-page", fleet.folder + "/page", stderr=fleet.log)
+    row("`zelk-page` of 1,000,000 incidents of the last day", f"{time.monotonic() - begin:.1f} s")
+
+
+PARTS = {"rates": rates, "nodes": from_nodes, "kills": kills, "questions": questions, "long_chain": long_chain, "many_rows": many_rows,
+         "page": page}
+
+
+def main():
+    global gatherer
+    parts = sys.argv[1:] or list(PARTS)
+    fleet.make_cluster()
+    for part in parts:
+        fleet.make_database("zelk")
+        for month in range(5):
+            query(f"SELECT zelk_make_partition(now() - {month} * interval '1 month')")
+        query("SELECT zelk_make_partition(to_timestamp(%d))" % fleet.SECOND)
+        gatherer = start_middle()
+        PARTS[part]()
+        row("memory of zelk-gather", f"{memory_of(gatherer.pid)} MiB")
+        print()
+        for process in list(fleet.processes):
+            kill(process)
+        run("dropdb", "--force", "zelk")
 
 
 def allow_watches(count):

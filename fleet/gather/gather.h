@@ -45,6 +45,7 @@ struct line_t {
 struct queue_t {
   line_t* first = nullptr;
   line_t* last = nullptr;
+  size_t passed = 0; /* bytes of turns that its first line was too long for */
 };
 
 /* ---- Nodes ---------------------------------------------------------------------------------------------------------- */

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/* queue.cpp - lines that wait for a sink. Nodes take turns, a line each, so that one with many holds up nobody. */
+/* queue.cpp - lines that wait for a sink. Nodes take turns, a line each, so that one with many holds up nobody;
+ * a line of many times the usual length, which costs the database as much more, takes as many turns. */
 #include <functional>
 
 #include "gather.h"
@@ -8,6 +9,7 @@ constexpr std::string_view DIGITS = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcde
 constexpr size_t BUCKETS = 4096;
 constexpr size_t ID_SIZE = 42;
 constexpr size_t MICROSECONDS_AT = 13; /* in an Error ID */
+constexpr size_t TURN_SIZE = 2048;     /* bytes; most lines have 700 */
 
 /* The bucket of a line's key, as zelk_bucket of the schema has it. A database passes on what it should not have got, so
  * any answer will do for what has no Error ID, as long as it is always the same. */
@@ -64,6 +66,12 @@ line_t* dequeue(gather_t*, sink_t* sink) {
       --node->references;
       continue;
     }
+    queue->passed += TURN_SIZE;
+    if (queue->passed < line->message.size()) {
+      sink->turns.push_back(node);
+      continue;
+    }
+    queue->passed = 0;
     queue->first = line->next;
     if (queue->first != nullptr) {
       sink->turns.push_back(node);
