@@ -385,7 +385,7 @@ def killed_gatherers():
             pass
         acknowledged += conversation.answered - 1
         missing = conversation.answered - 1 - rows(f"host = 'kill{number}' AND key = ANY(ARRAY[" + ",".join(
-            f"'{id_of(100000 + number * 500 + line)}'" for line in range(conversation.answered - 1)) + "])")
+            f"'{id_of(100000 + number * 500 + line)}'" for line in range(conversation.answered - 1)) + "]::text[])")
         if missing:
             expect(f"gatherer {number}: lines that were acknowledged and are lost", missing, 0)
     expect(f"all of {acknowledged} acknowledged lines are there", acknowledged >= 20, True)
