@@ -9,7 +9,8 @@ static const std::string ID = "726md..Wdc/f/iJr/06...1...................",
 
 /* What would do harm, or be lost, where it is taken for anything but text. */
 static const std::string HOSTILE =
-    "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9B \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xF0\x9F\x98\x80 "
+    "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9B \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xE0\x9F\xBF "
+    "\xF0\x9F\x98\x80 "
     "\xEF\xBF\xBF";
 
 static incident hostile(const std::string& id, const std::string& cause) {
