@@ -240,17 +240,18 @@ def killed(kills, count, kill_one):
     return count - there, double
 
 
-def killed_forwards(node, kills, count):
-    """Records incidents on a node while its rsyslog is killed. Returns lost and double rows."""
-    script = 'for number in $(seq "$1"); do zkrecord -C "forward$((number % 8))" "Alarm %d" "$number"; sleep 0.005; done'
-    recorder = subprocess.Popen([*node.enter(), "bash", "-c", script, "-", str(count)], stdout=subprocess.PIPE, text=True,
+def killed_forwards(node, start_one, kills, count):
+    """Records incidents on a node while what sends its spool is killed. Returns lost and double rows."""
+    stack = start_one.__name__
+    script = 'for number in $(seq "$1"); do zkrecord -C "$2$((number % 8))" "Alarm %d" "$number"; sleep 0.005; done'
+    recorder = subprocess.Popen([*node.enter(), "bash", "-c", script, "-", str(count), stack], stdout=subprocess.PIPE, text=True,
                                 env=fleet.environment)
     for _ in range(kills):
         time.sleep(random.uniform(0.2, 0.6))
         kill(node.forward)
-        node.start_forward()
+        start_one()
     keys = recorder.communicate()[0].split()
-    there = "FROM zelk_incident WHERE incident->>'stack' LIKE 'forward%'"
+    there = f"FROM zelk_incident WHERE incident->>'stack' LIKE '{stack}%'"
     wait_until(lambda: int(query("SELECT count(*) " + there)) >= len(keys), limit=30, pause=0.5)
     found = query("SELECT key " + there).split()
     return len(set(keys) - set(found)), len(found) - len(set(found))
@@ -347,7 +348,15 @@ def from_nodes():
     taken = sorted(delays(nodes[0], 200))
     row("from zkrecord until the row is seen, median and 99 of 100",
         f"{statistics.median(taken):.1f} ms, {taken[int(len(taken) * 0.99)]:.1f} ms")
-    row("20 kills of a node's rsyslog: rows lost, double", "%d, %d" % killed_forwards(nodes[0], 20, 800))
+    row("20 kills of a node's zelk-forward: rows lost, double", "%d, %d" % killed_forwards(nodes[0], nodes[0].start_forward, 20, 800))
+
+    def start_rsyslog():
+        nodes[1].run("rm", "-rf", "/run/zelk-forward")
+        nodes[1].start_rsyslog()
+
+    kill(nodes[1].forward)
+    start_rsyslog()
+    row("20 kills of a node's rsyslog: rows lost, double", "%d, %d" % killed_forwards(nodes[1], start_rsyslog, 20, 800))
     for node in nodes:
         kill(node.spool)
         kill(node.forward)
