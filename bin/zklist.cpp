@@ -2,6 +2,7 @@
 /* zklist.cpp - copies a stack's records into lists, by process or by related incident. */
 #include "zklist.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,26 @@ static int check_length(const zk_trace_t& trace, const void* record) {
   int32_t length = zk_record_length(record);
   if (length >= 1 && length <= ZK_REC_LISTED_MAX) return ZELK_SUCCESS;
   return zk_failed(trace, ZELK_REC_CORRUPT, "size obtained from record (%d) is invalid - returning %s(%d)", length);
+}
+
+/* Where the records of the lists stand in the stack, for the trace alone: an element of a list has no room for it. All
+ * records of any stack of version one have a place. */
+struct place_t {
+  const void* record;
+  off_t position;
+};
+static std::array<place_t, ZK_STACK_SIZE_MAX / (ZK_REC_LENGTH_SIZE + 1)> places;
+static size_t place_count;
+static off_t walked_position = -1; /* of the record that is being listed, -1 for none */
+
+static void remember_place(const void* record) {
+  if (walked_position >= 0 && place_count < places.size()) places[place_count++] = {record, walked_position};
+}
+
+off_t zk_listed_position(const void* record) {
+  for (size_t number = 0; number < place_count; ++number)
+    if (places[number].record == record) return places[number].position;
+  return -1;
 }
 
 /* What a copy could not have: bytes, and for which part. */
@@ -45,6 +66,7 @@ static zk_stack_rec_t* copy_record(const void* record, shortage_t* shortage) {
   }
   std::memcpy(copy, record, size);
   copy[size] = '\0';
+  remember_place(copy);
   element->record = copy;
   return element;
 }
@@ -215,27 +237,19 @@ static int walk_result(int result) {
   return result == ZELK_REC_CORRUPT ? ZELK_FILE_CORRUPT : ZELK_FAILURE;
 }
 
-/* Lists the record and stores in `*placed` the element that holds it then. */
-static int place_by_process(const zk_trace_t& trace, void* record, zk_proc_list_t* head, zk_stack_rec_t** placed) {
+static int place_by_process(const zk_trace_t& trace, void* record, zk_proc_list_t* head) {
   zk_proc_list_t* process = nullptr;
   int result = zk_find_proc_in_list(trace.active, trace.file, record, head, &process);
   if (result == ZELK_SUCCESS) result = zk_add_rec_to_proc(trace.active, trace.file, record, process);
-  if (result == ZELK_SUCCESS) *placed = last_of(process->records);
   return walk_result(result);
 }
 
-/* The same. */
-static int place_by_relation(const zk_trace_t& trace, void* record, zk_stack_rec_t** table, zk_stack_rec_t** placed) {
+static int place_by_relation(const zk_trace_t& trace, void* record, zk_stack_rec_t** table) {
   zk_stack_rec_t* related = nullptr;
   zk_stack_rec_t* groups = table != nullptr ? *table : nullptr;
-  if (zk_find_related_rec(trace.active, trace.file, record, groups, &related) == ZELK_SUCCESS) {
-    const int result = zk_add_related_rec(trace.active, trace.file, record, related);
-    *placed = related->related; /* not looked at after a failure */
-    return walk_result(result);
-  }
-  const int result = zk_add_unrelated_rec(trace.active, trace.file, record, table);
-  if (result == ZELK_SUCCESS) *placed = last_of(*table);
-  return walk_result(result);
+  if (zk_find_related_rec(trace.active, trace.file, record, groups, &related) == ZELK_SUCCESS)
+    return walk_result(zk_add_related_rec(trace.active, trace.file, record, related));
+  return walk_result(zk_add_unrelated_rec(trace.active, trace.file, record, table));
 }
 
 int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
@@ -250,15 +264,14 @@ int zk_read_stack(int debug_active, const char* debug_file, int order, int filde
   zk_walk_t walk;
   int result = zk_walk_begin(&walk, trace, fildes);
   if (result == ZELK_LOCK) return result;
+  place_count = 0;
   while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
     void* record = walk.record.data();
-    zk_stack_rec_t* placed = nullptr;
-    result = order == 0 ? place_by_process(trace, record, proc_list, &placed)
-                        : place_by_relation(trace, record, rec_table, &placed);
-    if (result != ZELK_SUCCESS) break;
-    placed->offset = static_cast<int32_t>(walk.record_position);
-    if (zk_walk_at_write_pos(walk)) break;
+    walked_position = trace.active != 0 ? walk.record_position : -1;
+    result = order == 0 ? place_by_process(trace, record, proc_list) : place_by_relation(trace, record, rec_table);
+    if (result == ZELK_SUCCESS && zk_walk_at_write_pos(walk)) break;
   }
+  walked_position = -1;
   if (result == ZELK_FILE_CORRUPT && walk.damage.reason == nullptr) {
     const bool is_too_long = zk_record_length(walk.record.data()) > ZK_REC_LISTED_MAX;
     zk_report_damage(trace, {walk.record_position, is_too_long ? ZK_NOT_FOR_LISTS : ZK_BAD_FIELD});

@@ -11,7 +11,6 @@
 /* One record in memory. */
 typedef struct zk_stack_rec {
   zk_eid_t fid;                 /* its Error ID; empty in the list of a process */
-  int32_t offset;               /* of its length word in the stack, where zk_read_stack has put it into the list */
   void* record;                 /* the whole record with its length word, and a zero byte behind it */
   struct zk_stack_rec* related; /* next record of the same incident group */
   struct zk_stack_rec* next;    /* first record of the next group, or next record of the same process */
@@ -65,5 +64,9 @@ int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record,
 
 /* Whether `head` can be the head of a process list: its first three fields are zero. */
 bool zk_is_list_head(const zk_proc_list_t* head);
+
+/* Where a record of a list stands in the stack: the offset of its length word, or -1 where the last zk_read_stack has not
+ * put it into the list, or was not traced. */
+off_t zk_listed_position(const void* record);
 
 #endif

@@ -151,10 +151,10 @@ int zk_print_full_stack_record(int debug_active, const char* debug_file, const c
   return result;
 }
 
-/* What the result of a record's printer means for the view: a bad record ends it, and is traced. */
+/* What the result of a record's printer means for the view: a bad record ends it, and is traced where its place is known. */
 static int view_result(const zk_trace_t& trace, int result, const void* record, off_t offset) {
   if (result != ZELK_INV_RECLEN && result != ZELK_INV_RECVERSN && result != ZELK_REC_CORRUPT) return result;
-  zk_report_bad_record(trace, record, offset);
+  if (offset >= 0) zk_report_bad_record(trace, record, offset);
   return ZELK_FILE_CORRUPT;
 }
 
@@ -215,7 +215,7 @@ static int display_chain(const zk_trace_t& trace, const zk_stack_rec_t* first, z
     void* record = element->record;
     int result = all == 1 ? zk_print_full_stack_record(trace.active, trace.file, nullptr, catfd, record)
                           : zk_print_brief_stack_record(trace.active, trace.file, nullptr, 0, catfd, record);
-    result = view_result(trace, result, record, element->offset);
+    result = view_result(trace, result, record, zk_listed_position(record));
     if (result == ZELK_FILE_CORRUPT) return result;
     if (all == 1) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
   }

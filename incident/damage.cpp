@@ -43,7 +43,7 @@ damage_t damage_of(int code) {
 
 std::string reason_of(int code, const std::string& path) {
   const damage_row_t& row = row_of(code);
-  const std::string reason = message_text(row.reason);
+  std::string reason = message_text(row.reason);
   if (row.advice == NO_ADVICE || !path.starts_with(ZELK_STACK_DIR)) return reason;
   return reason + "; " +
          (row.advice == TOOL_MSG_WHO_READS ? message_text(row.advice, {"zelk"}) : message_text(row.advice));
