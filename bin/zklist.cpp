@@ -158,13 +158,9 @@ int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, z
 
 /* ---- By related incident ------------------------------------------------------------------------------------------- */
 
-/* Makes the element of a group that is to stand at `place`, the argument `name`. Returns 0; ZELK_INV_PARAM3;
- * ZELK_INV_PARAM4; ZELK_REC_CORRUPT; ZELK_NO_MEMORY. */
-static int make_group_element(const zk_trace_t& trace, const void* record, const void* place, const char* name,
-                              zk_stack_rec_t** element) {
+/* Makes the element of a group. Returns 0; ZELK_REC_CORRUPT; ZELK_NO_MEMORY. */
+static int make_group_element(const zk_trace_t& trace, const void* record, zk_stack_rec_t** element) {
   shortage_t shortage;
-  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, INVALID_PARAMETER, "record");
-  if (place == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, INVALID_PARAMETER, name);
   if (check_length(trace, record) != ZELK_SUCCESS) return ZELK_REC_CORRUPT;
   *element = copy_record(record, &shortage);
   if (*element == nullptr)
@@ -204,8 +200,10 @@ int zk_find_related_rec(int debug_active, const char* debug_file, void* record, 
 
 int zk_add_related_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t* related) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, INVALID_PARAMETER, "record");
+  if (related == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, INVALID_PARAMETER, "related");
   zk_stack_rec_t* element = nullptr;
-  int result = make_group_element(trace, record, related, "related", &element);
+  int result = make_group_element(trace, record, &element);
   if (result != ZELK_SUCCESS) return result;
 
   element->related = related->related;
@@ -216,8 +214,10 @@ int zk_add_related_rec(int debug_active, const char* debug_file, void* record, z
 
 int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record, zk_stack_rec_t** table) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
+  if (record == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, INVALID_PARAMETER, "record");
+  if (table == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, INVALID_PARAMETER, "table");
   zk_stack_rec_t* element = nullptr;
-  int result = make_group_element(trace, record, table, "table", &element);
+  int result = make_group_element(trace, record, &element);
   if (result != ZELK_SUCCESS) return result;
 
   if (*table == nullptr) {
