@@ -54,7 +54,8 @@ static int extract_argument(const zk_trace_t& trace, zk_cursor_t* cursor, cu_err
   const size_t size = std::strlen(text) + 1;
   char* copy = static_cast<char*>(malloc(size));
   if (copy == nullptr) return zk_failed(trace, ZELK_NO_MEMORY, NO_MEMORY, static_cast<int>(size));
-  argument->cu_arg_value.cu_arg_char_str = static_cast<char*>(std::memcpy(copy, text, size));
+  std::memcpy(copy, text, size);
+  argument->cu_arg_value.cu_arg_char_str = copy;
   return ZELK_SUCCESS;
 }
 
