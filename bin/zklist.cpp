@@ -34,8 +34,11 @@ static std::array<place_t, ZK_STACK_SIZE_MAX / (ZK_REC_LENGTH_SIZE + 1)> places;
 static size_t place_count;
 static off_t walked_position = -1; /* of the record that is being listed, -1 for none */
 
-static void remember_place(const void* record) {
-  if (walked_position >= 0 && place_count < places.size()) places[place_count++] = {record, walked_position};
+/* Remembers where the record that is being listed stands. Its copy may have the memory of one that has been freed. */
+static void remember_place(const void* copy) {
+  for (size_t number = 0; number < place_count; ++number)
+    if (places[number].record == copy) places[number].record = nullptr;
+  if (walked_position >= 0 && place_count < places.size()) places[place_count++] = {copy, walked_position};
 }
 
 off_t zk_listed_position(const void* record) {

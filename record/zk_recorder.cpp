@@ -131,8 +131,7 @@ static bool is_address(const char* text) {
   return std::strspn(text, base64_table) == ZK_ADDR_WIDTH && (type == ZK_IPV4_TYPE || type == ZK_IPV6_TYPE);
 }
 
-/* The time of the newest record, by its Error ID or, where it has none, the end of the second in its time field; zero
- * for none. */
+/* The time of the newest record, by its Error ID or, where it has none, by its time field; zero for none. */
 static timeval newest_time(const zk_stack_state_t& state) {
   timeval time = {};
   if (state.newest == 0) return time;
@@ -143,7 +142,7 @@ static timeval newest_time(const zk_stack_state_t& state) {
   if (std::strlen(eid) == ZELK_EID_LENGTH && zk_conv_base_64_time(0, nullptr, parts->time, &time) == ZELK_SUCCESS)
     return time;
   zk_cursor_t cursor = zk_record_cursor(record, ZK_REC_TIME_POS);
-  return {.tv_sec = zk_read_int(&cursor), .tv_usec = 999999};
+  return {.tv_sec = zk_read_int(&cursor), .tv_usec = 0};
 }
 
 /* Now, or a microsecond after the newest record where the clock does not tell of a later time. (Behind the last second

@@ -80,9 +80,9 @@ TEST_F(one_line, keeps_the_message_apart_from_its_arguments) {
 }
 
 TEST_F(one_line, refuses_what_cannot_be_recorded_before_it_records) {
-  for (const char* format : {"%n",         "%*d",    "%.*d",    "%m",  "%lc",    "%ls",          "%hs",     "%Ld",
-                             "%b",         "%y",     "%",       "%5",  "%0$d",   "%2$d",         "%1$d %d", "%1$d %1$s",
-                             "%1$d %1$ld", "%1025d", "%.1025d", "% %", "%201$s", "%1$hhd %1$hhu"})
+  for (const char* format :
+       {"%n", "%*d",  "%.*d", "%m",      "%lc",       "%ls",        "%hs",    "%Ld",     "%b",  "%y",    "%",
+        "%5", "%0$d", "%2$d", "%1$d %d", "%1$d %1$s", "%1$d %1$ld", "%1025d", "%.1025d", "% %", "%201$s"})
     EXPECT_EQ(result_of(format), -5) << format;
   EXPECT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, nullptr), -5);
   EXPECT_EQ(zk_record_message(nullptr, nullptr, nullptr, nullptr, nullptr), -4);

@@ -190,8 +190,11 @@ static int append_entry(const char* trace_filename, const char* interface_name, 
   }
 
   const bool has_turn = is_forking;
-  sigset_t signals = forking_signals;
-  if (!has_turn) begin_turn(&signals);
+  sigset_t signals;
+  if (has_turn)
+    signals = forking_signals;
+  else
+    begin_turn(&signals);
   waits_for = NOTHING;
   std::array<char, ENTRY_SIZE> entry;
   format_entry(&entry, interface_name, lines);
