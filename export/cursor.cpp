@@ -157,12 +157,26 @@ bool save_cursor(const cursor_t& cursor, std::string* reason) {
   return false;
 }
 
-const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fildes) {
-  struct stat own, there;
-  if (fstat(fildes, &own) != 0) return nullptr;
+static const mark_t* mark_of_file(const cursor_t& cursor, const std::string& path, ino_t inode) {
+  struct stat there;
   const auto known = cursor.marks.find(path);
-  if (known != cursor.marks.end() && known->second.inode == own.st_ino) return &known->second;
+  if (known != cursor.marks.end() && known->second.inode == inode) return &known->second;
   for (const auto& [other, mark] : cursor.marks)
-    if (mark.inode == own.st_ino && (stat(other.c_str(), &there) != 0 || there.st_ino != own.st_ino)) return &mark;
+    if (mark.inode == inode && (stat(other.c_str(), &there) != 0 || there.st_ino != inode)) return &mark;
   return known != cursor.marks.end() ? &known->second : nullptr;
+}
+
+const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fildes) {
+  struct stat own;
+  return fstat(fildes, &own) == 0 ? mark_of_file(cursor, path, own.st_ino) : nullptr;
+}
+
+void move_marks(cursor_t* cursor, const std::vector<std::string>& paths) {
+  struct stat own;
+  std::map<std::string, mark_t> moved;
+  for (const std::string& path : paths) {
+    const mark_t* const mark = stat(path.c_str(), &own) == 0 ? mark_of_file(*cursor, path, own.st_ino) : nullptr;
+    if (mark != nullptr && mark->inode == own.st_ino) moved[path] = *mark;
+  }
+  for (const auto& [path, mark] : moved) cursor->marks[path] = mark;
 }

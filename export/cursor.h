@@ -30,4 +30,8 @@ bool save_cursor(const cursor_t& cursor, std::string* reason);
  * moved. Null for none. */
 const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fildes);
 
+/* Gives each of the paths the mark of the file that it leads to now, before what has the file's former path takes its
+ * place. */
+void move_marks(cursor_t* cursor, const std::vector<std::string>& paths);
+
 #endif
