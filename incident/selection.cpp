@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
+#include <cwchar>
+#include <cwctype>
 
 #include "message.h"
 #include "when.h"
@@ -40,11 +42,16 @@ std::string node_mistake(const std::string& text) {
   return address_of(text).empty() ? message_text(TOOL_MSG_NOT_AN_ADDRESS, {text}) : "";
 }
 
-/* Whether a pattern has a capital; what stands behind a backslash is none, as in "\\S". */
+/* Whether a pattern has a capital of the locale; what stands behind a backslash is none, as in "\\S". */
 static bool has_capital(std::string_view pattern) {
-  for (size_t at = 0; at < pattern.size(); ++at) {
-    if (pattern[at] >= 'A' && pattern[at] <= 'Z') return true;
-    if (pattern[at] == '\\') ++at;
+  std::mbstate_t state = {};
+  for (size_t at = 0; at < pattern.size();) {
+    wchar_t character = L'\0';
+    const size_t size = std::mbrtowc(&character, pattern.data() + at, pattern.size() - at, &state);
+    const bool is_character = size != 0 && size <= pattern.size() - at;
+    if (is_character && std::iswupper(static_cast<wint_t>(character)) != 0) return true;
+    if (!is_character) state = {};
+    at += pattern[at] == '\\' ? 2 : is_character ? size : 1;
   }
   return false;
 }

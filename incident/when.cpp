@@ -138,6 +138,9 @@ static bool read_moment(std::string_view* rest, int64_t now, int64_t* seconds) {
   return true;
 }
 
+/* Seconds, more than one number with its unit can say: what is added to them still fits. */
+static constexpr int64_t SPAN_MAX = 100'000'000'000'000'000;
+
 /* Reads numbers with their units, as "1h 30min" or "1.5h": whole seconds, and microseconds beyond them. */
 static bool read_span(std::string_view* rest, int64_t* seconds, int64_t* microseconds) {
   *seconds = *microseconds = 0;
@@ -153,6 +156,7 @@ static bool read_span(std::string_view* rest, int64_t* seconds, int64_t* microse
     *microseconds += number * unit->microseconds + millionths * unit->seconds;
     *seconds += number * unit->seconds + *microseconds / MICROSECONDS;
     *microseconds %= MICROSECONDS;
+    if (*seconds > SPAN_MAX) return false;
     rest->remove_prefix(name.size());
   } while (!rest->empty());
   return true;

@@ -87,7 +87,7 @@ static std::optional<int> parse_command_line(int argc, char** argv, request_t* r
       {text_option('c', "cause", "ID", TOOL_MSG_RECORD_CAUSE, &request->cause),
        flag_option('t', "text", TOOL_MSG_RECORD_TEXT, &request->is_text),
        text_option('d', "details", "TEXT", TOOL_MSG_RECORD_DETAILS, &request->details),
-       text_option('D', "dump", "FILE", TOOL_MSG_RECORD_DUMP, &request->dump, empty_mistake),
+       text_option('D', "dump", "FILE", TOOL_MSG_RECORD_DUMP, &request->dump),
        text_option('p', "process", "NAME", TOOL_MSG_RECORD_PROCESS, &request->process, empty_mistake),
        number_option('\0', "pid", "N", TOOL_MSG_RECORD_PID, &request->process_id, 1, INT32_MAX),
        text_option('\0', "file", "NAME", TOOL_MSG_RECORD_FILE, &request->file),
