@@ -23,7 +23,9 @@ static std::string script(const std::string& line) {
 static std::string holding(const std::string& what) {
   return "python3 -c 'import fcntl, os, signal, sys, time; signal.signal(signal.SIGIO, signal.SIG_IGN);"
          "f = os.open(sys.argv[1], os.O_RDWR); " +
-         what + "; time.sleep(30)' held & holder=$!; sleep 0.2;";
+         what +
+         "; open(sys.argv[2], \"w\"); time.sleep(30)' held $home/holds & holder=$!;"
+         "until [ -e $home/holds ]; do sleep 0.02; done;";
 }
 
 struct follow : testing::Test {

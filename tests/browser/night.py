@@ -146,6 +146,7 @@ class Night:
             incident["message"]["arguments"] = [{"type": "string", "value": HOSTILE}]
             if number % 3 == 0:
                 incident["id"] = "</li>\"'&=" + str(number)
+                del incident["id_time"]
             if number % 3 == 1:
                 incident["cause"] = "</li>\"'&=" + str(number - 1)
 

@@ -303,7 +303,7 @@ test('says the times in the zone of its reader, with UTC beside them', async () 
 
 test('keeps processes of one name and number apart by their nodes', async () => {
   const [first] = incidentsOf(NIGHT_12);
-  const lines = ['192.0.2.2', '192.0.2.18'].map(node => JSON.stringify({...first, node, id: node})).join('\n');
+  const lines = ['192.0.2.2', '192.0.2.18'].map(node => JSON.stringify({...first, node, id: node, id_time: undefined})).join('\n');
   const tab = await open(lines);
   assert.deepEqual(await tab.$$eval('.lanes li', names => names.map(name => name.textContent.trim())),
     ['192.0.2.2', 'stn_sync 3318', '192.0.2.18', 'stn_sync 3318']);
