@@ -55,6 +55,7 @@ static int give_stacks(const zk_trace_t& trace, const export_request_t& request)
   int status = stacks_to_export(trace, request, &names);
   if (status != STATUS_DONE) return status;
   std::vector<std::string> paths;
+  paths.reserve(names.size());
   for (const std::string& name : names) paths.push_back(zk_stack_path(name.c_str()).data());
   move_marks(&cursor, paths);
   if (request.is_every) forget_gone(&cursor, names);
