@@ -186,7 +186,7 @@ int list_stacks(std::vector<std::string>* names) {
     struct stat status;
     const bool is_file =
         fstatat(dirfd(directory), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode);
-    if (is_file && name[0] != '.') found.emplace(name, status.st_ino); /* ZK_STACK_IN_MAKING begins so, too */
+    if (is_file && !name.starts_with(ZK_STACK_IN_MAKING)) found.emplace(name, status.st_ino);
   }
   closedir(directory);
   std::set<ino_t> given; /* a file of several names comes once */

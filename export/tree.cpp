@@ -19,7 +19,7 @@
 #include "text.h"
 #include "utc_time.h"
 
-/* Columns of a process name, at most. */
+/* Columns of a process name, at most, where a line has an end. */
 static constexpr size_t PROCESS_WIDTH = 32;
 static constexpr size_t LEVELS_MAX = 20; /* that are indented; deeper ones say their number */
 static constexpr size_t UNLIMITED = static_cast<size_t>(-1) / 2;
@@ -223,7 +223,8 @@ static void draw_incident(tree_drawing_t* drawing, const tree_row_t& row, tree_l
   const bool is_utf8 = drawing->is_utf8;
   if (drawing->has_nodes && !incident.node.empty() && incident.node != drawing->node)
     put(line, (drawing->node = incident.node) + " ", is_utf8);
-  put_coloured(line, incident.process, *drawing, colour_of(incident.process), PROCESS_WIDTH);
+  put_coloured(line, incident.process, *drawing, colour_of(incident.process),
+               line->left == UNLIMITED ? UNLIMITED : PROCESS_WIDTH);
   put(line, "[" + std::to_string(incident.process_id) + "]: ", is_utf8);
 
   std::string repeats;

@@ -231,7 +231,7 @@ TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
 
 TEST(node, gives_each_stack_once_whatever_leads_to_it) {
   NEEDS_PRIVATE_VAR();
-  EXPECT_EQ(script("cd " ZELK_STACK_DIR "; zkrecord -qC s one; ln s same; ln -s s link; cp s .s.copy; "
+  EXPECT_EQ(script("cd " ZELK_STACK_DIR "; zkrecord -qC s one; ln s same; ln -s s link; cp s .zelk-0; "
                    "zkexport --every | jq -r .stack; zkexport link | jq -r .stack"),
             "s\nlink\n");
 }
