@@ -86,27 +86,35 @@ def copied(count):
 
 # ---- Sending ------------------------------------------------------------------------------------------------------------
 
+def send_some(conversation, selector):
+    """Sends what there is room for; a line or a few leave at once, and nothing has to be waited for."""
+    sent = conversation.socket.send(conversation.frames[:1 << 18])
+    was_waiting = sent < len(conversation.frames) or conversation.is_waiting
+    conversation.frames = conversation.frames[sent:]
+    conversation.is_waiting = len(conversation.frames) > 0
+    if was_waiting:
+        selector.modify(conversation.socket, selectors.EVENT_READ | (selectors.EVENT_WRITE if conversation.is_waiting else 0), conversation)
+
+
 def send(lines, conversations):
     """Sends lines over all of the connections at once. Returns how long it took until all were answered for."""
     selector = selectors.DefaultSelector()
     for number, conversation in enumerate(conversations):
+        conversation.is_waiting = False
         conversation.frames = memoryview(b"".join(
             conversation.frame("syslog", f"<134>1 - node{number} zelk 1.json:{place} - - {line}".encode())
             for place, line in enumerate(lines[number::len(conversations)])))
+        selector.register(conversation.socket, selectors.EVENT_READ, conversation)
     begin = time.monotonic()
     for conversation in conversations:
-        selector.register(conversation.socket, selectors.EVENT_READ | selectors.EVENT_WRITE, conversation)
+        send_some(conversation, selector)
     due = len(lines)
     while due > 0:
         for key, events in selector.select():
-            conversation = key.data
             if events & selectors.EVENT_WRITE:
-                sent = conversation.socket.send(conversation.frames[:1 << 18])
-                conversation.frames = conversation.frames[sent:]
-                if not conversation.frames:
-                    selector.modify(conversation.socket, selectors.EVENT_READ, conversation)
+                send_some(key.data, selector)
             if events & selectors.EVENT_READ:
-                due -= conversation.socket.recv(1 << 18).count(b"200 OK\n")
+                due -= key.fileobj.recv(1 << 18).count(b"200 OK\n")
     return time.monotonic() - begin
 
 
