@@ -382,12 +382,13 @@ static bool give_queued(follower_t* follower, followed_t* stack) {
 /* ---- Names --------------------------------------------------------------------------------------------------------- */
 
 /* Goes on where a stack was given out to before it was moved to this name. */
-static void know_moved(const follower_t& follower, followed_t* stack) {
-  const mark_t* const mark = find_mark(follower.cursor, stack->path, stack->open.fildes);
+static void know_moved(follower_t* follower, followed_t* stack) {
+  const mark_t* const mark = find_mark(follower->cursor, stack->path, stack->open.fildes);
   if (mark == nullptr || mark->inode != stack->file.st_ino) return;
   if (stack->is_known && stack->mark.inode == mark->inode) return;
   stack->is_known = true;
   stack->mark = *mark;
+  set_mark(follower, *stack);
 }
 
 /* Takes the stack's file over from the name that it was moved from, so that one of them gives it out. */
@@ -409,7 +410,7 @@ static bool open_file(follower_t* follower, followed_t* stack) {
   end_putting_off(stack);
   if (result == ZELK_SUCCESS) {
     fstat(stack->open.fildes, &stack->file);
-    know_moved(*follower, stack);
+    know_moved(follower, stack);
     watch_stack(follower, stack);
     enqueue(follower, stack);
     if (follower->is_started) take_over(follower, *stack);
@@ -482,7 +483,6 @@ static void list_new_stacks(follower_t* follower) {
   follower->is_folder_told = result != ZELK_SUCCESS;
   for (const std::string& name : names)
     if (follower->listed.insert(name).second) add_stack(follower, name, true);
-  if (result == ZELK_SUCCESS && forget_gone(&follower->cursor, names)) follower->is_unsaved = true;
 }
 
 /* Forgets names of the stacks' folder that have no file any more. */
@@ -496,6 +496,14 @@ static void forget_names(follower_t* follower) {
     follower->listed.erase(stack->name);
     stack = follower->stacks.erase(stack);
   }
+}
+
+/* Forgets marks of names that have gone, once other names have taken over those of files that were moved. */
+static void forget_marks(follower_t* follower) {
+  if (!follower->request->is_every || follower->is_folder_told) return;
+  std::vector<std::string> names(follower->listed.begin(), follower->listed.end());
+  std::sort(names.begin(), names.end());
+  if (forget_gone(&follower->cursor, names)) follower->is_unsaved = true;
 }
 
 /* The folder that holds what a path names. */
@@ -557,6 +565,7 @@ static bool rescan(follower_t* follower) {
   for (followed_t& stack : follower->stacks)
     if (!follow_name(follower, &stack)) return false;
   forget_names(follower);
+  forget_marks(follower);
   follower->is_started = true;
   follower->next_rescan = now() + RESCAN_SHARE * (now() - begun);
   return true;
