@@ -144,7 +144,7 @@ static void mark_passed(spool_t* spool, bool is_last) {
 }
 
 /* Takes the next line of the file, of which at most `limit` bytes are kept. Returns false when it is not there as a whole. */
-static bool take_line(spool_t* spool, size_t limit, spool_line_t* line) {
+static bool parse_line(spool_t* spool, size_t limit, spool_line_t* line) {
   size_t size = spool->read.find('\n');
   while (size == spool->read.npos) {
     const size_t searched = spool->read.size();
@@ -167,7 +167,7 @@ static bool take_line(spool_t* spool, size_t limit, spool_line_t* line) {
 bool next_line(spool_t* spool, size_t limit, spool_line_t* line) {
   for (;;) {
     if (spool->fildes < 0 && !open_file(spool, "")) return false;
-    if (!take_line(spool, limit, line)) {
+    if (!parse_line(spool, limit, line)) {
       /* Only the newest file grows. Whether there is a later one is asked before its end is looked for once more. */
       if (!spool->has_successor) {
         spool->has_successor = !find_file(spool, spool->name).empty();

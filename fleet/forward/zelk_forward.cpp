@@ -115,7 +115,7 @@ static void greet_middle(forward_t* forward) {
 }
 
 /* Takes an answer. Returns what is wrong with it, or null. */
-static const char* take_answer(forward_t* forward, const frame_t& frame) {
+static const char* accept_answer(forward_t* forward, const frame_t& frame) {
   if (frame.command == "serverclose") return "it goes out of service";
   if (frame.command != "rsp" || frame.number != forward->due_number) return "an answer that is none";
   if (!frame.content.starts_with("200")) return "it does not take what it is sent";
@@ -147,7 +147,7 @@ static void read_answers(forward_t* forward) {
     frame_t frame;
     frame_result_t parsed = parse_frame(forward->in, &frame);
     while (parsed == FRAME_WHOLE && problem == nullptr) {
-      problem = take_answer(forward, frame);
+      problem = accept_answer(forward, frame);
       at += frame.size;
       parsed = parse_frame(std::string_view(forward->in).substr(at), &frame);
     }
@@ -231,7 +231,7 @@ static bool read_certificates(forward_t* forward) {
   return true;
 }
 
-static void take_signals(forward_t* forward, int fildes) {
+static void read_signals(forward_t* forward, int fildes) {
   signalfd_siginfo signal = {};
   while (read(fildes, &signal, sizeof signal) == static_cast<ssize_t>(sizeof signal)) {
     if (signal.ssi_signo == SIGHUP) {
@@ -270,7 +270,7 @@ static int run(forward_t* forward) {
     std::array<char, 4096> told;
     while (read(folder_fildes, told.data(), told.size()) > 0) continue;
     const bool was_connected = forward->state != FORWARD_AWAY;
-    take_signals(forward, signal_fildes);
+    read_signals(forward, signal_fildes);
     if (was_connected && forward->state == FORWARD_AWAY) events = 0;
   }
   note_acknowledged(&forward->spool);

@@ -174,7 +174,7 @@ static void end_statement(gather_t* gather, sink_t* sink) {
     put_off(gather, sink);
 }
 
-static void take_result(sink_t* sink, PGresult* result) {
+static void read_result(sink_t* sink, PGresult* result) {
   const ExecStatusType status = PQresultStatus(result);
   if (status != PGRES_TUPLES_OK) {
     const char* const state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
@@ -196,7 +196,7 @@ static void database_is_ready(gather_t* gather, source_t* source, uint32_t event
   while (sink->state == SINK_BUSY && PQisBusy(sink->connection) == 0) {
     PGresult* const result = PQgetResult(sink->connection);
     if (result != nullptr)
-      take_result(sink, result);
+      read_result(sink, result);
     else if (PQstatus(sink->connection) != CONNECTION_OK)
       return lose_database(gather, sink, "lost");
     else

@@ -200,7 +200,7 @@ static void answer_lines(gather_t* gather, node_t* node) {
 
 /* ---- Frames ---------------------------------------------------------------------------------------------------------- */
 
-static void take_line(gather_t* gather, node_t* node, const frame_t& frame) {
+static void accept_line(gather_t* gather, node_t* node, const frame_t& frame) {
   line_t* const line = new line_t{};
   line->message = frame.content;
   line->parts = split_message(line->message);
@@ -212,7 +212,7 @@ static void take_line(gather_t* gather, node_t* node, const frame_t& frame) {
   enqueue(gather, gather->sinks[sink_of(gather, line)].get(), line);
 }
 
-static const char* take_frame(gather_t* gather, node_t* node, const frame_t& frame) {
+static const char* accept_frame(gather_t* gather, node_t* node, const frame_t& frame) {
   const int wanted = node->last_number == FRAME_NUMBER_MAX ? 1 : node->last_number + 1;
   if (frame.number != wanted) return "a number that does not follow the one before it";
   node->last_number = frame.number;
@@ -223,7 +223,7 @@ static const char* take_frame(gather_t* gather, node_t* node, const frame_t& fra
   }
   if (node->state != NODE_OPEN) return "a command before \"open\"";
   if (frame.command == "syslog") {
-    take_line(gather, node, frame);
+    accept_line(gather, node, frame);
     return nullptr;
   }
   if (frame.command != "close") return "a command that is unknown here";
@@ -235,7 +235,7 @@ static const char* take_frame(gather_t* gather, node_t* node, const frame_t& fra
 }
 
 /* Takes the whole frames that have come. */
-static void take_frames(gather_t* gather, node_t* node) {
+static void accept_frames(gather_t* gather, node_t* node) {
   size_t at = 0;
   const char* reason = nullptr;
   while (reason == nullptr && !node->is_leaving) {
@@ -244,7 +244,7 @@ static void take_frames(gather_t* gather, node_t* node) {
     frame_t frame;
     const frame_result_t result = parse_frame(std::string_view(node->in).substr(at), &frame);
     if (result == FRAME_SHORT) break;
-    reason = result == FRAME_BAD ? frame.reason : take_frame(gather, node, frame);
+    reason = result == FRAME_BAD ? frame.reason : accept_frame(gather, node, frame);
     at += frame.size;
   }
   if (reason != nullptr) return close_node(gather, node, (std::string("a frame that is none: ") + reason).c_str());
@@ -264,7 +264,7 @@ static void read_node(gather_t* gather, node_t* node) {
     if (result != CHANNEL_DONE) break;
     if (node->in.empty()) node->since = gather->now;
     node->in.append(bytes.data(), moved);
-    take_frames(gather, node);
+    accept_frames(gather, node);
     if (node->state == NODE_CLOSED) return;
   }
   if (has_unread(&node->channel) && !node->is_paused) gather->touched.push_back(node);
@@ -304,7 +304,7 @@ static void resume_nodes(gather_t* gather) {
     if (!node->is_paused || node->state != NODE_OPEN || node->out.size() >= OUT_MAX) continue;
     if (node->lines > limits.node_lines / 2 || node->bytes > limits.node_bytes / 2) continue;
     node->since = gather->now;
-    take_frames(gather, node);
+    accept_frames(gather, node);
     if (node->state == NODE_OPEN && !node->is_paused) read_node(gather, node);
     if (node->state != NODE_CLOSED) write_node(gather, node);
   }

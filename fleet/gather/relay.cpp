@@ -64,7 +64,7 @@ static void greet_relay(gather_t* gather, sink_t* sink) {
 }
 
 /* Takes an answer. Returns what is wrong with it, or null. */
-static const char* take_answer(gather_t* gather, sink_t* sink, const frame_t& frame) {
+static const char* accept_answer(gather_t* gather, sink_t* sink, const frame_t& frame) {
   if (frame.command == "serverclose") return "it goes out of service";
   if (frame.command != "rsp" || frame.number != sink->due_number) return "an answer that is none";
   if (!frame.content.starts_with("200")) return "it does not take what it is sent";
@@ -101,7 +101,7 @@ static bool read_answers(gather_t* gather, sink_t* sink) {
     frame_t frame;
     frame_result_t parsed = parse_frame(std::string_view(sink->in).substr(at), &frame);
     while (parsed == FRAME_WHOLE && problem == nullptr) {
-      problem = take_answer(gather, sink, frame);
+      problem = accept_answer(gather, sink, frame);
       at += frame.size;
       parsed = parse_frame(std::string_view(sink->in).substr(at), &frame);
     }

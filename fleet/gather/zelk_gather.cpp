@@ -294,7 +294,7 @@ static bool has_ended(const gather_t* gather) {
   });
 }
 
-static void take_signals(gather_t* gather, source_t* source, uint32_t) {
+static void read_signals(gather_t* gather, source_t* source, uint32_t) {
   signalfd_siginfo signal = {};
   while (read(source->fildes, &signal, sizeof signal) == static_cast<ssize_t>(sizeof signal)) {
     switch (signal.ssi_signo) {
@@ -318,7 +318,7 @@ static void watch_signals(gather_t* gather, source_t* source) {
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&signals, signal);
   sigprocmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
-  source->ready = take_signals;
+  source->ready = read_signals;
   watch(gather, source, signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK), READABLE);
 }
 
