@@ -156,8 +156,7 @@ TEST(zkrecord, loses_no_incident_for_its_trimmings) {
   noted({"-D", "/"}, "zkrecord: /: Is a directory\n", "dump file  /");
   noted({"-D", "/a\ncause  b"}, "zkrecord: /a?cause  b: No such file or directory\n", "dump file  /a cause  b");
   const std::string long_name = "/" + std::string(500, 'n');
-  EXPECT_EQ(zkrecord({"-qD", long_name, stack, "x"}).status, 0);
-  EXPECT_EQ(description(stack), "x" + DETAILS + "dump file  " + long_name.substr(0, 400) + "...");
+  noted({"-D", long_name}, "zkrecord: " + long_name + ": File name too long\n", "dump file  " + long_name);
   EXPECT_EQ(zkrecord({"-qd", std::string(3000, 'd'), stack, "%s and %s", "short", std::string(3000, 'a')}),
             (outcome{"", CUT + "zkrecord: argument 2: it is cut, since a record has no room for all of it\n", 0}));
   EXPECT_TRUE(description(stack).starts_with("short and aaa")) << description(stack);
@@ -174,14 +173,37 @@ TEST(zkrecord, cuts_an_argument_rather_than_the_line_of_a_cause) {
   EXPECT_TRUE(description(stack).ends_with("a..." + DETAILS + "cause  none")) << description(stack);
 }
 
+/* A body has 1024 bytes: those of these incidents have room for 845 bytes of details. */
+TEST(zkrecord, keeps_as_much_of_a_bad_cause_and_of_a_dump_files_name_as_fits) {
+  const std::string stack = new_stack(), cause(2000, 'c'), dump(900, 'd'), argument(40, 'a');
+  auto recorded = [&](const std::string& details, const std::string& text) {
+    EXPECT_EQ(zkrecord({"-qC", "-p", "job", "-c", cause, "-d", details, stack, "%s", text}).status, 0);
+    return description(stack);
+  };
+  const std::string alone = recorded("", argument);
+  EXPECT_TRUE(alone.starts_with(argument + DETAILS + "cause  ccc") && alone.ends_with("c...")) << alone;
+  EXPECT_EQ(alone.size(), (argument + DETAILS).size() + 845);
+  EXPECT_EQ(recorded("more", argument), alone); /* details are cut before the line */
+  const std::string beside = recorded("", std::string(3000, 'a'));
+  EXPECT_TRUE(beside.ends_with("a..." + DETAILS + "cause  " + std::string(200, 'c') + "...")) << beside;
+
+  const outcome both = zkrecord({"-q", "-p", "job", "-c", cause, "-D", dump, stack, "%s", argument});
+  EXPECT_TRUE(both.err.ends_with("zkrecord: --cause: it is cut, since a record has no room for all of it\n"
+                                 "zkrecord: --dump: it is cut, since a record has no room for all of it\n")) << both;
+  const std::string lines = "cause  " + std::string(200, 'c') + "...\ndump file  ddd";
+  EXPECT_TRUE(description(stack).starts_with(argument + DETAILS + lines)) << description(stack);
+  EXPECT_EQ(description(stack).size(), alone.size());
+}
+
 TEST(zkrecord, takes_details_from_standard_input) {
   const std::string stack = new_stack();
   script(stack, "printf 'one\\ntwo\\n\\n' | zkrecord -C -d - $S x");
   EXPECT_EQ(description(stack), "x" + DETAILS + "one\ntwo\n");
   EXPECT_EQ(script(stack, "yes | zkrecord -q -d - $S endless"), (outcome{"", CUT, 0}));
   EXPECT_EQ(script(stack, "zkrecord -q -d - $S x </"), (outcome{"", "zkrecord: standard input: Is a directory\n", 0}));
-  script(stack, "printf 'a\\0b' | zkrecord -q -d - $S x");
-  EXPECT_EQ(description(stack), "x" + DETAILS + "a?b"); /* a zero would end them */
+  EXPECT_EQ(script(stack, "printf 'a\\0b\\0' | zkrecord -q -d - $S x").err,
+            "zkrecord: --details: a text cannot hold the character 0: 2 of them are recorded as '?'\n");
+  EXPECT_EQ(description(stack), "x" + DETAILS + "a?b?");
   EXPECT_EQ(script(stack, "zkrecord -q -d - $S closed <&-").status, 0);
   EXPECT_EQ(description(stack), "closed" + DETAILS);
 }

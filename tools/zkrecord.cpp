@@ -22,8 +22,8 @@
 #include "zk_stack_file.h"
 
 static constexpr char NAME[] = "zkrecord";
-static constexpr size_t CAUSE_SHOWN_MAX = 200;  /* bytes of a cause that is none, in a line of the details */
-static constexpr size_t DUMP_SHOWN_MAX = 400;   /* of the name of a dump file */
+static constexpr size_t CAUSE_KEPT_MIN = 200;   /* bytes of a cause that is none, before an argument is cut for them */
+static constexpr size_t DUMP_KEPT_MIN = 400;    /* the same of the name of a dump file */
 static constexpr char DEFAULT_SIZE[] = "16384"; /* bytes of a stack that is made */
 
 /* What the command line asks for; what is empty or 0 was not given. */
@@ -157,8 +157,9 @@ static std::string read_details() {
   text.resize(zk_read_on(STDIN_FILENO, text.data(), text.size()));
   if (errno != 0) fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
   if (text.ends_with('\n')) text.pop_back();
-  for (char& character : text)
-    if (character == '\0') character = '?'; /* would end them */
+  const auto zeros = std::count(text.begin(), text.end(), '\0');
+  std::replace(text.begin(), text.end(), '\0', '?'); /* one would end them */
+  if (zeros > 0) fail("--details", message_text(TOOL_MSG_ZEROS, {std::to_string(zeros)}));
   return text;
 }
 
@@ -200,24 +201,61 @@ static void make_long_text_argument(size_t size, request_t* request, zk_incident
   incident->argument_count = 1;
 }
 
+/* Bytes of details for which a record has room without a cut of the arguments. */
+static size_t room_for_details(zk_incident_t incident) {
+  zk_record_image_t image;
+  incident.details = nullptr;
+  if (zk_make_record_image(incident, ZK_REC_LISTED_MAX, &image) != ZELK_SUCCESS) return 0;
+  return ZK_REC_LENGTH_SIZE + ZK_REC_LISTED_MAX - image.size;
+}
+
 /* The details with `lines` at their end, before which they are cut. The arguments in `fitting`, if there are any, are to take
  * the place of those of the incident. */
 static std::string with_last_lines(zk_incident_t incident, std::string details, const std::string& lines,
                                    fitting_t* fitting) {
   if (details.ends_with('\n')) details.pop_back();
+  if (lines.size() + 1 > room_for_details(incident)) details.clear();
+  const size_t newline = details.empty() ? 0 : 1;
   incident.details = details.c_str();
-  if (!fit_beside(incident, lines.size() + 1, fitting) || *fitting->details == '\0') return lines;
+  if (!fit_beside(incident, lines.size() + newline, fitting) || *fitting->details == '\0') return lines;
   return fitting->details + ("\n" + lines);
 }
 
-/* A line of the details, "LABEL  VALUE". What is long is cut so that there is room for other lines. */
-static std::string detail_line(const std::string& label, const std::string& value, size_t value_max) {
-  std::string line = label + "  ";
+/* A line behind the details, "LABEL  VALUE". */
+struct detail_line_t {
+  const char* option; /* that asked for it */
+  std::string label;
+  std::string value;
+  size_t kept_min; /* bytes of the value that stand there in any case */
+};
+
+/* A value on one line, which is cut when it is longer than that many bytes. */
+static std::string cut_value(const std::string& value, size_t size_max) {
+  std::string line;
   for (size_t at = 0, size; (size = character_at(value, at).size) != 0; at += size) {
-    if (at + size > value_max) return line + "...";
+    if (at + size > size_max) return line + "...";
     line += value[at] == '\n' ? " " : value.substr(at, size); /* not another line */
   }
   return line;
+}
+
+/* The lines behind the details, whole where there is room for them. */
+static std::string lines_for(const std::vector<detail_line_t>& lines, size_t room) {
+  std::string text;
+  size_t wanted = 0;
+  for (const detail_line_t& line : lines) wanted += line.label.size() + 2 + line.value.size() + 1;
+  size_t excess = wanted > room + 1 ? wanted - room - 1 : 0; /* the last one has no newline */
+  for (const detail_line_t& line : lines) {
+    const size_t size = line.value.size(), mark = 3;
+    const bool is_cut = excess > 0 && size > line.kept_min + mark;
+    const size_t kept = is_cut ? size - std::min(size - line.kept_min, excess + mark) : size;
+    const std::string value = cut_value(line.value, kept);
+    text += (text.empty() ? "" : "\n") + line.label + "  " + value;
+    if (!is_cut) continue;
+    excess -= std::min(excess, size - value.size());
+    fail(line.option, message_text(TOOL_MSG_IS_CUT));
+  }
+  return text;
 }
 
 /* Why a dump file cannot be copied, the empty text for nothing. */
@@ -349,17 +387,15 @@ static int record(const command_trace_t& trace, request_t* request) {
                             .argument_count = static_cast<uint32_t>(arguments.size()),
                             .details = nullptr,
                             .associated_eid = has_cause ? request->cause.c_str() : nullptr};
-  std::string details = request->details;
-  std::string lines; /* behind the details */
+  std::vector<detail_line_t> wanted;
   if (!has_cause && !request->cause.empty()) {
     fail("--cause", message_text(TOOL_MSG_NOT_AN_EID, {request->cause}));
-    lines = detail_line("cause", request->cause, CAUSE_SHOWN_MAX);
+    wanted.push_back({"--cause", "cause", request->cause, CAUSE_KEPT_MIN});
   }
-  if (!request->dump.empty()) {
-    const std::string name = preserve_dump(trace, *request, process);
-    if (name.size() > DUMP_SHOWN_MAX) fail("--dump", message_text(TOOL_MSG_IS_CUT));
-    lines += (lines.empty() ? "" : "\n") + detail_line("dump file", name, DUMP_SHOWN_MAX);
-  }
+  if (!request->dump.empty())
+    wanted.push_back({"--dump", "dump file", preserve_dump(trace, *request, process), DUMP_KEPT_MIN});
+  const std::string lines = lines_for(wanted, room_for_details(incident)); /* behind the details */
+  std::string details = request->details;
   if (request->is_text) make_long_text_argument(lines.empty() ? 0 : lines.size() + 1, request, &incident);
   fitting_t fitting;
   if (!lines.empty()) details = with_last_lines(incident, request->details, lines, &fitting);
