@@ -391,6 +391,15 @@ static void know_moved(follower_t* follower, followed_t* stack) {
   set_mark(follower, *stack);
 }
 
+/* Whether another name that is followed leads to the stack's file, too. */
+static bool has_other_name(const follower_t& follower, const followed_t& stack) {
+  struct stat there;
+  return std::any_of(follower.stacks.begin(), follower.stacks.end(), [&](const followed_t& other) {
+    return &other != &stack && is_same_file(other.file, stack.file) && stat(other.path.c_str(), &there) == 0 &&
+           is_same_file(there, stack.file);
+  });
+}
+
 /* Takes the stack's file over from the name that it was moved from, so that one of them gives it out. */
 static void take_over(follower_t* follower, const followed_t& stack) {
   struct stat there;
@@ -410,6 +419,12 @@ static bool open_file(follower_t* follower, followed_t* stack) {
   end_putting_off(stack);
   if (result == ZELK_SUCCESS) {
     fstat(stack->open.fildes, &stack->file);
+    if (follower->is_started && stack->is_listed && has_other_name(*follower, *stack)) {
+      close_stack(follower, stack);
+      stack->file = {};
+      stack->told = damage_of(ZELK_FILE_MISSING); /* forgotten like one */
+      return true;
+    }
     know_moved(follower, stack);
     watch_stack(follower, stack);
     enqueue(follower, stack);
@@ -431,6 +446,14 @@ static bool open_file(follower_t* follower, followed_t* stack) {
   return write_lines(follower, lines);
 }
 
+/* Whether the stack's file, which has lost its name, has got one that is not followed: who has it open records there until a
+ * new one is made. */
+static bool is_set_aside(const follower_t& follower, const followed_t& stack) {
+  struct stat own;
+  return stack.open.fildes != -1 && fstat(stack.open.fildes, &own) == 0 && own.st_nlink > 0 &&
+         !has_other_name(follower, stack);
+}
+
 /* Follows the stack's name to the file that has it now. What the file before it still holds is given out first; who holds
  * its lock does not matter, as nobody records there any more. */
 static bool follow_name(follower_t* follower, followed_t* stack) {
@@ -443,6 +466,7 @@ static bool follow_name(follower_t* follower, followed_t* stack) {
     watch_stack(follower, stack); /* others may have gone */
     return true;
   }
+  if (!is_there && is_set_aside(*follower, *stack)) return give_unread(follower, stack);
   if (stack->file.st_ino != 0) {
     stop_watching(follower, stack);
     if (stack->is_queued) std::erase(follower->queues[stack->cost], stack);

@@ -59,10 +59,10 @@ struct input_t {
   const export_request_t* request;
   chain_t* chain;
   std::string* other_lines;
-  std::unordered_set<std::string> known; /* the Error IDs, and the lines without one, that have come */
+  std::unordered_set<std::string> known; /* the keys of incidents, and the notes, that have come */
   incident_t incident;                   /* of the last line */
   size_t line;                           /* its number, from 1 on */
-  size_t kept;                           /* bytes of lines with incidents that are wanted */
+  size_t kept;                           /* bytes of lines that are given on */
   int status;
 };
 
@@ -73,26 +73,48 @@ static void refuse_line(input_t* input, tool_message_t reason) {
                                 english_text(reason));
 }
 
+/* What lines of one incident have in common: its Error ID or, without one, all that they say, but for the name of the stack
+ * where the node is known. */
+static std::string key_of(incident_t* incident) {
+  if (!incident->id.empty()) return incident->id;
+  std::string key, name;
+  const bool has_node = !incident->node.empty();
+  if (has_node) std::swap(name, incident->stack);
+  write_json(*incident, &key);
+  if (has_node) std::swap(name, incident->stack);
+  return key;
+}
+
+/* Counts an incident that does not fit, once, where the format says how many there are. */
+static void count_unwanted(input_t* input) {
+  incident_t* const incident = &input->incident;
+  if (input->request->format->can_follow) return;
+  if (incident->id.empty()) /* what no Error ID can be */
+    incident->id = std::string(ZELK_EID_SIZE, '#') + std::to_string(std::hash<std::string>{}(key_of(incident)));
+  if (input->known.contains(incident->id) || input->chain->left_out_ids.contains(incident->id)) return;
+  pass_over(*input->request, incident, input->chain);
+}
+
 static void add_incident(input_t* input, size_t size) {
   const export_request_t& request = *input->request;
   incident_t& incident = input->incident;
   const bool is_wanted = request.is_chain || is_selected(request.selection, incident);
   if (!is_wanted) {
-    pass_over(request, &incident, input->chain);
+    count_unwanted(input);
     return;
   }
-  std::string key = incident.id;
-  if (key.empty()) write_json(incident, &key);
-  if (!input->known.insert(std::move(key)).second) return;
+  if (!input->known.insert(key_of(&incident)).second) return;
   input->kept += size;
   input->chain->incidents.push_back(std::move(incident));
 }
 
-/* Adds a gap or damage, which may come twice, too. */
-static void add_note(input_t* input, const std::string& line, const std::string& note) {
-  if (!input->known.insert(line).second) return;
+/* Adds damage, which may come twice, too, or a gap: two of stacks of one name are two, and named once. */
+static void add_note(input_t* input, const std::string& line, const std::string& note, bool is_gap) {
+  const bool is_new = input->known.insert(line).second;
+  if (!is_new && !is_gap) return;
   *input->other_lines += line;
-  input->chain->notes.push_back(note);
+  input->kept += line.size();
+  if (is_new) input->chain->notes.push_back(note);
 }
 
 static void add_line(input_t* input, std::string_view line) {
@@ -105,11 +127,11 @@ static void add_line(input_t* input, std::string_view line) {
       break;
     case line_t::GAP:
       write_json_gap(input->incident.stack, &other);
-      add_note(input, other, gap_note(input->incident.stack));
+      add_note(input, other, gap_note(input->incident.stack), true);
       break;
     case line_t::DAMAGE:
       write_json_damage(input->incident.stack, damage, &other);
-      add_note(input, other, damage_note(input->incident.stack, damage));
+      add_note(input, other, damage_note(input->incident.stack, damage), false);
       break;
     default:
       refuse_line(input, TOOL_MSG_NO_INCIDENT);

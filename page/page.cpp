@@ -165,7 +165,7 @@ static page_t make_page(const chain_t& chain) {
       count > 0 && exact_time(chain.incidents.back()) - exact_time(chain.incidents.front()) < 60 * SECOND;
   std::unordered_set<std::string> used;
   for (size_t index = 0; index < count; ++index) {
-    const std::string id = readable(chain.incidents[index].id);
+    const std::string id = anchor_of(chain.incidents[index].id);
     const bool has_id = !id.empty() && used.insert(id).second;
     /* The other one is longer than any Error ID. */
     page.anchors.push_back(has_id ? id
@@ -263,7 +263,7 @@ static std::string make_head(const page_t& page) {
   html += "Made " + local_date(now) + " " + local_clock(now, false) + " " + escaped(local_zone(now)) +
           " by zkexport " ZKVIEW_VERSION ".</p>\n";
   if (!chain.asked_id.empty())
-    html += "<p class=of>Asked for: <a class=asked href=\"" + fragment(chain.asked_id) + "\"><code>" +
+    html += "<p class=of>Asked for: <a class=asked href=\"" + fragment(anchor_of(chain.asked_id)) + "\"><code>" +
             escaped(chain.asked_id) + "</code></a></p>\n";
   return html + make_notes(chain) + "</header>\n";
 }

@@ -52,6 +52,9 @@ std::string recorded(std::string_view text);
 /* A value of an attribute, in quotes where it needs them. */
 std::string attribute(std::string_view text);
 
+/* The anchor of an Error ID: the ID, with U+FFFD also for what may stand in texts, and not in the name of an element. */
+std::string anchor_of(std::string_view id);
+
 /* Where a link to an anchor leads. */
 std::string fragment(std::string_view anchor);
 

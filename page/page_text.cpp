@@ -53,10 +53,20 @@ std::string attribute(std::string_view text) {
   return is_bare ? std::string(text) : '"' + escaped(text) + '"';
 }
 
+std::string anchor_of(std::string_view id) {
+  std::string anchor;
+  for (const char character : readable(id))
+    if (character == '\n' || character == '\t')
+      anchor += REPLACEMENT;
+    else
+      anchor += character;
+  return anchor;
+}
+
 std::string fragment(std::string_view anchor) {
   static constexpr char DIGITS[] = "0123456789ABCDEF";
   std::string made = "#";
-  for (char character : readable(anchor)) {
+  for (char character : anchor) {
     const auto byte = static_cast<unsigned char>(character);
     if (PLAIN_IN_LINKS.find(character) != PLAIN_IN_LINKS.npos)
       made += character;

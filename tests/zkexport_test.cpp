@@ -202,6 +202,12 @@ TEST(follow, ends_while_a_long_line_waits_for_its_reader) {
             "0\n");
 }
 
+TEST(follow, reads_on_in_a_stack_that_is_set_aside_until_a_new_one_appears) {
+  EXPECT_EQ(script(FOLLOW + "s=$folder/aside; zkrecord -qC $s one; follow $s; lines 1; mv $s $s.old; sleep 0.3;"
+                            "zkrecord -q $s.old late; lines 2; zkrecord -qC $s new; lines 3; shown; end TERM"),
+            "one late new ended 0\n");
+}
+
 TEST(follow, gives_what_is_selected_and_goes_on_in_a_new_file_after_a_signal) {
   EXPECT_EQ(
       script("s=$folder/s; lines() { n=0; while [ $(cat log* | wc -l) -lt $1 ] && [ $n -lt 100 ]; do sleep 0.1;"
@@ -227,6 +233,15 @@ TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
                    "/out; zkrecord -qC a one; zkexport --follow --every >$out & sleep 0.5; mv a b; sleep 0.5;"
                    "zkrecord -q b two; sleep 0.5; kill $!; wait $!; jq -r '.stack + .description' $out"),
             "aone\nbtwo\n");
+}
+
+TEST(follow, gives_a_stack_once_that_gets_another_name) {
+  NEEDS_PRIVATE_VAR();
+  EXPECT_EQ(script(FOLLOW + "rm -f " ZELK_STACK_DIR "/*; ( cd " ZELK_STACK_DIR "; zkrecord -qC s one );"
+                   "follow --every; lines 1; ( cd " ZELK_STACK_DIR "; ln s a; zkrecord -q a two; zkrecord -qC t three );"
+                   "lines 3; rm " ZELK_STACK_DIR "/s; zkrecord -q a four; lines 4;"
+                   "shown; end TERM"),
+            "one two three four ended 0\n");
 }
 
 TEST(node, gives_each_stack_once_whatever_leads_to_it) {
@@ -329,7 +344,7 @@ TEST(dot, puts_causes_above_and_unknown_ones_outside_the_processes) {
 
 TEST(pictures, show_whatever_is_recorded_as_text) {
   const std::string file =
-      stack().add(hostile("<b>\"'&", "\xFF")).add(hostile("same", "<b>\"'&")).add(hostile("same", "same")).file();
+      stack().add(hostile("<b>\t\"'&", "\xFF")).add(hostile("same", "<b>\t\"'&")).add(hostile("same", "same")).file();
   EXPECT_EQ(script("zkexport --format=dot " + file + " | dot -Tsvg | python3 -c '" + R"(
 import sys, xml.etree.ElementTree as tree
 texts = [text.text for text in tree.parse(sys.stdin).iter("{http://www.w3.org/2000/svg}text")]
@@ -347,7 +362,7 @@ hostile = open(")" +
                    new_file(HOSTILE) + R"(", "rb").read().decode("utf-8", "replace")
 for control in "\x1b\x7f\x9b\uffff": hostile = hostile.replace(control, "\ufffd")
 assert texts.count(hostile) >= 3 * 6, texts
-assert elements.count("script") == 1 and set(ids) >= {"<b>\"" + chr(39) + "&", "same"}, ids
+assert elements.count("script") == 1 and set(ids) >= {"<b>\ufffd\"" + chr(39) + "&", "same"}, ids
 assert len(ids) == len(set(ids)) == 4, ids')"),
             "");
 }
