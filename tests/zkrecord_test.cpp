@@ -202,7 +202,7 @@ TEST(zkrecord, takes_details_from_standard_input) {
   EXPECT_EQ(script(stack, "yes | zkrecord -q -d - $S endless"), (outcome{"", CUT, 0}));
   EXPECT_EQ(script(stack, "zkrecord -q -d - $S x </"), (outcome{"", "zkrecord: standard input: Is a directory\n", 0}));
   EXPECT_EQ(script(stack, "printf 'a\\0b\\0' | zkrecord -q -d - $S x").err,
-            "zkrecord: --details: a text cannot hold the character 0: 2 of them are recorded as '?'\n");
+            "zkrecord: --details: a text cannot hold the character 0, it is recorded as '?'\n");
   EXPECT_EQ(description(stack), "x" + DETAILS + "a?b?");
   EXPECT_EQ(script(stack, "zkrecord -q -d - $S closed <&-").status, 0);
   EXPECT_EQ(description(stack), "closed" + DETAILS);
