@@ -77,9 +77,11 @@ static void look_through(int folder, const char* name, const record_check_t& pas
   }
 }
 
-/* The newest incident of a process of the run, or of a child of one, since the run began. */
+/* The newest incident of a process of the run, or of a child of one, since the run began. systemd notes that time after it
+ * has started the first process, which may have recorded by then; no identifier is used again within a second. */
 static candidate_t find_own(int folder, const unit_t& unit, const run_t& run) {
-  candidate_t newest = {"", unit.started - 1};
+  const int64_t began = unit.started - SECOND;
+  candidate_t newest = {"", began - 1};
   std::set<int32_t> processes = run.processes;
   processes.insert(unit.processes.begin(), unit.processes.end());
   if (unit.process_id > 1) processes.insert(unit.process_id);
@@ -94,7 +96,7 @@ static candidate_t find_own(int folder, const unit_t& unit, const run_t& run) {
   while (const dirent* entry = readdir(directory)) {
     struct stat status;
     const bool is_changed = fstatat(folder, entry->d_name, &status, 0) == 0 && S_ISREG(status.st_mode) &&
-                            int64_t{status.st_mtim.tv_sec} + 1 >= unit.started / SECOND;
+                            int64_t{status.st_mtim.tv_sec} + 1 >= began / SECOND;
     if (is_changed && std::strcmp(entry->d_name, UNITS_STACK) != 0)
       look_through(folder, entry->d_name, is_own, &newest);
   }

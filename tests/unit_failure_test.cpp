@@ -102,6 +102,11 @@ TEST(cause_of_a_failure, is_the_newest_incident_of_its_processes_and_their_child
   recorded(UNITS_STACK, 5001, 1, "other.service"); /* a failure is not recorded by the unit itself */
   recorded("causes", 4000, 1);
   EXPECT_NE(find_cause(unit, run, now), "");
+  timeval before;
+  gettimeofday(&before, nullptr);
+  const std::string eid = recorded("causes", 5001, 1);
+  unit.started = before.tv_sec * 1'000'000 + before.tv_usec + 900'000; /* noted after it had recorded */
+  EXPECT_EQ(find_cause(unit, run, now), eid);
   unit.started = (now + 10) * 1'000'000; /* of a run before */
   EXPECT_EQ(find_cause(unit, run, now), "");
 }
