@@ -38,26 +38,47 @@ END $$;
 
 -- The functions of a key take any text: a cause may be one that is no key.
 
--- A digit of an Error ID; a number there has the base 64, and its least significant digit first.
-CREATE OR REPLACE FUNCTION zelk_digit(key text, place int) RETURNS int LANGUAGE sql IMMUTABLE PARALLEL SAFE
-RETURN strpos('./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz', substr(key, place + 1, 1)) - 1;
+-- A digit of an Error ID; a number there has the base 64, and its least significant digit first. Bytes are reached at once, where
+-- characters would be counted from the beginning.
+CREATE OR REPLACE FUNCTION zelk_digit(bytes bytea, place int) RETURNS int LANGUAGE sql IMMUTABLE PARALLEL SAFE
+RETURN get_byte(bytes, place) - CASE WHEN get_byte(bytes, place) < ascii('A') THEN ascii('.')
+                                     WHEN get_byte(bytes, place) < ascii('a') THEN ascii('A') - 12 ELSE ascii('a') - 38 END;
 
--- When it was recorded: to the microsecond from an Error ID, else to the second.
-CREATE OR REPLACE FUNCTION zelk_time(key text) RETURNS timestamptz LANGUAGE sql IMMUTABLE PARALLEL SAFE
+-- When it was recorded: to the microsecond from an Error ID, else to the second. `bytes` are those of the key, given beside it so that
+-- they need not be made for each digit. (Inlined.)
+CREATE OR REPLACE FUNCTION zelk_time(key text, bytes bytea) RETURNS timestamptz LANGUAGE sql IMMUTABLE PARALLEL SAFE
 RETURN CASE
   WHEN key LIKE '#%' AND key ~ '^#[0-9]{10}-[0-9a-f]{64}$' THEN to_timestamp(substr(key, 2, 10)::float8)
+  WHEN octet_length(bytes) < 17 THEN to_timestamp(0)
   ELSE to_timestamp(
-    zelk_digit(key, 7) + 64::float8 * (zelk_digit(key, 8) + 64::float8 * (zelk_digit(key, 9) + 64::float8 * (
-    zelk_digit(key, 10) + 64::float8 * (zelk_digit(key, 11) + 64::float8 * zelk_digit(key, 12)))))
-    + (zelk_digit(key, 13) + 64 * (zelk_digit(key, 14) + 64 * (zelk_digit(key, 15) + 64 * zelk_digit(key, 16)))) / 1e6::float8)
+    zelk_digit(bytes, 7) + 64::float8 * (zelk_digit(bytes, 8) + 64::float8 * (zelk_digit(bytes, 9) + 64::float8 * (
+    zelk_digit(bytes, 10) + 64::float8 * (zelk_digit(bytes, 11) + 64::float8 * zelk_digit(bytes, 12)))))
+    + (zelk_digit(bytes, 13) + 64 * (zelk_digit(bytes, 14) + 64 * (zelk_digit(bytes, 15) + 64 * zelk_digit(bytes, 16)))) / 1e6::float8)
 END;
 
 -- Rows are spread by a number of 12 bits: the last digits of the microsecond, or of the hash.
-CREATE OR REPLACE FUNCTION zelk_bucket(key text) RETURNS smallint LANGUAGE sql IMMUTABLE PARALLEL SAFE
+CREATE OR REPLACE FUNCTION zelk_bucket(key text, bytes bytea) RETURNS smallint LANGUAGE sql IMMUTABLE PARALLEL SAFE
 RETURN CASE
   WHEN key LIKE '#%' AND key ~ '^#[0-9]{10}-[0-9a-f]{64}$' THEN ('x' || right(key, 3))::bit(12)::int
-  ELSE zelk_digit(key, 13) + 64 * zelk_digit(key, 14)
+  WHEN octet_length(bytes) < 17 THEN 0
+  ELSE zelk_digit(bytes, 13) + 64 * zelk_digit(bytes, 14)
 END::smallint;
+
+CREATE OR REPLACE FUNCTION zelk_time(key text) RETURNS timestamptz LANGUAGE plpgsql IMMUTABLE STRICT PARALLEL SAFE AS $$
+DECLARE
+  bytes CONSTANT bytea := convert_to(key, 'UTF8');
+BEGIN
+  RETURN zelk_time(key, bytes);
+END $$;
+
+CREATE OR REPLACE FUNCTION zelk_bucket(key text) RETURNS smallint LANGUAGE plpgsql IMMUTABLE STRICT PARALLEL SAFE AS $$
+DECLARE
+  bytes CONSTANT bytea := convert_to(key, 'UTF8');
+BEGIN
+  RETURN zelk_bucket(key, bytes);
+END $$;
+
+DROP FUNCTION IF EXISTS zelk_digit(text, int); -- of an earlier version
 
 -- ---- What is kept -----------------------------------------------------------------------------------------------------
 
@@ -445,19 +466,20 @@ END $$;
 -- What an incident says where its line is one as nearly all are: numbers of few digits, short escapes, an Error ID, an address of
 -- IPv4. zelk_read would say the same of it, and takes three times as long. No row where it has to be asked. (Read it from the
 -- inside. "OFFSET 0" has each step done once.)
-CREATE OR REPLACE FUNCTION zelk_usual(line text) RETURNS TABLE (key text, cause text, at timestamptz) LANGUAGE sql STABLE AS $$
-  SELECT said.key, said.cause, said.at FROM (
-    SELECT *, zelk_time(parts[10]) AS at, parts[10] AS key, CASE more WHEN 2 THEN parts[14] END AS cause, parts[16 + more] AS time,
+DROP FUNCTION IF EXISTS zelk_usual(text);
+CREATE FUNCTION zelk_usual(line text) RETURNS TABLE (key text, cause text, at timestamptz, bucket smallint) LANGUAGE sql STABLE AS $$
+  SELECT said.key, said.cause, said.at, zelk_bucket(said.key, said.bytes) FROM (
+    SELECT *, zelk_time(key, bytes) AS at, CASE more WHEN 2 THEN parts[14] END AS cause, parts[16 + more] AS time,
            parts[20 + more] AS id_time, parts[24 + more] AS node,
            parts[7] || parts[33 + more] || parts[35 + more] || parts[37 + more] || parts[53 + more] || parts[61 + more]
              || parts[63 + more] AS numbers,
            replace(replace(replace(replace(replace(arguments || ',', '{"type":"string","value":', 's'), '{"type":"int","value":', 'i'),
              '{"type":"long","value":', 'i'), '{"type":"long_long","value":', 'b'), '{"type":"double","value":', 'd') AS values
       FROM (
-      SELECT *, cardinality(parts) - 73 AS more FROM ( -- 2 where there is a cause
-        SELECT *, string_to_array(spine, '"') AS parts FROM (
+      SELECT *, parts[10] AS key, convert_to(parts[10], 'UTF8') AS bytes, cardinality(parts) - 73 AS more FROM ( -- 2 where there is a cause
+        SELECT spine, arguments, string_to_array(spine, '"') AS parts FROM (
           -- Without its arguments a line has a fixed number of quotes, so each text has its place between them.
-          SELECT *, head || '|' || split_part(rest, ']},"description":', 2) AS spine, split_part(rest, ']},"description":', 1) AS arguments
+          SELECT text, head || '|' || split_part(rest, ']},"description":', 2) AS spine, split_part(rest, ']},"description":', 1) AS arguments
             FROM (
             SELECT *, split_part(text, '"arguments":[', 1) AS head, split_part(text, '"arguments":[', 2) AS rest FROM (
               SELECT CASE WHEN line LIKE '%\\"%' THEN replace(replace(line, '\\', '__'), '\"', '__') ELSE line END AS text
@@ -476,7 +498,8 @@ CREATE OR REPLACE FUNCTION zelk_usual(line text) RETURNS TABLE (key text, cause 
       '"message":{"catalog":"%","set":%,"number":%,"default":"%",|"%","details":"%"}'
     OFFSET 0) said
   WHERE said.key || coalesce(said.cause, '') !~ '[^./0-9A-Za-z]'
-    AND numbers ~ '^:(?:0|[1-9][0-9]*),(?::(?:0|-?[1-9][0-9]*),){2}(?::(?:0|-?[1-9][0-9]*)\},){2}(?::(?:0|-?[1-9][0-9]*),){2}$' AND numbers !~ '[0-9]{10}'
+    AND numbers LIKE ':%,:%,:%,:%},:%},:%,:%,' AND numbers NOT LIKE ALL (ARRAY['%:%:%:%:%:%:%:%:%', '%}%}%}%', ':-%'])
+    AND numbers ~ '^(?::(?:0|-?[1-9][0-9]{0,8})\}?,)*$' -- a loop, since states that are met once are what takes long
     AND node || '.' ~ '^(?:(?:[1-9]?[0-9]|1[0-9][0-9]|2[0-4][0-9]|25[0-5])\.){4}$'
     AND left(id_time, 19) || 'Z' = time AND time COLLATE "C" <= '2038-01-19T03:14:07Z'
     AND to_char(said.at AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = id_time
@@ -493,7 +516,8 @@ END;
 -- The row of a key, looked for in its partition only. (Inlined. "LIMIT 1" has the key known before that, "OFFSET 0" what it says
 -- told once, where it would be for each partition.)
 CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUAGE sql STABLE AS $$
-  SELECT i.* FROM (SELECT zelk_time(zelk_row.key) AS time, zelk_bucket(zelk_row.key) AS bucket OFFSET 0) said, zelk_incident i
+  SELECT i.* FROM (SELECT zelk_time(zelk_row.key, bytes) AS time, zelk_bucket(zelk_row.key, bytes) AS bucket
+                     FROM (SELECT convert_to(zelk_row.key, 'UTF8') AS bytes OFFSET 0) said OFFSET 0) said, zelk_incident i
     WHERE i.key = zelk_row.key AND i.time = said.time AND i.bucket = said.bucket LIMIT 1 $$;
 
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
@@ -518,7 +542,8 @@ BEGIN
   WITH came AS MATERIALIZED (
     SELECT left(coalesce(each.host, ''), 255) AS host, left(coalesce(each.place, ''), 255) AS place, each.line, each.number,
            CASE WHEN usual.key IS NOT NULL THEN 'incident' ELSE said.kind END AS kind, coalesce(usual.key, said.key) AS key,
-           coalesce(usual.cause, said.cause) AS cause, coalesce(usual.at, zelk_time(said.key)) AS at, said.stack, said.reason
+           coalesce(usual.cause, said.cause) AS cause, coalesce(usual.at, zelk_time(said.key)) AS at,
+           coalesce(usual.bucket, zelk_bucket(said.key)) AS bucket, said.stack, said.reason
       FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number)
         LEFT JOIN LATERAL zelk_usual(each.line) usual ON true
         LEFT JOIN LATERAL (SELECT * FROM zelk_read(each.host, each.line) WHERE usual.key IS NULL OFFSET 0) said ON true
@@ -526,7 +551,7 @@ BEGIN
     SELECT DISTINCT ON (key COLLATE "C") * FROM came WHERE kind = 'incident' ORDER BY key COLLATE "C", number
   ), added AS (
     INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
-      SELECT zelk_bucket(key), at, key, cause, host, line::json FROM first ON CONFLICT DO NOTHING RETURNING key
+      SELECT bucket, at, key, cause, host, line::json FROM first ON CONFLICT DO NOTHING RETURNING key
   ), noticed AS (
     INSERT INTO zelk_notice (host, place, kind, stack, notice)
       SELECT host, place, kind, stack, line::json FROM came WHERE kind IN ('gap', 'error') ORDER BY came.host, came.place, came.line
@@ -578,17 +603,21 @@ DROP SCHEMA zelk_1_1 CASCADE;
 -- ---- Asking -----------------------------------------------------------------------------------------------------------
 -- All of these follow causes across nodes, however far, and end where causes go round in a circle.
 
+-- The keys of the incident `id`, of its cause, and so on to the first cause.
+CREATE OR REPLACE FUNCTION zelk_trail(id text) RETURNS TABLE (depth int, key text) LANGUAGE sql STABLE AS $$
+  WITH RECURSIVE trail (key) AS (
+    SELECT zelk_trail.id
+    UNION -- leaves a circle when it has gone round
+    SELECT i.cause FROM trail, zelk_row(trail.key) i WHERE i.cause IS NOT NULL
+  )
+  SELECT (row_number() OVER () - 1)::int, trail.key FROM trail $$;
+
 -- The incident `id`, the one that caused it, and so on to the first cause. A cause that has not come in ends the list.
 DROP FUNCTION IF EXISTS zelk_causes(text);
 CREATE FUNCTION zelk_causes(id text)
 RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json) LANGUAGE sql STABLE AS $$
-  WITH RECURSIVE trail (key) AS (
-    SELECT zelk_causes.id
-    UNION -- leaves a circle when it has gone round
-    SELECT i.cause FROM trail, zelk_row(trail.key) i WHERE i.cause IS NOT NULL
-  )
-  SELECT (step.number - 1)::int, i.key, i.time, i.host, i.cause, i.incident
-    FROM (SELECT trail.key, row_number() OVER () AS number FROM trail) step, zelk_row(step.key) i ORDER BY step.number $$;
+  SELECT step.depth, i.key, i.time, i.host, i.cause, i.incident
+    FROM zelk_trail(zelk_causes.id) step, zelk_row(step.key) i ORDER BY step.depth $$;
 
 -- The incident `id` and all that it led to, each behind its cause, the effects of one cause in the order of their times.
 -- An `id` that has not come in has a row without time, host and incident, if there are effects of it.
@@ -597,35 +626,41 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
 LANGUAGE plpgsql STABLE SET plan_cache_mode = force_generic_plan AS $$
 #variable_conflict use_column
 DECLARE
-  keys text[] := ARRAY[id];  -- level by level, each level in the order of times
-  parents int[] := ARRAY[0]; -- numbers of the causes in `keys`
-  levels int[] := ARRAY[0];
-  sizes int[] := ARRAY[1];   -- how many they are with all that they led to
+  keys text[];               -- level by level, each level in the order of times
+  parents int[];             -- numbers of the causes in `keys`
+  levels int[];
+  sizes int[];               -- how many they are with all that they led to
   places int[] := ARRAY[1];  -- where they stand in the answer
   next int[];                -- where the next effect of each stands
-  level text[] := ARRAY[id]; -- the keys of the newest one, the first of which has the number
-  first int := 1;
-  last int := 1;
+  level record;
+  first int := 0;            -- number of the first of the level before
+  last int := 0;
   behind int;
-  effects text[];
-  numbers bigint[];          -- of their causes in the level
 BEGIN
-  -- Each incident has one cause, so only the first can be met again.
-  WHILE first <= last LOOP
-    SELECT array_agg(i.key ORDER BY i.time, i.key), array_agg(cause.number ORDER BY i.time, i.key) INTO effects, numbers
-      FROM zelk_incident i JOIN unnest(level) WITH ORDINALITY AS cause (key, number) ON cause.key = i.cause
-      WHERE i.cause = ANY (level) AND i.key <> id;
+  -- A question a level, whichever databases it goes to. Each incident has one cause, so only the first can be met again.
+  FOR level IN
+    WITH RECURSIVE level (depth, keys, causes) AS (
+      SELECT 0, ARRAY[id], ARRAY[1::bigint] -- numbers in the level before
+      UNION ALL
+      SELECT level.depth + 1, next.keys, next.causes
+        FROM level, LATERAL (
+          SELECT array_agg(each.key) AS keys, array_agg(each.number) AS causes
+            FROM (SELECT i.key, cause.number
+                    FROM zelk_incident i JOIN unnest(level.keys) WITH ORDINALITY AS cause (key, number) ON cause.key = i.cause
+                    WHERE i.cause = ANY (level.keys) AND i.key <> id ORDER BY i.time, i.key) each) next
+        WHERE next.keys IS NOT NULL
+    )
+    SELECT * FROM level
+  LOOP
     behind := last;
-    FOR number IN 1..coalesce(cardinality(effects), 0) LOOP
+    FOR number IN 1..cardinality(level.keys) LOOP
       last := last + 1;
-      keys[last] := effects[number];
-      parents[last] := first + numbers[number] - 1;
-      levels[last] := levels[first] + 1;
+      keys[last] := level.keys[number];
+      parents[last] := first + level.causes[number] - 1;
+      levels[last] := level.depth;
       sizes[last] := 1;
-      places[last] := 0;
     END LOOP;
     first := behind + 1;
-    level := effects;
   END LOOP;
 
   FOR number IN REVERSE last..2 LOOP
@@ -645,11 +680,13 @@ BEGIN
       WHERE last > 1 OR i.key IS NOT NULL ORDER BY each.place;
 END $$;
 
--- All that belongs to the incident `id`: its first cause, and everything that led to, as zelk_effects has it.
+-- All that belongs to the incident `id`: its first cause, and everything that led to, as zelk_effects has it. Where causes go round
+-- in a circle, the last step has one, too, which is where the circle is met.
 CREATE OR REPLACE FUNCTION zelk_chain(id text)
 RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json) LANGUAGE sql STABLE AS $$
-  SELECT * FROM zelk_effects(coalesce(
-    (SELECT coalesce(c.cause, c.key) FROM zelk_causes(zelk_chain.id) c ORDER BY c.depth DESC LIMIT 1), zelk_chain.id)) $$;
+  SELECT * FROM zelk_effects((
+    SELECT coalesce((SELECT i.cause FROM zelk_row(step.key) i), step.key)
+      FROM zelk_trail(zelk_chain.id) step ORDER BY step.depth DESC LIMIT 1)) $$;
 
 -- What zelk_first_causes looks at: incidents since then, before them the earlier ones to which their causes lead, numbered from 1 in
 -- the order of their times.
@@ -755,7 +792,7 @@ BEGIN
   END LOOP;
 END $$;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]) TO zelk_writer;
-GRANT EXECUTE ON FUNCTION zelk_digit(text, int), zelk_time(text), zelk_bucket(text), zelk_row(text), zelk_causes(text),
+GRANT EXECUTE ON FUNCTION zelk_digit(bytea, int), zelk_time(text, bytea), zelk_bucket(text, bytea), zelk_time(text), zelk_bucket(text), zelk_row(text), zelk_trail(text), zelk_causes(text),
   zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_heads(int[]),
   zelk_first_causes(timestamptz) TO zelk_reader;
 GRANT SELECT ON zelk_incident, zelk_incident_here, zelk_incident_other, zelk_notice, zelk_rejected, zelk_node, zelk_gaps, zelk_plain

@@ -129,7 +129,7 @@ def one_judge():
     array = "ARRAY[" + ",".join("$Q$" + line + "$Q$" for line in lines) + "]"
     expect("what is told at a glance is what a reading tells", query(f"""
         SELECT count(*) > 300, count(*) FILTER (WHERE (said.kind, said.key, said.cause) IS DISTINCT FROM
-                                                       ('incident', usual.key, usual.cause) OR usual.at <> zelk_time(said.key))
+                                                       ('incident', usual.key, usual.cause) OR (usual.at, usual.bucket) <> (zelk_time(said.key), zelk_bucket(said.key)))
           FROM unnest({array}) line, zelk_usual(line) usual, zelk_read('judge', line) said"""), "t|0")
     taken = query("SELECT incident FROM zelk_incident WHERE host = 'judge' UNION ALL "
                   "SELECT notice FROM zelk_notice WHERE host = 'judge'").splitlines()
