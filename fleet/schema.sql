@@ -527,7 +527,7 @@ CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUA
 -- begins with "\x" stands for bytes that are no text, in hexadecimal digits.
 CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[]) RETURNS void
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on
-SET plan_cache_mode = force_generic_plan SET work_mem = '8MB' AS $$
+SET plan_cache_mode = force_generic_plan SET jit = off SET work_mem = '8MB' AS $$
 DECLARE
   month timestamptz;
   repeated bigint[]; -- numbers of lines
@@ -603,8 +603,10 @@ DROP SCHEMA zelk_1_1 CASCADE;
 -- ---- Asking -----------------------------------------------------------------------------------------------------------
 -- All of these follow causes across nodes, however far, and end where causes go round in a circle.
 
+-- (Recursive queries look dear to the planner and are not: compiling them would take longer than they do.)
+
 -- The keys of the incident `id`, of its cause, and so on to the first cause.
-CREATE OR REPLACE FUNCTION zelk_trail(id text) RETURNS TABLE (depth int, key text) LANGUAGE sql STABLE AS $$
+CREATE OR REPLACE FUNCTION zelk_trail(id text) RETURNS TABLE (depth int, key text) LANGUAGE sql STABLE SET jit = off AS $$
   WITH RECURSIVE trail (key) AS (
     SELECT zelk_trail.id
     UNION -- leaves a circle when it has gone round
@@ -623,7 +625,7 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
 -- An `id` that has not come in has a row without time, host and incident, if there are effects of it.
 CREATE OR REPLACE FUNCTION zelk_effects(id text)
 RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json)
-LANGUAGE plpgsql STABLE SET plan_cache_mode = force_generic_plan AS $$
+LANGUAGE plpgsql STABLE SET plan_cache_mode = force_generic_plan SET jit = off AS $$
 #variable_conflict use_column
 DECLARE
   keys text[];               -- level by level, each level in the order of times
@@ -690,7 +692,7 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
 
 -- What zelk_first_causes looks at: incidents since then, before them the earlier ones to which their causes lead, numbered from 1 in
 -- the order of their times.
-DROP FUNCTION IF EXISTS zelk_first_causes(timestamptz), zelk_numbered(timestamptz);
+DROP FUNCTION IF EXISTS zelk_first_causes(timestamptz), zelk_ranked(timestamptz), zelk_numbered(timestamptz);
 CREATE FUNCTION zelk_numbered(since timestamptz)
 RETURNS TABLE (number int, key text, cause text, at timestamptz, is_recent boolean) LANGUAGE sql STABLE AS $$
   WITH RECURSIVE earlier (key) AS (
@@ -756,10 +758,10 @@ BEGIN
   RETURN heads;
 END $$;
 
--- First causes of what has been recorded since then, those with the most effects first. Incidents that caused nothing are
--- in it with 0 effects; a first cause that has not come in has no time, host and incident.
-CREATE FUNCTION zelk_first_causes(since timestamptz)
-RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json) LANGUAGE sql STABLE AS $$
+-- First causes of what has been recorded since then, and how many effects each has; one that has not come in has no time. It sorts and
+-- joins on the disk when there are many: so a million rows take less than 64 MB.
+CREATE FUNCTION zelk_ranked(since timestamptz) RETURNS TABLE (effects bigint, key text, at timestamptz) LANGUAGE sql STABLE
+SET jit = off SET work_mem = '2MB' SET hash_mem_multiplier = 1 AS $$
   WITH numbered AS MATERIALIZED (
     SELECT * FROM zelk_numbered(since)
   ), heads AS MATERIALIZED (
@@ -771,13 +773,19 @@ RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident jso
   ), counted AS MATERIALIZED (
     SELECT head, count(*) FILTER (WHERE number > (SELECT count(*) FROM numbered WHERE NOT is_recent)) AS effects FROM heads GROUP BY head
   )
-  SELECT found.effects, found.key, found.at, i.host, i.incident FROM (
-    SELECT sum(c.effects - CASE WHEN n.cause IS NULL AND n.is_recent THEN 1 ELSE 0 END)::bigint AS effects, coalesce(n.cause, n.key) AS key,
-           min(CASE WHEN n.cause IS NULL THEN n.at END) AS at
-      FROM counted c JOIN numbered n ON n.number = c.head GROUP BY 2 ORDER BY 1 DESC, 3) found
+  SELECT sum(c.effects - CASE WHEN n.cause IS NULL AND n.is_recent THEN 1 ELSE 0 END)::bigint AS effects, coalesce(n.cause, n.key) AS key,
+         min(CASE WHEN n.cause IS NULL THEN n.at END) AS at
+    FROM counted c JOIN numbered n ON n.number = c.head GROUP BY 2 ORDER BY 1 DESC, 3 $$;
+
+-- First causes of what has been recorded since then, those with the most effects first. Incidents that caused nothing are
+-- in it with 0 effects; a first cause that has not come in has no time, host and incident. (They come in the order in which they are
+-- ranked, so LIMIT looks for no more rows than it gives.)
+CREATE FUNCTION zelk_first_causes(since timestamptz)
+RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json) LANGUAGE sql STABLE AS $$
+  SELECT found.effects, found.key, found.at, i.host, i.incident
+    FROM zelk_ranked(since) found
     LEFT JOIN LATERAL (SELECT * FROM zelk_incident i
-      WHERE i.key = found.key AND i.time = found.at AND i.bucket = zelk_bucket(found.key) LIMIT 1) i ON true
-    ORDER BY found.effects DESC, found.at $$;
+      WHERE i.key = found.key AND i.time = found.at AND i.bucket = zelk_bucket(found.key) LIMIT 1) i ON true $$;
 
 -- ---- Who may do what --------------------------------------------------------------------------------------------------
 
@@ -793,16 +801,17 @@ BEGIN
 END $$;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]) TO zelk_writer;
 GRANT EXECUTE ON FUNCTION zelk_digit(bytea, int), zelk_time(text, bytea), zelk_bucket(text, bytea), zelk_time(text), zelk_bucket(text), zelk_row(text), zelk_trail(text), zelk_causes(text),
-  zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_heads(int[]),
+  zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_heads(int[]), zelk_ranked(timestamptz),
   zelk_first_causes(timestamptz) TO zelk_reader;
 GRANT SELECT ON zelk_incident, zelk_incident_here, zelk_incident_other, zelk_notice, zelk_rejected, zelk_node, zelk_gaps, zelk_plain
   TO zelk_reader;
 SELECT format('REVOKE TEMPORARY ON DATABASE %I FROM PUBLIC', current_database()) \gexec
 
--- The recursive queries above look dear to the planner and are not; compiling them takes longer than they do. The longest questions
--- sort and join on the disk anyway: so a million rows take less than 64 MB.
-SELECT format('ALTER DATABASE %I SET %s', current_database(), setting)
-  FROM unnest(ARRAY['jit = off', $$work_mem = '2MB'$$, 'hash_mem_multiplier = 1']) setting \gexec
+-- Functions have the settings that they need: whoever asks otherwise has the server's, which an earlier version changed here.
+SELECT format('ALTER DATABASE %I RESET %I', current_database(), split_part(setting, '=', 1))
+  FROM pg_db_role_setting, unnest(setconfig) setting
+  WHERE setdatabase = (SELECT oid FROM pg_database WHERE datname = current_database()) AND setrole = 0
+    AND setting IN ('jit=off', 'work_mem=2MB', 'hash_mem_multiplier=1') \gexec
 
 SELECT zelk_make_partition(now() + months * interval '1 month') FROM generate_series(-1, 1) months \g /dev/null
 COMMIT;
