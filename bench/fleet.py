@@ -69,7 +69,7 @@ def copied_row(key, line, cause=None):
     return f"{bucket}\t{at}\t{key}\t{cause or chr(92) + 'N'}\tcopied\t" + line.replace("\\", "\\\\") + "\n"
 
 
-def copied(count):
+def copied(count, database="zelk"):
     """Rows a second by COPY into the same table, a thousand a commit."""
     lines = lines_of(count)
     keys = [id_of(first_free - count + number) for number in range(count)]
@@ -80,7 +80,7 @@ def copied(count):
                 script.write(copied_row(key, line))
             script.write("\\.\n")
     begin = time.monotonic()
-    run("psql", "-Xqf", fleet.folder + "/copy.sql")
+    run("psql", "-Xqf", fleet.folder + "/copy.sql", database)
     return count / (time.monotonic() - begin)
 
 
@@ -132,16 +132,16 @@ def send_one_each(lines, conversations):
     return time.monotonic() - begin
 
 
-def measure(what, count, connections, port=2514, is_one_each=False):
+def measure(what, count, connections, port=2514, database="zelk", is_one_each=False):
     lines = lines_of(count)
     conversations = [Conversation(port, host=f"node{number}") for number in range(connections)]
-    copy = copied(10000)
+    copy = copied(10000, database)
     before = cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")
     send_part, size = (send_one_each, connections) if is_one_each else (send, count)
     rate = count / sum(send_part(lines[first:first + size], conversations) for first in range(0, count, size))
     gatherer, database = ((after - start) / count * 1e6
                           for after, start in zip((cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")), before))
-    copy = (copy + copied(10000)) / 2
+    copy = (copy + copied(10000, database)) / 2
     row(what, connections, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}", f"{database:.1f}")
     for conversation in conversations:
         conversation.close()
@@ -280,15 +280,18 @@ def killed_forwards(node, start_one, kills, count):
 # ---- Questions ----------------------------------------------------------------------------------------------------------
 
 def fill(count, days, chain):
-    """Rows of the last days, evenly, in chains of that length."""
+    """Rows of the last days, evenly, in chains of that length. Returns keys of some that have a cause."""
     begin = time.time() - days * 86400
     copy = subprocess.Popen(["psql", "-Xq", "-v", "ON_ERROR_STOP=1"], stdin=subprocess.PIPE, text=True, env=fleet.environment)
     copy.stdin.write("COPY zelk_incident (bucket, time, key, cause, host, incident) FROM STDIN;\n")
     cause = None
+    some = []
     for number in range(count):
         second = int(begin + number * days * 86400 / count)
         key = id_of(number, second)
         cause = cause if number % chain else None
+        if number % (count // 30) == 1:
+            some.append(key)
         copy.stdin.write(copied_row(key, line_of(number, second, cause), cause))
         cause = key
     copy.stdin.write("\\.\n")
@@ -296,6 +299,7 @@ def fill(count, days, chain):
     copy.wait()
     query("VACUUM ANALYZE")
     query("CHECKPOINT")
+    return some
 
 
 def timed(question):
@@ -325,14 +329,19 @@ def timed(question):
     return f"{took:.2f} s of CPU, {most} MiB"
 
 
-def chain_times(rows):
+def chain_times(rows, keys):
     """How long a chain takes: the first question of a session, and one behind it."""
     taken = []
-    for key in query("SELECT key FROM zelk_incident WHERE cause IS NOT NULL LIMIT 30").split():
+    for key in keys:
         answer = run("psql", "-XqAtU", "zelk_reader", input="\\timing on\n" + f"SELECT count(incident) FROM zelk_chain('{key}');\n" * 3)
         taken.append([float(line.split()[1]) for line in answer.splitlines() if line.startswith("Time:")])
     row(f"`zelk_chain` in {rows:,} rows, median: a session's first, its third",
         ", ".join(f"{statistics.median(times[at] for times in taken):.1f} ms" for at in (0, 2)))
+
+
+def bytes_a_row(rows):
+    size = float(query("SELECT sum(pg_total_relation_size(relid)) FROM pg_partition_tree('zelk_incident')"))
+    row(f"bytes a row of {rows:,}", f"{size / rows:.0f}")
 
 
 # ---- Parts --------------------------------------------------------------------------------------------------------------
@@ -399,12 +408,11 @@ def kills():
 
 def questions():
     heading("what", "measured")
-    fill(1_000_000, 100, 4)
+    keys = fill(1_000_000, 100, 4)
     row("`zelk_first_causes` of 1,000,000 rows of 100 days", timed("SELECT * FROM zelk_first_causes(now() - interval '101 days')"))
     row("the same of the last day", timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')"))
-    chain_times(1_000_000)
-    size = float(query("SELECT sum(pg_total_relation_size(relid)) FROM pg_partition_tree('zelk_incident')"))
-    row("bytes a row", f"{size / 1_000_000:.0f}")
+    chain_times(1_000_000, keys)
+    bytes_a_row(1_000_000)
 
 
 def long_chain():
@@ -413,22 +421,25 @@ def long_chain():
     row("`zelk_first_causes` of one chain of 100,000", timed("SELECT * FROM zelk_first_causes(now() - interval '2 days')"))
     key = query("SELECT key FROM zelk_incident WHERE cause IS NULL")
     row("`zelk_chain` of it", timed(f"SELECT * FROM zelk_chain('{key}')"))
+    key = query("SELECT key FROM zelk_incident ORDER BY time DESC LIMIT 1")
+    row("the same from its last incident", timed(f"SELECT * FROM zelk_chain('{key}')"))
 
 
 def many_rows():
-    """The intake where the table is large."""
-    fill(500_000, 100, 4)
-    for copy in range(5):
-        query(f"""INSERT INTO zelk_incident SELECT bucket, time, received, overlay(key PLACING '{copy}x' FROM 2), cause, host, incident
-                    FROM zelk_incident WHERE key NOT LIKE '__x%' AND time < to_timestamp({fleet.SECOND})""")
-    query("VACUUM ANALYZE")
-    query("CHECKPOINT")
-    rows = int(query("SELECT count(*) FROM zelk_incident"))
+    """The intake where the table is large, beside one where it is empty, in turns."""
+    rows = 10_000_000
+    keys = fill(rows, 100, 4)
+    make_empty("empty")
+    start_gatherer("--listen=127.0.0.1:2516", f"--database={fleet.conninfo('empty')}", port=2516, name="empty")
     heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "its sessions")
-    measure(f"RELP into {rows:,} rows", 100000, 10)
+    for _ in range(3):
+        measure("RELP into no rows", 30000, 10, port=2516, database="empty")
+        measure(f"RELP into {rows:,} rows", 30000, 10)
     print()
     heading("what", "measured")
-    chain_times(rows)
+    chain_times(rows, keys)
+    row(f"`zelk_first_causes` of the last day of {rows:,} rows of 100 days", timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')"))
+    bytes_a_row(rows)
 
 
 def page():
@@ -444,15 +455,19 @@ PARTS = {"rates": rates, "nodes": from_nodes, "kills": kills, "questions": quest
          "page": page}
 
 
+def make_empty(database):
+    fleet.make_database(database)
+    for month in range(5):
+        query(f"SELECT zelk_make_partition(now() - {month} * interval '1 month')", database)
+    query("SELECT zelk_make_partition(to_timestamp(%d))" % fleet.SECOND, database)
+
+
 def main():
     global gatherer
     parts = sys.argv[1:] or list(PARTS)
     fleet.make_cluster()
     for part in parts:
-        fleet.make_database("zelk")
-        for month in range(5):
-            query(f"SELECT zelk_make_partition(now() - {month} * interval '1 month')")
-        query("SELECT zelk_make_partition(to_timestamp(%d))" % fleet.SECOND)
+        make_empty("zelk")
         gatherer = start_middle()
         PARTS[part]()
         row("memory of zelk-gather", f"{memory_of(gatherer.pid)} MiB")
