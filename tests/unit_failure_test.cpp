@@ -1,5 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* What is made of a unit's properties, what caused its failure, and which failures are passed over. Real units fail in script/test-sources. */
+#include <sys/time.h>
+
 #include <fstream>
 
 #include "../sources/cause.h"
