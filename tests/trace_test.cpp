@@ -2,12 +2,14 @@
 /* The debug trace file: its entries, and all its writers at once. What it does with its bytes stands in golden/library. */
 #include "faults.h"
 
+#include <poll.h>
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <set>
 #include <thread>
@@ -127,32 +129,72 @@ TEST_F(trace_file, has_its_entry_even_if_it_cannot_be_unlocked) {
 
 /* ---- All writers at once --------------------------------------------------------------------------------------- */
 
-/* Another process that takes the lock of a file, and lets go after a while. */
+/* Another process that has the lock of a file until it is told to let go, or for 10 s. */
 struct other_process {
-  bool* done = static_cast<bool*>(mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  int told[2];
   pid_t process = 0;
 
-  explicit other_process(const std::string& path, useconds_t kept = 150000) {
+  explicit other_process(const std::string& path) {
     int ready[2];
     char has_it = 'n';
-    EXPECT_EQ(pipe(ready), 0);
+    EXPECT_EQ(pipe(ready) + pipe2(told, O_CLOEXEC), 0);
     process = fork();
     if (process == 0) {
+      close(told[1]);
       lockf(open(path.c_str(), O_RDWR), F_LOCK, 0);
-      if (write(ready[1], "y", 1) == 1) usleep(kept);
-      *done = true;
+      pollfd wanted = {told[0], POLLIN, 0};
+      if (write(ready[1], "y", 1) == 1) poll(&wanted, 1, 10000);
       _exit(0);
     }
     EXPECT_EQ(read(ready[0], &has_it, 1), 1);
     EXPECT_EQ(close(ready[0]) + close(ready[1]), 0);
   }
-  ~other_process() { waitpid(process, nullptr, 0); }
+  bool let_go() const { return write(told[1], "g", 1) == 1; }
+  ~other_process() {
+    EXPECT_EQ(close(told[0]) + close(told[1]), 0);
+    waitpid(process, nullptr, 0);
+  }
 };
+
+/* Waits until a thread of this process sleeps: it is where it waits. */
+static void await_sleep(pid_t thread) {
+  char state = 'R';
+  for (int tries = 0, seen = 0; tries < 10000 && seen < 3; ++tries, seen = state == 'S' ? seen + 1 : 0) {
+    const std::string status = contents("/proc/self/task/" + std::to_string(thread) + "/stat");
+    state = status.at(status.rfind(')') + 2);
+    usleep(1000);
+  }
+  EXPECT_EQ(state, 'S');
+}
+/* A thread that traces, and that waits by now. */
+static std::thread waiting_tracer(const std::string& path) {
+  std::atomic<pid_t> id = 0;
+  std::thread tracer([&id, path] {
+    id = gettid();
+    trace(path, "of the thread");
+  });
+  while (id == 0) usleep(1000);
+  await_sleep(id);
+  return tracer;
+}
+/* A thread that does something once the calling one waits. */
+static std::thread once_asleep(const std::function<void()>& action) {
+  return std::thread([sleeper = gettid(), action] {
+    await_sleep(sleeper);
+    action();
+  });
+}
 
 TEST_F(trace_file, is_waited_for_while_another_process_has_its_lock) {
   const other_process other(path);
+  std::atomic<bool> is_free = false;
+  std::thread freeing = once_asleep([&] {
+    is_free = true;
+    other.let_go();
+  });
   EXPECT_EQ(trace(path), 0);
-  EXPECT_TRUE(*other.done);
+  EXPECT_TRUE(is_free);
+  freeing.join();
 }
 
 TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {
@@ -176,9 +218,10 @@ TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {
 
 TEST_F(trace_file, is_open_to_a_child_forked_while_another_thread_traces) {
   const other_process other(path);
-  std::thread waiting([&] { trace(path, "of the thread"); });
-  usleep(50000);
+  std::thread waiting = waiting_tracer(path);
+  std::thread freeing = once_asleep([&] { other.let_go(); });
   in_child([&] { EXPECT_EQ(trace(path, "of the child"), 0); });
+  freeing.join();
   waiting.join();
   EXPECT_EQ(trace_entries(path).size(), 2U);
 }
@@ -193,29 +236,40 @@ TEST_F(trace_file, keeps_no_signal_from_a_thread_that_waits_for_another_or_forks
       sigemptyset(&alarm);
       sigaddset(&alarm, SIGALRM);
       pthread_sigmask(SIG_BLOCK, &alarm, &before);
-      std::thread waiting([&] { trace(path); });
+      std::thread waiting = waiting_tracer(path);
+      std::thread sender = once_asleep([] { kill(getpid(), SIGALRM); });
       pthread_sigmask(SIG_SETMASK, &before, nullptr);
-      usleep(30000);
-      ualarm(30000, 0);
       if (!forks) trace(path);
       _exit(forks ? std::min(fork(), 1) : 1);
     }
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(WTERMSIG(status), SIGALRM) << forks;
-    EXPECT_FALSE(*other.done) << forks;
   }
+}
+
+static volatile sig_atomic_t is_handled = 0; /* SIGUSR1, by what begins with setting it */
+
+/* Sends SIGUSR1 to the calling thread once it waits, and has the other process let go once it waits again: in the handler,
+ * or behind it. */
+static std::thread send_and_free(const other_process& other) {
+  return once_asleep([&other, waiting = pthread_self(), sleeper = gettid()] {
+    pthread_kill(waiting, SIGUSR1);
+    while (is_handled == 0) usleep(1000);
+    await_sleep(sleeper);
+    other.let_go();
+  });
 }
 
 /* Traces in a child that is to receive a SIGUSR1 meanwhile, and whose handler forks. */
 static void trace_and_fork_in_handler(const std::string& path) {
   static volatile pid_t forked = -1;
   signal(SIGUSR1, [](int) {
+    is_handled = 1;
     forked = fork();
     if (forked == 0) _exit(0);
   });
   EXPECT_EQ(trace(path), 0);
-  while (forked == -1) usleep(1000); /* on a busy machine the signal may come behind it */
   EXPECT_EQ(waitpid(forked, nullptr, 0), forked);
 }
 
@@ -226,21 +280,14 @@ TEST_F(trace_file, is_open_to_a_signal_handler_that_forks) {
   });
   in_child([&] { /* while it is waited for */
                  const other_process other(path);
-                 std::thread sender([tracer = pthread_self()] {
-                   usleep(50000);
-                   pthread_kill(tracer, SIGUSR1);
-                 });
+                 std::thread sender = send_and_free(other);
                  trace_and_fork_in_handler(path);
                  sender.join();
   });
   in_child([&] { /* while another thread writes */
                  const other_process other(path);
-                 std::thread writer([&] { trace(path, "of the thread"); });
-                 usleep(30000);
-                 std::thread sender([tracer = pthread_self()] {
-                   usleep(30000);
-                   pthread_kill(tracer, SIGUSR1);
-                 });
+                 std::thread writer = waiting_tracer(path);
+                 std::thread sender = send_and_free(other);
                  trace_and_fork_in_handler(path);
                  sender.join();
                  writer.join();
@@ -276,14 +323,13 @@ TEST_F(trace_file, has_no_entry_of_a_child_that_a_signal_handler_forks_and_retur
     in_child([&] {
       const other_process other(path);
       static pid_t forked = -1;
-      signal(SIGUSR1, [](int) { forked = fork(); });
-      std::vector<std::thread> threads;
-      if (others == 1) threads.emplace_back([&] { trace(path, "of the thread"); });
-      usleep(30000);
-      threads.emplace_back([tracer = pthread_self()] {
-        usleep(30000);
-        pthread_kill(tracer, SIGUSR1);
+      signal(SIGUSR1, [](int) {
+        is_handled = 1;
+        forked = fork();
       });
+      std::vector<std::thread> threads;
+      if (others == 1) threads.push_back(waiting_tracer(path));
+      threads.push_back(send_and_free(other));
       const size_t before = trace_entries(path).size();
       const int result = trace(path);
       if (forked == 0) _exit(result == -28 ? 0 : 1);
@@ -301,14 +347,13 @@ TEST_F(trace_file, is_not_waited_for_by_a_handler_whose_thread_waits_for_another
   in_child([&] {
     static const std::string* traced = &path;
     static int of_handler = 0;
-    signal(SIGUSR1, [](int) { of_handler = trace(*traced, "of the handler"); });
-    const other_process other(path, 500000);
-    std::thread writer([&] { trace(path, "of the thread"); });
-    usleep(30000);
-    std::thread sender([tracer = pthread_self()] {
-      usleep(30000);
-      pthread_kill(tracer, SIGUSR1);
+    signal(SIGUSR1, [](int) {
+      is_handled = 1;
+      of_handler = trace(*traced, "of the handler");
     });
+    const other_process other(path);
+    std::thread writer = waiting_tracer(path);
+    std::thread sender = send_and_free(other);
     EXPECT_EQ(trace(path), 0);
     EXPECT_EQ(of_handler, -28);
     writer.join();
@@ -342,8 +387,10 @@ TEST(report, is_whole_where_only_reading_ahead_fails) {
 }
 
 /* Traces, and returns the result and whether the thread can be cancelled after that. */
+static std::atomic<pid_t> tracing_thread = 0;
 static void* trace_in_thread(void* path) {
   static std::pair<int, int> result;
+  tracing_thread = gettid();
   result.first = trace(static_cast<const char*>(path));
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &result.second);
   return &result;
@@ -355,8 +402,11 @@ TEST_F(trace_file, is_no_place_for_a_thread_to_be_cancelled) {
     pthread_t tracer;
     void* result = nullptr;
     ASSERT_EQ(pthread_create(&tracer, nullptr, trace_in_thread, const_cast<char*>(path.c_str())), 0);
-    usleep(50000);
-    EXPECT_EQ(pthread_cancel(tracer) + pthread_join(tracer, &result), 0);
+    while (tracing_thread == 0) usleep(1000);
+    await_sleep(tracing_thread);
+    EXPECT_EQ(pthread_cancel(tracer), 0);
+    EXPECT_TRUE(other.let_go());
+    EXPECT_EQ(pthread_join(tracer, &result), 0);
     ASSERT_NE(result, PTHREAD_CANCELED);
     const auto [traced, could_be_cancelled] = *static_cast<const std::pair<int, int>*>(result);
     EXPECT_EQ(traced, 0);
@@ -369,7 +419,7 @@ TEST_F(trace_file, is_not_waited_for_after_a_signal) {
   action.sa_handler = [](int) {}; /* without SA_RESTART */
   sigaction(SIGALRM, &action, nullptr);
   const other_process other(path);
-  ualarm(50000, 0);
+  std::thread sender = once_asleep([waiting = pthread_self()] { pthread_kill(waiting, SIGALRM); });
   EXPECT_EQ(trace(path), -28);
-  EXPECT_FALSE(*other.done);
+  sender.join();
 }
