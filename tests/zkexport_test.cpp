@@ -170,7 +170,7 @@ TEST(node, exports_every_stack_by_name_and_the_incident_of_an_id) {
 /* Starts the command in the background, and waits until it has given out so many lines. */
 static const std::string FOLLOW =
     "follow() { zkexport --follow \"$@\" >>out 2>err & }; end() { kill -$1 $!; wait $!; echo ended $?; };"
-    "lines() { n=0; while [ $(wc -l <out) -lt $1 ] && [ $n -lt 100 ]; do sleep 0.1; n=$((n + 1)); done; };"
+    "lines() { n=0; while [ $(wc -l <out) -lt $1 ] && [ $n -lt 300 ]; do sleep 0.1; n=$((n + 1)); done; };"
     "shown() { jq -r '.description // (.gap // .error | tostring)' out | tr '\\n' ' '; }; touch out; ";
 
 TEST(follow, gives_what_is_recorded_in_a_stack_that_appears_later_and_is_replaced) {
@@ -210,7 +210,7 @@ TEST(follow, reads_on_in_a_stack_that_is_set_aside_until_a_new_one_appears) {
 
 TEST(follow, gives_what_is_selected_and_goes_on_in_a_new_file_after_a_signal) {
   EXPECT_EQ(
-      script("s=$folder/s; lines() { n=0; while [ $(cat log* | wc -l) -lt $1 ] && [ $n -lt 100 ]; do sleep 0.1;"
+      script("s=$folder/s; lines() { n=0; while [ $(cat log* | wc -l) -lt $1 ] && [ $n -lt 300 ]; do sleep 0.1;"
              "n=$((n + 1)); done; }; touch log; zkrecord -qC $s one; zkexport -f --grep='one|two' --output=log $s &"
              "lines 1; mv log log.1; kill -HUP $!; sleep 0.3; zkrecord -q $s other; zkrecord -q $s two; lines 2;"
              "kill $!; wait $!; jq -r .description log.1 log"),
@@ -222,16 +222,16 @@ TEST(follow, goes_on_behind_the_rotation_of_the_example) {
   EXPECT_EQ(
       script("sed \"s,/var/log/zelk.json,$folder/log,; s,systemctl.*,kill -HUP \\$(cat $folder/pid),\" " INSTALL_FOLDER
              "/zelk.logrotate >conf; chmod 644 conf; s=$folder/s; zkrecord -qC $s one; zkexport -f --output=log $s &"
-             "echo $! >pid; sleep 0.5; logrotate -f -s $folder/state conf; sleep 0.3; zkrecord -q $s two; sleep 0.5;"
-             "kill $!; wait $!; for log in log.1 log; do jq -r .description $log; done"),
+             "echo $! >pid; given() { until [ -s log ]; do sleep 0.05; done; }; given;"
+             "logrotate -f -s $folder/state conf; zkrecord -q $s two; given; kill $!; wait $!; for log in log.1 log; do jq -r .description $log; done"),
       "one\ntwo\n");
 }
 
 TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
   NEEDS_PRIVATE_VAR();
   EXPECT_EQ(script(FOLLOW + "cd " ZELK_STACK_DIR "; touch " + scratch() + "/out; out=" + scratch() +
-                   "/out; zkrecord -qC a one; zkexport --follow --every >$out & sleep 0.5; mv a b; sleep 0.5;"
-                   "zkrecord -q b two; sleep 0.5; kill $!; wait $!; jq -r '.stack + .description' $out"),
+                   "/out; zkrecord -qC a one; zkexport --follow --every >$out & until grep -q one $out; do sleep 0.05; done; mv a b;"
+                   "sleep 0.5; zkrecord -q b two; until grep -q two $out; do sleep 0.05; done; kill $!; wait $!; jq -r '.stack + .description' $out"),
             "aone\nbtwo\n");
 }
 
@@ -289,25 +289,21 @@ TEST(reading, needs_no_lock_of_a_stack_on_a_read_only_file_system) {
             "one\n1\n");
 }
 
-TEST(lock, of_an_open_file_is_told_with_its_holder_too) {
-  const std::string told = script(
-      "s=$folder/s; zkrecord -qC $s one; python3 -c 'import fcntl, os, struct, sys, time; f = os.open(sys.argv[1], "
-      "os.O_RDWR);"
-      "fcntl.fcntl(f, 38, struct.pack(\"hhqqi4x\", fcntl.F_WRLCK, 0, 0, 0, 0)); time.sleep(1.6)' $s & echo $!; sleep "
-      "0.3;"
-      "zkrecord -q $s two 2>&1 | sed \"s,$folder/,,\"");
-  const std::string holder = told.substr(0, told.find('\n'));
-  EXPECT_EQ(told, holder + "\nzkrecord: s: waiting for its lock, which process " + holder + " holds\n");
+/* What a command says and prints that meets the lock of a stack, which is held until it says something. */
+static std::string told_of_lock(const std::string& taking, const std::string& command) {
+  return script(
+      "zkrecord -qC $folder/s one; python3 -c 'import fcntl, os, struct, time; f = os.open(\"s\", os.O_RDWR); " + taking +
+      "; open(\"locked\", \"w\"); time.sleep(60)' & holder=$!; until [ -e locked ]; do sleep 0.02; done;"
+      "{ " + command + "; } 2>told & waiting=$!; until [ -s told ]; do sleep 0.05; done; kill $holder; wait $waiting;"
+      "sed \"s,$folder/,,; s/ $holder / HOLDER /\" told");
 }
 
 TEST(lock, that_is_waited_for_is_told_once_with_its_holder) {
-  const std::string file = stack().add("one").file();
-  const std::string told = script(
-      "python3 -c 'import fcntl, sys, time; f = open(sys.argv[1], \"r+\"); fcntl.lockf(f, fcntl.LOCK_EX); "
-      "time.sleep(1.6)' " +
-      file + " & echo $!; sleep 0.3; zkexport " + file + " | jq -r .description");
-  const std::string holder = told.substr(0, told.find('\n'));
-  EXPECT_EQ(told, holder + "\none\nzkexport: " + file + ": waiting for its lock, which process " + holder + " holds\n");
+  EXPECT_EQ(told_of_lock("fcntl.lockf(f, fcntl.LOCK_EX)", "zkexport $folder/s | jq -r .description"),
+            "one\nzkexport: s: waiting for its lock, which process HOLDER holds\n");
+  const std::string of_open_file = "fcntl.fcntl(f, 38, struct.pack(\"hhqqi4x\", fcntl.F_WRLCK, 0, 0, 0, 0))";
+  EXPECT_EQ(told_of_lock(of_open_file, "zkrecord -q $folder/s two"),
+            "zkrecord: s: waiting for its lock, which process HOLDER holds\n");
 }
 
 TEST(cursor, goes_on_where_the_last_run_ended) {

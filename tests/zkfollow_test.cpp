@@ -13,7 +13,7 @@ static std::string script(const std::string& line) {
       "rm -rf " ZELK_STACK_DIR "/* out err cursor; touch out; home=$PWD; cd " ZELK_STACK_DIR
       ";"
       "follow() { $within $zkexport --follow --every \"$@\" >$home/out 2>$home/err & follower=$!; };"
-      "lines() { n=0; while [ $(wc -l <$home/out) -lt $1 ] && [ $n -lt 60 ]; do sleep 0.05; n=$((n + 1)); done; };"
+      "lines() { n=0; while [ $(wc -l <$home/out) -lt $1 ] && [ $n -lt 600 ]; do sleep 0.05; n=$((n + 1)); done; };"
       "shown() { jq -r '.description // .gap // .error.reason' $home/out | tr '\\n' ' '; };"
       "end() { kill $follower; wait $follower; echo ended $?; };";
   return shell(TOOLS + line, {{"zkexport", program("zkexport")}, {"zkrecord", program("zkrecord") + " -qC"}}).out;
@@ -67,7 +67,7 @@ TEST_F(follow, keeps_few_names_that_have_gone) {
           "follow --cursor-file=$home/cursor; $zkrecord kept one; for n in $(seq 150); do $zkrecord s$n x; done;"
           "lines 151; mv kept ..; sleep 0.1; mv ../kept .; $zkrecord kept two; lines 152; rm s*; $zkrecord kept three;"
           "lines 153; names() { grep -c / $home/cursor; }; n=0;"
-          "while [ $(names) -gt 101 ] && [ $n -lt 60 ]; do sleep 0.05; n=$((n + 1)); done; [ $(names) -le 101 ] && "
+          "while [ $(names) -gt 101 ] && [ $n -lt 600 ]; do sleep 0.05; n=$((n + 1)); done; [ $(names) -le 101 ] && "
           "echo few;"
           "shown | tr -d 'x '; "
           "end; "
