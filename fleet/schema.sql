@@ -319,14 +319,66 @@ CREATE OR REPLACE FUNCTION zelk_is_of_bytes(said text, base64 text) RETURNS bool
 RETURN base64 IS NULL OR (translate(encode(decode(base64, 'base64'), 'base64'), E'\n', '') = base64
   AND strpos(said, U&'\FFFD') > 0 AND zelk_repaired(decode(base64, 'base64')) = said AND convert_to(said, 'UTF8') <> decode(base64, 'base64'));
 
+-- The digits of a number without sign, and the power of ten of the last one: 0.0250 is 25 and -3, 0 is none and 0.
+CREATE OR REPLACE FUNCTION zelk_digits(written text, OUT digits text, OUT power int) LANGUAGE plpgsql IMMUTABLE AS $$
+DECLARE
+  point int;
+BEGIN
+  digits := split_part(written, 'e', 1);
+  point := length(split_part(digits, '.', 2));
+  digits := ltrim(replace(digits, '.', ''), '0');
+  power := length(digits) - length(rtrim(digits, '0')) - point + coalesce(nullif(split_part(written, 'e', 2), '')::int, 0);
+  digits := rtrim(digits, '0');
+END $$;
+
+-- Whether a double is written as zkexport does: by the fewest digits that read as the same number, in the shorter one of the two
+-- notations, a whole number of any size with all of its digits.
+CREATE OR REPLACE FUNCTION zelk_is_double(value text) RETURNS boolean LANGUAGE plpgsql IMMUTABLE SET extra_float_digits = 1 AS $$
+DECLARE
+  number float8;
+  shortest record;
+  shorter numeric;
+  count int;
+  bits bigint;
+  written text;
+BEGIN
+  IF length(value) > 32 OR value !~ '^-?(0|[1-9][0-9]*)(\.[0-9]+)?(e[-+][0-9]{2,3})?$' THEN
+    RETURN false;
+  END IF;
+  number := abs(value::float8);
+  shortest := zelk_digits(number::text);
+  -- One digit less may stand half way to the next number. It is read as this one, and PostgreSQL does not write it.
+  FOR up IN 0..CASE WHEN number < 1e308 THEN 1 ELSE 0 END LOOP
+    shorter := div(nullif(shortest.digits, '')::numeric, 10) + up;
+    IF (shorter || 'e' || shortest.power + 1)::float8 = number AND shorter > 0 THEN
+      shortest := zelk_digits(shorter || 'e' || shortest.power + 1);
+    END IF;
+  END LOOP;
+  count := length(shortest.digits);
+  IF count = 0 THEN
+    written := '0.0';
+  ELSIF shortest.power NOT BETWEEN -3 - (CASE count WHEN 1 THEN 0 ELSE count END) AND 5 - (CASE count WHEN 1 THEN 1 ELSE 0 END) THEN
+    written := left(shortest.digits, 1) || CASE count WHEN 1 THEN '' ELSE '.' END || substr(shortest.digits, 2) || 'e' ||
+               CASE WHEN shortest.power + count > 0 THEN '+' ELSE '-' END || to_char(abs(shortest.power + count - 1), 'FM900');
+  ELSIF shortest.power < 0 THEN
+    written := lpad(shortest.digits, greatest(count, 1 - shortest.power), '0');
+    written := left(written, shortest.power) || '.' || right(written, -shortest.power);
+  ELSIF number < 9007199254740992 THEN
+    written := shortest.digits || repeat('0', shortest.power) || '.0';
+  ELSE -- 2^53 times a power of two, which has more digits than are told apart
+    bits := ('x' || encode(float8send(number), 'hex'))::bit(64)::bigint;
+    written := ((bits & 4503599627370495) | 4503599627370496)::numeric * (1::bigint << ((bits >> 52) - 1075)::int) || '.0';
+  END IF;
+  RETURN ltrim(value, '-') = written;
+END $$;
+
 -- Whether an argument has a value of its type. What cannot be converted is an error.
 CREATE OR REPLACE FUNCTION zelk_is_argument(type text, value text) RETURNS boolean LANGUAGE sql IMMUTABLE
 RETURN CASE
   WHEN type = 'string' THEN value LIKE '"%'
   WHEN type IN ('int', 'long') THEN value::int::text = value
   WHEN type = 'long_long' THEN value::bigint::text = value
-  WHEN type = 'double' THEN value IN ('"inf"', '"-inf"', '"nan"', '"-nan"') OR
-    value ~ '^-?(0|[1-9][0-9]{0,29})(\.[0-9]{1,40})?(e[-+][0-9]{1,3})?$' AND value::float8 IS NOT NULL
+  WHEN type = 'double' THEN value IN ('"inf"', '"-inf"', '"nan"', '"-nan"') OR zelk_is_double(value)
   WHEN type = 'pointer' THEN value ~ '^"0x[0-9a-f]{1,16}"$'
   WHEN type IN ('reserved', 'unknown') THEN value ~ '^"[0-9a-f]{16}"$'
   ELSE false
@@ -399,6 +451,10 @@ DECLARE
   said zelk_line;
   argument zelk_argument;
   is_key boolean;
+  id_size int;      -- in bytes
+  is_timed boolean; -- it says a time; of its entry nothing is decoded
+  said_time text;
+  microseconds int;
   kind_said text := 'incident';
 BEGIN
   IF line IS NULL OR line NOT LIKE '{"stack":"%' -- or with a control that zkexport escapes, and PostgreSQL does not
@@ -413,6 +469,16 @@ BEGIN
 
   IF kind_said = 'incident' AND reason IS NULL THEN
     is_key := coalesce(said.id ~ '^[./0-9A-Za-z]{42}$', false);
+    id_size := octet_length(said.id);
+    IF strpos(line, '"id_base64":"') > 0 THEN
+      id_size := coalesce(length(decode(line::json->>'id_base64', 'base64')), id_size);
+    END IF;
+    is_timed := false;
+    IF id_size = 42 AND said.id ~ '^[./0-9A-Za-z].{1,6}[./0-9A-Za-z]{35}$' THEN
+      said_time := '.......' || right(said.id, 35);
+      microseconds := zelk_digit(said_time, 13) + 64 * (zelk_digit(said_time, 14) + 64 * (zelk_digit(said_time, 15) + 64 * zelk_digit(said_time, 16)));
+      is_timed := microseconds < 1000000 AND said_time NOT LIKE '.............%';
+    END IF;
     reason := CASE
       WHEN said."offset" IS NULL OR said.time IS NULL OR said.description IS NULL OR said.details IS NULL
         OR NOT said.process IS NOT NULL OR NOT said.source IS NOT NULL OR NOT said.message IS NOT NULL
@@ -423,11 +489,11 @@ BEGIN
         THEN 'an Error ID that is none'
       WHEN host(said.node::inet) <> said.node
         THEN 'a node that is no address'
-      WHEN said.id_time IS NOT NULL AND NOT (octet_length(said.id) = 42 -- of its entry nothing is decoded
-        AND coalesce(said.id ~ '^[./0-9A-Za-z].{1,6}[./0-9A-Za-z]{35}$', false) AND said.id_time COLLATE "C" < '2106-02-07T06:28:16'
-        AND to_char(zelk_time('.......' || right(said.id, 35)) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = said.id_time)
+      WHEN said.id_time IS NOT NULL AND NOT (is_timed -- to the second, since microseconds of the year 4000 have no room in a float8
+        AND to_char(zelk_time(overlay(said_time PLACING '....' FROM 14)) AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS')
+            || '.' || lpad(microseconds::text, 6, '0') || 'Z' = said.id_time)
         THEN 'a time that its Error ID does not say'
-      WHEN said.id_time IS NULL AND said.node IS NOT NULL AND octet_length(said.id) = 42 AND said.id ~ '^[./0-9A-Za-z].{1,6}[./0-9A-Za-z]{35}$'
+      WHEN said.id_time IS NULL AND said.node IS NOT NULL AND is_timed
         THEN 'a member is missing'
       WHEN length(said.time) <> 20 OR said.time COLLATE "C" NOT BETWEEN '1901-12-13T20:45:52Z' AND '2038-01-19T03:14:07Z'
         THEN 'a time that no record has'
@@ -501,10 +567,12 @@ CREATE FUNCTION zelk_usual(line text) RETURNS TABLE (key text, cause text, at ti
     AND numbers LIKE ':%,:%,:%,:%},:%},:%,:%,' AND numbers NOT LIKE ALL (ARRAY['%:%:%:%:%:%:%:%:%', '%}%}%}%', ':-%'])
     AND numbers ~ '^(?::(?:0|-?[1-9][0-9]{0,8})\}?,)*$' -- a loop, since states that are met once are what takes long
     AND node || '.' ~ '^(?:(?:[1-9]?[0-9]|1[0-9][0-9]|2[0-4][0-9]|25[0-5])\.){4}$'
-    AND left(id_time, 19) || 'Z' = time AND time COLLATE "C" <= '2038-01-19T03:14:07Z'
+    AND left(id_time, 19) || 'Z' = time AND time COLLATE "C" BETWEEN '1970-01-01T00:00:01Z' AND '2038-01-19T03:14:07Z'
+    AND reverse(substr(key, 16, 2)) COLLATE "C" < '1o' -- surely less than a million microseconds
     AND to_char(said.at AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = id_time
-    AND (arguments = '' OR values !~ '[0-9]{19}' AND
-      values ~ '^(?:(?:s"[^"]*"|i(?:0|-?[1-9][0-9]{0,8})|b(?:0|-?[1-9][0-9]*)|d-?(?:0|[1-9][0-9]*)(?:\.[0-9]+)?)\},)+$') $$;
+    AND (arguments = '' OR values !~ '[0-9]{19}|d[-.0-9]{17}' AND -- of a double 15 digits are told apart
+      values ~ '^(?:(?:s"[^"]*"|i(?:0|-?[1-9][0-9]{0,8})|b(?:0|-?[1-9][0-9]*)|d-?'
+          '(?:0\.0|0\.0{0,2}[1-9]|0\.0{0,3}[1-9][0-9]*[1-9]|[1-9][0-9]*\.[0-9]*[1-9]|[1-9]0{0,4}\.0|[1-9][0-9]*[1-9]0{0,5}\.0))\},)+$') $$;
 
 -- A line as the bytes that came.
 CREATE OR REPLACE FUNCTION zelk_bytes(line text) RETURNS bytea LANGUAGE sql IMMUTABLE
