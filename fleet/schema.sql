@@ -454,6 +454,7 @@ DECLARE
   id_size int;      -- in bytes
   is_timed boolean; -- it says a time; of its entry nothing is decoded
   said_time text;
+  bytes bytea;
   microseconds int;
   kind_said text := 'incident';
 BEGIN
@@ -476,7 +477,8 @@ BEGIN
     is_timed := false;
     IF id_size = 42 AND said.id ~ '^[./0-9A-Za-z].{1,6}[./0-9A-Za-z]{35}$' THEN
       said_time := '.......' || right(said.id, 35);
-      microseconds := zelk_digit(said_time, 13) + 64 * (zelk_digit(said_time, 14) + 64 * (zelk_digit(said_time, 15) + 64 * zelk_digit(said_time, 16)));
+      bytes := convert_to(said_time, 'UTF8');
+      microseconds := zelk_digit(bytes, 13) + 64 * (zelk_digit(bytes, 14) + 64 * (zelk_digit(bytes, 15) + 64 * zelk_digit(bytes, 16)));
       is_timed := microseconds < 1000000 AND said_time NOT LIKE '.............%';
     END IF;
     reason := CASE
