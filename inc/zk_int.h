@@ -5,12 +5,12 @@
 #ifndef ZK_INT_H
 #define ZK_INT_H
 
-#include "../bin/zkfields.h"    /* the fields of a record */
-#include "../bin/zklist.h"      /* records in lists */
-#include "../bin/zkopen.h"      /* opening a stack */
-#include "../bin/zkprint.h"     /* printing */
-#include "../stack/zk_header.h" /* the control header */
 #include "qx_cu.h"
 #include "qx_zelk.h"
+#include "zk_header.h" /* the control header */
+#include "zkfields.h"  /* the fields of a record */
+#include "zklist.h"    /* records in lists */
+#include "zkopen.h"    /* opening a stack */
+#include "zkprint.h"   /* printing */
 
 #endif

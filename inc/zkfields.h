@@ -3,7 +3,7 @@
 #ifndef ZKFIELDS_H
 #define ZKFIELDS_H
 
-#include "../stack/zk_record.h"
+#include "zk_record.h"
 
 struct zk_trace_t;
 

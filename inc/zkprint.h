@@ -6,7 +6,7 @@
 #include <nl_types.h>
 #include <stddef.h>
 
-#include "../stack/zk_layout.h"
+#include "zk_layout.h"
 #include "zklist.h"
 
 extern "C" {
