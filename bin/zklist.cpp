@@ -2,7 +2,6 @@
 /* zklist.cpp - copies a stack's records into lists, by process or by related incident. */
 #include "zklist.h"
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>

@@ -2,17 +2,12 @@
 /* zkmessage.cpp - prints the command's messages: picks the text, fills in its arguments, keeps recorded texts from
  * driving the operator's terminal, and gathers what is to leave in one piece. */
 #include <langinfo.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <clocale>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <span>
-#include <string_view>
 
 #include "cu_format.h"
 #include "zk_io.h"

@@ -4,11 +4,9 @@
 
 #include <unistd.h>
 
-#include <array>
 #include <cstring>
 
 #include "zk_stack_file.h"
-#include "zk_trace.h"
 #include "zkprint.h"
 
 int zk_open_stack_by_name(int debug_active, const char* debug_file, int* fildes, const char* stack_file) {

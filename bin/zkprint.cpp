@@ -1,18 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 /* zkprint.cpp - prints records, brief and in full, stacks in order of recording, and lists of records. */
 #include <algorithm>
-#include <array>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
 #include "zk_msg.h"
-#include "zk_trace.h"
 #include "zk_walk.h"
 #include "zkfields.h"
-#include "zklist.h"
 #include "zkprint.h"
 
 static constexpr int DESCRIPTION_COLUMN = 30; /* of a brief line, behind the time and the process name */

@@ -1,13 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /* zkview.cpp - the command: its options, its views, and what ends it with which message and exit status. */
-#include <nl_types.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <optional>
 #include <span>
 

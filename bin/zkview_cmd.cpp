@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zkview_cmd.cpp - the command's message table, made from zkview_cmd.msg, and the name of its catalog. */
 #include <clocale>
-#include <cstdio>
 
 #include "qx_zelk.h"
 #include "zk_msg.h"

@@ -18,12 +18,7 @@
  * The words of the header are in the byte order of the host that wrote the file. */
 #include "cu_catalog.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>

@@ -6,7 +6,6 @@
 
 #include "cu_catalog.h"
 #include "cu_format.h"
-#include "qx_cu.h"
 
 enum { FIRST_SIZE = 256 };
 

@@ -12,8 +12,6 @@
 #ifndef CU_FORMAT_H
 #define CU_FORMAT_H
 
-#include <cstddef>
-#include <cstdint>
 #include <span>
 #include <string_view>
 

@@ -5,8 +5,6 @@
 #ifndef ZK_INT_H
 #define ZK_INT_H
 
-#include "qx_cu.h"
-#include "qx_zelk.h"
 #include "zk_header.h" /* the control header */
 #include "zkfields.h"  /* the fields of a record */
 #include "zklist.h"    /* records in lists */

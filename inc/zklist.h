@@ -4,7 +4,6 @@
 #define ZKLIST_H
 
 #include <nl_types.h>
-#include <sys/types.h>
 
 #include "qx_zelk.h"
 

@@ -4,7 +4,6 @@
 #define ZKOPEN_H
 
 #include <nl_types.h>
-#include <stddef.h>
 
 #include <array>
 

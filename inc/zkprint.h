@@ -3,9 +3,6 @@
 #ifndef ZKPRINT_H
 #define ZKPRINT_H
 
-#include <nl_types.h>
-#include <stddef.h>
-
 #include "zk_layout.h"
 #include "zklist.h"
 

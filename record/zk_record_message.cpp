@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qx_record.h"
 #include "qx_record.hpp"
 #include "zk_layout.h"
 

@@ -15,13 +15,8 @@
  *   5  header, write_pos        S===========W..E=====0     shown: the incident is recorded */
 #include "zk_recorder.h"
 
-#include <fcntl.h>
 #include <pthread.h>
-#include <sys/time.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -31,7 +26,6 @@
 #include "zk_record_image.h"
 #include "zk_stack_file.h"
 #include "zk_stack_state.h"
-#include "zk_trace.h"
 
 struct zk_recorder {
   int fildes;

@@ -1,11 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_create_stack.cpp - makes an empty Error Stack, which appears under its name whole or not at all. */
-#include <fcntl.h>
 #include <libgen.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -14,7 +10,6 @@
 #include "zk_io.h"
 #include "zk_layout.h"
 #include "zk_stack_file.h"
-#include "zk_trace.h"
 
 static constexpr mode_t PERMISSIONS = 0660; /* less the umask; who may read a stack can hold up its writers */
 

@@ -3,10 +3,6 @@
 #ifndef ZK_DAMAGE_H
 #define ZK_DAMAGE_H
 
-#include <sys/types.h>
-
-#include <cstddef>
-
 #include "zk_layout.h"
 #include "zk_trace.h"
 

@@ -2,10 +2,6 @@
 /* zk_header.cpp - reads the control header of an Error Stack and checks it, as a reader and as a recorder. */
 #include "zk_header.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-
 #include "zk_damage.h"
 #include "zk_io.h"
 

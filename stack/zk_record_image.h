@@ -4,8 +4,6 @@
 #define ZK_RECORD_IMAGE_H
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
 
 #include "qx_record.h"
 #include "zk_layout.h"

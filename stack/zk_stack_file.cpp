@@ -3,7 +3,6 @@
 #include "zk_stack_file.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 
 #include "zk_io.h"

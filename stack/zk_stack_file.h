@@ -5,7 +5,6 @@
 
 #include <array>
 
-#include "qx_zelk.h"
 #include "zk_trace.h"
 
 using zk_stack_path_t = std::array<char, ZELK_PATH_SIZE>;

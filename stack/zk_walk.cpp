@@ -2,10 +2,7 @@
 /* zk_walk.cpp - reads an Error Stack under its lock, from the oldest record to the newest. */
 #include "zk_walk.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 #include "zk_io.h"

@@ -1,24 +1,17 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_debug.cpp - the debug trace file. */
-#include <fcntl.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
-#include "qx_zelk.h"
 #include "zk_io.h"
 #include "zk_trace.h"
 #include "zk_trace_file.h"

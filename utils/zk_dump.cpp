@@ -12,7 +12,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "qx_zelk.h"
 #include "zk_trace.h"
 
 /* Looks up the status of the directory of a path. Returns 0, or -1 with errno set. */

@@ -1,15 +1,12 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_eid.cpp - whole Error IDs: decoding and generation. Version 2 adds syslog messages to version 1. */
 #include <arpa/inet.h>
-#include <syslog.h>
 #include <time.h>
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "qx_zelk.h"
 #include "zk_eid_layout.h"
 #include "zk_trace.h"
 

@@ -3,13 +3,10 @@
  * "conv" routine back. */
 #include <dirent.h>
 #include <sys/stat.h>
-#include <syslog.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 
-#include "qx_zelk.h"
 #include "zk_eid_layout.h"
 #include "zk_trace.h"
 

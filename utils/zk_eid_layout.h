@@ -4,12 +4,9 @@
 #ifndef ZK_EID_LAYOUT_H
 #define ZK_EID_LAYOUT_H
 
-#include <sys/time.h>
 #include <syslog.h>
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
 
 #include "qx_zelk.h"
 

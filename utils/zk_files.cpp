@@ -1,18 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_files.cpp - files whose space is reserved when they are made, within what the file system can spare. */
-#include <fcntl.h>
 #include <libgen.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstdint>
 #include <cstring>
 
-#include "qx_zelk.h"
 #include "zk_io.h"
 #include "zk_trace.h"
 #include "zk_trace_file.h"

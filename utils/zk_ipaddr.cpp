@@ -6,15 +6,11 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstring>
 #include <span>
 
-#include "qx_zelk.h"
 #include "zk_eid_layout.h"
 #include "zk_io.h"
 #include "zk_trace.h"

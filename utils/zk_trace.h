@@ -9,8 +9,6 @@
 #ifndef ZK_TRACE_H
 #define ZK_TRACE_H
 
-#include <cstdint>
-
 #include "qx_zelk.h"
 
 /* The trace pair, and the routine whose name the entries bear. */

@@ -1,14 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_utils.cpp - base-64 numbers and what recording programs need beside the Error ID. */
-#include <syslog.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "qx_zelk.h"
 #include "zk_eid_layout.h"
 #include "zk_trace.h"
 
