@@ -29,7 +29,7 @@ struct output_t {
 static output_t report = {.fildes = STDOUT_FILENO, .is_terminal = false, .block = nullptr, .size = 0};
 
 static void write_block(output_t* output) {
-  if (output->error == 0 && !zk_write_all(output->fildes, output->block, output->used)) output->error = errno;
+  if (output->error == 0 && !zk_write(output->fildes, output->block, output->used)) output->error = errno;
   output->used = 0;
 }
 

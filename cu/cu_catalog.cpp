@@ -66,7 +66,7 @@ static uint32_t big_word(const unsigned char* bytes) {
 
 /* Reads exactly `size` bytes. `offset` lies within the file's size, so it fits an off_t. */
 static bool read_at(const open_catalog_t& catalog, uint64_t offset, void* bytes, size_t size) {
-  return zk_read_at(catalog.fildes, bytes, size, static_cast<off_t>(offset)) == size;
+  return zk_read(catalog.fildes, bytes, size, static_cast<off_t>(offset)) == size;
 }
 
 /* Reads the header and checks that the planes it declares fit in the file. */

@@ -118,7 +118,7 @@ bool load_cursor(cursor_t* cursor, std::string* reason) {
   *reason = is_regular ? message_text(TOOL_MSG_NO_CURSOR) + "; " + message_text(TOOL_MSG_HOW_TO_BEGIN_ANEW)
                        : message_text(TOOL_MSG_NOT_REGULAR);
   std::string text(is_regular && status.st_size <= LARGEST ? static_cast<size_t>(status.st_size) : 0, '\0');
-  text.resize(zk_read_at(fildes, text.data(), text.size(), 0));
+  text.resize(zk_read(fildes, text.data(), text.size(), 0));
   close(fildes);
   return parse_marks(text, &cursor->marks);
 }
@@ -149,7 +149,7 @@ bool save_cursor(const cursor_t& cursor, std::string* reason) {
 
   unlink(made.c_str()); /* left by a run that was killed here */
   const int fildes = open(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
-  bool is_good = fildes != -1 && zk_write_all(fildes, text.data(), text.size());
+  bool is_good = fildes != -1 && zk_write(fildes, text.data(), text.size());
   if (fildes != -1 && close(fildes) != 0) is_good = false;
   if (is_good && std::rename(made.c_str(), cursor.file.c_str()) == 0) return true;
   *reason = std::strerror(errno);

@@ -59,7 +59,7 @@ static bool holds_stack(const char* name) {
   if (fildes == -1) return false;
   zk_estack_v1_header_t header = {};
   struct stat status = {};
-  const bool is_stack = zk_read_at(fildes, &header, sizeof header, ZK_STACK_HEADER_POS) == sizeof header &&
+  const bool is_stack = zk_read(fildes, &header, sizeof header, ZK_STACK_HEADER_POS) == sizeof header &&
                         fstat(fildes, &status) == 0 && header.file_size >= ZK_STACK_SIZE_MIN &&
                         header.file_size == status.st_size;
   close(fildes);
@@ -83,7 +83,7 @@ bool open_output(const export_request_t& request) {
 }
 
 bool write_out(std::string_view text) {
-  if (zk_write_all(STDOUT_FILENO, text.data(), text.size())) return true;
+  if (zk_write(STDOUT_FILENO, text.data(), text.size())) return true;
   const int error = errno;
   complain(output_name != nullptr ? full_path(output_name) : message_text(TOOL_MSG_STANDARD_OUTPUT),
            std::strerror(error));

@@ -158,7 +158,7 @@ static int gather_input(const export_request_t& request, chain_t* chain, std::st
   std::vector<char> block(262144);
   std::string rest;
   for (size_t size = block.size(); size == block.size() && input.kept <= KEPT_MAX_SIZE;) {
-    size = zk_read_on(STDIN_FILENO, block.data(), block.size());
+    size = zk_read(STDIN_FILENO, block.data(), block.size());
     if (errno != 0) input.status = complain(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
     add_lines(&input, {block.data(), size}, &rest);
   }

@@ -30,7 +30,7 @@ static bool read_whole(int fildes, std::string* bytes) {
   struct stat status;
   if (fstat(fildes, &status) != 0 || status.st_size > LARGEST) return false;
   bytes->resize(static_cast<size_t>(status.st_size));
-  bytes->resize(zk_read_at(fildes, bytes->data(), bytes->size(), 0));
+  bytes->resize(zk_read(fildes, bytes->data(), bytes->size(), 0));
   return errno == 0;
 }
 
@@ -57,7 +57,7 @@ static int copy_stack(int fildes, int* copy) {
   if (!is_equal) return ZELK_LOCK; /* a header that is damaged stays so */
   *copy = memfd_create("stack", MFD_CLOEXEC);
   if (*copy == -1) return ZELK_NO_MEMORY;
-  return zk_write_all(*copy, bytes.data(), bytes.size()) ? ZELK_SUCCESS : ZELK_NO_MEMORY;
+  return zk_write(*copy, bytes.data(), bytes.size()) ? ZELK_SUCCESS : ZELK_NO_MEMORY;
 }
 
 int open_stack(const zk_trace_t& trace, const std::string& name, open_stack_t* stack) {

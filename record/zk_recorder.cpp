@@ -64,7 +64,7 @@ static int learn_state(zk_recorder_t* recorder) {
   zk_stack_state_t* const state = &recorder->state;
   const size_t size = static_cast<size_t>(state->size);
   std::array<char, ZK_STACK_SIZE_MAX + 1> bytes;
-  const size_t count = zk_read_at(recorder->fildes, bytes.data(), size, 0, 1); /* a byte more, if there is one */
+  const size_t count = zk_read(recorder->fildes, bytes.data(), size, 0, 1); /* a byte more, if there is one */
   if (count < size && errno != 0) return ZELK_FAILURE;
   if (count != size) return judge(recorder, ZK_OTHER_SIZE);
   if (recorder->is_known && std::memcmp(bytes.data(), state->walk.window.data(), size) == 0) return ZELK_SUCCESS;
@@ -76,7 +76,7 @@ static int learn_state(zk_recorder_t* recorder) {
 
 /* Writes `size` bytes at `position`, in the file and in what is known of it. Returns false with errno set. */
 static bool write_at(zk_recorder_t* recorder, int32_t position, const void* bytes, size_t size) {
-  if (!zk_write_at(recorder->fildes, bytes, size, position)) return false;
+  if (!zk_write(recorder->fildes, bytes, size, position)) return false;
   std::memcpy(recorder->state.walk.window.data() + position, bytes, size);
   return true;
 }
@@ -186,7 +186,7 @@ static bool leave_standard_streams(int* fildes) {
 /* Reads the header and looks whether it is one that a recorder leaves. Returns 0; ZELK_FILE_CORRUPT; ZELK_FAILURE. */
 static int check_header(zk_recorder_t* recorder) {
   zk_stack_state_t* const state = &recorder->state;
-  const size_t count = zk_read_at(recorder->fildes, state->walk.window.data(), ZK_STACK_RECORDS_MIN, 0);
+  const size_t count = zk_read(recorder->fildes, state->walk.window.data(), ZK_STACK_RECORDS_MIN, 0);
   if (count < ZK_STACK_RECORDS_MIN && errno != 0) return ZELK_FAILURE;
   return judge(recorder, count < ZK_STACK_RECORDS_MIN ? ZK_OTHER_SIZE : zk_check_stack_header(state));
 }

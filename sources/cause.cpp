@@ -47,10 +47,10 @@ static int32_t read_snapshot(int folder, const char* name, char* bytes) {
   const int fildes = openat(folder, name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fildes == -1) return 0;
   std::array<char, ZK_STACK_SIZE_MAX + 1> again;
-  size_t size = zk_read_at(fildes, bytes, ZK_STACK_SIZE_MAX + 1, 0);
+  size_t size = zk_read(fildes, bytes, ZK_STACK_SIZE_MAX + 1, 0);
   bool is_same = false;
   for (int readings = 1; readings < READINGS_MAX && !is_same; ++readings) {
-    const size_t size_again = zk_read_at(fildes, again.data(), again.size(), 0);
+    const size_t size_again = zk_read(fildes, again.data(), again.size(), 0);
     is_same = size_again == size && std::memcmp(again.data(), bytes, size) == 0;
     size = size_again;
     std::memcpy(bytes, again.data(), size);

@@ -52,7 +52,7 @@ static bool write_empty_stack(int fildes, int32_t size) {
                                         .file_size = size,
                                         .has_wrapped = 0};
   std::memcpy(bytes.data() + ZK_STACK_HEADER_POS, &header, sizeof header);
-  return zk_write_all(fildes, bytes.data(), static_cast<size_t>(size));
+  return zk_write(fildes, bytes.data(), static_cast<size_t>(size));
 }
 
 int zk_create_stack(int debug_active, const char* debug_file, const char* stack_file, int32_t size) {

@@ -52,9 +52,9 @@ static zk_damage_t read_checked(const zk_trace_t& trace, int fildes, int32_t* ve
     return damage;
   };
   if (lseek(fildes, 0, SEEK_SET) == -1) return failed("lseek to", 0, ZK_UNREADABLE_HEADER);
-  if (zk_read_on(fildes, version, sizeof *version) < sizeof *version && errno != 0)
+  if (zk_read(fildes, version, sizeof *version) < sizeof *version && errno != 0)
     return failed("read from", 0, ZK_UNREADABLE_HEADER);
-  if (zk_read_on(fildes, header, sizeof *header) < sizeof *header && errno != 0)
+  if (zk_read(fildes, header, sizeof *header) < sizeof *header && errno != 0)
     return failed("read from", ZK_STACK_HEADER_POS, ZK_UNREADABLE_HEADER);
 
   if (!zk_is_known_version(*version)) {

@@ -23,7 +23,7 @@ static bool fill_window(zk_walk_t* walk) {
   const off_t window_size = static_cast<off_t>(walk->window.size());
   bool is_first = walk->window_end == 0;
   off_t start = is_first && walk->position < window_size ? 0 : walk->position;
-  size_t taken = zk_read_at(walk->fildes, walk->window.data(), walk->window.size(), start);
+  size_t taken = zk_read(walk->fildes, walk->window.data(), walk->window.size(), start);
   bool is_last = taken < walk->window.size() && errno == 0;
   if (taken == 0) return false;
   walk->window_start = start;

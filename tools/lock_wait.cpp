@@ -28,7 +28,7 @@ static bool holds_lock(const std::string& process, const std::string& file) {
     if (entry == nullptr) break;
     std::string text(4096, '\0');
     const int fildes = open((folder + "/" + entry->d_name).c_str(), O_RDONLY | O_CLOEXEC);
-    text.resize(zk_read_on(fildes, text.data(), text.size()));
+    text.resize(zk_read(fildes, text.data(), text.size()));
     if (fildes != -1) close(fildes);
     is_found = text.find("lock:") != text.npos && text.find(" " + file + " ") != text.npos;
   }

@@ -126,7 +126,7 @@ struct process_t {
 static bool look_up_process(int32_t id, process_t* process) {
   const int fildes = open(("/proc/" + std::to_string(id) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
   std::string stat(4096, '\0'); /* number (name) state parent ... */
-  stat.resize(zk_read_on(fildes, stat.data(), stat.size()));
+  stat.resize(zk_read(fildes, stat.data(), stat.size()));
   if (fildes != -1) close(fildes);
   const size_t open = stat.find('(');
   const size_t close = stat.rfind(')');
@@ -154,7 +154,7 @@ static process_t recorded_process(const request_t& request) {
  * is read, so that what writes a little too much can end in peace. */
 static std::string read_details() {
   std::string text(65536, '\0');
-  text.resize(zk_read_on(STDIN_FILENO, text.data(), text.size()));
+  text.resize(zk_read(STDIN_FILENO, text.data(), text.size()));
   if (errno != 0) fail(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
   if (text.ends_with('\n')) text.pop_back();
   if (text.find('\0') != std::string::npos) fail("--details", message_text(TOOL_MSG_ZERO));

@@ -25,7 +25,7 @@ off_t fclear(int fildes, off_t offset) {
   static constexpr std::array<char, 1024> ZEROS = {};
   for (off_t left = offset; left > 0;) {
     const off_t piece = std::min(left, static_cast<off_t>(ZEROS.size()));
-    if (!zk_write_all(fildes, ZEROS.data(), static_cast<size_t>(piece))) return -1;
+    if (!zk_write(fildes, ZEROS.data(), static_cast<size_t>(piece))) return -1;
     left -= piece;
   }
   return offset;

@@ -22,7 +22,7 @@ int zk_retry(Call call) {
 
 /* Reads `size` bytes at `offset` or, when that is below 0, at the file's position; up to `more` bytes behind them may come
  * along. Returns how many there are before the end of the file or an error; errno is then that error, else 0. */
-inline size_t zk_read_at(int fildes, void* bytes, size_t size, off_t offset, size_t more = 0) {
+inline size_t zk_read(int fildes, void* bytes, size_t size, off_t offset = -1, size_t more = 0) {
   size_t taken = 0;
   errno = 0;
   while (taken < size) {
@@ -37,14 +37,9 @@ inline size_t zk_read_at(int fildes, void* bytes, size_t size, off_t offset, siz
   return taken;
 }
 
-/* Reads on at the file's position. */
-inline size_t zk_read_on(int fildes, void* bytes, size_t size) {
-  return zk_read_at(fildes, bytes, size, -1);
-}
-
 /* Writes all of `size` bytes at `offset` or, when that is below 0, at the file's position. Returns false, with errno set,
  * when that fails; what was written before stays written. */
-inline bool zk_write_at(int fildes, const void* bytes, size_t size, off_t offset) {
+inline bool zk_write(int fildes, const void* bytes, size_t size, off_t offset = -1) {
   const char* at = static_cast<const char*>(bytes);
   for (size_t written = 0; written < size;) {
     const ssize_t count = offset < 0
@@ -56,11 +51,6 @@ inline bool zk_write_at(int fildes, const void* bytes, size_t size, off_t offset
     written += static_cast<size_t>(count);
   }
   return true;
-}
-
-/* Writes at the file's position. */
-inline bool zk_write_all(int fildes, const void* bytes, size_t size) {
-  return zk_write_at(fildes, bytes, size, -1);
 }
 
 /* Opens what exists without waiting for whatever the name stands for, be it a FIFO or a modem; only a lease that
