@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zkstatus.h - the exit statuses of zkview; commands that read stacks for others end with the same. */
-#ifndef ZKSTATUS_H
-#define ZKSTATUS_H
+#pragma once
 
 enum {
   EXIT_REPORTED = 0,
@@ -18,5 +17,3 @@ enum {
   EXIT_REMOTE = 43,
   EXIT_UNEXPECTED = 99
 };
-
-#endif

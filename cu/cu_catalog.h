@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* cu_catalog.h - finds and reads the message catalog that a message names. */
-#ifndef CU_CATALOG_H
-#define CU_CATALOG_H
+#pragma once
 
 #include <stdint.h>
 
@@ -11,5 +10,3 @@
  * nothing but a regular file is opened, and a file that does not hold together, or a text of 64 KiB or more,
  * counts as absent. */
 char* cu_read_message(const char* name, int32_t set, int32_t number);
-
-#endif

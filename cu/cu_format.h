@@ -9,8 +9,7 @@
  *
  * Nothing here allocates memory, keeps anything between calls or needs the C++ library at run time. Numbers are written
  * as the process's locale does. Every routine may be called from any thread while no other changes the locale. */
-#ifndef CU_FORMAT_H
-#define CU_FORMAT_H
+#pragma once
 
 #include <span>
 #include <string_view>
@@ -59,5 +58,3 @@ void cu_put_format(cu_sink_t* sink, const char* format, std::span<const cu_error
  * kind of conversion that `original` has for it, "s", "c" or "d" without a length modifier. False where either text has
  * a conversion of another kind, or numbered ones beside others. */
 bool cu_takes_same_arguments(const char* translation, const char* original);
-
-#endif

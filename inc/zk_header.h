@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_header.h - the control header of an Error Stack: reading it, and what a reader and a recorder ask of it. */
-#ifndef ZK_HEADER_H
-#define ZK_HEADER_H
+#pragma once
 
 #include "zk_layout.h"
 
@@ -23,5 +22,3 @@ void zk_trace_good_header(const zk_trace_t& trace, const zk_estack_v1_header_t& 
 
 /* What keeps a recorder from a stack of `size` bytes that has this version code and header. */
 zk_damage_t zk_check_header_for_recorder(int32_t version, const zk_estack_v1_header_t& header, int32_t size);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_msg.h - the texts that the command prints: their numbers, the built-in table and the one way to print them. */
-#ifndef ZK_MSG_H
-#define ZK_MSG_H
+#pragma once
 
 #include <nl_types.h>
 
@@ -108,5 +107,3 @@ void zk_buffer_report(char* block, size_t size);
 /* Writes what has been gathered. Returns 0, or the error number of the first write that failed since the start; what
  * follows that is dropped. */
 int zk_flush_report();
-
-#endif

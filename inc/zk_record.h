@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_record.h - takes a record apart: the cursor over its fields, and all of them as one structure. Whatever a record
  * holds, nothing outside its memory is read but the zero byte that must stand behind it. */
-#ifndef ZK_RECORD_H
-#define ZK_RECORD_H
+#pragma once
 
 #include <stddef.h>
 
@@ -60,5 +59,3 @@ int32_t zk_record_length(const void* record);
 
 /* The Error ID field at `position` of a record. */
 void zk_record_eid(const void* record, int position, zk_eid_t eid);
-
-#endif

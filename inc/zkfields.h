@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zkfields.h - what the views show of a record taken apart, and the routines that move a caller's own cursor over one. */
-#ifndef ZKFIELDS_H
-#define ZKFIELDS_H
+#pragma once
 
 #include "zk_record.h"
 
@@ -51,5 +50,3 @@ void zk_release_arguments(zk_decoded_t* decoded);
 
 /* The text of a description, filled in, to be released with free(); null without memory. */
 char* zk_describe(const zk_decoded_t& decoded);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zklist.h - the records of a stack in memory, by process or by related incident. The memory is never released. */
-#ifndef ZKLIST_H
-#define ZKLIST_H
+#pragma once
 
 #include <nl_types.h>
 
@@ -67,5 +66,3 @@ bool zk_is_list_head(const zk_proc_list_t* head);
 /* Where a record of a list stands in the stack: the offset of its length word, or -1 where the last zk_read_stack has not
  * put it into the list, or was not traced. */
 off_t zk_listed_position(const void* record);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zkopen.h - opens an Error Stack: by its name, or by an Error ID that was recorded in it. */
-#ifndef ZKOPEN_H
-#define ZKOPEN_H
+#pragma once
 
 #include <nl_types.h>
 
@@ -43,5 +42,3 @@ using zk_candidates_t = std::array<char, size_t{ZK_CANDIDATES_MAX} * ZELK_FILE_S
 /* Lists the stack files with the i-node that the Error ID `fid` names, at least one on success.
  * Returns 0 and the codes of zk_open_stack_with_fid, less those of opening a file. */
 int zk_find_candidates(const zk_trace_t& trace, const char* fid, zk_candidates_t* candidates);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zkprint.h - prints records, brief and in full, stacks in order of recording, and lists of records. */
-#ifndef ZKPRINT_H
-#define ZKPRINT_H
+#pragma once
 
 #include "zk_layout.h"
 #include "zklist.h"
@@ -59,5 +58,3 @@ int zk_print_description(int debug_active, const char* debug_file, nl_catd catfd
 void zk_truncate_description(char* descript, int start);
 
 } /* extern "C" */
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_recorder.h - for those who say more than a result code when a stack is refused. */
-#ifndef ZK_RECORDER_H
-#define ZK_RECORDER_H
+#pragma once
 
 #include "qx_record.h"
 #include "zk_damage.h"
@@ -12,5 +11,3 @@ int zk_open_recorder_or_say(const zk_trace_t& trace, const char* stack_file, zk_
 
 /* What was wrong when zk_record_incident returned ZELK_FILE_CORRUPT. */
 zk_damage_t zk_recorder_damage(const zk_recorder_t* recorder);
-
-#endif

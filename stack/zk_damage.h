@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_damage.h - what is wrong with an Error Stack, and the one way in which it gets into a trace. */
-#ifndef ZK_DAMAGE_H
-#define ZK_DAMAGE_H
+#pragma once
 
 #include "zk_layout.h"
 #include "zk_trace.h"
@@ -49,5 +48,3 @@ inline constexpr char ZK_OTHER_END[] = "the records do not end at the recording 
 inline void zk_report_damage(const zk_trace_t& trace, const zk_damage_t& damage) {
   zk_trace(trace, "Stack is damaged at offset %lld: %s", static_cast<long long>(damage.offset), damage.reason);
 }
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_record_image.h - makes the bytes of a record: the writing side of the layout that zk_layout.h draws. */
-#ifndef ZK_RECORD_IMAGE_H
-#define ZK_RECORD_IMAGE_H
+#pragma once
 
 #include <array>
 
@@ -26,5 +25,3 @@ int zk_make_record_image(const zk_incident_t& incident, size_t body_max, zk_reco
 
 /* Enters the Error ID and the time, in seconds since the Epoch, when they are known. */
 void zk_stamp_record_image(zk_record_image_t* image, const zk_eid_t eid, int32_t seconds);
-
-#endif

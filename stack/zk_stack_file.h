@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_stack_file.h - the one way in which the name of an Error Stack becomes an open file. */
-#ifndef ZK_STACK_FILE_H
-#define ZK_STACK_FILE_H
+#pragma once
 
 #include <array>
 
@@ -19,5 +18,3 @@ inline constexpr char ZK_STACK_IN_MAKING[] = ".zelk-";
 /* Opens a stack for reading, and for writing too: whoever reads it locks it. Waits for nothing but another process's
  * lease. Returns 0 with `*fildes` set; ZELK_FILE_MISSING; ZELK_NO_ACCESS; ZELK_TOO_MANY; ZELK_FAILURE. */
 int zk_open_stack_path(const zk_trace_t& trace, const zk_stack_path_t& path, int* fildes);
-
-#endif

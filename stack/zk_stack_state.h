@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_stack_state.h - what a recorder has to know of a stack, and where its next record goes. */
-#ifndef ZK_STACK_STATE_H
-#define ZK_STACK_STATE_H
+#pragma once
 
 #include "zk_walk.h"
 
@@ -33,5 +32,3 @@ struct zk_placement_t {
 
 /* Finds the place for a record of `size` bytes, its length word included. */
 zk_placement_t zk_place_record(const zk_stack_state_t& state, int32_t size);
-
-#endif

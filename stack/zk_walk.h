@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_walk.h - one reading of an Error Stack: the lock, the control header, and the step from record to record. Every
  * view walks a stack through it, and so does a recorder before it writes. */
-#ifndef ZK_WALK_H
-#define ZK_WALK_H
+#pragma once
 
 #include <array>
 
@@ -53,5 +52,3 @@ bool zk_walk_at_write_pos(const zk_walk_t& walk);
 
 /* Releases the lock and leaves the file at its start. */
 void zk_walk_end(const zk_walk_t& walk);
-
-#endif

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_eid_layout.h - how the 42 characters of an Error ID lie, for those that take one apart or put one together.
  * qx_zelk.h says what they mean. */
-#ifndef ZK_EID_LAYOUT_H
-#define ZK_EID_LAYOUT_H
+#pragma once
 
 #include <syslog.h>
 
@@ -55,5 +54,3 @@ void zk_write_header(const zk_trace_t& trace, int version, int location, zk_eid_
 
 /* Puts the parts together: ZELK_EID_SIZE bytes at `zelkid`. */
 void zk_join_eid(const zk_eid_parts_t& parts, char* zelkid);
-
-#endif

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_io.h - reading, writing and opening that carry on: after a short or interrupted call, and past a lease; and what
  * keeps them off the standard streams. */
-#ifndef ZK_IO_H
-#define ZK_IO_H
+#pragma once
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -71,5 +70,3 @@ inline bool zk_fill_standard_streams() {
     if (fcntl(stream, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDONLY) != stream) return false;
   return true;
 }
-
-#endif

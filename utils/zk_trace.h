@@ -6,8 +6,7 @@
  *   if (fildes == nullptr) return zk_failed(trace, ZELK_INV_PARAM3, "... - returning %s(%d) to caller");
  *
  * With tracing off each costs one comparison, and what the text would show is not evaluated. */
-#ifndef ZK_TRACE_H
-#define ZK_TRACE_H
+#pragma once
 
 #include "qx_zelk.h"
 
@@ -54,5 +53,3 @@ int zk_result_of_errno(int error, const Table& table, int other = ZELK_FAILURE) 
     if (row.error == error) return row.result;
   return other;
 }
-
-#endif

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* zk_trace_file.h - the layout of the debug trace file, shared by the routine that makes it and those that
  * write it. qx_zelk.h shows it as a whole. */
-#ifndef ZK_TRACE_FILE_H
-#define ZK_TRACE_FILE_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -30,5 +29,3 @@ inline int zk_format_control_line(zk_control_line_t* line, off_t next_write, int
                        ZK_TRACE_OFFSET_KEY "%-5lld " ZK_TRACE_WRAPS_KEY "%-5d " ZK_TRACE_SIZE_KEY "%-5lld\n",
                        static_cast<long long>(next_write), wraps, static_cast<long long>(file_size));
 }
-
-#endif
