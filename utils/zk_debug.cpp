@@ -34,25 +34,19 @@ enum {
 static constexpr off_t ENTRY_RESERVE = RECYCLE_MARKER_SIZE + 1;
 
 int zk_is_debug_file_set(char* trace_filename) {
-  static constexpr zk_errno_result_t STAT_RESULTS[] = {{ENAMETOOLONG, ZELK_NAME_TOO_LONG},
-                                                       {EACCES, ZELK_DIR_NO_ACCESS},
-                                                       {ELOOP, ZELK_LINK_LOOP},
-                                                       {ESTALE, ZELK_STALE},
-                                                       {ENOTDIR, ZELK_DIR_MISSING}};
+  static constexpr zk_errno_result_t STAT_RESULTS[] = {
+      {ENOENT, ZELK_TRACE_MISSING}, {EOVERFLOW, ZELK_TRACE_EXISTS}, {ENAMETOOLONG, ZELK_NAME_TOO_LONG},
+      {EACCES, ZELK_DIR_NO_ACCESS}, {ELOOP, ZELK_LINK_LOOP},        {ESTALE, ZELK_STALE},
+      {ENOTDIR, ZELK_DIR_MISSING}};
   if (trace_filename == nullptr) return ZELK_INV_PARAM1;
   const char* value = secure_getenv("ZELKDEBUG");
   if (value == nullptr) return ZELK_TRACE_UNSET;
 
-  int result = ZELK_TRACE_EXISTS;
   struct stat status;
-  if (stat(value, &status) == 0) {
-    if (S_ISDIR(status.st_mode)) return ZELK_IS_A_DIR;
-  } else if (errno == ENOENT) {
-    result = ZELK_TRACE_MISSING;
-  } else if (errno != EOVERFLOW) {
-    return zk_result_of_errno(errno, STAT_RESULTS);
-  }
-  std::snprintf(trace_filename, ZELK_PATH_SIZE, "%s", value);
+  const bool is_there = stat(value, &status) == 0;
+  if (is_there && S_ISDIR(status.st_mode)) return ZELK_IS_A_DIR;
+  const int result = is_there ? int{ZELK_TRACE_EXISTS} : zk_result_of_errno(errno, STAT_RESULTS);
+  if (result > 0) std::snprintf(trace_filename, ZELK_PATH_SIZE, "%s", value);
   return result;
 }
 
@@ -330,6 +324,5 @@ int zk_clear_record_remnant(int fildes) {
   if (entry == nullptr) return ZELK_SUCCESS;
 
   if (lseek(fildes, remnant, SEEK_SET) < 0) return ZELK_FILE_CORRUPT;
-  if (fclear(fildes, static_cast<const char*>(entry) - ahead.data()) < 0) return ZELK_FILE_CORRUPT;
-  return ZELK_SUCCESS;
+  return fclear(fildes, static_cast<const char*>(entry) - ahead.data()) < 0 ? ZELK_FILE_CORRUPT : ZELK_SUCCESS;
 }

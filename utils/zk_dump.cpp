@@ -120,9 +120,9 @@ static int open_dump(const char* dump_input_file) {
   const int fildes = open(dump_input_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fildes < 0) return -1;
   struct stat status;
-  int error = fstat(fildes, &status) != 0 ? errno : 0;
-  if (error == 0 && S_ISREG(status.st_mode)) return fildes;
-  if (error == 0) error = EINVAL;
+  errno = EINVAL;
+  if (fstat(fildes, &status) == 0 && S_ISREG(status.st_mode)) return fildes;
+  const int error = errno;
   close(fildes);
   errno = error;
   return -1;

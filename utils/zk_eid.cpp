@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "zk_eid_layout.h"
 #include "zk_trace.h"
@@ -83,21 +82,18 @@ static int decode_address(const zk_trace_t& trace, const zk_eid_parts_t& parts, 
 }
 
 static int decode_entry(const zk_trace_t& trace, const char* entry, const eid_outputs_t& out) {
-  switch (*out.location_mask) {
-    case ZELK_LOCATION_STACK:
-      if (*out.local_fid == 0) return ZELK_SUCCESS; /* the file lies on the node that made the ID */
-      return zk_conv_base_64_inode(trace.active, trace.file, ZELK_STACK_DIR, entry, out.stack_files,
-                                   out.stack_file_limit);
-    case ZELK_LOCATION_TEMPLATE:
-      return zk_conv_base_64_templ(trace.active, trace.file, entry, out.err_templ_label);
-    default:
-      if (out.newest_version > 1)
-        return zk_conv_base_64_selector(trace.active, trace.file, entry, out.bsd_facility, out.bsd_priority);
-      return zk_failed(trace, ZELK_FAILURE,
-                       "Unknown location type 0x%x returned from zk_conv_base_64_hdr\n"
-                       "Returning %s(%d) to caller\n",
-                       static_cast<unsigned int>(*out.location_mask));
-  }
+  const int location = *out.location_mask;
+  if (location == ZELK_LOCATION_STACK && *out.local_fid == 0) return ZELK_SUCCESS; /* the file lies on another node */
+  if (location == ZELK_LOCATION_STACK)
+    return zk_conv_base_64_inode(trace.active, trace.file, ZELK_STACK_DIR, entry, out.stack_files,
+                                 out.stack_file_limit);
+  if (location == ZELK_LOCATION_TEMPLATE)
+    return zk_conv_base_64_templ(trace.active, trace.file, entry, out.err_templ_label);
+  if (out.newest_version > 1)
+    return zk_conv_base_64_selector(trace.active, trace.file, entry, out.bsd_facility, out.bsd_priority);
+  return zk_failed(trace, ZELK_FAILURE,
+                   "Unknown location type 0x%x returned from zk_conv_base_64_hdr\nReturning %s(%d) to caller\n",
+                   static_cast<unsigned int>(location));
 }
 
 static void trace_decoded(const zk_trace_t& trace, const char* zelkid, const eid_outputs_t& out,

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "zk_eid_layout.h"
 #include "zk_trace.h"
@@ -13,8 +12,7 @@
 /* The header digit is version bits and location bits. */
 constexpr int VERSION_MAX = 2;
 constexpr unsigned int VERSION_BITS = 0x38;
-constexpr unsigned int VERSION_ONE_BITS = 0;
-constexpr unsigned int VERSION_TWO_BITS = 8;
+constexpr unsigned int VERSION_TWO_BITS = 8; /* of version one: 0 */
 constexpr unsigned int LOCATION_BITS = 7;
 
 /* What is missing, and for which argument. */
@@ -26,14 +24,6 @@ constexpr uint64_t MICROSECONDS_MAX = 999999;
 void zk_write_time(const struct timeval& time, char* field) {
   zk_write_digits(static_cast<uint64_t>(time.tv_sec), field, ZK_SECONDS_WIDTH);
   zk_write_digits(static_cast<uint64_t>(time.tv_usec), field + ZK_SECONDS_WIDTH, ZK_MICROSECONDS_WIDTH);
-}
-
-/* The first `WIDTH` characters of `text`, fewer when it ends before, as a text of their own. */
-template <size_t WIDTH>
-static std::array<char, WIDTH + 1> field_text(const char* text) {
-  std::array<char, WIDTH + 1> field = {};
-  std::memcpy(field.data(), text, strnlen(text, WIDTH));
-  return field;
 }
 
 /* ---- Header -------------------------------------------------------------------------------------------- */
@@ -52,7 +42,7 @@ int zk_get_base_64_hdr(int debug_active, const char* debug_file, int version_id,
                      static_cast<unsigned int>(location_mask), static_cast<unsigned int>(ZELK_LOCATION_SYSLOG));
   if (hdr64rep == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, NULL_ARGUMENT, "pointer", "hdr64rep");
 
-  const unsigned int version = version_id == 1 ? VERSION_ONE_BITS : VERSION_TWO_BITS;
+  const unsigned int version = version_id == 1 ? 0 : VERSION_TWO_BITS;
   const unsigned int location = static_cast<unsigned int>(location_mask);
   const unsigned int code = version | location;
   const std::array<char, 2> digit = {base64_table[code], '\0'};
@@ -80,11 +70,11 @@ int zk_conv_base_64_hdr(int debug_active, const char* debug_file, const char* hd
                      hdr64rep, code);
 
   const unsigned int version = code & VERSION_BITS;
-  if (version != VERSION_ONE_BITS && version != VERSION_TWO_BITS)
+  if (version > VERSION_TWO_BITS)
     return zk_failed(trace, ZELK_UNSUPPORTED,
                      "Unsupported ZELK Version 0x%x detected\nMaximum supported 0x%x\nReturning %s(%d)", version,
                      VERSION_TWO_BITS);
-  *version_id = version == VERSION_ONE_BITS ? 1 : 2;
+  *version_id = version == 0 ? 1 : 2;
 
   const unsigned int location = code & LOCATION_BITS;
   if (location > ZELK_LOCATION_SYSLOG)
@@ -114,7 +104,7 @@ int zk_get_base_64_inode(int debug_active, const char* debug_file, const char* f
                        "Error trying to get status of file %s\nErrno is %d\n", filename, errno);
   zk_write_digits(status.st_ino, inode64rep, ZK_ENTRY_WIDTH);
   return zk_succeeded(trace, "File %s i-node is %d\nBase-64 representation is %s\nReturning %s(%d) to the caller\n",
-                      filename, static_cast<int>(status.st_ino), field_text<ZK_ENTRY_WIDTH>(inode64rep).data());
+                      filename, static_cast<int>(status.st_ino), zk_field_text<ZK_ENTRY_WIDTH>(inode64rep).data());
 }
 
 int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* directory, const char* inode64rep,
@@ -129,7 +119,7 @@ int zk_conv_base_64_inode(int debug_active, const char* debug_file, const char* 
   if (filename_list == nullptr || filelist_limit <= 0)
     return zk_failed(trace, ZELK_INV_PARAM5, NULL_ARGUMENT, "pointer", "file name list");
 
-  const std::array<char, ZK_ENTRY_WIDTH + 1> field = field_text<ZK_ENTRY_WIDTH>(inode64rep);
+  const auto field = zk_field_text<ZK_ENTRY_WIDTH>(inode64rep);
   const uint64_t wanted = zk_a64l(field.data());
 
   DIR* entries = opendir(directory);
@@ -165,7 +155,7 @@ int zk_get_base_64_templ(int debug_active, const char* debug_file, unsigned int 
 
   zk_write_digits(template_id, templ64rep, ZK_ENTRY_WIDTH);
   return zk_succeeded(trace, "Converted template ID %d to base-64 value of %s\nReturning %s(%d) to the caller\n",
-                      static_cast<int>(template_id), field_text<ZK_ENTRY_WIDTH>(templ64rep).data());
+                      static_cast<int>(template_id), zk_field_text<ZK_ENTRY_WIDTH>(templ64rep).data());
 }
 
 int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* templ64rep, unsigned int* template_id) {
@@ -175,7 +165,7 @@ int zk_conv_base_64_templ(int debug_active, const char* debug_file, const char* 
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "Asked to translate a template ID of 0, which seems invalid\nReturning %s(%d) to the caller");
 
-  const std::array<char, ZK_ENTRY_WIDTH + 1> field = field_text<ZK_ENTRY_WIDTH>(templ64rep);
+  const auto field = zk_field_text<ZK_ENTRY_WIDTH>(templ64rep);
   *template_id = static_cast<unsigned int>(zk_a64l(field.data()));
   if (*template_id == 0)
     return zk_failed(trace, ZELK_FAILURE,
@@ -201,7 +191,7 @@ int zk_get_base_64_selector(int debug_active, const char* debug_file, int facili
   zk_write_digits(static_cast<uint64_t>(LOG_FAC(facility)) + 1, sel64rep, 1);
   zk_write_digits(static_cast<uint64_t>(priority) + 1, sel64rep + 1, ZK_ENTRY_WIDTH - 1);
   return zk_succeeded(trace, "Facility %d and priority %d translated to code \"%s\" - returning %s(%d)",
-                      LOG_FAC(facility), priority, field_text<ZK_ENTRY_WIDTH>(sel64rep).data());
+                      LOG_FAC(facility), priority, zk_field_text<ZK_ENTRY_WIDTH>(sel64rep).data());
 }
 
 int zk_conv_base_64_selector(int debug_active, const char* debug_file, const char* sel64rep, int* facility,
@@ -209,16 +199,16 @@ int zk_conv_base_64_selector(int debug_active, const char* debug_file, const cha
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (sel64rep == nullptr || sel64rep[0] == '\0')
     return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" at location 0x%x appears invalid - returning %s(%d)",
-                     zk_trace_text(sel64rep), zk_trace_pointer(sel64rep));
+                     sel64rep != nullptr ? sel64rep : "(null)", zk_trace_pointer(sel64rep));
   if (facility == nullptr) return zk_failed(trace, ZELK_INV_PARAM4, "Facility pointer 0x0 invalid - returning %s(%d)");
   if (priority == nullptr) return zk_failed(trace, ZELK_INV_PARAM5, "Priority pointer 0x0 invalid - returning %s(%d)");
 
-  const std::array<char, ZK_ENTRY_WIDTH + 1> field = field_text<ZK_ENTRY_WIDTH>(sel64rep);
+  const auto field = zk_field_text<ZK_ENTRY_WIDTH>(sel64rep);
   if (field[0] == ZK_ZERO_DIGIT || field[1] == ZK_ZERO_DIGIT || std::strcmp(field.data() + 2, "....") != 0)
     return zk_failed(trace, ZELK_INV_PARAM3, "Selector \"%s\" invalid - returning %s(%d)", field.data());
 
   static constexpr char INVALID_VALUE[] = "Selector \"%s\" yielded invalid %s value %d - returning %s(%d)";
-  const int facility_number = static_cast<int>(zk_a64l(field_text<1>(field.data()).data())) - 1;
+  const int facility_number = static_cast<int>(zk_a64l(zk_field_text<1>(field.data()).data())) - 1;
   if (facility_number < 0 || facility_number > LOG_FAC(ZK_FACILITY_MAX))
     return zk_failed(trace, ZELK_INV_PARAM3, INVALID_VALUE, field.data(), "facility", facility_number);
   const int priority_number = static_cast<int>(zk_a64l(field.data() + 1)) - 1;
@@ -253,7 +243,7 @@ int zk_get_base_64_time(int debug_active, const char* debug_file, char* tod64rep
                       "Time of day value %d secs %d usecs converted to base-64 rep of %s\n"
                       "Returning %s(%d) to caller\n",
                       static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec),
-                      field_text<ZK_TIME_WIDTH>(tod64rep).data());
+                      zk_field_text<ZK_TIME_WIDTH>(tod64rep).data());
 }
 
 static constexpr char INVALID_TIME[] =
@@ -267,9 +257,9 @@ int zk_conv_base_64_time(int debug_active, const char* debug_file, const char* t
     return zk_failed(trace, ZELK_INV_PARAM4,
                      "No data area provided in tbuf parameter\nReturning %s(%d) to caller\nZELK_INV_PARAM4");
 
-  const std::array<char, ZK_TIME_WIDTH + 1> field = field_text<ZK_TIME_WIDTH>(tod64rep);
-  const auto seconds_field = field_text<ZK_SECONDS_WIDTH>(field.data());
-  const auto microseconds_field = field_text<ZK_MICROSECONDS_WIDTH>(field.data() + ZK_SECONDS_WIDTH);
+  const auto field = zk_field_text<ZK_TIME_WIDTH>(tod64rep);
+  const auto seconds_field = zk_field_text<ZK_SECONDS_WIDTH>(field.data());
+  const auto microseconds_field = zk_field_text<ZK_MICROSECONDS_WIDTH>(field.data() + ZK_SECONDS_WIDTH);
   const uint64_t seconds = zk_a64l(seconds_field.data());
   const uint64_t microseconds = zk_a64l(microseconds_field.data());
   *tbuf = {};

@@ -6,6 +6,7 @@
 #include <syslog.h>
 
 #include <array>
+#include <cstring>
 
 #include "qx_zelk.h"
 
@@ -41,6 +42,14 @@ struct zk_eid_parts_t {
   char address[ZK_ADDR_WIDTH];
 };
 static_assert(sizeof(zk_eid_parts_t) == ZELK_EID_LENGTH);
+
+/* The first `WIDTH` characters of `text`, fewer when it ends before, as a text of their own. */
+template <size_t WIDTH>
+std::array<char, WIDTH + 1> zk_field_text(const char* text) {
+  std::array<char, WIDTH + 1> field = {};
+  std::memcpy(field.data(), text, strnlen(text, WIDTH));
+  return field;
+}
 
 /* Writes `width` digits of `value`, least significant first, without a terminator: a small value is padded, of a large
  * one the low 6 * `width` bits remain. */

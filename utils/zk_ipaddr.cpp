@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstring>
 #include <span>
 
 #include "zk_eid_layout.h"
@@ -94,13 +93,12 @@ int zk_obtain_ipaddrs(int debug_active, const char* debug_file, char* addr, int 
 }
 
 int zk_is_addr_ipv6_type(const char* addr) {
-  int segments = 1;
-  for (; *addr != '\0'; ++addr) {
-    if (*addr >= '0' && *addr <= '9') continue;
-    if (*addr != '.') return 1;
-    if (++segments > 4) return 1; /* also keeps the count small, however long the text */
+  static constexpr char DIGITS[] = "0123456789";
+  for (int points = 0; points < 3; ++points) {
+    addr += std::strspn(addr, DIGITS);
+    if (*addr++ != '.') return 1;
   }
-  return segments == 4 ? 0 : 1;
+  return addr[std::strspn(addr, DIGITS)] == '\0' ? 0 : 1;
 }
 
 int zk_get_ipaddr(int debug_active, const char* debug_file, char* ip_addr, char* ipv6_flag) {
@@ -141,12 +139,10 @@ int zk_conv_ipaddr(int debug_active, const char* debug_file, const char* ip64_re
                      ipv6_flag);
 
   const size_t count = ipv6_flag == ZK_IPV4_TYPE ? 1 : ZK_ADDR_WORDS;
-  std::array<char, ZELK_ADDR_CODE_SIZE> code = {};
-  std::memcpy(code.data(), ip64_rep, strnlen(ip64_rep, ZK_ADDR_CODE_WIDTH));
+  const auto code = zk_field_text<ZK_ADDR_CODE_WIDTH>(ip64_rep);
   zk_addr_words_t words = {};
   for (size_t index = 0; index < count; ++index) {
-    std::array<char, GROUP_WIDTH + 1> group = {};
-    std::memcpy(group.data(), code.data() + index * GROUP_WIDTH, GROUP_WIDTH);
+    const auto group = zk_field_text<GROUP_WIDTH>(code.data() + index * GROUP_WIDTH);
     words[index] = htonl(static_cast<uint32_t>(zk_a64l(group.data())));
   }
   /* Of IPv6 the text shows the first word only: one conversion, and letters. */

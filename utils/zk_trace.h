@@ -32,10 +32,7 @@ struct zk_trace_t {
 /* Name of a result code as it stands in a trace; "" for a number that is none. */
 const char* zk_result_name(int result);
 
-/* What stands in a trace for a text that may be null, and for a pointer: its low 32 bits. */
-inline const char* zk_trace_text(const char* text) {
-  return text != nullptr ? text : "(null)";
-}
+/* What stands in a trace for a pointer: its low 32 bits. */
 inline unsigned int zk_trace_pointer(const void* pointer) {
   return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pointer));
 }

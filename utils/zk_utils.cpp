@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <string_view>
 
 #include "zk_eid_layout.h"
 #include "zk_trace.h"
@@ -63,28 +63,24 @@ const char* zk_result_name(int result) {
 #undef RESULT_NAME
 }
 
-/* The last component of a path and its length: as basename() has it, but without a copy and so without a limit. */
-static const char* base_name(const char* path, int* length) {
-  if (*path == '\0') path = ".";
-  const char* end = path + std::strlen(path);
-  while (end > path + 1 && end[-1] == '/') --end;
-  const char* start = end;
-  while (start > path && start[-1] != '/') --start;
-  if (start == end) start = path; /* slashes only */
-  *length = static_cast<int>(end - start);
-  return start;
+/* The last component of a path: as basename() has it, but without a copy and so without a limit. */
+static std::string_view base_name(std::string_view path) {
+  if (path.empty()) return ".";
+  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+  if (path != "/") path.remove_prefix(path.rfind('/') + 1);
+  return path;
 }
 
 int zk_make_file_info_msg(int debug_active, const char* debug_file, char* buffer, const char* lpp_name,
                           const char* detecting_file, const char* sid_level, int line_pos, int* error_flags) {
   const zk_trace_t trace = {debug_active, debug_file, __func__};
-  int file_length = 0;
-  const char* file = base_name(error_flags[ZELK_FLAG_FILE] == 0 ? detecting_file : "unknown_file", &file_length);
+  const std::string_view file = base_name(error_flags[ZELK_FLAG_FILE] == 0 ? detecting_file : "unknown_file");
   const char* product = error_flags[ZELK_FLAG_PRODUCT] == 0 ? lpp_name : "pps_product";
   const char* version = error_flags[ZELK_FLAG_VERSION] == 0 ? sid_level : "no_version_num";
   int line = error_flags[ZELK_FLAG_LINE] == 0 ? line_pos : 0;
 
-  int printed = std::snprintf(buffer, ZELK_FILE_INFO_SIZE, "%s,%.*s,%s,%d", product, file_length, file, version, line);
+  int printed = std::snprintf(buffer, ZELK_FILE_INFO_SIZE, "%s,%.*s,%s,%d", product, static_cast<int>(file.size()),
+                              file.data(), version, line);
   size_t length = static_cast<size_t>(std::max(printed, 0));
   if (length < ZELK_FILE_INFO_SIZE) {
     std::memset(buffer + length, ' ', ZELK_FILE_INFO_SIZE - length);
