@@ -29,6 +29,7 @@
 #ifndef ZK_LAYOUT_H
 #define ZK_LAYOUT_H
 
+#include <assert.h>
 #include <stdbool.h>
 #include <stdint.h>
 
@@ -41,11 +42,7 @@ typedef struct {
   uint8_t has_wrapped;
 } zk_estack_v1_header_t;
 
-#ifdef __cplusplus
 static_assert(sizeof(zk_estack_v1_header_t) == 20, "the control header is an image of the file");
-#else
-_Static_assert(sizeof(zk_estack_v1_header_t) == 20, "the control header is an image of the file");
-#endif
 
 enum {
   ZK_STACK_HEADER_POS = 4, /* the control header, behind the version code */

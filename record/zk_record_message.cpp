@@ -43,8 +43,8 @@ static int parse_format(const char* format, arguments_t* arguments) {
     if (index >= ARGUMENTS_MAX) continue;
     conversion_t* const known = &arguments->conversions[index];
     if (known->is_recordable && !are_of_one_type(*known, conversion)) return ZELK_INV_PARAM4;
-    zelk::add_conversion(conversion,
-                         known); /* of two that narrow it in two ways the first counts: nothing is lost for it */
+    /* Of two that narrow it in two ways the first counts: nothing is lost for it. */
+    zelk::add_conversion(conversion, known);
   }
   if (unnumbered > 0 && numbered > 0) return ZELK_INV_PARAM4;
   for (uint32_t i = 0; i < std::min(count, uint32_t{ARGUMENTS_MAX}); ++i)

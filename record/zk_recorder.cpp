@@ -18,7 +18,6 @@
 #include <pthread.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "zk_eid_layout.h"
 #include "zk_io.h"
@@ -43,13 +42,6 @@ static bool set_lock(int fildes, short type) {
   whole.l_type = type;
   whole.l_whence = SEEK_SET;
   return zk_retry([&] { return fcntl(fildes, F_OFD_SETLKW, &whole); }) == 0;
-}
-
-/* A thread that is cancelled between two calls would leave the stack locked, or open. Returns the state to restore. */
-static int put_off_cancellation() {
-  int state;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-  return state;
 }
 
 /* Keeps what is wrong with the stack. Returns 0 for nothing; ZELK_FILE_CORRUPT. */
@@ -199,9 +191,7 @@ static int check_file(zk_recorder_t* recorder) {
   if (status.st_size < ZK_STACK_SIZE_MIN || status.st_size > ZK_STACK_SIZE_MAX)
     return judge(recorder, ZK_BAD_FILE_SIZE);
   recorder->inode = status.st_ino;
-  recorder->is_known = false;
   recorder->state.size = static_cast<int32_t>(status.st_size);
-  recorder->state.newest = 0;
 
   int result = check_header(recorder);
   if (result == ZELK_FILE_CORRUPT && set_lock(recorder->fildes, F_WRLCK)) {
@@ -214,7 +204,6 @@ static int check_file(zk_recorder_t* recorder) {
 /* Opens the stack into `recorder`, whose descriptor is -1 after a failure to open it. Returns as zk_open_recorder. */
 static int open_stack(const zk_trace_t& trace, const zk_stack_path_t& path, zk_recorder_t* recorder) {
   recorder->fildes = -1;
-  recorder->damage = {};
   int result = zk_open_stack_path(trace, path, &recorder->fildes);
   if (result != ZELK_SUCCESS) return result;
   if (!leave_standard_streams(&recorder->fildes)) return ZELK_TOO_MANY;
@@ -231,11 +220,12 @@ int zk_open_recorder_or_say(const zk_trace_t& trace, const char* stack_file, zk_
   if (recorder == nullptr)
     return zk_failed(trace, ZELK_INV_PARAM4, "Called without a place for the recorder\nReturning %s(%d) to caller");
 
-  zk_recorder_t* opened = static_cast<zk_recorder_t*>(malloc(sizeof *opened));
+  zk_recorder_t* opened = static_cast<zk_recorder_t*>(calloc(1, sizeof *opened));
   if (opened == nullptr)
     return zk_failed(trace, ZELK_NO_MEMORY, "No memory for a recorder\nReturning %s(%d) to caller");
   const zk_stack_path_t path = zk_stack_path(stack_file);
-  const int cancel_state = put_off_cancellation();
+  int cancel_state; /* a thread that is cancelled between two calls would leave the stack open */
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   const int result = open_stack(trace, path, opened);
   *damage = opened->damage;
   if (result != ZELK_SUCCESS) zk_close_recorder(opened);
@@ -263,10 +253,6 @@ static bool has_good_arguments(const zk_incident_t& incident) {
     if (argument.cu_arg_type == CU_ERROR_ARG_CHAR_STR && argument.cu_arg_value.cu_arg_char_str == nullptr) return false;
   }
   return true;
-}
-
-static bool is_eid_or_empty(const char* text) {
-  return text == nullptr || *text == '\0' || strnlen(text, ZELK_EID_SIZE) == ZELK_EID_LENGTH;
 }
 
 /* Records under the lock; `image` is that of the incident for any stack of usual size. Returns as zk_record_incident; errno
@@ -300,14 +286,16 @@ static int record_incident(const zk_trace_t& trace, zk_recorder_t* recorder, con
                      "Returning %s(%d) to caller");
   if (eid == nullptr)
     return zk_failed(trace, ZELK_INV_PARAM5, "Called without a place for the ZELK ID\nReturning %s(%d) to caller");
-  if (!is_eid_or_empty(incident->associated_eid))
+  const char* cause = incident->associated_eid;
+  if (cause != nullptr && *cause != '\0' && strnlen(cause, ZELK_EID_SIZE) != ZELK_EID_LENGTH)
     return zk_failed(trace, ZELK_INV_FID, "Associated ZELK ID \"%s\" is not correct size\nReturning %s(%d) to caller",
-                     incident->associated_eid);
+                     cause);
   zk_record_image_t image;
   if (zk_make_record_image(*incident, ZK_REC_LISTED_MAX, &image) != ZELK_SUCCESS)
     return zk_failed(trace, ZELK_INV_RECLEN, "The incident is too long for a record\nReturning %s(%d) to caller");
 
-  const int cancel_state = put_off_cancellation();
+  int cancel_state; /* a thread that is cancelled between two calls would leave the stack locked */
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
   int result = ZELK_LOCK;
   const bool is_locked = set_lock(recorder->fildes, F_WRLCK);
   if (is_locked) result = record_locked(recorder, *incident, &image, made);

@@ -22,7 +22,6 @@ struct unnamed_file_t {
 
 /* Makes such a file in `directory`. Returns 0, or the errno. */
 static int make_unnamed(const char* directory, unnamed_file_t* file) {
-  file->is_named = false;
   file->fildes = open(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, PERMISSIONS);
   if (file->fildes != -1) {
     std::snprintf(file->path.data(), file->path.size(), "/proc/self/fd/%d", file->fildes);
@@ -57,9 +56,9 @@ static bool write_empty_stack(int fildes, int32_t size) {
 
 int zk_create_stack(int debug_active, const char* debug_file, const char* stack_file, int32_t size) {
   static constexpr zk_errno_result_t RESULTS[] = {
-      {0, ZELK_SUCCESS},       {EEXIST, ZELK_FILE_EXIST}, {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING},
-      {EROFS, ZELK_READ_ONLY}, {ENOSPC, ZELK_NO_SPACE},   {EDQUOT, ZELK_TOO_MANY},    {EACCES, ZELK_DIR_NO_ACCESS},
-      {ENFILE, ZELK_TOO_MANY}, {EMFILE, ZELK_TOO_MANY}};
+      {EEXIST, ZELK_FILE_EXIST},    {ENOENT, ZELK_DIR_MISSING}, {ENOTDIR, ZELK_DIR_MISSING},
+      {EROFS, ZELK_READ_ONLY},      {ENOSPC, ZELK_NO_SPACE},    {EDQUOT, ZELK_TOO_MANY},
+      {EACCES, ZELK_DIR_NO_ACCESS}, {ENFILE, ZELK_TOO_MANY},    {EMFILE, ZELK_TOO_MANY}};
   const zk_trace_t trace = {debug_active, debug_file, __func__};
   if (stack_file == nullptr || *stack_file == '\0')
     return zk_failed(trace, ZELK_INV_PARAM3, "Called without a name for the stack\nReturning %s(%d) to caller");

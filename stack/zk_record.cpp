@@ -126,16 +126,9 @@ int zk_parse_record(const void* record, zk_record_t* fields) {
 }
 
 const char* zk_record_damage(int result) {
-  switch (result) {
-    case ZELK_SUCCESS:
-      return nullptr;
-    case ZELK_INV_RECLEN:
-      return ZK_BAD_LENGTH;
-    case ZELK_INV_RECVERSN:
-      return ZK_BAD_RECORD_VERSION;
-    default:
-      return ZK_BAD_FIELD;
-  }
+  if (result == ZELK_SUCCESS) return nullptr;
+  if (result == ZELK_INV_RECLEN) return ZK_BAD_LENGTH;
+  return result == ZELK_INV_RECVERSN ? ZK_BAD_RECORD_VERSION : ZK_BAD_FIELD;
 }
 
 void zk_report_bad_record(const zk_trace_t& trace, const void* record, off_t offset) {

@@ -8,19 +8,11 @@
  *                                      at W: the stack is then full */
 #include "zk_stack_state.h"
 
-#include <cstring>
-
 #include "zk_record.h"
 
-static int32_t word_at(const zk_stack_state_t& state, int32_t position) {
-  int32_t word;
-  std::memcpy(&word, state.walk.window.data() + position, sizeof word);
-  return word;
-}
-
-/* Offset behind the record at `position`, which is known to be one. */
-static int32_t behind_record(const zk_stack_state_t& state, int32_t position) {
-  return position + ZK_REC_LENGTH_SIZE + word_at(state, position);
+/* The length word at `position`; 0 ends a lap. */
+static int32_t length_at(const zk_stack_state_t& state, int32_t position) {
+  return zk_record_length(state.walk.window.data() + position);
 }
 
 static bool has_two_runs(const zk_estack_v1_header_t& header) {
@@ -60,7 +52,7 @@ zk_damage_t zk_check_stack(zk_stack_state_t* state) {
 size_t zk_longest_body(const zk_stack_state_t& state) {
   /* Where a record starts a lap, the newest one ends less than its size before the end of the file. */
   int32_t room = state.size - state.walk.header.records_start;
-  if (state.newest != 0) room -= behind_record(state, state.newest) - state.newest;
+  if (state.newest != 0) room -= ZK_REC_LENGTH_SIZE + length_at(state, state.newest);
   room = (room - ZK_REC_LENGTH_SIZE) / 2 - ZK_REC_LENGTH_SIZE; /* a length word of 0 between them; its own */
   return room > 0 ? static_cast<size_t>(room) : 0;
 }
@@ -78,12 +70,12 @@ zk_placement_t zk_place_record(const zk_stack_state_t& state, int32_t size) {
   /* Behind the record comes the oldest one, or a length word of 0 and then the oldest one. */
   const int32_t end = place.position + size;
   while (place.earliest != end && place.earliest < end + ZK_REC_LENGTH_SIZE) {
-    const bool is_lap_end = place.earliest > state.size - ZK_REC_LENGTH_SIZE || word_at(state, place.earliest) == 0;
+    const bool is_lap_end = place.earliest > state.size - ZK_REC_LENGTH_SIZE || length_at(state, place.earliest) == 0;
     if (!place.is_wrap && is_lap_end) {
       place.earliest = header.records_start; /* the older run is used up: what remains is the run before the record */
       break;
     }
-    place.earliest = behind_record(state, place.earliest);
+    place.earliest += ZK_REC_LENGTH_SIZE + length_at(state, place.earliest);
   }
   return place;
 }

@@ -9,10 +9,6 @@
 
 /* ---- Bytes --------------------------------------------------------------------------------------------------------- */
 
-static bool is_in_window(const zk_walk_t& walk) {
-  return walk.position >= walk.window_start && walk.position < walk.window_end;
-}
-
 /* Moves the window towards the walk's position; false when nothing more can be read. Bytes that an error keeps away
  * are missed when a record needs them. */
 static bool fill_window(zk_walk_t* walk) {
@@ -20,15 +16,13 @@ static bool fill_window(zk_walk_t* walk) {
     walk->is_refused = false;
     return false;
   }
-  const off_t window_size = static_cast<off_t>(walk->window.size());
-  bool is_first = walk->window_end == 0;
-  off_t start = is_first && walk->position < window_size ? 0 : walk->position;
-  size_t taken = zk_read(walk->fildes, walk->window.data(), walk->window.size(), start);
-  bool is_last = taken < walk->window.size() && errno == 0;
+  const bool is_first = walk->window_end == 0;
+  const off_t start = is_first && walk->position < std::ssize(walk->window) ? 0 : walk->position;
+  const size_t taken = zk_read(walk->fildes, walk->window.data(), walk->window.size(), start);
   if (taken == 0) return false;
   walk->window_start = start;
   walk->window_end = start + static_cast<off_t>(taken);
-  walk->window_is_last = is_last;
+  walk->window_is_last = taken < walk->window.size() && errno == 0;
   return true;
 }
 
@@ -36,7 +30,7 @@ static bool fill_window(zk_walk_t* walk) {
 static size_t read_bytes(zk_walk_t* walk, void* bytes, size_t size) {
   size_t taken = 0;
   while (taken < size) {
-    if (!is_in_window(*walk)) {
+    if (walk->position < walk->window_start || walk->position >= walk->window_end) {
       if (fill_window(walk)) continue;
       break;
     }
