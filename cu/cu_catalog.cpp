@@ -18,6 +18,8 @@
  * The words of the header are in the byte order of the host that wrote the file. */
 #include "cu_catalog.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <clocale>
 #include <cstdlib>
@@ -54,16 +56,6 @@ struct catalog_path_t {
 
 /* ---- Reading a catalog ------------------------------------------------------------------------------- */
 
-static uint32_t little_word(const unsigned char* bytes) {
-  return bytes[0] | static_cast<uint32_t>(bytes[1]) << 8 | static_cast<uint32_t>(bytes[2]) << 16 |
-         static_cast<uint32_t>(bytes[3]) << 24;
-}
-
-static uint32_t big_word(const unsigned char* bytes) {
-  return bytes[3] | static_cast<uint32_t>(bytes[2]) << 8 | static_cast<uint32_t>(bytes[1]) << 16 |
-         static_cast<uint32_t>(bytes[0]) << 24;
-}
-
 /* Reads exactly `size` bytes. `offset` lies within the file's size, so it fits an off_t. */
 static bool read_at(const open_catalog_t& catalog, uint64_t offset, void* bytes, size_t size) {
   return zk_read(catalog.fildes, bytes, size, static_cast<off_t>(offset)) == size;
@@ -71,12 +63,12 @@ static bool read_at(const open_catalog_t& catalog, uint64_t offset, void* bytes,
 
 /* Reads the header and checks that the planes it declares fit in the file. */
 static bool read_header(open_catalog_t* catalog) {
-  unsigned char header[HEADER_SIZE];
+  uint32_t header[HEADER_SIZE / sizeof(uint32_t)];
   if (!read_at(*catalog, 0, header, HEADER_SIZE)) return false;
-  auto word = little_word(header) == CATALOG_MAGIC ? little_word : big_word;
-  if (word(header) != CATALOG_MAGIC) return false;
-  catalog->plane_size = word(header + 4);
-  catalog->plane_depth = word(header + 8);
+  const bool is_little = le32toh(header[0]) == CATALOG_MAGIC;
+  if (!is_little && be32toh(header[0]) != CATALOG_MAGIC) return false;
+  catalog->plane_size = is_little ? le32toh(header[1]) : be32toh(header[1]);
+  catalog->plane_depth = is_little ? le32toh(header[2]) : be32toh(header[2]);
   uint64_t entries = (catalog->size - HEADER_SIZE) / (2 * ENTRY_SIZE);
   return catalog->plane_size > 0 && catalog->plane_depth <= entries / catalog->plane_size;
 }
@@ -121,10 +113,10 @@ static char* find_text(const open_catalog_t& catalog, uint32_t set, uint32_t num
   uint32_t planes = std::min<uint32_t>(catalog.plane_depth, PLANES_MAX);
 
   for (uint32_t plane = 0; plane < planes; ++plane, slot += catalog.plane_size) {
-    unsigned char entry[ENTRY_SIZE];
+    uint32_t entry[ENTRY_SIZE / sizeof(uint32_t)];
     if (!read_at(catalog, HEADER_SIZE + slot * ENTRY_SIZE, entry, ENTRY_SIZE)) return nullptr;
-    if (little_word(entry) == set + 1 && little_word(entry + 4) == number)
-      return read_text(catalog, texts + little_word(entry + 8));
+    if (le32toh(entry[0]) == set + 1 && le32toh(entry[1]) == number)
+      return read_text(catalog, texts + le32toh(entry[2]));
   }
   return nullptr;
 }
@@ -143,22 +135,13 @@ static bool append(catalog_path_t* path, const char* text, size_t length) {
 static bool append_field(catalog_path_t* path, char letter, const char* name, const char* locale) {
   const char* territory = locale + strcspn(locale, "_.");
   const char* codeset = locale + strcspn(locale, ".");
-  switch (letter) {
-    case 'N':
-      return append(path, name, strlen(name));
-    case 'L':
-      return append(path, locale, strlen(locale));
-    case 'l':
-      return append(path, locale, static_cast<size_t>(territory - locale));
-    case 't':
-      return *territory != '_' || append(path, territory + 1, static_cast<size_t>(codeset - territory - 1));
-    case 'c':
-      return *codeset != '.' || append(path, codeset + 1, strlen(codeset + 1));
-    case '%':
-      return append(path, "%", 1);
-    default:
-      return false;
-  }
+  if (letter == 'N') return append(path, name, strlen(name));
+  if (letter == 'L') return append(path, locale, strlen(locale));
+  if (letter == 'l') return append(path, locale, static_cast<size_t>(territory - locale));
+  if (letter == 't')
+    return *territory != '_' || append(path, territory + 1, static_cast<size_t>(codeset - territory - 1));
+  if (letter == 'c') return *codeset != '.' || append(path, codeset + 1, strlen(codeset + 1));
+  return letter == '%' && append(path, "%", 1);
 }
 
 /* Makes `path` from the element of NLSPATH that ends before `end`; an empty one stands for the name itself. Returns

@@ -22,8 +22,8 @@ static void append_piece(cu_sink_t* sink, std::string_view piece, const cu_error
   if (grown->text == nullptr) return;
 
   if (piece.size() >= grown->size - grown->length) {
-    grown->size +=
-        std::max(grown->size, piece.size()); /* no object has more than SIZE_MAX / 2 bytes: this cannot wrap */
+    /* No object has more than SIZE_MAX / 2 bytes: this cannot wrap. */
+    grown->size += std::max(grown->size, piece.size());
     char* text = static_cast<char*>(realloc(grown->text, grown->size));
     if (text == nullptr) free(grown->text);
     grown->text = text;
