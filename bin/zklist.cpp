@@ -24,7 +24,8 @@ static int check_length(const zk_trace_t& trace, const void* record) {
 }
 
 /* Where the records of the lists stand in the stack, for the trace alone: an element of a list has no room for it. All
- * records of any stack of version one have a place. */
+ * records of any stack of version one have a place. Of two places the later one counts: a copy may have the memory of one
+ * that was freed. */
 struct place_t {
   const void* record;
   off_t position;
@@ -33,16 +34,9 @@ static std::array<place_t, ZK_STACK_SIZE_MAX / (ZK_REC_LENGTH_SIZE + 1)> places;
 static size_t place_count;
 static off_t walked_position = -1; /* of the record that is being listed, -1 for none */
 
-/* Remembers where the record that is being listed stands. Its copy may have the memory of one that has been freed. */
-static void remember_place(const void* copy) {
-  for (size_t number = 0; number < place_count; ++number)
-    if (places[number].record == copy) places[number].record = nullptr;
-  if (walked_position >= 0 && place_count < places.size()) places[place_count++] = {copy, walked_position};
-}
-
 off_t zk_listed_position(const void* record) {
-  for (size_t number = 0; number < place_count; ++number)
-    if (places[number].record == record) return places[number].position;
+  for (size_t number = place_count; number > 0; --number)
+    if (places[number - 1].record == record) return places[number - 1].position;
   return -1;
 }
 
@@ -68,7 +62,7 @@ static zk_stack_rec_t* copy_record(const void* record, shortage_t* shortage) {
   }
   std::memcpy(copy, record, size);
   copy[size] = '\0';
-  remember_place(copy);
+  if (place_count < places.size()) places[place_count++] = {copy, walked_position};
   element->record = copy;
   return element;
 }
@@ -243,15 +237,15 @@ static int place_by_process(const zk_trace_t& trace, void* record, zk_proc_list_
   zk_proc_list_t* process = nullptr;
   int result = zk_find_proc_in_list(trace.active, trace.file, record, head, &process);
   if (result == ZELK_SUCCESS) result = zk_add_rec_to_proc(trace.active, trace.file, record, process);
-  return walk_result(result);
+  return result;
 }
 
 static int place_by_relation(const zk_trace_t& trace, void* record, zk_stack_rec_t** table) {
   zk_stack_rec_t* related = nullptr;
   zk_stack_rec_t* groups = table != nullptr ? *table : nullptr;
   if (zk_find_related_rec(trace.active, trace.file, record, groups, &related) == ZELK_SUCCESS)
-    return walk_result(zk_add_related_rec(trace.active, trace.file, record, related));
-  return walk_result(zk_add_unrelated_rec(trace.active, trace.file, record, table));
+    return zk_add_related_rec(trace.active, trace.file, record, related);
+  return zk_add_unrelated_rec(trace.active, trace.file, record, table);
 }
 
 int zk_read_stack(int debug_active, const char* debug_file, int order, int fildes, nl_catd catfd,
@@ -271,6 +265,7 @@ int zk_read_stack(int debug_active, const char* debug_file, int order, int filde
     void* record = walk.record.data();
     walked_position = trace.active != 0 ? walk.record_position : -1;
     result = order == 0 ? place_by_process(trace, record, proc_list) : place_by_relation(trace, record, rec_table);
+    result = walk_result(result);
     if (result == ZELK_SUCCESS && zk_walk_at_write_pos(walk)) break;
   }
   walked_position = -1;

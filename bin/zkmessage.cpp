@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -34,15 +35,14 @@ static void write_block(output_t* output) {
 }
 
 static void put(output_t* output, std::string_view text) {
-  while (text.size() > output->size - output->used) {
-    size_t count = output->size - output->used;
+  for (;;) {
+    const size_t count = std::min(text.size(), output->size - output->used);
     std::memcpy(output->block + output->used, text.data(), count);
     output->used += count;
     text.remove_prefix(count);
+    if (text.empty()) return;
     write_block(output);
   }
-  std::memcpy(output->block + output->used, text.data(), text.size());
-  output->used += text.size();
 }
 
 void zk_buffer_report(char* block, size_t size) {
@@ -75,27 +75,17 @@ static high_bytes_t high_bytes() {
 
 /* Length of the well-formed UTF-8 sequence of several bytes that `text` starts with, else 0. */
 static size_t utf8_length(std::string_view text) {
-  struct sequence_t {
-    unsigned int lead_low, lead_high, second_low, second_high;
-    size_t length;
-  };
-  static constexpr std::array<sequence_t, 8> SEQUENCES = {{{0xc2, 0xdf, 0x80, 0xbf, 2},
-                                                           {0xe0, 0xe0, 0xa0, 0xbf, 3},
-                                                           {0xe1, 0xec, 0x80, 0xbf, 3},
-                                                           {0xed, 0xed, 0x80, 0x9f, 3},
-                                                           {0xee, 0xef, 0x80, 0xbf, 3},
-                                                           {0xf0, 0xf0, 0x90, 0xbf, 4},
-                                                           {0xf1, 0xf3, 0x80, 0xbf, 4},
-                                                           {0xf4, 0xf4, 0x80, 0x8f, 4}}};
-  for (const sequence_t& row : SEQUENCES) {
-    if (text.size() < row.length || !is_between(text[0], row.lead_low, row.lead_high) ||
-        !is_between(text[1], row.second_low, row.second_high))
-      continue;
-    for (size_t i = 2; i < row.length; ++i)
-      if (!is_between(text[i], 0x80, 0xbf)) return 0;
-    return row.length;
+  static constexpr uint32_t LEAST_CODES[] = {0, 0, 0x80, 0x800, 0x10000}; /* by length: fewer bytes hold what is less */
+  const auto lead = static_cast<unsigned char>(text[0]);
+  const size_t length = static_cast<size_t>(std::countl_one(lead));
+  if (length < 2 || length > 4 || text.size() < length) return 0;
+  uint32_t code = lead & (0x7fU >> length);
+  for (size_t i = 1; i < length; ++i) {
+    if (!is_between(text[i], 0x80, 0xbf)) return 0;
+    code = code << 6 | (static_cast<unsigned char>(text[i]) & 0x3fU);
   }
-  return 0;
+  const bool is_surrogate = code >= 0xd800 && code <= 0xdfff;
+  return code < LEAST_CODES[length] || code > 0x10ffff || is_surrogate ? 0 : length;
 }
 
 /* Length of the control character that `text` starts with, else 0. Newline and tab are none. */
@@ -104,9 +94,8 @@ static size_t control_length(std::string_view text, high_bytes_t high) {
   if (is_between(text[0], 0, 0x1f) || text[0] == 0x7f) return 1;
   if (high == high_bytes_t::UNKNOWN) return 0;
   if (is_between(text[0], 0x80, 0x9f)) return 1;
-  return high == high_bytes_t::UTF8 && text.starts_with('\xc2') && text.size() > 1 && is_between(text[1], 0x80, 0x9f)
-             ? 2
-             : 0;
+  if (high != high_bytes_t::UTF8 || !text.starts_with('\xc2')) return 0;
+  return text.size() > 1 && is_between(text[1], 0x80, 0x9f) ? 2 : 0;
 }
 
 /* Puts a text with its control characters shown as "?". */
@@ -128,8 +117,8 @@ static bool is_known(int number) {
 
 static const char* message_text(nl_catd catfd, int number) {
   const char* builtin = is_known(number) ? zk_mesgtbl_zkview_cmd[number] : zk_badid_zkview_cmd;
-  const char* arguments =
-      is_known(number) ? builtin : "%s"; /* whoever prints an unknown message has one text to show */
+  /* Whoever prints an unknown message has one text to show. */
+  const char* arguments = is_known(number) ? builtin : "%s";
   if (catfd == ZK_NO_CATALOG) return builtin;
   const char* text = catgets(catfd, ZK_MSG_SET, number, builtin);
   return text == builtin || cu_takes_same_arguments(text, arguments) ? text : builtin;

@@ -13,8 +13,8 @@
 #include "zk_trace.h"
 #include "zkstatus.h"
 
-static constexpr size_t REPORT_BLOCK_SIZE =
-    1024 * 1024; /* holds the report of any stack whose texts ask for no widths */
+/* Holds the report of any stack whose texts ask for no widths. */
+static constexpr size_t REPORT_BLOCK_SIZE = 1024 * 1024;
 
 struct options_t {
   bool all;
@@ -45,14 +45,8 @@ struct ending_t {
 
 static void set_up_trace(context_t* context) {
   int state = zk_is_debug_file_set(context->debug_file.data());
-  context->debug_active =
-      state == ZELK_TRACE_EXISTS ||
-      (state == ZELK_TRACE_MISSING && zk_create_debug_file(context->debug_file.data()) == ZELK_SUCCESS);
-}
-
-static void open_catalog(context_t* context) {
-  std::array<char, ZELK_PATH_SIZE> catalog;
-  context->catfd = zk_open_catalog(zk_get_msgcat_name(catalog.data(), ZK_CATALOG_NAME));
+  const bool is_made = state == ZELK_TRACE_MISSING && zk_create_debug_file(context->debug_file.data()) == ZELK_SUCCESS;
+  context->debug_active = state == ZELK_TRACE_EXISTS || is_made;
 }
 
 static int report_unexpected(const context_t& context, const char* routine, int result) {
@@ -157,10 +151,8 @@ static std::optional<int> open_stack(const context_t& context, const options_t& 
   return report_unexpected(context, "zk_display_recs_by_proc", result);
 }
 
-/* Tells what a view's result means. `unexpected` lists the codes that are reported under the name `routine`; others
- * count as success. */
-static std::optional<int> check_view(const context_t& context, int result, std::span<const int> unexpected,
-                                     const char* routine) {
+/* Tells what the result of a view's step means; an unexpected one is reported under the name `routine`. */
+static std::optional<int> check_view(const context_t& context, int result, const char* routine) {
   static constexpr ending_t ENDINGS[] = {{ZELK_LOCK, ZK_MSG_NOT_LOCKED, EXIT_NOT_LOCKED},
                                          {ZELK_FILE_CORRUPT, ZK_MSG_STACK_CORRUPT, EXIT_CORRUPT},
                                          {ZELK_NO_MEMORY, ZK_MSG_NO_MEMORY, EXIT_NO_MEMORY}};
@@ -169,15 +161,12 @@ static std::optional<int> check_view(const context_t& context, int result, std::
       zk_print_message(stderr, context.catfd, ending.message);
       return ending.status;
     }
-  for (int code : unexpected)
-    if (code == result) return report_unexpected(context, routine, result);
+  if (result != ZELK_SUCCESS) return report_unexpected(context, routine, result);
   return {};
 }
 
 /* Runs the one view that was asked for over the open stack. */
 static int report_stack(const context_t& context, const options_t& given, int fildes) {
-  static constexpr int READ_FAILURES[] = {ZELK_INV_PARAM5, ZELK_INV_PARAM4, ZELK_INV_PARAM3, ZELK_FAILURE};
-  static constexpr int DISPLAY_FAILURES[] = {ZELK_INV_PARAM3, ZELK_FAILURE};
   constexpr int DUMP_HEADER = 0; /* the control header is for other callers of the dump */
   const int debug_active = context.debug_active;
   const char* debug_file = context.debug_file.data();
@@ -188,21 +177,16 @@ static int report_stack(const context_t& context, const options_t& given, int fi
   if (given.fid_only || given.dump)
     result = zk_dump_stack(debug_active, debug_file, DUMP_HEADER, given.all, given.fid_only ? given.fid : nullptr, 0,
                            fildes, context.catfd);
-  else if (given.process_order)
-    result = zk_read_stack(debug_active, debug_file, 0, fildes, context.catfd, &proc_list, nullptr);
   else
-    result = zk_read_stack(debug_active, debug_file, 1, fildes, context.catfd, nullptr, &rec_table);
-  std::optional<int> status = check_view(context, result, READ_FAILURES, "zk_read_stack"); /* also for the dump */
+    result = zk_read_stack(debug_active, debug_file, given.process_order ? 0 : 1, fildes, context.catfd, &proc_list,
+                           &rec_table);
+  std::optional<int> status = check_view(context, result, "zk_read_stack"); /* also for the dump */
   if (status || given.fid_only || given.dump) return status.value_or(EXIT_REPORTED);
 
-  if (given.process_order) {
-    result = zk_display_recs_by_proc(debug_active, debug_file, &proc_list, given.all, context.catfd);
-    status = check_view(context, result, DISPLAY_FAILURES, "zk_display_recs_by_proc");
-  } else {
-    result = zk_display_recs_by_rel(debug_active, debug_file, rec_table, given.all, context.catfd);
-    status = check_view(context, result, DISPLAY_FAILURES, "zk_display_recs_by_rel");
-  }
-  return status.value_or(EXIT_REPORTED);
+  result = given.process_order ? zk_display_recs_by_proc(debug_active, debug_file, &proc_list, given.all, context.catfd)
+                               : zk_display_recs_by_rel(debug_active, debug_file, rec_table, given.all, context.catfd);
+  const char* display = given.process_order ? "zk_display_recs_by_proc" : "zk_display_recs_by_rel";
+  return check_view(context, result, display).value_or(EXIT_REPORTED);
 }
 
 /* ---- The run ------------------------------------------------------------------------------------------------------- */
@@ -241,7 +225,8 @@ int main(int argc, char** argv) {
   if (!zk_fill_standard_streams()) return report_unexpected(context, "open", errno);
   zk_buffer_report(report_block.data(), report_block.size());
   set_up_trace(&context);
-  open_catalog(&context);
+  std::array<char, ZELK_PATH_SIZE> catalog;
+  context.catfd = zk_open_catalog(zk_get_msgcat_name(catalog.data(), ZK_CATALOG_NAME));
 
   int status = run(context, argc, argv);
   int write_error = zk_flush_report();
