@@ -1,7 +1,17 @@
 /* SPDX-License-Identifier: MIT */
-/* library_calls_test.cpp - what the routines of the libraries say, in golden/library: the calls, their results, what they
- * trace and what they give, that is, the outputs that they change and the file "made". "out" stands for the place of an
- * output, and a file's name for its descriptor. What can be set up:
+/* library_calls_test.cpp - what the routines of the libraries say. The files of golden/library read like documentation: a
+ * call with its result, then what it traces (of other routines only the names), what it prints (behind "|"), and what it
+ * gives to its caller, that is, the outputs that it changes and the file "made".
+ *
+ *   # a comment
+ *   needs ABILITY                  what the machine must have, or nothing of the file is tried
+ *   NAME=value                     an environment variable, which stays
+ *   a line that begins with a small letter  sets up something for the calls that follow up to an empty line, or for all
+ *                                  calls when there is none up to the first empty line: see below
+ *   zk_routine(WORDS)              a call, without the trace pair; FOLDER is a folder of the test's own, "out" stands for
+ *                                  the place of an output, and a file's name for its descriptor
+ *
+ * With RENEW_GOLDEN in the environment the files are written anew. What can be set up:
  *
  *   fault CALL ERRNO FILE          that call fails once, with this error number, with this file (or with any)
  *   unwritable from OFFSET         a file cannot be written there
@@ -18,14 +28,28 @@
 #include <dirent.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
 
-#include "calls.h"
-#include "qx_cu.h"
-#include "qx_record.h"
+#include "support.h"
 #include "zk_msg.h"
+
+/* A call with the words of its line. */
+struct call {
+  int active;
+  const char* file;
+  std::vector<std::string> words;
+
+  const char* text(size_t index) const { return words.at(index) == "NULL" ? nullptr : words[index].c_str(); }
+  long long large(size_t index) const { return std::stoll(words.at(index), nullptr, 0); }
+  int number(size_t index) const { return static_cast<int>(large(index)); }
+  template <typename Output>
+  Output* at(size_t index, Output* output) const {
+    return words.at(index) == "NULL" ? nullptr : output;
+  }
+};
 
 static struct outputs {
   int local = 99, version = 99, location = 99, ipv6 = 99, facility = 99, priority = 99;
@@ -125,6 +149,14 @@ static void begin() {
   node = {{"lo", "127.0.0.1", LOOPBACK}, {"eth0", "192.168.1.9", UP}};
 }
 
+/* The words of each of the items that commas separate. */
+static std::vector<std::vector<std::string>> items(const std::string& details) {
+  std::vector<std::vector<std::string>> all;
+  std::istringstream stream(details);
+  for (std::string item; std::getline(stream, item, ',');) all.push_back(words(item));
+  return all;
+}
+
 static adapter described_adapter(const std::vector<std::string>& word) {
   static const std::map<std::string, short> FLAGS = {
       {"up", UP}, {"loopback", IFF_LOOPBACK}, {"both", LOOPBACK}, {"none", DOWN}};
@@ -207,8 +239,16 @@ static long long record(const call& c) {
 
 static const char ADDRESSES[5][46] = {"10.0.0.1", "10.0.0.2", "10.0.0.3", "", "10.0.0.5"};
 
-static const subject LIBRARY = {
-    .routines =
+#define ROUTINE(name, ...)                                                                           \
+  {                                                                                                  \
+#name, [](const call& c) { return static_cast<long long>(name(c.active, c.file, __VA_ARGS__)); } \
+  }
+#define UNTRACED(name, ...)                                                        \
+  {                                                                                \
+#name, [](const call& c) { return static_cast<long long>(name(__VA_ARGS__)); } \
+  }
+
+static const std::map<std::string, long long (*)(const call&)> ROUTINES =
         {ROUTINE(zk_get_base_64_hdr, c.number(0), c.number(1), c.at(2, out.text)),
          ROUTINE(zk_conv_base_64_hdr, c.text(0), c.at(1, &out.version), c.at(2, &out.location)),
          ROUTINE(zk_get_base_64_inode, c.text(0), c.at(1, out.text)),
@@ -260,18 +300,112 @@ static const subject LIBRARY = {
           [](const call& c) { return 0LL + describe(c.text(0), c.number(1), c.number(2), c.text(3), out.text); }},
          UNTRACED(fclear, descriptor(c, 0), c.large(1)),
          UNTRACED(zk_record_debug_info, descriptor(c, 0), c.text(1)),
-         UNTRACED(zk_clear_record_remnant, descriptor(c, 0))},
-    .situations = {{"fault", set_up_fault},
-                   {"unwritable", [](const std::string& details) { bad_place = std::stoi(split(details).second); }},
-                   {"space", set_up_space},
-                   {"interfaces", set_up_interfaces},
-                   {"directory", set_up_directory},
-                   {"flags", set_up_flags},
-                   {"stack", set_up_stack},
-                   {"incident", set_up_incident},
-                   {"done", [](const std::string& command) { EXPECT_EQ(std::system(command.c_str()), 0) << command; }}},
-    .begin = begin,
-    .given = given};
+         UNTRACED(zk_clear_record_remnant, descriptor(c, 0))};
+
+/* By the first word of their line. */
+static const std::map<std::string, void (*)(const std::string& details)> SITUATIONS = {
+    {"fault", set_up_fault},
+    {"unwritable", [](const std::string& details) { bad_place = std::stoi(split(details).second); }},
+    {"space", set_up_space},
+    {"interfaces", set_up_interfaces},
+    {"directory", set_up_directory},
+    {"flags", set_up_flags},
+    {"stack", set_up_stack},
+    {"incident", set_up_incident},
+    {"done", [](const std::string& command) { EXPECT_EQ(std::system(command.c_str()), 0) << command; }}};
+
+/* ---- Their files ----------------------------------------------------------------------------------------------- */
+
+/* The words of a call: its routine, and its arguments. */
+static std::vector<std::string> parsed(const std::string& line) {
+  std::vector<std::string> all;
+  for (size_t at = 0; (at = line.find_first_not_of("(,) ", at)) != line.npos;) {
+    const bool is_quoted = line[at] == '"';
+    const size_t end = is_quoted ? line.find('"', at + 1) : line.find_first_of("(,) ", at);
+    all.push_back(unescaped(line.substr(at + is_quoted, end - at - is_quoted)));
+    at = end + is_quoted;
+  }
+  return all;
+}
+
+/* Trace entries of a routine, and the names of others. */
+static std::string traced_lines(const std::string& trace, const std::string& routine) {
+  std::string text;
+  for (const std::string& entry : trace_entries(trace)) {
+    const std::string other = entry.substr(0, entry.find('\n')), name = "    " + other + "\n";
+    const bool is_copy = routine == "zk_make_dump_file_copy"; /* which traces by another name */
+    if (other != routine && !text.ends_with(name)) text += name;
+    if (other == routine || is_copy) text += entry.substr(other.size() + 1);
+  }
+  return text;
+}
+
+/* What is printed, behind a margin. */
+static std::string quoted(const std::string& printed_lines) {
+  std::istringstream lines(printed_lines);
+  std::string text;
+  for (std::string line; std::getline(lines, line);) text += line.empty() ? "    |\n" : "    | " + line + "\n";
+  return text;
+}
+
+/* Makes a call, first without tracing and then with it, which must make no difference; says what comes of it. */
+static std::string made(const std::string& line, const std::vector<std::string>& situation) {
+  const std::string trace = new_file(EMPTY_TRACE);
+  std::vector<std::string> words = parsed(replaced(line, "FOLDER", scratch()));
+  const std::string routine = words.at(0);
+  words.erase(words.begin());
+  std::string said[2];
+  for (const bool is_traced : {false, true}) {
+    begin();
+    for (const std::string& each : situation) {
+      const auto [verb, details] = split(each);
+      SITUATIONS.at(verb)(details);
+    }
+    const size_t open_files = open_descriptors();
+    long long result = 0;
+    const std::string shown = printed([&] {
+      result = ROUTINES.at(routine)({is_traced ? 1 : 2, trace.c_str(), words});
+    });
+    said[is_traced] = quoted(shown) + given();
+    EXPECT_EQ(open_descriptors(), open_files) << line;
+    words.push_back(std::to_string(result));
+  }
+  EXPECT_EQ(words.back(), words.end()[-2]) << line;
+  EXPECT_EQ(said[0], said[1]) << line;
+  return line + " = " + words.back() + "\n" + traced_lines(trace, routine) + said[1];
+}
+
+static void expect_calls(const std::filesystem::path& file) {
+  const std::string expected = contents(file);
+  std::istringstream lines(expected);
+  std::string text;
+  std::vector<std::string> general, situation;
+  bool has_calls = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(" ") || line.starts_with("\t")) continue; /* what came of a call */
+    if (line.find(") = ") != line.npos && line[0] != '#') {
+      text += made(line.substr(0, line.find(") = ") + 1), situation);
+      has_calls = true;
+      continue;
+    }
+    text += line + "\n";
+    const auto [first, rest] = split(line);
+    const size_t assignment = first.find('=');
+    if (first == "needs" && !has(rest)) GTEST_SKIP() << rest << " cannot be had";
+    if (line.empty()) {
+      if (!has_calls) general = situation;
+      situation = general;
+    } else if (std::isupper(line[0]) != 0) {
+      setenv(line.substr(0, assignment).c_str(), line.substr(assignment + 1).c_str(), 1);
+      tzset();
+    } else if (line[0] != '#' && first != "needs") {
+      situation.push_back(line);
+    }
+  }
+  begin(); /* the system is itself again */
+  text = replaced(text, scratch(), "FOLDER");
+  expect_golden(file, text);
+}
 
 struct library_calls : testing::TestWithParam<std::filesystem::path> {};
 
@@ -285,7 +419,10 @@ TEST_P(library_calls, say_what_stands_in) {
                         "3000 /dev/zero >big"),
             0);
   std::ofstream("stack") << stack().add("one").bytes();
-  expect_calls(GetParam(), LIBRARY);
+  expect_calls(GetParam());
   pid_is = 0;
 }
-INSTANTIATE_TEST_SUITE_P(files, library_calls, testing::ValuesIn(files_of_calls("library")), name_of_calls);
+INSTANTIATE_TEST_SUITE_P(files, library_calls,
+                         testing::ValuesIn(std::vector<std::filesystem::path>{
+                             std::filesystem::directory_iterator(GOLDEN_FOLDER "/library"), {}}),
+                         [](const auto& file) { return file.param.stem().string(); });
