@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* inputs.h - the stacks that are measured, made in memory. */
-#ifndef INPUTS_H
-#define INPUTS_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -68,5 +67,3 @@ inline std::string full_stack() {
     records += next;
   }
 }
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* cursor.h - the file that says how far stacks have been given out. */
-#ifndef CURSOR_H
-#define CURSOR_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -33,5 +32,3 @@ const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fil
 /* Gives each of the paths the mark of the file that it leads to now, before what has the file's former path takes its
  * place. */
 void move_marks(cursor_t* cursor, const std::vector<std::string>& paths);
-
-#endif

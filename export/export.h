@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* export.h - what zkexport is asked for, the formats in which it answers, and what they share. */
-#ifndef EXPORT_H
-#define EXPORT_H
+#pragma once
 
 #include <span>
 #include <string>
@@ -82,5 +81,3 @@ int complain_of_stack(const std::string& name, const std::string& reason);
 
 /* The name of a file that was named on the command line, from the root on. */
 std::string full_path(const std::string& file);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* gather.h - the incidents that are asked for, all together. */
-#ifndef GATHER_H
-#define GATHER_H
+#pragma once
 
 #include "chain.h"
 #include "export.h"
@@ -15,5 +14,3 @@ int give_text(const zk_trace_t& trace, const export_request_t& request, std::str
 
 /* Gives the whole digraph. */
 std::string make_dot(const chain_t& chain);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* stack_reader.h - which stacks are exported, and the loop over the incidents of one. */
-#ifndef STACK_READER_H
-#define STACK_READER_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -59,5 +58,3 @@ void begin_anew(stack_reader_t* reader);
 
 /* Unlocks the stack. Returns what is wrong with it. */
 damage_t end_stack(stack_reader_t* reader);
-
-#endif

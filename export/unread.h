@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* unread.h - the records of a stack that have not been given out yet, as lines of JSON. */
-#ifndef UNREAD_H
-#define UNREAD_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -32,5 +31,3 @@ struct unread_t {
  * without being decoded. */
 unread_t read_unread(const zk_trace_t& trace, const open_stack_t& stack, const std::string& name,
                      const selection_t& selection, const mark_t* mark);
-
-#endif

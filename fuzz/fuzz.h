@@ -2,8 +2,7 @@
 /* fuzz.h - what the fuzz targets share. A target builds what its input stands for, hands it to the product
  * and checks what the product promises; the sanitizers see to the rest. A failed check aborts: the line is in
  * the stack that libFuzzer prints. */
-#ifndef FUZZ_H
-#define FUZZ_H
+#pragma once
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -74,5 +73,3 @@ inline const char* fuzz_trace() {
   static const std::string path = fuzz_path(fuzz_file("ZKTFO=36    ZKTFW=0     ZKTFS=8192 \n"));
   return path.c_str();
 }
-
-#endif

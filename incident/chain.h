@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* chain.h - incidents with what caused them, as the formats for the eye take them. */
-#ifndef CHAIN_H
-#define CHAIN_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -68,5 +67,3 @@ int64_t exact_time(const incident_t& incident);
 
 /* What the incident is described by in one line: at most `limit` characters of it. */
 std::string short_description(const incident_t& incident, size_t limit);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* damage.h - why a stack, or an Error ID, cannot be exported whole. */
-#ifndef DAMAGE_H
-#define DAMAGE_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -35,5 +34,3 @@ int status_of(int code);
 
 /* The worse of two such statuses: damage, then a lock that cannot be had, then a stack that is missing. */
 int worst_status(int one, int other);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* incident.h - an incident as the formats of zkexport take it, from a record or from a line of JSON. */
-#ifndef INCIDENT_H
-#define INCIDENT_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -61,5 +60,3 @@ int decode_incident(const zk_trace_t& trace, zk_decoded_t* record, incident_t* i
 
 /* A number as JSON has it, and recognisable as one with a point. */
 std::string digits_of_double(double number);
-
-#endif

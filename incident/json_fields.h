@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* json_fields.h - the members of a line of JSON that holds an incident, in the order in which they are written. */
-#ifndef JSON_FIELDS_H
-#define JSON_FIELDS_H
+#pragma once
 
 #include <span>
 #include <string_view>
@@ -63,5 +62,3 @@ inline constexpr field_t INCIDENT_FIELDS[] = {
     {.key = "cut", .kind = kind_t::CUT},
     {.key = "details", .kind = kind_t::TEXT, .text = &incident_t::details},
 };
-
-#endif

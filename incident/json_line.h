@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* json_line.h - incidents as lines of JSON, written and parsed. */
-#ifndef JSON_LINE_H
-#define JSON_LINE_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -21,5 +20,3 @@ enum class line_t { NOTHING, INCIDENT, GAP, DAMAGE };
  * member once, of its type, within its limits. Members of other names are passed over: a pipeline may have added some.
  * The stack of a gap or of damage is `incident->stack`. */
 line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* damage);
-
-#endif

@@ -3,8 +3,7 @@
  *
  * Each routine returns false where the line does not go on with what it reads; the reading is over then. Nothing but
  * JSON passes: texts are UTF-8 without the character 0, numbers have no leading zero, nothing stands behind the end. */
-#ifndef JSON_READER_H
-#define JSON_READER_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -26,5 +25,3 @@ bool next_json_item(json_reader_t* reader, char end, int* count, bool* is_over);
 
 /* The first character of what comes next, 0 at the end. */
 char peek_json(json_reader_t* reader);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* selection.h - which incidents are wanted. */
-#ifndef SELECTION_H
-#define SELECTION_H
+#pragma once
 
 #include <regex.h>
 
@@ -37,5 +36,3 @@ void prepare_selection(selection_t* selection);
 
 /* Whether an incident fits all of a prepared selection but the number of the newest. */
 bool is_selected(const selection_t& selection, const incident_t& incident);
-
-#endif

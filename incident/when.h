@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* when.h - a time as somebody writes it on a command line. */
-#ifndef WHEN_H
-#define WHEN_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -11,5 +10,3 @@
  * today, yesterday, tomorrow; how long before or after `now`; "@" and seconds. A fraction counts as the next second.
  * Returns true with `*seconds` since the Epoch, or false with `*place`, the index of what cannot be read. */
 bool parse_when(std::string_view text, int64_t now, int64_t* seconds, size_t* place);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* page.h - the page of a chain, and what its parts know of the incidents. */
-#ifndef PAGE_H
-#define PAGE_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -72,5 +71,3 @@ std::string formatted(const char* format, ...) __attribute__((format(printf, 1, 
 /* The parts of the page. */
 std::string make_time_line(const page_t& page);
 std::string make_tree(const page_t& page);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* cause.h - which incident of this node a unit failed from. */
-#ifndef CAUSE_H
-#define CAUSE_H
+#pragma once
 
 #include <string>
 
@@ -13,5 +12,3 @@ inline constexpr char UNITS_STACK[] = "units.stack";
 /* The Error ID of the newest incident that a process of the run recorded in any stack, else that of the newest failure, at most
  * a minute ago, of a unit that this one needs; empty for none. No stack is locked, and none is waited for. */
 std::string find_cause(const unit_t& unit, const run_t& run, int64_t now);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* journal.h - what the journal has of a run of a unit. */
-#ifndef JOURNAL_H
-#define JOURNAL_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -16,5 +15,3 @@ struct run_t {
 /* Reads the newest lines of the run `invocation`, as many as take `room` bytes; of each its beginning. A journal that cannot
  * be read is empty. Waits a moment for lines that are on their way. */
 run_t read_run(const std::string& invocation, size_t room);
-
-#endif

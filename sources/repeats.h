@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* repeats.h - counts failures of a unit that are like one that has been recorded within the hour. */
-#ifndef REPEATS_H
-#define REPEATS_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -25,5 +24,3 @@ bool write_repeats(const std::string& folder, const std::string& unit, int64_t n
 /* Whether this failure is to be passed over; it is then counted. Where it is not it counts as recorded, and `*told` is what
  * was passed over before. */
 bool is_repeat(const std::string& result, int64_t now, std::vector<repeat_t>* repeats, repeat_t* told);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* unit.h - what systemd knows of a unit that failed. */
-#ifndef UNIT_H
-#define UNIT_H
+#pragma once
 
 #include <cstdint>
 #include <set>
@@ -27,5 +26,3 @@ std::string read_unit(const std::string& name, unit_t* unit);
 
 /* Why it failed, in words: "exit status 3", "killed by SIGKILL", "timeout", ... */
 std::string result_in_words(const unit_t& unit);
-
-#endif

@@ -2,8 +2,7 @@
 /* faults.h - the system as a test wants it: a call that fails, reads and writes that take less, a clock that stands. The
  * calls of the libraries come here, since they are linked into the test program. To be included before anything else, by
  * one source of a program. */
-#ifndef FAULTS_H
-#define FAULTS_H
+#pragma once
 
 #undef _FORTIFY_SOURCE /* its inline variants cannot be replaced */
 #include <fcntl.h>
@@ -163,5 +162,3 @@ extern "C" int gettimeofday(timeval* time, void*) noexcept {
   *time = now_is;
   return is_refused("gettimeofday") ? -1 : 0;
 }
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* node.h - the network interfaces of a node, as a test wants them. To be included by one source of a program. */
-#ifndef NODE_H
-#define NODE_H
+#pragma once
 
 #include "faults.h"
 
@@ -54,5 +53,3 @@ extern "C" int ioctl(int fildes, unsigned long request, ...) noexcept {
   if (request == SIOCGIFFLAGS && node.has_value()) return tell_flags(static_cast<ifreq*>(argument));
   return static_cast<int>(syscall(SYS_ioctl, fildes, request, argument));
 }
-
-#endif

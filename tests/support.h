@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* support.h - what the tests share: stacks built in memory, programs run in an environment of their own, traces, golden
  * files, and a private /var for what lives under /var/adm. */
-#ifndef SUPPORT_H
-#define SUPPORT_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -176,5 +175,3 @@ bool has_private_var();
 bool has(const std::string& ability);
 #define NEEDS_PRIVATE_VAR() \
   if (!has_private_var()) GTEST_SKIP() << "the machine forbids a mount namespace"
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* command.h - what the companion commands have in common: how they start, report what is wrong, and end. */
-#ifndef COMMAND_H
-#define COMMAND_H
+#pragma once
 
 #include <array>
 #include <string>
@@ -36,5 +35,3 @@ int report_misuse(const std::string& command, const std::string& mistake);
 /* Writes what standard output still holds. Returns `status`, or STATUS_FAILED with a line on standard error when it cannot
  * be written. */
 int end_command(const std::string& command, int status);
-
-#endif

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* description.h - what printf(1) takes, made into what an incident records: a text with conversions, and typed
  * arguments. */
-#ifndef DESCRIPTION_H
-#define DESCRIPTION_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -23,5 +22,3 @@ std::string parse_description(const std::string& format, std::vector<std::string
 /* Makes a description of a text as it stands, which takes no operands. Returns what is wrong, or the empty text. */
 std::string plain_description(const std::string& text, const std::vector<std::string>& operands,
                               description_t* description);
-
-#endif

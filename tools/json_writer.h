@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* json_writer.h - writing lines of JSON, an object each, which no recorded byte can break. */
-#ifndef JSON_WRITER_H
-#define JSON_WRITER_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -31,5 +30,3 @@ void put_word(json_writer_t* writer, std::string_view word);
 /* Members. A recorded text that is not UTF-8 is also given by its bytes, in the member `key`_base64. */
 void put_number(json_writer_t* writer, std::string_view key, int64_t number);
 void put_text(json_writer_t* writer, std::string_view key, std::string_view text);
-
-#endif

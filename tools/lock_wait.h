@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* lock_wait.h - waiting for the lock of a stack without leaving its user in the dark. */
-#ifndef LOCK_WAIT_H
-#define LOCK_WAIT_H
+#pragma once
 
 #include <string>
 
@@ -12,5 +11,3 @@ bool wait_for_lock(const std::string& name, const std::string& stack, int fildes
 
 /* What is told of the lock of an open stack that is waited for: who holds it. */
 std::string waiting_text(int fildes);
-
-#endif

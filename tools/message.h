@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* message.h - what the companion commands say to their user, in the user's language where the catalog has it. */
-#ifndef MESSAGE_H
-#define MESSAGE_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -21,5 +20,3 @@ std::string message_text(tool_message_t message, const std::vector<std::string>&
 
 /* The built-in text of a message without arguments, for output that programs read. */
 const char* english_text(tool_message_t message);
-
-#endif

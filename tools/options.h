@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* options.h - the command line of a companion command, by a table: parsing it, its help, and what is wrong with it. */
-#ifndef OPTIONS_H
-#define OPTIONS_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -60,5 +59,3 @@ struct command_line_t {
 /* Parses a command line. Returns the exit status where it ends the run: after --help, --version, and misuse, which is
  * reported. */
 std::optional<int> parse_options(const command_line_t& line, int argc, char** argv, std::vector<std::string>* operands);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* text.h - recorded texts for formats that are UTF-8, whatever was recorded. */
-#ifndef TEXT_H
-#define TEXT_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -39,5 +38,3 @@ std::string base64(std::string_view bytes);
 
 /* The bytes of what base64 gives; false for any other text. */
 bool bytes_of_base64(std::string_view text, std::string* bytes);
-
-#endif

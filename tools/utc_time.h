@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* utc_time.h - times as RFC 3339 has them, in UTC. */
-#ifndef UTC_TIME_H
-#define UTC_TIME_H
+#pragma once
 
 #include <cstdint>
 #include <ctime>
@@ -20,5 +19,3 @@ std::string utc_time_of_microseconds(int64_t microseconds);
 
 /* Microseconds of such a time, which has to be written exactly so; false for anything else. */
 bool parse_utc_time(std::string_view text, int64_t* microseconds);
-
-#endif

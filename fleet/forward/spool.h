@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* spool.h - the lines of the spool folder, in their order. Its files are named for the nanosecond in which they were begun, NUMBER.json;
  * the newest one may still grow. A file is deleted when all its lines have been acknowledged and another has been begun. */
-#ifndef SPOOL_H
-#define SPOOL_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -54,5 +53,3 @@ void rewind_spool(spool_t* spool);
 
 /* Notes in `state` how far lines have been acknowledged, if that has changed. */
 void note_acknowledged(spool_t* spool);
-
-#endif

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* channel.h - a connection by which bytes come and go, in the open or by TLS, and never waited for. */
-#ifndef CHANNEL_H
-#define CHANNEL_H
+#pragma once
 
 #include <gnutls/gnutls.h>
 #include <sys/types.h>
@@ -65,5 +64,3 @@ void close_channel(channel_t* channel);
 
 /* Parts [ADDRESS:]PORT; without an address it stays as it is. Returns false when there is no port. */
 bool split_address(const std::string& text, std::string* host, std::string* port);
-
-#endif

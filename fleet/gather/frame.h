@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* frame.h - what a node sends: frames of RELP, and in them lines with a header of syslog (RFC 5424). Nothing here trusts a
  * byte, or keeps anything between calls; what is parsed is not copied. */
-#ifndef FRAME_H
-#define FRAME_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -45,5 +44,3 @@ syslog_line_t split_message(std::string_view message);
 
 /* The message that is split so. */
 std::string make_message(std::string_view host, std::string_view place, std::string_view line);
-
-#endif

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* gather.h - lines come from nodes, wait, and go to sinks: databases, or another gatherer. One thread does it all; whatever may
  * wait is a source that epoll tells of. */
-#ifndef GATHER_H
-#define GATHER_H
+#pragma once
 
 #include <sys/epoll.h>
 
@@ -182,5 +181,3 @@ void turn_database(gather_t* gather, sink_t* sink);
 void turn_relay(gather_t* gather, sink_t* sink);
 void close_database(gather_t* gather, sink_t* sink);
 void close_relay(gather_t* gather, sink_t* sink);
-
-#endif
