@@ -223,24 +223,28 @@ TEST(follow, goes_on_behind_the_rotation_of_the_example) {
       script("sed \"s,/var/log/zelk.json,$folder/log,; s,systemctl.*,kill -HUP \\$(cat $folder/pid),\" " INSTALL_FOLDER
              "/zelk.logrotate >conf; chmod 644 conf; s=$folder/s; zkrecord -qC $s one; zkexport -f --output=log $s &"
              "echo $! >pid; given() { until [ -s log ]; do sleep 0.05; done; }; given;"
-             "logrotate -f -s $folder/state conf; zkrecord -q $s two; given; kill $!; wait $!; for log in log.1 log; do jq -r .description $log; done"),
+             "logrotate -f -s $folder/state conf; zkrecord -q $s two; given; kill $!; wait $!; for log in log.1 log; "
+             "do jq -r .description $log; done"),
       "one\ntwo\n");
 }
 
 TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
   NEEDS_PRIVATE_VAR();
   EXPECT_EQ(script(FOLLOW + "cd " ZELK_STACK_DIR "; touch " + scratch() + "/out; out=" + scratch() +
-                   "/out; zkrecord -qC a one; zkexport --follow --every >$out & until grep -q one $out; do sleep 0.05; done; mv a b;"
-                   "sleep 0.5; zkrecord -q b two; until grep -q two $out; do sleep 0.05; done; kill $!; wait $!; jq -r '.stack + .description' $out"),
+                   "/out; zkrecord -qC a one; zkexport --follow --every >$out & until grep -q one $out; do sleep 0.05; "
+                   "done; mv a b;"
+                   "sleep 0.5; zkrecord -q b two; until grep -q two $out; do sleep 0.05; done; kill $!; wait $!; jq -r "
+                   "'.stack + .description' $out"),
             "aone\nbtwo\n");
 }
 
 TEST(follow, gives_a_stack_once_that_gets_another_name) {
   NEEDS_PRIVATE_VAR();
   EXPECT_EQ(script(FOLLOW + "rm -f " ZELK_STACK_DIR "/*; ( cd " ZELK_STACK_DIR "; zkrecord -qC s one );"
-                   "follow --every; lines 1; ( cd " ZELK_STACK_DIR "; ln s a; zkrecord -q a two; zkrecord -qC t three );"
-                   "lines 3; rm " ZELK_STACK_DIR "/s; zkrecord -q a four; lines 4;"
-                   "shown; end TERM"),
+                            "follow --every; lines 1; ( cd " ZELK_STACK_DIR
+                            "; ln s a; zkrecord -q a two; zkrecord -qC t three );"
+                            "lines 3; rm " ZELK_STACK_DIR "/s; zkrecord -q a four; lines 4;"
+                            "shown; end TERM"),
             "one two three four ended 0\n");
 }
 
@@ -292,9 +296,12 @@ TEST(reading, needs_no_lock_of_a_stack_on_a_read_only_file_system) {
 /* What a command says and prints that meets the lock of a stack, which is held until it says something. */
 static std::string told_of_lock(const std::string& taking, const std::string& command) {
   return script(
-      "zkrecord -qC $folder/s one; python3 -c 'import fcntl, os, struct, time; f = os.open(\"s\", os.O_RDWR); " + taking +
+      "zkrecord -qC $folder/s one; python3 -c 'import fcntl, os, struct, time; f = os.open(\"s\", os.O_RDWR); " +
+      taking +
       "; open(\"locked\", \"w\"); time.sleep(60)' & holder=$!; until [ -e locked ]; do sleep 0.02; done;"
-      "{ " + command + "; } 2>told & waiting=$!; until [ -s told ]; do sleep 0.05; done; kill $holder; wait $waiting;"
+      "{ " +
+      command +
+      "; } 2>told & waiting=$!; until [ -s told ]; do sleep 0.05; done; kill $holder; wait $waiting;"
       "sed \"s,$folder/,,; s/ $holder / HOLDER /\" told");
 }
 

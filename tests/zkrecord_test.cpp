@@ -188,8 +188,10 @@ TEST(zkrecord, keeps_as_much_of_a_bad_cause_and_of_a_dump_files_name_as_fits) {
   EXPECT_TRUE(beside.ends_with("a..." + DETAILS + "cause  " + std::string(200, 'c') + "...")) << beside;
 
   const outcome both = zkrecord({"-q", "-p", "job", "-c", cause, "-D", dump, stack, "%s", argument});
-  EXPECT_TRUE(both.err.ends_with("zkrecord: --cause: it is cut, since a record has no room for all of it\n"
-                                 "zkrecord: --dump: it is cut, since a record has no room for all of it\n")) << both;
+  EXPECT_TRUE(
+      both.err.ends_with("zkrecord: --cause: it is cut, since a record has no room for all of it\n"
+                         "zkrecord: --dump: it is cut, since a record has no room for all of it\n"))
+      << both;
   const std::string lines = "cause  " + std::string(200, 'c') + "...\ndump file  ddd";
   EXPECT_TRUE(description(stack).starts_with(argument + DETAILS + lines)) << description(stack);
   EXPECT_EQ(description(stack).size(), alone.size());

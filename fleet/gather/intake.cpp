@@ -266,7 +266,8 @@ static void read_node(gather_t* gather, node_t* node) {
     node->in.append(bytes.data(), moved);
     accept_frames(gather, node);
     if (node->state == NODE_CLOSED) return;
-    if (moved < bytes.size() && node->channel.session == nullptr) break; /* that was all; asking costs as much as a line */
+    if (moved < bytes.size() && node->channel.session == nullptr)
+      break; /* that was all; asking costs as much as a line */
   }
   if (has_unread(&node->channel) && !node->is_paused) gather->touched.push_back(node);
 }
