@@ -213,12 +213,12 @@ def tls_options(name, authority):
 class Conversation:
     """What a node says to a gatherer, and what has been answered. `tls` is an ssl.SSLContext."""
 
-    def __init__(self, port=2514, host="node9", tls=None, is_open=True):
+    def __init__(self, port=2514, host="node9", tls=None, is_open=True, address="127.0.0.1"):
         self.host = host
         self.sent = 0
         self.answered = 0
         self.rest = b""
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=30)
+        self.socket = socket.create_connection((address, port), timeout=30)
         if tls:
             self.socket = tls.wrap_socket(self.socket, server_hostname="middle.example")
         if is_open:

@@ -37,6 +37,12 @@ def reason_of(host):
     return query(f"SELECT string_agg(reason, '; ' ORDER BY place) FROM zelk_rejected WHERE host = '{host}'")
 
 
+def says(gatherer, what):
+    """Whether a gatherer has said that by now, of how it stands too."""
+    gatherer.send_signal(signal.SIGUSR1)
+    return what in open(gatherer.log).read()
+
+
 # ---- Lines --------------------------------------------------------------------------------------------------------------
 
 def lines_that_are_none():
@@ -382,6 +388,35 @@ def half_open(begun, silent):
         except socket.timeout:
             pass
     expect("connections that say nothing are closed after ten seconds", ended, len(silent))
+
+
+def vanish(gatherer):
+    """A node tells 1,000 lines and loses power before they are answered for: no FIN, no RST, nothing."""
+    node = Node(4)
+    script = """import fleet, time
+conversation = fleet.Conversation(address="%s", host="vanished")
+conversation.tell([fleet.line_of(number) for number in range(500000, 501000)])
+print("told", flush=True)
+time.sleep(1000)""" % node.middle
+    query("ALTER TABLE zelk_incident RENAME TO zelk_away")  # so that lines wait
+    telling = subprocess.Popen([*node.enter(), sys.executable, "-c", script], stdout=subprocess.PIPE, text=True,
+                               env=fleet.environment | {"PYTHONPATH": fleet.REPOSITORY + "/tests"})
+    telling.stdout.readline()
+    if not wait_until(lambda: says(gatherer, "; 1000 lines (")):
+        raise SystemExit("the lines do not wait: " + open(gatherer.log).read())
+    node.run("ip", "link", "set", "eth0", "down")
+    query("ALTER TABLE zelk_away RENAME TO zelk_incident")
+    return node
+
+
+def vanished(node, gatherer):
+    """Nobody says that it is gone, and still nothing is kept for it. Once it is back it tells all again."""
+    expect("what a node told before it vanished is there", wait_until(lambda: rows("host = 'vanished'") == 1000), True)
+    expect("its connection ends by itself", wait_until(
+        lambda: f"{node.address} port" in open(gatherer.log).read(), limit=70), True)
+    node.run("ip", "link", "set", "eth0", "up")
+    put([line_of(number) for number in range(500000, 501000)], host="vanished")
+    expect("and is not there twice when it is told again", rows("host = 'vanished'"), 1000)
 
 
 # ---- Killing ------------------------------------------------------------------------------------------------------------
@@ -758,6 +793,7 @@ def main():
     gatherer = start_gatherer("--listen=*:2514", f"--database={fleet.conninfo()}")
     silent = [socket.create_connection(("127.0.0.1", 2514)) for _ in range(600)]
     begun = time.monotonic()
+    off = vanish(gatherer)
     hostile_frames(gatherer)  # before what is said of the silent ones fills the log
     lines_that_are_none()
     one_judge()
@@ -770,6 +806,7 @@ def main():
     who_may()
     neighbours()
     half_open(begun, silent)
+    vanished(off, gatherer)
     by_tls()
     killed_behind_a_relay()
     several_databases()

@@ -46,6 +46,17 @@ std::shared_ptr<certificates_t> load_certificates(const std::string& certificate
   return nullptr;
 }
 
+void prepare_socket(int fildes) {
+  const int on = 1, idle = 30, interval = 10, probes = 3;
+  const unsigned int lost_after = 30'000;
+  setsockopt(fildes, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
+  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+  setsockopt(fildes, IPPROTO_TCP, TCP_USER_TIMEOUT, &lost_after, sizeof lost_after);
+  setsockopt(fildes, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
 int connect_to(const std::string& host, const std::string& port, unsigned int number, std::string* reason) {
   addrinfo hints = {};
   hints.ai_socktype = SOCK_STREAM;
@@ -68,15 +79,7 @@ int connect_to(const std::string& host, const std::string& port, unsigned int nu
     if (fildes >= 0) close(fildes);
     return -1;
   }
-  /* Whoever waits for an answer sends nothing, so only probes tell that the other side has vanished. */
-  const int on = 1, idle = 30, interval = 10, probes = 3;
-  const unsigned int lost_after = 30'000;
-  setsockopt(fildes, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
-  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
-  setsockopt(fildes, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
-  setsockopt(fildes, IPPROTO_TCP, TCP_USER_TIMEOUT, &lost_after, sizeof lost_after);
-  setsockopt(fildes, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  prepare_socket(fildes);
   return fildes;
 }
 

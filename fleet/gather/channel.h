@@ -19,9 +19,13 @@ std::shared_ptr<certificates_t> load_certificates(const std::string& certificate
                                                   const std::string& authority, const std::string& revoked,
                                                   std::string* problem);
 
+/* Has a connection end a minute after the other machine has vanished, at most: after 30 seconds where it owes an answer to what was
+ * sent, and else, since whoever waits sends nothing, by probes. What little is sent leaves at once. */
+void prepare_socket(int fildes);
+
 /* Begins to connect to a host, whose name is looked up while everything waits; to another one of its addresses whenever `number`
- * is another. Returns a socket that is to be closed by the caller, and can be written to once it is connected; -1 with the
- * reason. A machine that has vanished is given up after a minute. */
+ * is another. Returns a socket that is prepared and to be closed by the caller, and can be written to once it is connected; -1
+ * with the reason. */
 int connect_to(const std::string& host, const std::string& port, unsigned int number, std::string* reason);
 
 /* Why a socket of connect_to that can be written to is not connected; empty when it is. */

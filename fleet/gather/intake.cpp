@@ -82,10 +82,7 @@ static void accept_node(gather_t* gather, int fildes, const sockaddr_storage& ad
   std::array<char, NI_MAXSERV> port = {};
   getnameinfo(reinterpret_cast<const sockaddr*>(&address), size, host.data(), host.size(), port.data(), port.size(),
               NI_NUMERICHOST | NI_NUMERICSERV);
-  const int on = 1;
-  setsockopt(fildes, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-  setsockopt(fildes, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-
+  prepare_socket(fildes);
   node_t* const node = new node_t{};
   node->source.ready = node_is_ready;
   node->address = std::string(host.data()) + " port " + port.data();
