@@ -139,12 +139,26 @@ def measure(what, count, connections, port=2514, database="zelk", is_one_each=Fa
     before = cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")
     send_part, size = (send_one_each, connections) if is_one_each else (send, count)
     rate = count / sum(send_part(lines[first:first + size], conversations) for first in range(0, count, size))
-    gatherer, database = ((after - start) / count * 1e6
+    gatherer, sessions = ((after - start) / count * 1e6
                           for after, start in zip((cpu_of("zelk-gather\0"), cpu_of("postgres: zelk_writer")), before))
     copy = (copy + copied(10000, database)) / 2
-    row(what, connections, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}", f"{database:.1f}")
+    row(what, connections, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.2f}", f"{gatherer:.1f}", f"{sessions:.1f}")
     for conversation in conversations:
         conversation.close()
+
+
+def a_commit_each(count):
+    """Without a gatherer: a session that puts each line in a commit of its own."""
+    lines = lines_of(count)
+    with open(fleet.folder + "/put.sql", "w") as script:
+        script.writelines(f"SELECT zelk_put('node1', '1.json:{place}', $${line}$$);\n" for place, line in enumerate(lines))
+        script.write("SELECT pg_backend_pid() AS own \\gset\n\\echo `cat /proc/:own/schedstat`\n")
+    copy = copied(10000)
+    begin = time.monotonic()
+    took = run("psql", "-XqU", "zelk_writer", "-o", "/dev/null", "-f", fleet.folder + "/put.sql")
+    rate = count / (time.monotonic() - begin)
+    copy = (copy + copied(10000)) / 2
+    row("a commit a line, no zelk-gather", 1, f"{rate:,.0f}", f"{copy:,.0f}", f"{rate / copy:.3f}", "", f"{int(took.split()[0]) / count / 1000:.1f}")
 
 
 def start_hostile():
@@ -353,6 +367,7 @@ def start_middle():
 def rates():
     print(f"The disk synchronises {disk():,.0f} times a second. COPY, beside each, has 1,000 rows a commit.\n")
     heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "its sessions")
+    a_commit_each(500)
     measure("RELP", 30000, 1)
     measure("RELP", 30000, 10)
     measure("RELP", 30000, 1000)
