@@ -346,11 +346,16 @@ def timed(question):
 def chain_times(rows, keys):
     """How long a chain takes: the first question of a session, and one behind it."""
     taken = []
+    cpu = "\\echo CPU: `cut -d ' ' -f 1 /proc/:own/schedstat`\n"
     for key in keys:
-        answer = run("psql", "-XqAtU", "zelk_reader", input="\\timing on\n" + f"SELECT count(incident) FROM zelk_chain('{key}');\n" * 3)
-        taken.append([float(line.split()[1]) for line in answer.splitlines() if line.startswith("Time:")])
+        answer = run("psql", "-XqAtU", "zelk_reader", input="SELECT pg_backend_pid() AS own \\gset\n\\timing on\n" + cpu +
+                     (f"SELECT count(incident) FROM zelk_chain('{key}');\n" + cpu) * 3).splitlines()
+        clock = [float(line.split()[1]) for line in answer if line.startswith("Time:")]
+        used = [int(line.split()[1]) / 1e6 for line in answer if line.startswith("CPU:")]
+        taken.append(clock[0:3:2] + [used[1] - used[0], used[3] - used[2]])
+    first, third, first_cpu, third_cpu = (statistics.median(times[at] for times in taken) for at in range(4))
     row(f"`zelk_chain` in {rows:,} rows, median: a session's first, its third",
-        ", ".join(f"{statistics.median(times[at] for times in taken):.1f} ms" for at in (0, 2)))
+        f"{first:.1f} ms ({first_cpu:.1f} of CPU), {third:.1f} ms ({third_cpu:.1f})")
 
 
 def bytes_a_row(rows):
