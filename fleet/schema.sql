@@ -158,8 +158,8 @@ BEGIN
   END IF;
   LOCK TABLE zelk_incident_other IN ACCESS EXCLUSIVE MODE; -- ATTACH looks into it
   EXECUTE format('CREATE TABLE %I (LIKE zelk_incident_here INCLUDING ALL)', name);
-  EXECUTE format('WITH moved AS (DELETE FROM zelk_incident_other WHERE time >= %L AND time < %L RETURNING *)
-                  INSERT INTO %I SELECT * FROM moved', first, behind, name);
+  EXECUTE format('INSERT INTO %I SELECT * FROM zelk_incident_other WHERE time >= %L AND time < %L', name, first, behind);
+  DELETE FROM zelk_incident_other WHERE time >= first AND time < behind;
   EXECUTE format('ALTER TABLE zelk_incident_here ATTACH PARTITION %I FOR VALUES FROM (%L) TO (%L)', name, first, behind);
 END $$;
 
@@ -587,10 +587,22 @@ END;
 -- told once, where it would be for each partition.)
 CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUAGE sql STABLE AS $$
   SELECT i.* FROM (SELECT zelk_time(zelk_row.key, bytes) AS time, zelk_bucket(zelk_row.key, bytes) AS bucket
-                     FROM (SELECT convert_to(zelk_row.key, 'UTF8') AS bytes OFFSET 0) said OFFSET 0) said, zelk_incident i
+                     FROM (SELECT convert_to(zelk_row.key, 'UTF8') AS bytes OFFSET 0) key OFFSET 0) said, zelk_incident i
     WHERE i.key = zelk_row.key AND i.time = said.time AND i.bucket = said.bucket LIMIT 1 $$;
 
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
+
+-- What each of the lines is. (Inlined.)
+DROP FUNCTION IF EXISTS zelk_judged(text[], text[], text[]);
+CREATE FUNCTION zelk_judged(hosts text[], places text[], lines text[])
+RETURNS TABLE (host text, place text, line text, number bigint, kind text, key text, cause text, at timestamptz, bucket smallint, stack text,
+               reason text) LANGUAGE sql STABLE AS $$
+  SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), each.line, each.number,
+         CASE WHEN usual.key IS NOT NULL THEN 'incident' ELSE said.kind END, coalesce(usual.key, said.key), coalesce(usual.cause, said.cause),
+         coalesce(usual.at, zelk_time(said.key)), coalesce(usual.bucket, zelk_bucket(said.key)), said.stack, said.reason
+    FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number)
+      LEFT JOIN LATERAL zelk_usual(each.line) usual ON true
+      LEFT JOIN LATERAL (SELECT * FROM zelk_read(each.host, each.line) WHERE usual.key IS NULL OFFSET 0) said ON true $$;
 
 -- Takes lines of zkexport from nodes, which may be the same one. Whatever a line holds, it comes to a table, and the same line
 -- comes to the same row; an error means that the database cannot take them now, and that they have to be sent again. A line that
@@ -610,13 +622,7 @@ BEGIN
 
   -- All in the order of their keys, so that sessions with the same lines wait for each other in a row, not in a circle.
   WITH came AS MATERIALIZED (
-    SELECT left(coalesce(each.host, ''), 255) AS host, left(coalesce(each.place, ''), 255) AS place, each.line, each.number,
-           CASE WHEN usual.key IS NOT NULL THEN 'incident' ELSE said.kind END AS kind, coalesce(usual.key, said.key) AS key,
-           coalesce(usual.cause, said.cause) AS cause, coalesce(usual.at, zelk_time(said.key)) AS at,
-           coalesce(usual.bucket, zelk_bucket(said.key)) AS bucket, said.stack, said.reason
-      FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number)
-        LEFT JOIN LATERAL zelk_usual(each.line) usual ON true
-        LEFT JOIN LATERAL (SELECT * FROM zelk_read(each.host, each.line) WHERE usual.key IS NULL OFFSET 0) said ON true
+    SELECT * FROM zelk_judged(hosts, places, lines)
   ), first AS MATERIALIZED (
     SELECT DISTINCT ON (key COLLATE "C") * FROM came WHERE kind = 'incident' ORDER BY key COLLATE "C", number
   ), added AS (
@@ -691,11 +697,28 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
   SELECT step.depth, i.key, i.time, i.host, i.cause, i.incident
     FROM zelk_trail(zelk_causes.id) step, zelk_row(step.key) i ORDER BY step.depth $$;
 
+-- The keys of what the incident `id` led to, level by level, each in the order of times, with the numbers of their causes in the level before.
+-- It is a question a level, whichever databases it goes to. Each incident has one cause, so only the first can be met again.
+CREATE OR REPLACE FUNCTION zelk_levels(id text) RETURNS TABLE (depth int, keys text[], causes bigint[])
+LANGUAGE sql STABLE SET jit = off AS $$
+  WITH RECURSIVE level (depth, keys, causes) AS (
+    SELECT 0, ARRAY[id], ARRAY[1::bigint]
+    UNION ALL
+    SELECT level.depth + 1, next.keys, next.causes
+      FROM level, LATERAL (
+        SELECT array_agg(each.key) AS keys, array_agg(each.number) AS causes
+          FROM (SELECT i.key, cause.number
+                  FROM zelk_incident i JOIN unnest(level.keys) WITH ORDINALITY AS cause (key, number) ON cause.key = i.cause
+                  WHERE i.cause = ANY (level.keys) AND i.key <> id ORDER BY i.time, i.key) each) next
+      WHERE next.keys IS NOT NULL
+  )
+  SELECT * FROM level $$;
+
 -- The incident `id` and all that it led to, each behind its cause, the effects of one cause in the order of their times.
 -- An `id` that has not come in has a row without time, host and incident, if there are effects of it.
 CREATE OR REPLACE FUNCTION zelk_effects(id text)
 RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incident json)
-LANGUAGE plpgsql STABLE SET plan_cache_mode = force_generic_plan SET jit = off AS $$
+LANGUAGE plpgsql STABLE SET plan_cache_mode = force_generic_plan AS $$
 #variable_conflict use_column
 DECLARE
   keys text[];               -- level by level, each level in the order of times
@@ -709,21 +732,7 @@ DECLARE
   last int := 0;
   behind int;
 BEGIN
-  -- A question a level, whichever databases it goes to. Each incident has one cause, so only the first can be met again.
-  FOR level IN
-    WITH RECURSIVE level (depth, keys, causes) AS (
-      SELECT 0, ARRAY[id], ARRAY[1::bigint] -- numbers in the level before
-      UNION ALL
-      SELECT level.depth + 1, next.keys, next.causes
-        FROM level, LATERAL (
-          SELECT array_agg(each.key) AS keys, array_agg(each.number) AS causes
-            FROM (SELECT i.key, cause.number
-                    FROM zelk_incident i JOIN unnest(level.keys) WITH ORDINALITY AS cause (key, number) ON cause.key = i.cause
-                    WHERE i.cause = ANY (level.keys) AND i.key <> id ORDER BY i.time, i.key) each) next
-        WHERE next.keys IS NOT NULL
-    )
-    SELECT * FROM level
-  LOOP
+  FOR level IN SELECT * FROM zelk_levels(id) LOOP
     behind := last;
     FOR number IN 1..cardinality(level.keys) LOOP
       last := last + 1;
@@ -760,19 +769,27 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
     SELECT coalesce((SELECT i.cause FROM zelk_row(step.key) i), step.key)
       FROM zelk_trail(zelk_chain.id) step ORDER BY step.depth DESC LIMIT 1)) $$;
 
+-- What was recorded since then; and what caused some of that earlier. (Inlined.)
+DROP FUNCTION IF EXISTS zelk_first_causes(timestamptz), zelk_ranked(timestamptz), zelk_numbered(timestamptz), zelk_recent(timestamptz),
+  zelk_earlier(timestamptz);
+CREATE FUNCTION zelk_recent(since timestamptz) RETURNS TABLE (key text, cause text, at timestamptz) LANGUAGE sql STABLE AS $$
+  SELECT i.key, i.cause, i.time FROM zelk_incident i WHERE i.time >= since $$;
+
+CREATE FUNCTION zelk_earlier(since timestamptz) RETURNS TABLE (cause text) LANGUAGE sql STABLE AS $$
+  SELECT i.cause FROM zelk_incident i WHERE i.time >= since AND zelk_time(i.cause) < since
+    AND (SELECT EXISTS (SELECT FROM zelk_incident o WHERE o.time < since)) $$; -- the times of causes are what takes longest
+
 -- What zelk_first_causes looks at: incidents since then, before them the earlier ones to which their causes lead, numbered from 1 in
 -- the order of their times.
-DROP FUNCTION IF EXISTS zelk_first_causes(timestamptz), zelk_ranked(timestamptz), zelk_numbered(timestamptz);
 CREATE FUNCTION zelk_numbered(since timestamptz)
 RETURNS TABLE (number int, key text, cause text, at timestamptz, is_recent boolean) LANGUAGE sql STABLE AS $$
   WITH RECURSIVE earlier (key) AS (
-    SELECT i.cause FROM zelk_incident i WHERE i.time >= since AND zelk_time(i.cause) < since
-      AND (SELECT EXISTS (SELECT FROM zelk_incident WHERE time < since)) -- the times of causes are what takes longest
+    SELECT cause FROM zelk_earlier(since)
     UNION
     SELECT i.cause FROM earlier, zelk_row(earlier.key) i WHERE zelk_time(i.cause) < since
   )
-  SELECT row_number() OVER (ORDER BY is_recent, time, key COLLATE "C")::int, key, cause, time, is_recent FROM (
-    SELECT i.key, i.cause, i.time, true AS is_recent FROM zelk_incident i WHERE i.time >= since
+  SELECT row_number() OVER (ORDER BY is_recent, at, key COLLATE "C")::int, key, cause, at, is_recent FROM (
+    SELECT key, cause, at, true AS is_recent FROM zelk_recent(since)
     UNION ALL
     SELECT i.key, i.cause, i.time, false FROM earlier, zelk_row(earlier.key) i) either $$;
 
@@ -853,9 +870,7 @@ SET jit = off SET work_mem = '2MB' SET hash_mem_multiplier = 1 AS $$
 CREATE FUNCTION zelk_first_causes(since timestamptz)
 RETURNS TABLE (effects bigint, key text, at timestamptz, host text, incident json) LANGUAGE sql STABLE AS $$
   SELECT found.effects, found.key, found.at, i.host, i.incident
-    FROM zelk_ranked(since) found
-    LEFT JOIN LATERAL (SELECT * FROM zelk_incident i
-      WHERE i.key = found.key AND i.time = found.at AND i.bucket = zelk_bucket(found.key) LIMIT 1) i ON true $$;
+    FROM zelk_ranked(since) found LEFT JOIN LATERAL (SELECT * FROM zelk_row(found.key) WHERE found.at IS NOT NULL) i ON true $$;
 
 -- ---- Who may do what --------------------------------------------------------------------------------------------------
 
@@ -870,9 +885,10 @@ BEGIN
   END LOOP;
 END $$;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]) TO zelk_writer;
-GRANT EXECUTE ON FUNCTION zelk_digit(bytea, int), zelk_time(text, bytea), zelk_bucket(text, bytea), zelk_time(text), zelk_bucket(text), zelk_row(text), zelk_trail(text), zelk_causes(text),
-  zelk_effects(text), zelk_chain(text), zelk_numbered(timestamptz), zelk_heads(int[]), zelk_ranked(timestamptz),
-  zelk_first_causes(timestamptz) TO zelk_reader;
+GRANT EXECUTE ON FUNCTION zelk_digit(bytea, int), zelk_time(text, bytea), zelk_bucket(text, bytea), zelk_time(text), zelk_bucket(text),
+  zelk_row(text), zelk_trail(text), zelk_causes(text), zelk_levels(text), zelk_effects(text), zelk_chain(text), zelk_recent(timestamptz),
+  zelk_earlier(timestamptz), zelk_numbered(timestamptz), zelk_heads(int[]), zelk_ranked(timestamptz), zelk_first_causes(timestamptz)
+  TO zelk_reader;
 GRANT SELECT ON zelk_incident, zelk_incident_here, zelk_incident_other, zelk_notice, zelk_rejected, zelk_node, zelk_gaps, zelk_plain
   TO zelk_reader;
 SELECT format('REVOKE TEMPORARY ON DATABASE %I FROM PUBLIC', current_database()) \gexec

@@ -13,7 +13,7 @@ install(FILES ../man/zelk-node-setup.8 ../man/zelk-forward.8 DESTINATION ${CMAKE
 install(TARGETS zelk-gather COMPONENT middle)
 install(PROGRAMS ../fleet/zelk-chain ../fleet/zelk-check ../fleet/zelk-page DESTINATION bin COMPONENT middle)
 install(PROGRAMS ../fleet/zelk-middle-setup DESTINATION sbin COMPONENT middle)
-install(FILES ../fleet/schema.sql DESTINATION share/zelk COMPONENT middle)
+install(FILES ../fleet/schema.sql ../fleet/schema-citus.sql DESTINATION share/zelk COMPONENT middle)
 install(FILES ../fleet/zelk-gather.service ../fleet/zelk-page.service ../fleet/zelk-page.timer
         ../fleet/zelk-drop.service ../fleet/zelk-drop.timer
         DESTINATION lib/systemd/system COMPONENT middle)

@@ -603,6 +603,32 @@ def several_databases():
         "SELECT effects FROM zelk_first_causes('2026-01-01') LIMIT 1", "part2"), "399")
 
 
+def distributed():
+    """What Citus is given answers as what it is made from, as far as can be seen without Citus."""
+    with open(fleet.FLEET + "/schema-citus.sql") as file:
+        script = file.read().replace("CREATE EXTENSION IF NOT EXISTS citus;", """
+            CREATE FUNCTION create_distributed_table(name regclass, by text) RETURNS void LANGUAGE sql AS 'SELECT';""")
+    tree = [line_of(number, cause=id_of((number - 1) // 3)) for number in range(1, 40)] + [
+        line_of(50, cause=id_of(51)), line_of(51, cause=id_of(50)), line_of(3).replace("disk07", "disk08"), line_of(3), "no line",
+        '{"stack":"disks","gap":true}']
+    answers = []
+    for name in ("whole", "citus"):
+        fleet.make_database(name)
+        if name == "citus":
+            query(script, name)
+        for lines in (tree, tree[5:9]):
+            query("SELECT zelk_put_many(array_fill('node1'::text, ARRAY[%d]), array_agg(number::text), array_agg(line)) FROM unnest(ARRAY[%s]) "
+                  "WITH ORDINALITY each (line, number)" % (len(lines), ",".join(f"$${line}$$" for line in lines)), name, user="zelk_writer")
+        answers.append([query(question, name, user="zelk_reader") for question in (
+            "SELECT key, cause FROM zelk_incident ORDER BY key", "SELECT host, stack, gaps FROM zelk_gaps", "SELECT place, reason FROM zelk_rejected",
+            f"SELECT depth, key FROM zelk_chain('{id_of(39)}')", f"SELECT depth, key FROM zelk_effects('{id_of(50)}')",
+            "SELECT effects, key, at FROM zelk_first_causes('2026-01-01') ORDER BY key",
+            f"SELECT effects, key FROM zelk_first_causes(to_timestamp({fleet.SECOND}) + interval '20 milliseconds') ORDER BY key",
+            "SELECT count(*), min(description) FROM zelk_plain")])
+    expect("rows as Citus distributes them answer as those of one database", answers[1], answers[0])
+    expect("and are all that was told", (answers[0][0].count("\n") + 1, "another incident" in answers[0][2]), (41, True))
+
+
 # ---- What sends ---------------------------------------------------------------------------------------------------------
 
 def make_spool(name, **files):
@@ -810,6 +836,7 @@ def main():
     by_tls()
     killed_behind_a_relay()
     several_databases()
+    distributed()
     killed_gatherers()
     away()
     failover()
