@@ -92,13 +92,13 @@ CREATE TABLE IF NOT EXISTS zelk_incident (
   incident  json        NOT NULL                             -- the line of zkexport, byte for byte
 ) PARTITION BY RANGE (bucket);
 
--- What this database keeps itself, by months. A key has one time, so it is there once.
+-- What this database keeps itself, by months. A key has one time, so it is there once. With the time first, new rows have their places
+-- next to each other, questions since a time need no index of their own, and of many keys of one time each is found at once.
 DO $$ BEGIN
   IF to_regclass('zelk_incident_here') IS NULL THEN
-    CREATE TABLE zelk_incident_here PARTITION OF zelk_incident (PRIMARY KEY (key, time))
+    CREATE TABLE zelk_incident_here PARTITION OF zelk_incident (PRIMARY KEY (time, key))
       FOR VALUES FROM (0) TO (4096) PARTITION BY RANGE (time);
     CREATE INDEX zelk_incident_here_cause ON zelk_incident_here (cause) WHERE cause IS NOT NULL;
-    CREATE INDEX zelk_incident_here_time ON zelk_incident_here (time);
     CREATE TABLE zelk_incident_other PARTITION OF zelk_incident_here DEFAULT; -- of months that have none of their own
   END IF;
 END $$;
