@@ -51,6 +51,7 @@ static constexpr int64_t TIME_GRAIN = 20;    /* two changes of a file within it 
 static constexpr int64_t FOR_EVER = INT64_MAX;
 
 static constexpr size_t COSTS = 16;       /* queues, by the time that reading takes: 0, 1, up to 3, up to 7 ms, ... */
+static constexpr size_t SET_ASIDE_MAX = 100;
 static constexpr size_t SPARE_FILES = 32; /* descriptors that are not for keeping stacks open */
 
 struct followed_t {
@@ -90,6 +91,7 @@ struct follower_t {
   bool is_started;    /* stacks that appear from now on are new */
   bool is_rearranged; /* files may have come, gone or been replaced */
   bool is_unwatched;  /* some of what is followed cannot be watched */
+  size_t set_aside;   /* stacks without a name that are read on, as far as names have been looked at */
   bool is_unwatched_told, is_folder_told;
   int status; /* of the run that has come to its end */
 };
@@ -447,11 +449,13 @@ static bool open_file(follower_t* follower, followed_t* stack) {
 }
 
 /* Whether the stack's file, which has lost its name, has got one that is not followed: who has it open records there until a
- * new one is made. */
-static bool is_set_aside(const follower_t& follower, const followed_t& stack) {
-  struct stat own;
-  return stack.open.fildes != -1 && fstat(stack.open.fildes, &own) == 0 && own.st_nlink > 0 &&
-         !has_other_name(follower, stack);
+ * new one is made. Of the stacks' folder, where a member may set aside as many as she likes, no more than a hundred count. */
+static bool is_set_aside(follower_t* follower, const followed_t& stack, struct stat* own) {
+  if (stack.open.fildes == -1 || fstat(stack.open.fildes, own) != 0 || own->st_nlink == 0) return false;
+  if (stack.is_listed && follower->set_aside >= SET_ASIDE_MAX) return false;
+  if (has_other_name(*follower, stack)) return false;
+  ++follower->set_aside;
+  return true;
 }
 
 /* Follows the stack's name to the file that has it now. What the file before it still holds is given out first; who holds
@@ -459,14 +463,17 @@ static bool is_set_aside(const follower_t& follower, const followed_t& stack) {
 static bool follow_name(follower_t* follower, followed_t* stack) {
   struct stat there;
   const bool is_there = stat(stack->path.c_str(), &there) == 0;
-  if (is_there && is_same_file(there, stack->file)) {
+  const bool is_aside = !is_there && is_set_aside(follower, *stack, &there);
+  if ((is_there || is_aside) && is_same_file(there, stack->file)) {
     if (stack->watch != -1) return true;
     const timespec &is = there.st_ctim, &was = stack->file.st_ctim;
     if (is.tv_sec != was.tv_sec || is.tv_nsec != was.tv_nsec) enqueue(follower, stack);
-    watch_stack(follower, stack); /* others may have gone */
+    if (is_there)
+      watch_stack(follower, stack); /* others may have gone */
+    else
+      follower->is_unwatched = true;
     return true;
   }
-  if (!is_there && is_set_aside(*follower, *stack)) return give_unread(follower, stack);
   if (stack->file.st_ino != 0) {
     stop_watching(follower, stack);
     if (stack->is_queued) std::erase(follower->queues[stack->cost], stack);
@@ -584,6 +591,7 @@ static void watch_folders(follower_t* follower) {
 static bool rescan(follower_t* follower) {
   const int64_t begun = now();
   follower->is_rearranged = follower->is_unwatched = false;
+  follower->set_aside = 0;
   watch_folders(follower);
   if (follower->request->is_every) list_new_stacks(follower);
   for (followed_t& stack : follower->stacks)
