@@ -15,12 +15,11 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+#include "export.h"
 #include "message.h"
 #include "qx_zelk.h"
 #include "zk_io.h"
@@ -104,8 +103,7 @@ static bool parse_marks(std::string_view text, std::map<std::string, mark_t>* ma
 /* ---- The file ------------------------------------------------------------------------------------------------------ */
 
 bool load_cursor(cursor_t* cursor, std::string* reason) {
-  std::array<char, PATH_MAX> resolved;
-  if (realpath(cursor->file.c_str(), resolved.data()) != nullptr) cursor->file = resolved.data(); /* not the link */
+  for (int links = 0; links < LINKS_MAX && follow_link(&cursor->file); ++links) continue; /* the link stays */
   const int fildes = zk_open_regular(cursor->file.c_str(), O_RDONLY);
   if (fildes == -1 && errno == ENOENT) return true;
   struct stat status;

@@ -51,6 +51,21 @@ std::string full_path(const std::string& file) {
   return is_full ? file : std::string(folder.data()) + "/" + file;
 }
 
+std::string folder_of(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == path.npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool follow_link(std::string* path) {
+  std::array<char, PATH_MAX> target;
+  const ssize_t size = readlink(path->c_str(), target.data(), target.size());
+  if (size <= 0) return false;
+  const std::string name(target.data(), static_cast<size_t>(size));
+  *path = name[0] == '/' ? name : folder_of(*path) + "/" + name;
+  return true;
+}
+
 static const char* output_name; /* null for standard output */
 
 /* Whether the file holds an Error Stack: what is written there would be the end of it. */

@@ -81,3 +81,10 @@ int complain_of_stack(const std::string& name, const std::string& reason);
 
 /* The name of a file that was named on the command line, from the root on. */
 std::string full_path(const std::string& file);
+
+/* The folder that holds what a path names. */
+std::string folder_of(const std::string& path);
+
+/* Replaces the path of a link by the one that it leads to. Returns false where it is none. */
+inline constexpr int LINKS_MAX = 40; /* more in a row are not followed by Linux either */
+bool follow_link(std::string* path);

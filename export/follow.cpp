@@ -537,13 +537,6 @@ static void forget_marks(follower_t* follower) {
   if (forget_gone(&follower->cursor, names)) follower->is_unsaved = true;
 }
 
-/* The folder that holds what a path names. */
-static std::string folder_of(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  if (slash == path.npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 /* Watches the folder or, while it is missing, the nearest one above it. */
 static void watch_folder(follower_t* follower, const std::string& folder, std::set<int>* watches) {
   for (int nearest = -1;;) {
@@ -564,15 +557,8 @@ static void watch_folder(follower_t* follower, const std::string& folder, std::s
 /* Adds the folders in which the file of a stack may appear: that of its path and, where that is a link, of what it leads
  * to. */
 static void add_folders(std::string path, std::set<std::string>* folders) {
-  constexpr int LINKS_MAX = 40; /* more are not followed by Linux either */
-  for (int links = 0; links <= LINKS_MAX; ++links) {
-    folders->insert(folder_of(path));
-    std::array<char, PATH_MAX> target;
-    const ssize_t size = readlink(path.c_str(), target.data(), target.size());
-    if (size <= 0) return;
-    const std::string_view name(target.data(), static_cast<size_t>(size));
-    path = name[0] == '/' ? std::string(name) : folder_of(path) + "/" + std::string(name);
-  }
+  folders->insert(folder_of(path));
+  for (int links = 0; links < LINKS_MAX && follow_link(&path); ++links) folders->insert(folder_of(path));
 }
 
 /* Watches the folders in which stacks are or may appear, and no others. */
