@@ -50,7 +50,7 @@ static constexpr int64_t RESCAN_SHARE = 10;  /* looking for new files takes no m
 static constexpr int64_t TIME_GRAIN = 20;    /* two changes of a file within it may have one time */
 static constexpr int64_t FOR_EVER = INT64_MAX;
 
-static constexpr size_t COSTS = 16;       /* queues, by the time that reading takes: 0, 1, up to 3, up to 7 ms, ... */
+static constexpr size_t COSTS = 16; /* queues, by the time that reading takes: 0, 1, up to 3, up to 7 ms, ... */
 static constexpr size_t SET_ASIDE_MAX = 100;
 static constexpr size_t SPARE_FILES = 32; /* descriptors that are not for keeping stacks open */
 

@@ -19,6 +19,8 @@
 static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;
 static constexpr size_t KEPT_MAX_SIZE = 256 * 1024 * 1024;
 
+static constexpr size_t REFUSED_NOTED_MAX = 100; /* lines that are noted one by one; the others by their number */
+
 static constexpr size_t USUAL_COUNT = 128; /* of incidents in a stack */
 
 /* ---- Stacks -------------------------------------------------------------------------------------------------------- */
@@ -63,12 +65,14 @@ struct input_t {
   incident_t incident;                   /* of the last line */
   size_t line;                           /* its number, from 1 on */
   size_t kept;                           /* bytes of lines that are given on */
+  size_t refused;                        /* lines that were passed over */
   int status;
 };
 
 static void refuse_line(input_t* input, tool_message_t reason) {
   const std::string line = message_text(TOOL_MSG_LINE_NUMBER, {std::to_string(input->line)});
   input->status = complain(line, message_text(reason));
+  if (++input->refused > REFUSED_NOTED_MAX) return;
   input->chain->notes.push_back(std::string("standard input, line ") + std::to_string(input->line) + ": " +
                                 english_text(reason));
 }
@@ -154,7 +158,7 @@ static void add_lines(input_t* input, std::string_view bytes, std::string* rest)
 }
 
 static int gather_input(const export_request_t& request, chain_t* chain, std::string* other_lines) {
-  input_t input = {&request, chain, other_lines, {}, {}, 1, 0, STATUS_DONE};
+  input_t input = {&request, chain, other_lines, {}, {}, 1, 0, 0, STATUS_DONE};
   std::vector<char> block(262144);
   std::string rest;
   for (size_t size = block.size(); size == block.size() && input.kept <= KEPT_MAX_SIZE;) {
@@ -163,6 +167,10 @@ static int gather_input(const export_request_t& request, chain_t* chain, std::st
     add_lines(&input, {block.data(), size}, &rest);
   }
   if (!rest.empty()) add_lines(&input, "\n", &rest);
+  if (input.refused > REFUSED_NOTED_MAX)
+    chain->notes.push_back("standard input: " + std::to_string(input.refused - REFUSED_NOTED_MAX) +
+                           " more lines were passed over");
+  input.refused = 0; /* the last one is noted in any case */
   if (input.kept > KEPT_MAX_SIZE) refuse_line(&input, TOOL_MSG_TOO_MANY_INCIDENTS);
   std::stable_sort(chain->incidents.begin(), chain->incidents.end(),
                    [](const incident_t& one, const incident_t& other) { return exact_time(one) < exact_time(other); });

@@ -148,7 +148,8 @@ static bool read_span(std::string_view* rest, int64_t* seconds, int64_t* microse
     int64_t number = 0, millionths = 0;
     skip_blanks(rest);
     if (!read_digits(rest, 1, 9, &number) || !read_fraction(rest, &millionths)) return false;
-    if (!rest->empty() && (*rest)[0] >= '0' && (*rest)[0] <= '9') return false; /* too many digits are no second number */
+    if (!rest->empty() && (*rest)[0] >= '0' && (*rest)[0] <= '9')
+      return false; /* too many digits are no second number */
     skip_blanks(rest);
     const std::string_view name = rest->substr(0, rest->find_first_of(" 0123456789"));
     const time_unit_t* const unit =
