@@ -83,7 +83,7 @@ void prepare_selection(selection_t* selection) {
   const std::string& process = selection->process;
   const char* const behind = process.data() + process.size();
   const auto [end, error] = std::from_chars(process.data(), behind, selection->process_id);
-  if (end != behind || error != std::errc{}) selection->process_id = -1;
+  if (end != behind || error != std::errc{}) selection->process_id = NO_PROCESS_ID;
   selection->address = address_of(selection->node);
   if (!selection->pattern.empty()) compile_pattern(selection->pattern, &selection->expression);
 }

@@ -10,6 +10,8 @@
 
 #include "incident.h"
 
+inline constexpr int64_t NO_PROCESS_ID = INT64_MIN; /* what no record can hold */
+
 /* What an incident has to fit, as it is given on the command line; an empty text is fitted by all. */
 struct selection_t {
   std::string since, until; /* TIME: from the first on, and before the second */
@@ -21,7 +23,7 @@ struct selection_t {
 
   /* The same as prepare_selection makes it. */
   int64_t from = INT64_MIN, to = INT64_MAX; /* seconds since the Epoch */
-  int64_t process_id = -1;
+  int64_t process_id = NO_PROCESS_ID;
   std::string address; /* as inet_ntop writes it */
   regex_t expression = {};
 };
