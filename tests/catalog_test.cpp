@@ -5,6 +5,9 @@
 
 #include <nl_types.h>
 
+#include <clocale>
+#include <filesystem>
+
 #include "qx_cu.h"
 
 #include "support.h"
@@ -75,6 +78,21 @@ TEST(catalog, has_a_path_of_4095_bytes_at_most) {
     setenv("NLSPATH", nlspath.c_str(), 1);
     EXPECT_EQ(message_of("x"), text);
   }
+}
+
+/* A locale and LANG may each have a catalog of their own. Where LANG says nothing, C has one. */
+TEST(catalog, is_that_of_the_locale_then_that_of_lang) {
+  const std::string path = catalog("1 of C\n");
+  std::filesystem::rename(path, path + "-C");
+  const std::pair<const char*, const char*> rows[] = {{"", "of C"}, {"C", "of C"}, {"C.UTF-8", "default"}};
+  in_child([&] {
+    ASSERT_NE(setlocale(LC_MESSAGES, "C.UTF-8"), nullptr);
+    setenv("NLSPATH", (path + "-%L").c_str(), 1);
+    for (const auto& [lang, text] : rows) {
+      setenv("LANG", lang, 1);
+      EXPECT_EQ(message_of("x"), text) << lang;
+    }
+  });
 }
 
 TEST(catalog, is_not_looked_for_by_the_environment_of_a_set_user_id_program) {
