@@ -19,6 +19,7 @@ BAD_CPP = {
     '"%f", 5': "conversion_does_not_fit_its_argument",
     '"%d", 0.5': "conversion_does_not_fit_its_argument",
     '"%d", ~0UL': "conversion_does_not_fit_its_argument",
+    '"%c", 5L': "conversion_does_not_fit_its_argument",
     '"%s", nullptr': "conversion_does_not_fit_its_argument",
     '"%d %d", 5': "conversion_has_no_argument",
     '"%3$d", 5': "conversion_has_no_argument",

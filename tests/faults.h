@@ -114,7 +114,7 @@ extern "C" ssize_t read(int fildes, void* bytes, size_t size) {
   return read_some(fildes, bytes, size);
 }
 extern "C" ssize_t pread(int fildes, void* bytes, size_t size, off_t offset) {
-  return at_offset(fildes, offset, [&] { return read_some(fildes, bytes, size); });
+  return is_refused("pread", fildes) ? -1 : at_offset(fildes, offset, [&] { return read_some(fildes, bytes, size); });
 }
 extern "C" ssize_t write(int fildes, const void* bytes, size_t size) {
   return write_some(fildes, bytes, size);

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /* record_message_test.cpp - recording in one line, from C and from C++. What must not compile is in bad_formats.py. */
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <thread>
@@ -57,10 +58,17 @@ TEST_F(one_line, shows_what_printf_shows) {
   shows_as_printf("%hhd %hhu %hd %hx %ld %lu", 300, 300, 70000, -1, LONG_MIN, ULONG_MAX);
   shows_as_printf("%lld %llx %jd %zu %td %i", LLONG_MIN, ULLONG_MAX, intmax_t{-7}, SIZE_MAX, ptrdiff_t{-9}, INT_MIN);
   shows_as_printf("%c%c %p %Lf %e %+05d|%-6s|%#o", 'o', 'k', static_cast<void*>(&path), 2.5L, 1e300, 7, "ab", 8);
-  shows_as_printf("%2$s of %1$s, %2$s", "volume", "copy");
   shows_as_printf("%1$s %1$.3s, %2$.3s %2$s", "volume", "backup");
   shows_as_printf("100%% of it %% %d", 5);
   shows_as_printf("%s", static_cast<const char*>(nullptr));
+}
+
+TEST_F(one_line, shows_its_arguments_in_any_order) {
+  std::vector<std::string> parts = {"%1$s,", "%1$.2s,", "%2$d,", "%3$.1f,"};
+  do {
+    const std::string format = parts[0] + parts[1] + parts[2] + parts[3];
+    shows_as_printf(format.c_str(), "volume", -7, 2.5);
+  } while (std::ranges::next_permutation(parts).found);
 }
 
 TEST_F(one_line, reads_no_text_beyond_its_precision) {

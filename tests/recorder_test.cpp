@@ -312,6 +312,7 @@ TEST(recorder, refuses_a_damaged_stack_and_says_why) {
               {"word 16 8191", "the file size is out of range", 16},
               {"word 16 16385", "the file size is out of range", 16},
               {"word 16 8193", "the file has another size", 16},
+              {"bytes 8193", "the file has another size", 16},
               {"word 4 23", "the first record is out of range", 4},
               {"word 4 8193", "the first record is out of range", 4},
               {"word 8 23", "the recording position is out of range", 8},
@@ -618,13 +619,14 @@ TEST(integer, has_zeros_behind_it) {
 
 TEST(recorder, is_no_standard_stream) {
   const std::string path = empty_stack();
-  in_child([&] {
-    zk_recorder_t* recorder = nullptr;
-    close(STDIN_FILENO);
-    EXPECT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
-    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
-    zk_close_recorder(recorder);
-  });
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    in_child([&] {
+      zk_recorder_t* recorder = nullptr;
+      close(stream);
+      EXPECT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
+      EXPECT_EQ(fcntl(stream, F_GETFD), -1);
+      zk_close_recorder(recorder);
+    });
 }
 
 TEST(incident, may_be_the_cause_of_the_next_in_the_same_buffer) {
