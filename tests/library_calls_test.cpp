@@ -176,7 +176,8 @@ static void set_up_directory(const std::string& details) {
 }
 static void set_up_fault(const std::string& details) {
   const std::vector<std::string> word = words(details);
-  refuse(word.at(0), std::stoi(word.at(1)), 1, word.size() > 3 ? std::stoi(word[3]) : 0, word.size() > 2 ? word[2] : "");
+  refuse(word.at(0), std::stoi(word.at(1)), 1, word.size() > 3 ? std::stoi(word[3]) : 0,
+         word.size() > 2 ? word[2] : "");
 }
 static void set_up_flags(const std::string& details) {
   for (const std::string& flag : words(details)) out.error_flags[std::stoul(flag)] = 1;

@@ -64,7 +64,7 @@ TEST_F(one_line, shows_what_printf_shows) {
 }
 
 TEST_F(one_line, shows_its_arguments_in_any_order) {
-  std::vector<std::string> parts = {"%1$s,", "%1$.2s,", "%2$d,", "%3$.1f,"};
+  std::vector<std::string> parts = {"%1$.4s,", "%1$.2s,", "%2$d,", "%3$.1f,"};
   do {
     const std::string format = parts[0] + parts[1] + parts[2] + parts[3];
     shows_as_printf(format.c_str(), "volume", -7, 2.5);
