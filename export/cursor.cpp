@@ -7,13 +7,8 @@
  *   end */
 #include "cursor.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -21,7 +16,6 @@
 
 #include "export.h"
 #include "message.h"
-#include "qx_zelk.h"
 #include "zk_io.h"
 
 static constexpr std::string_view FIRST_LINE = "zkexport cursor 1";

@@ -2,18 +2,11 @@
 /* export.cpp - what all formats of zkexport share. */
 #include "export.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
 #include <climits>
 #include <cstring>
 
 #include "command.h"
 #include "json_line.h"
-#include "zk_io.h"
 #include "zk_layout.h"
 #include "zk_stack_file.h"
 #include "zkstatus.h"

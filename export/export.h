@@ -9,7 +9,6 @@
 
 #include "selection.h"
 #include "stack_reader.h"
-#include "zk_trace.h"
 
 inline constexpr char EXPORT_NAME[] = "zkexport";
 

@@ -11,11 +11,8 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <climits>
 #include <csignal>

@@ -2,11 +2,7 @@
 /* gather.cpp - gathers incidents, from stacks or from standard input, for what needs them all together. */
 #include "gather.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstring>
 #include <unordered_set>
 #include <utility>

@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: MIT */
 /* json.cpp - gives out what stacks hold as lines of JSON. */
-#include <unistd.h>
 
 #include "command.h"
 #include "cursor.h"

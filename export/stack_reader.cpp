@@ -3,12 +3,8 @@
 #include "stack_reader.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <ctime>
 #include <map>
 #include <set>

@@ -7,7 +7,6 @@
 
 #include "damage.h"
 #include "incident.h"
-#include "zk_trace.h"
 #include "zk_walk.h"
 
 /* The names of the stacks of this node, in order: of regular files whose names do not begin with a point, each file once.

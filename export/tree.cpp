@@ -2,7 +2,6 @@
 /* tree.cpp - shows incidents in the terminal, each chain as a tree with its first cause at the top. */
 #include <langinfo.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <clocale>

@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: MIT */
 /* zkexport.cpp - the command that gives incidents to scripts, pages and pipelines: its options. */
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>

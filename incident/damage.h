@@ -2,7 +2,6 @@
 /* damage.h - why a stack, or an Error ID, cannot be exported whole. */
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "qx_zelk.h"

@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>

@@ -3,18 +3,15 @@
  * written. */
 #include <arpa/inet.h>
 
-#include <array>
 #include <charconv>
 #include <cmath>
 
 #include "json_fields.h"
 #include "json_line.h"
 #include "json_reader.h"
-#include "qx_zelk.h"
 #include "text.h"
 #include "utc_time.h"
 #include "zk_eid_layout.h"
-#include "zk_trace.h"
 
 /* ---- Values -------------------------------------------------------------------------------------------------------- */
 

@@ -4,9 +4,7 @@
 
 #include "json_fields.h"
 #include "json_writer.h"
-#include "qx_zelk.h"
 #include "utc_time.h"
-#include "zk_trace.h"
 
 static void put_argument(json_writer_t* writer, const argument_t& argument) {
   begin_json(writer, '{');

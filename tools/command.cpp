@@ -2,7 +2,6 @@
 /* command.cpp - starts the companion commands, reports for them, and ends them. */
 #include "command.h"
 
-#include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdio>

@@ -7,7 +7,6 @@
 #include <climits>
 #include <clocale>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 

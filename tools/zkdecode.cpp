@@ -3,18 +3,15 @@
 #include <arpa/inet.h>
 #include <sys/time.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "command.h"
 #include "json_writer.h"
 #include "options.h"
-#include "qx_zelk.h"
 #include "text.h"
 #include "utc_time.h"
 

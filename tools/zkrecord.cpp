@@ -1,12 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /* zkrecord.cpp - the command that records an incident for a script. */
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <string_view>
 #include <vector>
 
 #include "command.h"
