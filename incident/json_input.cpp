@@ -87,12 +87,10 @@ static bool set_number(std::string_view digits, argument_t* argument) {
 static bool read_argument(json_reader_t* reader, argument_t* argument) {
   std::string key, bytes;
   std::string_view number;
-  int members = 0;
-  bool is_over = false, has_type = false, has_value = false;
+  bool has_type = false, has_value = false;
   argument->is_number = false;
-  if (!read_json(reader, '{')) return false;
-  while (next_json_item(reader, '}', &members, &is_over)) {
-    if (!read_json_string(reader, &key) || !read_json(reader, ':')) return false;
+  json_items_t members = begin_json_items(reader, '{');
+  while (next_json_member(reader, &members, &key)) {
     if (key == "type") {
       if (has_type || !read_json_string(reader, &argument->type)) return false;
       has_type = true;
@@ -108,7 +106,7 @@ static bool read_argument(json_reader_t* reader, argument_t* argument) {
       return false;
     }
   }
-  if (!is_over || !has_type || !has_value) return false;
+  if (!members.is_over || !has_type || !has_value) return false;
   if (argument->is_number) return bytes.empty() && set_number(number, argument);
   if (!is_value_of_type(*argument)) return false;
   if (bytes.empty()) return true;
@@ -118,13 +116,11 @@ static bool read_argument(json_reader_t* reader, argument_t* argument) {
 }
 
 static bool read_arguments(json_reader_t* reader, incident_t* incident) {
-  int elements = 0;
-  bool is_over = false;
   incident->arguments.clear();
-  if (!read_json(reader, '[')) return false;
-  while (next_json_item(reader, ']', &elements, &is_over))
+  json_items_t elements = begin_json_items(reader, '[');
+  while (next_json_element(reader, &elements))
     if (!read_argument(reader, &incident->arguments.emplace_back())) return false;
-  return is_over;
+  return elements.is_over;
 }
 
 /* ---- Members ------------------------------------------------------------------------------------------------------- */
@@ -222,25 +218,19 @@ static bool restore_bytes(const object_t& object, incident_t* incident) {
 static bool read_object(json_reader_t* reader, std::span<const field_t> fields, incident_t* incident) {
   object_t object = {.fields = fields};
   std::string key;
-  int count = 0;
-  bool is_over = false;
-  if (!read_json(reader, '{')) return false;
-  while (next_json_item(reader, '}', &count, &is_over))
-    if (!read_json_string(reader, &key) || !read_json(reader, ':') || !read_member(reader, key, &object, incident))
-      return false;
-  return is_over && object.members == all_of(fields) && restore_bytes(object, incident);
+  json_items_t members = begin_json_items(reader, '{');
+  while (next_json_member(reader, &members, &key))
+    if (!read_member(reader, key, &object, incident)) return false;
+  return members.is_over && object.members == all_of(fields) && restore_bytes(object, incident);
 }
 
 /* ---- Lines --------------------------------------------------------------------------------------------------------- */
 
 static bool read_damage(json_reader_t* reader, damage_t* damage) {
   std::string key, name;
-  int count = 0;
-  bool is_over = false;
   *damage = {};
-  if (!read_json(reader, '{')) return false;
-  while (next_json_item(reader, '}', &count, &is_over)) {
-    if (!read_json_string(reader, &key) || !read_json(reader, ':')) return false;
+  json_items_t members = begin_json_items(reader, '{');
+  while (next_json_member(reader, &members, &key)) {
     const bool is_read = key == "code"   ? damage->code == 0 && read_number(reader, &damage->code)
                          : key == "name" ? name.empty() && read_json_string(reader, &name)
                          : key == "offset"
@@ -249,7 +239,7 @@ static bool read_damage(json_reader_t* reader, damage_t* damage) {
                                            : skip_json_value(reader);
     if (!is_read) return false;
   }
-  return is_over && damage->code < 0 && !name.empty() && name == zk_result_name(damage->code) &&
+  return members.is_over && damage->code < 0 && !name.empty() && name == zk_result_name(damage->code) &&
          !damage->reason.empty();
 }
 
@@ -278,14 +268,12 @@ line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* da
   json_reader_t reader = {text};
   object_t line = {.fields = INCIDENT_FIELDS};
   std::string key;
-  int count = 0;
-  bool is_over = false, is_gap = false, is_damage = false;
+  bool is_gap = false, is_damage = false;
   incident->node.clear();
   incident->id_time = NO_ID_TIME;
   incident->is_cut = false;
-  if (!read_json(&reader, '{')) return line_t::NOTHING;
-  while (next_json_item(&reader, '}', &count, &is_over)) {
-    if (!read_json_string(&reader, &key) || !read_json(&reader, ':')) return line_t::NOTHING;
+  json_items_t members = begin_json_items(&reader, '{');
+  while (next_json_member(&reader, &members, &key)) {
     bool is_read = false;
     if (key == "gap")
       is_read = !is_gap && (is_gap = read_json_word(&reader, "true"));
@@ -295,7 +283,7 @@ line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* da
       is_read = read_member(&reader, key, &line, incident);
     if (!is_read) return line_t::NOTHING;
   }
-  if (!is_over || !is_json_over(&reader) || !restore_bytes(line, incident)) return line_t::NOTHING;
+  if (!members.is_over || !is_json_over(&reader) || !restore_bytes(line, incident)) return line_t::NOTHING;
   const line_t kind = line_of(line, is_gap, is_damage);
   return kind != line_t::INCIDENT || is_time_of_id(*incident) ? kind : line_t::NOTHING;
 }

@@ -9,54 +9,40 @@
 static void put_argument(json_writer_t* writer, const argument_t& argument) {
   begin_json(writer, '{');
   put_text(writer, "type", argument.type);
-  if (argument.is_number) {
-    put_key(writer, "value");
-    put_word(writer, argument.value);
-  } else {
+  if (argument.is_number)
+    put_word(writer, "value", argument.value);
+  else
     put_text(writer, "value", argument.value);
-  }
   end_json(writer, '}');
 }
 
 static void put_field(json_writer_t* writer, const field_t& field, const incident_t& incident) {
   switch (field.kind) {
     case kind_t::TEXT:
-      put_text(writer, field.key, incident.*field.text);
-      break;
+      return put_text(writer, field.key, incident.*field.text);
     case kind_t::ID:
-      if (!(incident.*field.text).empty()) {
-        put_text(writer, field.key, incident.*field.text);
-        break;
-      }
-      put_key(writer, field.key);
-      put_word(writer, "null");
-      break;
+      if ((incident.*field.text).empty()) return put_word(writer, field.key, "null");
+      return put_text(writer, field.key, incident.*field.text);
     case kind_t::NUMBER:
-      put_number(writer, field.key, incident.*field.number);
-      break;
+      return put_number(writer, field.key, incident.*field.number);
     case kind_t::OFFSET:
-      put_number(writer, field.key, incident.offset);
-      break;
+      return put_number(writer, field.key, incident.offset);
     case kind_t::TIME:
-      put_text(writer, field.key, utc_time(incident.time));
-      break;
+      return put_text(writer, field.key, utc_time(incident.time));
     case kind_t::ID_TIME:
-      if (incident.id_time != NO_ID_TIME) put_text(writer, field.key, utc_time_of_microseconds(incident.id_time));
-      break;
+      if (incident.id_time == NO_ID_TIME) return;
+      return put_text(writer, field.key, utc_time_of_microseconds(incident.id_time));
     case kind_t::NODE:
       if (!incident.node.empty()) put_text(writer, field.key, incident.node);
-      break;
+      return;
     case kind_t::CUT:
-      if (!incident.is_cut) break;
-      put_key(writer, field.key);
-      put_word(writer, "true");
-      break;
+      if (incident.is_cut) put_word(writer, field.key, "true");
+      return;
     case kind_t::OBJECT:
       put_key(writer, field.key);
       begin_json(writer, '{');
       for (const field_t& member : field.fields) put_field(writer, member, incident);
-      end_json(writer, '}');
-      break;
+      return end_json(writer, '}');
     case kind_t::ARGUMENTS:
       put_key(writer, field.key);
       begin_json(writer, '[');
@@ -74,8 +60,7 @@ void write_json(const incident_t& incident, std::string* lines) {
 void write_json_gap(const std::string& stack, std::string* lines) {
   json_writer_t writer = begin_json_line(lines);
   put_text(&writer, "stack", stack);
-  put_key(&writer, "gap");
-  put_word(&writer, "true");
+  put_word(&writer, "gap", "true");
   end_json_line(&writer);
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
+#include <utility>
 
 #include "text.h"
 
@@ -15,7 +16,8 @@ char peek_json(json_reader_t* reader) {
   return rest.empty() ? '\0' : rest[0];
 }
 
-bool read_json(json_reader_t* reader, char mark) {
+/* Reads a mark: a bracket, a colon, a comma or a quote. */
+static bool read_mark(json_reader_t* reader, char mark) {
   if (peek_json(reader) != mark) return false;
   reader->rest.remove_prefix(1);
   return true;
@@ -32,10 +34,21 @@ bool is_json_over(json_reader_t* reader) {
   return peek_json(reader) == '\0' && reader->rest.empty();
 }
 
-bool next_json_item(json_reader_t* reader, char end, int* count, bool* is_over) {
-  *is_over = read_json(reader, end);
-  if (*is_over) return false;
-  return (*count)++ == 0 || read_json(reader, ',');
+json_items_t begin_json_items(json_reader_t* reader, char bracket) {
+  const char end = bracket == '{' ? '}' : ']';
+  return {.end = read_mark(reader, bracket) ? end : '\0', .is_first = true, .is_over = false};
+}
+
+bool next_json_element(json_reader_t* reader, json_items_t* elements) {
+  if (elements->end == '\0') return false;
+  elements->is_over = read_mark(reader, elements->end);
+  if (elements->is_over) return false;
+  const bool is_first = std::exchange(elements->is_first, false);
+  return is_first || read_mark(reader, ',');
+}
+
+bool next_json_member(json_reader_t* reader, json_items_t* members, std::string* key) {
+  return next_json_element(reader, members) && read_json_string(reader, key) && read_mark(reader, ':');
 }
 
 /* ---- Texts --------------------------------------------------------------------------------------------------------- */
@@ -97,7 +110,7 @@ static size_t plain_size(std::string_view text) {
 
 bool read_json_string(json_reader_t* reader, std::string* text) {
   text->clear();
-  if (!read_json(reader, '"')) return false;
+  if (!read_mark(reader, '"')) return false;
   std::string_view& rest = reader->rest;
   for (;;) {
     const size_t size = plain_size(rest);
@@ -151,14 +164,10 @@ static bool skip_value(json_reader_t* reader, int levels) {
     return read_json_word(reader, "null") || read_json_word(reader, "true") || read_json_word(reader, "false") ||
            read_json_number(reader, &number);
   if (levels == 0) return false;
-  reader->rest.remove_prefix(1);
-  int count = 0;
-  bool is_over = false;
-  while (next_json_item(reader, first == '{' ? '}' : ']', &count, &is_over)) {
-    if (first == '{' && !(read_json_string(reader, &text) && read_json(reader, ':'))) return false;
+  json_items_t items = begin_json_items(reader, first);
+  while (first == '{' ? next_json_member(reader, &items, &text) : next_json_element(reader, &items))
     if (!skip_value(reader, levels - 1)) return false;
-  }
-  return is_over;
+  return items.is_over;
 }
 
 bool skip_json_value(json_reader_t* reader) {

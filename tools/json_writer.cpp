@@ -76,16 +76,16 @@ void put_string(json_writer_t* writer, std::string_view text) {
   *line += '"';
 }
 
-void put_word(json_writer_t* writer, std::string_view word) {
-  separate(writer);
+void put_word(json_writer_t* writer, std::string_view key, std::string_view word) {
+  put_key(writer, key);
   *writer->lines += word;
+  writer->is_first = false;
 }
 
 void put_number(json_writer_t* writer, std::string_view key, int64_t number) {
   std::array<char, 24> digits;
   const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number);
-  put_key(writer, key);
-  put_word(writer, {digits.data(), static_cast<size_t>(end - digits.data())});
+  put_word(writer, key, {digits.data(), static_cast<size_t>(end - digits.data())});
 }
 
 void put_text(json_writer_t* writer, std::string_view key, std::string_view text) {

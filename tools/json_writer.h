@@ -22,11 +22,12 @@ void end_json(json_writer_t* writer, char bracket);
 /* A member's name, which needs no escapes; its value has to follow. */
 void put_key(json_writer_t* writer, std::string_view key);
 
-/* Values. The text has to be UTF-8; the word is null, true, false or a number as JSON has them. Control characters that
- * JSON lets pass are escaped too: the line may go to a terminal. */
+/* A value: a text, which has to be UTF-8. Control characters that JSON lets pass are escaped too: the line may go to a
+ * terminal. */
 void put_string(json_writer_t* writer, std::string_view text);
-void put_word(json_writer_t* writer, std::string_view word);
 
-/* Members. A recorded text that is not UTF-8 is also given by its bytes, in the member `key`_base64. */
+/* Members. The word is null, true, false or a number as JSON has them. A recorded text that is not UTF-8 is also given by its
+ * bytes, in the member `key`_base64. */
+void put_word(json_writer_t* writer, std::string_view key, std::string_view word);
 void put_number(json_writer_t* writer, std::string_view key, int64_t number);
 void put_text(json_writer_t* writer, std::string_view key, std::string_view text);

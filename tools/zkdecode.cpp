@@ -168,8 +168,7 @@ static void show_json(const std::string& id, const decoded_t& eid, bool) {
   put_text(&writer, "location", LOCATIONS[eid.location].in_json);
   put_text(&writer, "time", utc_text(eid.time));
   put_text(&writer, "node", eid.node);
-  put_key(&writer, "local");
-  put_word(&writer, eid.is_local == 1 ? "true" : "false");
+  put_word(&writer, "local", eid.is_local == 1 ? "true" : "false");
   if (eid.stack_files) {
     put_key(&writer, "stack_files");
     begin_json(&writer, '[');
