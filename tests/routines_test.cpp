@@ -71,7 +71,7 @@ TEST_F(routine, says_what_it_refuses) {
   const char* nothing = nullptr;
   int fildes = -1, version = 0;
   zk_proc_list_t head = {}, process = {5, 0, nullptr, nullptr}, *taken = &head, *found = nullptr;
-  zk_stack_rec_t* groups = nullptr;
+  zk_stack_rec_t *groups = nullptr, *group = nullptr;
   void *const empty = record("empty  length 0"), *const too_long = record("long  length 1025");
   const int read_only = stack_of("record one", O_RDONLY);
   SAY(zk_open_stack_by_name, nullptr, nullptr);
@@ -95,6 +95,7 @@ TEST_F(routine, says_what_it_refuses) {
   SAY(zk_print_brief_stack_record, nothing, 0, none, record("negative  length -8"));
   SAY(zk_print_full_stack_record, nothing, none, record("later  version 4"));
   SAY(zk_find_related_rec, empty, nullptr, nullptr);
+  SAY(zk_find_related_rec, empty, nullptr, &group);
   SAY(zk_add_unrelated_rec, empty, nullptr);
   SAY(zk_add_unrelated_rec, empty, &groups);
   SAY(zk_add_related_rec, empty, nullptr);
@@ -235,10 +236,10 @@ TEST_F(routine, tells_processes_apart_by_their_identifier) {
   zk_proc_list_t head = {}, disagreeing = {7001, 5, nullptr, nullptr}, with_it = {0, 0, nullptr, &disagreeing};
   zk_proc_list_t *first = nullptr, *again = nullptr, *other = nullptr, *bad = nullptr;
   void* const small = record("small  related 123456789012345678901  cut 123456789012345678901");
-  SAY(zk_find_proc_in_list, record("first  pid 7001  parent 310"), &head, &first);
-  SAY(zk_add_rec_to_proc, record("first  pid 7001  parent 310"), first);
-  SAY(zk_find_proc_in_list, record("other  pid 7002"), &head, &other);
-  SAY(zk_find_proc_in_list, record("again  pid 7001  parent 311"), &head, &again);
+  SAY(zk_find_proc_in_list, record("first  pid 7002  parent 310"), &head, &first);
+  SAY(zk_add_rec_to_proc, record("first  pid 7002  parent 310"), first);
+  SAY(zk_find_proc_in_list, record("other  pid 7001"), &head, &other);
+  SAY(zk_find_proc_in_list, record("again  pid 7002  parent 311"), &head, &again);
   EXPECT_EQ(again, first);
   EXPECT_EQ(head.next->next, other);
   SAY(zk_find_proc_in_list, record("first  pid 7001"), &with_it, &bad);
