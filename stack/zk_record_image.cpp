@@ -123,8 +123,8 @@ static bool cut_arguments(const zk_incident_t& incident, size_t excess, kept_t* 
 /* Writes all fields but the details. */
 static void put_fields(writer_t* writer, const zk_incident_t& incident, const kept_t& kept) {
   zk_eid_t eid = {};
-  auto own_if_zero = [](int32_t recorded, int32_t own) { return recorded != 0 ? recorded : own; };
-  const int32_t parent_id = own_if_zero(incident.parent_id, getppid());
+  auto own_if_zero = [](int32_t recorded, pid_t (*own)()) { return recorded != 0 ? recorded : own(); };
+  const int32_t parent_id = own_if_zero(incident.parent_id, getppid);
 
   put_int(writer, 0); /* length, when it is known */
   put_int(writer, 0); /* version */
@@ -134,9 +134,9 @@ static void put_fields(writer_t* writer, const zk_incident_t& incident, const ke
   put_bytes(writer, eid, sizeof eid);
   put_int(writer, 0); /* time */
   put_text(writer, incident.process_name != nullptr ? incident.process_name : program_invocation_short_name);
-  put_int(writer, own_if_zero(incident.process_id, getpid()));
+  put_int(writer, own_if_zero(incident.process_id, getpid));
   put_int(writer, parent_id != ZK_NO_PROCESS ? parent_id : 0);
-  put_int(writer, own_if_zero(incident.thread_id, gettid()));
+  put_int(writer, own_if_zero(incident.thread_id, gettid));
   put_text(writer, incident.detecting_file);
   put_text(writer, incident.file_version);
   put_text(writer, incident.product);

@@ -151,18 +151,25 @@ class Many(StackTest):
 
     def test_a_child_opens_the_stack_anew_whoever_held_the_recorder(self):
         recorder = zelk.Recorder(self.stack)
-        recorder.record("parent")
+
+        def record_two(who: str) -> None:
+            recorder.record("%s", who)
+            recorder.record(f"{who} too")
+
+        record_two("parent")
         with recorder._lock:  # as another thread might when it forks
             child = os.fork()
             if child == 0:
                 self.assertIsNone(recorder._handle)
-                recorder.record("child")
+                record_two("child")
                 os._exit(0)
         os.waitpid(child, 0)
-        recorder.record("parent again")
+        record_two("parent again")
         incidents = self.incidents()
-        self.assertEqual([incident["description"] for incident in incidents], ["parent", "child", "parent again"])
-        self.assertEqual([incident["process"]["id"] for incident in incidents], [os.getpid(), child, os.getpid()])
+        shown = ["parent", "parent too", "child", "child too", "parent again", "parent again too"]
+        self.assertEqual([incident["description"] for incident in incidents], shown)
+        parent = os.getpid()
+        self.assertEqual([incident["process"]["id"] for incident in incidents], [parent] * 2 + [child] * 2 + [parent] * 2)
 
     def test_processes_of_multiprocessing_record(self):
         recorder = zelk.Recorder(self.stack, product="many")

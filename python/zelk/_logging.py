@@ -6,11 +6,11 @@ import logging
 import os
 import sys
 import threading
-from typing import Any, Dict, Optional, Tuple, Union
+from typing import Any, Optional, Tuple, Union
 
 from ._library import encode
 from ._message import make
-from ._recorder import UNKNOWN, Prepared, Recorder
+from ._recorder import UNKNOWN, Recorder
 
 
 @functools.lru_cache(maxsize=512)
@@ -33,44 +33,40 @@ class Handler(logging.Handler):
     def __init__(self, stack: "Union[str, os.PathLike[str]]", level: Union[int, str] = logging.ERROR) -> None:
         super().__init__(level)
         self.recorder = Recorder(stack)
-        self._prepared: "Dict[Tuple[object, ...], Optional[Prepared]]" = {}
+
+    def handle(self, record: logging.LogRecord) -> Any:
+        """As logging.Handler does, but without a lock, since the recorder has one."""
+        passed = self.filter(record)
+        if passed:
+            self.emit(record if passed is True or not isinstance(passed, logging.LogRecord) else passed)
+        return passed
 
     def emit(self, record: logging.LogRecord) -> None:
         try:
-            if record.args and not record.exc_info and not record.stack_info and self._record_usual(record):
-                return
-            cause = None
-            if record.exc_info and record.exc_info[1] is not None:
-                cause = self.recorder.record_exception(record.exc_info[1])
-            details, product = _origin(record.name, record.levelname, record.threadName)
-            if record.stack_info:
-                details += encode(f"\n{record.stack_info}")
-            record.zelk_id = self.recorder._record(
-                make(str(record.msg), record.args or ()),
-                cause,
-                details,
-                record.pathname,
-                record.lineno,
-                product,
-            )
+            message, args = record.msg, record.args
+            if args and type(args) is tuple and type(message) is str and not record.exc_info and not record.stack_info:
+                key = (message, record.pathname, record.lineno, record.name, record.levelname, record.threadName)
+                prepared = self.recorder._prepared.get(key, UNKNOWN)  # where the line came from the same place before
+                if prepared is UNKNOWN:
+                    details, product = _origin(record.name, record.levelname, record.threadName)
+                    prepared = self.recorder._prepare(key, message, details, record.pathname, record.lineno, product)
+                error_id = self.recorder._record_prepared(prepared, args, None) if prepared is not None else None
+                if error_id is not None:
+                    record.zelk_id = error_id
+                    return
+            record.zelk_id = self._record_unusual(record)
         except Exception:
             self.handleError(record)
 
-    def _record_usual(self, record: logging.LogRecord) -> bool:
-        """Records a line that was logged from the same place before. False, with nothing recorded, for an unusual one."""
-        message, args, file, line = record.msg, record.args, record.pathname, record.lineno
-        if type(message) is not str or type(args) is not tuple:
-            return False
-        key = (message, file, line, record.name, record.levelname, record.threadName)
-        prepared = self._prepared.get(key, UNKNOWN)
-        if prepared is UNKNOWN:
-            details, product = _origin(record.name, record.levelname, record.threadName)
-            prepared = self.recorder._prepare(self._prepared, key, message, details, file, line, product)
-        error_id = self.recorder._record_prepared(prepared, args, None) if prepared is not None else None
-        if error_id is None:
-            return False
-        record.zelk_id = error_id
-        return True
+    def _record_unusual(self, record: logging.LogRecord) -> str:
+        cause = None
+        if record.exc_info and record.exc_info[1] is not None:
+            cause = self.recorder.record_exception(record.exc_info[1])
+        details, product = _origin(record.name, record.levelname, record.threadName)
+        if record.stack_info:
+            details += encode(f"\n{record.stack_info}")
+        message = make(str(record.msg), record.args or ())
+        return self.recorder._record(message, cause, details, record.pathname, record.lineno, product)
 
     def close(self) -> None:
         self.recorder.close()

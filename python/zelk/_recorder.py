@@ -19,7 +19,7 @@ _FIXED_SIZE = 4 + EID_SIZE + EID_SIZE + 4 + 3 * 4 + 4 + 2 * 4 + 4  # of its numb
 _PREPARED_MAX = 256  # incidents that are kept prepared
 _FILE_MAX = 200  # bytes of the name of a source file that are recorded, from its end
 
-_open: "weakref.WeakSet[Recorder]" = weakref.WeakSet()
+_recorders: "weakref.WeakSet[Recorder]" = weakref.WeakSet()
 
 
 def _process_name() -> bytes:
@@ -45,8 +45,8 @@ class Prepared:
     """An incident of one place in a program, which differs in its arguments and its cause only."""
 
     def __init__(self, form: Form, incident: Incident) -> None:
-        self.form = form
         self.fill = form.fill
+        self.arguments = form.arguments
         self.incident = incident
         self.has_cause = False
         self.pointer = ctypes.byref(incident)
@@ -64,14 +64,15 @@ class Recorder:
         self._stack = os.fspath(stack)
         self._create = create
         self._product = product
-        self._handle: Optional[ctypes.c_void_p] = None
+        self._handle: Any = None
         self._lock = threading.Lock()
         self._name = _process_name()
-        self._incident = Incident(process_name=self._name)  # the one that is being recorded, and its Error ID
+        self._incident = Incident(process_name=self._name, process_id=os.getpid())  # the one that is being recorded, and its Error ID
         self._incident_pointer = ctypes.byref(self._incident)
         self._eid = ctypes.create_string_buffer(EID_SIZE)
         self._eid_pointer = ctypes.byref(self._eid)
-        self._prepared: "Dict[Tuple[str, str, int], Optional[Prepared]]" = {}
+        self._prepared: "Dict[Tuple[object, ...], Optional[Prepared]]" = {}
+        _recorders.add(self)
 
     @property
     def stack(self) -> str:
@@ -114,7 +115,7 @@ class Recorder:
             key = (message, file, line)
             prepared = self._prepared.get(key, UNKNOWN)
             if prepared is UNKNOWN:
-                prepared = self._prepare(self._prepared, key, message, None, file, line, self._product)
+                prepared = self._prepare(key, message, None, file, line, self._product)
             error_id = self._record_prepared(prepared, args, cause) if prepared is not None else None
             if error_id is not None:
                 return error_id
@@ -197,7 +198,6 @@ class Recorder:
 
     def _prepare(
         self,
-        prepared: "Dict[Any, Optional[Prepared]]",
         key: "Tuple[object, ...]",
         message: str,
         details: Optional[bytes],
@@ -207,38 +207,42 @@ class Recorder:
     ) -> "Optional[Prepared]":
         """Prepares an incident and keeps it under `key`; None for a message whose arguments have to be made each time."""
         form = form_of(message)
-        if len(prepared) >= _PREPARED_MAX:
-            prepared.clear()
-        made = None
+        if len(self._prepared) >= _PREPARED_MAX:
+            self._prepared.clear()
+        prepared = None
         if form is not None:
             incident = Incident(
                 process_name=self._name,
+                process_id=os.getpid(),
                 detecting_file=_file(file),
                 product=_file(product) if product else None,
                 line=line,
                 default_message=form.text,
                 arguments=ctypes.addressof(form.arguments),
-                argument_count=len(form.letters),
+                argument_count=len(form.arguments),
                 details=details,
             )
-            made = Prepared(form, incident)
-        prepared[key] = made
-        return made
+            prepared = Prepared(form, incident)
+        self._prepared[key] = prepared
+        return prepared
 
     def _record_prepared(self, prepared: Prepared, args: Tuple[Any, ...], cause: Optional[str]) -> Optional[str]:
         """As `_record`; None, with nothing recorded, where the arguments are of other types than is usual."""
-        associated_eid = cause.encode("ascii", "replace") if cause else None
-        with self._lock:
+        lock = self._lock
+        lock.acquire()  # half as long as "with" takes
+        try:
             if not prepared.fill(args):
                 return None
             if self._handle is None:
                 self._open()
-            if associated_eid or prepared.has_cause:
-                prepared.incident.associated_eid = associated_eid
-                prepared.has_cause = bool(associated_eid)
+            if cause or prepared.has_cause:
+                prepared.has_cause = bool(cause)
+                prepared.incident.associated_eid = cause.encode("ascii", "replace") if cause else None
             result = _record_incident(0, None, self._handle, prepared.pointer, self._eid_pointer)
             if result == 0:
                 return self._eid.value.decode()
+        finally:
+            lock.release()
         raise failure(result, repr(cause) if result == INV_FID else self._stack)
 
     def _open(self) -> None:
@@ -252,12 +256,13 @@ class Recorder:
             result = record.zk_open_recorder(0, None, name, ctypes.byref(handle))
         if result != 0:
             raise failure(result, self._stack)
-        self._handle = handle
-        _open.add(self)
+        self._handle = ctypes.c_void_p.from_param(handle.value)  # as a call takes it
 
     def _begin_anew(self) -> None:
         """In a child process: another thread of the parent may have held the lock, and the parent's stack is its own."""
         self._lock = threading.Lock()
+        self._incident.process_id = os.getpid()
+        self._prepared.clear()
         self.close()
 
     def __enter__(self) -> "Recorder":
@@ -291,7 +296,7 @@ def _calling_place() -> "Tuple[str, int, Optional[str]]":
 
 
 def _after_fork() -> None:
-    for recorder in list(_open):
+    for recorder in list(_recorders):
         recorder._begin_anew()
 
 
