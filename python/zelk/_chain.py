@@ -52,7 +52,7 @@ def description(exception: BaseException) -> str:
     name = type(exception).__name__
     try:
         text = str(exception)
-    except Exception:
+    except BaseException:  # an order to end, too, is not one when it comes from here
         text = "<exception str() failed>"
     if len(text) > _TEXT_MAX:
         text = text[: _TEXT_MAX - 3] + "..."

@@ -135,9 +135,10 @@ class Recorder:
         """Records an exception, the one that is being handled unless given, and returns its Error ID.
 
         Each exception that it was raised from (`__cause__`), or while handling (`__context__`), is recorded before it, as
-        its cause; of more than 100 the newest. Those that this process has recorded already are not recorded again: their
-        Error IDs are taken. The description is "Type: text", or `message`; the details are the end of the traceback; file
-        and line are those of its innermost frame, and the product, where the recorder has none, that frame's top package.
+        its cause; of more than 100 the newest, and the details say so. Those that this process has recorded already are not
+        recorded again: their Error IDs are taken. The description is "Type: text", or `message`; the details are the end of
+        the traceback; file and line are those of its innermost frame, and the product, where the recorder has none, that
+        frame's top package.
         Raises ZelkError when it cannot be recorded, and ValueError when there is no exception.
         """
         newest = exception if exception is not None else sys.exc_info()[1]
@@ -156,11 +157,12 @@ class Recorder:
             lines = _chain.traceback_lines(one)
             if is_newest and message is not None:
                 lines.append(text)
-            if index == 0 and left_out > 0:
+            is_telling = left_out > 0 and (index == 0 or is_newest)  # the first one may be overwritten by then
+            if is_telling:
                 lines.insert(0, f"{left_out} earlier causes were left out")
             product = self._product if self._product is not None else product
             room = self._room(what, file, product)
-            cause = self._record(what, cause, _chain.newest_lines(lines, room, left_out > 0 and index == 0), file, line, product)
+            cause = self._record(what, cause, _chain.newest_lines(lines, room, is_telling), file, line, product)
             _chain.remember(one, cause)
         if cause is None:
             raise AssertionError("a chain is never empty")
