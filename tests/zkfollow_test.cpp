@@ -79,7 +79,7 @@ TEST_F(follow, keeps_few_names_that_have_gone) {
 TEST_F(follow, reads_on_in_few_stacks_that_were_moved_out_of_the_folder) {
   EXPECT_EQ(
       script("mkdir -p ../away; follow; for n in $(seq 150); do $zkrecord s$n x; done; lines 150; mv s* ../away;"
-             "$zkrecord kept one; lines 151; n=0; while [ $(ls /proc/$follower/fd | wc -l) -gt 120 ] && [ $n -lt 60 ];"
+             "$zkrecord kept one; lines 151; n=0; while [ $(ls /proc/$follower/fd | wc -l) -gt 120 ] && [ $n -lt 600 ];"
              "do sleep 0.05; n=$((n + 1)); done; [ $(ls /proc/$follower/fd | wc -l) -le 120 ] && echo few;"
              "$zkrecord $PWD/../away/s1 late; lines 152; shown | tr -d 'x '; rm -r ../away; end"),
       "few\nonelateended 0\n");
