@@ -163,6 +163,15 @@ const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fil
   return fstat(fildes, &own) == 0 ? mark_of_file(cursor, path, own.st_ino) : nullptr;
 }
 
+void move_mark(cursor_t* cursor, const std::string& path, mark_t mark) {
+  struct stat there;
+  mark_t* const own = &cursor->marks[path];
+  if (own->inode == mark.inode) return;
+  for (auto& [other, old] : cursor->marks)
+    if (old.inode == mark.inode && (stat(other.c_str(), &there) != 0 || there.st_ino != mark.inode)) old = {};
+  *own = mark;
+}
+
 void move_marks(cursor_t* cursor, const std::vector<std::string>& paths) {
   struct stat own;
   std::map<std::string, mark_t> moved;
@@ -170,5 +179,5 @@ void move_marks(cursor_t* cursor, const std::vector<std::string>& paths) {
     const mark_t* const mark = stat(path.c_str(), &own) == 0 ? mark_of_file(*cursor, path, own.st_ino) : nullptr;
     if (mark != nullptr && mark->inode == own.st_ino) moved[path] = *mark;
   }
-  for (const auto& [path, mark] : moved) cursor->marks[path] = mark;
+  for (const auto& [path, mark] : moved) move_mark(cursor, path, mark);
 }

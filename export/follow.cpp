@@ -387,7 +387,8 @@ static void know_moved(follower_t* follower, followed_t* stack) {
   if (stack->is_known && stack->mark.inode == mark->inode) return;
   stack->is_known = true;
   stack->mark = *mark;
-  set_mark(follower, *stack);
+  move_mark(&follower->cursor, stack->path, stack->mark);
+  follower->is_unsaved = true;
 }
 
 /* Whether another name that is followed leads to the stack's file, too. */
@@ -404,7 +405,9 @@ static void take_over(follower_t* follower, const followed_t& stack) {
   struct stat there;
   for (followed_t& other : follower->stacks) {
     if (&other == &stack || !is_same_file(other.file, stack.file)) continue;
-    if (stat(other.path.c_str(), &there) != 0 || !is_same_file(there, stack.file)) leave_file(follower, &other);
+    if (stat(other.path.c_str(), &there) == 0 && is_same_file(there, stack.file)) continue;
+    leave_file(follower, &other);
+    other.mark = {}; /* the file may come back, and will have been given further by then */
   }
 }
 

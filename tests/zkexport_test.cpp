@@ -321,6 +321,16 @@ TEST(cursor, goes_on_where_the_last_run_ended) {
             "one\ntwo\ntrue\nn90\nnew\n");
 }
 
+TEST(cursor, goes_with_a_stack_to_another_name_and_back) {
+  EXPECT_EQ(script("s=$folder/s; news() { zkexport -c cursor $1 | jq -r .description; }; zkrecord -qC $s one; news $s;"
+                   "mv $s $s.b; zkrecord -q $s.b two; news $s.b; mv $s.b $s; zkrecord -q $s three; news $s"),
+            "one\ntwo\nthree\n");
+  EXPECT_EQ(
+      script(FOLLOW + "s=$folder/back; zkrecord -qC $s one; follow $s $s.b; lines 1; mv $s $s.b; zkrecord -q $s.b two;"
+                      "lines 2; mv $s.b $s; zkrecord -q $s three; lines 3; shown; end TERM"),
+      "one two three ended 0\n");
+}
+
 TEST(cursor, that_is_damaged_is_refused_and_left_alone) {
   for (const char* damaged : {"", "text", "zkexport cursor 1\n1 2 3 /x\n", "zkexport cursor 1\n1 2 /x\nend\n"}) {
     const std::string cursor = new_file(damaged);
