@@ -242,7 +242,7 @@ TEST(follow, gives_a_stack_once_that_gets_another_name) {
   NEEDS_PRIVATE_VAR();
   EXPECT_EQ(script(FOLLOW + "rm -f " ZELK_STACK_DIR "/*; ( cd " ZELK_STACK_DIR "; zkrecord -qC s one );"
                             "follow --every; lines 1; ( cd " ZELK_STACK_DIR
-                            "; ln s a; zkrecord -q a two; zkrecord -qC t three );"
+                            "; ln s a; zkrecord -q a two ); lines 2; ( cd " ZELK_STACK_DIR "; zkrecord -qC t three );"
                             "lines 3; rm " ZELK_STACK_DIR "/s; zkrecord -q a four; lines 4;"
                             "shown; end TERM"),
             "one two three four ended 0\n");
