@@ -49,12 +49,17 @@ TEST_F(trace_file, shows_local_time_also_when_the_zone_changes) {
   EXPECT_NE(contents(path).find("\1Wed Nov 15 03:43:20 2023\n"), std::string::npos);
 }
 
-TEST_F(trace_file, shows_the_date_of_every_week) {
-  EXPECT_EQ(trace(path), 0);
-  now_is.tv_sec += 7 * 86400;
-  EXPECT_EQ(trace(path), 0);
-  now_is.tv_sec -= 7 * 86400;
-  EXPECT_NE(contents(path).find("\1Tue Nov 21 22:13:20 2023\n"), std::string::npos);
+/* Times that differ in one field: a second and so on, to a month and a year later on the same day of the week. */
+TEST_F(trace_file, tells_a_time_from_those_that_look_alike) {
+  const time_t start = 1487110400; /* Tuesday, 14 February 2017, 22:13:20 */
+  const timeval before = now_is;
+  for (const time_t later : {1, 60, 3600, 86400, 7 * 86400, 28 * 86400, (6 * 365 + 1) * 86400})
+    for (const time_t now : {start, start + later}) {
+      now_is.tv_sec = now;
+      EXPECT_EQ(trace(path), 0);
+      EXPECT_NE(contents(path).find("\1" + std::string(ctime(&now))), std::string::npos) << later;
+    }
+  now_is = before;
 }
 
 /* Two zones of the same names and offset may still differ in when their summer begins. */
