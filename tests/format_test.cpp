@@ -39,6 +39,10 @@ static void expect_what_printf_prints(std::mt19937_64& random, const std::string
     const double real = std::bit_cast<double>(value);
     print(expected, sizeof expected, (head + letter).c_str(), real);
     EXPECT_EQ(made(head + letter, {{3, {.cu_arg_double = real}}}), expected) << head << letter << " " << value;
+  } else if (letters == "s") {
+    std::string text(random() % 40, 't');
+    print(expected, sizeof expected, (head + letter).c_str(), text.c_str());
+    EXPECT_EQ(made(head + letter, {{5, {.cu_arg_char_str = text.data()}}}), expected) << head << letter;
   } else {
     print(expected, sizeof expected, (head + "ll" + letter).c_str(), value);
     EXPECT_EQ(made(head + letter, {{2, {.cu_arg_long_long = value}}}), expected) << head << letter << " " << value;
@@ -60,6 +64,7 @@ TEST(format, is_that_of_printf_in_every_locale) {
       expect_what_printf_prints(random, "oxX", "-#0");
       expect_what_printf_prints(random, "fFaAeEgG", "-+ #0");
       expect_what_printf_prints(random, "fF", "'");
+      expect_what_printf_prints(random, "s", "-");
     }
   }
   setlocale(LC_ALL, "C");
