@@ -61,6 +61,27 @@ TEST_F(follow, goes_on_to_the_next_file_while_the_last_one_is_locked) {
       "mine one two ended 0\n");
 }
 
+/* What it still held is given all the same, as nobody records there any more. */
+TEST_F(follow, gives_what_a_locked_stack_held_when_it_is_replaced) {
+  const std::string story = "$zkrecord held mine; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)");
+  EXPECT_EQ(script(story + "follow; $zkrecord open one; lines 1; $zkrecord ../new two; mv ../new held; lines 3; shown;"
+                           "kill $holder; end"),
+            "one mine two ended 0\n");
+}
+
+TEST_F(follow, tells_that_a_stack_has_lost_incidents_before_it_appeared) {
+  EXPECT_EQ(script("for n in $(seq 150); do $zkrecord ../full $n; done; follow; $zkrecord open one; lines 1;"
+                   "mv ../full .; lines 3; sed -n 2,3p $home/out | jq -c '.gap // .stack'; end"),
+            "true\n\"full\"\nended 0\n");
+}
+
+TEST_F(follow, tells_damage_that_comes_again) {
+  EXPECT_EQ(script("damage() { printf \"\\\\$1\" | dd of=s bs=1 seek=27 conv=notrunc 2>/dev/null; };"
+                   "$zkrecord s one; follow; lines 1; damage 377; lines 2; damage 000; $zkrecord s two; lines 3;"
+                   "damage 377; lines 4; shown; end"),
+            "one the record's length is out of range two the record's length is out of range ended 0\n");
+}
+
 TEST_F(follow, keeps_few_names_that_have_gone) {
   EXPECT_EQ(
       script(

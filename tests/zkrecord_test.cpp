@@ -39,6 +39,7 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
       {{"%p %p", "0x2007f3a0", "0"}, "0x2007f3a0 (nil)"},
       {{"%2$s before %1$-4d|", "5", "text"}, "text before 5   |"},
       {{"a\\tb\\\\ \\101\\x42 \\u00e9 \\q"}, "a\tb\\ AB \u00e9 \\q"},
+      {{"\\a\\b\\e\\f\\v\\\"\\541 \\U0001F600"}, "\a\b\033\f\v\"a \U0001F600"},
       {{"100\\045 d \\x25s"}, "100% d %s"},
       {{"\\x25d %d", "5"}, "%d 5"},
       {{"{}[a,b] %s %s", "[c,d]", "--quiet"}, "{}[a,b] [c,d] --quiet"}};
@@ -75,6 +76,7 @@ TEST(zkrecord, makes_and_records_nothing_on_misuse) {
       {{stack, "%*d", "1"}, "FORMAT: '%*d' is not a conversion that can be recorded"},
       {{stack, "%n%b%q"}, "FORMAT: '%n' is not a conversion that can be recorded"},
       {{stack, "\\0"}, "FORMAT: a text cannot hold the character 0"},
+      {{stack, "\\400"}, "FORMAT: a text cannot hold the character 0"},
       {{"-C8191", stack, "x"}, "--create: '8191' is not a number from 8192 to 16384"},
       {{"--line=010", stack, "x"}, "--line: '010' is not a number from 0 to 2147483647"},
       {{"-m", "stn.cat:2", stack, "x"}, "--message: 'stn.cat:2' is not CATALOG:SET:NUMBER"},

@@ -99,6 +99,81 @@ test('shows all that is recorded without the script', async () => {
   await tab.close();
 });
 
+/* The page without the script is made elsewhere: it says what the script has to show. */
+/* Chains over days, with pauses of all lengths, and an effect in a lane behind others. */
+const LONG_LINKS = (() => {
+  const lines = incidentsOf(NIGHT_12);
+  return [0, 1, 40, 45, 7200, 7260, 90000, 90001, 500000, 500020, 40000000].map((seconds, at) => {
+    const time = new Date(1795554420000 + seconds * 1000).toISOString().replace('.000', '');
+    return JSON.stringify({...lines[at], id: `id-${at}`, cause: at > 0 && at % 3 ? `id-${at - 1}` : at === 9 ? 'gone' : null, time,
+      id_time: undefined, node: undefined});
+  }).join('\n') + '\n';
+})();
+
+/* Unfolds all repeats and opens all records. */
+const openAll = async tab => {
+  await tab.evaluate(() => {
+    for (let closed; (closed = document.querySelector('.tree .all details:not([open]) > summary'));) closed.click();
+    for (const details of document.querySelectorAll('.tree li[id] > details')) details.open = true;
+  });
+  await until(async () => await count(tab, '.tree li[id] > details > dl') >= await count(tab, '.tree li[id]'), 'all are open');
+};
+/* Everything in the rows, in their order. */
+const rowsOf = tab => tab.$$eval('.tree li', rows => rows.map(row => {
+  const texts = [...row.querySelectorAll(':scope > details > summary > *, :scope > details > dl > *')]
+    .filter(part => !part.matches('dt:has(+ dd > button), dd:has(> button)')).map(part => part.textContent);
+  const classes = [...row.classList].filter(name => name !== 'lit' && name !== 'c0').sort();
+  return [row.id, classes.join(' '), row.style.getPropertyValue('--d') || '0', ...texts.length > 0 ? texts : [row.textContent.trim()]];
+}));
+
+test('shows of each incident with the script what stands there without', async () => {
+  for (const lines of [NIGHT_12, night(200), night(50, 'hostile'), night(40, 'chain'), night(12, 'ages'), LONG_LINKS]) {
+    const tab = await open(lines), plain = await open(lines, {script: false});
+    await openAll(tab);
+    const wanted = await rowsOf(plain);
+    (await rowsOf(tab)).forEach((row, at) => assert.deepEqual(row, wanted[at]));
+    assert.equal((await rowsOf(tab)).length, wanted.length);
+    await tab.close();
+    await plain.close();
+  }
+});
+
+/* What is drawn: marks, arrows, times, dates and pauses, with their numbers. */
+const drawingOf = tab => tab.evaluate(() => [...document.querySelectorAll('.drawing svg')].flatMap(svg => {
+  const above = svg.classList.contains('canvas') ? 44 : 0; // what the axis takes is a drawing of its own
+  return [...svg.querySelectorAll('rect.mark, rect.band, rect.break[y="20"], path.arrow, path.tip, svg text:not(.name)')].map(part => {
+    const kind = [part.tagName, ...part.classList].join(' '), d = part.getAttribute('d');
+    const numbers = d ? d.match(/-?\d+(\.\d+)?/g).map(Number) : ['x', 'y', 'width'].map(name => Number(part.getAttribute(name)));
+    const step = kind.startsWith('path arrow c') ? 2 : kind.startsWith('path tip') ? 5 : numbers.length; // from one place to the next
+    for (let at = 1; at < numbers.length; at += step) numbers[at] += above;
+    if (kind === 'text day') numbers.shift(); // the script has the first date at the edge
+    return {says: `${kind} ${part.textContent} ${part.closest('a')?.getAttribute('aria-label') ?? ''}`, numbers};
+  });
+}));
+
+test('draws with the script what is drawn without', async () => {
+  for (const lines of [NIGHT_12, night(60), NIGHT_300, LONG_LINKS]) {
+    const plain = await open(lines, {script: false}), tab = await open(lines);
+    const width = () => tab.$eval('.canvas', canvas => Number(canvas.getAttribute('width')));
+    await tab.setViewport({width: 1280 + 1024 - await width(), height: 4000});
+    await until(async () => await width() === 1024, 'the canvas has the width of the drawing');
+    const drawn = await drawingOf(tab);
+    for (const {says, numbers} of await drawingOf(plain)) {
+      const at = drawn.findIndex(part => part.says === says && part.numbers.length === numbers.length &&
+        part.numbers.every((number, place) => Math.abs(number - numbers[place]) < (says.startsWith('text') ? 12 : 1.1)));
+      assert.ok(at >= 0, `${says} at ${numbers} is among ${JSON.stringify(drawn.filter(part => part.says === says))}`);
+      drawn.splice(at, 1);
+    }
+    assert.deepEqual(drawn, []);
+    await tab.close();
+    await plain.close();
+  }
+});
+
+/* All that is recorded of an incident, as somebody would look for it. */
+const textsIn = value => typeof value === 'object' && value ? Object.values(value).flatMap(textsIn) : [String(value)];
+const wordsIn = incident => textsIn(incident).join(' ').toLowerCase();
+
 test('shows 10,000 incidents in time, in few elements, of a file of 5 MB', async () => {
   const started = performance.now();
   const page = pageOf(NIGHT_10000);
@@ -193,6 +268,144 @@ test('narrows rows and marks to what is asked for, and keeps it in its address',
   await tab.close();
 });
 
+test('finds what has all the words, wherever they are recorded', async () => {
+  const lines = NIGHT_300.replace('Snapshot ', 'Can\'t &lt; \\"keep\\" snapshot ');
+  const tab = await open(lines), incidents = incidentsOf(lines);
+  for (const question of ["can't", '&lt; "keep"', 'disk07 volume', 'PAUSED  dm_', 'sectors 192.0.2.18', 'replaced of 2048 4410',
+    'stn.web console', incidents[40].id, incidents[41].id.slice(5, 15) + ' 2026-11-24', 'nothing of all that']) {
+    await tab.$eval('[name=q]', (box, text) => {
+      box.value = text;
+      box.dispatchEvent(new Event('input', {bubbles: true}));
+    }, question);
+    const words = question.toLowerCase().split(/\s+/);
+    const found = incidents.filter(incident => words.every(word => wordsIn(incident).includes(word)));
+    assert.equal(await shown(tab), `${found.length} of 300 incidents`, question);
+  }
+  await tab.close();
+});
+
+test('narrows by process and product, also together, and says so in its address', async () => {
+  const tab = await open(NIGHT_300), incidents = incidentsOf(NIGHT_300);
+  const choose = async (name, text) => tab.select(`[name=${name}]`, await tab.$$eval(`[name=${name}] option`, (options, wanted) =>
+    options.find(option => option.textContent === wanted).value, text));
+  await choose('process', 'stn_console');
+  await choose('product', 'stn.web');
+  const found = incidents.filter(({process, source}) => process.name === 'stn_console' && source.product === 'stn.web');
+  assert.equal(await shown(tab), `${found.length} of 300 incidents`);
+  await until(() => tab.url().endsWith('#process=stn_console&product=stn.web'), 'the address says it');
+  await tab.reload();
+  assert.equal(await shown(tab), `${found.length} of 300 incidents`);
+  await tab.close();
+});
+
+test('reaches an incident below what is folded, and among what is not asked for', async () => {
+  const tab = await open(NIGHT_300);
+  const effect = incidentsOf(NIGHT_300).find(({cause, description}) => cause && description.startsWith('Alarm'));
+  for (const hide of ["for (let fold; (fold = document.querySelector('.fold[aria-expanded=true]'));) fold.click()",
+    "const box = document.querySelector('[name=q]'); box.value = 'locked'; box.dispatchEvent(new Event('input', {bubbles: true}))"]) {
+    await tab.evaluate(hide);
+    assert.equal(await tab.evaluate(id => document.getElementById(id), effect.id), null);
+    await tab.evaluate(id => { location.hash = '#' + id; }, effect.id);
+    await hasFocus(tab, effect.id);
+    await tab.evaluate(() => { location.hash = ''; });
+  }
+  await tab.close();
+});
+
+test('lights up a chain, its marks, its arrows and its rows, and nothing else', async () => {
+  const tab = await open(NIGHT_12), incidents = incidentsOf(NIGHT_12);
+  const rootOf = ({id, cause}) => cause ? rootOf(incidents.find(other => other.id === cause)) : id;
+  const effect = incidents.find(({cause}) => cause);
+  const chain = incidents.filter(incident => rootOf(incident) === rootOf(effect)).map(({id}) => id).sort();
+  await tab.hover(`.tree li[id="${effect.id}"] summary`);
+  const lit = await tab.evaluate(() => ({
+    rows: [...document.querySelectorAll('.tree li.lit')].map(row => row.id).sort(),
+    marks: [...document.querySelectorAll('.canvas a.on')].length,
+    arrows: [...document.querySelectorAll('.canvas .arrow')].map(arrow => [arrow.classList[1], arrow.classList.contains('on')]),
+  }));
+  assert.deepEqual(lit.rows, chain);
+  assert.ok(lit.marks > 1);
+  const colour = await tab.$eval(`.tree li[id="${effect.id}"]`, row => [...row.classList].find(name => /^c\d$/.test(name)));
+  for (const [of, isOn] of lit.arrows) assert.equal(isOn, of === colour);
+  assert.ok(lit.arrows.some(([, isOn]) => isOn));
+  await tab.mouse.move(0, 0);
+  assert.equal(await count(tab, '.canvas .on, .tree .lit'), 0);
+  await tab.close();
+});
+
+test('goes by keys to what is earlier and later, nearer and farther', async () => {
+  const tab = await open(NIGHT_300);
+  const marks = () => tab.$$eval('.canvas a', all => all.map(mark => mark.getBoundingClientRect().x));
+  const focus = () => tab.evaluate(() => document.activeElement.getBoundingClientRect().x);
+  const window = () => tab.$eval('.overview .window', part => [part.x.baseVal.value, part.width.baseVal.value]);
+  await tab.evaluate(() => document.querySelector('.canvas [tabindex="0"]').focus());
+  await press(tab, 'End');
+  const end = await focus();
+  await press(tab, 'ArrowLeft');
+  assert.ok(await focus() < end);
+  await press(tab, 'Home');
+  assert.ok(await focus() < end);
+  await press(tab, '+', '+');
+  const [at, width] = await window();
+  await tab.keyboard.down('Shift');
+  await press(tab, 'ArrowRight');
+  const [later] = await window();
+  assert.ok(Math.abs(later - at - (width + 2) / 4) < 2, `from ${at} to ${later}, of ${width}`);
+  await press(tab, 'ArrowLeft', 'ArrowLeft');
+  assert.ok((await window())[0] < later);
+  await tab.keyboard.up('Shift');
+  await press(tab, '-');
+  assert.ok(Math.abs((await window())[1] - 2 * width) < 6);
+  await tab.close();
+});
+
+test('goes by keys through the rows, folds by them, and from an effect to its cause', async () => {
+  const tab = await open(NIGHT_12), incidents = incidentsOf(NIGHT_12);
+  const effect = incidents.find(({cause}) => cause);
+  await tab.focus(`.tree li[id="${effect.cause}"] > details > summary`);
+  await press(tab, 'ArrowDown');
+  const below = await tab.evaluate(() => document.activeElement.closest('li').id);
+  assert.equal(incidents.find(({id}) => id === below).cause, effect.cause);
+  await press(tab, 'ArrowUp', 'ArrowLeft');
+  assert.equal(await tab.$(`.tree li[id="${below}"]`), null);
+  await press(tab, 'ArrowRight');
+  await tab.focus(`.tree li[id="${below}"] > details > summary`);
+  await press(tab, 'ArrowLeft', 'ArrowLeft');
+  await hasFocus(tab, effect.cause);
+  await tab.close();
+});
+
+test('has in a record of many all that is recorded', async () => {
+  const incidents = incidentsOf(night(2500)), one = incidents.find(({cause, details}) => cause && details !== '');
+  const tab = await open(night(2500), {hash: '#' + one.id}), {source, process, message} = one;
+  await (await tab.waitForSelector(`.tree li[id="${one.id}"] summary`)).focus();
+  await press(tab, 'Enter');
+  const record = await tab.waitForSelector(`.tree li[id="${one.id}"] dl`);
+  const time = new Date(one.id_time).toLocaleString('sv', {timeZone: 'Europe/Berlin'});
+  assert.deepEqual(await record.$$eval('dt, dd', parts => parts.map(part => part.textContent)), [
+    'Error ID', one.id, 'Cause', `${one.cause} (${incidents.findIndex(({id}) => id === one.cause) + 1})`,
+    'Details', one.details, 'Arguments', ...message.arguments.map(({value}) => String(value)), 'Record', `offset ${one.offset}`,
+    'Time', `Tue ${time}.${one.id_time.slice(20, 23)}`,
+    'Detected in', `${source.file} line ${source.line}, version ${source.version}, product ${source.product}`,
+    'Process', `${process.name} ${process.id}, parent ${process.parent}, thread ${process.thread}`,
+    'Stack', `${one.stack}, on ${one.node}`, 'Message', `${message.default}no catalog, set 0, number 0`,
+    'Arguments are', 'string, int', '', 'On the time line']);
+  await tab.close();
+});
+
+test('tells beside a mark of several what the first of them are, and how many more', async () => {
+  const tab = await open(NIGHT_300);
+  const marks = await tab.$$eval('.canvas a[data-m]', all => all.map(mark => [mark.dataset.m, Number(mark.querySelector('.many')?.textContent)]));
+  const [number, amount] = marks.find(([, many]) => many > 5);
+  await tab.$eval(`.canvas a[data-m="${number}"]`, mark => mark.focus());
+  const told = await tab.$$eval('.box p', parts => parts.map(part => part.textContent));
+  assert.equal(told.length, 5);
+  assert.equal(told[4], `and ${amount - 4} more`);
+  await tab.focus('[name=q]');
+  assert.equal(await tab.$eval('.box', box => box.hidden), true);
+  await tab.close();
+});
+
 test('reaches an incident by its Error ID, also among repeats that are folded away', async () => {
   const folded = await open(NIGHT_300);
   assert.ok(await count(folded, '.tree .all') > 0 && await count(folded, '.tree li[id]') < 300);
@@ -233,17 +446,6 @@ test('has every mark whole, however narrow it is', async () => {
     }).length;
   });
   assert.equal(cut, 0);
-  await tab.close();
-});
-
-test('folds the effects of a cause away', async () => {
-  const tab = await open(NIGHT_12);
-  const rows = await count(tab, '.tree li[data-i]');
-  await tab.click('.fold');
-  const left = await count(tab, '.tree li[data-i]');
-  assert.ok(left < rows);
-  await press(tab, 'Enter');
-  assert.equal(await count(tab, '.tree li[data-i]'), rows);
   await tab.close();
 });
 
