@@ -71,6 +71,9 @@ def lines_that_are_none():
         "carriage return": line + "\r",
         "an argument of another type": line.replace('"type":"int"', '"type":"pointer"'),
         "an argument that is too large": line.replace('"value":3', '"value":2147483648'),
+        "an address with too many digits": line.replace('"type":"string","value":"disk07"', '"type":"pointer","value":"0x' + "1" * 17 + '"'),
+        "an int that is a long": line.replace('"value":3}', '"value":-2147483649}'),
+        "a line that looks like bytes": "\\x" + line.encode().hex(),
         "a node that is none": line.replace('"node":"192.0.2.2"', '"node":"192.0.2"'),
         "a year that is none": line.replace('"time":"2026', '"time":"20026'),
         "bytes of another text": line.replace('"details"', '"description_base64":"/w==","details"'),
@@ -91,11 +94,13 @@ def lines_that_are_none():
         "an error without reason": '{"stack":"disks","error":{"code":-1,"name":"X"}}',
     }.items():
         put([bad], host="bad", place=place.replace(" ", "_").replace(",", "").replace("'", ""))
-    expect("all of them are kept, with the reason", query("SELECT count(*) FROM zelk_rejected WHERE host = 'bad'"), "41")
+    expect("all of them are kept, with the reason", query("SELECT count(*) FROM zelk_rejected WHERE host = 'bad'"), "44")
     expect("none has become a row", rows("host = 'bad'"), 0)
     expect("bytes that are no text are kept as they came",
            query("SELECT encode(line, 'hex') FROM zelk_rejected WHERE host = 'bad' AND place LIKE 'a_NUL:%'"),
            b"a \0 byte".hex())
+    expect("and so is what looks like bytes", query("SELECT left(convert_from(line, 'UTF8'), 6) FROM zelk_rejected WHERE "
+           "host = 'bad' AND place LIKE 'a_line_that_looks%'"), "\\x7b22")
 
 
 def any_double(chance):
@@ -215,6 +220,8 @@ def nameless():
     line = line_of(3).replace(f'"{id_of(3)}"', "null").replace('"id_time":"2026-11-25T07:09:30.002991Z","node":"192.0.2.2",', "")
     put([line, line, line.replace('"offset":24', '"offset":300')], host="old")
     expect("they are told apart by what they say", rows("host = 'old' AND key LIKE '#%'"), 2)
+    put([line_of(9100)], host="-")
+    expect("in the open a node need not say who it is", query(f"SELECT host FROM zelk_incident WHERE key = '{id_of(9100)}'"), "")
 
 
 def gaps():
@@ -245,6 +252,8 @@ def months():
     asking.wait()
     query("SELECT zelk_make_partition(now())")
     expect("its rows move in later", query("SELECT tableoid::regclass FROM zelk_incident WHERE host = 'now'"), this)
+    until_its_end = query("SELECT now() - '2026-01-31 00:00:00Z'")
+    expect("a month stays as long as a part of it is young enough", query(f"SELECT zelk_drop_before('{until_its_end}')"), "0")
     expect("old months go as a whole", query("SELECT zelk_drop_before(interval '200 days')"), "1")
     expect("and what waited among the others", rows("host = 'months'"), 0)
 
@@ -629,6 +638,32 @@ def distributed():
     expect("and are all that was told", (answers[0][0].count("\n") + 1, "another incident" in answers[0][2]), (41, True))
 
 
+def pages():
+    """What zelk-page writes about all of them: each text is one, each chain has its page, and what is not needed goes."""
+    fleet.make_database("paged")
+    cause = line_of(1, int(time.time()) - 60).replace("8589934712, 0.5.", "<b>&amp;\\u001B</b>")
+    effects = [line_of(number, int(time.time()) - 50, id_of(1, int(time.time()) - 60)) for number in (2, 3)]
+    for host, line in [("here", cause), ("there", effects[0]), ("there", effects[1]), ("<i>", '{"stack":"<u>","gap":true}'),
+                       ("here", "<s>no line")]:
+        query(f"SELECT zelk_put('{host}', '1', $Q${line}$Q$)", "paged")
+    folder = fleet.folder + "/pages"
+    os.mkdir(folder)
+    for name in ("chain-old.html", "mine.html"):
+        open(f"{folder}/{name}", "w").close()
+    answer = subprocess.run([fleet.FLEET + "/zelk-page", folder], capture_output=True, text=True,
+                            env=fleet.environment | {"PGUSER": "zelk_reader", "PGDATABASE": "paged"})
+    front = open(folder + "/index.html").read()
+    expect("a page is written", (answer.returncode, answer.stderr), (0, ""))
+    row = re.search('<tr><td class="number">2</td>.*', front)[0]
+    expect("a first cause has its effects, and a page of its chain", (
+        re.sub("<[^>]*>", "|", row.replace("</td>", "")).split("|")[6:9:2], len(os.listdir(folder))),
+        (["192.0.2.2", "stn.node"], 3))
+    chain = re.search('href="(chain-[^"]*)"', row)[1]
+    expect("the chain is there", [id in open(f"{folder}/{chain}").read() for id in re.findall('"id":"([^"]*)"', "".join(effects))], [True, True])
+    expect("no recorded text is markup", [tag for tag in ("<b>", "<i>", "<u>", "<s>") if tag in front], [])
+    expect("nor a control", "&lt;b&gt;&amp;amp;\ufffd&lt;/b&gt;" in front, True)
+
+
 # ---- What sends ---------------------------------------------------------------------------------------------------------
 
 def make_spool(name, **files):
@@ -670,6 +705,8 @@ def spool_is_sent():
     expect("the rest of a line is waited for", wait_until(lambda: id_of(300003) in keys()), True)
     forward.terminate()
     expect("what sends ends with 0", forward.wait(), 0)
+    lines_taken(gatherer)
+    expect("what has been taken waits no more", re.findall(r"(\d+) lines \((\d+) KiB\) wait", open(gatherer.log).read())[-1], ("0", "0"))
     with open(spool + "/1000.json", "a") as file:
         file.write(e + "\n")
     forward = start_forward()
@@ -682,6 +719,19 @@ def spool_is_sent():
     expect("and the database knows it", len(keys().split()), 5)
     kill(forward)
     kill(gatherer)
+
+
+def spool_goes_on():
+    """A new file is the newest, also where the clock was set back."""
+    spool, cursor = fleet.folder + "/clock", fleet.folder + "/clock-cursor"
+    os.mkdir(spool)
+    newest = time.time_ns() + 3600 * 10**9
+    with open(f"{spool}/{newest}.json", "w") as file:
+        file.write("#" * 131072 + "\n")
+    running = fleet.start(fleet.FLEET + "/zelk-spool", ZELK_SPOOL=spool, ZELK_CURSOR=cursor, ZELK_SPOOL_SIZE="131072")
+    expect("a file that is begun after the clock was set back is the newest all the same", wait_until(
+        lambda: sorted(os.listdir(spool)) == [f"{newest}.json", f"{newest + 1}.json"]), True)
+    kill(running)
 
 
 def hostile_middles():
@@ -829,6 +879,7 @@ def main():
     gaps()
     questions()
     checks()
+    pages()
     who_may()
     neighbours()
     half_open(begun, silent)
@@ -841,6 +892,7 @@ def main():
     away()
     failover()
     spool_is_sent()
+    spool_goes_on()
     hostile_middles()
     gatherer = three_nodes(gatherer)
     months()

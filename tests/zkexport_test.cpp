@@ -13,7 +13,7 @@ static const std::string ID = "726md..Wdc/f/iJr/06...1...................",
 /* What would do harm, or be lost, where it is taken for anything but text. */
 static const std::string HOSTILE =
     "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9B \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xE0\x9F\xBF "
-    "\xF0\x9F\x98\x80 "
+    "\xF0\x9F\x98\x80 \xF4\x90\x80\x80 \xF4\x8F\xBF\xBD \xEF\xB7\xA0 \xEF\xB7\xAF "
     "\xEF\xBF\xBF";
 
 static incident hostile(const std::string& id, const std::string& cause) {
@@ -61,7 +61,8 @@ TEST(json, shows_that_a_whole_number_is_a_double_and_whose_id_has_any_entry) {
       stack().add({.id = "7??????" + ID.substr(7), .arg_count = 1, .args = wide_arg(CU_ERROR_ARG_DOUBLE, 3.0)}).file();
   EXPECT_EQ(script("zkexport " + file + " | grep -o '\"value\":[^}]*\\|\"node\":\"[^\"]*'"),
             "\"node\":\"192.0.2.2\n\"value\":3.0\n");
-  const std::string unknown = stack().add({.id = ID.substr(0, 41) + "x"}).file(); /* such addresses are of a later version */
+  const std::string unknown =
+      stack().add({.id = ID.substr(0, 41) + "x"}).file(); /* such addresses are of a later version */
   EXPECT_EQ(script("zkexport " + unknown + " | jq -c '[.id_time, .node]'"), "[null,null]\n");
 }
 
@@ -88,7 +89,8 @@ TEST(json, escapes_each_control_as_it_always_did) {
 /* Any record is a line, and that line is read as the same incident again. */
 TEST(json, is_taken_again_whatever_is_recorded) {
   std::mt19937_64 random(4711);
-  const std::string pieces[] = {"disk", "\xFF", "\xE2\x82", "\u00e9", "\x01", "\"\\", "%1$s", "%", "\U0001F600", "\n"};
+  const std::string pieces[] = {"disk", "\xFF", "\xE2\x82", "\u00e9",     "\x01",
+                                "\"\\", "%1$s", "%",        "\U0010FFFD", "\b\f\r\t\n"};
   auto text_of = [&] {
     std::string made;
     for (uint64_t count = random() % 6; count > 0; --count) made += pieces[random() % std::size(pieces)];
@@ -98,18 +100,32 @@ TEST(json, is_taken_again_whatever_is_recorded) {
   for (int round = 0; round < 20; ++round) {
     stack made(16384);
     for (int count = 0; count < 12; ++count) {
-      const std::string id = random() % 4 == 0 ? text_of().substr(0, 42) : std::string(ID).replace(13, 2, std::to_string(10 + count));
+      const std::string id =
+          random() % 4 == 0 ? text_of().substr(0, 42) : std::string(ID).replace(13, 2, std::to_string(10 + count));
       std::string arguments = string_arg(text_of()) + wide_arg(CU_ERROR_ARG_DOUBLE, numbers[random() % 8]) +
                               wide_arg(CU_ERROR_ARG_DOUBLE, std::bit_cast<double>(random())) +
                               wide_arg(CU_ERROR_ARG_LONG_LONG, static_cast<int64_t>(random())) +
                               int_arg(static_cast<int32_t>(random())) + wide_arg(CU_ERROR_ARG_VOID_PTR, random()) +
                               wide_arg(CU_ERROR_ARG_RESERVED, random()) + wide_arg(99, random());
-      made.add({.id = id, .related = random() % 2 == 0 ? CAUSE : text_of().substr(0, 42), .time = static_cast<int32_t>(random()),
-                .process = text_of(), .pid = static_cast<int32_t>(random()), .file = text_of(), .file_version = text_of(),
-                .product = text_of(), .line = static_cast<int32_t>(random()), .catalog = "",
-                .description = text_of(), .arg_count = 8, .args = arguments, .details = text_of()});
+      made.add({.id = id,
+                .related = random() % 2 == 0 ? CAUSE : text_of().substr(0, 42),
+                .time = static_cast<int32_t>(random()),
+                .process = text_of(),
+                .pid = static_cast<int32_t>(random()),
+                .file = text_of(),
+                .file_version = text_of(),
+                .product = text_of(),
+                .line = static_cast<int32_t>(random()),
+                .catalog = "",
+                .description = text_of(),
+                .arg_count = 8,
+                .args = arguments,
+                .details = text_of()});
     }
-    EXPECT_EQ(script("zkexport " + made.file() + " >lines; wc -l <lines; zkexport --input <lines | sort >again; sort lines | cmp - again"), "12\n") << round;
+    EXPECT_EQ(script("zkexport " + made.file() +
+                     " >lines; wc -l <lines; zkexport --input <lines | sort >again; sort lines | cmp - again"),
+              "12\n")
+        << round;
   }
 }
 
@@ -140,11 +156,14 @@ assert "id_time" not in incident
 TEST(json, cuts_a_description_that_is_too_long_at_a_whole_character) {
   std::string accents, shown;
   for (int count = 0; count < 256; ++count) accents += "\u00e9";
-  for (const auto& [text, rest] : {std::pair{std::string(512, 'x'), 512}, {std::string(512, 'x'), 513}, {accents, 512}, {accents, 513}}) {
+  for (const auto& [text, rest] :
+       {std::pair{std::string(512, 'x'), 512}, {std::string(512, 'x'), 513}, {accents, 512}, {accents, 513}}) {
     std::string format = "%2$" + std::to_string(rest) + "d";
     for (int count = 0; count < 63; ++count) format += "%1$s";
     const std::string file =
-        stack().add({.description = format, .arg_count = 2, .args = string_arg(text) + int_arg(7), .details = ""}).file();
+        stack()
+            .add({.description = format, .arg_count = 2, .args = string_arg(text) + int_arg(7), .details = ""})
+            .file();
     shown += script("zkexport " + file +
                     " >l; jq -c '[.cut, (.description | utf8bytelength), .description[-4:]]' l;"
                     "zkexport --input <l | cmp - l");
@@ -273,6 +292,20 @@ TEST(follow, goes_on_behind_the_rotation_of_the_example) {
              "logrotate -f -s $folder/state conf; zkrecord -q $s two; given; kill $!; wait $!; for log in log.1 log; "
              "do jq -r .description $log; done"),
       "one\ntwo\n");
+}
+
+TEST(follow, ends_with_its_terminal) {
+  EXPECT_EQ(script(FOLLOW +
+                   "zkrecord -qC $folder/s one; follow $folder/s; lines 1; kill -HUP $!; wait $! 2>/dev/null; echo $?"),
+            "129\n");
+}
+
+TEST(node, forgets_how_far_stacks_were_read_that_have_gone) {
+  NEEDS_PRIVATE_VAR();
+  EXPECT_EQ(script("cd " ZELK_STACK_DIR
+                   "; zkrecord -qC kept one; for n in $(seq 101); do cp kept s$n; done; give() { zkexport --every -c "
+                   "$folder/c | wc -l; }; give; rm s*; zkrecord -q kept two; give; grep -c / $folder/c"),
+            "102\n1\n1\n");
 }
 
 TEST(follow, does_not_give_a_stack_twice_that_is_moved) {
@@ -421,7 +454,7 @@ class Reader(html.parser.HTMLParser):
 Reader().feed(page)
 hostile = open(")" +
                    new_file(HOSTILE) + R"(", "rb").read().decode("utf-8", "replace")
-for control in "\x1b\x7f\x9b\uffff": hostile = hostile.replace(control, "\ufffd")
+for control in "\x1b\x7f\x9b\ufde0\ufdef\uffff": hostile = hostile.replace(control, "\ufffd")
 assert texts.count(hostile) >= 3 * 6, texts
 assert elements.count("script") == 1 and set(ids) >= {"<b>\ufffd\"" + chr(39) + "&", "same"}, ids
 assert len(ids) == len(set(ids)) == 4, ids')"),
@@ -476,8 +509,31 @@ TEST(input, is_what_json_gives_and_nothing_else) {
                                                         {"\"line\":12", "\"line\":12.0"},
                                                         {"\"details\"", "\"gap\":true,\"details\""},
                                                         {"}\n", "},\n"},
-                                                        {",\"offset\":24", ""}})
+                                                        {",\"offset\":24", ""},
+                                                        {ID, ID + "."},
+                                                        {"{", "{\"more\":1e,"},
+                                                        {"{", "{\"more\":1.,"},
+                                                        {",\"id_time\":\"2026-11-25T07:12:34.488814Z\"", ""}})
     EXPECT_EQ(status_with(was, is), 1) << is.substr(0, 80);
+}
+
+TEST(input, gives_damage_on_once_and_each_gap_and_takes_no_others) {
+  const std::string damage =
+                        R"({"stack":"s","error":{"code":-26,"name":"ZELK_FILE_CORRUPT","offset":0,"reason":"why"}})",
+                    gap = R"({"stack":"s","gap":true})";
+  auto given = [](const std::string& lines) {
+    return run({"/bin/sh", "-c", program("zkexport") + " --input <" + new_file(lines)});
+  };
+  EXPECT_EQ(given(damage + "\n" + gap + "\n" + gap + "\n" + damage + "\n"),
+            good(damage + "\n" + gap + "\n" + gap + "\n"));
+  for (const auto& [was, is] :
+       std::vector<std::pair<std::string, std::string>>{{"-26", "-27"},
+                                                        {"{\"code\":-26", "{\"code\":-1,\"code\":-26"},
+                                                        {"\"offset\":0", "\"offset\":-1"},
+                                                        {"\"why\"", "\"\""},
+                                                        {",\"reason\":\"why\"", ""},
+                                                        {"\"s\",", "\"s\",\"gap\":true,"}})
+    EXPECT_EQ(given(replaced(damage, was, is)).status, 1) << is;
 }
 
 TEST(input, puts_incidents_of_several_nodes_in_order_of_time) {
@@ -499,6 +555,7 @@ TEST(zkexport, takes_a_command_line_as_gnu_does_but_no_part_of_a_name) {
   const std::string unexpected = "zkexport: The following argument was not expected: ";
   for (const std::string bad : {"--form", "--bogus=3", "-x", "--ever"})
     EXPECT_EQ(zkexport({file, bad, "--another"}), (outcome{"", unexpected + bad + "\nTry 'zkexport --help'\n", 2}));
+  EXPECT_TRUE(zkexport({"--bogus", "--help"}).out.starts_with("Gives "));
   EXPECT_EQ(zkexport({"--every=yes"}).err,
             "zkexport: every was given a disallowed flag override\nTry 'zkexport --help'\n");
   EXPECT_EQ(zkexport({"-i"}).err, "zkexport: --id: 1 required ID missing\nTry 'zkexport --help'\n");
@@ -507,7 +564,8 @@ TEST(zkexport, takes_a_command_line_as_gnu_does_but_no_part_of_a_name) {
 TEST(zkexport, refuses_what_does_not_go_together) {
   for (const char* misuse :
        {"", "--format=xml s", "--every s", "--follow --format=dot s", "--every -n 1 -f", "--id=x --follow",
-        "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s"}) {
+        "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s", "--chain s", "--max-stack=20000 s",
+        "-c f --id=x", "-c f --input", "-f --input", "-c f -n 1 s", "s --id=x", "--input --every"}) {
     const outcome refused = zkexport(words(misuse));
     EXPECT_EQ(refused.status, 2) << misuse;
     EXPECT_NE(refused.err.find("\nTry 'zkexport --help'\n"), std::string::npos) << refused;

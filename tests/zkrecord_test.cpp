@@ -36,10 +36,14 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
       {{"%c%c%c|", "A", "66", ""}, "AB|"},
       {{"%c is %3c%1$c", "\u00e9", "\u20ac"}, "\u00e9 is \u20ac\u00e9"},
       {{"%.2f %g %E %a", "1.5", "inf", "100", "0x1p4"}, "1.50 inf 1.000000E+02 0x1p+4"},
+      {{"%e %F %G %A %i", "0.5", "0.5", "0.5", "0.5", "-010"}, "5.000000e-01 0.500000 0.5 0X1P-1 -8"},
       {{"%p %p", "0x2007f3a0", "0"}, "0x2007f3a0 (nil)"},
       {{"%2$s before %1$-4d|", "5", "text"}, "text before 5   |"},
       {{"a\\tb\\\\ \\101\\x42 \\u00e9 \\q"}, "a\tb\\ AB \u00e9 \\q"},
       {{"\\a\\b\\e\\f\\v\\\"\\541 \\U0001F600"}, "\a\b\033\f\v\"a \U0001F600"},
+      {{"\\18\\0419 \\x4g \\u00e9a"},
+       "\1"
+       "8!9 \4g \u00e9a"},
       {{"100\\045 d \\x25s"}, "100% d %s"},
       {{"\\x25d %d", "5"}, "%d 5"},
       {{"{}[a,b] %s %s", "[c,d]", "--quiet"}, "{}[a,b] [c,d] --quiet"}};
@@ -152,10 +156,14 @@ TEST(zkrecord, loses_no_incident_for_its_trimmings) {
   const std::string no_eid(42, 'x'), no_cause = "zkrecord: --cause: '" + no_eid + "' is not an Error ID\n";
   noted({"-c", no_eid}, no_cause, "cause  " + no_eid);
   noted({"-c", no_eid, "-d", "one\ntwo\n"}, no_cause, "one\ntwo\ncause  " + no_eid);
+  const std::string later = "726md..Wdc/f/iJr/06...1..................x",
+                    no_later = "zkrecord: --cause: '" + later + "' is not an Error ID\n";
+  noted({"-c", later}, no_later, "cause  " + later); /* its address is of another type */
   noted({"-c", ""}, "", "");
   noted({"-c", "a\nb"}, "zkrecord: --cause: 'a?b' is not an Error ID\n", "cause  a b");
   noted({"-D", "/nowhere", "-d", "one"}, "zkrecord: /nowhere: No such file or directory\n", "one\ndump file  /nowhere");
   noted({"-D", "/"}, "zkrecord: /: Is a directory\n", "dump file  /");
+  noted({"-D", "/dev/null"}, "zkrecord: /dev/null: it is not a regular file\n", "dump file  /dev/null");
   noted({"-D", "/a\ncause  b"}, "zkrecord: /a?cause  b: No such file or directory\n", "dump file  /a cause  b");
   const std::string long_name = "/" + std::string(500, 'n');
   noted({"-D", long_name}, "zkrecord: " + long_name + ": File name too long\n", "dump file  " + long_name);

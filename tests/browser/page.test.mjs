@@ -356,6 +356,61 @@ test('goes by keys to what is earlier and later, nearer and farther', async () =
   await tab.keyboard.up('Shift');
   await press(tab, '-');
   assert.ok(Math.abs((await window())[1] - 2 * width) < 6);
+  assert.equal(await count(tab, '.canvas [tabindex="0"]'), 1);
+  await tab.close();
+});
+
+test('goes by buttons and by dragging, too, and from a row to its mark however far', async () => {
+  const tab = await open(NIGHT_300), incidents = incidentsOf(NIGHT_300);
+  const view = () => tab.evaluate(() => { // of all that there is
+    const part = document.querySelector('.overview .window'), all = document.querySelector('.overview').viewBox.baseVal.width;
+    return part ? [(part.x.baseVal.value - 1) / all, (part.x.baseVal.value + part.width.baseVal.value + 1) / all] : [0, 1];
+  });
+  const after = async (work, holds) => {
+    const before = await view();
+    await work();
+    await until(async () => {
+      const now = await view();
+      return now.join() !== before.join() && holds(now, before);
+    }, `${before}, and ${holds}`);
+  };
+  const click = name => () => tab.click(`[data-do=${name}]`);
+  await after(click('in'), ([from, to]) => Math.abs(to - from - 0.5) < 0.01);
+  await after(click('in'), ([from, to]) => Math.abs(to - from - 0.25) < 0.01);
+  await after(click('left'), ([now], [before]) => now < before);
+  await after(click('right'), ([now], [before]) => now > before);
+  await after(click('out'), ([from, to]) => Math.abs(to - from - 0.5) < 0.01);
+  const drag = async (selector, from, to) => {
+    const {x, y, width} = await tab.$eval(selector, element => element.getBoundingClientRect().toJSON());
+    await tab.mouse.move(x + from * width, y + 2); // above all marks
+    await tab.mouse.down();
+    await tab.mouse.move(x + to * width, y + 2);
+    await tab.mouse.up();
+  };
+  await after(() => drag('.canvas', 0.6, 0.4), ([now], [before]) => now > before);
+  await after(() => drag('.overview', 0.5, 0.1), ([from]) => from < 0.01);
+  const {id} = incidents[299];
+  await tab.evaluate(anchor => { location.hash = '#view=0-10&id=' + encodeURIComponent(anchor); }, id);
+  await hasFocus(tab, id);
+  await tab.click(`.tree li[id="${id}"] summary > b`);
+  await until(() => tab.evaluate(anchor => decodeURIComponent(document.activeElement.getAttribute('href') ?? '') === '#' + anchor &&
+    document.activeElement.getBoundingClientRect().right <= window.innerWidth, id), 'its mark has the focus, in sight');
+  await after(click('all'), ([from, to]) => from === 0 && to === 1);
+  await tab.close();
+});
+
+test('keeps in its address what is asked for and what is looked at', async () => {
+  const tab = await open(NIGHT_300), cause = incidentsOf(NIGHT_300).find(({cause: id, description}) => id && /paused/.test(description)).cause;
+  await tab.type('[name=q]', 'disk');
+  await tab.evaluate(() => { document.querySelector('.tree li[id] details:not(:has(dl))').open = true; });
+  await tab.evaluate(id => {
+    const box = document.createElement('li');
+    box.dataset.i = 0;
+    box.innerHTML = `<dl><a href="#${encodeURIComponent(id)}">it</a></dl>`;
+    document.querySelector('.tree').append(box);
+    box.querySelector('a').click();
+  }, cause);
+  await until(() => decodeURIComponent(tab.url()).includes(`#q=disk&id=${cause}`), 'both are in the address');
   await tab.close();
 });
 
@@ -507,6 +562,17 @@ test('says the times in the zone of its reader, with UTC beside them', async () 
     assert.match(await tab.$eval('.span', span => span.textContent), /^Tue 2026-11-24 2\d:\d\d:\d\d to .* CET \(UTC 2026-11-24 /);
     await tab.close();
   }
+});
+
+test('has the days in UTC where there are two, and none twice', async () => {
+  const at = time => JSON.stringify({...incidentsOf(NIGHT_12)[0], id: time, time, id_time: undefined, node: undefined}) + '\n';
+  for (const [last, text] of [['2026-11-24T22:30:00Z', '(UTC 2026-11-24 22:10:00 to 22:30:00)'],
+    ['2026-11-25T22:30:00Z', '(UTC 2026-11-24 22:10:00 to 2026-11-25 22:30:00)']])
+    for (const script of [true, false]) {
+      const tab = await open(at('2026-11-24T22:10:00Z') + at(last), {script});
+      assert.ok((await tab.$eval('.span', span => span.textContent)).endsWith(text));
+      await tab.close();
+    }
 });
 
 test('keeps processes of one name and number apart by their nodes', async () => {
