@@ -177,7 +177,7 @@ TEST(json, cuts_a_description_that_is_too_long_at_a_whole_character) {
 TEST(json, has_no_line_that_is_too_long_for_its_carriers) {
   std::string controls;
   for (int count = 0; count < 200; ++count) controls += "\u0080";
-  for (const std::string& bad : {std::string(400, '\x01'), std::string(400, '\xFF'), controls}) {
+  for (const std::string& bad : {std::string(400, '\x01'), std::string(400, '\xFF'), std::string(420, '"'), controls}) {
     std::string arguments = string_arg(bad);
     for (int count = 0; count < 50; ++count) arguments += string_arg("\xFF");
     std::string description;
@@ -515,6 +515,11 @@ TEST(input, is_what_json_gives_and_nothing_else) {
                                                         {"{", "{\"more\":1.,"},
                                                         {",\"id_time\":\"2026-11-25T07:12:34.488814Z\"", ""}})
     EXPECT_EQ(status_with(was, is), 1) << is.substr(0, 80);
+  for (const auto& [size, status] : {std::pair{42, 0}, {43, 1}}) { /* an Error ID that cannot be decoded */
+    const std::string line = zkexport({stack().add("x").file()}).out;
+    const std::string id(static_cast<size_t>(size), 'x');
+    EXPECT_EQ(shell("zkexport --input <" + new_file(replaced(line, eid("x"), id))).status, status);
+  }
 }
 
 TEST(input, gives_damage_on_once_and_each_gap_and_takes_no_others) {
