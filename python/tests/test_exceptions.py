@@ -12,6 +12,7 @@ from unittest import mock
 
 import zelk
 from support import StackTest
+from zelk._chain import newest_lines
 
 
 class DiskGone(Exception):
@@ -136,6 +137,20 @@ class Chains(StackTest):
         self.assertEqual(lines[-1].strip(), 'raise ValueError("deep")')
         self.assertTrue(self.newest()["source"]["line"] > 0)
 
+    def test_a_text_has_400_characters_and_a_longer_one_says_so(self):
+        recorder = zelk.Recorder(self.stack)
+        recorder.record_exception(OSError("x" * 400))
+        self.assertEqual(self.newest()["description"], "OSError: " + "x" * 400)
+        recorder.record_exception(OSError("x" * 401))
+        self.assertEqual(self.newest()["description"], "OSError: " + "x" * 397 + "...")
+
+    def test_lines_of_a_traceback_take_all_the_room_that_there_is(self):
+        lines = ["first", "a" * 10, "b" * 10]
+        self.assertEqual(newest_lines(lines, 28, False), b"first\naaaaaaaaaa\nbbbbbbbbbb")
+        self.assertEqual(newest_lines(lines, 25, False), b"...\naaaaaaaaaa\nbbbbbbbbbb")
+        self.assertEqual(newest_lines(lines, 24, False), b"...\nbbbbbbbbbb")
+        self.assertEqual(newest_lines(lines, 20, True), b"first\n...\nbbbbbbbbbb")
+
     def test_without_an_exception_there_is_nothing_to_record(self):
         with self.assertRaises(ValueError):
             self.recorder.record_exception()
@@ -175,6 +190,15 @@ class Logging(StackTest):
         thread.join()
         self.assertEqual([each["description"] for each in self.incidents()], ["one of 1", "two of 2", "None of 3", "three of 4"])
         self.assertTrue(self.newest()["details"].endswith("\nthread  worker"))
+
+    def test_the_details_say_where_a_line_comes_from(self):
+        self.log.error("one")
+        root = logging.Logger("root")
+        root.addHandler(self.handler)
+        root.critical("two")
+        one, two = self.incidents()
+        self.assertEqual((one["details"], one["source"]["product"]), ("logger  stn.backup\nlevel  ERROR", "stn"))
+        self.assertEqual((two["details"], two["source"]["product"]), ("logger  root\nlevel  CRITICAL", ""))
 
     def test_the_error_id_is_left_in_the_record(self):
         seen = []
