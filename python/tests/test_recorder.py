@@ -61,7 +61,9 @@ class Messages(StackTest):
                 (("a", 1, 0.5), first),
                 (("b", 2, 1.0), None),
                 (("ö" * 300, 2, 1.5), None),
-                (("b\0", 2**63, 2), first),
+                (("b\0", 2, 2.0), first),
+                (("c", 2**63, 2.0), None),
+                (("d", 2, 2), first),
                 (("", True, 3.5), None),
             ]:
                 recorder.record("%s %d %f", *args, cause=cause, file="again.py", line=1)
@@ -139,15 +141,17 @@ class Many(StackTest):
             for number in range(10):
                 recorder.record("thread %d, %d", thread, number)
 
+        record_ten(4)
         threads = [threading.Thread(target=record_ten, args=(thread,)) for thread in range(4)]
         for thread in threads:
             thread.start()
         for thread in threads:
             thread.join()
         incidents = self.incidents()
-        self.assertEqual(len({incident["description"] for incident in incidents}), 40)
+        self.assertEqual(len({incident["description"] for incident in incidents}), 50)
         counts = collections.Counter(incident["process"]["thread"] for incident in incidents)
-        self.assertEqual(list(counts.values()), [10] * 4)
+        self.assertEqual(list(counts.values()), [10] * 5)
+        self.assertEqual(counts[os.getpid()], 10)
 
     def test_a_child_opens_the_stack_anew_whoever_held_the_recorder(self):
         recorder = zelk.Recorder(self.stack)
@@ -168,8 +172,9 @@ class Many(StackTest):
         incidents = self.incidents()
         shown = ["parent", "parent too", "child", "child too", "parent again", "parent again too"]
         self.assertEqual([incident["description"] for incident in incidents], shown)
-        parent = os.getpid()
-        self.assertEqual([incident["process"]["id"] for incident in incidents], [parent] * 2 + [child] * 2 + [parent] * 2)
+        numbers = [os.getpid()] * 2 + [child] * 2 + [os.getpid()] * 2
+        self.assertEqual([incident["process"]["id"] for incident in incidents], numbers)
+        self.assertEqual([incident["process"]["thread"] for incident in incidents], numbers)
 
     def test_processes_of_multiprocessing_record(self):
         recorder = zelk.Recorder(self.stack, product="many")

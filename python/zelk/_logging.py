@@ -33,12 +33,16 @@ class Handler(logging.Handler):
     def __init__(self, stack: "Union[str, os.PathLike[str]]", level: Union[int, str] = logging.ERROR) -> None:
         super().__init__(level)
         self.recorder = Recorder(stack)
+        self._has_usual_filter = type(self).filter is logging.Handler.filter
 
     def handle(self, record: logging.LogRecord) -> Any:
         """As logging.Handler does, but without a lock, since the recorder has one."""
+        if not self.filters and self._has_usual_filter:
+            self.emit(record)
+            return True
         passed = self.filter(record)
         if passed:
-            self.emit(record if passed is True or not isinstance(passed, logging.LogRecord) else passed)
+            self.emit(passed if isinstance(passed, logging.LogRecord) else record)
         return passed
 
     def emit(self, record: logging.LogRecord) -> None:

@@ -38,7 +38,13 @@ def _file(name: str) -> bytes:
 
 
 _record_incident = record.zk_record_incident
+_get_ident = threading.get_ident
 UNKNOWN: Any = object()  # whether a message can be prepared
+
+
+def _leader() -> Optional[int]:
+    """The thread that calls this, if it has the number of the process, so that nobody has to be asked for it."""
+    return _get_ident() if threading.get_native_id() == os.getpid() else None
 
 
 class Prepared:
@@ -49,6 +55,7 @@ class Prepared:
         self.arguments = form.arguments
         self.incident = incident
         self.has_cause = False
+        self.is_of_leader = False
         self.pointer = ctypes.byref(incident)
 
 
@@ -71,6 +78,7 @@ class Recorder:
         self._incident_pointer = ctypes.byref(self._incident)
         self._eid = ctypes.create_string_buffer(EID_SIZE)
         self._eid_pointer = ctypes.byref(self._eid)
+        self._leader = _leader()
         self._prepared: "Dict[Tuple[object, ...], Optional[Prepared]]" = {}
         _recorders.add(self)
 
@@ -237,6 +245,10 @@ class Recorder:
                 return None
             if self._handle is None:
                 self._open()
+            is_leader = _get_ident() == self._leader
+            if is_leader is not prepared.is_of_leader:
+                prepared.is_of_leader = is_leader
+                prepared.incident.thread_id = prepared.incident.process_id if is_leader else 0
             if cause or prepared.has_cause:
                 prepared.has_cause = bool(cause)
                 prepared.incident.associated_eid = cause.encode("ascii", "replace") if cause else None
@@ -263,6 +275,7 @@ class Recorder:
     def _begin_anew(self) -> None:
         """In a child process: another thread of the parent may have held the lock, and the parent's stack is its own."""
         self._lock = threading.Lock()
+        self._leader = _leader()
         self._incident.process_id = os.getpid()
         self._prepared.clear()
         self.close()
