@@ -24,6 +24,17 @@ TEST(format, has_a_text_for_a_null_string) {
   EXPECT_EQ(made("%1$s|%1$7s|%1$.5s|%1$.6s|%1$5.5s|", {null}), "(null)| (null)||(null)|     |");
 }
 
+TEST(format, takes_arguments_by_numbers_of_any_length) {
+  std::vector<cu_error_arg_t> arguments;
+  std::string format, expected;
+  for (int number = 1; number <= 120; ++number) {
+    arguments.push_back({0, {.cu_arg_int = number}});
+    format = "%" + std::to_string(number) + "$d " + format;
+    expected = std::to_string(number) + " " + expected;
+  }
+  EXPECT_EQ(made(format, arguments), expected);
+}
+
 /* Whatever fits is as printf has it. */
 static void expect_what_printf_prints(std::mt19937_64& random, const std::string& letters, const std::string& flags) {
   int (*const print)(char*, size_t, const char*, ...) = snprintf; /* whose formats need not be literals */

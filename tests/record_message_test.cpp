@@ -137,6 +137,7 @@ TEST(open_or_create, makes_a_stack_once) {
   const std::string path = new_name();
   EXPECT_EQ(open_or_create(path, 9000), 0);
   EXPECT_EQ(open_or_create(path, 0), 0);
+  EXPECT_EQ(open_or_create(path, 16385), -5); /* also where none is made */
   EXPECT_EQ(contents(path).size(), 9000U);
   const std::string usual = new_name();
   EXPECT_EQ(open_or_create(usual, 0), 0);

@@ -299,6 +299,17 @@ TEST(recording, goes_on_in_stacks_of_every_fill) {
   }
 }
 
+/* A record of 155 bytes in the middle of an area of 1192: a longest one has to fit on either side. */
+TEST(recording, keeps_the_newest_incident_wherever_it_stands) {
+  for (int place = 7500; place < 7540; ++place) {
+    const std::string at = std::to_string(place),
+                      path = new_file(
+                          described_stack("records_start 7000\nwrite_pos " + at + "\nrecord A\nearliest_rec " + at));
+    ASSERT_EQ(record(path, 1000, std::string(2000, 'd')), 0);
+    ASSERT_EQ(shown(path).numbers, (std::vector{0, 1000})) << place;
+  }
+}
+
 /* ---- Damage -------------------------------------------------------------------------------------------------------- */
 
 /* Records have 155 bytes: A at 24, B at 179; what follows is free from 334 on. */

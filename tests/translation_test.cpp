@@ -134,6 +134,19 @@ TEST_P(each_catalog, keeps_the_columns_of_the_brief_report) {
   zk_close_catalog(catalog);
 }
 
+TEST(translation, is_not_made_in_a_character_set_that_lacks_a_letter) {
+  if (catalogs().empty()) GTEST_SKIP() << "no catalogs are made here";
+  const std::string source = new_file("$ codeset=UTF-8\n$set 7\n1 \u0141adowanie\n") + ".msg", made = source + ".cat";
+  fs::rename(fs::path(source).replace_extension(), source);
+  const auto make = [&](const std::string& codeset) {
+    return run({GOLDEN_FOLDER "/../../catalogs/make-catalog", made, codeset, source}, {{"PATH", "/usr/bin:/bin"}})
+        .status;
+  };
+  EXPECT_NE(make("ISO-8859-1"), 0);
+  EXPECT_FALSE(fs::exists(made));
+  EXPECT_EQ(make("UTF-8"), 0);
+}
+
 static std::string complaint_of_zkdecode(const std::string& catalog) {
   return run({program("zkdecode"), std::string(42, '!')}, {{"NLSPATH", catalog}}).err;
 }
