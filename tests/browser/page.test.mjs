@@ -234,6 +234,7 @@ test('has one tab stop in the time line, and arrow keys inside it', async () => 
   assert.ok(second.x > first.x && Math.abs(second.y - first.y) < 1);
   await press(tab, 'ArrowDown');
   assert.ok((await place()).y > second.y);
+  assert.equal(await count(tab, '.canvas [tabindex="0"]'), 1);
   await press(tab, '+', '+');
   assert.equal(await count(tab, '.overview .window'), 1);
   assert.equal(await count(tab, '.canvas a:focus'), 1);
