@@ -24,8 +24,7 @@ static int check_length(const zk_trace_t& trace, const void* record) {
 }
 
 /* Where the records of the lists stand in the stack, for the trace alone: an element of a list has no room for it. All
- * records of any stack of version one have a place. Of two places the later one counts: a copy may have the memory of one
- * that was freed. */
+ * records of any stack of version one have a place. */
 struct place_t {
   const void* record;
   off_t position;
@@ -34,10 +33,22 @@ static std::array<place_t, ZK_STACK_SIZE_MAX / (ZK_REC_LENGTH_SIZE + 1)> places;
 static size_t place_count;
 static off_t walked_position = -1; /* of the record that is being listed, -1 for none */
 
+static place_t* find_place(const void* record) {
+  for (size_t number = 0; number < place_count; ++number)
+    if (places[number].record == record) return &places[number];
+  return nullptr;
+}
+
+/* Remembers where the record that is being listed stands. Its copy may have the memory of one that was freed. */
+static void remember_place(const void* copy) {
+  place_t* place = find_place(copy);
+  if (place == nullptr && walked_position >= 0 && place_count < places.size()) place = &places[place_count++];
+  if (place != nullptr) *place = {copy, walked_position};
+}
+
 off_t zk_listed_position(const void* record) {
-  for (size_t number = place_count; number > 0; --number)
-    if (places[number - 1].record == record) return places[number - 1].position;
-  return -1;
+  const place_t* place = find_place(record);
+  return place != nullptr ? place->position : -1;
 }
 
 /* What a copy could not have: bytes, and for which part. */
@@ -62,7 +73,7 @@ static zk_stack_rec_t* copy_record(const void* record, shortage_t* shortage) {
   }
   std::memcpy(copy, record, size);
   copy[size] = '\0';
-  if (place_count < places.size()) places[place_count++] = {copy, walked_position};
+  remember_place(copy);
   element->record = copy;
   return element;
 }

@@ -232,6 +232,19 @@ TEST_F(routine, puts_an_effect_directly_behind_its_cause) {
   expect("groups");
 }
 
+TEST_F(routine, takes_no_copy_for_the_record_whose_memory_it_has) {
+  void* const again = record("A");
+  zk_stack_rec_t *read = nullptr, *added = nullptr;
+  EXPECT_EQ(zk_read_stack(1, trace.c_str(), 1, stack_of("record A"), none, nullptr, &read), 0);
+  EXPECT_EQ(zk_listed_position(read->record), 24);
+  for (int i = 0; i < 4000; ++i) zk_add_related_rec(0, nullptr, again, read); /* more than a stack can have */
+  free(std::exchange(read->record, nullptr));
+  EXPECT_EQ(zk_add_unrelated_rec(0, nullptr, again, &added), 0);
+  EXPECT_EQ(zk_listed_position(added->record), -1);
+  keep(read);
+  keep(added);
+}
+
 TEST_F(routine, tells_processes_apart_by_their_identifier) {
   zk_proc_list_t head = {}, disagreeing = {7001, 5, nullptr, nullptr}, with_it = {0, 0, nullptr, &disagreeing};
   zk_proc_list_t *first = nullptr, *again = nullptr, *other = nullptr, *bad = nullptr;
