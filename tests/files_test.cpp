@@ -71,6 +71,11 @@ TEST_F(zeros, that_cannot_be_written_give_the_error) {
     EXPECT_EQ(fclear(fildes, length), -1);
     return errno;
   };
+  int ends[2];
+  EXPECT_EQ(pipe(ends), 0);
+  EXPECT_EQ(fclear(ends[1], 10), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(close(ends[0]) + close(ends[1]), 0);
   lseek(fildes, 100, SEEK_SET);
   EXPECT_EQ(error_of(INT64_MAX - 99), EFBIG);
   EXPECT_EQ(error_of(-101), EFBIG);

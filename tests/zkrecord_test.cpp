@@ -82,8 +82,9 @@ TEST(zkrecord, makes_and_records_nothing_on_misuse) {
       {{stack, "\\0"}, "FORMAT: a text cannot hold the character 0"},
       {{stack, "\\400"}, "FORMAT: a text cannot hold the character 0"},
       {{"-C8191", stack, "x"}, "--create: '8191' is not a number from 8192 to 16384"},
-      {{"--line=010", stack, "x"}, "--line: '010' is not a number from 0 to 2147483647"},
+      {{"--line=01", stack, "x"}, "--line: '01' is not a number from 0 to 2147483647"},
       {{"-m", "stn.cat:2", stack, "x"}, "--message: 'stn.cat:2' is not CATALOG:SET:NUMBER"},
+      {{"-m", ":2:3", stack, "x"}, "--message: ':2:3' is not CATALOG:SET:NUMBER"},
       {{"--message=", stack, "x"}, "--message: it is empty"}};
   for (auto [arguments, problem] : rows) {
     arguments.insert(arguments.begin(), "-C");
