@@ -2,7 +2,9 @@
 """Recording messages: what is kept of them, and from where one may record."""
 
 import collections
+import enum
 import errno
+import http
 import json
 import multiprocessing
 import os
@@ -15,6 +17,10 @@ from decimal import Decimal
 
 import zelk
 from support import COMMANDS, StackTest
+
+
+class Colour(str, enum.Enum):
+    RED = "red"
 
 
 def record_in_process(recorder: zelk.Recorder, number: int) -> None:
@@ -47,6 +53,7 @@ class Messages(StackTest):
                 ("%(name)s has %(count)d%%", {"name": "archive", "count": 5}),
                 ("%ld %hd", 5, 6),
                 ("%s %s", "nul\0ended", "half \ud800"),
+                ("%d %x %s", http.HTTPStatus.NOT_FOUND, http.HTTPStatus.NOT_FOUND, Colour.RED),
                 ("x" * 300 + "%s %d", "y" * 200, 5),
             ]:
                 recorder.record(message, *args)
@@ -78,9 +85,10 @@ class Messages(StackTest):
 
     def test_arguments_that_do_not_fit_raise_what_python_raises(self):
         recorder = zelk.Recorder(self.stack)
-        for message, *args in [("%d", "text"), ("%s %s", 1), ("%s", 1, 2), ("%y", 1), ("%", 1), ("%(a)s", 1), ("%f", "1")]:
+        counted = [("%s %s", 1), ("%s", 1, 2), ("%(a)s", 1), ("%s %s", {"a": 1}), ("%(a)s %s", {"a": 1})]
+        for message, *args in [("%d", "text"), ("%y", 1), ("%", 1), ("%f", "1"), *counted]:
             with self.assertRaises((TypeError, ValueError)) as expected:
-                message % tuple(args)
+                message % (args[0] if isinstance(args[0], dict) else tuple(args))
             with self.assertRaises(type(expected.exception), msg=message):
                 recorder.record(message, *args)
         self.assertFalse(os.path.exists(self.stack))

@@ -65,12 +65,13 @@ def _field(conversion: _Conversion, value: Any) -> Tuple[str, _Field]:
     """The conversion that is recorded, and its argument. What C would show otherwise is recorded as Python shows it."""
     form, letter = conversion.form, conversion.letter
     if letter in "sra":
-        text = value if letter == "s" and isinstance(value, str) else ("%" + letter) % (value,)
+        text = value if letter == "s" and type(value) is str else ("%" + letter) % (value,)  # an Enum may be a str, too
         if not form or text.isascii():  # C counts bytes
             return "%" + form + "s", encode(text)
     elif letter in "diuxXo" and isinstance(value, int):
-        if value in _INT64 and (letter in "diu" or value >= 0) and "#" not in form:
-            return "%" + form + ("d" if letter == "u" else letter), int(value)
+        number = int.__index__(value)  # of an IntEnum, too, for which a range would look through all of its numbers
+        if number in _INT64 and (letter in "diu" or number >= 0) and "#" not in form:
+            return "%" + form + ("d" if letter == "u" else letter), number
     elif letter in "eEfFgG" and isinstance(value, (int, float)):
         return "%" + form + letter, float(value)
     return "%s", encode(("%" + form + letter) % (value,))
@@ -173,6 +174,8 @@ def make(message: str, args: Union[Tuple[Any, ...], Mapping[str, Any]]) -> Messa
     if parsed is None or (is_tuple and len(parsed[0]) != len(args)):
         return plain(message % args)  # or the reason why not
     conversions, rest = parsed
+    if not is_tuple and any(each.key is None for each in conversions[1:]):
+        return plain(message % args)  # a mapping without its keys is one argument
     text = ""
     fields = []
     for index, conversion in enumerate(conversions):
