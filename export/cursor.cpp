@@ -166,9 +166,14 @@ const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fil
 void move_mark(cursor_t* cursor, const std::string& path, mark_t mark) {
   struct stat there;
   mark_t* const own = &cursor->marks[path];
-  if (own->inode == mark.inode) return;
-  for (auto& [other, old] : cursor->marks)
-    if (old.inode == mark.inode && (stat(other.c_str(), &there) != 0 || there.st_ino != mark.inode)) old = {};
+  const mark_t former = *own;
+  if (former.inode == mark.inode) return;
+  for (auto& [other, old] : cursor->marks) {
+    if (old.inode != mark.inode) continue;
+    there.st_ino = 0;
+    stat(other.c_str(), &there);
+    if (there.st_ino != mark.inode) old = there.st_ino == former.inode ? former : mark_t{};
+  }
   *own = mark;
 }
 

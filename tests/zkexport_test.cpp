@@ -411,6 +411,14 @@ TEST(cursor, goes_with_a_stack_to_another_name_and_back) {
       "one two three ended 0\n");
 }
 
+TEST(cursor, goes_with_two_stacks_that_change_places) {
+  EXPECT_EQ(
+      script(FOLLOW + "a=$folder/a; b=$folder/b; zkrecord -qC $a one; zkrecord -qC $b two;"
+                      "follow -c cursor $a $b; lines 2; end TERM; mv $a $a.t; mv $b $a; mv $a.t $b;"
+                      "zkrecord -q $a three; zkrecord -q $b four; follow -c cursor $a $b; lines 4; shown; end TERM"),
+      "ended 0\none two three four ended 0\n");
+}
+
 TEST(cursor, that_is_damaged_is_refused_and_left_alone) {
   for (const char* damaged : {"", "text", "zkexport cursor 1\n1 2 3 /x\n", "zkexport cursor 1\n1 2 /x\nend\n",
                               "zkexport cursor 1\n1 2 3 /x\n4 5 6 /x\nend\n"}) {
