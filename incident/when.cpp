@@ -138,7 +138,7 @@ static bool read_moment(std::string_view* rest, int64_t now, int64_t* seconds) {
   return true;
 }
 
-/* Seconds, more than one number with its unit can say: what is added to them still fits. */
+/* Seconds: what a number of ten digits adds to them, even of years, still fits. */
 static constexpr int64_t SPAN_MAX = 100'000'000'000'000'000;
 
 /* Reads numbers with their units, as "1h 30min" or "1.5h": whole seconds, and microseconds beyond them. */
@@ -147,7 +147,7 @@ static bool read_span(std::string_view* rest, int64_t* seconds, int64_t* microse
   do {
     int64_t number = 0, millionths = 0;
     skip_blanks(rest);
-    if (!read_digits(rest, 1, 9, &number) || !read_fraction(rest, &millionths)) return false;
+    if (!read_digits(rest, 1, 10, &number) || !read_fraction(rest, &millionths)) return false;
     if (!rest->empty() && (*rest)[0] >= '0' && (*rest)[0] <= '9')
       return false; /* too many digits are no second number */
     skip_blanks(rest);
