@@ -51,7 +51,7 @@ static void expect_what_printf_prints(std::mt19937_64& random, const std::string
     print(expected, sizeof expected, (head + letter).c_str(), real);
     EXPECT_EQ(made(head + letter, {{3, {.cu_arg_double = real}}}), expected) << head << letter << " " << value;
   } else if (letters == "s") {
-    std::string text(random() % 40, 't');
+    std::string text(static_cast<size_t>(random() % 40), 't');
     print(expected, sizeof expected, (head + letter).c_str(), text.c_str());
     EXPECT_EQ(made(head + letter, {{5, {.cu_arg_char_str = text.data()}}}), expected) << head << letter;
   } else {
