@@ -135,7 +135,7 @@ TEST_P(each_catalog, keeps_the_columns_of_the_brief_report) {
 }
 
 TEST(translation, is_not_made_in_a_character_set_that_lacks_a_letter) {
-  if (catalogs().empty()) GTEST_SKIP() << "no catalogs are made here";
+  if (catalogs().empty() || !has("native")) GTEST_SKIP() << "no catalogs are made here, or not by this machine";
   const std::string source = new_file("$ codeset=UTF-8\n$set 7\n1 \u0141adowanie\n") + ".msg", made = source + ".cat";
   fs::rename(fs::path(source).replace_extension(), source);
   const auto make = [&](const std::string& codeset) {
