@@ -204,6 +204,23 @@ static size_t room_for_details(zk_incident_t incident) {
   return ZK_REC_LENGTH_SIZE + ZK_REC_LISTED_MAX - image.size;
 }
 
+/* The same once every text argument, or a plain text, is cut as far as it can be. */
+static size_t most_room_for_details(zk_incident_t incident, bool is_text) {
+  static char mark[] = "...";
+  const cu_error_arg_t shortest = {.cu_arg_type = CU_ERROR_ARG_CHAR_STR, .cu_arg_value = {.cu_arg_char_str = mark}};
+  std::vector<cu_error_arg_t> arguments(incident.arguments, incident.arguments + incident.argument_count);
+  for (cu_error_arg_t& argument : arguments)
+    if (argument.cu_arg_type == CU_ERROR_ARG_CHAR_STR && std::strlen(argument.cu_arg_value.cu_arg_char_str) > 3)
+      argument = shortest;
+  const bool is_argument =
+      is_text && std::strlen(incident.default_message) > 3; /* as make_long_text_argument makes it */
+  if (is_argument) incident.default_message = "%s";
+  if (is_argument) arguments = {shortest};
+  incident.arguments = arguments.data();
+  incident.argument_count = static_cast<uint32_t>(arguments.size());
+  return room_for_details(incident);
+}
+
 /* The details with `lines` at their end, before which they are cut. The arguments in `fitting`, if there are any, are to take
  * the place of those of the incident. */
 static std::string with_last_lines(zk_incident_t incident, std::string details, const std::string& lines,
@@ -221,7 +238,7 @@ struct detail_line_t {
   const char* option; /* that asked for it */
   std::string label;
   std::string value;
-  size_t kept_min; /* bytes of the value that stand there in any case */
+  size_t kept_min; /* bytes of the value that stand there before an argument is cut for more */
 };
 
 /* A value on one line, which is cut when it is longer than that many bytes. */
@@ -234,11 +251,17 @@ static std::string cut_value(const std::string& value, size_t size_max) {
   return line;
 }
 
-/* The lines behind the details, whole where there is room for them. */
-static std::string lines_for(const std::vector<detail_line_t>& lines, size_t room) {
+/* The lines behind the details, whole where there is room for them. There are at most `most_room` bytes, of which each line
+ * may take an equal share for what it keeps. */
+static std::string lines_for(std::vector<detail_line_t> lines, size_t room, size_t most_room) {
+  static constexpr size_t BESIDE = 6; /* two blanks, a newline, "..." */
   std::string text;
   size_t wanted = 0;
-  for (const detail_line_t& line : lines) wanted += line.label.size() + 2 + line.value.size() + 1;
+  for (detail_line_t& line : lines) {
+    wanted += line.label.size() + 2 + line.value.size() + 1;
+    const size_t share = most_room / lines.size(), beside = line.label.size() + BESIDE;
+    line.kept_min = std::min(line.kept_min, share > beside ? share - beside : 0);
+  }
   size_t excess = wanted > room + 1 ? wanted - room - 1 : 0; /* the last one has no newline */
   for (const detail_line_t& line : lines) {
     const size_t size = line.value.size(), mark = 3;
@@ -389,7 +412,8 @@ static int record(const command_trace_t& trace, request_t* request) {
   }
   if (!request->dump.empty())
     wanted.push_back({"--dump", "dump file", preserve_dump(trace, *request, process), DUMP_KEPT_MIN});
-  const std::string lines = lines_for(wanted, room_for_details(incident)); /* behind the details */
+  const std::string lines =
+      lines_for(wanted, room_for_details(incident), most_room_for_details(incident, request->is_text));
   std::string details = request->details;
   if (request->is_text) make_long_text_argument(lines.empty() ? 0 : lines.size() + 1, request, &incident);
   fitting_t fitting;
