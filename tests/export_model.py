@@ -19,6 +19,7 @@ chance = random.Random()
 DIGITS = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 START = 1795554420  # 2026-11-24 21:07:00 UTC
 NODES = ["192.0.2.2", "192.0.2.18"]
+ENVIRONMENT = {"TZ": "UTC", "ASAN_OPTIONS": "detect_leaks=0"}  # what a run holds ends with it
 
 
 def digits(number, count):
@@ -57,7 +58,7 @@ def moment(incident):
 
 def zkexport(lines, *options):
     text = "".join(json.dumps(line) + "\n" for line in lines)
-    ended = subprocess.run([EXPORT, "--input", *options], input=text.encode(), env={"TZ": "UTC"}, stdout=subprocess.PIPE, check=True)
+    ended = subprocess.run([EXPORT, "--input", *options], input=text.encode(), env=ENVIRONMENT, stdout=subprocess.PIPE, check=True)
     return ended.stdout.decode()
 
 
