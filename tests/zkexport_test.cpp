@@ -58,9 +58,9 @@ TEST(json, gives_all_that_is_recorded_in_the_order_of_its_keys) {
 
 TEST(json, shows_that_a_whole_number_is_a_double_and_whose_id_has_any_entry) {
   const std::string file =
-      stack().add({.id = "7??????" + ID.substr(7), .arg_count = 1, .args = wide_arg(CU_ERROR_ARG_DOUBLE, 3.0)}).file();
+      stack().add({.id = "7??????" + ID.substr(7), .arg_count = 1, .args = wide_arg(CU_ERROR_ARG_DOUBLE, -3.0)}).file();
   EXPECT_EQ(script("zkexport " + file + " | grep -o '\"value\":[^}]*\\|\"node\":\"[^\"]*'"),
-            "\"node\":\"192.0.2.2\n\"value\":3.0\n");
+            "\"node\":\"192.0.2.2\n\"value\":-3.0\n");
   const std::string unknown =
       stack().add({.id = ID.substr(0, 41) + "x"}).file(); /* such addresses are of a later version */
   EXPECT_EQ(script("zkexport " + unknown + " | jq -c '[.id_time, .node]'"), "[null,null]\n");
