@@ -27,6 +27,7 @@ static int make_unnamed(const char* directory, unnamed_file_t* file) {
     std::snprintf(file->path.data(), file->path.size(), "/proc/self/fd/%d", file->fildes);
     if (access(file->path.data(), F_OK) == 0) return 0;
     close(file->fildes);
+    file->fildes = -1; /* for whoever cleans up after a failure below */
   } else if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
     return errno;
   }
