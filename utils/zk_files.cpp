@@ -140,6 +140,8 @@ int zk_allocate_file(int debug_active, const char* debug_file, const char* filen
 
     space_figures_t space = {};
     result = fill_file(trace, filename, fildes, size, &space);
+    if (result == ZELK_SUCCESS && space.used > space.limit)
+      zk_trace(trace, "%s", "Didn't leave 5% space - trying again\n");
     close(fildes); /* and with it the lock */
     if (result == ZELK_SUCCESS && space.used <= space.limit) {
       if (actual_size != nullptr) *actual_size = size;
@@ -149,7 +151,6 @@ int zk_allocate_file(int debug_active, const char* debug_file, const char* filen
 
     unlink(filename);
     if (result != ZELK_SUCCESS) return result;
-    zk_trace(trace, "%s", "Didn't leave 5% space - trying again\n");
     /* Two blocks may be more than the whole file. */
     const uint64_t whole_blocks = static_cast<uint64_t>(size) / space.block_size;
     requested_size = whole_blocks < 2 ? 0 : size - static_cast<off_t>(2 * space.block_size);
