@@ -28,22 +28,26 @@ static std::string digits_of(Number number, int base = 10) {
 
 /* The address of a node. inet_ntop takes four times as long for one of four numbers. */
 static std::string address_text(char type, const zk_addr_words_t& words) {
-  if (type == ZK_IPV4_TYPE) {
-    std::array<unsigned char, sizeof(in_addr)> bytes;
-    std::memcpy(bytes.data(), words.data(), bytes.size());
-    return digits_of(int{bytes[0]}) + "." + digits_of(int{bytes[1]}) + "." + digits_of(int{bytes[2]}) + "." +
-           digits_of(int{bytes[3]});
-  }
   std::array<char, ZELK_ADDR_SLOT_SIZE> node = {};
-  inet_ntop(AF_INET6, words.data(), node.data(), node.size());
-  return node.data();
+  if (type != ZK_IPV4_TYPE) {
+    inet_ntop(AF_INET6, words.data(), node.data(), node.size());
+    return node.data();
+  }
+  std::array<unsigned char, sizeof(in_addr)> bytes;
+  std::memcpy(bytes.data(), words.data(), bytes.size());
+  char* end = node.data();
+  for (unsigned char byte : bytes) {
+    end = std::to_chars(end, node.data() + node.size(), byte).ptr;
+    *end++ = '.';
+  }
+  return {node.data(), end - 1};
 }
 
 /* Whether the character is one of base64_table, in which it would take far longer to look for it. */
-static bool is_base64_digit(char character) {
+static constexpr auto is_base64_digit = [](char character) {
   return (character >= '.' && character <= '9') || (character >= 'A' && character <= 'Z') ||
          (character >= 'a' && character <= 'z');
-}
+};
 
 bool time_of_id(std::string_view id, int64_t* id_time) {
   if (id.size() != ZELK_EID_LENGTH) return false;

@@ -10,10 +10,10 @@
 #include "text.h"
 #include "utc_time.h"
 
-static bool is_plain(char character) {
+static constexpr auto is_plain = [](char character) {
   return character >= ' ' && character <= '~' && character != '&' && character != '<' && character != '>' &&
          character != '"' && character != '\'';
-}
+};
 
 std::string escaped(std::string_view text) {
   if (std::all_of(text.begin(), text.end(), is_plain)) return std::string(text); /* nearly always */
