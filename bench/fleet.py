@@ -277,14 +277,12 @@ def killed(kills, count, kill_one):
 def killed_forwards(node, start_one, kills, count):
     """Records incidents on a node while what sends its spool is killed. Returns lost and double rows."""
     stack = start_one.__name__
-    script = 'for number in $(seq "$1"); do zkrecord -C "$2$((number % 8))" "Alarm %d" "$number"; sleep 0.005; done'
-    recorder = subprocess.Popen([*node.enter(), "bash", "-c", script, "-", str(count), stack], stdout=subprocess.PIPE, text=True,
-                                env=fleet.environment)
+    recorder = node.start_recording(stack, count, stacks=8)
     for _ in range(kills):
         time.sleep(random.uniform(0.2, 0.6))
         kill(node.forward)
         start_one()
-    keys = recorder.communicate()[0].split()
+    keys = [line.split()[1] for line in recorder.communicate()[0].splitlines()]
     there = f"FROM zelk_incident WHERE incident->>'stack' LIKE '{stack}%'"
     wait_until(lambda: int(query("SELECT count(*) " + there)) >= len(keys), limit=30, pause=0.5)
     found = query("SELECT key " + there).split()

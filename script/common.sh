@@ -48,3 +48,34 @@ dead_links() {
         done
     done
 }
+
+# make_root NAME PACKAGE... [-- PACKAGE...]: a Debian with packages, for tests/machines.py, kept in build/roots/NAME; those behind "--"
+# are at hand for apt. Takes a minute the first time, and when it is asked for something else. Ends the script with 0 where there
+# can be none.
+make_root() {
+    root=build/roots/$1
+    shift
+    [ "$(cat "$root.made" 2>/dev/null)" != "$*" ] || return 0
+    [ "$(id -u)" -eq 0 ] || { echo "${0##*/}: skipped, it takes root to boot a machine" && exit 0; }
+    wanted="$*"
+    # shellcheck disable=SC2016 # the shell of mmdebstrap does it
+    set -- mmdebstrap --quiet --variant=minbase "--include=systemd systemd-sysv dbus procps ${wanted%% --*}" \
+        --customize-hook='echo force-unsafe-io >"$1/etc/dpkg/dpkg.cfg.d/room"'
+    case $wanted in # where there are packages at hand, the lists of apt stay too
+        *\ --\ *) set -- "$@" --skip=cleanup/apt \
+            --customize-hook="chroot \"\$1\" apt-get -qq -y --download-only --install-recommends install ${wanted##*-- }" ;;
+    esac
+    rm -rf "$root" "$root.made"
+    mkdir -p build/roots
+    "$@" bookworm "$root" http://deb.debian.org/debian >"$root.log" 2>&1 || {
+        echo "${0##*/}: skipped, no Debian to be had: $(tail -n 1 "$root.log")"
+        exit 0
+    }
+    echo "$wanted" >"$root.made"
+}
+
+# That of all machines which the packages are tried on.
+make_system_root() {
+    install_missing mmdebstrap systemd-container iproute2 procps python3
+    make_root system openssl python3 ca-certificates -- postgresql postgresql-client rsyslog rsyslog-relp rsyslog-pgsql dbconfig-no-thanks
+}

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""A fleet on one machine, for tests and for what is measured: databases, gatherers, nodes, and lines by RELP.
+"""A fleet on one machine, for tests and for what is measured: databases, gatherers, nodes, and lines by RELP. In machines.py there
+are nodes that boot.
 
 Whoever imports it has run `enter(__file__)` first: everything happens in namespaces of its own, with which all processes end.
 Nothing of the machine's is touched."""
@@ -19,6 +20,7 @@ REPOSITORY = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 FLEET = REPOSITORY + "/fleet"
 BIN = REPOSITORY + "/build/release/bin"
 POSTGRES = "/usr/lib/postgresql/15/bin"
+HERE = "10.77.0.1"  # where nodes find what runs here
 ALPHABET = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 
 folder = ""  # of everything
@@ -43,17 +45,45 @@ def enter(script):
                                 "PGDATABASE": "zelk", "LC_ALL": "C.UTF-8", "TZ": "UTC"}
     os.environ.update(environment)
     log = open(folder + "/log", "a")
-    run("ip", "link", "set", "lo", "up")
     atexit.register(clean_up)
+    run("ip", "link", "set", "lo", "up")
+    run("ip", "link", "add", "switch", "type", "bridge")
+    run("ip", "address", "add", HERE + "/24", "dev", "switch")
+    run("ip", "link", "set", "switch", "up")
 
 
 def clean_up():
     for process in list(processes):
         kill(process)
-    for name in ("database", "standby"):
+    for name in filter(lambda name: os.path.exists(f"{folder}/{name}"), ("database", "standby")):
         subprocess.run(as_postgres(POSTGRES + "/pg_ctl", "-D", f"{folder}/{name}", "-m", "immediate", "stop"),
                        stdout=log, stderr=log, check=False)
     shutil.rmtree(folder, ignore_errors=True)
+
+
+# ---- What is found ------------------------------------------------------------------------------------------------------
+
+failures = 0
+
+
+def say(what):
+    print(f"{time.monotonic() - began:4.0f} s  {what}", flush=True)
+
+
+def expect(what, found, wanted):
+    global failures
+    failures += found != wanted
+    say(f"passed: {what}" if found == wanted else f"FAILED: {what}: {found!r} instead of {wanted!r}")
+    if failures and "--stop" in sys.argv:
+        finish()
+
+
+def finish():
+    """Ends the program, with the status of all that was expected. (With --stop the first failure does.)"""
+    say(f"{failures} failed")
+    if failures:
+        subprocess.run(f"tail -n 8 {folder}/*.log", shell=True, check=False)
+    sys.exit(failures > 0)
 
 
 # ---- Processes ----------------------------------------------------------------------------------------------------------
@@ -62,7 +92,11 @@ processes = []  # that were started here
 
 
 def run(*command, **options):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True, env=environment, **options).stdout
+    """Returns what it prints."""
+    answer = subprocess.run(command, stdout=subprocess.PIPE, text=True, env=environment, **options)
+    if answer.returncode != 0:
+        raise RuntimeError(f"{command}: status {answer.returncode}: {answer.stdout}\n{open(folder + '/log').read()[-1000:]}")
+    return answer.stdout
 
 
 def start(*command, output=None, **variables):
@@ -300,42 +334,72 @@ def line_of(number, second=SECOND, cause=None):
 
 # ---- Nodes --------------------------------------------------------------------------------------------------------------
 
-class Node:
-    """A node with a network, files and a host name of its own, and what runs on it."""
+hosts = []
+
+
+class Host:
+    """What has a name and a network of its own. A switch joins all of them, and what runs here."""
+
+    as_member = []  # how an incident is recorded by who may
+
+    def __init__(self, name, *namespaces):
+        self.name = name
+        self.address = f"10.77.0.{len(hosts) + 2}"
+        hosts.append(self)
+        self.holder = start("unshare", "--net", *namespaces, "sleep", "infinity")
+        own = os.readlink("/proc/self/ns/net")
+        wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != own)
+        run("ip", "link", "add", name, "type", "veth", "peer", "name", "eth0", "netns", str(self.holder.pid))
+        run("nsenter", "--target", str(self.holder.pid), "--net", "sh", "-c",
+            f"ip link set lo up && ip address add {self.address}/24 dev eth0 && ip link set eth0 up")
+        run("ip", "link", "set", name, "master", "switch", "up")
+
+    def cut_off(self):
+        run("ip", "link", "set", self.name, "down")
+
+    def connect(self):
+        run("ip", "link", "set", self.name, "up")
+
+    def run(self, *command, **options):
+        return run(*self.enter(), *command, **{"stderr": log} | options)
+
+    def attempt(self, *command):
+        """Returns the status of a command that may fail, and what it prints."""
+        answer = subprocess.run([*self.enter(), *command], stdout=subprocess.PIPE, stderr=log, text=True, env=environment)
+        return answer.returncode, answer.stdout
+
+    def record(self, stack, *arguments):
+        """Records an incident. Returns its Error ID."""
+        return self.run(*self.as_member, "zkrecord", "-C", *arguments[:-1], stack, *arguments[-1:]).strip()
+
+    def start_recording(self, stack, count, *options, stacks=4):
+        """Starts to record incidents, in several stacks. It prints the stack and the Error ID of each."""
+        script = 'for number in $(seq "$2"); do stack=$1$((number % $3)); id=$(zkrecord -C "${@:4}" "$stack" ' \
+                 '"Disk %s: %d unreadable sectors." disk07 "$number") && echo "$stack $id"; sleep 0.004; done'
+        return subprocess.Popen([*self.enter(), *self.as_member, "bash", "-c", script, "-", stack, str(count), str(stacks), *options],
+                                stdout=subprocess.PIPE, stderr=log, text=True, env=environment)
+
+
+class Node(Host):
+    """A node with files of its own, and what runs on it."""
 
     def __init__(self, number):
-        self.name = f"node{number}"
-        self.address = f"10.77.{number}.2"
-        self.middle = f"10.77.{number}.1"
-        self.holder = start("unshare", "--mount", "--net", "--uts", "sleep", "infinity")
-        own = os.readlink("/proc/self/ns/uts")
-        wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/uts") != own)
-        run("ip", "link", "add", self.name, "type", "veth", "peer", "name", "eth0", "netns", str(self.holder.pid))
-        run("ip", "address", "add", self.middle + "/24", "dev", self.name)
-        run("ip", "link", "set", self.name, "up")
-        self.run("sh", "-c", f"""ip link set lo up && ip address add {self.address}/24 dev eth0 && ip link set eth0 up &&
-            hostname {self.name} && mount -t tmpfs none /var && mount -t tmpfs none /run &&
+        super().__init__(f"node{number}", "--mount", "--uts")
+        self.run("sh", "-c", f"""hostname {self.name} && mount -t tmpfs none /var && mount -t tmpfs none /run &&
             mkdir -p /var/adm/zelk/stacks /var/lib/zelk/spool""")
 
     def enter(self):
         return ["nsenter", "--target", str(self.holder.pid), "--mount", "--root", "--net", "--uts"]
-
-    def run(self, *command, **options):
-        return run(*self.enter(), *command, **options)
 
     def start_spool(self, **variables):
         self.spool = start(*self.enter(), FLEET + "/zelk-spool", ZELK_SPOOL_SIZE="131072", **variables)
 
     def start_forward(self):
         with open(f"{folder}/forward-{self.name}.log", "a") as output:
-            self.forward = start(*self.enter(), "zelk-forward", "--state=/run/taken", self.middle, output=output)
+            self.forward = start(*self.enter(), "zelk-forward", "--state=/run/taken", HERE, output=output)
 
     def start_rsyslog(self):
         """Sends what is in the spool in another way, and leaves it there."""
         self.run("mkdir", "/run/zelk-forward")
-        self.forward = start(*self.enter(), "rsyslogd", "-n", "-iNONE", "-f", FLEET + "/node.conf", ZELK_MIDDLE=self.middle,
+        self.forward = start(*self.enter(), "rsyslogd", "-n", "-iNONE", "-f", FLEET + "/node.conf", ZELK_MIDDLE=HERE,
                              ZELK_PORT="2514", ZELK_SPOOL="/var/lib/zelk/spool", ZELK_STATE="/run/zelk-forward")
-
-    def record(self, stack, *arguments):
-        """Records an incident. Returns its Error ID."""
-        return self.run("zkrecord", "-C", *arguments[:-1], stack, *arguments[-1:]).strip()

@@ -16,17 +16,7 @@ import threading
 import time
 
 import fleet
-from fleet import ALPHABET, Conversation, Node, id_of, kill, line_of, make_certificate, put, query, run, start_gatherer, wait_until
-
-failures = 0
-
-
-def expect(what, found, wanted):
-    global failures
-    is_so = found == wanted
-    failures += not is_so
-    print(f"{time.monotonic() - fleet.began:4.0f} s  {'passed' if is_so else 'FAILED'}: {what}"
-          + ("" if is_so else f": {found!r} instead of {wanted!r}"), flush=True)
+from fleet import ALPHABET, Conversation, Node, expect, id_of, kill, line_of, make_certificate, put, query, run, start_gatherer, wait_until
 
 
 def rows(condition="true", database="zelk", host=None):
@@ -406,14 +396,14 @@ def vanish(gatherer):
 conversation = fleet.Conversation(address="%s", host="vanished")
 conversation.tell([fleet.line_of(number) for number in range(500000, 501000)])
 print("told", flush=True)
-time.sleep(1000)""" % node.middle
+time.sleep(1000)""" % fleet.HERE
     query("ALTER TABLE zelk_incident RENAME TO zelk_away")  # so that lines wait
     telling = subprocess.Popen([*node.enter(), sys.executable, "-c", script], stdout=subprocess.PIPE, text=True,
                                env=fleet.environment | {"PYTHONPATH": fleet.REPOSITORY + "/tests"})
     telling.stdout.readline()
     if not wait_until(lambda: says(gatherer, "; 1000 lines (")):
         raise SystemExit("the lines do not wait: " + open(gatherer.log).read())
-    node.run("ip", "link", "set", "eth0", "down")
+    node.cut_off()
     query("ALTER TABLE zelk_away RENAME TO zelk_incident")
     return node
 
@@ -423,7 +413,7 @@ def vanished(node, gatherer):
     expect("what a node told before it vanished is there", wait_until(lambda: rows("host = 'vanished'") == 1000), True)
     expect("its connection ends by itself", wait_until(
         lambda: f"{node.address} port" in open(gatherer.log).read(), limit=70), True)
-    node.run("ip", "link", "set", "eth0", "up")
+    node.connect()
     put([line_of(number) for number in range(500000, 501000)], host="vanished")
     expect("and is not there twice when it is told again", rows("host = 'vanished'"), 1000)
 
@@ -762,11 +752,8 @@ def hostile_middles():
 # ---- A fleet ------------------------------------------------------------------------------------------------------------
 
 def record_many(node, stack, count):
-    """Starts to record incidents on a node, in four stacks."""
-    script = 'for number in $(seq "$2"); do stack=$1$((number % 4)); echo "$stack $(zkrecord -C -d "$3" "$stack" ' \
-             '"Disk %s: %d unreadable sectors." disk07 "$number")"; sleep 0.002; done'
-    return subprocess.Popen([*node.enter(), "bash", "-c", script, "-", stack, str(count), "slot " + "0" * 80],
-                            stdout=subprocess.PIPE, text=True, env=fleet.environment)
+    """Starts to record incidents that fill a stack soon."""
+    return node.start_recording(stack, count, "-d", "slot " + "0" * 80)
 
 
 def three_nodes(gatherer):
@@ -898,10 +885,7 @@ def main():
     months()
     gatherer.terminate()
     expect("and in the end it ends", gatherer.wait(), 0)
-    print(f"{time.monotonic() - fleet.began:4.0f} s  {failures} failed")
-    if failures:
-        subprocess.run(f"tail -n 8 {fleet.folder}/*.log", shell=True, check=False)
-    sys.exit(failures > 0)
+    fleet.finish()
 
 
 fleet.enter(os.path.abspath(__file__))

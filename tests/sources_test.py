@@ -1,0 +1,260 @@
+# SPDX-License-Identifier: MIT
+"""Lets services fail in every way, on a Debian that runs systemd, and looks at what is recorded of them. script/test-sources runs it."""
+import json
+import os
+import re
+import subprocess
+import sys
+
+import fleet
+from fleet import REPOSITORY, expect, run, say, wait_until
+from machines import Machine
+
+# How each fails, and its lines, of [Unit] where they begin with "Unit:".
+FAILING = {
+    "exits.service": ("exit status 3", 'ExecStart=/bin/sh -c "echo one; echo the disk is full >&2; exit 3"'),
+    "killed.service": ("killed by SIGKILL", 'ExecStart=/bin/sh -c "kill -KILL $$$$"'),
+    "slow.service": ("timeout", "Type=oneshot", "TimeoutStartSec=1", "ExecStart=/bin/sleep 60"),
+    "limited.service": ("start limit hit", "Restart=always", "RestartSec=0", "Unit:StartLimitBurst=3", "Unit:StartLimitIntervalSec=60",
+                        "ExecStart=/bin/false"),
+    "dog.service": ("watchdog", "WatchdogSec=1", "LimitCORE=0", "ExecStart=/bin/sleep 60"),
+    "prepares.service": ("exit status 7", 'ExecStartPre=/bin/sh -c "exit 7"', "ExecStart=/bin/true"),
+    "ignores.service": ("exit status 9", "Type=oneshot", "ExecStartPre=-/bin/false", "ExecStart=/bin/true", 'ExecStartPost=/bin/sh -c "exit 9"'),
+    "changes.service": ("exit status 5", "Restart=on-abnormal", "RestartSec=1.1", "Unit:StartLimitBurst=1", "Unit:StartLimitIntervalSec=1",
+                        'ExecStart=/bin/sh -c "test -e /run/again && exit 5; touch /run/again; kill -KILL $$$$"'),
+    "missing.service": ("exit status 203", "ExecStart=/no/such/program"),
+    r"a-\x20b\x25\x5cn.service": ("exit status 5", 'ExecStart=/bin/sh -c "exit 5"'),
+    "needing.service": ("a unit it needs failed: exits_once.service", "Unit:Requires=exits_once.service", "Unit:After=exits_once.service",
+                        "ExecStart=/bin/true"),
+    "exits_once.service": ("exit status 4", "Type=oneshot", 'ExecStart=/bin/sh -c "exit 4"'),
+    "part.service": ("exit status 1", "Unit:PartOf=exits_once.service", "ExecStart=/bin/false"),
+    "chain.service": ("exit status 1", 'ExecStart=/bin/sh -c "zkrecord -qC chain.stack unrelated; zkrecord -C chain.stack \\"disk full\\"; exit 1"'),
+    "before.service": ("exit status 1", 'ExecStartPre=/bin/sh -c "zkrecord -qC before.stack lost; exit 1"', "ExecStart=/bin/true"),
+    "counts.service": ("exit status 6", 'ExecStart=/bin/sh -c "seq 1000; exit 6"'),
+    "shouts.service": ("exit status 6", r'ExecStart=/bin/sh -c "head -c 100000 /dev/zero | tr \\\\0 x; echo; head -c 3000 /dev/urandom; echo; exit 6"'),
+    "forges.service": ("exit status 7", "ExecStart=/usr/bin/python3 /root/two_lines"),
+}
+DUMPS = ["LimitCORE=infinity", "WorkingDirectory=/tmp", 'ExecStart=/bin/sh -c "kill -SEGV $$$$"']
+GREEDY = ["MemoryMax=20M", "MemorySwapMax=0"]
+TWO_LINES = r"""
+import socket, struct
+message = b"one\nunit  forged.service"
+journal = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+journal.sendto(b"PRIORITY=3\nMESSAGE\n" + struct.pack("<Q", len(message)) + message + b"\n", "/run/systemd/journal/socket")
+raise SystemExit(7)
+"""
+
+
+def write_service(name, *lines):
+    unit = [line.removeprefix("Unit:") for line in lines if line.startswith("Unit:")]
+    service = [line for line in lines if not line.startswith("Unit:")]
+    machine.write("/etc/systemd/system/" + name, "\n".join(["[Unit]", *unit, "[Service]", *service, ""]))
+
+
+def install(*components):
+    for component in components:
+        run("env", "DESTDIR=" + machine.tree, "cmake", "--install", REPOSITORY + "/build/release", "--prefix", "/usr", "--component", component)
+
+
+def incidents(stack="units.stack"):
+    return [each for each in map(json.loads, machine.attempt("zkexport", stack)[1].splitlines()) if "message" in each]
+
+
+def incidents_of(unit):
+    return [each for each in incidents() if each["message"]["arguments"][0]["value"] == unit]
+
+
+def incident_of(unit):
+    """The newest incident about a unit, waited for."""
+    if not wait_until(lambda: incidents_of(unit), limit=30, pause=0.1):
+        raise SystemExit(f"{unit}: nothing is recorded\n" + machine.run("journalctl", "--no-pager", "-n", "15"))
+    return incidents_of(unit)[-1]
+
+
+def how_ended(unit):
+    return incident_of(unit)["message"]["arguments"][1]["value"]
+
+
+def expect_failure(unit, how):
+    machine.attempt("systemctl", "start", "--no-block", unit)
+    expect(unit, how_ended(unit), how)
+
+
+def lines_of(unit):
+    return incident_of(unit)["details"].splitlines()
+
+
+# ---- On a kernel of its own ---------------------------------------------------------------------------------------------
+
+TRY = """
+systemd-sysusers
+systemd-tmpfiles --create zkview.conf
+units="greedy.service child.service goes_on.service dumps.service"
+systemctl start --no-block $units
+for unit in $units; do
+    for _ in $(seq 200); do
+        zkexport units.stack 2>/dev/null | grep -q "\\"$unit\\"" && break
+        sleep 0.5
+    done
+done
+zkexport units.stack >/dev/ttyS1
+"""
+
+
+def emulate():
+    """Boots the machine's disk, which runs /root/try and powers off. Returns what that wrote to /dev/ttyS1."""
+    disk, boot = fleet.folder + "/disk", machine.tree + "/boot"
+    run("mke2fs", "-q", "-t", "ext4", "-O", "^has_journal", "-d", machine.tree, disk, "2G")
+    kernel, initrd = (next(f"{boot}/{name}" for name in os.listdir(boot) if name.startswith(what)) for what in ("vmlinuz-", "initrd.img-"))
+    run("timeout", "900", "qemu-system-x86_64", "-accel", "tcg", "-smp", "2", "-cpu", "max", "-m", "1024", "-nic", "none", "-display", "none",
+        "-monitor", "none", "-no-reboot", "-serial", f"file:{fleet.folder}/console.log", "-serial", f"file:{fleet.folder}/said",
+        "-drive", f"file={disk},if=virtio,format=raw", "-kernel", kernel, "-initrd", initrd, "-append",
+        "root=/dev/vda rw console=ttyS0 systemd.show_status=no systemd.wants=try.service", stdin=subprocess.DEVNULL)
+    return open(fleet.folder + "/said").read()
+
+
+def on_own_kernel():
+    install("zkview", "sources")
+    write_service("greedy.service", *GREEDY, "ExecStart=/usr/bin/tail /dev/zero")
+    write_service("child.service", *GREEDY, 'ExecStart=/bin/sh -c "tail /dev/zero; sleep 600"')
+    write_service("goes_on.service", *GREEDY, "OOMPolicy=continue", 'ExecStart=/bin/sh -c "tail /dev/zero; exit 3"')
+    write_service("dumps.service", 'ExecStart=/bin/sh -c "kill -SEGV $$$$"')
+    write_service("try.service", "Type=oneshot", "Unit:After=multi-user.target", "Unit:SuccessAction=poweroff-force",
+                  "Unit:FailureAction=poweroff-force", "ExecStart=/bin/bash /root/try")
+    machine.write("/root/try", TRY)
+    arguments = [json.loads(line)["message"]["arguments"] for line in emulate().splitlines()]
+    expect("services that run out of memory or dump core", {unit["value"]: how["value"] for unit, how, *_ in arguments}, {
+        "greedy.service": "out of memory", "child.service": "out of memory", "goes_on.service": "exit status 3", "dumps.service": "core dump by SIGSEGV"})
+
+
+# ---- In a container -----------------------------------------------------------------------------------------------------
+
+def every_failure():
+    for unit, (how, *_) in FAILING.items():
+        expect_failure(unit, how)
+    machine.attempt("sh", "-c", "systemctl start stops.service; systemctl reload stops.service; systemctl stop stops.service")
+    expect("the last command of stops.service", how_ended("stops.service"), "exit status 8")
+
+
+def what_is_up_to_the_machine_beneath():
+    """That cores are dumped, and memory is counted. (What their results are called is tried by the test failed_unit.says_why_it_failed too.)"""
+    if open("/proc/sys/kernel/core_pattern").read().startswith("core"):
+        expect_failure("dumps.service", "core dump by SIGSEGV")
+    else:
+        say("no core dump is tried, since they go to a program of the machine beneath: --vm does")
+    if "memory" in machine.attempt("cat", "/sys/fs/cgroup/cgroup.controllers")[1]:
+        expect_failure("greedy.service", "out of memory")
+    else:
+        say("no lack of memory is tried, since the machine beneath does not count it: --vm does")
+
+
+def what_an_incident_says():
+    exits = incident_of("exits.service")
+    expect("description, process, parent, product and cause", (exits["description"], exits["process"]["name"], exits["process"]["parent"],
+           exits["source"]["product"], exits["cause"]), ("Unit exits.service failed: exit status 3.", "exits.service", 1, "systemd", None))
+
+    def property_of_exits(name):
+        return machine.run("systemctl", "show", "-P", name, "exits.service").strip()
+
+    expect("the main process", str(exits["process"]["id"]), property_of_exits("ExecMainPID"))
+    lines = lines_of("exits.service")
+    expect("the unit, and the journal", (lines[0], lines[-2:]), ("unit  exits.service", ["one", "the disk is full"]))
+    expect("the invocation", "invocation  " + property_of_exits("InvocationID") in lines, True)
+    expect("the newest line", lines_of("counts.service")[-1], "1000")
+    expect("who gave up before there was a main process", incident_of("prepares.service")["process"]["id"], 1)
+    expect("a message of two lines", lines_of("forges.service")[-1], "one unit  forged.service")
+    expect("the name of the process", incident_of(r"a-\x20b\x25\x5cn.service")["process"]["name"], r"x25\x5cn.service")
+
+
+def causes():
+    """What a process of the unit recorded last; a unit that is needed."""
+    expect("causes", [incident_of(unit)["cause"] for unit in ("chain.service", "before.service", "part.service", "needing.service")],
+           [incidents("chain.stack")[-1]["id"], incidents("before.stack")[-1]["id"], *[incident_of("exits_once.service")["id"]] * 2])
+
+
+def the_same_again():
+    """The same failure within the hour adds up; the next one tells. Our own units are left alone."""
+    def fail_again():
+        machine.run("systemctl", "restart", "exits.service")
+        wait_until(lambda: machine.attempt("systemctl", "is-failed", "exits.service")[0] == 0)
+
+    def noted():
+        return machine.run("cat", "/var/lib/zelk/failures/exits.service")
+
+    for _ in range(3):
+        before = noted()
+        fail_again()
+        wait_until(lambda: noted() != before)
+    expect("the count", len(incidents_of("exits.service")), 1)
+    machine.run("sed", "-i", "s/^[0-9]* /1 /", "/var/lib/zelk/failures/exits.service")
+    fail_again()
+    expect("what was passed over is told", wait_until(lambda: re.search("^passed over  3 since ", incident_of("exits.service")["details"], re.M)
+                                                      is not None), True)
+    machine.run("systemctl", "start", "zelk-failure@zelk-failure@x.service.service.service")
+    expect("failures of our own", [each["description"] for each in incidents() if "zelk-" in each["description"]], [])
+    expect("units that failed", machine.run("systemctl", "list-units", "--plain", "--no-legend", "--state=failed", "zelk-*"), "")
+
+
+def what_is_refused():
+    """What is not the name of a unit, or of none that there is, is refused in a line. Where the stack cannot be written, the journal says why."""
+    for name in ("", "a b.service", "a\nb.service", "../x.service", "no%name", "-"):
+        expect(f"a bad name: {name!r}", machine.attempt("sh", "-c", '/usr/libexec/zelk/unit-failure "$1" 2>&1', "-", name),
+               (1, "unit-failure: UNIT: this is not the name of a unit\n"))
+    stacks = "/var/adm/zelk/stacks"
+    machine.run("sh", "-c", f"mount --bind {stacks} {stacks} && mount -o remount,ro,bind {stacks} && rm /var/lib/zelk/failures/exits.service")
+    said = machine.attempt("sh", "-c", "setpriv --reuid zelk-failure --regid zelk --clear-groups /usr/libexec/zelk/unit-failure exits.service 2>&1")[1]
+    expect("a file system", said, f"unit-failure: {stacks}/units.stack: Read-only file system\n")
+    machine.run("umount", stacks)
+
+
+def the_page():
+    """The page that tells of it: all but its last line, and that once the service has been recorded."""
+    install("python")
+    run("sh", "-c", f"cp -P {REPOSITORY}/build/release/libqx_*.so.* {machine.tree}/usr/lib/")
+    page = open(REPOSITORY + "/doc/sources.md").read()
+    *commands, last = re.search(r"^    zkrecord.*?^    zkexport[^\n]*", page, re.M | re.S)[0].replace("\n    ", "\n").strip().splitlines()
+    machine.attempt("sh", "-c", "cd /root\n" + "\n".join(commands))
+    shop = incident_of("shop.service")
+    machine.run("sh", "-c", "cd /root\n" + last)
+    every = {each["id"]: each for each in map(json.loads, machine.run("zkexport", "--every").splitlines()) if each.get("id")}
+    chain = [shop]
+    while chain[0]["cause"] in every:
+        chain.insert(0, every[chain[0]["cause"]])
+    shown = re.search("^    Backup of.*?^    Unit[^\n]*", page, re.M | re.S)[0]
+    expect("the chain", [each["description"] for each in chain], [line.strip() for line in shown.splitlines()])
+    night = machine.run("cat", "/root/night.html")
+    expect("the page of the night", [what in night for what in ("Backup of /srv", "Order 4711", "Unit shop.service")], [True] * 3)
+
+
+def cost():
+    """What a failure costs, beside what systemd itself does."""
+    took = machine.run("bash", "-c", 'TIMEFORMAT="%U %S"; rm -f /var/lib/zelk/failures/*; time setpriv --reuid zelk-failure --regid zelk '
+                       "--groups systemd-journal /usr/libexec/zelk/unit-failure shouts.service >/dev/null", stderr=subprocess.STDOUT)
+    milliseconds = sum(map(float, took.split()[-2:])) * 1000
+    expect(f"a failure costs {milliseconds:.0f} ms of CPU, no more than 50", milliseconds <= 50, True)
+
+
+fleet.enter(os.path.abspath(__file__))
+if "--vm" in sys.argv:
+    machine = Machine("vm", root="vm")
+    on_own_kernel()
+    fleet.finish()
+machine = Machine("machine").boot()
+install("zkview", "sources")
+machine.run("sh", "-c", "systemd-sysusers && systemd-tmpfiles --create zkview.conf")
+for name, (_, *lines) in FAILING.items():
+    write_service(name, *lines)
+write_service("dumps.service", *DUMPS)
+write_service("greedy.service", *GREEDY, "ExecStart=/usr/bin/tail /dev/zero")
+write_service("stops.service", "ExecReload=/bin/false", 'ExecStop=/bin/sh -c "exit 8"', "ExecStart=/bin/sleep 60")
+machine.write("/root/two_lines", TWO_LINES)
+machine.run("systemctl", "daemon-reload")
+every_failure()
+what_is_up_to_the_machine_beneath()
+what_an_incident_says()
+causes()
+the_same_again()
+what_is_refused()
+the_page()
+cost()
+fleet.finish()
