@@ -172,7 +172,7 @@ void move_mark(cursor_t* cursor, const std::string& path, mark_t mark) {
     if (old.inode != mark.inode) continue;
     there.st_ino = 0;
     stat(other.c_str(), &there);
-    if (there.st_ino != mark.inode) old = there.st_ino == former.inode ? former : mark_t{};
+    if (there.st_ino != mark.inode) old = former; /* which may be that of a file between two names */
   }
   *own = mark;
 }

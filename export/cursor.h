@@ -29,8 +29,8 @@ bool save_cursor(const cursor_t& cursor, std::string* reason);
  * moved. Null for none. */
 const mark_t* find_mark(const cursor_t& cursor, const std::string& path, int fildes);
 
-/* Gives a path the mark of its file, which has been moved there. The paths that it has left are known on: without a file, or
- * with the one that has changed places with it. */
+/* Gives a path the mark of its file, which has been moved there. The paths that it has left keep that of the file before it,
+ * which may have changed places with it, or stand between two names. */
 void move_mark(cursor_t* cursor, const std::string& path, mark_t mark);
 
 /* Gives each of the paths the mark of the file that it leads to now, before what has the file's former path takes its

@@ -384,8 +384,8 @@ static bool give_queued(follower_t* follower, followed_t* stack) {
 static void know_moved(follower_t* follower, followed_t* stack) {
   const mark_t* const mark = find_mark(follower->cursor, stack->path, stack->open.fildes);
   if (mark == nullptr || mark->inode != stack->file.st_ino) return;
-  if (stack->is_known && stack->mark.inode == mark->inode) return;
   stack->is_known = true;
+  if (stack->mark == *mark) return;
   stack->mark = *mark;
   move_mark(&follower->cursor, stack->path, stack->mark);
   follower->is_unsaved = true;
