@@ -8,18 +8,25 @@ Exits with 1, and says the seed and the command line, where they differ.
 """
 import collections
 import datetime
+import html
+import html.parser
+import itertools
 import json
 import random
 import re
 import subprocess
 import sys
+import urllib.parse
 
 EXPORT, SEEDS = sys.argv[1], sys.argv[2:] or range(12)
 chance = random.Random()
 DIGITS = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 START = 1795554420  # 2026-11-24 21:07:00 UTC
 NODES = ["192.0.2.2", "192.0.2.18"]
-ENVIRONMENT = {"TZ": "UTC", "ASAN_OPTIONS": "detect_leaks=0"}  # what a run holds ends with it
+KINDS = [("disk", 7, "Disk %1$s is slow", "", 0, 0), ("disk", 7, "Disk %1$s is slow", "a.cat", 1, 2), ("disk", 41, "disk lost", "", 0, 0),
+         ("volume", 41, "Volume %1$s\nof node", "", 0, 0), ("41", 7, "", "a.cat", 1, 2), ("41", 7, "", "a.cat", 1, 3),
+         ("41", 41, 101 * "<é>", "", 0, 0)]
+ZONE = datetime.timedelta(hours=5, minutes=30)  # of the page's reader: IST
 
 
 def digits(number, count):
@@ -30,35 +37,56 @@ def make_incident(number, before):
     seconds, node = START + number * chance.choice([1, 1, 2, 4000]), chance.choice([*NODES, None])
     octets = [int(octet) for octet in (node or "0.0.0.0").split(".")]
     address = octets[0] << 24 | octets[1] << 16 | octets[2] << 8 | octets[3]
-    id = "7" + digits(number, 6) + digits(seconds, 6) + digits(number, 4) + digits(address, 6) + "." * 19
-    time = utc(seconds)
-    cause = chance.choice([None, None, chance.choice(before)["id"] if before else "first", f"gone-{chance.randrange(3)}"])
-    text = chance.choice(["Disk %1$s is slow", "disk lost", "Volume %1$s\nof node", "Link down"])
+    id = "7" + digits(number, 6) + digits(seconds, 6) + digits(number * 479, 4) + digits(address, 6) + "." * 19
+    is_known = node is not None and chance.random() < 0.9  # else the ID says nothing, and the node only who collected it
+    known = [before[-1]["id"], chance.choice(before)["id"]] if before else ["first"]
+    cause = chance.choice([None, None, *known, f"gone-{chance.randrange(3)}"])
+    name, process, text, catalog, message_set, message = chance.choice(KINDS)
     value = f"sd{chance.randrange(3)}"
     incident = {
-        "stack": chance.choice("ab"), "offset": 24 + number, "id": id if node else f"id-{number}", "cause": cause, "time": time,
-        "id_time": f"{time[:-1]}.{number:06}Z", "node": node,
-        "process": {"name": chance.choice(["disk", "volume", "41"]), "id": chance.choice([7, 41]), "parent": 1, "thread": 7},
-        "source": {"file": "a.c", "version": "1", "product": chance.choice(["one", "other", ""]), "line": 1},
-        "message": {"catalog": "", "set": 0, "number": 0, "default": text, "arguments": [{"type": "string", "value": value}]},
-        "description": text.replace("%1$s", value), "details": chance.choice(["", "Slow bus", "bus 3\nof sd1"]),
+        "stack": chance.choice(["a", "a", "a", "/v/b"]), "offset": 24 + number, "id": id if is_known else f"id-{number}", "cause": cause,
+        "time": utc(seconds - chance.choice([0, 0, 0, 7])), "id_time": f"{utc(seconds)[:-1]}.{number * 479:06}Z", "node": node,
+        "process": {"name": name, "id": process, "parent": 1 + number % 2, "thread": 7 + number % 3},
+        "source": {"file": chance.choice(["a.c", "&<'.c"]), "version": "1", "product": chance.choice(["one", "other", ""]), "line": 12},
+        "message": {"catalog": catalog, "set": message_set, "number": message, "default": text,
+                    "arguments": [{"type": "string", "value": value}, {"type": "int", "value": number}]},
+        "description": text.replace("%1$s", value) or "untold", "details": chance.choice(["", "Slow bus", "bus 3\nof sd1"]),
     }
+    if not is_known:
+        del incident["id_time"]
     if node is None:
-        del incident["node"], incident["id_time"]
+        del incident["node"]
     return incident
+
+
+def make_incidents(count):
+    made = []
+    for number in range(count):
+        made.append(make_incident(number, made))
+    chance.shuffle(made)
+    return made
 
 
 def utc(seconds):
     return datetime.datetime.fromtimestamp(seconds, datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
 
 
+def process_of(incident):
+    return incident["process"]["name"], incident["process"]["id"]
+
+
+def message_of(incident):
+    return tuple(incident["message"][key] for key in ("catalog", "set", "number", "default"))
+
+
 def moment(incident):
     return incident.get("id_time", incident["time"][:-1] + ".000000Z")
 
 
-def zkexport(lines, *options):
+def zkexport(lines, *options, zone="UTC"):
     text = "".join(json.dumps(line) + "\n" for line in lines)
-    ended = subprocess.run([EXPORT, "--input", *options], input=text.encode(), env=ENVIRONMENT, stdout=subprocess.PIPE, check=True)
+    variables = {"TZ": zone, "ASAN_OPTIONS": "detect_leaks=0"}  # what a run holds ends with it
+    ended = subprocess.run([EXPORT, "--input", *options], input=text.encode(), env=variables, stdout=subprocess.PIPE, check=True)
     return ended.stdout.decode()
 
 
@@ -125,7 +153,7 @@ def draw_tree(lines):
     def rows(incidents):
         groups = {}
         for i in sorted(incidents, key=moment):
-            key = (i.get("node"), i["process"]["name"], i["process"]["id"], i["message"]["default"], i["cause"])
+            key = (i.get("node"), *process_of(i), i["cause"], *message_of(i))
             groups.setdefault(key, []).append(i)
         return list(groups.values())
 
@@ -159,15 +187,21 @@ def ids_of_chain(lines, id):
     return "".join(i["id"] + "\n" for i in sorted(lines, key=moment) if i["id"] in wanted)
 
 
-def boxes_and_arrows(lines):
-    """Of the picture for Graphviz: the box of each incident, and what leads to it."""
+def lanes_of(lines):
+    """The node, stack and process of each incident; one of an unknown node is from that of its stack, where there is one."""
     nodes_of = collections.defaultdict(set)
     for i in lines:
         nodes_of[i["stack"]] |= {i["node"]} if "node" in i else set()
-    facts = []
+    only = {stack: min(nodes) if len(nodes) == 1 else "" for stack, nodes in nodes_of.items()}
+    return {i["id"]: (i.get("node", only[i["stack"]]), i["stack"], *process_of(i)) for i in lines}
+
+
+def boxes_and_arrows(lines):
+    """Of the picture for Graphviz: the box of each incident, and what leads to it."""
+    lanes, facts = lanes_of(lines), []
     for i in lines:
-        node = i.get("node") or (min(nodes_of[i["stack"]]) if len(nodes_of[i["stack"]]) == 1 else "")
-        facts.append((i["id"], node, i["stack"], f'{i["process"]["name"]} {i["process"]["id"]}'))
+        node, stack, name, number = lanes[i["id"]]
+        facts.append((i["id"], node, stack, f"{name} {number}"))
         if i["cause"]:
             facts.append((i["cause"], i["id"]))
     has_nodes = len({fact[1] for fact in facts if len(fact) == 4}) > 1
@@ -189,10 +223,174 @@ def drawn_boxes_and_arrows(dot):
     return sorted(tuple(ids.get(name, name) for name in fact) for fact in facts)
 
 
+# ---- The page -------------------------------------------------------------------------------------------------------------
+
+class Page(html.parser.HTMLParser):
+    """The rows of a page: of each its id, classes, style and numbers, then its texts."""
+    TEXTS = {"b", "time", "i", "u", "mark", "dt", "dd"}
+
+    def __init__(self, page):
+        super().__init__()
+        self.rows, self.is_tree, self.is_summary = [], False, False
+        self.feed(page)
+        self.rows = [row[:4] + [text.strip() for text in row[4:] if text.strip()] for row in self.rows]
+
+    def handle_starttag(self, tag, attributes):
+        has = dict(attributes)
+        self.is_tree = self.is_tree or has.get("class") == "tree"
+        if tag in ("summary", "dl"):
+            self.is_summary = tag == "summary"
+        if tag in ("li", "h2") and self.is_tree:
+            self.rows.append([has.get(key, "") for key in ("id", "class", "style", "data-r")] + [""])
+        elif self.is_tree and self.rows:
+            if tag in self.TEXTS or (tag == "bdi" and self.is_summary):
+                self.rows[-1] += [has["datetime"], ""] if "datetime" in has else [""]
+            self.rows[-1][-1] += {"a": f"<{urllib.parse.unquote(has.get('href', ''))}>", "br": "\n"}.get(tag, "")
+
+    def handle_endtag(self, tag):
+        self.is_tree = self.is_tree and tag != "section"
+
+    def handle_data(self, data):
+        if self.is_tree and self.rows:
+            self.rows[-1][-1] += data
+
+
+def local(time, form):
+    return (datetime.datetime.fromisoformat(time[:-1]) + ZONE).strftime(form)
+
+
+def both_times(time):
+    day = local(time, "%a %Y-%m-%d %H:%M:%S.%f")
+    return f"{day[:-3] if '.' in time else day[:-7]} IST ({time})"
+
+
+def short(text):
+    line = re.sub("[\n\t]", " ", text)
+    return line if len(line) <= 200 else line[:200] + "…"
+
+
+def facts_of_page(lines, asked):
+    """What the head, the choices and the names of the lanes say, and the rows as Page has them."""
+    ordered = sorted(lines, key=moment)
+    numbers = {i["id"]: number for number, i in enumerate(ordered, 1)}
+    is_brief, lanes = len(ordered) > 2000, lanes_of(ordered)
+    lane_names = list(dict.fromkeys(lanes[i["id"]] for i in ordered))
+    nodes = list(dict.fromkeys(lane[0] for lane in lane_names))
+    names = list(dict.fromkeys(i["process"]["name"] for i in ordered))
+    products = list(dict.fromkeys(i["source"]["product"] for i in ordered))
+    bars = sorted(lane_names, key=lambda lane: (nodes.index(lane[0]), names.index(lane[2]), lane_names.index(lane)))
+    times = [datetime.datetime.fromisoformat(moment(i)[:-1]) for i in (ordered[0], ordered[-1])]
+    has_milliseconds = times[1] - times[0] < datetime.timedelta(minutes=1)
+    effects = collections.defaultdict(list)
+    for i in ordered:
+        effects[i["cause"] if i["cause"] in numbers else None].append(i)
+    drawn, common, chains = [], [], itertools.count()
+
+    def clock(i):
+        time = local(moment(i), "%H:%M:%S.%f")
+        return time[:12] if has_milliseconds else time[:8]
+
+    def date(i):
+        return local(moment(i), "%a %Y-%m-%d")
+
+    def texts_of_row(i, first, *behind):
+        node = [i["node"]] if len(nodes) > 1 and "node" in i else []
+        return [first, clock(i), i["process"]["name"], short(i["description"]), *behind, *node]
+
+    def head():
+        stacks = list(dict.fromkeys(lane[1] for lane in lane_names))
+        subject = f"{len(nodes)} nodes" if len(nodes) > 1 else stacks[0] if len(stacks) == 1 else f"{len(stacks)} stacks"
+        count = f"{len(ordered):,} incident" + ("s" if len(ordered) > 1 else "")
+        ends = sorted(moment(i) for i in (ordered[0], ordered[-1]))
+        days, clocks, utc_days = [[local(end, form) for end in ends] for form in ("%a %Y-%m-%d", "%H:%M:%S")] + [[end[:10] for end in ends]]
+        until, utc_until = [f"{pair[1]} " if pair[0] != pair[1] else "" for pair in (days, utc_days)]
+        title = f"{subject}, {days[0][4:]}{' to ' + days[1][4:] if until else ''}: {count}"
+        span = f"{days[0]} {clocks[0]} to {until}{clocks[1]} IST (UTC {utc_days[0]} {ends[0][11:19]} to {utc_until}{ends[1][11:19]})"
+        facts = [title, f"{count} of {subject}", span, f"On {', '.join(node or 'an unknown node' for node in nodes)}, in {', '.join(stacks)}."]
+        above = None
+        for node, stack, name, number in bars:
+            facts += [node or "unknown node"] if len(nodes) > 1 and node != above else []
+            facts.append(f"in {stack}: {name} {number} {stack.split('/')[-1] if len(stacks) > 1 else ''}".strip())
+            above = node
+        return facts + [f"all|{'|'.join(text or 'none' for text in texts)}" for texts in (nodes, names, products) if len(texts) > 1]
+
+    def attributes(i, depth, colour, id=""):
+        lane = lanes[i["id"]]
+        choices = (bars.index(lane), nodes.index(lane[0]), names.index(i["process"]["name"]),
+                   products.index(i["source"]["product"]), numbers.get(i["cause"], 0))
+        classes = [*([] if id else ["all"]), *([f"c{colour}"] if colour else []), *(["deep"] if depth > 12 else []),
+                   *(["elsewhere"] if i["cause"] and i["cause"] not in numbers else []),
+                   *(["asked"] if i["id"] == asked and id else [])]
+        return [id, " ".join(classes), f"--d:{depth}" if depth else "", " ".join(map(str, choices)) if id else ""]
+
+    def record(i):
+        where, what, process = i["source"], i["message"], i["process"]
+        cause = f'<#{i["cause"]}>{i["cause"]} ({numbers[i["cause"]]})' if i["cause"] in numbers else f'{i["cause"]} (not recorded here)'
+        place = ["Detected in", f'{where["file"]} line {where["line"]}, version {where["version"]}, product {where["product"]}'.strip(),
+                 "Process", f'{process["name"]} {process["id"]}, parent {process["parent"]}, thread {process["thread"]}',
+                 "Stack", i["stack"] + (f', on {i["node"]}' if "node" in i else "")]
+        catalog = f'catalog {what["catalog"]}' if what["catalog"] else "no catalog"
+        message = ["Message", f'{what["default"]}\n{catalog}, set {what["set"]}, number {what["number"]}'.strip()]
+        values = [(str(argument["value"]), argument["type"]) for argument in what["arguments"]]
+        has_other_time = "id_time" in i and i["id_time"][:19] != i["time"][:19]
+        texts = ["Description", i["description"]] if short(i["description"]) != i["description"] else []
+        texts += ["Details", i["details"]] if i["details"] else []
+        if not is_brief:
+            texts += ["Error ID", i["id"], *(["Cause", cause] if i["cause"] else []), "Time", both_times(i.get("id_time", i["time"]))]
+            texts += ["Recorded", both_times(i["time"])] if has_other_time else []
+            texts += [*place[:-1], f'{place[-1]}, offset {i["offset"]}', "Arguments"]
+            return texts + [f"{value} {type}" for value, type in values] + message
+        row = [*place, *message, "Arguments are", ", ".join(type for _, type in values)]
+        if row not in common:
+            common.append(row)
+        texts += ["Cause", cause] if i["cause"] and i["cause"] not in numbers else []
+        texts += ["Arguments", *(value for value, _ in values), *(["Recorded", i["time"]] if has_other_time else [])]
+        return texts + ["Record", f'offset {i["offset"]}, table row {common.index(row) + 1}']
+
+    def draw(incidents, depth, colour):
+        steps = {}
+        for i in incidents:
+            key = (lanes[i["id"]], i["cause"], message_of(i), i["message"]["default"] or i["description"])
+            steps.setdefault(i["id"] if effects[i["id"]] or i["id"] == asked else key, []).append(i)
+        for members in steps.values():
+            first, last = members[0], members[-1]
+            if depth == 0:
+                colour = 1 + next(chains) % 6 if effects[first["id"]] else 0
+            if date(first) != draw.date:
+                drawn.append(["", "date", "", "", date(first)])
+                draw.date = date(first)
+            if len(members) > 1:
+                until = f"until {clock(last)}" if date(last) == date(first) else f"until {date(last)} {clock(last)}"
+                drawn.append(attributes(first, depth, colour) + texts_of_row(first, f"×{len(members)}", until))
+            for i in members:
+                texts = texts_of_row(i, str(numbers[i["id"]]), *(["asked for"] if i["id"] == asked else []))
+                drawn.append(attributes(i, depth, colour, i["id"]) + [texts[0], i.get("id_time", i["time"]), *texts[1:], *record(i)])
+            draw(effects[first["id"]], depth + 1, colour)
+
+    draw.date = ""
+    draw(effects[None], 0, 0)
+    tables = [[""] * 4 + row for row in [["What many have in common"], *common]] if is_brief else []
+    return head(), drawn + tables
+
+
+def head_in(page):
+    found = re.findall("^(?:<title>.*|<h1>.*|<p class=span>.*|<p class=of>On .* in .*?[.] |<label>.*<select.*|<li class=node.*|<li title=.*)", page, re.MULTILINE)
+    found = [re.sub("<option[^>]*>", "|", part).split("|", 1)[-1] if "<select" in part else part for part in found]
+    found = [re.sub('<li title="(.*?)">', r"\1: ", part) for part in found]
+    return [html.unescape(re.sub("<[^>]*>", "", part)).strip() for part in found]
+
+
+def hold_page(lines, *options, asked=None):
+    page = zkexport(lines, "-ohtml", *options, zone="IST-5:30")
+    head, rows = facts_of_page(lines, asked)
+    for wanted, found in itertools.zip_longest(head + rows, head_in(page) + Page(page).rows):
+        hold(["-ohtml", *options], wanted, found)
+
+
 def hold(options, wanted, found):
     if wanted == found:
         return
-    print(f"seed {seed}: zkexport --input {' '.join(options)} gives\n{found}instead of\n{wanted}")
+    print(f"seed {seed}: zkexport --input {' '.join(options)} gives\n{found}\ninstead of\n{wanted}")
     sys.exit(1)
 
 
@@ -200,18 +398,20 @@ def ids_in(lines):
     return "".join(json.loads(line)["id"] + "\n" for line in lines.splitlines())
 
 
+seed = "none"
+hold_page(make_incidents(2001))  # records refer to a table
 for seed in SEEDS:
     chance.seed(int(seed))
     for size in [1, 3, 12, 40]:
-        incidents = []
-        for count in range(size):
-            incidents.append(make_incident(count, incidents))
-        chance.shuffle(incidents)
+        incidents = make_incidents(size)
+        hold_page(incidents)
         hold(["-otree"], draw_tree(incidents), zkexport(incidents, "-otree"))
         hold(["-odot"], boxes_and_arrows(incidents), drawn_boxes_and_arrows(zkexport(incidents, "-odot")))
         asked = chance.choice(incidents)
         for id in [asked["id"], asked["cause"] or "gone-1"]:
             if wanted := ids_of_chain(incidents, id):
-                hold(["--chain", f"--id={id}"], wanted, ids_in(zkexport(incidents, "--chain", f"--id={id}")))
+                options = ["--chain", f"--id={id}"]
+                hold(options, wanted, ids_in(zkexport(incidents, *options)))
+                hold_page([i for i in incidents if i["id"] in wanted.split()], *options, asked=id)
         for _ in range(4):
             hold_selection(incidents)
