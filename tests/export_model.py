@@ -25,7 +25,7 @@ START = 1795554420  # 2026-11-24 21:07:00 UTC
 NODES = ["192.0.2.2", "192.0.2.18"]
 KINDS = [("disk", 7, "Disk %1$s is slow", "", 0, 0), ("disk", 7, "Disk %1$s is slow", "a.cat", 1, 2), ("disk", 41, "disk lost", "", 0, 0),
          ("volume", 41, "Volume %1$s\nof node", "", 0, 0), ("41", 7, "", "a.cat", 1, 2), ("41", 7, "", "a.cat", 1, 3),
-         ("41", 41, 101 * "<é>", "", 0, 0)]
+         ("7th", 41, 101 * "<é>", "", 0, 0)]
 ZONE = datetime.timedelta(hours=5, minutes=30)  # of the page's reader: IST
 
 
@@ -50,7 +50,7 @@ def make_incident(number, before):
         "source": {"file": chance.choice(["a.c", "&<'.c"]), "version": "1", "product": chance.choice(["one", "other", ""]), "line": 12},
         "message": {"catalog": catalog, "set": message_set, "number": message, "default": text,
                     "arguments": [{"type": "string", "value": value}, {"type": "int", "value": number}]},
-        "description": text.replace("%1$s", value) or "untold", "details": chance.choice(["", "Slow bus", "bus 3\nof sd1"]),
+        "description": text.replace("%1$s", value) or chance.choice(["told", "elsewhere"]), "details": chance.choice(["", "Slow bus", "bus 3\n\tof sd1"]),
     }
     if not is_known:
         del incident["id_time"]
@@ -102,6 +102,7 @@ def choose_selection(lines):
         (f"--until={other}", lambda i: i["time"] < other),
         ("--process=disk", lambda i: i["process"]["name"] == "disk"),
         ("--process=41", lambda i: i["process"]["name"] == "41" or i["process"]["id"] == 41),
+        ("--process=7th", lambda i: i["process"]["name"] == "7th"),
         ("--product=other", lambda i: i["source"]["product"] == "other"),
         ("--node=192.0.2.18", lambda i: i.get("node") == "192.0.2.18"),
         (f"--grep={pattern}", lambda i: any(re.search(pattern, i[key], cases | re.MULTILINE) for key in ("description", "details"))),

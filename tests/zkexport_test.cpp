@@ -480,74 +480,22 @@ TEST(input, makes_the_same_picture_of_lines_as_of_the_stack) {
   }
 }
 
-TEST(input, is_what_json_gives_and_nothing_else) {
-  const std::string file = stack().add({.id = ID, .related = CAUSE, .arg_count = 1, .args = int_arg(5)}).file();
-  const std::string good_line = zkexport({file}).out;
-  auto status_with = [&](const std::string& was, const std::string& is) {
-    std::string line = good_line;
-    EXPECT_NE(line.find(was), line.npos) << was;
-    const std::string text = new_file(line.replace(line.find(was), was.size(), is));
-    return run({"/bin/sh", "-c", program("zkexport") + " --input --format=dot <" + text}).status;
-  };
-  const std::string deep = std::string(100000, '[') + std::string(100000, ']');
-  for (const auto& [was, is] :
-       std::vector<std::pair<std::string, std::string>>{{"}\n", "}\r\n"},
-                                                        {"{", "{ \"more\" : [1e3, null] , "},
-                                                        {"\"proc\"", "\"\\u0070roc\""},
-                                                        {"\"proc\"", "\"\\ud83d\\ude00\\udbff\\udfff\""}})
-    EXPECT_EQ(status_with(was, is), 0) << is;
-  for (const auto& [was, is] :
-       std::vector<std::pair<std::string, std::string>>{{"\"value\":5", "\"value\":1e131071"},
-                                                        {"\"value\":5", "\"value\":2147483648"},
-                                                        {"\"value\":5", "\"value\":\"5\""},
-                                                        {"\"value\":5", "\"value\":05"},
-                                                        {"{", "{\"more\":" + deep + ","},
-                                                        {"\"proc\"", "\"\\u0000\""},
-                                                        {"\"proc\"", "\"\xFF\""},
-                                                        {"\"proc\"", "\"\\ud83d\""},
-                                                        {"\"proc\"", "\"a\tb\""},
-                                                        {"\"proc\"", "\"\uFFFD\",\"name_base64\":\"AP8=\""}, /* a NUL */
-                                                        {"\"proc\"", "\"\uFFFD\",\"name_base64\":\"/w\""},
-                                                        {"\"proc\"", "\"proc\",\"name_base64\":\"/w==\""},
-                                                        {"{", "{\"stack\":\"other\","},
-                                                        {"09:05:00Z", "09:05:60Z"},
-                                                        {"2026-11-25", "1969-11-25"},
-                                                        {"2007-02-03", "2007-02-29"},
-                                                        {"\"node\":\"192.0.2.2\",", ""},
-                                                        {"\"node\":\"192.0.2.2\"", "\"node\":\"n1\""},
-                                                        {"\"line\":12", "\"line\":12.0"},
-                                                        {"\"details\"", "\"gap\":true,\"details\""},
-                                                        {"}\n", "},\n"},
-                                                        {",\"offset\":24", ""},
-                                                        {ID, ID + "."},
-                                                        {"{", "{\"more\":1e,"},
-                                                        {"{", "{\"more\":1.,"},
-                                                        {",\"id_time\":\"2026-11-25T07:12:34.488814Z\"", ""}})
-    EXPECT_EQ(status_with(was, is), 1) << is.substr(0, 80);
-  for (const auto& [size, status] : {std::pair{42, 0}, {43, 1}}) { /* an Error ID that cannot be decoded */
-    const std::string line = zkexport({stack().add("x").file()}).out;
-    const std::string id(static_cast<size_t>(size), 'x');
-    EXPECT_EQ(shell("zkexport --input <" + new_file(replaced(line, eid("x"), id))).status, status);
-  }
+TEST(input, gives_damage_on_once_and_each_gap) {
+  const std::string damage =
+                        R"({"stack":"s","error":{"code":-26,"name":"ZELK_FILE_CORRUPT","offset":0,"reason":"why"}})"
+                        "\n",
+                    gap = R"({"stack":"s","gap":true})"
+                          "\n";
+  const std::string lines = new_file(damage + gap + gap + damage);
+  EXPECT_EQ(shell(program("zkexport") + " --input <" + lines), good(damage + gap + gap));
+  EXPECT_EQ(shell(program("zkexport") + " --input -otree <" + lines), /* and says it once */
+            good("! s: why (at offset 0)\n! s: incidents were overwritten before they could be read\n"));
 }
 
-TEST(input, gives_damage_on_once_and_each_gap_and_takes_no_others) {
-  const std::string damage =
-                        R"({"stack":"s","error":{"code":-26,"name":"ZELK_FILE_CORRUPT","offset":0,"reason":"why"}})",
-                    gap = R"({"stack":"s","gap":true})";
-  auto given = [](const std::string& lines) {
-    return run({"/bin/sh", "-c", program("zkexport") + " --input <" + new_file(lines)});
-  };
-  EXPECT_EQ(given(damage + "\n" + gap + "\n" + gap + "\n" + damage + "\n"),
-            good(damage + "\n" + gap + "\n" + gap + "\n"));
-  for (const auto& [was, is] :
-       std::vector<std::pair<std::string, std::string>>{{"-26", "-27"},
-                                                        {"{\"code\":-26", "{\"code\":-1,\"code\":-26"},
-                                                        {"\"offset\":0", "\"offset\":-1"},
-                                                        {"\"why\"", "\"\""},
-                                                        {",\"reason\":\"why\"", ""},
-                                                        {"\"s\",", "\"s\",\"gap\":true,"}})
-    EXPECT_EQ(given(replaced(damage, was, is)).status, 1) << is;
+TEST(input, is_not_read_into_any_depth) {
+  const std::string line = zkexport({stack().add("one").file()}).out;
+  const std::string deep = "{\"more\":" + std::string(100000, '[') + std::string(100000, ']') + ",";
+  EXPECT_EQ(shell(program("zkexport") + " --input <" + new_file(deep + line.substr(1))).status, 1);
 }
 
 TEST(input, puts_incidents_of_several_nodes_in_order_of_time) {

@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /* Recording from a script: the command line, what is recorded, and what is said when it is not. */
 #include <filesystem>
+#include <regex>
+#include <sstream>
 
 #include "support.h"
 
@@ -52,6 +54,23 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
     EXPECT_EQ(zkrecord(arguments), good("")) << shown;
     EXPECT_EQ(description(stack), shown + DETAILS);
   }
+}
+
+/* Each number as printf(1) shows it, and none that printf(1) complains of. */
+TEST(zkrecord, takes_numbers_as_printf_does) {
+  const std::string stack = new_stack();
+  std::vector<std::string> numbers = words(
+      "0 -1 +7 010 0x1F 9223372036854775807 9223372036854775808 -9223372036854775808 18446744073709551615 "
+      "18446744073709551616 1x - 0.5 1e3 inf -nan");
+  numbers.insert(numbers.end(), {" 8", "8 "});
+  for (const std::string& format : words("%d %i %o %u %x %X %+5d %#o %08.2e %g %E"))
+    for (const std::string& number : numbers) {
+      const outcome wanted = run({"/usr/bin/printf", format, number});
+      const outcome taken = zkrecord({"-qC", "--", stack, format, number});
+      EXPECT_EQ(taken.status, wanted.status == 0 ? 0 : 2) << format << " of '" << number << "'";
+      const std::string shown = taken.status == 0 ? wanted.out : "";
+      EXPECT_EQ(taken.status == 0 ? description(stack) : DETAILS, shown + DETAILS) << format << " of " << number;
+    }
 }
 
 TEST(zkrecord, makes_and_records_nothing_on_misuse) {
@@ -258,4 +277,39 @@ TEST(zkrecord, fails_when_the_id_cannot_be_written) {
   EXPECT_TRUE(full.status == 1 && full.err.ends_with(" cannot be written: No space left on device\n")) << full;
   EXPECT_EQ(script(stack, "zkrecord $S closed >&-").status, 1);
   EXPECT_EQ(description(stack), "closed" + DETAILS); /* the ID went nowhere, and not into the stack */
+}
+
+/* What --help lists is what is taken: a value apart or with its name, a flag without one. */
+TEST(companions, take_each_option_in_each_of_its_forms) {
+  const environment samples = {{"FORMAT", "json"}, {"CATALOG", "a:1:2"}, {"WHEN", "auto"}, {"N", "1"},
+                               {"TIME", "now"},    {"ADDRESS", "::1"},   {"SIZE", "9000"}, {"BYTES", "20000"}};
+  const std::regex row("  (?:-(.),)?--([a-z-]+)(?: (\\[=)?([A-Z]+).*)?");
+  for (const char* command : {"zkrecord", "zkdecode", "zkexport"}) {
+    const std::string help = run({program(command), "--help"}).out;
+    std::istringstream rows(help.substr(help.find("\nOptions:\n")));
+    auto expect = [&](const std::vector<std::string>& arguments, const outcome& wanted) {
+      std::vector<std::string> all = {program(command)};
+      all.insert(all.end(), arguments.begin(), arguments.end());
+      EXPECT_EQ(run(all), wanted) << command << " " << arguments[0];
+    };
+    std::smatch found;
+    for (std::string line; std::getline(rows, line);) {
+      if (!std::regex_match(line.erase(std::min(line.size(), line.find("  ", 2))), found, row)) continue;
+      const std::string name = "--" + found.str(2), letter = "-" + found.str(1), placeholder = found.str(4);
+      const bool is_optional = found[3].matched, has_value = found[4].matched;
+      if (name == "--help" || name == "--version") continue;
+      const std::string value = samples.contains(placeholder) ? samples.at(placeholder) : "x";
+      if (has_value) expect({name + "=" + value, "--help"}, good(help));
+      if (has_value && letter != "-") expect({letter + value, "--help"}, good(help));
+      if (!has_value || is_optional) {
+        expect({name, "--help"}, good(help));
+        if (letter != "-") expect({letter, "--help"}, good(help));
+      } else {
+        expect({name, value, "--help"}, good(help));
+        if (letter != "-") expect({letter, value, "--help"}, good(help));
+      }
+      const std::string bad = has_value && !is_optional ? name : name + "=x"; /* no value, and one that is none */
+      EXPECT_EQ(run({program(command), bad}).status, 2) << bad;
+    }
+  }
 }

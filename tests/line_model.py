@@ -1,0 +1,220 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""Holds which lines zkexport --input takes against a second judge of them: good lines of each kind, with each of their
+characters changed, left out and doubled, and with other values in the place of each one.
+
+    tests/line_model.py ZKEXPORT
+
+Exits with 1, and shows the lines, where they differ.
+"""
+import base64
+import copy
+import datetime
+import ipaddress
+import json
+import re
+import subprocess
+import sys
+
+DIGITS = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+NAMES = {-23: "ZELK_LOCK", -24: "ZELK_FILE_MISSING", -25: "ZELK_NO_ACCESS", -26: "ZELK_FILE_CORRUPT"}
+INT32, INT64 = 2**31 - 1, 2**63 - 1
+INCIDENT = {
+    "stack": "s", "offset": 24, "id": "726md..Wdc/f/iJr/06...1...................", "cause": None, "time": "2007-02-03T09:05:00Z",
+    "id_time": "2026-11-25T07:12:34.488814Z", "node": "192.0.2.2", "process": {"name": "p", "id": 100, "parent": -1, "thread": 7},
+    "source": {"file": "a.c", "version": "1", "product": "", "line": 12},
+    "message": {"catalog": "", "set": 3, "number": 14, "default": "%s",
+                "arguments": [{"type": "int", "value": -3}, {"type": "long", "value": 4}, {"type": "long_long", "value": 5},
+                              {"type": "double", "value": 1.5}, {"type": "double", "value": "-inf"}, {"type": "string", "value": "x"},
+                              {"type": "pointer", "value": "0x1f"}, {"type": "reserved", "value": "0102030405060708"}]},
+    "description": "\u00e9", "cut": True, "details": "\ufffd", "details_base64": "/w==",
+}
+UNNAMED = {**{key: value for key, value in INCIDENT.items() if key not in ("id_time", "cut", "details_base64")}, "id": "x", "cause": "y"}
+GAP = {"stack": "s", "gap": True}
+DAMAGE = {"stack": "s", "error": {"code": -26, "name": "ZELK_FILE_CORRUPT", "offset": 0, "reason": "why"}}
+
+
+# ---- The judge ----------------------------------------------------------------------------------------------------------
+
+class Bad(ValueError):
+    pass
+
+
+def need(holds):
+    if not holds:
+        raise Bad
+
+
+def members(pairs):
+    """An object. Only members that are known may not come twice; what was added is not looked at."""
+    known = {"error", "gap", "code", "reason", "type", "value", "value_base64", *INCIDENT, *INCIDENT["process"], *INCIDENT["source"],
+             *INCIDENT["message"]}
+    known |= {f"{key}_base64" for key in known}
+    keys = [key for key, _ in pairs if key in known]
+    need(len(keys) == len(set(keys)) and "\0" not in "".join(value for pair in pairs for value in pair if isinstance(value, str)))
+    return dict(pairs)
+
+
+def refuse_constant(_):
+    raise Bad
+
+
+def text(holder, key):
+    """A text, and the bytes that it stands for where it is not UTF-8."""
+    value, original = holder.get(key), holder.get(f"{key}_base64")
+    need(isinstance(value, str))
+    if f"{key}_base64" in holder:
+        need(isinstance(original, str))
+        data = base64.b64decode(original, validate=True)
+        need(base64.b64encode(data).decode() == original and b"\0" not in data and data.decode("utf-8", "replace") == value)
+        need("\ufffd" in value and not is_utf8(data))
+    return value
+
+
+def is_utf8(data):
+    try:
+        data.decode()
+        return True
+    except UnicodeDecodeError:
+        return False
+
+
+def whole(value, low, high):
+    need(type(value) is int and low <= value <= high)
+
+
+def moment(value):
+    need(isinstance(value, str) and re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d{6})?Z", value, re.ASCII))
+    return datetime.datetime.fromisoformat(value[:-1])
+
+
+def moment_of_id(id):
+    place = {digit: value for value, digit in enumerate(DIGITS)}
+    if id is None or len(id.encode()) != 42 or any(digit not in place for digit in id[:1] + id[7:]):
+        return None
+    seconds, fraction = (sum(place[digit] << 6 * at for at, digit in enumerate(id[first:last])) for first, last in ((7, 13), (13, 17)))
+    if seconds == 0 or fraction > 999999:
+        return None
+    return datetime.datetime(1970, 1, 1) + datetime.timedelta(seconds=seconds, microseconds=fraction)
+
+
+def judge_argument(argument):
+    need(isinstance(argument, dict))
+    kind, value = argument.get("type"), argument.get("value")
+    need(isinstance(kind, str))
+    if isinstance(value, str):
+        patterns = {"double": "-?(inf|nan)", "pointer": "0x[0-9a-f]{1,16}", "reserved": "[0-9a-f]{16}", "unknown": "[0-9a-f]{16}"}
+        need(kind == "string" or ("value_base64" not in argument and re.fullmatch(patterns.get(kind, "(?!)"), value)))
+        text(argument, "value")
+    else:
+        need("value_base64" not in argument)
+        if kind == "double":
+            need(type(value) in (int, float) and abs(value) < 2e308)
+        else:
+            high = {"int": INT32, "long": INT32, "long_long": INT64}.get(kind)
+            need(high is not None)
+            whole(value, -high - 1, high)
+
+
+def judge_incident(line):
+    whole(line.get("offset"), 0, INT64)
+    for key in ("stack", "description", "details"):
+        text(line, key)
+    for key in ("id", "cause"):
+        need(key in line)
+        need(line[key] is None and f"{key}_base64" not in line or 0 < len(text(line, key)) <= 42)
+    for part, texts in (("process", ["name"]), ("source", ["file", "version", "product"]), ("message", ["catalog", "default"])):
+        need(isinstance(line.get(part), dict))
+        for key in texts:
+            text(line[part], key)
+    for part, numbers in (("process", ["id", "parent", "thread"]), ("source", ["line"]), ("message", ["set", "number"])):
+        for key in numbers:
+            whole(line[part].get(key), -INT32 - 1, INT32)
+    need(isinstance(line["message"].get("arguments"), list))
+    for argument in line["message"]["arguments"]:
+        judge_argument(argument)
+    recorded = moment(line.get("time"))
+    need(recorded.microsecond == 0 and abs((recorded - datetime.datetime(1970, 1, 1)).total_seconds() + 0.5) < 2**31)
+    need("cut" not in line or line["cut"] is True)
+    need("node" not in line or str(ipaddress.ip_address(text(line, "node"))) == line["node"])
+    of_id = moment_of_id(line["id"])
+    if "id_time" in line:
+        need("node" in line and of_id is not None and moment(line["id_time"]) == of_id)
+    else:
+        need(of_id is None or "node" not in line)
+
+
+def judge(written):
+    try:
+        line = json.loads(written, object_pairs_hook=members, parse_constant=refuse_constant)
+        need(isinstance(line, dict))
+        json.dumps(line, ensure_ascii=False).encode()  # half a pair is no character
+        if "gap" in line or "error" in line:
+            need(("gap" in line) != ("error" in line) and not set(line) & (set(INCIDENT) - {"stack"}))
+            text(line, "stack")
+            need(line.get("gap", True) is True)
+            if "error" in line:
+                error = line["error"]
+                need(isinstance(error, dict) and type(error.get("code")) is int and NAMES.get(error["code"]) == error.get("name"))
+                need(isinstance(error.get("reason"), str) and error["reason"])
+                need("offset" not in error or type(error["offset"]) is int and 0 <= error["offset"] <= INT64)
+        else:
+            judge_incident(line)
+        return True
+    except ValueError:
+        return False
+
+
+# ---- The lines ------------------------------------------------------------------------------------------------------------
+
+OTHERS = ["null", "true", "false", '""', "[]", "{}", "0", "-1", "1.5", "1e400", '"\\u0041"', '"\\ud83d"', '"\\ud83d\\ude00"', '"\\u0000"', '"\ufffd"',
+          *(str(number) for edge in (INT32, INT64) for number in (edge, edge + 1, -edge - 1, -edge - 2)), f'"{42 * "x"}"', f'"{43 * "x"}"',
+          '"\\u00e9"', '"2038-01-19T03:14:07Z"', '"2038-01-19T03:14:08Z"', '"1901-12-13T20:45:52Z"', '"1901-12-13T20:45:51Z"',
+          '"2007-02-29T00:00:00Z"', '"2007-02-03T24:00:00Z"', '"2007-02-03T09:05:60Z"', '"2007-02-03T09:05:00.000000Z"',
+          '"192.0.2.002"', '"2001:db8::1"', '"2001:DB8::1"', '"inf"', '"nan"', '"0x0"', '"0x' + 17 * "1" + '"', 16 * "[" + 16 * "]", 17 * "[" + 17 * "]"]
+
+
+def without_or_doubled(line):
+    """The line with each member, also of its parts, left out, beside another one, and twice."""
+    def parts(holder):
+        for key, value in holder.items():
+            yield holder, key
+            yield from parts(value) if isinstance(value, dict) else ()
+    for index, _ in enumerate(parts(line)):
+        for what in ("left out", "in front of another", "behind bytes"):
+            changed = copy.deepcopy(line)
+            holder, key = list(parts(changed))[index]
+            value = holder[key]
+            if what == "left out":
+                del holder[key]
+            elif what == "behind bytes":
+                holder[f"{key}_base64"] = "/w=="
+            else:
+                holder["another"] = value
+            yield json.dumps(changed, ensure_ascii=False, separators=(",", ":"))
+    for member in re.findall(r'"\w+":(?:"[^"]*"|-?[\d.]+|null|true)', json.dumps(line, separators=(",", ":"))):
+        yield json.dumps(line, separators=(",", ":")).replace(member, f"{member},{member}", 1)
+
+
+def changed_lines():
+    for line in (INCIDENT, UNNAMED, GAP, DAMAGE):
+        written = json.dumps(line, ensure_ascii=False, separators=(",", ":"))
+        for at, character in enumerate(written):
+            for other in ("", 2 * character, " ", "0", "9", "x", "A", "-", ".", '"', "\\", ",", "]", "\t", "\u0080"):
+                yield written[:at] + other + written[at + 1:]
+        for value in re.finditer(r'(?<=:)("[^"]*"|-?[\d.]+|null|true)', written):
+            for other in OTHERS:
+                yield written[:value.start()] + other + written[value.end():]
+        yield from without_or_doubled(line)
+
+
+lines = [line.encode() for line in dict.fromkeys(changed_lines())]
+lines += [json.dumps(INCIDENT).encode().replace(b'"p"', b'"' + bytes([byte]) + b'"') for byte in range(1, 256) if byte != 10]
+ended = subprocess.run([sys.argv[1], "--input"], input=b"\n".join(lines) + b"\n", env={"ASAN_OPTIONS": "detect_leaks=0"},
+                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
+refused = {int(number) for number in re.findall(rb"line (\d+): it is no incident", ended.stderr)}
+wrong = [(line, number in refused) for number, line in enumerate(lines, 1) if line and judge(line) == (number in refused)]
+for line, is_refused in wrong[:20]:
+    print("refused" if is_refused else "taken", line.decode("utf-8", "replace"))
+print(f"{len(lines)} lines, {len(refused)} are refused, {len(wrong)} are judged differently")
+sys.exit(1 if wrong else 0)
