@@ -68,6 +68,7 @@ struct node_t {
   bool is_trusted; /* with the names of the hosts */
   bool is_paused;  /* enough of its lines wait */
   bool is_leaving; /* it is closed once its answers have left */
+  bool is_touched; /* it is among those that have something to do */
   int64_t since;   /* when it came; when the unfinished frame, or the unsent answer, began */
   int64_t out_since;
   std::deque<answer_t> answers; /* to the lines from `first_serial` on, in their order */
@@ -75,7 +76,7 @@ struct node_t {
   std::vector<queue_t> queues; /* one for each sink */
   size_t lines;                /* that wait or are under way */
   size_t bytes;
-  size_t references; /* lines under way, and turns */
+  size_t references; /* lines under way, turns, and that it is touched */
 };
 
 /* ---- Sinks ---------------------------------------------------------------------------------------------------------- */
@@ -139,8 +140,9 @@ struct gather_t {
   std::vector<std::unique_ptr<source_t>> listeners;
   bool is_accepting;
   std::vector<node_t*> nodes;
-  std::vector<node_t*> closed;  /* to be freed when nothing refers to them */
-  std::vector<node_t*> touched; /* have answers to be sent, or may go on */
+  std::vector<node_t*> closed; /* to be freed when nothing refers to them */
+  std::deque<node_t*> touched; /* have answers to be sent, or may go on */
+  size_t paused;               /* nodes */
   std::vector<std::unique_ptr<sink_t>> sinks;
   size_t lines; /* that wait or are under way */
   size_t bytes;
@@ -173,6 +175,7 @@ size_t sink_of(const gather_t* gather, const line_t* line);
 void enqueue(gather_t* gather, sink_t* sink, line_t* line);
 line_t* dequeue(gather_t* gather, sink_t* sink); /* null when nothing waits */
 void drop_waiting(gather_t* gather, node_t* node);
+void touch(gather_t* gather, node_t* node);  /* it is looked at soon */
 void finish(gather_t* gather, line_t* line); /* it has been committed: answers and frees it */
 bool is_full(const gather_t* gather, const node_t* node);
 

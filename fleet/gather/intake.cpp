@@ -18,7 +18,8 @@ constexpr int64_t OPENING_TIME = 10'000;
 constexpr int64_t FRAME_TIME = 30'000; /* for a frame that has begun, and for answers that nobody reads */
 constexpr size_t READ_SIZE = 64 * 1024;
 constexpr size_t READS_A_ROUND = 4;
-constexpr size_t OUT_MAX = 1 << 20; /* bytes of answers that nobody reads */
+constexpr size_t NODES_A_ROUND = 64; /* that are answered before it looks at what else is ready */
+constexpr size_t OUT_MAX = 1 << 20;  /* bytes of answers that nobody reads */
 constexpr size_t HALF_OPEN_MAX = 4096;
 
 static void node_is_ready(gather_t* gather, source_t* source, uint32_t events);
@@ -42,6 +43,12 @@ static void log_node(gather_t* gather, const node_t* node, const char* reason) {
   say("%s%s: %s", node->address.c_str(), name.c_str(), reason);
 }
 
+static void set_paused(gather_t* gather, node_t* node, bool is_paused) {
+  if (node->is_paused) --gather->paused;
+  if (is_paused) ++gather->paused;
+  node->is_paused = is_paused;
+}
+
 void close_node(gather_t* gather, node_t* node, const char* reason) {
   if (node->state == NODE_CLOSED) return;
   if (reason != nullptr) log_node(gather, node, reason);
@@ -49,6 +56,7 @@ void close_node(gather_t* gather, node_t* node, const char* reason) {
   unwatch(gather, &node->source);
   close_channel(&node->channel);
   drop_waiting(gather, node);
+  set_paused(gather, node, false);
   gather->nodes.erase(std::find(gather->nodes.begin(), gather->nodes.end(), node));
   gather->closed.push_back(node);
   if (!gather->is_accepting && !gather->is_ending) set_accepting(gather, true);
@@ -236,7 +244,7 @@ static void accept_frames(gather_t* gather, node_t* node) {
   size_t at = 0;
   const char* reason = nullptr;
   while (reason == nullptr && !node->is_leaving) {
-    node->is_paused = is_full(gather, node) || node->out.size() >= OUT_MAX;
+    set_paused(gather, node, is_full(gather, node) || node->out.size() >= OUT_MAX);
     if (node->is_paused) break;
     frame_t frame;
     const frame_result_t result = parse_frame(std::string_view(node->in).substr(at), &frame);
@@ -266,7 +274,7 @@ static void read_node(gather_t* gather, node_t* node) {
     if (moved < bytes.size() && node->channel.session == nullptr)
       break; /* that was all; asking costs as much as a line */
   }
-  if (has_unread(&node->channel) && !node->is_paused) gather->touched.push_back(node);
+  if (has_unread(&node->channel) && !node->is_paused) touch(gather, node);
 }
 
 static void greet_node(gather_t* gather, node_t* node) {
@@ -281,7 +289,7 @@ static void greet_node(gather_t* gather, node_t* node) {
   const std::vector<std::string>& trusted = gather->request.trusted;
   node->is_trusted = std::find(trusted.begin(), trusted.end(), node->channel.peer_name) != trusted.end();
   node->state = NODE_OPENING;
-  if (has_unread(&node->channel)) gather->touched.push_back(node);
+  if (has_unread(&node->channel)) touch(gather, node);
 }
 
 static void node_is_ready(gather_t* gather, source_t* source, uint32_t events) {
@@ -297,7 +305,9 @@ static void node_is_ready(gather_t* gather, source_t* source, uint32_t events) {
 /* Whoever was paused and has room again goes on with what it had sent. */
 static void resume_nodes(gather_t* gather) {
   const limits_t& limits = gather->limits;
-  if (gather->is_ending || gather->lines > limits.lines / 4 * 3 || gather->bytes > limits.bytes / 4 * 3) return;
+  if (gather->paused == 0 || gather->is_ending || gather->lines > limits.lines / 4 * 3 ||
+      gather->bytes > limits.bytes / 4 * 3)
+    return;
   const std::vector<node_t*> nodes = gather->nodes;
   for (node_t* node : nodes) {
     if (!node->is_paused || node->state != NODE_OPEN || node->out.size() >= OUT_MAX) continue;
@@ -310,17 +320,18 @@ static void resume_nodes(gather_t* gather) {
 }
 
 void go_on_with_nodes(gather_t* gather) {
-  std::vector<node_t*> touched;
-  touched.swap(gather->touched);
-  std::sort(touched.begin(), touched.end());
-  touched.erase(std::unique(touched.begin(), touched.end()), touched.end());
-  for (node_t* node : touched) {
+  const size_t count = std::min(gather->touched.size(), NODES_A_ROUND);
+  for (size_t at = 0; at < count; ++at) {
+    node_t* const node = gather->touched.front();
+    gather->touched.pop_front();
+    node->is_touched = false;
+    --node->references;
     if (node->state == NODE_CLOSED) continue;
     answer_lines(gather, node);
     if (has_unread(&node->channel) && !node->is_paused && !gather->is_ending) read_node(gather, node);
     if (node->state != NODE_CLOSED) write_node(gather, node);
   }
-  if (!touched.empty()) resume_nodes(gather);
+  if (count > 0) resume_nodes(gather);
 }
 
 void expire_nodes(gather_t* gather) {

@@ -93,6 +93,13 @@ void drop_waiting(gather_t* gather, node_t* node) {
   }
 }
 
+void touch(gather_t* gather, node_t* node) {
+  if (node->is_touched) return;
+  node->is_touched = true;
+  ++node->references;
+  gather->touched.push_back(node);
+}
+
 void finish(gather_t* gather, line_t* line) {
   node_t* const node = line->node;
   forget(gather, line);
@@ -100,7 +107,7 @@ void finish(gather_t* gather, line_t* line) {
   ++gather->lines_done;
   if (node->state == NODE_OPEN) {
     node->answers[line->serial - node->first_serial].is_due = true;
-    gather->touched.push_back(node);
+    touch(gather, node);
   }
   delete line;
 }

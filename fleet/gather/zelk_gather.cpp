@@ -324,23 +324,28 @@ static void watch_signals(gather_t* gather, source_t* source) {
 
 /* ---- The rounds --------------------------------------------------------------------------------------------------------- */
 
+/* Starts what can be started. */
+static void turn_sinks(gather_t* gather) {
+  const bool takes_no_more = gather->is_ending && gather->now > gather->end - ENDING_TIME + LAST_BATCH_TIME;
+  for (const auto& sink : gather->sinks) {
+    if (takes_no_more && sink->state == SINK_IDLE && sink->under_way.empty()) continue;
+    gather->request.relay.empty() ? turn_database(gather, sink.get()) : turn_relay(gather, sink.get());
+  }
+}
+
 static void run(gather_t* gather) {
-  const bool is_relay = !gather->request.relay.empty();
   int64_t second = gather->now;
   int64_t minute = gather->now;
-  std::array<epoll_event, 256> events;
+  std::array<epoll_event, 64> events; /* no more, so that what a database says is not answered late */
   while (!has_ended(gather)) {
-    const bool takes_no_more = gather->is_ending && gather->now > gather->end - ENDING_TIME + LAST_BATCH_TIME;
-    for (const auto& sink : gather->sinks) {
-      if (takes_no_more && sink->state == SINK_IDLE && sink->under_way.empty()) continue;
-      is_relay ? turn_relay(gather, sink.get()) : turn_database(gather, sink.get());
-    }
+    turn_sinks(gather);
     const int count = epoll_wait(gather->epoll, events.data(), static_cast<int>(events.size()), time_to_wait(gather));
     gather->now = milliseconds();
     for (int at = 0; at < count; ++at) {
       source_t* const source = static_cast<source_t*>(events[static_cast<size_t>(at)].data.ptr);
       if (source->fildes >= 0) source->ready(gather, source, events[static_cast<size_t>(at)].events);
     }
+    turn_sinks(gather); /* whose next lines need not wait while a thousand nodes are answered */
     go_on_with_nodes(gather);
     if (gather->now - second >= ROUND_TIME) {
       second = gather->now;
