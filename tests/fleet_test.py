@@ -152,7 +152,11 @@ def one_judge():
     expect("what is told at a glance is what a reading tells", query(f"""
         SELECT count(*) > 200, count(*) FILTER (WHERE (said.kind, said.key, said.cause) IS DISTINCT FROM
                                                        ('incident', usual.key, usual.cause) OR (usual.at, usual.bucket) <> (zelk_time(said.key), zelk_bucket(said.key)))
-          FROM unnest({array}) line, zelk_usual(line) usual, zelk_read('judge', line) said"""), "t|0")
+          FROM unnest({array}) line, zelk_usual(line) usual, zelk_read('judge', line) said WHERE zelk_are_usual(usual.rest)"""), "t|0")
+    expect("two lines are usual together when each of them is", query(f"""
+        SELECT count(*) FILTER (WHERE is_one) > 200, count(*) FILTER (WHERE NOT is_one) > 50,
+               count(*) FILTER (WHERE zelk_are_usual(rest || other) <> (is_one AND zelk_are_usual(other)))
+          FROM (SELECT rest, lead(rest) OVER () AS other, zelk_are_usual(rest) AS is_one FROM unnest({array}) line, zelk_usual(line)) each"""), "t|t|0")
     taken = query("SELECT incident FROM zelk_incident WHERE host = 'judge' UNION ALL "
                   "SELECT notice FROM zelk_notice WHERE host = 'judge'").splitlines()
     status, read = exported(taken)
