@@ -120,13 +120,16 @@ def send(lines, conversations):
 def send_one_each(lines, conversations):
     """Sends a line over each connection. Returns how long it took until all were answered for. What has as little to do as that need
     not be told which answer is there: it is not what sends that shall be measured."""
-    each = [(conversation.socket, frames_of([line], number, conversation))
-            for number, (conversation, line) in enumerate(zip(conversations, lines))]
+    frames = [frames_of([line], number, conversation) for number, (conversation, line) in enumerate(zip(conversations, lines))]
+    for conversation in conversations:
+        conversation.socket.settimeout(None)  # with a time limit each call is two
+    steps = [(conversation.socket.send, frame) for conversation, frame in zip(conversations, frames)]
+    answers = [conversation.socket.recv for conversation in conversations]
     begin = time.monotonic()
-    for connection, frame in each:
-        connection.send(frame)
-    for connection, _ in each:
-        answer = connection.recv(1 << 10)
+    for send_one, frame in steps:
+        send_one(frame)
+    for receive in answers:
+        answer = receive(32)
         if not answer.endswith(b"200 OK\n"):
             raise SystemExit(f"a line was answered by {answer!r}")
     return time.monotonic() - begin
