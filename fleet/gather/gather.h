@@ -67,7 +67,7 @@ struct node_t {
   int last_number; /* of its frames */
   bool is_trusted; /* with the names of the hosts */
   bool is_paused;  /* enough of its lines wait */
-  bool is_leaving; /* it is closed once its answers have left */
+  bool is_leaving; /* it has asked to: the last of its answers is that to "close", and then it is closed */
   bool is_touched; /* it is among those that have something to do */
   int64_t since;   /* when it came; when the unfinished frame, or the unsent answer, began */
   int64_t out_since;

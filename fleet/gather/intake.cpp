@@ -194,10 +194,12 @@ static void write_node(gather_t* gather, node_t* node) {
   watch(gather, &node->source, node->source.fildes, (takes_more ? READABLE : 0) | (node->out.empty() ? 0 : WRITABLE));
 }
 
-/* Answers the lines that have been committed, up to the first that has not. */
+/* Answers the lines that have been committed, up to the first that has not. Behind the last one may stand a "close". */
 static void answer_lines(gather_t* gather, node_t* node) {
   while (!node->answers.empty() && node->answers.front().is_due) {
-    answer(gather, node, node->answers.front().number, "200 OK");
+    const bool is_close = node->is_leaving && node->answers.size() == 1;
+    answer(gather, node, node->answers.front().number, is_close ? "" : "200 OK");
+    if (is_close) node->out += "0 serverclose 0\n";
     node->answers.pop_front();
     ++node->first_serial;
   }
@@ -232,10 +234,9 @@ static const char* accept_frame(gather_t* gather, node_t* node, const frame_t& f
     return nullptr;
   }
   if (frame.command != "close") return "a command that is unknown here";
-  answer_lines(gather, node);
-  answer(gather, node, frame.number, "");
-  node->out += "0 serverclose 0\n";
   node->is_leaving = true;
+  node->answers.push_back({frame.number, true});
+  answer_lines(gather, node);
   return nullptr;
 }
 
