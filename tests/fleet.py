@@ -166,7 +166,7 @@ def make_standby():
     run(*as_postgres(POSTGRES + "/pg_basebackup", "-h", folder, "-D", folder + "/standby", "-R", "-c", "fast", "-X", "stream",
                      "-d", f"host={folder} application_name=standby"))
     with open(folder + "/standby/postgresql.conf", "a") as file:
-        file.write(f"unix_socket_directories = '{folder}/standby-socket'\n")
+        file.write(f"unix_socket_directories = '{folder}/standby-socket'\nlisten_addresses = ''\n")
     run(*as_postgres(POSTGRES + "/pg_ctl", "-D", folder + "/standby", "-l", folder + "/standby.log", "-w", "start"))
     query("ALTER SYSTEM SET synchronous_standby_names = 'standby'")
     query("SELECT pg_reload_conf()")

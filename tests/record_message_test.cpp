@@ -176,12 +176,13 @@ TEST(one_line_of_cpp, shows_every_kind_of_argument) {
   const std::string path = new_name();
   const zelk::recorder_t recorder(path.c_str(), "stn.node");
   const char letters[] = "array";
+  const char full[] = {'n', 'o', ' ', 'e', 'n', 'd'};
   ASSERT_EQ(recorder.result, 0);
-  ASSERT_EQ(record(recorder, nullptr, "%s %s %s %s", "literal", std::string("string"),
-                   std::string_view("view of more").substr(0, 4), letters)
+  ASSERT_EQ(record(recorder, nullptr, "%s %s %s %s %s", "literal", std::string("string"),
+                   std::string_view("view of more").substr(0, 4), letters, full)
                 .result,
             0);
-  EXPECT_EQ(description(path), "literal string view array");
+  EXPECT_EQ(description(path), "literal string view array no end");
   record(recorder, nullptr, "%d %u %d %lu %hhd %x %d %d %c", -1, 4000000000U, 4000000000U, UINT64_MAX, int8_t{-3}, -1,
          RED, true, 'c');
   EXPECT_EQ(description(path), "-1 4000000000 4000000000 18446744073709551615 -3 ffffffff 4 1 c");

@@ -9,6 +9,7 @@ import unittest
 from typing import Any, Dict, List
 
 COMMANDS = os.environ["COMMANDS"]
+HEADER = os.path.dirname(os.path.abspath(__file__)) + "/../../inc/qx_zelk.h"
 
 
 def run(command: str, *arguments: str) -> str:

@@ -3,6 +3,8 @@
 
 import io
 import logging
+import os
+import random
 import subprocess
 import sys
 import threading
@@ -63,6 +65,29 @@ class Chains(StackTest):
         except KeyError as exception:
             self.record(exception)
         self.assertEqual([incident["description"] for incident in self.incidents()], ["KeyError: 'shown'"])
+
+    def test_any_chain_is_recorded_as_python_shows_it(self):
+        seed = int.from_bytes(os.urandom(4), "big")
+        chance = random.Random(seed)
+        for _ in range(50):
+            exceptions = [ValueError(number) for number in range(6)]
+            for each in exceptions:
+                each.__context__ = chance.choice([None, *exceptions])
+                if chance.random() < 0.5:
+                    each.__cause__ = chance.choice([None, *exceptions])  # hides the context
+            ids = {None: None}  # of those that were recorded
+            for newest in chance.sample(exceptions, 3):
+                chain = []
+                one = newest
+                while one not in ids and one not in chain:
+                    chain.insert(0, one)
+                    one = one.__cause__ if one.__cause__ or one.__suppress_context__ else one.__context__
+                self.record(newest)
+                recorded = self.incidents()[-len(chain) :] if chain else []
+                self.assertEqual([each["description"] for each in recorded], [f"ValueError: {each}" for each in chain], seed)
+                causes = [ids.get(one), *(each["id"] for each in recorded)]
+                self.assertEqual([each["cause"] for each in recorded], causes[: len(chain)], seed)
+                ids.update(zip(chain, (each["id"] for each in recorded)))
 
     def test_an_exception_is_recorded_once(self):
         cause = ValueError("first")
@@ -179,6 +204,40 @@ class Logging(StackTest):
         self.assertEqual(logged["source"]["file"], __file__)
         self.assertIn("logger  stn.backup\nlevel  ERROR", logged["details"])
 
+    def test_a_line_is_recorded_alike_in_whichever_way_it_is_logged(self):
+        way, where = {"exc_info": True}, "logger  stn.backup\nlevel  ERROR"
+        for message, args, options, description in [
+            ("100% of %s", (), {}, "100% of %s"),
+            ("%s: %d%%", ("disk", 5), {}, "disk: 5%"),
+            ("%s", ({"a": 1},), {}, "{'a': 1}"),
+            ("%(a)s", ({"a": 1},), {}, "1"),
+            (ValueError("no text"), (), {}, "no text"),
+            ("%s", ("outside",), way, "outside"),  # of an exception that is being handled, but none is
+            ("%d", (7,), {"stack_info": True}, "7"),
+        ]:
+            for _ in range(2):  # prepared the second time
+                self.log.error(message, *args, **options)
+                newest = self.newest()
+                self.assertEqual((newest["description"], newest["cause"]), (description, None))
+                self.assertEqual(newest["details"].partition("\nStack (most recent call last):\n")[0], where)
+                self.assertEqual("Stack (" in newest["details"], "stack_info" in options)
+        self.assertEqual(len(self.incidents()), 14)
+
+    def test_a_filter_and_a_level_decide_what_is_recorded(self):
+        class Short(zelk.Handler):
+            def filter(self, record: logging.LogRecord) -> bool:
+                return super().filter(record) and len(record.msg) < 5
+
+        for handler, wanted in [(zelk.Handler(self.stack, "WARNING"), ["warn", "long warning", "error"]), (Short(self.stack), []), (self.handler, ["error"])]:
+            handler.addFilter(lambda record: record.levelno != logging.CRITICAL)
+            log = logging.Logger("filtered")
+            log.addHandler(handler)
+            before = len(self.incidents()) if os.path.exists(self.stack) else 0
+            for level, message in [("info", "info"), ("warning", "warn"), ("warning", "long warning"), ("error", "error"), ("critical", "end")]:
+                getattr(log, level)(message)
+            recorded = [incident["description"] for incident in self.incidents()[before:]]
+            self.assertEqual(recorded, wanted)
+
     def test_each_line_of_one_place_has_its_own_arguments_and_thread(self):
         def log(*args: object) -> None:
             self.log.error("%s of %d", *args)
@@ -218,24 +277,25 @@ class Logging(StackTest):
 
 
 class Hooks(StackTest):
+    def ends(self, *lines: str) -> "subprocess.CompletedProcess[str]":
+        """Runs a program with the hooks, and with old ones before them."""
+        begin = ["import sys, threading, zelk", "sys.excepthook = lambda *args: print('old hook', args[0].__name__)"]
+        begin += ["threading.excepthook = lambda args: print('old thread hook', args.exc_type.__name__)", f"zelk.install_excepthook({self.stack!r})"]
+        return subprocess.run([sys.executable, "-c", "\n".join([*begin, *lines])], capture_output=True, text=True)
+
     def test_what_ends_the_program_or_a_thread_is_recorded_and_still_shown(self):
-        program = f"""
-import sys, threading, zelk
-sys.excepthook = lambda *args: print('old hook')
-zelk.install_excepthook({self.stack!r})
-thread = threading.Thread(target=lambda: 1 / 0)
-thread.start()
-thread.join()
-quiet = threading.Thread(target=sys.exit)
-quiet.start()
-quiet.join()
-raise KeyError('end')
-"""
-        ended = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
-        self.assertEqual((ended.returncode, ended.stdout), (1, "old hook\n"))
-        self.assertIn("ZeroDivisionError: division by zero", ended.stderr)
-        shown = [incident["description"] for incident in self.incidents()]
-        self.assertEqual(shown, ["ZeroDivisionError: division by zero", "KeyError: 'end'"])
+        ended = self.ends("thread = threading.Thread(target=lambda: 1 / 0)", "thread.start()", "thread.join()", "raise KeyError('end')")
+        self.assertEqual((ended.returncode, ended.stdout), (1, "old thread hook ZeroDivisionError\nold hook KeyError\n"))
+        shown = [(incident["description"], incident["source"]["line"]) for incident in self.incidents()]
+        self.assertEqual(shown, [("ZeroDivisionError: division by zero", 5), ("KeyError: 'end'", 8)])
+
+    def test_an_order_to_end_is_no_incident_and_goes_its_way(self):
+        for order in ["KeyboardInterrupt", "SystemExit"]:
+            in_thread = [f"def target(): raise {order}", "thread = threading.Thread(target=target)", "thread.start()", "thread.join()"]
+            self.ends(*in_thread, f"raise {order}")
+        self.assertIn("old hook KeyboardInterrupt", self.ends("raise KeyboardInterrupt").stdout)
+        self.ends("class Own(BaseException): pass", "raise Own('no Exception')")
+        self.assertEqual([incident["description"] for incident in self.incidents()], ["Own: no Exception"])
 
     def test_a_stack_that_cannot_be_written_is_told(self):
         program = "import zelk; zelk.install_excepthook('/missing/x.stack'); 1 / 0"

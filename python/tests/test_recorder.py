@@ -9,6 +9,8 @@ import json
 import multiprocessing
 import os
 import pickle
+import random
+import re
 import subprocess
 import sys
 import threading
@@ -16,7 +18,8 @@ import unittest
 from decimal import Decimal
 
 import zelk
-from support import COMMANDS, StackTest
+from support import COMMANDS, HEADER, StackTest
+from zelk._library import failure, result_text
 
 
 class Colour(str, enum.Enum):
@@ -60,6 +63,27 @@ class Messages(StackTest):
                 wanted = message % (args[0] if isinstance(args[0], dict) else tuple(args))
                 wanted = wanted.replace("\0", "?").replace("\ud800", "\\ud800")
                 self.assertEqual(self.newest()["description"], wanted, message)
+
+    def test_any_conversion_shows_what_python_shows(self):
+        seed = int.from_bytes(os.urandom(4), "big")
+        chance = random.Random(seed)
+        numbers = [0, 1, -1, 7, 255, -255, 2**31, 2**63 - 1, 2**63, -(2**63), -(2**63) - 1, 10**25, True]
+        doubles = [0.0, -0.0, 0.5, -2.25, 1e20, 1.5e300, 1e-7, 123456.789, *map(float, ["inf", "-inf", "nan"]), 3, 10**30]
+        texts = ["", "ab", "öl", "%s", "\U0001f4a9", None, 3, 0.5, b"x", ["l"], "x" * 50]
+        values = {"diu": numbers + [3.9, -0.5], "xXo": numbers, "eEfFgG": doubles, "c": ["a", "ü", 98, 0x20AC], "sra": texts}
+
+        def conversion():
+            letters = chance.choice(list(values))
+            flags = "".join(flag for flag in "-+ #0" if chance.random() < 0.15)
+            size = chance.choice(["", "", "5", "12"]) + chance.choice(["", "", "", ".", ".0", ".2", ".20"])
+            return f"%{flags}{size}{chance.choice(['', '', 'l', 'h'])}{chance.choice(letters)}", chance.choice(values[letters])
+
+        with zelk.Recorder(self.stack) as recorder:
+            for _ in range(200):
+                conversions, args = zip(*(conversion() for _ in range(chance.randrange(1, 4))))
+                message = "%%|" + "|".join(conversions)
+                recorder.record(message, *args)
+                self.assertEqual(self.newest()["description"], message % args, f"{message!r} % {args!r}, seed {seed}")
 
     def test_a_message_that_comes_again_has_the_arguments_and_the_cause_of_that_time(self):
         with zelk.Recorder(self.stack) as recorder:
@@ -118,13 +142,30 @@ class Stacks(StackTest):
         self.assertIsInstance(refused.exception, zelk.ZelkError)
         self.assertEqual((refused.exception.code, refused.exception.errno), (-14, errno.ENOENT))
         self.assertEqual(str(refused.exception), "/missing/x.stack: directory missing")
-        self.assertEqual(str(pickle.loads(pickle.dumps(refused.exception))), str(refused.exception))
         with self.assertRaises(zelk.ZelkError) as missing:
             zelk.Recorder(self.stack, create=False).open()
         self.assertEqual(missing.exception.code, -24)
         with self.assertRaises(zelk.ZelkError) as no_cause:
             zelk.Recorder(self.stack).record("text", cause="no ID")
         self.assertNotIsInstance(no_cause.exception, OSError)
+
+    def test_an_error_is_that_of_the_system_where_its_code_stands_for_one(self):
+        with open(HEADER) as file:
+            codes = {name: int(code) for name, code in re.findall(r"^ +X\(ZELK_(\w+), (-\d+)\)", file.read(), re.MULTILINE)}
+        of_system = dict(
+            DIR_NO_ACCESS="EACCES", DIR_MISSING="ENOENT", STALE="ESTALE", READ_ONLY="EROFS", NOT_A_DIR="ENOTDIR", NO_SPACE="ENOSPC",
+            NO_MEMORY="ENOMEM", TOO_MANY="EMFILE", LINK_LOOP="ELOOP", NAME_TOO_LONG="ENAMETOOLONG", IS_A_DIR="EISDIR",
+            FILE_MISSING="ENOENT", NO_ACCESS="EACCES", FILE_EXIST="EEXIST", LOCK="ENOLCK", IO_ERROR="EIO",
+        )  # fmt: skip
+        self.assertEqual(len(codes), 37)
+        for name, code in codes.items():
+            error = failure(code, "x.stack")
+            self.assertEqual((error.code, str(error)), (code, f"x.stack: {result_text(code)}"))
+            self.assertEqual(isinstance(error, OSError), name in of_system, name)
+            if name in of_system:
+                self.assertEqual((errno.errorcode[error.errno], error.filename), (of_system[name], "x.stack"), name)
+            copy = pickle.loads(pickle.dumps(error))
+            self.assertEqual((type(copy), vars(copy), str(copy)), (type(error), vars(error), str(error)))
 
     def test_decode_says_what_zkdecode_says(self):
         of_syslog = "83/.....2zIZ/.7S.02.e.1..................."

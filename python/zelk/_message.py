@@ -3,6 +3,7 @@
 
 import ctypes
 import functools
+import math
 import re
 from typing import Any, Callable, Dict, List, Mapping, NamedTuple, Optional, Tuple, Union
 
@@ -70,10 +71,12 @@ def _field(conversion: _Conversion, value: Any) -> Tuple[str, _Field]:
             return "%" + form + "s", encode(text)
     elif letter in "diuxXo" and isinstance(value, int):
         number = int.__index__(value)  # of an IntEnum, too, for which a range would look through all of its numbers
-        if number in _INT64 and (letter in "diu" or number >= 0) and "#" not in form:
+        is_signed = letter in "diu" or (number >= 0 and not {"+", " "}.intersection(form))  # C shows these without a sign
+        if number in _INT64 and is_signed and not {"#", "."}.intersection(form):
             return "%" + form + ("d" if letter == "u" else letter), number
     elif letter in "eEfFgG" and isinstance(value, (int, float)):
-        return "%" + form + letter, float(value)
+        if "0" not in form or math.isfinite(value):  # C fills up with blanks otherwise
+            return "%" + form + letter, float(value)
     return "%s", encode(("%" + form + letter) % (value,))
 
 
