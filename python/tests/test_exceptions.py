@@ -8,13 +8,14 @@ import random
 import subprocess
 import sys
 import threading
+import traceback
 import unittest
 from contextlib import redirect_stderr
 from unittest import mock
 
 import zelk
 from support import StackTest
-from zelk._chain import newest_lines
+from zelk._chain import newest_lines, traceback_lines
 
 
 class DiskGone(Exception):
@@ -147,20 +148,28 @@ class Chains(StackTest):
         self.assertEqual((middle["cause"], newest["cause"]), (oldest["id"], middle["id"]))
         self.assertNotIn("left out", middle["details"])
 
-    def test_a_deep_traceback_keeps_its_end(self):
+    def test_of_a_deep_traceback_the_last_twelve_frames_are_kept(self):
         def sink(depth: int) -> None:
+            if depth == 0:
+                raise ValueError("deep")
+            sink_on(depth - 1)
+
+        def sink_on(depth: int) -> None:
             if depth == 0:
                 raise ValueError("deep")
             sink(depth - 1)
 
-        try:
-            sink(200)
-        except ValueError:
-            self.recorder.record_exception()
+        for frames in (2, 11, 12, 13, 14, 200):
+            try:
+                sink(frames - 2)
+            except ValueError as exception:
+                whole = traceback.format_tb(exception.__traceback__)
+                self.assertEqual(len(whole), frames)
+                shown = "".join(whole[-12:]).splitlines()
+                self.assertEqual(traceback_lines(exception), ["...", *shown] if frames > 12 else shown)
+                self.recorder.record_exception()
         lines = self.newest()["details"].splitlines()
-        self.assertEqual(lines[0], "...")
-        self.assertEqual(lines[-1].strip(), 'raise ValueError("deep")')
-        self.assertTrue(self.newest()["source"]["line"] > 0)
+        self.assertEqual((lines[0], lines[-1].strip()), ("...", 'raise ValueError("deep")'))
 
     def test_a_text_has_400_characters_and_a_longer_one_says_so(self):
         recorder = zelk.Recorder(self.stack)

@@ -19,7 +19,7 @@ from decimal import Decimal
 
 import zelk
 from support import COMMANDS, HEADER, StackTest
-from zelk._library import failure, result_text
+from zelk._library import encode, failure, result_text
 
 
 class Colour(str, enum.Enum):
@@ -121,11 +121,11 @@ class Messages(StackTest):
         with zelk.Recorder(self.stack) as recorder:
             recorder.record("%s", "x" * 5000)
             recorder.record("y" * 5000, details="z" * 5000)
-            recorder.record("short", file="/long" * 1000)
+            recorder.record("short", file="/long" * 1000 + "/end.py")
         shown = [incident["description"] for incident in self.incidents()]
         self.assertRegex(shown[0], r"^x{700,}\.\.\.$")
         self.assertRegex(shown[1], r"^y{700,}\.\.\.$")
-        self.assertTrue(self.newest()["source"]["file"].startswith("...") and shown[2] == "short")
+        self.assertEqual((shown[2], self.newest()["source"]["file"]), ("short", "..." + ("/long" * 1000 + "/end.py")[-200:]))
 
     def test_the_process_has_the_name_of_its_script(self):
         script = f"{self.folder}/backup.py"
@@ -168,18 +168,34 @@ class Stacks(StackTest):
             self.assertEqual((type(copy), vars(copy), str(copy)), (type(error), vars(error), str(error)))
 
     def test_decode_says_what_zkdecode_says(self):
+        seed = int.from_bytes(os.urandom(4), "big")
+        chance = random.Random(seed)
+        digits = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
         of_syslog = "83/.....2zIZ/.7S.02.e.1..................."
         ids = [zelk.Recorder(self.stack).record("here"), of_syslog]
         ids += [header + of_syslog[1:] for header in "./0123456789ABC"]  # versions and locations
+        for _ in range(150):
+            changed = list(chance.choice(ids[:3]))
+            for _ in range(chance.randrange(1, 4)):
+                changed[chance.randrange(42)] = chance.choice(digits)
+            ids.append("".join(changed))
+        decoded = 0
         for error_id in ids:
             said = subprocess.run([f"{COMMANDS}/zkdecode", "--json", error_id], capture_output=True, text=True)
             if said.returncode == 0:
-                self.assertEqual(json.loads(said.stdout), zelk.decode(error_id))
+                self.assertEqual(json.loads(said.stdout), zelk.decode(error_id), seed)
+                decoded += 1
             else:
-                self.assertRaises(zelk.ZelkError, zelk.decode, error_id)
-        for bad in ["", "x", "?" * 42, "ü" * 42, "7" * 42]:
+                with self.assertRaises(zelk.ZelkError, msg=f"{error_id}, seed {seed}"):
+                    zelk.decode(error_id)
+        self.assertGreater(decoded, 20)
+        for bad in ["", "x", "?" * 42, "ü" * 42, "7" * 42, of_syslog + ".", of_syslog[:-1]]:
             with self.assertRaises(zelk.ZelkError, msg=bad):
                 zelk.decode(bad)
+
+    def test_a_text_keeps_its_bytes_and_none_of_them_ends_it(self):
+        for text, recorded in [("öl", "öl".encode()), ("a\udcff", b"a\xff"), ("\ud800ö", b"\\ud800\xc3\xb6"), ("a\0b", b"a?b"), ("", b"")]:
+            self.assertEqual(encode(text), recorded)
 
 
 class Many(StackTest):
