@@ -50,7 +50,17 @@ static bool is_told_failed(sd_journal* journal, const std::string& invocation) {
   return sd_journal_previous(journal) > 0;
 }
 
-run_t read_run(const std::string& invocation, size_t room) {
+/* Whether the entry is of the run. On a busy machine a process may have ended before the journal looked which run it was of: then
+ * the time tells it apart from the runs before. */
+static bool is_of_run(sd_journal* journal, const std::string& invocation, int64_t started) {
+  if (field(journal, "_PID") == "1") return true; /* only those that name the run are asked for */
+  const std::string_view known = field(journal, "_SYSTEMD_INVOCATION_ID");
+  uint64_t time = 0;
+  if (!known.empty()) return known == invocation;
+  return sd_journal_get_realtime_usec(journal, &time) >= 0 && static_cast<int64_t>(time) >= started;
+}
+
+run_t read_run(const std::string& unit, const std::string& invocation, int64_t started, size_t room) {
   run_t run;
   sd_journal* journal = nullptr;
   if (invocation.empty() || sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0) return run;
@@ -60,6 +70,8 @@ run_t read_run(const std::string& invocation, size_t room) {
 
   /* What its processes wrote, and errors that systemd reports of it. */
   sd_journal_flush_matches(journal);
+  match(journal, "_SYSTEMD_UNIT=" + unit);
+  sd_journal_add_disjunction(journal);
   match(journal, "_SYSTEMD_INVOCATION_ID=" + invocation);
   sd_journal_add_disjunction(journal);
   match(journal, "INVOCATION_ID=" + invocation);
@@ -68,6 +80,7 @@ run_t read_run(const std::string& invocation, size_t room) {
   sd_journal_seek_tail(journal);
   bool has_room = true;
   for (int entries = 0; entries < ENTRIES_MAX && sd_journal_previous(journal) > 0; ++entries) {
+    if (!is_of_run(journal, invocation, started)) continue;
     const std::string_view digits = field(journal, "_PID");
     int32_t process_id = 0;
     std::from_chars(digits.data(), digits.data() + digits.size(), process_id);

@@ -12,6 +12,6 @@ struct run_t {
   std::set<int32_t> processes; /* that wrote them */
 };
 
-/* Reads the newest lines of the run `invocation`, as many as take `room` bytes; of each its beginning. A journal that cannot
- * be read is empty. Waits a moment for lines that are on their way. */
-run_t read_run(const std::string& invocation, size_t room);
+/* Reads the newest lines of the run `invocation` of `unit`, as many as take `room` bytes; of each its beginning. The run began
+ * at `started`, microseconds since the Epoch. A journal that cannot be read is empty. Waits a moment for lines that are on their way. */
+run_t read_run(const std::string& unit, const std::string& invocation, int64_t started, size_t room);
