@@ -44,7 +44,12 @@ TEST(failed_unit, is_recorded_once_an_hour_and_counted) {
   EXPECT_FALSE(is_passed_over("timeout", 13'600));
   EXPECT_EQ(told.passed_over, 2U);
   EXPECT_EQ(told.since, 10'500);
+  EXPECT_TRUE(is_passed_over("timeout", 13'700)); /* what was told is not counted again */
+  EXPECT_FALSE(is_passed_over("timeout", 17'200));
+  EXPECT_EQ(told.passed_over, 1U);
+  EXPECT_EQ(told.since, 13'700);
   EXPECT_FALSE(is_passed_over("timeout", 9'000)); /* the clock was set back */
+  EXPECT_EQ(told.passed_over, 0U);
 }
 
 TEST(failed_unit, is_remembered_in_a_file_whatever_stands_in_it) {
