@@ -198,10 +198,10 @@ def conninfo(database="zelk"):
 
 # ---- Gatherers ----------------------------------------------------------------------------------------------------------
 
-def start_gatherer(*options, port=2514, name="gatherer"):
+def start_gatherer(*options, port=2514, name="gatherer", **variables):
     """Starts one and waits until it listens. Its log is NAME.log."""
     with open(f"{folder}/{name}.log", "a") as output:
-        process = start("zelk-gather", *options, output=output)
+        process = start("zelk-gather", *options, output=output, **variables)
     process.log = output.name
     if not wait_until(lambda: is_listening(port)):
         raise SystemExit("the gatherer does not start: " + open(output.name).read())
