@@ -185,9 +185,10 @@ def make_stacks(stacks, sample, numbers):
     with open(sample, "rb") as stack:
         length, = struct.unpack("=i", stack.read(28)[24:])
         body = stack.read(length)
-    # The body has the Error ID at 4 and the time at 90.
-    records = [struct.pack("=i", length) + body[:5] + digits(number, 5).encode() + body[10:90] +
-               struct.pack("=i", int(time.time())) + body[94:] for number in numbers]
+    # The body has the Error ID at 4, with its own second at 11, and the time at 90. Both are the same second, as in what is recorded.
+    second = int(time.time())
+    records = [struct.pack("=i", length) + body[:5] + digits(number, 5).encode() + body[10:11] + digits(second, 6).encode() + body[17:90] +
+               struct.pack("=i", second) + body[94:] for number in numbers]
     each = (STACK_SIZE - 24) // (4 + length)
     for first in range(0, len(records), each):
         text = b"".join(records[first:first + each])
