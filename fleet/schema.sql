@@ -588,12 +588,13 @@ RETURN CASE
   ELSE convert_to(coalesce(line, ''), 'UTF8')
 END;
 
--- The row of a key, looked for in its partition only. (Inlined. "LIMIT 1" has the key known before that, "OFFSET 0" what it says
--- told once, where it would be for each partition.)
+-- The row of a key, looked for in its partition only, and in no other database. (Inlined. "LIMIT 1" has the key known before that; what it
+-- says is told once by a "SELECT" of its own, and another database is told it, too, since it is a constant there.)
 CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUAGE sql STABLE AS $$
-  SELECT i.* FROM (SELECT zelk_time(zelk_row.key, bytes) AS time, zelk_bucket(zelk_row.key, bytes) AS bucket
-                     FROM (SELECT convert_to(zelk_row.key, 'UTF8') AS bytes OFFSET 0) key OFFSET 0) said, zelk_incident i
-    WHERE i.key = zelk_row.key AND i.time = said.time AND i.bucket = said.bucket LIMIT 1 $$;
+  SELECT i.* FROM zelk_incident i
+    WHERE i.key = zelk_row.key AND (i.time, i.bucket) = (
+      SELECT zelk_time(zelk_row.key, bytes), zelk_bucket(zelk_row.key, bytes) FROM (SELECT convert_to(zelk_row.key, 'UTF8') AS bytes OFFSET 0) key)
+    LIMIT 1 $$;
 
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
 

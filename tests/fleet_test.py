@@ -899,6 +899,10 @@ def several_databases():
     fleet.spread("part1", "part2", "part3")
     here = [int(query("SELECT count(*) FROM zelk_incident_here", name)) for name in ("part1", "part2", "part3")]
     expect(f"rows move when a database is added, {here}", (sum(here), min(here) > 80, rows(database="part3")), (404, True, 404))
+    key = query("SELECT key FROM zelk_incident_here LIMIT 1", "part3")
+    plan = query(f"EXPLAIN (ANALYZE, VERBOSE, COSTS OFF) SELECT i.key FROM unnest(ARRAY['{key}']) key, zelk_row(key) i", "part1")
+    expect("a key is looked for in its own database only, which is told the time that its index begins with",
+           (re.findall(r"Foreign Scan on public.(\w+) .*actual", plan), plan.count('("time" = $')), (["zelk_incident_3"], 2))
 
 
 # ---- Setting up ---------------------------------------------------------------------------------------------------------
