@@ -345,18 +345,27 @@ def timed(question):
     return f"{took:.2f} s of CPU, {most} MiB"
 
 
-def chain_times(rows, keys):
-    """How long a chain takes: the first question of a session, and one behind it."""
+def chain_times(what, keys, database="zelk"):
+    """How long a chain takes: the first question of a connection, and its third. The CPU is that of all processes of the server."""
     taken = []
-    cpu = "\\echo CPU: `cut -d ' ' -f 1 /proc/:own/schedstat`\n"
     for key in keys:
-        answer = run("psql", "-XqAtU", "zelk_reader", input="SELECT pg_backend_pid() AS own \\gset\n\\timing on\n" + cpu +
-                     (f"SELECT count(incident) FROM zelk_chain('{key}');\n" + cpu) * 3).splitlines()
-        clock = [float(line.split()[1]) for line in answer if line.startswith("Time:")]
-        used = [int(line.split()[1]) / 1e6 for line in answer if line.startswith("CPU:")]
-        taken.append(clock[0:3:2] + [used[1] - used[0], used[3] - used[2]])
-    first, third, first_cpu, third_cpu = (statistics.median(times[at] for times in taken) for at in range(4))
-    row(f"`zelk_chain` in {rows:,} rows, median: a session's first, its third",
+        asking = subprocess.Popen(["psql", "-XqAtU", "zelk_reader", database], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                                  env=fleet.environment)
+
+        def cost(question):
+            begin = cpu_of("postgres: "), time.monotonic()
+            asking.stdin.write(question)
+            asking.stdin.flush()
+            asking.stdout.readline()
+            return (time.monotonic() - begin[1]) * 1000, (cpu_of("postgres: ") - begin[0]) * 1000
+
+        cost("SELECT;\n\\echo connected\n")
+        first, _, third = (cost(f"SELECT count(incident) FROM zelk_chain('{key}');\n") for _ in range(3))
+        asking.kill()
+        asking.wait()
+        taken.append(first + third)
+    first, first_cpu, third, third_cpu = (statistics.median(times[at] for times in taken) for at in range(4))
+    row(f"`zelk_chain` in {what}, median: the first of a connection, its third",
         f"{first:.1f} ms ({first_cpu:.1f} of CPU), {third:.1f} ms ({third_cpu:.1f})")
 
 
@@ -433,7 +442,7 @@ def questions():
     keys = fill(1_000_000, 100, 4)
     row("`zelk_first_causes` of 1,000,000 rows of 100 days", timed("SELECT * FROM zelk_first_causes(now() - interval '101 days')"))
     row("the same of the last day", timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')"))
-    chain_times(1_000_000, keys)
+    chain_times("1,000,000 rows", keys)
     bytes_a_row(1_000_000)
 
 
@@ -459,9 +468,37 @@ def many_rows():
         measure(f"RELP into {rows:,} rows", 30000, 10)
     print()
     heading("what", "measured")
-    chain_times(rows, keys)
+    chain_times(f"{rows:,} rows", keys)
     row(f"`zelk_first_causes` of the last day of {rows:,} rows of 100 days", timed("SELECT * FROM zelk_first_causes(now() - interval '1 day')"))
     bytes_a_row(rows)
+
+
+def many_databases():
+    """Rows that 16 databases share, set up as an administrator does; what one more or one less costs a chain."""
+    names = [f"part{number}" for number in range(16)]
+    for name in names:
+        run("createdb", name)
+    run(*fleet.as_postgres("env", f"ZELK_SHARE={fleet.FLEET}", fleet.FLEET + "/zelk-middle-setup",
+                           *[f"--database=host={fleet.folder} dbname={name} user=postgres" for name in names]), stderr=fleet.log)
+    start_gatherer("--listen=127.0.0.1:2517", "--sessions=1", *[f"--database={fleet.conninfo(name)}" for name in names], port=2517, name="parts")
+    heading("from", "nodes or connections", "lines a second", "COPY", "of it", "CPU us a line: zelk-gather", "its sessions")
+    measure("RELP into 16 databases", 30000, 10, port=2517)
+    print()
+
+    lines, keys, cause = [], [], None
+    for number in range(100_000):
+        cause = cause if number % 4 else None
+        if number % 4000 == 1:
+            keys.append(id_of(number, fleet.SECOND - 1))
+        lines.append(line_of(number, fleet.SECOND - 1, cause))
+        cause = id_of(number, fleet.SECOND - 1)
+    send(lines, [Conversation(2517, host=f"node{number}") for number in range(10)])
+    heading("what", "measured")
+    here = [int(query("SELECT count(*) FROM zelk_incident_here", name)) for name in names]
+    row("rows of 130,000 in one of 16 databases, fewest and most", f"{min(here):,}, {max(here):,}")
+    length, = set(query(f"SELECT count(*) FROM zelk_chain('{key}')", name) for key, name in zip(keys, names))
+    row("incidents of a chain of 4 that each of them finds", length)
+    chain_times("130,000 rows of 16 databases", keys, names[0])
 
 
 def page():
@@ -474,7 +511,7 @@ def page():
 
 
 PARTS = {"rates": rates, "nodes": from_nodes, "kills": kills, "questions": questions, "long_chain": long_chain, "many_rows": many_rows,
-         "page": page}
+         "databases": many_databases, "page": page}
 
 
 def make_empty(database):
