@@ -50,37 +50,42 @@ static bool is_told_failed(sd_journal* journal, const std::string& invocation) {
   return sd_journal_previous(journal) > 0;
 }
 
-/* Whether the entry is of the run. On a busy machine a process may have ended before the journal looked which run it was of: then
- * the time tells it apart from the runs before. */
-static bool is_of_run(sd_journal* journal, const std::string& invocation, int64_t started) {
+/* Whether an entry of the unit, or of one of its processes, is of its last run. Where a process had ended before journald looked
+ * at it, the entry does not name the run, or not even the unit. Then its time tells. */
+static bool is_of_run(sd_journal* journal, const unit_t& unit) {
   if (field(journal, "_PID") == "1") return true; /* only those that name the run are asked for */
-  const std::string_view known = field(journal, "_SYSTEMD_INVOCATION_ID");
-  uint64_t time = 0;
-  if (!known.empty()) return known == invocation;
-  return sd_journal_get_realtime_usec(journal, &time) >= 0 && static_cast<int64_t>(time) >= started;
+  const std::string_view invocation = field(journal, "_SYSTEMD_INVOCATION_ID");
+  uint64_t time = 0; /* microseconds since the Epoch */
+  if (!invocation.empty()) return invocation == unit.invocation;
+  const std::string_view name = field(journal, "_SYSTEMD_UNIT");
+  return (name.empty() || name == unit.name) && sd_journal_get_realtime_usec(journal, &time) >= 0 &&
+         time >= static_cast<uint64_t>(unit.started);
 }
 
-run_t read_run(const std::string& unit, const std::string& invocation, int64_t started, size_t room) {
+run_t read_run(const unit_t& unit, size_t room) {
   run_t run;
   sd_journal* journal = nullptr;
-  if (invocation.empty() || sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0) return run;
+  if (unit.invocation.empty() || sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY) < 0) return run;
   sd_journal_set_data_threshold(journal, FIELD_MAX);
-  for (int waits = 0; waits < WAITS_MAX && !is_told_failed(journal, invocation); ++waits)
+  for (int waits = 0; waits < WAITS_MAX && !is_told_failed(journal, unit.invocation); ++waits)
     sd_journal_wait(journal, SHORT_WAIT);
 
   /* What its processes wrote, and errors that systemd reports of it. */
   sd_journal_flush_matches(journal);
-  match(journal, "_SYSTEMD_UNIT=" + unit);
+  match(journal, "_SYSTEMD_INVOCATION_ID=" + unit.invocation);
   sd_journal_add_disjunction(journal);
-  match(journal, "_SYSTEMD_INVOCATION_ID=" + invocation);
+  match(journal, "_SYSTEMD_UNIT=" + unit.name);
   sd_journal_add_disjunction(journal);
-  match(journal, "INVOCATION_ID=" + invocation);
+  match(journal, "_PID=" + std::to_string(unit.process_id));
+  for (const int32_t process_id : unit.processes) match(journal, "_PID=" + std::to_string(process_id));
+  sd_journal_add_disjunction(journal);
+  match(journal, "INVOCATION_ID=" + unit.invocation);
   match(journal, "_PID=1");
   for (const char* priority : {"0", "1", "2", "3"}) match(journal, std::string("PRIORITY=") + priority);
   sd_journal_seek_tail(journal);
   bool has_room = true;
   for (int entries = 0; entries < ENTRIES_MAX && sd_journal_previous(journal) > 0; ++entries) {
-    if (!is_of_run(journal, invocation, started)) continue;
+    if (!is_of_run(journal, unit)) continue;
     const std::string_view digits = field(journal, "_PID");
     int32_t process_id = 0;
     std::from_chars(digits.data(), digits.data() + digits.size(), process_id);

@@ -81,7 +81,7 @@ static int record_failure(const unit_t& unit, const std::string& result, const r
   size_t room = 0;
   if (zk_make_record_image(incident, ZK_REC_LISTED_MAX, &image) == ZELK_SUCCESS)
     room = ZK_REC_LENGTH_SIZE + ZK_REC_LISTED_MAX - image.size;
-  const run_t run = read_run(unit.name, unit.invocation, unit.started, room);
+  const run_t run = read_run(unit, room);
   if (!run.lines.empty()) details += "\n" + run.lines;
   const std::string cause = find_cause(unit, run, now);
   incident.details = details.c_str();

@@ -34,6 +34,7 @@ FAILING = {
     "long.service": ("exit status 6", 'ExecStart=/bin/sh -c "printf x%%.0s $$(seq 300); echo; printf ö%%.0s $$(seq 200); exit 6"'),
     "shouts.service": ("exit status 6", r'ExecStart=/bin/sh -c "head -c 100000 /dev/zero | tr \\\\0 x; echo; head -c 3000 /dev/urandom; echo; exit 6"'),
     "forges.service": ("exit status 7", "ExecStart=/usr/bin/python3 /root/two_lines"),
+    "gone.service": ("exit status 7", "ExecStartPre=+pkill -STOP -x systemd-journal", 'ExecStart=/bin/sh -c "echo one; exec python3 /root/two_lines"'),
 }
 # What starts a service again, and the one that ends so, up to a limit.
 RESTARTING = {
@@ -191,6 +192,7 @@ def what_an_incident_says():
     expect("the newest line", lines_of("counts.service")[-1], "1000")
     expect("who gave up before there was a main process", incident_of("prepares.service")["process"]["id"], 1)
     expect("a message of two lines", lines_of("forges.service")[-1], "one unit  forged.service")
+    expect("what a process wrote that was gone before journald looked at it", sorted(lines_of("gone.service")[-2:]), ["one", "one unit  forged.service"])
     expect("the name of the process", incident_of(r"a-\x20b\x25\x5cn.service")["process"]["name"], r"x25\x5cn.service")
 
 
@@ -277,6 +279,8 @@ write_service("dumps.service", *DUMPS)
 write_service("greedy.service", *GREEDY, "ExecStart=/usr/bin/tail /dev/zero")
 write_service("stops.service", "ExecReload=/bin/false", 'ExecStop=/bin/sh -c "exit 8"', "ExecStart=/bin/sleep 60")
 machine.write("/root/two_lines", TWO_LINES)
+os.makedirs(machine.tree + "/etc/systemd/system/zelk-failure@gone.service.service.d")
+write_service("zelk-failure@gone.service.service.d/goes-on.conf", "ExecStartPre=+pkill -CONT -x systemd-journal")
 machine.run("systemctl", "daemon-reload")
 every_failure()
 what_is_up_to_the_machine_beneath()
