@@ -37,7 +37,7 @@ static std::string address_text(char type, const zk_addr_words_t& words) {
   std::memcpy(bytes.data(), words.data(), bytes.size());
   char* end = node.data();
   for (unsigned char byte : bytes) {
-    end = std::to_chars(end, node.data() + node.size(), byte).ptr;
+    end = std::to_chars(end, &node.back(), byte).ptr;
     *end++ = '.';
   }
   return {node.data(), end - 1};
