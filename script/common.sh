@@ -2,6 +2,12 @@
 # shellcheck shell=sh
 # Sourced by the scripts beside it, from the repository's root: installing what is missing, and building.
 
+# Runs a command of apt's while no other script here does.
+alone() {
+    mkdir -p build
+    flock build/install.lock "$@"
+}
+
 # Installs the Debian packages that are not there yet; asks nothing.
 install_missing() {
     missing=
@@ -11,9 +17,9 @@ install_missing() {
     [ -n "$missing" ] || return 0
     as_root=
     [ "$(id -u)" -eq 0 ] || as_root=sudo
-    $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq update
+    alone $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq update
     # shellcheck disable=SC2086 # one word a package
-    $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install $missing >/dev/null
+    alone $as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install $missing >/dev/null
 }
 
 # Configures and builds a preset of CMakePresets.json in build/PRESET; further arguments go to the build. Prints what the
