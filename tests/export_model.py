@@ -279,7 +279,10 @@ def facts_of_page(lines, asked):
     nodes = list(dict.fromkeys(lane[0] for lane in lane_names))
     names = list(dict.fromkeys(i["process"]["name"] for i in ordered))
     products = list(dict.fromkeys(i["source"]["product"] for i in ordered))
-    bars = sorted(lane_names, key=lambda lane: (nodes.index(lane[0]), names.index(lane[2]), lane_names.index(lane)))
+    counts = collections.Counter(lanes.values())
+    busiest = sorted(lane_names, key=lambda lane: -counts[lane])
+    bars = sorted(busiest[:100], key=lambda lane: (nodes.index(lane[0]), names.index(lane[2]), lane_names.index(lane)))
+    others = busiest[100:]  # they share the last lane
     times = [datetime.datetime.fromisoformat(moment(i)[:-1]) for i in (ordered[0], ordered[-1])]
     has_milliseconds = times[1] - times[0] < datetime.timedelta(minutes=1)
     effects = collections.defaultdict(list)
@@ -313,11 +316,12 @@ def facts_of_page(lines, asked):
             facts += [node or "unknown node"] if len(nodes) > 1 and node != above else []
             facts.append(f"in {stack}: {name} {number} {stack.split('/')[-1] if len(stacks) > 1 else ''}".strip())
             above = node
-        return facts + [f"all|{'|'.join(text or 'none' for text in texts)}" for texts in (nodes, names, products) if len(texts) > 1]
+        facts += [f"in {others[0][1]}: {len(others)} other process{'es' if len(others) > 1 else ''}"] if others else []
+        return facts + [f"all|{'|'.join(text or 'none' for text in texts[:200])}" for texts in (nodes, names, products) if len(texts) > 1]
 
     def attributes(i, depth, colour, id=""):
         lane = lanes[i["id"]]
-        choices = (bars.index(lane), nodes.index(lane[0]), names.index(i["process"]["name"]),
+        choices = (bars.index(lane) if lane in bars else len(bars), nodes.index(lane[0]), names.index(i["process"]["name"]),
                    products.index(i["source"]["product"]), numbers.get(i["cause"], 0))
         classes = [*([] if id else ["all"]), *([f"c{colour}"] if colour else []), *(["deep"] if depth > 12 else []),
                    *(["elsewhere"] if i["cause"] and i["cause"] not in numbers else []),
@@ -399,8 +403,28 @@ def ids_in(lines):
     return "".join(json.loads(line)["id"] + "\n" for line in lines.splitlines())
 
 
+def edges():
+    """Incidents at what is the last, or first, of its kind."""
+    def like(number, **changes):
+        made = make_incident(number, [])
+        made.pop("id_time", None)
+        return {**made, "id": f"id-{number}", "node": NODES[0], "cause": None, "time": utc(START), **changes}
+
+    yield [like(0), like(1, time=utc(START + 59))]  # milliseconds matter within a minute
+    yield [like(0), like(1, time=utc(START + 60))]
+    yield [like(number, description=(199 + number) * "x") for number in range(3)]
+    yield [like(number, cause=f"id-{number - 1}" if number > 0 else None) for number in range(14)]  # the last is not indented further
+    for count in (100, 101, 102):  # lanes
+        yield [like(number, process={"name": "p", "id": number % count, "parent": 1, "thread": 1}) for number in range(count + 3)]
+    for count in (200, 201):  # to choose from
+        yield [like(number, process={"name": f"p{number}", "id": 1, "parent": 1, "thread": 1}) for number in range(count)]
+    yield make_incidents(2000)
+    yield make_incidents(2001)  # records refer to a table
+
+
 seed = "none"
-hold_page(make_incidents(2001))  # records refer to a table
+for incidents in edges():
+    hold_page(incidents)
 for seed in SEEDS:
     chance.seed(int(seed))
     for size in [1, 3, 12, 40]:

@@ -170,6 +170,135 @@ test('draws with the script what is drawn without', async () => {
   }
 });
 
+/* The canvas gets that width, in a window that is as wide as it takes. */
+const widen = async (tab, wanted) => {
+  const width = () => tab.$eval('.canvas', canvas => Number(canvas.getAttribute('width')));
+  await tab.bringToFront(); // no other one draws
+  await tab.setViewport({width: 1280 + wanted - await width(), height: 4000});
+  await until(async () => await width() === wanted, `the canvas is ${wanted} wide`);
+};
+
+test('draws a part of the time as it draws all of it on a wider canvas', async () => {
+  for (const lines of [night(60), LONG_LINKS]) {
+    const part = await open(lines, {hash: '#view=256-768'}), whole = await open(lines);
+    await widen(part, 512);
+    await widen(whole, 1024);
+    const inside = (parts, left) => parts.map(({says, numbers}) => {
+      const step = /^path arrow c/.test(says) ? 2 : /^path tip/.test(says) ? 5 : numbers.length;
+      return {says, xs: numbers.filter((_, at) => at % step === 0).map(x => x - left), numbers};
+    }).filter(({says, xs}) => !/^text day/.test(says) && xs.every(x => x > 100 && x < 412)).map(({says, xs}) =>
+      `${says} ${xs.map(x => x.toFixed(0))}`).sort();
+    const wanted = inside(await drawingOf(whole), 256);
+    assert.ok(wanted.length > 5);
+    assert.deepEqual(inside(await drawingOf(part), 0), wanted);
+    await part.close();
+    await whole.close();
+  }
+});
+
+/* What a tab shows, but for what its reader has unfolded. */
+const stateOf = tab => tab.evaluate(() => JSON.stringify([document.querySelector('.count').textContent,
+  [...document.querySelectorAll('.ask [name]')].map(field => field.value),
+  [...document.querySelectorAll('.canvas a')].map(mark => `${mark.getAttribute('aria-label')} ${Math.round(mark.getBBox().x)}`),
+  ...['.bars', '.outside'].map(name => document.querySelector(`.overview ${name}`).getAttribute('d')),
+  [...document.querySelectorAll('.tree li[id]')].map(row => row.id).slice(0, 3)]));
+
+test('shows what its address shows to a colleague, whatever was done before', async () => {
+  const tab = await open(NIGHT_300), colleague = await browser.newPage();
+  await colleague.setViewport({width: 1280, height: 900});
+  const choose = (name, text) => () => tab.$eval(`[name=${name}]`, (field, wanted) => {
+    field.value = field.options ? [...field.options].find(option => option.textContent === wanted).value : wanted;
+    field.dispatchEvent(new Event('input', {bubbles: true}));
+  }, text);
+  const click = name => () => tab.click(`[data-do=${name}]`);
+  const go = hash => () => tab.evaluate(address => { location.hash = address; }, hash);
+  const {id} = incidentsOf(NIGHT_300)[20];
+  for (const work of [choose('q', 'disk'), click('in'), click('right'), choose('node', '192.0.2.18'), click('in'), choose('q', ''),
+    click('left'), choose('process', 'stn_console'), click('out'), choose('node', 'all'), click('all'), choose('process', 'all'),
+    go('#view=100-300'), go('#view=9-3'), go('#view=-1-300&q=volume'), go('#view=200-99999'), go('#product=stn.web&view=0-400'),
+    choose('q', '%&= '), go('#q=%'), go('#node=none'), go(''), go(`#q=nothing&id=${id}`), choose('product', 'stn.web'),
+    () => tab.evaluate(() => { window.dispatchEvent(new Event('beforeprint')); window.dispatchEvent(new Event('afterprint')); })]) {
+    await tab.bringToFront();
+    await work();
+    let here = '', there = '';
+    await until(async () => {
+      await colleague.goto('about:blank');
+      await colleague.goto(tab.url());
+      there = await stateOf(colleague);
+      await tab.bringToFront();
+      here = await stateOf(tab);
+      return here === there;
+    }, `${work}: ${tab.url()}: ${here} as ${there}`);
+  }
+  assert.deepEqual(tab.problems, []);
+  await colleague.close();
+  await tab.close();
+});
+
+test('walks by keys through all rows, and folds just what is below', async () => {
+  const tab = await open(NIGHT_300), incidents = incidentsOf(NIGHT_300), byId = new Map(incidents.map(one => [one.id, one]));
+  const rows = () => tab.$$eval('.tree li[data-i], .tree li[data-g]', all => all.map(row => row.id || `group ${row.dataset.g}`));
+  const focused = () => tab.evaluate(() => {
+    const row = document.activeElement.closest('li');
+    return row.id || `group ${row.dataset.g}`;
+  });
+  const all = await rows();
+  await tab.focus('.tree li:is([data-i], [data-g]) summary');
+  for (const row of all.slice(0, 40)) {
+    assert.equal(await focused(), row);
+    await press(tab, 'ArrowDown');
+  }
+  await press(tab, 'ArrowUp', 'ArrowUp');
+  assert.equal(await focused(), all[38]);
+  const isBelow = (id, root) => Boolean(byId.get(id)?.cause) && (byId.get(id).cause === root || isBelow(byId.get(id).cause, root));
+  const root = incidents.find(one => all.includes(one.id) && incidents.filter(other => isBelow(other.id, one.id)).length > 9).id;
+  await tab.focus(`.tree li[id="${root}"] summary`);
+  await press(tab, 'ArrowLeft');
+  const folded = await rows();
+  const gone = all.filter(row => !folded.includes(row) && !row.startsWith('group'));
+  assert.ok(gone.length > 3);
+  assert.deepEqual(gone, all.filter(row => isBelow(row, root)));
+  assert.equal(await tab.$eval(`.tree li[id="${root}"] .fold`, button => button.getAttribute('aria-expanded')), 'false');
+  await press(tab, 'ArrowRight');
+  assert.deepEqual(await rows(), all);
+  const group = all.find(row => row.startsWith('group')), summary = `.tree li[data-g="${group.slice(6)}"] summary`;
+  const many = Number((await tab.$eval(`${summary} b`, element => element.textContent)).slice(1));
+  await tab.click(`${summary} i`);
+  const unfolded = await rows();
+  assert.equal(unfolded.length, all.length + many);
+  assert.ok(unfolded.slice(all.indexOf(group) + 1, all.indexOf(group) + 1 + many).every(row => byId.has(row)));
+  await tab.click(`${summary} i`);
+  assert.deepEqual(await rows(), all);
+  await tab.close();
+});
+
+test('keeps by the wheel what is below the pointer, and goes sideways', async () => {
+  const tab = await open(NIGHT_300);
+  const wheel = (selector, part, event) => tab.$eval(selector, (element, at, what) => {
+    const {left, top, width} = element.getBoundingClientRect();
+    return !element.dispatchEvent(new WheelEvent('wheel', {clientX: left + at * width, clientY: top + 9, bubbles: true, cancelable: true, ...what}));
+  }, part, event);
+  const view = async () => {
+    const {x, width, all} = await tab.evaluate(() => {
+      const part = document.querySelector('.overview .window');
+      return {x: part?.x.baseVal.value - 1, width: part?.width.baseVal.value + 2, all: document.querySelector('.overview').viewBox.baseVal.width};
+    });
+    return [x / all, (x + width) / all];
+  };
+  assert.ok(await wheel('.canvas', 0.25, {deltaY: -100, ctrlKey: true}));
+  const [from, to] = await view(), factor = Math.exp(-0.5);
+  assert.ok(Math.abs(to - from - factor) < 0.01 && Math.abs(from + 0.25 * factor - 0.25) < 0.01, `${from} to ${to}`);
+  assert.ok(await wheel('.canvas', 0.5, {deltaY: 200, shiftKey: true}));
+  assert.ok(Math.abs((await view())[0] - from - factor / 4) < 0.01);
+  assert.ok(await wheel('.canvas', 0.5, {deltaX: -200}));
+  assert.ok(Math.abs((await view())[0] - from) < 0.01);
+  assert.ok(!await wheel('.canvas', 0.5, {deltaY: 100})); // the page's own
+  assert.ok(await wheel('.overview', 0.2, {deltaY: -100}));
+  const [left, right] = await view();
+  assert.ok(Math.abs(right - left - factor * factor) < 0.01 && Math.abs((0.2 - left) / (right - left) - (0.2 - from) / factor) < 0.01);
+  await tab.close();
+});
+
 /* All that is recorded of an incident, as somebody would look for it. */
 const textsIn = value => typeof value === 'object' && value ? Object.values(value).flatMap(textsIn) : [String(value)];
 const wordsIn = incident => textsIn(incident).join(' ').toLowerCase();
