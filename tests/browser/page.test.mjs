@@ -110,6 +110,19 @@ const LONG_LINKS = (() => {
   }).join('\n') + '\n';
 })();
 
+/* Incidents like the first one, but for what is said of each: its number, the second, the process, and that of the cause. */
+const incidentsLike = rows => rows.map(([number, second, pid, cause], at) => {
+  const [first] = incidentsOf(NIGHT_12), time = new Date(1795554420000 + second * 1000).toISOString().replace('.000', '');
+  return JSON.stringify({...first, id: `id-${number}`, cause: cause === undefined ? null : `id-${cause}`, time, offset: at,
+    process: {...first.process, id: pid}, id_time: undefined, node: undefined}) + '\n';
+}).join('');
+/* Causes with four effects each, and with five, which are a band. */
+const FANS = incidentsLike([0, 1].flatMap(fan => [[fan * 10, fan, 1],
+  ...Array.from({length: 4 + fan}, (_, at) => [fan * 10 + at + 1, (at + 1) * 100, 2 + fan, fan * 10])]));
+/* As many arrows beside each other; more than 80 are a crowd. */
+const pairs = count => incidentsLike(Array.from({length: count}, (_, at) => at).flatMap(at =>
+  [[2 * at, at * 100, at % 3], [2 * at + 1, at * 100 + 20, 3 + at % 3, 2 * at]]));
+
 /* Unfolds all repeats and opens all records. */
 const openAll = async tab => {
   await tab.evaluate(() => {
@@ -151,12 +164,18 @@ const drawingOf = tab => tab.evaluate(() => [...document.querySelectorAll('.draw
   });
 }));
 
+/* The canvas gets that width, in a window that is as wide as it takes. */
+const widen = async (tab, wanted) => {
+  const width = () => tab.$eval('.canvas', canvas => Number(canvas.getAttribute('width')));
+  await tab.bringToFront(); // no other one draws
+  await tab.setViewport({width: 1280 + wanted - await width(), height: 4000});
+  await until(async () => await width() === wanted, `the canvas is ${wanted} wide`);
+};
+
 test('draws with the script what is drawn without', async () => {
-  for (const lines of [NIGHT_12, night(60), NIGHT_300, LONG_LINKS]) {
+  for (const lines of [NIGHT_12, night(99), night(100), NIGHT_300, LONG_LINKS, FANS, pairs(80), pairs(81)]) {
     const plain = await open(lines, {script: false}), tab = await open(lines);
-    const width = () => tab.$eval('.canvas', canvas => Number(canvas.getAttribute('width')));
-    await tab.setViewport({width: 1280 + 1024 - await width(), height: 4000});
-    await until(async () => await width() === 1024, 'the canvas has the width of the drawing');
+    await widen(tab, 1024);
     const drawn = await drawingOf(tab);
     for (const {says, numbers} of await drawingOf(plain)) {
       const at = drawn.findIndex(part => part.says === says && part.numbers.length === numbers.length &&
@@ -169,14 +188,6 @@ test('draws with the script what is drawn without', async () => {
     await plain.close();
   }
 });
-
-/* The canvas gets that width, in a window that is as wide as it takes. */
-const widen = async (tab, wanted) => {
-  const width = () => tab.$eval('.canvas', canvas => Number(canvas.getAttribute('width')));
-  await tab.bringToFront(); // no other one draws
-  await tab.setViewport({width: 1280 + wanted - await width(), height: 4000});
-  await until(async () => await width() === wanted, `the canvas is ${wanted} wide`);
-};
 
 test('draws a part of the time as it draws all of it on a wider canvas', async () => {
   for (const lines of [night(60), LONG_LINKS]) {
@@ -711,6 +722,31 @@ test('keeps processes of one name and number apart by their nodes', async () => 
   const tab = await open(lines);
   assert.deepEqual(await tab.$$eval('.lanes li', names => names.map(name => name.textContent.trim())),
     ['192.0.2.2', 'stn_sync 3318', '192.0.2.18', 'stn_sync 3318']);
+  await tab.close();
+});
+
+test('takes a process of the name "all" for that one only', async () => {
+  const lines = incidentsOf(NIGHT_12).map((one, at) => JSON.stringify({...one, process: {...one.process, name: at % 3 ? 'other' : 'all'}}));
+  const tab = await open(lines.join('\n'), {hash: '#process=all'});
+  assert.equal(await shown(tab), '4 of 12 incidents');
+  await tab.close();
+});
+
+test('prints every row that is asked for, with the records of up to 300', async () => {
+  const tab = await open(night(400)), parts = () => Promise.all(['.tree li[id]', '.tree dl:not(.more)', '.canvas .name'].map(part => count(tab, part)));
+  const printed = async () => {
+    const before = await parts();
+    await tab.evaluate(() => window.dispatchEvent(new Event('beforeprint')));
+    const [rows, records, names] = await parts();
+    await tab.evaluate(() => window.dispatchEvent(new Event('afterprint')));
+    assert.deepEqual(await parts(), before);
+    assert.ok(names > 5);
+    return [rows, records];
+  };
+  assert.deepEqual(await printed(), [400, 0]);
+  await tab.type('[name=q]', 'paused');
+  const wanted = incidentsOf(night(400)).filter(incident => wordsIn(incident).includes('paused')).length;
+  assert.deepEqual(await printed(), [wanted, wanted]);
   await tab.close();
 });
 
