@@ -40,6 +40,34 @@ TEST(zkdecode, gives_json_in_a_fixed_order) {
                 R"(,"node":"127.0.0.1","local":true,"template":2})" + "\n");
 }
 
+TEST(zkdecode, names_each_facility_and_each_severity) {
+  std::vector<std::string> facilities, severities;
+  for (size_t number = 0; number < 24; ++number)
+    facilities.push_back("8" + std::string(1, base64_table[number + 1]) + "6...." + HERE);
+  for (size_t number = 0; number < 8; ++number)
+    severities.push_back("8/" + std::string(1, base64_table[number + 1]) + "...." + HERE);
+  EXPECT_EQ(words(jq(".facility", facilities)),
+            words("\"kern\" \"user\" \"mail\" \"daemon\" \"auth\" \"syslog\" \"lpr\" \"news\" \"uucp\" \"cron\" "
+                  "\"authpriv\" \"ftp\" "
+                  "\"ntp\" \"security\" \"console\" \"clock\" \"local0\" \"local1\" \"local2\" \"local3\" \"local4\" "
+                  "\"local5\" \"local6\" \"local7\""));
+  EXPECT_EQ(words(jq(".severity", severities)),
+            words("\"emerg\" \"alert\" \"crit\" \"err\" \"warning\" \"notice\" \"info\" \"debug\""));
+}
+
+/* What zkdecode can show is what zkrecord takes for a cause. */
+TEST(zkdecode, decodes_just_what_names_a_cause) {
+  const std::string stack = scratch() + "/causes";
+  for (const std::string& good : {"60....." + ELSEWHERE, "726md.." + ELSEWHERE, "8M6...." + ELSEWHERE})
+    for (size_t at = 0; at < good.size(); ++at)
+      for (const char other : {'!', 'z', '/'}) {
+        std::string id = good;
+        id[at] = other;
+        const outcome recorded = run({program("zkrecord"), "-qC", "--cause", id, stack, "x"});
+        EXPECT_EQ(zkdecode({id}).status == 0, recorded.err.empty()) << id;
+      }
+}
+
 TEST(zkdecode, says_what_is_wrong_with_an_id_and_shows_the_others) {
   const std::pair<std::string, std::string> rows[] = {
       {"8M6...!" + HERE, "its character 7 is outside the alphabet"},

@@ -135,12 +135,14 @@ TEST_F(follow, keeps_little_of_a_stack_in_memory) {
   for (int count = 0; count < 3000; ++count) large.add({.description = wide, .arg_count = 1, .args = string_arg("x")});
   const std::string file = large.file();
   const std::string limit = *FAULT_SHIM != '\0' ? "24000" : "800000"; /* KiB; a sanitizer has much of its own */
-  EXPECT_EQ(script("cp " + file + " large; follow; lines 3000; awk '/VmHWM/ { print $2 < " + limit +
+  EXPECT_EQ(script("cp " + file +
+                   " large; follow --max-stack=$(stat -c %s large); lines 3000; awk '/VmHWM/ { print $2 < " + limit +
                    " }' /proc/$follower/status;"
                    "wc -l <$home/out; end"),
             "1\n3000\nended 0\n");
   EXPECT_EQ(script("cp " + file +
-                   " large; follow --max-stack=500000; $zkrecord small one; lines 2; shown; cat $home/err; end"),
+                   " large; follow --max-stack=$(($(stat -c %s large) - 1)); $zkrecord small one; lines 2; shown; cat "
+                   "$home/err; end"),
             "one it is larger than --max-stack allows zkexport: " ZELK_STACK_DIR
             "/large: it is larger than --max-stack allows\n"
             "ended 0\n");
