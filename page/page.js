@@ -60,7 +60,7 @@
 
   const ROW = new RegExp('^id=("[^"]*"|[^ >]+)(?: class=("[^"]*"|\\w+))?(?: style=--d:(\\d+))?' +
     ' data-r="(\\d+) (\\d+) (\\d+) (\\d+) (\\d+)"><details>(<summary><b>(\\d+)</b> <time datetime=([^>]+)>([^<]*)</time>' +
-    ' <i>([^]*?)</i> <bdi>([^]*?)</bdi>[^]*?</summary>)([^]*)</details>');
+    ' <i>([^]*?)</i> <bdi>([^]*?)</bdi>[^]*?</summary>)([^]*?)</details>');
 
   let items = [];       /* in the order of the tree: each behind its cause */
   let byNumber = [];    /* items by the numbers of their incidents */

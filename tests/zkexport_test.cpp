@@ -230,7 +230,8 @@ TEST(node, exports_every_stack_by_name_and_the_incident_of_an_id) {
   EXPECT_EQ(zkexport({"--id", gone}), (outcome{"", "zkexport: " + gone + ": its stack no longer holds it\n", 0}));
   for (const std::string& bad : {id.substr(1), "." + id.substr(1), std::string(id).replace(17, 6, "o/////"),
                                  std::string(id).replace(1, 6, "zzzzzz")})
-    EXPECT_EQ(zkexport({"--id", bad}).status, zkview({"-f", bad}).status) << bad;
+    for (const char* options : {"--id=", "--chain --id="}) /* for its chain, too, it has to be one of this node */
+      EXPECT_EQ(zkexport(words(options + bad)).status, zkview({"-f", bad}).status) << options << bad;
 }
 
 /* Starts the command in the background, and waits until it has given out so many lines. */

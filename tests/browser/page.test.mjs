@@ -409,20 +409,28 @@ test('narrows rows and marks to what is asked for, and keeps it in its address',
   await tab.close();
 });
 
-test('finds what has all the words, wherever they are recorded', async () => {
-  const lines = NIGHT_300.replace('Snapshot ', 'Can\'t &lt; \\"keep\\" snapshot ');
-  const tab = await open(lines), incidents = incidentsOf(lines);
-  for (const question of ["can't", '&lt; "keep"', 'disk07 volume', 'PAUSED  dm_', 'sectors 192.0.2.18', 'replaced of 2048 4410',
-    'stn.web console', incidents[40].id, incidents[41].id.slice(5, 15) + ' 2026-11-24', 'nothing of all that']) {
-    await tab.$eval('[name=q]', (box, text) => {
-      box.value = text;
-      box.dispatchEvent(new Event('input', {bubbles: true}));
-    }, question);
-    const words = question.toLowerCase().split(/\s+/);
-    const found = incidents.filter(incident => words.every(word => wordsIn(incident).includes(word)));
-    assert.equal(await shown(tab), `${found.length} of 300 incidents`, question);
+test('finds what has all the words, wherever they are recorded, and the time as it is shown', async () => {
+  const shownTime = time => `${new Date(time).toLocaleString('en', {weekday: 'short', timeZone: 'Europe/Berlin'})} ` +
+    new Date(time).toLocaleString('sv', {timeZone: 'Europe/Berlin'});
+  for (const [count, hidden] of [[300, {}], [2100, {time: '', id_time: ''}]]) { // the records of many do not have times in UTC
+    const lines = night(count).replace('Snapshot ', 'Can\'t &lt; \\"keep\\" snapshot ');
+    const tab = await open(lines), incidents = incidentsOf(lines);
+    for (const question of ["can't", '&lt; "keep"', 'disk07 volume', 'PAUSED  dm_', 'sectors 192.0.2.18', 'replaced of 2048 4410',
+      'stn.web console', incidents[40].id, incidents[41].id.slice(5, 15) + ' 2026-11-24', 'Wed 2026-11-25', 'Tue 22:4 disk',
+      'nothing of all that']) {
+      await tab.$eval('[name=q]', (box, text) => {
+        box.value = text;
+        box.dispatchEvent(new Event('input', {bubbles: true}));
+      }, question);
+      const words = question.toLowerCase().split(/\s+/);
+      const found = incidents.filter(incident => {
+        const texts = wordsIn({...incident, ...hidden, shown: shownTime(incident.id_time)});
+        return words.every(word => texts.includes(word));
+      });
+      assert.equal(await shown(tab), `${found.length.toLocaleString('en')} of ${count.toLocaleString('en')} incidents`, question);
+    }
+    await tab.close();
   }
-  await tab.close();
 });
 
 test('narrows by process and product, also together, and says so in its address', async () => {
@@ -589,14 +597,16 @@ test('has in a record of many all that is recorded', async () => {
   await tab.close();
 });
 
-test('tells beside a mark of several what the first of them are, and how many more', async () => {
-  const tab = await open(NIGHT_300);
-  const marks = await tab.$$eval('.canvas a[data-m]', all => all.map(mark => [mark.dataset.m, Number(mark.querySelector('.many')?.textContent)]));
-  const [number, amount] = marks.find(([, many]) => many > 5);
-  await tab.$eval(`.canvas a[data-m="${number}"]`, mark => mark.focus());
-  const told = await tab.$$eval('.box p', parts => parts.map(part => part.textContent));
-  assert.equal(told.length, 5);
-  assert.equal(told[4], `and ${amount - 4} more`);
+test('tells beside a mark what the first of its incidents are, and how many more', async () => {
+  const bundles = [1, 2, 3, 4, 5, 6].flatMap(count => Array.from({length: count}, (_, at) => [count * 10 + at, count * 1000 + at, 1]));
+  const lines = incidentsLike(bundles), tab = await open(lines), {description, process} = incidentsOf(NIGHT_12)[0];
+  const clock = second => new Date(1795558020000 + second * 1000).toISOString().slice(11, 23); // in Berlin
+  for (const count of [1, 2, 3, 4, 5, 6]) {
+    await tab.$eval(`.canvas a[data-m="${count - 1}"]`, mark => mark.focus());
+    const told = await tab.$$eval('.box p', parts => parts.map(part => part.textContent));
+    const wanted = Array.from({length: Math.min(count, 4)}, (_, at) => `Tue 2026-11-24 ${clock(count * 1000 + at)} ${process.name}${description}`);
+    assert.deepEqual(told, [...wanted, ...count > 4 ? [`and ${count - 4} more`] : []]);
+  }
   await tab.focus('[name=q]');
   assert.equal(await tab.$eval('.box', box => box.hidden), true);
   await tab.close();
