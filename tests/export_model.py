@@ -122,6 +122,19 @@ def hold_selection(lines):
     hold(options, "".join(f"{id}\n" for id in wanted), ids_in(zkexport(lines, *options)))
 
 
+def hold_duplicates(lines):
+    """What comes twice is given once: by its Error ID or, without one, by all that it says, but for the stack where the node is known."""
+    copies, known = [], {}
+    for i in lines:
+        named = {**i, "id": chance.choice([i["id"], None])}
+        if named["id"] is None:
+            named.pop("id_time", None)
+        copies += [named, {**named, "stack": chance.choice([named["stack"], "other"])}]
+    for i in copies:
+        known.setdefault(i["id"] or json.dumps({**i, "stack": "" if "node" in i else i["stack"]}), i)
+    hold(["-ojson"], sorted(known.values(), key=moment), [json.loads(line) for line in zkexport(copies).splitlines()])
+
+
 # ---- The tree -------------------------------------------------------------------------------------------------------------
 
 def draw_tree(lines):
@@ -438,5 +451,6 @@ for seed in SEEDS:
                 options = ["--chain", f"--id={id}"]
                 hold(options, wanted, ids_in(zkexport(incidents, *options)))
                 hold_page([i for i in incidents if i["id"] in wanted.split()], *options, asked=id)
+        hold_duplicates(incidents)
         for _ in range(4):
             hold_selection(incidents)
