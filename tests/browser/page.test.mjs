@@ -642,6 +642,14 @@ test('has the incident that was asked for in sight at first, and its whole chain
   await tab.close();
 });
 
+test('marks the one that was asked for also among others', async () => {
+  const lines = incidentsLike([[0, 0, 1], [1, 5, 1, 0], [2, 5, 1, 0], [3, 2000, 2, 0]]);
+  const tab = await open('', {page: pageOf(lines, '--chain', '--id=id-2')});
+  assert.equal(await count(tab, '.canvas .asked'), 1);
+  assert.equal(await count(tab, '.canvas .bundle.asked'), 1);
+  await tab.close();
+});
+
 test('has every mark whole, however narrow it is', async () => {
   const tab = await open(NIGHT_300, {width: 390});
   const cut = await tab.$$eval('.canvas .mark', marks => {
