@@ -219,9 +219,10 @@ def make_authority(name):
         f"/CN={name}", "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.pem", stderr=log)
 
 
-def make_certificate(name, authority, host):
-    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", f"/CN={host}",
-        "-addext", f"subjectAltName=DNS:{host}", "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.csr", stderr=log)
+def make_certificate(name, authority, host, subject=None):
+    """For the DNS name, or for the subject only."""
+    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", subject or f"/CN={host}",
+        *([] if subject else ["-addext", f"subjectAltName=DNS:{host}"]), "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.csr", stderr=log)
     run("openssl", "x509", "-req", "-in", f"{folder}/{name}.csr", "-CA", f"{folder}/{authority}.pem", "-CAkey",
         f"{folder}/{authority}.key", "-days", "2", "-copy_extensions", "copy", "-out", f"{folder}/{name}.pem", stderr=log)
 

@@ -276,6 +276,49 @@ def months():
         "UNION ALL SELECT host, (now()::date - time::date)::text FROM zelk_incident) each WHERE host = 'aged'")), (0, "199 199 199"))
 
 
+def refused_by_the_database():
+    """What the database itself refuses of a line is found, and kept as bytes; the others are rows."""
+    fleet.make_database("refusing")
+    bad = [line_of(number) for number in (17, 40)]
+    query(f"""CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN
+        IF NEW.key IN ('{id_of(17)}', '{id_of(40)}') THEN RAISE data_exception USING MESSAGE = 'not that one'; END IF; RETURN NEW; END $$;
+        CREATE TRIGGER refuse BEFORE INSERT ON zelk_incident FOR EACH ROW EXECUTE FUNCTION refuse()""", "refusing")
+    gatherer = start_gatherer("--listen=127.0.0.1:2621", f"--database={fleet.conninfo('refusing')}", port=2621, name="refusing")
+    put([line_of(number) for number in range(60)], 2621)
+    expect("a line that the database refuses holds up no other", (rows(database="refusing"), query(
+        "SELECT convert_from(line, 'UTF8') FROM zelk_rejected ORDER BY place", "refusing").splitlines()), (58, bad))
+    expect("the log says what it refused", ": 22000 not that one" in open(gatherer.log).read(), True)
+    kill(gatherer)
+
+
+def upgraded():
+    """What version 1.1 kept, by the tables that it had, moves; once more nothing changes."""
+    run("createdb", "old")
+    nameless = line_of(5).replace(f'"{id_of(5)}"', "null").replace('"id_time":"2026-11-25T07:09:30.004985Z","node":"192.0.2.2",', "")
+    query(f"""CREATE TABLE zelk_incident (time timestamptz, received timestamptz, key text, cause text, host text, incident json,
+            PRIMARY KEY (key, time)) PARTITION BY RANGE (time);
+        CREATE TABLE zelk_incident_other PARTITION OF zelk_incident DEFAULT;
+        CREATE TABLE zelk_notice (received timestamptz, host text, place text, kind text, stack text, notice json);
+        CREATE TABLE zelk_rejected (received timestamptz, host text, place text, reason text, line text);
+        CREATE VIEW zelk_gaps AS SELECT host FROM zelk_notice;
+        INSERT INTO zelk_incident VALUES (to_timestamp({fleet.SECOND}), '2026-11-25 10:00Z', '{id_of(4)}', '{id_of(3)}', 'a', $${line_of(4, cause=id_of(3))}$$),
+            (to_timestamp({fleet.SECOND}), '2026-11-25 11:00Z', '#{"0a" * 32}', NULL, 'b', $${nameless}$$);
+        INSERT INTO zelk_notice VALUES ('2026-11-25 12:00Z', 'a', '1:2', 'gap', 's', '{{"stack":"s","gap":true}}');
+        INSERT INTO zelk_rejected VALUES ('2026-11-25 13:00Z', 'a', '1:3', 'why', 'no é')""", "old")
+
+    def all_that_is_there():
+        return query("SELECT extract(epoch FROM time), extract(hour FROM received AT TIME ZONE 'UTC'), key, cause, host, bucket = zelk_bucket(key) FROM zelk_incident "
+                     "ORDER BY received; SELECT received, place, kind FROM zelk_notice; SELECT received, reason, line FROM zelk_rejected", "old").splitlines()
+
+    for _ in range(2):
+        run("psql", "-Xqf", fleet.FLEET + "/schema.sql", "old")
+        expect("what version 1.1 kept is there", all_that_is_there(), [
+            f"{fleet.SECOND}.003988|10|{id_of(4)}|{id_of(3)}|a|t", f"{fleet.SECOND}.000000|11|#{fleet.SECOND}-{'0a' * 32}||b|t",
+            "2026-11-25 12:00:00+00|1:2|gap", "2026-11-25 13:00:00+00|why|\\x" + "no é".encode().hex()])
+    query(f"SELECT zelk_put('a', '', $${line_of(4, cause=id_of(3))}$$)", "old")
+    expect("and is known when it comes again", rows(database="old"), 2)
+
+
 def who_may():
     for text in ("SELECT count(*) FROM zelk_incident", "CREATE TEMPORARY TABLE mine (a int)"):
         answer = subprocess.run(["psql", "-XqAtU", "zelk_writer", "-c", text, "zelk"], capture_output=True, text=True)
@@ -796,6 +839,8 @@ def by_tls():
                                   ("liar", "authority", "liar.example"), ("honest", "authority", "honest.example"),
                                   ("foreign", "stranger", "liar.example")):
         make_certificate(name, authority, host)
+    make_certificate("plain", "authority", None, "/O=example/CN=plain.example")
+    make_certificate("nameless", "authority", None, "/O=example")
     fleet.revoke("authority")
     run("sh", "-c", "echo 127.0.0.1 localhost middle.example >/tmp/zelk-hosts && mount --bind /tmp/zelk-hosts /etc/hosts")
     middle = start_gatherer("--listen=127.0.0.1:2610", f"--database={fleet.conninfo()}", "--trust=site.example",
@@ -834,7 +879,15 @@ def by_tls():
         except OSError:
             return True
 
-    expect("nobody else is let in", [is_refused(tls) for tls in (None, context(None), context("foreign"))], [True] * 3)
+    expect("nobody else is let in", [is_refused(tls) for tls in (None, context(None), context("foreign"), context("nameless"))], [True] * 4)
+    conversation = Conversation(2610, tls=context("plain"))
+    conversation.tell([line_of(72100)])
+    conversation.wait()
+    conversation.close()
+    expect("a certificate without DNS names has a common name", rows("host = 'plain.example'"), 1)
+    astray = start_gatherer("--listen=127.0.0.1:2612", "--relay=localhost:2610", *fleet.tls_options("site", "authority"), port=2612, name="astray")
+    expect("a gatherer that is named otherwise is told nothing", wait_until(lambda: "name in the certificate does not match" in open(astray.log).read()), True)
+    kill(astray)
 
     connections = [Conversation(2610, tls=context(name)) for name in ("liar", "honest")]
     fleet.revoke("authority", "liar")
@@ -935,8 +988,8 @@ class Sandbox:
     def run(self, *command, text=""):
         return subprocess.run(self.enter(*command), input=text, capture_output=True, text=True, env=fleet.environment | self.environment)
 
-    def start(self, *command, **variables):
-        return fleet.start(*self.enter(*command), **(self.environment | variables))
+    def start(self, *command, output=None, **variables):
+        return fleet.start(*self.enter(*command), output=output, **(self.environment | variables))
 
     def refusal(self, command, *options):
         answer = self.run(command, *options)
@@ -1018,8 +1071,16 @@ def setting_up():
     gatherer = middle.start("zelk-gather", *options, PGSERVICEFILE="/etc/zelk/zelk_writer.conf")
     wait_until(lambda: fleet.is_listening(2690))
     spool = make_spool("spool7", _1=line_of(8100) + "\n")
-    forward = node.start("zelk-forward", "--spool=" + spool, *tls.split(), "middle.example:2690")
+    with open(node.room + "/log", "w") as output:
+        forward = node.start("zelk-forward", "--spool=" + spool, *tls.split(), "middle.example:2690", output=output)
     expect("lines go from one to the other, under the node's name", wait_until(lambda: rows("host = 'node7'", "set_up") == 1), True)
+    elsewhere = ["env", "-u", "PGHOST", "-u", "PGDATABASE", "-u", "PGUSER"]
+    answers = [middle.run(*elsewhere, *asking).stdout for asking in (["zelk-check"], ["zelk-chain", id_of(8100)], ["zelk-page", "--dry-run", "/tmp"])]
+    expect("who is there asks without saying where", [wanted in answer for wanted, answer in zip((" of 2 nodes", id_of(8100), "1 nodes: nothing written"), answers)],
+           [True] * 3)
+    forward.send_signal(signal.SIGHUP)
+    expect("what sends connects anew by new certificates", wait_until(lambda: re.findall(": ((?:connect|is|it|The).*)", open(node.room + "/log").read()) == [
+        "connected", "connects anew, by the certificates as they are now", "connected"]), True)
 
     revoked = middle.run("zelk-middle-setup", "--revoke=node7", database)
     expect("a node is shut out", (revoked.returncode, query("SELECT host FROM zelk_node", "set_up"),
@@ -1288,6 +1349,8 @@ def main():
     checks()
     pages()
     setting_up()
+    refused_by_the_database()
+    upgraded()
     who_may()
     neighbours()
     half_open(begun, silent)

@@ -67,7 +67,7 @@ struct one_line : testing::Test {
 TEST_F(one_line, shows_what_printf_shows) {
   shows_as_printf("Disk %s: %d of %u sectors, %5.1f%%", "disk07", -3, 4000000000U, 0.5);
   shows_as_printf("%hhd %hhu %hd %hx %ld %lu", 300, 300, 70000, -1, LONG_MIN, ULONG_MAX);
-  shows_as_printf("%lld %llx %jd %zu %td %i", LLONG_MIN, ULLONG_MAX, intmax_t{-7}, SIZE_MAX, ptrdiff_t{-9}, INT_MIN);
+  shows_as_printf("%lld %llx %jd %zu %td %i", LLONG_MIN, ULLONG_MAX, INTMAX_MIN, SIZE_MAX, PTRDIFF_MIN, INT_MIN);
   shows_as_printf("%c%c %p %Lf %e %+05d|%-6s|%#o", 'o', 'k', static_cast<void*>(&path), 2.5L, 1e300, 7, "ab", 8);
   shows_as_printf("%1$s %1$.3s, %2$.3s %2$s", "volume", "backup");
   shows_as_printf("100%% of it %% %d", 5);

@@ -237,15 +237,23 @@ class Logging(StackTest):
             def filter(self, record: logging.LogRecord) -> bool:
                 return super().filter(record) and len(record.msg) < 5
 
-        for handler, wanted in [(zelk.Handler(self.stack, "WARNING"), ["warn", "long warning", "error"]), (Short(self.stack), []), (self.handler, ["error"])]:
-            handler.addFilter(lambda record: record.levelno != logging.CRITICAL)
+        def is_not_critical(record: logging.LogRecord) -> bool:
+            return record.levelno != logging.CRITICAL
+
+        for handler, filters, wanted in [
+            (zelk.Handler(self.stack, "WARNING"), [is_not_critical], ["warn", "long warning", "error"]),
+            (Short(self.stack), [], ["end"]),
+            (Short(self.stack), [is_not_critical], []),
+            (self.handler, [], ["error", "end"]),
+        ]:
             log = logging.Logger("filtered")
             log.addHandler(handler)
+            for each in filters:
+                handler.addFilter(each)
             before = len(self.incidents()) if os.path.exists(self.stack) else 0
             for level, message in [("info", "info"), ("warning", "warn"), ("warning", "long warning"), ("error", "error"), ("critical", "end")]:
                 getattr(log, level)(message)
-            recorded = [incident["description"] for incident in self.incidents()[before:]]
-            self.assertEqual(recorded, wanted)
+            self.assertEqual([incident["description"] for incident in self.incidents()[before:]], wanted)
 
     def test_each_line_of_one_place_has_its_own_arguments_and_thread(self):
         def log(*args: object) -> None:

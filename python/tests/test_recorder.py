@@ -189,9 +189,10 @@ class Stacks(StackTest):
                 with self.assertRaises(zelk.ZelkError, msg=f"{error_id}, seed {seed}"):
                     zelk.decode(error_id)
         self.assertGreater(decoded, 20)
-        for bad in ["", "x", "?" * 42, "ü" * 42, "7" * 42, of_syslog + ".", of_syslog[:-1]]:
-            with self.assertRaises(zelk.ZelkError, msg=bad):
+        for bad in ["", "x", "?" * 42, "ü" * 42, "7" * 42, of_syslog + ".", of_syslog[:-1], of_syslog[:-1] + "0"]:
+            with self.assertRaises(zelk.ZelkError, msg=bad) as none:
                 zelk.decode(bad)
+            self.assertEqual(none.exception.code, -36, bad)
 
     def test_a_text_keeps_its_bytes_and_none_of_them_ends_it(self):
         for text, recorded in [("öl", "öl".encode()), ("a\udcff", b"a\xff"), ("\ud800ö", b"\\ud800\xc3\xb6"), ("a\0b", b"a?b"), ("", b"")]:
