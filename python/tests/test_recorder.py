@@ -55,6 +55,7 @@ class Messages(StackTest):
                 ("%c%c%c %*d %.*f", "a", 98, "ü", 5, 7, 1, 2.25),
                 ("%(name)s has %(count)d%%", {"name": "archive", "count": 5}),
                 ("%ld %hd", 5, 6),
+                ("%012g|%+06f|%+x|% o|%.0d|%08.3d", float("-inf"), float("nan"), 255, 8, 0, 5),
                 ("%s %s", "nul\0ended", "half \ud800"),
                 ("%d %x %s", http.HTTPStatus.NOT_FOUND, http.HTTPStatus.NOT_FOUND, Colour.RED),
                 ("x" * 300 + "%s %d", "y" * 200, 5),
