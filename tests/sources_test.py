@@ -175,7 +175,7 @@ def details_follow(*units):
         wanted += ["restarts  " + about["NRestarts"]] if about["NRestarts"] != "0" else []
         if invocation:
             wanted += machine.run("journalctl", "-q", "-o", "cat", "_SYSTEMD_UNIT=" + unit, "+", "INVOCATION_ID=" + invocation, "_PID=1",
-                                  *(f"PRIORITY={priority}" for priority in range(4))).splitlines()
+                                  *(f"PRIORITY={priority}" for priority in range(4)), "+", "_PID=" + about["ExecMainPID"]).splitlines()
         expect("what is told of " + unit, lines_of(unit), wanted)
 
 
@@ -198,9 +198,11 @@ def what_an_incident_says():
 
 def causes():
     """What a process of the unit recorded last; a unit that is needed."""
-    expect("causes", [incident_of(unit)["cause"] for unit in ("chain.service", "before.service", "part.service", "needs_Requires.service",
-                                                                 "needs_Requisite.service", "needs_BindsTo.service")],
-           [incidents("chain.stack")[-1]["id"], incidents("before.stack")[-1]["id"], *[incident_of("exits_once.service")["id"]] * 4])
+    expect("causes", [incident_of(unit)["cause"] for unit in ("chain.service", "before.service")], [
+        incidents(stack)[-1]["id"] for stack in ("chain.stack", "before.stack")])
+    needed = [each["id"] for each in incidents_of("exits_once.service")]
+    expect("causes that are units", [incident_of(unit)["cause"] in needed for unit in (
+        "part.service", "needs_Requires.service", "needs_Requisite.service", "needs_BindsTo.service")], [True] * 4)
 
 
 def the_same_again():
