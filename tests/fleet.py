@@ -192,6 +192,18 @@ def query(text, database="zelk", user="postgres", host=None):
     return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", "-h", host or folder, "-U", user, database, input=text, stderr=log).strip()
 
 
+def missing(recorded, ask=query):
+    """Of incidents that were recorded (host, stack, Error ID) those that are not there under the name of their host."""
+    there = set(ask("SELECT host || ' ' || key FROM zelk_incident").splitlines())
+    return [(host, stack, key) for host, stack, key in recorded if f"{host} {key}" not in there]
+
+
+def missing_untold(recorded, ask=query):
+    """What may be missing is what a stack overwrote while nobody could read it, and a gap tells of that."""
+    gaps = set(ask("SELECT host || ' ' || stack FROM zelk_gaps").splitlines())
+    return [(host, stack, key) for host, stack, key in missing(recorded, ask) if f"{host} {stack}" not in gaps]
+
+
 def conninfo(database="zelk"):
     return f"host={folder} dbname={database} user=zelk_writer"
 

@@ -103,7 +103,7 @@ class Machine(fleet.Host):
 
     def pull_plug(self):
         """Ends at once, with all that runs on it. What it wrote is on its disk; only a loss of power would take of that."""
-        init = self.init()
+        init = self.process and self.init()
         if init:
             os.kill(init, signal.SIGKILL)
         self.wait_for_end()
