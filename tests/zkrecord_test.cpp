@@ -79,6 +79,7 @@ TEST(zkrecord, makes_and_records_nothing_on_misuse) {
       {{"--nonsense"}, "The following argument was not expected: --nonsense"},
       {{stack}, "FORMAT is required"},
       {{"--bogus", stack, "x"}, "The following argument was not expected: --bogus"},
+      {{"-qxt", stack, "x"}, "The following argument was not expected: -x"},
       {{stack, "%s and %s", "one"}, "FORMAT: argument 2, which '%s' asks for, is missing"},
       {{stack, "%s", "one", "two"}, "FORMAT: no conversion takes argument 2"},
       {{stack, "%d", "18446744073709551615"},

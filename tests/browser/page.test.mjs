@@ -415,18 +415,16 @@ test('finds what has all the words, wherever they are recorded, and the time as 
   for (const [count, hidden] of [[300, {}], [2100, {time: '', id_time: ''}]]) { // the records of many do not have times in UTC
     const lines = night(count).replace('Snapshot ', 'Can\'t &lt; \\"keep\\" snapshot ');
     const tab = await open(lines), incidents = incidentsOf(lines);
+    const texts = incidents.map(incident => wordsIn({...incident, ...hidden, shown: shownTime(incident.id_time)}));
     for (const question of ["can't", '&lt; "keep"', 'disk07 volume', 'PAUSED  dm_', 'sectors 192.0.2.18', 'replaced of 2048 4410',
       'stn.web console', incidents[40].id, incidents[41].id.slice(5, 15) + ' 2026-11-24', 'Wed 2026-11-25', 'Tue 22:4 disk',
-      'nothing of all that']) {
+      `${incidents[0].source.file} ${incidents[0].process.id}`, 'nothing of all that']) {
       await tab.$eval('[name=q]', (box, text) => {
         box.value = text;
         box.dispatchEvent(new Event('input', {bubbles: true}));
       }, question);
       const words = question.toLowerCase().split(/\s+/);
-      const found = incidents.filter(incident => {
-        const texts = wordsIn({...incident, ...hidden, shown: shownTime(incident.id_time)});
-        return words.every(word => texts.includes(word));
-      });
+      const found = texts.filter(text => words.every(word => text.includes(word)));
       assert.equal(await shown(tab), `${found.length.toLocaleString('en')} of ${count.toLocaleString('en')} incidents`, question);
     }
     await tab.close();
