@@ -16,6 +16,7 @@ import random
 import re
 import subprocess
 import sys
+import time
 import urllib.parse
 
 EXPORT, SEEDS = sys.argv[1], sys.argv[2:] or range(12)
@@ -120,6 +121,34 @@ def hold_selection(lines):
         options.append("-n3")
         wanted = wanted[-3:]
     hold(options, "".join(f"{id}\n" for id in wanted), ids_in(zkexport(lines, *options)))
+
+
+def hold_time(text, moments, wanted):
+    """That of incidents at these seconds those are given that are from the time on, and the others before it."""
+    lines = [{**make_incident(0, []), "id": None, "time": utc(second), "offset": at} for at, second in enumerate(moments)]
+    for line in lines:
+        line.pop("id_time", None)
+    for option, seconds in (("--since", wanted), ("--until", [second for second in moments if second not in wanted])):
+        found = [json.loads(line)["time"] for line in zkexport(lines, f"{option}={text}").splitlines()]
+        hold([f"{option}={text}"], [utc(second) for second in seconds], found)
+
+
+def hold_times():
+    second = START + chance.randrange(86400)
+    zones = [("", 0), ("Z", 0), (" UTC", 0), ("+05:30", 330), ("-0330", -210), (" +02", 120)]
+    for part, later in [("", 0), (".0", 0), (".000000001", 1), (".000001", 1), (".4", 1), (".999999999", 1)]:
+        for text in [f"@{second}{part}", *(f"{utc(second + 60 * minutes)[:-1]}{part}{zone}" for zone, minutes in zones)]:
+            hold_time(text, [second - 1, second, second + 1], [second, second + 1][later:])
+    hold_time(utc(second)[:16].replace("T", " "), [second - second % 60 - 1, second - second % 60], [second - second % 60])
+    hold_time(utc(second)[:10], [second - second % 86400 - 1, second - second % 86400], [second - second % 86400])
+    units = {"s": 1, "sec": 1, "seconds": 1, "m": 60, "min": 60, "minutes": 60, "h": 3600, "hr": 3600, "hours": 3600, "d": 86400, "day": 86400,
+             "w": 604800, "weeks": 604800, "month": 2629800, "y": 31557600, "years": 31557600, "": 1, "ms": 0.001, "msec": 0.001, "us": 1e-6, "µs": 1e-6}
+    for unit, size in units.items():
+        number = chance.choice([2, 1.5, 0.25]) * max(1, 200 / size)
+        span, digits_of_it = int(number * size + 3600), f"{number:.2f}".replace(".00", "")
+        for text, sign in [(f"-{digits_of_it}{unit} 1h", -1), (f"{digits_of_it} {unit} 1 hour ago", -1), (f"+{digits_of_it}{unit} 1h", 1)]:
+            meant = int(time.time()) + sign * span
+            hold_time(text, [meant - 20, meant + 20], [meant + 20])
 
 
 def hold_duplicates(lines):
@@ -436,6 +465,7 @@ def edges():
 
 
 seed = "none"
+hold_times()
 for incidents in edges():
     hold_page(incidents)
 for seed in SEEDS:

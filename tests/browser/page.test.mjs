@@ -625,6 +625,23 @@ test('reaches an incident by its Error ID, also among repeats that are folded aw
   }
 });
 
+test('has of repeats a row for those that are found, or the one that is', async () => {
+  const repeats = incidentsLike(Array.from({length: 12}, (_, at) => [at, at * 60, 1])).trimEnd().split('\n').map((line, at) =>
+    JSON.stringify({...JSON.parse(line), details: at % 4 === 0 ? 'fourth' : 'another'}));
+  const tab = await open(repeats.join('\n'));
+  const rowsFor = async question => {
+    await tab.$eval('[name=q]', (box, text) => {
+      box.value = text;
+      box.dispatchEvent(new Event('input', {bubbles: true}));
+    }, question);
+    return tab.$$eval('.tree li:is([data-i], [data-g])', rows => rows.map(row => row.id || row.querySelector('b').textContent));
+  };
+  assert.deepEqual(await rowsFor(''), ['\u00d712']);
+  assert.deepEqual(await rowsFor('fourth'), ['\u00d73']);
+  assert.deepEqual(await rowsFor('id-7'), ['id-7']);
+  await tab.close();
+});
+
 test('has the incident that was asked for in sight at first, and its whole chain', async () => {
   const asked = incidentsOf(NIGHT_300).findLast(({cause, description}) => cause && description.startsWith('Alarm'));
   const tab = await open('', {page: pageOf(NIGHT_300, '--chain', `--id=${asked.id}`)});
