@@ -51,7 +51,8 @@ def make_incident(number, before):
         "source": {"file": chance.choice(["a.c", "&<'.c"]), "version": "1", "product": chance.choice(["one", "other", ""]), "line": 12},
         "message": {"catalog": catalog, "set": message_set, "number": message, "default": text,
                     "arguments": [{"type": "string", "value": value}, {"type": "int", "value": number}]},
-        "description": text.replace("%1$s", value) or chance.choice(["told", "elsewhere"]), "details": chance.choice(["", "Slow bus", "bus 3\n\tof sd1"]),
+        "description": text.replace("%1$s", value) or chance.choice(["told", "elsewhere"]),
+        "details": chance.choice(["", "Slow bus", "bus 3\n\tof sd1"]),
     }
     if not is_known:
         del incident["id_time"]
@@ -141,8 +142,9 @@ def hold_times():
             hold_time(text, [second - 1, second, second + 1], [second, second + 1][later:])
     hold_time(utc(second)[:16].replace("T", " "), [second - second % 60 - 1, second - second % 60], [second - second % 60])
     hold_time(utc(second)[:10], [second - second % 86400 - 1, second - second % 86400], [second - second % 86400])
-    units = {"s": 1, "sec": 1, "seconds": 1, "m": 60, "min": 60, "minutes": 60, "h": 3600, "hr": 3600, "hours": 3600, "d": 86400, "day": 86400,
-             "w": 604800, "weeks": 604800, "month": 2629800, "y": 31557600, "years": 31557600, "": 1, "ms": 0.001, "msec": 0.001, "us": 1e-6, "µs": 1e-6}
+    units = {"": 1, "s": 1, "sec": 1, "seconds": 1, "m": 60, "min": 60, "minutes": 60, "h": 3600, "hr": 3600, "hours": 3600, "d": 86400,
+             "day": 86400, "w": 604800, "weeks": 604800, "month": 2629800, "y": 31557600, "years": 31557600,
+             "ms": 0.001, "msec": 0.001, "us": 1e-6, "µs": 1e-6}
     for unit, size in units.items():
         number = chance.choice([2, 1.5, 0.25]) * max(1, 200 / size)
         span, digits_of_it = int(number * size + 3600), f"{number:.2f}".replace(".00", "")
@@ -421,7 +423,8 @@ def facts_of_page(lines, asked):
 
 
 def head_in(page):
-    found = re.findall("^(?:<title>.*|<h1>.*|<p class=span>.*|<p class=of>On .* in .*?[.] |<label>.*<select.*|<li class=node.*|<li title=.*)", page, re.MULTILINE)
+    wanted = ["<title>.*", "<h1>.*", "<p class=span>.*", "<p class=of>On .* in .*?[.] ", "<label>.*<select.*", "<li class=node.*", "<li title=.*"]
+    found = re.findall(f"^(?:{'|'.join(wanted)})", page, re.MULTILINE)
     found = [re.sub("<option[^>]*>", "|", part).split("|", 1)[-1] if "<select" in part else part for part in found]
     found = [re.sub('<li title="(.*?)">', r"\1: ", part) for part in found]
     return [html.unescape(re.sub("<[^>]*>", "", part)).strip() for part in found]
