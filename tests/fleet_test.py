@@ -585,6 +585,11 @@ def messages_say_where_they_come_from():
 
 def listens(main):
     """Wherever it is told to; who else could reach it is told where nobody has to say who he is."""
+    try:
+        socket.create_server(("::1", 0), family=socket.AF_INET6).close()
+    except OSError:
+        fleet.say("no addresses are tried, since this machine has none with colons")
+        return
     addresses = {"2661": True, "127.0.0.1:2662": True, "[::1]:2663": True, "localhost:2664": True, "*:2665": False, "0.0.0.0:2666": False}
     gatherer = start_gatherer(*("--listen=" + address for address in addresses), f"--database={fleet.conninfo()}", port=2666, name="listens")
     log = open(gatherer.log).read()
