@@ -1132,8 +1132,11 @@ def spool_is_sent():
     others = ["1.json", "2.json", "3.json", "begun.json"]  # what is no file of the spool stays as it is
     gatherer = start_gatherer("--listen=127.0.0.1:2640", f"--database={fleet.conninfo()}", port=2640, name="sent")
 
+    log = fleet.folder + "/sent-forward.log"
+
     def start_forward():
-        return fleet.start("zelk-forward", "--spool=" + spool, f"--state={fleet.folder}/taken", "127.0.0.1:2640")
+        with open(log, "a") as output:
+            return fleet.start("zelk-forward", "--spool=" + spool, f"--state={fleet.folder}/taken", "127.0.0.1:2640", output=output)
 
     def keys():
         return query(f"SELECT string_agg(key, ' ' ORDER BY received) FROM zelk_incident WHERE key IN ({','.join(repr(id_of(300000 + number)) for number in range(5))})")
@@ -1153,7 +1156,7 @@ def spool_is_sent():
     lines_taken(gatherer)
     expect("what has been taken waits no more", re.findall(r"(\d+) lines \((\d+) KiB\) wait", open(gatherer.log).read())[-1], ("0", "0"))
     forward = start_forward()
-    wait_until(lambda: says(gatherer, "; 1 connections"))
+    wait_until(lambda: open(log).read().count("connected") == 2)  # and has looked at the file
     with open(spool + "/1000.json", "a") as file:
         file.write(e + "\n")
     wait_until(lambda: id_of(300004) in keys())
