@@ -574,6 +574,12 @@ test('goes by keys through the rows, folds by them, and from an effect to its ca
   await tab.focus(`.tree li[id="${below}"] > details > summary`);
   await press(tab, 'ArrowLeft', 'ArrowLeft');
   await hasFocus(tab, effect.cause);
+  const last = incidents.find(({id, cause}) => cause && incidents.every(other => other.cause !== id));
+  await tab.type('[name=q]', last.id); // its cause is not among what is asked for
+  await tab.focus(`.tree li[id="${last.id}"] > details > summary`);
+  await press(tab, 'ArrowLeft');
+  await hasFocus(tab, last.cause);
+  assert.deepEqual([await tab.$eval('[name=q]', box => box.value), await shown(tab)], ['', '12 incidents']);
   await tab.close();
 });
 
@@ -623,6 +629,20 @@ test('reaches an incident by its Error ID, also among repeats that are folded aw
     }, id), `${id} is in sight, with the script: ${script}`);
     await tab.close();
   }
+});
+
+test('leaves a record open, or closed, where the rows are shown anew', async () => {
+  const tab = await open(NIGHT_12), [opened, closed] = await tab.$$eval('.tree li[id]', rows => rows.map(row => row.id));
+  const areOpen = () => Promise.all([opened, closed].map(id => tab.$eval(`.tree li[id="${id}"] details`, details => details.open)));
+  for (const [id, isOpen] of [[opened, true], [closed, true], [closed, false]]) {
+    await tab.$eval(`.tree li[id="${id}"] summary i`, part => part.click());
+    await until(async () => (await areOpen())[id === opened ? 0 : 1] === isOpen, `the record is open: ${isOpen}`);
+  }
+  await tab.type('[name=q]', 's');
+  await press(tab, 'Backspace');
+  assert.deepEqual(await areOpen(), [true, false]);
+  assert.equal(await count(tab, '.tree dl:not(.more)'), 1);
+  await tab.close();
 });
 
 test('has of repeats a row for those that are found, or the one that is', async () => {
