@@ -492,7 +492,7 @@ test('goes by keys to what is earlier and later, nearer and farther', async () =
   assert.ok(await focus() < end);
   await press(tab, 'Home');
   assert.ok(await focus() < end);
-  await press(tab, '+', '+');
+  await press(tab, '+', '=');
   const [at, width] = await window();
   await tab.keyboard.down('Shift');
   await press(tab, 'ArrowRight');
