@@ -21,25 +21,6 @@ static std::string jq(const std::string& filter, std::vector<std::string> ids) {
   return run({"/usr/bin/jq", "-c", filter, new_file(zkdecode(ids).out)}).out;
 }
 
-TEST(zkdecode, shows_a_block_for_each_id_in_local_time) {
-  const std::string time = "Time: 2023-11-14 23:13:20.123456 CET (2023-11-14T22:13:20.123456Z)\n";
-  EXPECT_EQ(zkdecode({"8M6...." + HERE, ".0..../" + ELSEWHERE}, {{"TZ", "CET-1"}}),
-            good("Error ID: 8M6...." + HERE + "\nVersion: 2\nRecorded in: syslog\n" + time +
-                 "Node: 127.0.0.1 (this node)\nFacility: local7 (23)\nSeverity: debug (7)\n\n"
-                 "Error ID: .0..../" +
-                 ELSEWHERE + "\nVersion: 1\nRecorded in: error template\n" + time +
-                 "Node: 192.168.1.2 (another node)\nError template: 0x40000002\n"));
-}
-
-TEST(zkdecode, gives_json_in_a_fixed_order) {
-  const std::string time = R"("time":"2023-11-14T22:13:20.123456Z")";
-  EXPECT_EQ(jq(".", {"8/1...." + ELSEWHERE, "60....." + HERE}),
-            R"({"id":"8/1....)" + ELSEWHERE + R"(","version":2,"location":"syslog",)" + time +
-                R"(,"node":"192.168.1.2","local":false,"facility":"kern","severity":"crit"})" + "\n" +
-                R"({"id":"60.....)" + HERE + R"(","version":2,"location":"template",)" + time +
-                R"(,"node":"127.0.0.1","local":true,"template":2})" + "\n");
-}
-
 TEST(zkdecode, names_each_facility_and_each_severity) {
   std::vector<std::string> facilities, severities;
   for (size_t number = 0; number < 24; ++number)
@@ -66,21 +47,6 @@ TEST(zkdecode, decodes_just_what_names_a_cause) {
         const outcome recorded = run({program("zkrecord"), "-qC", "--cause", id, stack, "x"});
         EXPECT_EQ(zkdecode({id}).status == 0, recorded.err.empty()) << id;
       }
-}
-
-TEST(zkdecode, says_what_is_wrong_with_an_id_and_shows_the_others) {
-  const std::pair<std::string, std::string> rows[] = {
-      {"8M6...!" + HERE, "its character 7 is outside the alphabet"},
-      {"GM6...." + HERE, "it is of a later version"},
-      {"9M6...." + HERE, "its location is one of a later version"},
-      {"8M6.....2zIZ/.7o1" + LOOPBACK, "its time stamp is out of range"},
-      {"8M6...." + HERE.substr(0, 34) + "a", "its address type is unknown"},
-      {"8.6...." + HERE, "its syslog selector is malformed or out of range"},
-      {"6......" + HERE, "its error template label is 0"}};
-  const std::string other = "60....." + ELSEWHERE, shown = zkdecode({other}).out;
-  for (const auto& [id, reason] : rows)
-    EXPECT_EQ(zkdecode({id, other}), (outcome{shown, "zkdecode: '" + id + "': " + reason + "\n", 1}));
-  EXPECT_EQ(zkdecode({"\n\x1b[2J"}).err, "zkdecode: '??[2J': its length is 5, not 42\n");
 }
 
 /* An ID of the only file in the stacks directory. */
