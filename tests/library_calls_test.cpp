@@ -35,6 +35,7 @@
 
 #include "support.h"
 #include "zk_msg.h"
+#include "zk_record.h"
 
 /* A call with the words of its line. */
 struct call {
@@ -287,6 +288,7 @@ static const std::map<std::string, long long (*)(const call&)> ROUTINES =
          UNTRACED(zk_is_debug_file_set, c.at(0, out.text)),
          UNTRACED(zk_get_file_ctrl_info, c.text(0), c.at(1, &out.offset), c.at(2, &out.size), c.at(3, &out.wraps)),
          UNTRACED(zk_is_addr_ipv6_type, c.text(0)),
+         UNTRACED(zk_obtain_strlen, const_cast<char*>(c.text(0)), static_cast<size_t>(c.large(1))),
          UNTRACED(zk_l64a_r, static_cast<uint64_t>(c.large(0)), c.at(1, out.text), c.number(2)),
          UNTRACED(zk_a64l, c.text(0)),
          {"zk_selector_substr", [](const call& c) { return zk_selector_substr(c.text(0), c.at(1, out.text)), 0LL; }},

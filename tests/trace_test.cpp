@@ -42,13 +42,6 @@ TEST_F(trace_file, has_an_entry_of_time_routine_process_thread_and_message) {
                                            "\n\ta 7\n\tb\n[END OF FINAL ENTRY]\n");
 }
 
-TEST_F(trace_file, shows_local_time_also_when_the_zone_changes) {
-  EXPECT_EQ(trace(path), 0);
-  set_zone("XXX-5:30");
-  EXPECT_EQ(trace(path), 0);
-  EXPECT_NE(contents(path).find("\1Wed Nov 15 03:43:20 2023\n"), std::string::npos);
-}
-
 /* Times that differ in one field: a second and so on, to a month and a year later on the same day of the week. */
 TEST_F(trace_file, tells_a_time_from_those_that_look_alike) {
   const time_t start = 1487110400; /* Tuesday, 14 February 2017, 22:13:20 */
@@ -120,12 +113,6 @@ TEST(message, of_254_newlines_has_254_lines) {
   EXPECT_EQ(trace_entries(path).at(0), "r\n" + lines);
 }
 
-TEST_F(trace_file, is_opened_again_after_an_interruption) {
-  refuse("open", EINTR, 2);
-  EXPECT_EQ(trace(path), 0);
-  EXPECT_EQ(trace_entries(path).size(), 1U);
-}
-
 TEST_F(trace_file, has_its_entry_even_if_it_cannot_be_unlocked) {
   refuse("unlock", ENOLCK);
   EXPECT_EQ(trace(path), -29);
@@ -188,18 +175,6 @@ static std::thread once_asleep(const std::function<void()>& action) {
     await_sleep(sleeper);
     action();
   });
-}
-
-TEST_F(trace_file, is_waited_for_while_another_process_has_its_lock) {
-  const other_process other(path);
-  std::atomic<bool> is_free = false;
-  std::thread freeing = once_asleep([&] {
-    is_free = true;
-    other.let_go();
-  });
-  EXPECT_EQ(trace(path), 0);
-  EXPECT_TRUE(is_free);
-  freeing.join();
 }
 
 TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {
