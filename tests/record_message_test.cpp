@@ -155,19 +155,6 @@ TEST(open_or_create, checks_its_arguments_in_their_order) {
   EXPECT_EQ(open_or_create(new_file("no stack"), 0), -26);
 }
 
-TEST(open_or_create, gives_all_who_make_it_at_once_the_one_stack) {
-  const std::string path = new_name();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i)
-    threads.emplace_back([&] {
-      const zelk::recorder_t recorder(path.c_str());
-      EXPECT_EQ(record(recorder, nullptr, "here").result, 0);
-    });
-  for (std::thread& thread : threads) thread.join();
-  const std::string shown = run({program("zkview"), "-d", "-s", path}).out;
-  EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 9) << shown;
-}
-
 /* ---- qx_record.hpp ----------------------------------------------------------------------------------------------- */
 
 enum colour_t { RED = 4 };
