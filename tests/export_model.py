@@ -45,7 +45,7 @@ def make_incident(number, before):
     name, process, text, catalog, message_set, message = chance.choice(KINDS)
     value = f"sd{chance.randrange(3)}"
     incident = {
-        "stack": chance.choice(["a", "a", "a", "/v/b"]), "offset": 24 + number, "id": id if is_known else f"id-{number}", "cause": cause,
+        "stack": chance.choice(["<a>", "<a>", "<a>", "/v/b"]), "offset": 24 + number, "id": id if is_known else f"id-{number}", "cause": cause,
         "time": utc(seconds - chance.choice([0, 0, 0, 7])), "id_time": f"{utc(seconds)[:-1]}.{number * 479:06}Z", "node": node,
         "process": {"name": name, "id": process, "parent": 1 + number % 2, "thread": 7 + number % 3},
         "source": {"file": chance.choice(["a.c", "&<'.c"]), "version": "1", "product": chance.choice(["one", "other", ""]), "line": 12},
