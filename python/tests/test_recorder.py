@@ -49,12 +49,8 @@ class Messages(StackTest):
             for message, *args in [
                 ("%r %a %s", "ü", "ü", None),
                 ("%d %i %d %x %X", 3.9, True, 2**70, 255, -255),
-                ("%#x %#o %o %+d %05d|%-4d|", 255, 8, 8, 5, 5, 5),
-                ("%e %g %G %f %.2f", 1.5, 1e20, float("inf"), Decimal("0.5"), 2),
-                ("%5s|%-5s|%.2s|%5s|", "ab", "ab", "abc", "öl"),
                 ("%c%c%c %*d %.*f", "a", 98, "ü", 5, 7, 1, 2.25),
                 ("%(name)s has %(count)d%%", {"name": "archive", "count": 5}),
-                ("%ld %hd", 5, 6),
                 ("%012g|%+06f|%+x|% o|%.0d|%08.3d", float("-inf"), float("nan"), 255, 8, 0, 5),
                 ("%s %s", "nul\0ended", "half \ud800"),
                 ("%d %x %s", http.HTTPStatus.NOT_FOUND, http.HTTPStatus.NOT_FOUND, Colour.RED),
@@ -69,7 +65,7 @@ class Messages(StackTest):
         seed = int.from_bytes(os.urandom(4), "big")
         chance = random.Random(seed)
         numbers = [0, 1, -1, 7, 255, -255, 2**31, 2**63 - 1, 2**63, -(2**63), -(2**63) - 1, 10**25, True]
-        doubles = [0.0, -0.0, 0.5, -2.25, 1e20, 1.5e300, 1e-7, 123456.789, *map(float, ["inf", "-inf", "nan"]), 3, 10**30]
+        doubles = [0.0, -0.0, 0.5, -2.25, 1e20, 1.5e300, 1e-7, 123456.789, *map(float, ["inf", "-inf", "nan"]), 3, 10**30, Decimal("0.5")]
         texts = ["", "ab", "öl", "%s", "\U0001f4a9", None, 3, 0.5, b"x", ["l"], "x" * 50]
         values = {"diu": numbers + [3.9, -0.5], "xXo": numbers, "eEfFgG": doubles, "c": ["a", "ü", 98, 0x20AC], "sra": texts}
 
