@@ -307,9 +307,9 @@ class Conversation:
         self.socket.close()
 
 
-def put(lines, port=2514, host="node9", place="1.json"):
+def put(lines, port=2514, host="node9", place="1.json", tls=None):
     """Tells lines and waits until they have been taken."""
-    conversation = Conversation(port, host)
+    conversation = Conversation(port, host, tls)
     conversation.tell(lines, place)
     conversation.wait()
     conversation.close()
@@ -396,8 +396,9 @@ class Host:
 class Node(Host):
     """A node with files of its own, and what runs on it."""
 
-    def __init__(self, number):
+    def __init__(self, number, port=2514):
         super().__init__(f"node{number}", "--mount", "--uts")
+        self.middle = f"{HERE}:{port}"
         self.run("sh", "-c", f"""hostname {self.name} && mount -t tmpfs none /var && mount -t tmpfs none /run &&
             mkdir -p /var/adm/zelk/stacks /var/lib/zelk/spool""")
 
@@ -409,7 +410,7 @@ class Node(Host):
 
     def start_forward(self):
         with open(f"{folder}/forward-{self.name}.log", "a") as output:
-            self.forward = start(*self.enter(), "zelk-forward", "--state=/run/taken", HERE, output=output)
+            self.forward = start(*self.enter(), "zelk-forward", "--state=/run/taken", self.middle, output=output)
 
     def start_rsyslog(self):
         """Sends what is in the spool in another way, and leaves it there."""

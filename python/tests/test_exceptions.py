@@ -105,9 +105,8 @@ class Chains(StackTest):
             exception.__cause__ = newest
             newest = exception
         self.record(newest)
-        incidents = self.incidents()  # as many as the stack keeps
-        self.assertEqual(incidents[-1]["description"], "ValueError: 9999")
-        self.assertIn("9900 earlier causes were left out", incidents[-1]["details"])
+        self.assertEqual(self.newest()["description"], "ValueError: 9999")
+        self.assertIn("9900 earlier causes were left out", self.newest()["details"])
 
     def test_what_is_left_out_of_a_chain_is_told_at_its_ends(self):
         chain = [ValueError(str(number)) for number in range(6)]

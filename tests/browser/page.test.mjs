@@ -292,29 +292,28 @@ test('walks by keys through all rows, from an effect to its cause, and folds jus
   await tab.close();
 });
 
+/* The part of the time that is looked at, of all that there is. */
+const viewOf = tab => tab.evaluate(() => {
+  const part = document.querySelector('.overview .window'), all = document.querySelector('.overview').viewBox.baseVal.width;
+  return part ? [(part.x.baseVal.value - 1) / all, (part.x.baseVal.value + part.width.baseVal.value + 1) / all] : [0, 1];
+});
+
 test('keeps by the wheel what is below the pointer, and goes sideways', async () => {
   const tab = await open(NIGHT_300);
   const wheel = (selector, part, event) => tab.$eval(selector, (element, at, what) => {
     const {left, top, width} = element.getBoundingClientRect();
     return !element.dispatchEvent(new WheelEvent('wheel', {clientX: left + at * width, clientY: top + 9, bubbles: true, cancelable: true, ...what}));
   }, part, event);
-  const view = async () => {
-    const {x, width, all} = await tab.evaluate(() => {
-      const part = document.querySelector('.overview .window');
-      return {x: part?.x.baseVal.value - 1, width: part?.width.baseVal.value + 2, all: document.querySelector('.overview').viewBox.baseVal.width};
-    });
-    return [x / all, (x + width) / all];
-  };
   assert.ok(await wheel('.canvas', 0.25, {deltaY: -100, ctrlKey: true}));
-  const [from, to] = await view(), factor = Math.exp(-0.5);
+  const [from, to] = await viewOf(tab), factor = Math.exp(-0.5);
   assert.ok(Math.abs(to - from - factor) < 0.01 && Math.abs(from + 0.25 * factor - 0.25) < 0.01, `${from} to ${to}`);
   assert.ok(await wheel('.canvas', 0.5, {deltaY: 200, shiftKey: true}));
-  assert.ok(Math.abs((await view())[0] - from - factor / 4) < 0.01);
+  assert.ok(Math.abs((await viewOf(tab))[0] - from - factor / 4) < 0.01);
   assert.ok(await wheel('.canvas', 0.5, {deltaX: -200}));
-  assert.ok(Math.abs((await view())[0] - from) < 0.01);
+  assert.ok(Math.abs((await viewOf(tab))[0] - from) < 0.01);
   assert.ok(!await wheel('.canvas', 0.5, {deltaY: 100})); // the page's own
   assert.ok(await wheel('.overview', 0.2, {deltaY: -100}));
-  const [left, right] = await view();
+  const [left, right] = await viewOf(tab);
   assert.ok(Math.abs(right - left - factor * factor) < 0.01 && Math.abs((0.2 - left) / (right - left) - (0.2 - from) / factor) < 0.01);
   await tab.close();
 });
@@ -493,15 +492,11 @@ test('has one tab stop in the time line, and goes by keys to what is earlier and
 
 test('goes by buttons and by dragging, too, and from a row to its mark however far', async () => {
   const tab = await open(NIGHT_300), incidents = incidentsOf(NIGHT_300);
-  const view = () => tab.evaluate(() => { // of all that there is
-    const part = document.querySelector('.overview .window'), all = document.querySelector('.overview').viewBox.baseVal.width;
-    return part ? [(part.x.baseVal.value - 1) / all, (part.x.baseVal.value + part.width.baseVal.value + 1) / all] : [0, 1];
-  });
   const after = async (work, holds) => {
-    const before = await view();
+    const before = await viewOf(tab);
     await work();
     await until(async () => {
-      const now = await view();
+      const now = await viewOf(tab);
       return now.join() !== before.join() && holds(now, before);
     }, `${before}, and ${holds}`);
   };
