@@ -46,6 +46,7 @@ RESTARTING = {
     for policy in ("no", "always", "on-failure", "on-abnormal", "on-abort", "on-watchdog")
     for is_again in (policy in again,)
 }
+DUMPS = ["LimitCORE=infinity", "WorkingDirectory=/tmp", 'ExecStart=/bin/sh -c "kill -SEGV $$$$"']
 GREEDY = ["MemoryMax=20M", "MemorySwapMax=0"]
 TWO_LINES = r"""
 import socket, struct
@@ -150,6 +151,18 @@ def every_failure():
     expect("the last command of stops.service", how_ended("stops.service"), "exit status 8")
 
 
+def what_is_up_to_the_machine_beneath():
+    """That cores are dumped, and memory is counted. (What their results are called is tried by the test failed_unit.says_why_it_failed too.)"""
+    if open("/proc/sys/kernel/core_pattern").read().startswith("core"):
+        expect_failure("dumps.service", "core dump by SIGSEGV")
+    else:
+        say("no core dump is tried, since they go to a program of the machine beneath: --vm does")
+    if "memory" in machine.attempt("cat", "/sys/fs/cgroup/cgroup.controllers")[1]:
+        expect_failure("greedy.service", "out of memory")
+    else:
+        say("no lack of memory is tried, since the machine beneath does not count it: --vm does")
+
+
 def details_follow(*units):
     """The details as systemd and the journal say them, as far as they have room. On a busy machine the journal does not know of which run
     the lines of a short process are."""
@@ -174,6 +187,7 @@ def what_an_incident_says():
     expect("the main process", str(exits["process"]["id"]), machine.run("systemctl", "show", "-P", "ExecMainPID", "exits.service").strip())
     details_follow(*(unit + ".service" for unit in (
         "exits", "killed", "slow", "limited", "dog", "prepares", "ignores", "missing", "needs_Requires", "part", "chain", "before")))
+    expect("the journal", lines_of("exits.service")[-2:], ["one", "the disk is full"])
     expect("long lines", lines_of("long.service")[-2:], ["x" * 300, "ö" * 148 + "..."])
     expect("the newest line", lines_of("counts.service")[-1], "1000")
     expect("who gave up before there was a main process", incident_of("prepares.service")["process"]["id"], 1)
@@ -246,6 +260,14 @@ def the_page():
     expect("the page of the night", [what in night for what in ("Backup of /srv", "Order 4711", "Unit shop.service")], [True] * 3)
 
 
+def cost():
+    """What a failure costs, beside what systemd itself does."""
+    took = machine.run("bash", "-c", 'TIMEFORMAT="%U %S"; rm -f /var/lib/zelk/failures/*; time setpriv --reuid zelk-failure --regid zelk '
+                       "--groups systemd-journal /usr/libexec/zelk/unit-failure shouts.service >/dev/null", stderr=subprocess.STDOUT)
+    milliseconds = sum(map(float, took.split()[-2:])) * 1000
+    expect(f"a failure costs {milliseconds:.0f} ms of CPU, no more than 50", milliseconds <= 50, True)
+
+
 fleet.enter(os.path.abspath(__file__))
 if "--vm" in sys.argv:
     machine = Machine("vm", root="vm")
@@ -256,15 +278,19 @@ install("zkview", "sources")
 machine.run("sh", "-c", "systemd-sysusers && systemd-tmpfiles --create zkview.conf")
 for name, (_, *lines) in (FAILING | RESTARTING).items():
     write_service(name, *lines)
+write_service("dumps.service", *DUMPS)
+write_service("greedy.service", *GREEDY, "ExecStart=/usr/bin/tail /dev/zero")
 write_service("stops.service", "ExecReload=/bin/false", 'ExecStop=/bin/sh -c "exit 8"', "ExecStart=/bin/sleep 60")
 machine.write("/root/two_lines", TWO_LINES)
 os.makedirs(machine.tree + "/etc/systemd/system/zelk-failure@gone.service.service.d")
 write_service("zelk-failure@gone.service.service.d/goes-on.conf", "ExecStartPre=+pkill -CONT -x systemd-journal")
 machine.run("systemctl", "daemon-reload")
 every_failure()
+what_is_up_to_the_machine_beneath()
 what_an_incident_says()
 causes()
 the_same_again()
 what_is_refused()
 the_page()
+cost()
 fleet.finish()

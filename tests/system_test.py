@@ -4,6 +4,7 @@ doc/fleet.md alone. script/test-system runs it."""
 import glob
 import os
 import re
+import shutil
 import subprocess
 import sys
 import threading
@@ -68,8 +69,6 @@ def set_up_node(node):
 def set_up():
     follow(middle, "In the middle")
     say("the middle is set up")
-    said = middle.run("runuser", "-u", "postgres", "--", "zelk-middle-setup", stderr=subprocess.STDOUT)
-    expect("as postgres the database is brought up to date", said.splitlines()[-1].partition(".")[0], "The database is up to date")
     expect("what listens to all may do little: less than 2.0", middle.attempt(
         "systemd-analyze", "security", "--threshold=20", "zelk-gather")[0], 0)
     for node in (node1, node2):
@@ -80,6 +79,20 @@ def set_up():
         node.run("useradd", "--groups", "zelk", "member")
         node.run("useradd", "stranger")
     say("the nodes are set up")
+    for machine in (middle, node1):
+        expect(f"secrets of {machine.name} are for none but who needs them", machine.run(
+            "find", "/etc/zelk", "-type", "f", "-perm", "/o=rwx", "!", "-name", "*.env", "!", "-name", "*.pem", "!", "-name", "middle.name"), "")
+
+
+def setting_up_again():
+    def settings():
+        return middle.run("sh", "-c", "cat /etc/zelk/*.* | sha256sum")
+
+    before = settings()
+    middle.run("zelk-middle-setup")
+    expect("setting up again changes nothing", settings(), before)
+    said = middle.run("runuser", "-u", "postgres", "--", "zelk-middle-setup", stderr=subprocess.STDOUT)
+    expect("as postgres the database is brought up to date", said.splitlines()[-1].partition(".")[0], "The database is up to date")
 
 
 # ---- Incidents ----------------------------------------------------------------------------------------------------------
@@ -125,12 +138,29 @@ def pages(chain):
     wait_until(lambda: os.path.exists(front) and "enclosure 1" in open(front).read(), limit=30)
     page = re.search('href="(chain-[^"]*)">Fan 3', open(front).read())[1]
     expect("the page of the chain has both incidents", [key in open(folder + page).read() for key in chain], [True, True])
+    if shutil.which("chromium"):
+        shutil.copytree(folder, fleet.folder + "/pages")
+        browsed("index.html", page)
     middle.run("systemctl", "disable", "--now", "zelk-page.timer", "zelk-drop.timer")
+
+
+def browsed(front, page):
+    def browse(name):
+        return run("timeout", "60", "chromium", "--headless", "--no-sandbox", f"--user-data-dir={fleet.folder}/profile", "--disable-gpu",
+                   "--virtual-time-budget=1000", "--enable-logging=stderr", "--dump-dom", f"file://{fleet.folder}/pages/{name}", stderr=said)
+
+    fan = "Fan 3 of &lt;enclosure 1&gt; stands still."
+    with open(fleet.folder + "/browser.log", "w+") as said:
+        expect("a browser shows recorded texts as texts, and where they lead", f'<a href="{page}">{fan}</a>' in browse(front), True)
+        expect("and the chain there", fan in browse(page), True)
+        expect("without a complaint", "CONSOLE" in said.read(), False)
 
 
 def no_incident():
     node2.run("sh", "-c", 'echo "no incident" >>"$(ls /var/lib/zelk/spool/*.json | tail -n 1)"')
-    expect("a line that is no incident is a warning", wait_until(lambda: middle.attempt("zelk-check")[0] == 1), True)
+    wait_until(lambda: middle.attempt("zelk-check")[0] != 0)
+    status, said = middle.attempt("zelk-check")
+    expect("a line that is no incident is a warning", (status, said.partition("|")[0]), (1, "ZELK WARNING - 1 lines rejected in 1 day "))
     query("UPDATE zelk_rejected SET received = received - interval '2 years'")
     middle.run("systemctl", "start", "zelk-drop")
     expect("what is old is dropped", query("SELECT count(*) FROM zelk_rejected"), "0")
@@ -146,6 +176,13 @@ def kill_units():
     middle.run("systemctl", "start", "postgresql@15-main")  # Debian's unit does not come back by itself
 
 
+def kill_page():
+    """Returns when it was killed."""
+    middle.run("sh", "-c", "systemctl start zelk-page.timer && systemctl start --no-block zelk-page && sleep 0.1")
+    middle.kill("zelk-page")
+    return time.time()
+
+
 def stuck_gatherer():
     def process():
         return middle.run("systemctl", "show", "--property=MainPID", "zelk-gather").strip()
@@ -153,6 +190,14 @@ def stuck_gatherer():
     stopped = process()
     middle.kill("zelk-gather", "STOP")
     expect("a gatherer that is stuck is replaced", wait_until(lambda: process() not in (stopped, "MainPID=0"), limit=90, pause=0.5), True)
+
+
+def cut_network():
+    for machine in (node1, middle):
+        machine.cut_off()
+        say(f"{machine.name} was cut off")
+        time.sleep(5)
+        machine.connect()
 
 
 def fill_disks():
@@ -172,7 +217,9 @@ def endure():
     recorders = [start_recording_many(node, "busy", 5000, trouble) for node in (node1, node2)]
     wait_until(lambda: len(recorded) >= before + 500)
     kill_units()
+    killed = kill_page()
     stuck_gatherer()
+    cut_network()
     fill_disks()
     for machine in (node1, middle, node2):
         machine.reboot()
@@ -190,6 +237,10 @@ def endure():
     expect("none is there twice", query("SELECT count(*) - count(DISTINCT key) FROM zelk_incident"), "0")
     expect("all services have come back", "".join(machine.attempt("systemctl", "is-active", *units)[1] for machine, units in (
         (node1, NODE_UNITS), (node2, NODE_UNITS), (middle, ["zelk-gather"]))), "active\n" * 7)
+    middle.run("systemctl", "start", "zelk-page.timer")
+    expect("pages are written again", wait_until(lambda: os.path.getmtime(
+        middle.tree + "/var/cache/zelk/pages/index.html") > killed, limit=90, pause=0.5), True)
+    middle.run("systemctl", "stop", "zelk-page.timer")
 
 
 # ---- Other ways to set up -----------------------------------------------------------------------------------------------
@@ -237,6 +288,34 @@ def upgrade():
     expect("nothing is there twice", rows("incident->>'stack' <> 'zelk-alive'", both), 400)
 
 
+def share_rows():
+    """A middle whose rows lie in two databases, which lie elsewhere for all that it knows."""
+    sharing = Machine("sharing", PACKAGES).boot()
+    install(sharing, "zkview", "zkview-middle")
+    for command in ("CREATE ROLE boss SUPERUSER LOGIN PASSWORD 'secret'", "CREATE DATABASE one", "CREATE DATABASE two"):
+        sharing.run("runuser", "-u", "postgres", "--", "psql", "-qc", command)
+    one, two = (f"--database=host=127.0.0.1,127.0.0.2 target_session_attrs=read-write user=boss password=secret dbname={name}"
+                for name in ("one", "two"))
+    for _ in range(2):
+        sharing.run("zelk-middle-setup", one, two)
+    sharing.run("zkrecord", "-q", "-C", "shared", "0")
+    command = sharing.run("zelk-middle-setup", "--node=node4", one)
+    install(sharing, "zkview-node")
+    sharing.run("sh", input=command)
+    sharing.run("sh", "-c", 'for number in $(seq 99); do zkrecord -q shared "$number"; sleep 0.01; done')
+    settings = open(sharing.tree + "/etc/zelk/zelk_writer.conf").read().splitlines()
+    expect("all hosts of a database are known", [settings.count(line) for line in (
+        "host=127.0.0.1,127.0.0.2", "target_session_attrs=read-write")], [2, 2])
+
+    def ask(what):
+        return sharing.run("env", "PGSERVICEFILE=/etc/zelk/zelk_reader.conf", "PGSERVICE=zelk_reader", "psql", "-XAtc",
+                           f"SELECT {what} FROM zelk_incident WHERE incident->>'stack' = 'shared'").strip()
+
+    wait_until(lambda: ask("count(*)") == "100", limit=30)
+    expect("one question has the rows of two databases", ask("count(*), count(DISTINCT tableoid)"), "100|2")
+    expect("which is well", sharing.run("zelk-check").partition("|")[0], "ZELK OK - the incidents of 1 nodes arrive ")
+
+
 # ---- Removing -----------------------------------------------------------------------------------------------------------
 
 def purge(machine, package):
@@ -266,9 +345,11 @@ chain = chain_and_night()
 outside_the_group(chain[1])
 shut_out()
 pages(chain)
+setting_up_again()
 no_incident()
 if "--long" in sys.argv:
     endure()
     upgrade()
+    share_rows()
 remove()
 fleet.finish()
