@@ -105,6 +105,7 @@ assert "id_time" not in incident
 
 /* 63 times 512 bytes and 512 are 32 KiB. Where the limit is within a character it is cut before that. */
 TEST(json, cuts_a_description_that_is_too_long_at_a_whole_character) {
+  const std::string whole = stack().add({.id = ""}).file();
   std::string accents, shown;
   for (int count = 0; count < 256; ++count) accents += "\u00e9";
   for (const auto& [text, rest] :
@@ -117,7 +118,8 @@ TEST(json, cuts_a_description_that_is_too_long_at_a_whole_character) {
             .file();
     shown += script("zkexport " + file +
                     " >l; jq -c '[.cut, (.description | utf8bytelength), .description[-4:]]' l;"
-                    "zkexport --input <l | cmp - l");
+                    "zkexport " +
+                    whole + " >>l; zkexport --input <l | cmp - l");
   }
   EXPECT_EQ(shown,
             "[null,32768,\"xxxx\"]\n[true,32768,\"x...\"]\n"
@@ -374,6 +376,14 @@ assert texts.count(hostile) >= 3 * 6, texts
 assert elements.count("script") == 1 and set(ids) >= {"<b>\ufffd\"" + chr(39) + "&", "same"}, ids
 assert len(ids) == len(set(ids)) == 4, ids')"),
             "");
+}
+
+TEST(input, takes_characters_that_are_written_as_escapes) {
+  const std::string file = stack().add({.details = "\u00e9 \u20ac \U0001F600 \U0010FFFD"}).file();
+  EXPECT_EQ(script("zkexport " + file +
+                   " >line; jq -ac . line | tee escaped | zkexport --input | cmp - line;"
+                   "grep -o 'ud83d.ude00' escaped"),
+            "ud83d\\ude00\n");
 }
 
 TEST(input, gives_damage_on_once_and_each_gap) {
