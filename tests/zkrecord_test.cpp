@@ -108,7 +108,8 @@ TEST(zkrecord, makes_a_stack_where_there_is_none) {
   EXPECT_EQ(contents(stack).size(), 8192U); /* one that exists keeps its size */
   EXPECT_EQ(zkrecord({"-C", "/dev/null", "x"}).err,
             "zkrecord: /dev/null: it is damaged, or no Error Stack: it is not a regular file (offset 0)\n");
-  EXPECT_EQ(zkrecord({"/no\n\x1b[2J", "x"}).err, "zkrecord: /no??[2J: there is no such file; --create makes one\n");
+  const std::string turned = shell("LC_ALL=C.UTF-8 " + program("zkrecord") + " '/no\n\x1b[2J\u202e\u00e9' x").err;
+  EXPECT_EQ(turned, "zkrecord: /no??[2J?\u00e9: there is no such file; --create makes one\n");
   EXPECT_EQ(zkrecord({"./no.stack", "x"}).err.substr(0, 42), "zkrecord: /var/adm/zelk/stacks/./no.stack:");
 }
 
