@@ -432,6 +432,18 @@ test('reaches an incident below what is folded, and among what is not asked for'
   await tab.close();
 });
 
+test('goes to a cause of another product than is asked for', async () => {
+  const tab = await open(NIGHT_300), incidents = incidentsOf(NIGHT_300);
+  const [effect, cause] = incidents.map(each => [each, incidents.find(({id}) => id === each.cause)])
+    .find(([{source}, {source: other} = {}]) => other && other.product !== source.product);
+  await tab.select('[name=product]', await tab.$$eval('[name=product] option', (options, label) =>
+    options.find(option => option.textContent === label).value, effect.source.product));
+  await tab.evaluate(id => document.getElementById(id).querySelector('summary').focus(), effect.id);
+  await press(tab, 'ArrowLeft');
+  await hasFocus(tab, cause.id);
+  await tab.close();
+});
+
 test('lights up a chain, its marks, its arrows and its rows, and nothing else', async () => {
   const tab = await open(NIGHT_12), incidents = incidentsOf(NIGHT_12);
   const rootOf = ({id, cause}) => cause ? rootOf(incidents.find(other => other.id === cause)) : id;
@@ -467,6 +479,11 @@ test('has one tab stop in the time line, and goes by keys to what is earlier and
   assert.ok(second.x > first.x && Math.abs(second.y - first.y) < 1);
   await press(tab, 'ArrowDown');
   assert.ok((await place()).y > second.y);
+  const third = await place();
+  await tab.keyboard.down('Control'); /* which asks the browser for something */
+  await press(tab, 'ArrowUp');
+  await tab.keyboard.up('Control');
+  assert.deepEqual(await place(), third);
   await press(tab, 'End');
   const end = await place();
   await press(tab, 'ArrowLeft');
