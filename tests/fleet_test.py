@@ -430,7 +430,8 @@ def checks():
     expect("all of them are critical", check(nodes=nodes[:2]), (2, "CRITICAL - all 2 nodes are silent" + figures(silent=2, nodes=2)))
     ages = {"gaps": ["1 hour", "23 hours", "25 hours"], "rejected": ["2 hours", "25 hours"]}
     expect("gaps and rejected lines of a day are warnings", check(**ages), (1, "WARNING - 2 gaps in 1 day, 1 lines rejected in 1 day" + figures(2, 1)))
-    expect("or of another time", check("--since=90 minutes", **ages), (1, "WARNING - 1 gaps in 90 minutes" + figures(1)))
+    expect("or of another time, which is not that of silence", check("--since=90 minutes", nodes=nodes[1:2], incidents=[
+        ("here", "23 hours", "1 s")], **ages), (1, "WARNING - 1 gaps in 90 minutes" + figures(1, nodes=1)))
     for taken, wanted, options in [(60, (0, "OK"), []), (61, (1, "WARNING"), []), (600, (1, "WARNING"), []), (601, (2, "CRITICAL"), []),
                                    (5, (0, "OK"), ["--behind=5"]), (6, (1, "WARNING"), ["--behind=5"])]:
         status, said = check(*options, incidents=[("a", "30 s", f"{taken - 0.5} s"), ("b", "20 minutes", "1 s")])
