@@ -717,10 +717,11 @@ test('is not impressed by hostile texts, ages, circles, and what is endless or e
     }
 });
 
-test('shows the newest 20,000 of 100,000 incidents, and says so', async () => {
-  const tab = await open(night(100000));
+test('shows the newest 20,000 of 100,000 incidents, and says so beside what was lost', async () => {
+  const tab = await open(night(100000) + '{"stack":"disks","gap":true}\n');
   assert.equal(await shown(tab), '20,000 incidents');
   assert.match(await tab.$eval('.notes', notes => notes.textContent), /newest 20,000 of 100,000 incidents/);
+  assert.match(await tab.$eval('.notes', notes => notes.textContent), /disks: incidents were overwritten/);
   await tab.close();
 });
 
