@@ -204,16 +204,19 @@ static size_t room_for_details(zk_incident_t incident) {
   return ZK_REC_LENGTH_SIZE + ZK_REC_LISTED_MAX - image.size;
 }
 
+/* What stands at the end of a text that was cut. */
+static char CUT_MARK[] = "..."; /* only read, like all arguments */
+static constexpr size_t CUT_MARK_SIZE = sizeof CUT_MARK - 1;
+
 /* The same once every text argument, or a plain text, is cut as far as it can be. */
 static size_t most_room_for_details(zk_incident_t incident, bool is_text) {
-  static char mark[] = "...";
-  const cu_error_arg_t shortest = {.cu_arg_type = CU_ERROR_ARG_CHAR_STR, .cu_arg_value = {.cu_arg_char_str = mark}};
+  const cu_error_arg_t shortest = {.cu_arg_type = CU_ERROR_ARG_CHAR_STR, .cu_arg_value = {.cu_arg_char_str = CUT_MARK}};
+  auto can_be_cut = [](const char* text) { return std::strlen(text) > CUT_MARK_SIZE; };
   std::vector<cu_error_arg_t> arguments(incident.arguments, incident.arguments + incident.argument_count);
   for (cu_error_arg_t& argument : arguments)
-    if (argument.cu_arg_type == CU_ERROR_ARG_CHAR_STR && std::strlen(argument.cu_arg_value.cu_arg_char_str) > 3)
+    if (argument.cu_arg_type == CU_ERROR_ARG_CHAR_STR && can_be_cut(argument.cu_arg_value.cu_arg_char_str))
       argument = shortest;
-  const bool is_argument =
-      is_text && std::strlen(incident.default_message) > 3; /* as make_long_text_argument makes it */
+  const bool is_argument = is_text && can_be_cut(incident.default_message); /* as make_long_text_argument makes it */
   if (is_argument) incident.default_message = "%s";
   if (is_argument) arguments = {shortest};
   incident.arguments = arguments.data();
@@ -245,7 +248,7 @@ struct detail_line_t {
 static std::string cut_value(const std::string& value, size_t size_max) {
   std::string line;
   for (size_t at = 0, size; (size = character_at(value, at).size) != 0; at += size) {
-    if (at + size > size_max) return line + "...";
+    if (at + size > size_max) return line + CUT_MARK;
     line += value[at] == '\n' ? " " : value.substr(at, size); /* not another line */
   }
   return line;
@@ -254,7 +257,7 @@ static std::string cut_value(const std::string& value, size_t size_max) {
 /* The lines behind the details, whole where there is room for them. There are at most `most_room` bytes, of which each line
  * may take an equal share for what it keeps. */
 static std::string lines_for(std::vector<detail_line_t> lines, size_t room, size_t most_room) {
-  static constexpr size_t BESIDE = 6; /* two blanks, a newline, "..." */
+  static constexpr size_t BESIDE = 2 + 1 + CUT_MARK_SIZE; /* two blanks, and a newline */
   std::string text;
   size_t wanted = 0;
   for (detail_line_t& line : lines) {
@@ -264,9 +267,9 @@ static std::string lines_for(std::vector<detail_line_t> lines, size_t room, size
   }
   size_t excess = wanted > room + 1 ? wanted - room - 1 : 0; /* the last one has no newline */
   for (const detail_line_t& line : lines) {
-    const size_t size = line.value.size(), mark = 3;
-    const bool is_cut = excess > 0 && size > line.kept_min + mark;
-    const size_t kept = is_cut ? size - std::min(size - line.kept_min, excess + mark) : size;
+    const size_t size = line.value.size();
+    const bool is_cut = excess > 0 && size > line.kept_min + CUT_MARK_SIZE;
+    const size_t kept = is_cut ? size - std::min(size - line.kept_min, excess + CUT_MARK_SIZE) : size;
     const std::string value = cut_value(line.value, kept);
     text += (text.empty() ? "" : "\n") + line.label + "  " + value;
     if (!is_cut) continue;
