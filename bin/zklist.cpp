@@ -33,22 +33,11 @@ static std::array<place_t, ZK_STACK_SIZE_MAX / (ZK_REC_LENGTH_SIZE + 1)> places;
 static size_t place_count;
 static off_t walked_position = -1; /* of the record that is being listed, -1 for none */
 
-static place_t* find_place(const void* record) {
-  for (size_t number = 0; number < place_count; ++number)
-    if (places[number].record == record) return &places[number];
-  return nullptr;
-}
-
-/* Remembers where the record that is being listed stands. Its copy may have the memory of one that was freed. */
-static void remember_place(const void* copy) {
-  place_t* place = find_place(copy);
-  if (place == nullptr && walked_position >= 0 && place_count < places.size()) place = &places[place_count++];
-  if (place != nullptr) *place = {copy, walked_position};
-}
-
+/* A copy may have the memory of one that was freed: of its places the newest counts. */
 off_t zk_listed_position(const void* record) {
-  const place_t* place = find_place(record);
-  return place != nullptr ? place->position : -1;
+  for (size_t number = place_count; number-- > 0;)
+    if (places[number].record == record) return places[number].position;
+  return -1;
 }
 
 /* What a copy could not have: bytes, and for which part. */
@@ -73,14 +62,10 @@ static zk_stack_rec_t* copy_record(const void* record, shortage_t* shortage) {
   }
   std::memcpy(copy, record, size);
   copy[size] = '\0';
-  remember_place(copy);
+  if (place_count == places.size()) place_count = 0; /* whoever lists more than a stack has does without */
+  places[place_count++] = {copy, walked_position};
   element->record = copy;
   return element;
-}
-
-static zk_stack_rec_t* last_of(zk_stack_rec_t* first) {
-  while (first->next != nullptr) first = first->next;
-  return first;
 }
 
 /* ---- By process ---------------------------------------------------------------------------------------------------- */
@@ -156,10 +141,9 @@ int zk_add_rec_to_proc(int debug_active, const char* debug_file, void* record, z
     return zk_failed(trace, ZELK_NO_MEMORY,
                      "Unable to allocate memory for record %s - errno %d\nSize requested %d bytes\nReturning %s(%d)",
                      shortage.part, errno, shortage.size);
-  if (head->records == nullptr)
-    head->records = element;
-  else
-    last_of(head->records)->next = element;
+  zk_stack_rec_t** link = &head->records;
+  while (*link != nullptr) link = &(*link)->next;
+  *link = element;
   return zk_succeeded(trace, "Record added to list for process %d - returning %s(%d)", head->process_id);
 }
 
@@ -231,7 +215,8 @@ int zk_add_unrelated_rec(int debug_active, const char* debug_file, void* record,
     *table = element;
     return zk_succeeded(trace, "Added ZELK ID %s as first in table\nReturning %s(%d)", element->fid);
   }
-  zk_stack_rec_t* last = last_of(*table);
+  zk_stack_rec_t* last = *table;
+  while (last->next != nullptr) last = last->next;
   last->next = element;
   return zk_succeeded(trace, "Added ZELK ID %s to list\nafter %.42s\nReturning %s(%d)", element->fid, last->fid);
 }
@@ -274,7 +259,7 @@ int zk_read_stack(int debug_active, const char* debug_file, int order, int filde
   place_count = 0;
   while (result == ZELK_SUCCESS && (result = zk_walk_next(&walk)) == ZELK_SUCCESS) {
     void* record = walk.record.data();
-    walked_position = trace.active != 0 ? walk.record_position : -1;
+    walked_position = walk.record_position;
     result = order == 0 ? place_by_process(trace, record, proc_list) : place_by_relation(trace, record, rec_table);
     result = walk_result(result);
     if (result == ZELK_SUCCESS && zk_walk_at_write_pos(walk)) break;

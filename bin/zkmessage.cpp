@@ -150,17 +150,13 @@ void zk_close_catalog(nl_catd catfd) {
 }
 
 static void put_message(cu_sink_t* sink, nl_catd catfd, int number, std::span<const cu_error_arg_t> arguments) {
-  if (catfd != in_use.catfd || !is_known(number)) {
-    cu_put_format(sink, message_text(catfd, number), arguments);
-    return;
+  if (catfd == in_use.catfd && is_known(number)) {
+    size_t* count = &in_use.counts[static_cast<size_t>(number)];
+    std::span<cu_piece_t> pieces = in_use.pieces[static_cast<size_t>(number)];
+    if (*count == 0) *count = cu_parse_format(message_text(catfd, number), pieces);
+    if (*count <= pieces.size()) return cu_put_pieces(sink, pieces.first(*count), arguments);
   }
-  size_t* count = &in_use.counts[static_cast<size_t>(number)];
-  std::span<cu_piece_t> pieces = in_use.pieces[static_cast<size_t>(number)];
-  if (*count == 0) *count = cu_parse_format(message_text(catfd, number), pieces);
-  if (*count <= pieces.size())
-    cu_put_pieces(sink, pieces.first(*count), arguments);
-  else
-    cu_put_format(sink, message_text(catfd, number), arguments);
+  cu_put_format(sink, message_text(catfd, number), arguments);
 }
 
 /* ---- Printing ------------------------------------------------------------------------------------------------------ */

@@ -211,7 +211,7 @@ static int display_chain(const zk_trace_t& trace, const zk_stack_rec_t* first, z
     void* record = element->record;
     int result = all == 1 ? zk_print_full_stack_record(trace.active, trace.file, nullptr, catfd, record)
                           : zk_print_brief_stack_record(trace.active, trace.file, nullptr, 0, catfd, record);
-    result = view_result(trace, result, record, zk_listed_position(record));
+    if (result != ZELK_SUCCESS) result = view_result(trace, result, record, zk_listed_position(record));
     if (result == ZELK_FILE_CORRUPT) return result;
     if (all == 1) zk_print_message(stdout, catfd, ZK_MSG_SEPARATOR);
   }

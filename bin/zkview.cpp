@@ -54,6 +54,16 @@ static int report_unexpected(const context_t& context, const char* routine, int 
   return EXIT_UNEXPECTED;
 }
 
+/* Reports a result that ends the run; one that is not among `endings` is unexpected. `named` is the stack, where the
+ * message says it. */
+static int report_ending(const context_t& context, std::span<const ending_t> endings, int result, const char* named,
+                         const char* routine) {
+  const auto ending = std::ranges::find(endings, result, &ending_t::result);
+  if (ending == endings.end()) return report_unexpected(context, routine, result);
+  zk_print_message(stderr, context.catfd, ending->message, {zk_msg_arg(named)});
+  return ending->status;
+}
+
 /* ---- Options ------------------------------------------------------------------------------------------------------- */
 
 /* The flag that an option sets, and whether the option may be given a second time. */
@@ -142,13 +152,8 @@ static std::optional<int> open_stack(const context_t& context, const options_t& 
   if (result == ZELK_SUCCESS) return {};
 
   std::span<const ending_t> endings = given.use_fid ? std::span<const ending_t>(BY_FID) : BY_NAME;
-  for (const ending_t& ending : endings)
-    if (ending.result == result) {
-      zk_print_message(stderr, context.catfd, ending.message, {zk_msg_arg(named)});
-      return ending.status;
-    }
   /* The routine named has nothing to do with the failure; support staff know the text by this name. */
-  return report_unexpected(context, "zk_display_recs_by_proc", result);
+  return report_ending(context, endings, result, named, "zk_display_recs_by_proc");
 }
 
 /* Tells what the result of a view's step means; an unexpected one is reported under the name `routine`. */
@@ -156,13 +161,8 @@ static std::optional<int> check_view(const context_t& context, int result, const
   static constexpr ending_t ENDINGS[] = {{ZELK_LOCK, ZK_MSG_NOT_LOCKED, EXIT_NOT_LOCKED},
                                          {ZELK_FILE_CORRUPT, ZK_MSG_STACK_CORRUPT, EXIT_CORRUPT},
                                          {ZELK_NO_MEMORY, ZK_MSG_NO_MEMORY, EXIT_NO_MEMORY}};
-  for (const ending_t& ending : ENDINGS)
-    if (ending.result == result) {
-      zk_print_message(stderr, context.catfd, ending.message);
-      return ending.status;
-    }
-  if (result != ZELK_SUCCESS) return report_unexpected(context, routine, result);
-  return {};
+  if (result == ZELK_SUCCESS) return {};
+  return report_ending(context, ENDINGS, result, "", routine);
 }
 
 /* Runs the one view that was asked for over the open stack. */

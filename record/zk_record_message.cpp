@@ -97,7 +97,6 @@ static int read_values(va_list* list, arguments_t* arguments) {
   for (uint32_t i = 0; i < arguments->count; ++i) {
     const conversion_t& conversion = arguments->conversions[i];
     cu_error_arg_t* const argument = &arguments->values[i];
-    *argument = {};
     if (conversion.letter == 's') {
       if (!next_text(conversion, list, argument, &arguments->copies[i])) return ZELK_NO_MEMORY;
     } else if (conversion.letter == 'p') {
@@ -117,10 +116,7 @@ static int read_values(va_list* list, arguments_t* arguments) {
 
 int zk_record_message(zk_recorder_t* recorder, const char* cause, const char* details, zk_eid_t eid, const char* format,
                       ...) {
-  arguments_t arguments;
-  arguments.conversions.fill({});
-  arguments.copies.fill(nullptr);
-  arguments.count = 0;
+  arguments_t arguments = {};
   zk_eid_t made = {};
   int result = recorder != nullptr ? ZELK_SUCCESS : ZELK_INV_PARAM3;
   if (result == ZELK_SUCCESS) result = format != nullptr ? parse_format(format, &arguments) : int{ZELK_INV_PARAM4};

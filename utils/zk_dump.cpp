@@ -47,8 +47,7 @@ int zk_test_for_file(int debug_active, const char* debug_file, const char* check
 int zk_test_for_dir(int debug_active, const char* debug_file, const char* check_dir) {
   int result = zk_test_for_file(debug_active, debug_file, check_dir);
   if (result == ZELK_IS_A_DIR) return ZELK_SUCCESS;
-  if (result == ZELK_SUCCESS) return ZELK_NOT_A_DIR;
-  return result;
+  return result == ZELK_SUCCESS ? int{ZELK_NOT_A_DIR} : result;
 }
 
 int zk_get_dump_file_name(int debug_active, const char* debug_file, char* dump_file) {
@@ -118,13 +117,10 @@ int zk_copy_file(int debug_active, const char* debug_file, int input_file, int o
  * FIFO or a device may never end. */
 static int open_dump(const char* dump_input_file) {
   const int fildes = open(dump_input_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-  if (fildes < 0) return -1;
   struct stat status;
-  errno = EINVAL;
-  if (fstat(fildes, &status) == 0 && S_ISREG(status.st_mode)) return fildes;
-  const int error = errno;
+  if (fildes < 0 || (fstat(fildes, &status) == 0 && S_ISREG(status.st_mode))) return fildes;
   close(fildes);
-  errno = error;
+  errno = EINVAL;
   return -1;
 }
 
