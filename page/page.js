@@ -246,7 +246,7 @@
       if (isShort || from === 0) fillChunk(chunk);
       if (!isShort) observer.observe(chunk.element);
     }
-    one('.count').textContent = matching.length === items.length ? `${thousands(items.length)} incidents` :
+    one('output').textContent = matching.length === items.length ? `${thousands(items.length)} incidents` :
       `${thousands(matching.length)} of ${thousands(items.length)} incidents`;
   };
 
