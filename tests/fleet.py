@@ -6,6 +6,7 @@ Whoever imports it has run `enter(__file__)` first: everything happens in namesp
 Nothing of the machine's is touched."""
 import atexit
 import datetime
+import difflib
 import os
 import re
 import shutil
@@ -76,6 +77,29 @@ def expect(what, found, wanted):
     say(f"passed: {what}" if found == wanted else f"FAILED: {what}: {found!r} instead of {wanted!r}")
     if failures and "--stop" in sys.argv:
         finish()
+
+
+def transcript(name, hosts=None, **names):
+    """Runs the commands of tests/golden/NAME, "HOST$ COMMAND" for one of `hosts` or "$ COMMAND", and holds what stands there against
+    what they say now. In the file each of `names` stands for its text. RENEW_GOLDEN=1 writes the file anew."""
+    path, names = f"{REPOSITORY}/tests/golden/{name}", {"FOLDER": folder, "FLEET": FLEET} | names
+    wanted = open(path).read().splitlines()
+    found = []
+    for line in wanted:
+        command = re.fullmatch(r"(\w*)\$ (.*)", line)
+        if command:
+            text = re.sub("|".join(names), lambda name: names[name[0]], command[2])
+            enter, variables = (hosts or {}).get(command[1], ([], {}))
+            answer = subprocess.run([*enter, "sh", "-c", text], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                    text=True, env=environment | variables)
+            said = re.sub("|".join(map(re.escape, names.values())), lambda text: next(name for name in names if names[name] == text[0]), answer.stdout)
+            found += [line, *said.splitlines(), *[f"--- status {answer.returncode}"] * (answer.returncode != 0)]
+        elif line.startswith("## "):
+            found.append(line)
+    if os.environ.get("RENEW_GOLDEN"):
+        with open(path, "w") as file:
+            file.write("".join(line + "\n" for line in found))
+    expect(f"what {name} tells is so", list(difflib.unified_diff(wanted, found, "told", "so", n=0, lineterm="")), [])
 
 
 def finish():
