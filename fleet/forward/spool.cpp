@@ -151,14 +151,18 @@ static bool parse_line(spool_t* spool, size_t limit, spool_line_t* line) {
     if (!read_more(spool)) return false;
     size = spool->read.find('\n', searched);
     if (size == spool->read.npos && spool->read.size() > limit) {
-      if (spool->begun.empty()) spool->begun = spool->read.substr(0, limit);
+      if (spool->begun.empty()) {
+        spool->begun = spool->read.substr(0, limit);
+        spool->begun_at = spool->at;
+      }
       spool->at += static_cast<off_t>(spool->read.size());
       spool->read.clear();
     }
   }
-  line->line = spool->begun.empty() ? spool->read.substr(0, std::min(size, limit)) : spool->begun;
+  const bool is_long = !spool->begun.empty();
+  line->line = is_long ? spool->begun : spool->read.substr(0, std::min(size, limit));
+  line->place = spool->name + ":" + std::to_string(is_long ? spool->begun_at : spool->at);
   spool->begun.clear();
-  line->place = spool->name + ":" + std::to_string(spool->at);
   spool->read.erase(0, size + 1);
   spool->at += static_cast<off_t>(size) + 1;
   return true;

@@ -28,7 +28,8 @@ struct spool_t {
   std::string name;
   off_t at;          /* of the next line */
   std::string read;  /* bytes behind `at` */
-  std::string begun; /* what is kept of a line that is too long, whose rest is there */
+  std::string begun; /* what is kept of a line that is too long, and where it begins, once the rest of that is passed */
+  off_t begun_at;
   bool has_successor;
   std::deque<spool_mark_t> marks;
 };
