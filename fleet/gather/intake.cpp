@@ -106,9 +106,9 @@ static void accept_node(gather_t* gather, int fildes, const sockaddr_storage& ad
 
 static void listener_is_ready(gather_t* gather, source_t* source, uint32_t) {
   for (int count = 0; count < 64; ++count) {
-    if (gather->nodes.size() >= gather->limits.nodes && !make_room(gather)) {
-      set_accepting(gather, false);
-      return;
+    if (gather->nodes.size() >= gather->limits.nodes) {
+      if (count > 0) return; /* whether yet another one waits is told anew */
+      if (!make_room(gather)) return set_accepting(gather, false);
     }
     sockaddr_storage address = {};
     socklen_t size = sizeof address;

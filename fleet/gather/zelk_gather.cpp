@@ -272,12 +272,11 @@ static void begin_to_end(gather_t* gather) {
   notify("STOPPING=1");
   gather->is_ending = true;
   gather->end = gather->now + ENDING_TIME;
-  for (const auto& listener : gather->listeners) {
+  for (const auto& listener : gather->listeners) { /* which stay: epoll may have told of them, too */
     const int fildes = listener->fildes;
     unwatch(gather, listener.get());
     close(fildes);
   }
-  gather->listeners.clear();
   for (node_t* node : gather->nodes)
     watch(gather, &node->source, node->source.fildes, node->out.empty() ? 0 : WRITABLE);
 }
