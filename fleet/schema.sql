@@ -466,6 +466,8 @@ BEGIN
   said := json_populate_record(NULL::zelk_line, line::json);
   IF row_to_json(said)::text <> line OR strpos(line, '\u') > 0 THEN -- their digits are another's
     SELECT * FROM zelk_read_other(line) INTO kind_said, reason;
+  ELSIF said.id_time IS NULL OR said.node IS NULL THEN -- null is not written there
+    reason := 'a member is missing';
   END IF;
 
   IF kind_said = 'incident' AND reason IS NULL THEN
