@@ -5,6 +5,7 @@ are nodes that boot.
 Whoever imports it has run `enter(__file__)` first: everything happens in namespaces of its own, with which all processes end.
 Nothing of the machine's is touched."""
 import atexit
+import ctypes
 import datetime
 import difflib
 import os
@@ -244,6 +245,20 @@ def start_gatherer(*options, port=2514, name="gatherer", **variables):
     return process
 
 
+def sockets_of(process):
+    """How soon each TCP connection of a process notices that the other side has vanished, and whether what is little leaves at once:
+    keep-alive, seconds of silence, between probes, probes, milliseconds without an answer, no delay."""
+    found, folder = [], f"/proc/{process.pid}/fd/"
+    options = [(socket.SOL_SOCKET, socket.SO_KEEPALIVE)] + [(socket.IPPROTO_TCP, getattr(socket, "TCP_" + name)) for name in (
+        "KEEPIDLE", "KEEPINTVL", "KEEPCNT", "USER_TIMEOUT", "NODELAY")]
+    for fildes in filter(lambda fildes: os.readlink(folder + fildes).startswith("socket:"), os.listdir(folder)):
+        copy = ctypes.CDLL(None).syscall(438, os.pidfd_open(process.pid), int(fildes), 0)  # pidfd_getfd
+        with socket.socket(fileno=copy) as same:
+            if same.family == socket.AF_INET and not same.getsockopt(socket.SOL_SOCKET, socket.SO_ACCEPTCONN):
+                found.append([same.getsockopt(*option) for option in options])
+    return found
+
+
 def is_listening(port):
     with socket.socket() as probe:
         return probe.connect_ex(("127.0.0.1", port)) == 0
@@ -256,9 +271,9 @@ def make_authority(name):
 
 
 def make_certificate(name, authority, host, subject=None):
-    """For the DNS name, or for the subject only."""
-    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", subject or f"/CN={host}",
-        *([] if subject else ["-addext", f"subjectAltName=DNS:{host}"]), "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.csr", stderr=log)
+    """For the DNS name, the first of its names of that kind, or for the subject only."""
+    run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", subject or "/CN=other.example",
+        *([] if subject else ["-addext", f"subjectAltName=IP:192.0.2.1,DNS:{host},DNS:other.example"]), "-keyout", f"{folder}/{name}.key", "-out", f"{folder}/{name}.csr", stderr=log)
     run("openssl", "x509", "-req", "-in", f"{folder}/{name}.csr", "-CA", f"{folder}/{authority}.pem", "-CAkey",
         f"{folder}/{authority}.key", "-days", "2", "-copy_extensions", "copy", "-out", f"{folder}/{name}.pem", stderr=log)
 
@@ -280,6 +295,21 @@ def tls_options(name, authority):
 
 
 # ---- RELP ---------------------------------------------------------------------------------------------------------------
+
+def frames_of(connection):
+    """Yields number, command and content of each frame that comes, until the other side closes."""
+    rest = b""
+    while True:
+        head = re.match(rb"(\d+) (\w+) (\d+) ?", rest)
+        if head and len(rest) > head.end() + int(head[3]):
+            yield int(head[1]), head[2].decode(), rest[head.end():head.end() + int(head[3])]
+            rest = rest[head.end() + int(head[3]) + 1:]
+            continue
+        received = connection.recv(1 << 16)
+        if not received:
+            return
+        rest += received
+
 
 class Conversation:
     """What a node says to a gatherer, and what has been answered. `tls` is an ssl.SSLContext."""

@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
-"""What the questions of fleet/schema.sql have to answer, by a second reading: plain Python over all rows, which are
-{key: (cause, time)}. A cause may be one that has not come in."""
+"""What a fleet has to answer and to send, by a second reading: plain Python over all rows, which are {key: (cause, time)}, and
+over the files of a spool. A cause may be one that has not come in."""
+
+DIGITS = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 
 
 def causes(rows, key):
@@ -49,3 +51,22 @@ def first_causes(rows, since):
             count, _ = found.get(first, (0, None))
             found[first] = (count + (first != key), rows[first][1] if first in rows else None)
     return found
+
+
+def bucket(key):
+    """Of 4,096 by which rows are spread: the lowest digits of the microsecond, or of the hash."""
+    if key.startswith("#"):
+        return int(key[-3:], 16)
+    return DIGITS.index(key[13]) + 64 * DIGITS.index(key[14])
+
+
+def sent(files, name="", offset=0):
+    """(file, offset, line) that are sent of the files of a spool, {name: bytes}, when those of one are done up to an offset: in the order of
+    numbers, no first lines, nor those that were cut short, and of those that are too long as much as has room."""
+    for each in sorted(files, key=int):
+        at = 0
+        for line in files[each].split(b"\n")[:-1]:
+            line_at, at = at, at + len(line) + 1
+            line = line[:64512]
+            if (each != name or line_at >= offset) and not line.startswith(b"#") and not line.endswith(b"#"):
+                yield each, line_at, line

@@ -8,9 +8,9 @@ characters changed, left out and doubled, and with other values in the place of 
 Exits with 1, and shows the lines, where they differ.
 """
 import base64
-import copy
 import datetime
 import ipaddress
+import itertools
 import json
 import re
 import subprocess
@@ -179,15 +179,15 @@ OTHERS = [
 ]
 
 
-def without_or_doubled(line):
+def without_or_doubled(write):
     """The line with each member, also of its parts, left out, beside another one, and twice."""
     def parts(holder):
         for key, value in holder.items():
             yield holder, key
             yield from parts(value) if isinstance(value, dict) else ()
-    for index, _ in enumerate(parts(line)):
+    for index, _ in enumerate(parts(json.loads(write()))):
         for what in ("left out", "in front of another", "behind bytes"):
-            changed = copy.deepcopy(line)
+            changed = json.loads(write())
             holder, key = list(parts(changed))[index]
             value = holder[key]
             if what == "left out":
@@ -196,30 +196,44 @@ def without_or_doubled(line):
                 holder[f"{key}_base64"] = "/w=="
             else:
                 holder["another"] = value
-            yield json.dumps(changed, ensure_ascii=False, separators=(",", ":"))
-    for member in re.findall(r'"\w+":(?:"[^"]*"|-?[\d.]+|null|true)', json.dumps(line, separators=(",", ":"))):
-        yield json.dumps(line, separators=(",", ":")).replace(member, f"{member},{member}", 1)
+            yield as_written(changed)
+    member = r'"\w+":(?:"[^"]*"|-?[\d.]+|null|true)'
+    for index, _ in enumerate(re.findall(member, write())):
+        line = write()
+        found = list(re.finditer(member, line))[index]
+        yield line[:found.end()] + "," + line[found.start():]
 
 
-def changed_lines():
-    for line in (INCIDENT, UNNAMED, GAP, DAMAGE):
-        written = json.dumps(line, ensure_ascii=False, separators=(",", ":"))
-        for at, character in enumerate(written):
-            for other in ("", 2 * character, " ", "0", "9", "x", "A", "-", ".", '"', "\\", ",", "]", "\t", "\u0080"):
-                yield written[:at] + other + written[at + 1:]
-        for value in re.finditer(r'(?<=:)("[^"]*"|-?[\d.]+|null|true)', written):
-            for other in OTHERS:
-                yield written[:value.start()] + other + written[value.end():]
-        yield from without_or_doubled(line)
+def as_written(line):
+    return json.dumps(line, ensure_ascii=False, separators=(",", ":"))
 
 
-lines = [line.encode() for line in dict.fromkeys(changed_lines())]
-lines += [json.dumps(INCIDENT).encode().replace(b'"p"', b'"' + bytes([byte]) + b'"') for byte in range(1, 256) if byte != 10]
-ended = subprocess.run([sys.argv[1], "--input"], input=b"\n".join(lines) + b"\n", env={"ASAN_OPTIONS": "detect_leaks=0"},
-                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
-refused = {int(number) for number in re.findall(rb"line (\d+): it is no incident", ended.stderr)}
-wrong = [(line, number in refused) for number, line in enumerate(lines, 1) if line and judge(line) == (number in refused)]
-for line, is_refused in wrong[:20]:
-    print("refused" if is_refused else "taken", line.decode("utf-8", "replace"))
-print(f"{len(lines)} lines, {len(refused)} are refused, {len(wrong)} are judged differently")
-sys.exit(1 if wrong else 0)
+def changed_lines(write):
+    """The line that `write` gives with each change; it is given another number for each of them."""
+    numbers, written = itertools.count(), write(0)
+    for at, _ in enumerate(written):
+        for other in ("", 2 * written[at], " ", "0", "9", "x", "A", "-", ".", '"', "\\", ",", "]", "\t", "\u0080"):
+            line = write(next(numbers))
+            yield line[:at] + other + line[at + 1:]
+    for value in re.finditer(r'(?<=:)("[^"]*"|-?[\d.]+|null|true)', written):
+        for other in OTHERS:
+            line = write(next(numbers))
+            yield line[:value.start()] + other + line[value.end():]
+    yield from without_or_doubled(lambda: write(next(numbers)))
+
+
+def main():
+    lines = [line.encode() for each in (INCIDENT, UNNAMED, GAP, DAMAGE) for line in changed_lines(lambda _, each=each: as_written(each))]
+    lines += [json.dumps(INCIDENT).encode().replace(b'"p"', b'"' + bytes([byte]) + b'"') for byte in range(1, 256) if byte != 10]
+    ended = subprocess.run([sys.argv[1], "--input"], input=b"\n".join(lines) + b"\n", env={"ASAN_OPTIONS": "detect_leaks=0"},
+                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
+    refused = {int(number) for number in re.findall(rb"line (\d+): it is no incident", ended.stderr)}
+    wrong = [(line, number in refused) for number, line in enumerate(lines, 1) if line and judge(line) == (number in refused)]
+    for line, is_refused in wrong[:20]:
+        print("refused" if is_refused else "taken", line.decode("utf-8", "replace"))
+    print(f"{len(lines)} lines, {len(refused)} are refused, {len(wrong)} are judged differently")
+    return 1 if wrong else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -84,17 +84,6 @@ def set_up():
             "find", "/etc/zelk", "-type", "f", "-perm", "/o=rwx", "!", "-name", "*.env", "!", "-name", "*.pem", "!", "-name", "middle.name"), "")
 
 
-def setting_up_again():
-    def settings():
-        return middle.run("sh", "-c", "cat /etc/zelk/*.* | sha256sum")
-
-    before = settings()
-    middle.run("zelk-middle-setup")
-    expect("setting up again changes nothing", settings(), before)
-    said = middle.run("runuser", "-u", "postgres", "--", "zelk-middle-setup", stderr=subprocess.STDOUT)
-    expect("as postgres the database is brought up to date", said.splitlines()[-1].partition(".")[0], "The database is up to date")
-
-
 # ---- Incidents ----------------------------------------------------------------------------------------------------------
 
 def chain_and_night():
@@ -345,7 +334,6 @@ chain = chain_and_night()
 outside_the_group(chain[1])
 shut_out()
 pages(chain)
-setting_up_again()
 no_incident()
 if "--long" in sys.argv:
     endure()
