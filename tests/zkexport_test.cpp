@@ -413,20 +413,6 @@ TEST(zkexport, takes_a_command_line_as_gnu_does_but_no_part_of_a_name) {
   for (const std::string bad : {"--form", "--bogus=3", "-x", "--ever"})
     EXPECT_EQ(zkexport({file, bad, "--another"}), (outcome{"", unexpected + bad + "\nTry 'zkexport --help'\n", 2}));
   EXPECT_TRUE(zkexport({"--bogus", "--help"}).out.starts_with("Gives "));
-  EXPECT_EQ(zkexport({"--every=yes"}).err,
-            "zkexport: every was given a disallowed flag override\nTry 'zkexport --help'\n");
-  EXPECT_EQ(zkexport({"-i"}).err, "zkexport: --id: 1 required ID missing\nTry 'zkexport --help'\n");
-}
-
-TEST(zkexport, refuses_what_does_not_go_together) {
-  for (const char* misuse :
-       {"", "--format=xml s", "--every s", "--follow --format=dot s", "--every -n 1 -f", "--id=x --follow",
-        "--cursor-file=c --format=html s", "--cursor-file= s t", "--unknown s", "--chain s", "--max-stack=20000 s",
-        "-c f --id=x", "-c f --input", "-f --input", "-c f -n 1 s", "s --id=x", "--input --every"}) {
-    const outcome refused = zkexport(words(misuse));
-    EXPECT_EQ(refused.status, 2) << misuse;
-    EXPECT_NE(refused.err.find("\nTry 'zkexport --help'\n"), std::string::npos) << refused;
-  }
 }
 
 TEST(zkexport, never_writes_into_a_stack) {
