@@ -103,29 +103,6 @@ assert "id_time" not in incident
   EXPECT_EQ(checked, "");
 }
 
-/* 63 times 512 bytes and 512 are 32 KiB. Where the limit is within a character it is cut before that. */
-TEST(json, cuts_a_description_that_is_too_long_at_a_whole_character) {
-  const std::string whole = stack().add({.id = ""}).file();
-  std::string accents, shown;
-  for (int count = 0; count < 256; ++count) accents += "\u00e9";
-  for (const auto& [text, rest] :
-       {std::pair{std::string(512, 'x'), 512}, {std::string(512, 'x'), 513}, {accents, 512}, {accents, 513}}) {
-    std::string format = "%2$" + std::to_string(rest) + "d";
-    for (int count = 0; count < 63; ++count) format += "%1$s";
-    const std::string file =
-        stack()
-            .add({.description = format, .arg_count = 2, .args = string_arg(text) + int_arg(7), .details = ""})
-            .file();
-    shown += script("zkexport " + file +
-                    " >l; jq -c '[.cut, (.description | utf8bytelength), .description[-4:]]' l;"
-                    "zkexport " +
-                    whole + " >>l; zkexport --input <l | cmp - l");
-  }
-  EXPECT_EQ(shown,
-            "[null,32768,\"xxxx\"]\n[true,32768,\"x...\"]\n"
-            "[null,32768,\"\u00e9\u00e9\u00e9\u00e9\"]\n[true,32768,\"\u00e9...\"]\n");
-}
-
 /* The longest lines there are: a description of controls, or of bytes that are no text, and as many arguments as fit. */
 TEST(json, has_no_line_that_is_too_long_for_its_carriers) {
   std::string controls;
