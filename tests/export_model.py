@@ -142,11 +142,10 @@ def hold_times():
             hold_time(text, [second - 1, second, second + 1], [second, second + 1][later:])
     hold_time(utc(second)[:16].replace("T", " "), [second - second % 60 - 1, second - second % 60], [second - second % 60])
     hold_time(utc(second)[:10], [second - second % 86400 - 1, second - second % 86400], [second - second % 86400])
-    units = {"": 1, "s": 1, "sec": 1, "seconds": 1, "m": 60, "min": 60, "minutes": 60, "h": 3600, "hr": 3600, "hours": 3600, "d": 86400,
-             "day": 86400, "w": 604800, "weeks": 604800, "month": 2629800, "y": 31557600, "years": 31557600,
-             "ms": 0.001, "msec": 0.001, "us": 1e-6, "µs": 1e-6}
-    for unit, size in units.items():
-        number = chance.choice([2, 1.5, 0.25]) * max(1, 200 / size)
+    units = {1: " s sec second seconds", 60: "m min minute minutes", 3600: "h hr hour hours", 86400: "d day days", 604800: "w week weeks",
+             2629800: "month months", 31557600: "y year years", 0.001: "ms msec", 1e-6: "us usec µs"}
+    for size, unit in ((size, unit) for size, names in units.items() for unit in names.split(" ")):
+        number = chance.choice([40, 37.5, 30.25]) * max(1, 5 / size) if size < 1e7 else chance.choice([10, 7.5, 2.25])
         span, digits_of_it = int(number * size + 3600), f"{number:.2f}".replace(".00", "")
         for text, sign in [(f"-{digits_of_it}{unit} 1h", -1), (f"{digits_of_it} {unit} 1 hour ago", -1), (f"+{digits_of_it}{unit} 1h", 1)]:
             meant = int(time.time()) + sign * span
