@@ -51,8 +51,14 @@ def members(pairs):
              *INCIDENT["message"]}
     known |= {f"{key}_base64" for key in known}
     keys = [key for key, _ in pairs if key in known]
+    need(all(key in known or depth_of(value) <= 16 for key, value in pairs))
     need(len(keys) == len(set(keys)) and "\0" not in "".join(value for pair in pairs for value in pair if isinstance(value, str)))
     return dict(pairs)
+
+
+def depth_of(value):
+    parts = value.values() if isinstance(value, dict) else value
+    return 1 + max(map(depth_of, parts), default=0) if isinstance(value, (dict, list)) else 0
 
 
 def refuse_constant(_):
@@ -224,7 +230,11 @@ def changed_lines(write):
 
 def main():
     lines = [line.encode() for each in (INCIDENT, UNNAMED, GAP, DAMAGE) for line in changed_lines(lambda _, each=each: as_written(each))]
-    lines += [json.dumps(INCIDENT).encode().replace(b'"p"', b'"' + bytes([byte]) + b'"') for byte in range(1, 256) if byte != 10]
+    lines += [f'{as_written(INCIDENT)[:-1]},"another":{other}}}'.encode() for other in OTHERS] # which a pipeline may add
+    names = [bytes([byte]) for byte in range(1, 256) if byte != 10]
+    names += [bytes([lead, second, last, last][:2 + (lead >= 0xe0) + (lead >= 0xf0)]) for lead, second, last in itertools.product(
+        b"\xc1\xc2\xdf\xe0\xe1\xec\xed\xee\xef\xf0\xf1\xf3\xf4\xf5", b"\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0", b"\x7f\x80\xbf\xc0")]
+    lines += [json.dumps(INCIDENT).encode().replace(b'"p"', b'"' + name + b'"') for name in dict.fromkeys(names)]
     ended = subprocess.run([sys.argv[1], "--input"], input=b"\n".join(lines) + b"\n", env={"ASAN_OPTIONS": "detect_leaks=0"},
                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
     refused = {int(number) for number in re.findall(rb"line (\d+): it is no incident", ended.stderr)}
