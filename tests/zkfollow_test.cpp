@@ -53,6 +53,14 @@ TEST_F(follow, does_not_wait_for_who_holds_a_lock) {
             "one two mine ended 0\n");
 }
 
+TEST_F(follow, keeps_the_mark_of_a_stack_that_stays_locked) {
+  const std::string start = "follow --cursor-file=$home/cursor;";
+  EXPECT_EQ(
+      script(start + "$zkrecord held mine; lines 1; end;" + holding("fcntl.lockf(f, fcntl.LOCK_EX)") + start +
+             "$zkrecord open one; lines 1; end; kill $holder;" + start + "$zkrecord held two; lines 1; shown; end"),
+      "ended 0\nended 0\ntwo ended 0\n");
+}
+
 /* Who holds the lock of a stack that is replaced holds that of a file which nobody records in. */
 TEST_F(follow, goes_on_to_the_next_file_while_the_last_one_is_locked) {
   const std::string story = "$zkrecord held mine; follow; lines 1; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)");
