@@ -553,9 +553,9 @@
   const axisHtml = () => {
     let ticks = '', lines = '', date = '', freeFrom = 0, dateFreeFrom = 0, dates = '';
     const add = (time, x, step) => {
-      if (dateOf(time) !== date) {
+      const at = Math.max(x - 24, dateFreeFrom, 2); /* a date that would stand nearer to the next time is left out */
+      if (date === '' || (dateOf(time) !== date && at <= x - 24 + TICK / 2)) {
         date = dateOf(time);
-        const at = Math.max(x - 24, dateFreeFrom, 2);
         dateFreeFrom = at + DATE;
         dates += `<text class=day x="${at}" y=14>${date}</text>`;
       }

@@ -392,9 +392,11 @@ static std::string make_axis(const drawing_t& drawing) {
   std::string svg, date;
   double free_from = 0, date_free_from = 0;
   auto add = [&](int64_t time, double x, int64_t step) {
-    if (const std::string new_date = local_date(time); new_date != date) {
+    const std::string new_date = local_date(time);
+    const double at =
+        std::max(x - 24, date_free_from); /* a date that would stand nearer to the next time is left out */
+    if (date.empty() || (new_date != date && at <= x - 24 + TICK_WIDTH / 2)) {
       date = new_date;
-      const double at = std::max(x - 24, date_free_from);
       date_free_from = at + DATE_WIDTH;
       svg += formatted("<text class=\"day\" x=\"%.0f\" y=\"14\">%s</text>", std::max(at, 2.0), date.c_str());
     }

@@ -117,6 +117,8 @@ const incidentsLike = rows => rows.map(([number, second, pid, cause], at) => {
   return JSON.stringify({...first, id: `id-${number}`, cause: cause === undefined ? null : `id-${cause}`, time, offset: at,
     process: {...first.process, id: pid}, id_time: undefined, node: undefined}) + '\n';
 }).join('');
+/* So long that not every date has room. */
+const MONTHS = incidentsLike([[0, 179580, 1], [1, 12000000, 1]]);
 /* Causes with four effects each, and with five, which are a band. */
 const FANS = incidentsLike([0, 1].flatMap(fan => [[fan * 10, fan, 1],
   ...Array.from({length: 4 + fan}, (_, at) => [fan * 10 + at + 1, (at + 1) * 100, 2 + fan, fan * 10])]));
@@ -174,7 +176,7 @@ const widen = async (tab, wanted) => {
 };
 
 test('draws with the script what is drawn without', async () => {
-  for (const lines of [NIGHT_12, night(99), night(100), NIGHT_300, LONG_LINKS, FANS, pairs(80), pairs(81)]) {
+  for (const lines of [NIGHT_12, night(99), night(100), NIGHT_300, LONG_LINKS, MONTHS, FANS, pairs(80), pairs(81)]) {
     const plain = await open(lines, {script: false}), tab = await open(lines);
     await widen(tab, 1024);
     const drawn = await drawingOf(tab);
