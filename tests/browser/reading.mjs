@@ -190,7 +190,7 @@ const ACTIONS = {
   drag: async (tab, [selector, from, to, button = 'left']) => {
     await tab.mouse.move(...await pointOf(tab, selector, from));
     await tab.mouse.down({button});
-    await tab.mouse.move(...await pointOf(tab, selector, to));
+    await tab.mouse.move(...await pointOf(tab, selector, to), {steps: 4});
     await tab.mouse.up({button});
   },
   scroll: (tab, [y]) => tab.$eval('.pane', (pane, top) => { pane.scrollTop = top; }, Number(y)),
