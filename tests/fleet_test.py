@@ -54,6 +54,9 @@ def lines_that_are_none():
         "deep": '{"stack":"deep","offset":' + "[" * 30000,
         "a number that nobody reads": line.replace("8589934712", "1e+999"),
         "31st of June": line.replace('"time":"2026-11-25', '"time":"2026-06-31'),
+        "a time of another century": line.replace('"time":"2026', '"time":"1826'),
+        "an offset below zero": line.replace('"offset":24', '"offset":-24'),
+        "a node with a prefix": line.replace("192.0.2.2", "192.0.2.2/24"),
         "second 60": line.replace(':30Z"', ':60Z"'),
         "another time than its Error ID's": line.replace('.000997Z', '.000998Z'),
         "a long Error ID": line.replace(id_of(1), id_of(1) + "."),
@@ -236,7 +239,8 @@ def refused_by_the_database():
     fleet.make_database("refusing")
     bad = [line_of(number) for number in (17, 40)]
     query(f"""CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN
-        IF NEW.key IN ('{id_of(17)}', '{id_of(40)}') THEN RAISE data_exception USING MESSAGE = 'not that one'; END IF; RETURN NEW; END $$;
+        IF NEW.key IN ('{id_of(17)}', '{id_of(40)}') THEN
+            RAISE EXCEPTION 'not that one' USING ERRCODE = CASE NEW.key WHEN '{id_of(17)}' THEN '22000' ELSE '54000' END; END IF; RETURN NEW; END $$;
         CREATE TRIGGER refuse BEFORE INSERT ON zelk_incident FOR EACH ROW EXECUTE FUNCTION refuse()""", "refusing")
     gatherer = start_gatherer("--listen=127.0.0.1:2621", f"--database={fleet.conninfo('refusing')}", port=2621, name="refusing")
     put([line_of(number) for number in range(60)], 2621)
@@ -430,7 +434,7 @@ def hostile_frames(gatherer):
             (opening + b"2 syslog 1000000000 x", "no length"), (opening + b"2 syslog 65537 " + b"x" * 65537 + b"\n", "longer than 64 KiB"),
             (opening + b"2 syslog 3 abcdef\n", "a length that is not"), (opening + b"2 syslog 3-abc\n", "no blank behind the length"),
             (opening + b"2 rsp 6 200 OK\n", "a command that is unknown here"), (b"1 " + b"o" * 33, "a command that is too long"), (b"1 " + b"o" * 32 + b" 0\n", 'a command before "open"'), (b"1 op3n 0\n", "no command"),
-            (opening + b"2 SYSLOG 1 x\n", "a command that is unknown here"), (opening + b"2 close 0 x\n", "a length that is not"),
+            (opening + b"2 azAZ 1 x\n", "a command that is unknown here"), (opening + b"2 close 0 x\n", "a length that is not"),
             (b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", "no number")):
         before = os.path.getsize(gatherer.log)
         told = f"a frame that is none: {reason}"
@@ -610,8 +614,9 @@ def patience():
         ended = [pool.submit(ends_after, Conversation(is_open=is_open), *pieces) for is_open, pieces in (
             (False, []), (False, [(0, b"1 open")]), (True, [(0, half)]), (False, [(8, b"1 open 0\n"), (1, b"2 close 0\n")]),
             (True, [(25, half), (25, b"defghi\n3 close 0\n")]), (True, [(36, b"2 close 0\n")]))]
-        answered = [pool.submit(lambda log=log: wait_until(lambda: "answer" in open(log).read(), limit=60) and time.monotonic() - begin) for log in logs]
-        return [each.result() for each in ended], [each.result() for each in answered], logs[1:], begin
+        answered = [pool.submit(lambda log=log, why=why: wait_until(lambda: why in open(log).read(), limit=60) and time.monotonic() - begin) for log, why in zip(
+            logs, (": 127.0.0.1: it does not answer\n", f": 127.0.0.1:{port}: it does not answer\n", ": session 1: does not answer: "))]
+        return [each.result() for each in ended], [each.result() for each in answered], logs, begin
 
 
 def was_patient(found):
@@ -620,7 +625,8 @@ def was_patient(found):
         low - 2 <= seconds < 90 for seconds, low in zip(ended, (10, 10, 30, 9, 50, 36))], [True] * 6)
     expect("so long is waited for an answer", [10 <= seconds for seconds in answered], [True] * 3)
     wait_until(lambda: time.monotonic() > begin + 65)
-    expect("how it stands is told each minute", [abs(time.monotonic() - begin - 30 - 60 * open(log).read().count("status: ")) < 33 for log in logs], [True, True])
+    expect("how it stands is told each minute", [abs(time.monotonic() - begin - 30 - 60 * open(log).read().count("status: ")) < 33 for log in logs[1:]], [True, True])
+    expect("why nothing is sent is told once", wait_until(lambda: open(logs[0]).read().count("Connection refused") == 1), True)
 
 
 def crowd():
