@@ -552,7 +552,7 @@ def half_open(gatherer, silent):
     """Connections that say nothing, opened before all the rest."""
     expect("connections that say nothing are closed", wait_until(lambda: len(select.select(silent, [], [], 0)[0]) == len(silent)), True)
     said = open(gatherer.log).read().count("nothing came by which it says that it is a node")
-    expect("and not all of them are told of", 10 <= said < len(silent) / 4, True)
+    expect("and not all of them are told of", 10 <= said < 60, True)
 
 
 def vanish(gatherer):
@@ -613,7 +613,7 @@ def patience():
         half = b"2 syslog 9 abc"
         ended = [pool.submit(ends_after, Conversation(is_open=is_open), *pieces) for is_open, pieces in (
             (False, []), (False, [(0, b"1 open")]), (True, [(0, half)]), (False, [(8, b"1 open 0\n"), (1, b"2 close 0\n")]),
-            (True, [(25, half), (25, b"defghi\n3 close 0\n")]), (True, [(36, b"2 close 0\n")]))]
+            (True, [(0, half), (20, b"defghi\n3 syslog 9 abc"), (20, b"defghi\n4 close 0\n")]), (True, [(36, b"2 close 0\n")]))]
         answered = [pool.submit(lambda log=log, why=why: wait_until(lambda: why in open(log).read(), limit=60) and time.monotonic() - begin) for log, why in zip(
             logs, (": 127.0.0.1: it does not answer\n", f": 127.0.0.1:{port}: it does not answer\n", ": session 1: does not answer: "))]
         return [each.result() for each in ended], [each.result() for each in answered], logs, begin
@@ -622,7 +622,7 @@ def patience():
 def was_patient(found):
     ended, answered, logs, begin = found
     expect("who says nothing that is whole has ten seconds to begin with a frame, and thirty for each after that", [
-        low - 2 <= seconds < 90 for seconds, low in zip(ended, (10, 10, 30, 9, 50, 36))], [True] * 6)
+        low - 2 <= seconds < 90 for seconds, low in zip(ended, (10, 10, 30, 9, 40, 36))], [True] * 6)
     expect("so long is waited for an answer", [10 <= seconds for seconds in answered], [True] * 3)
     wait_until(lambda: time.monotonic() > begin + 65)
     expect("how it stands is told each minute", [abs(time.monotonic() - begin - 30 - 60 * open(log).read().count("status: ")) < 33 for log in logs[1:]], [True, True])
@@ -1082,6 +1082,22 @@ def spools_are_sent():
                                                                                                  for wrong in found], [])
 
 
+def lines_under_way():
+    """A thousand of them wait for their answers at most."""
+    with socket.create_server(("127.0.0.1", 0)) as middle:
+        forward = fleet.start("zelk-forward", "--spool=" + make_spool("window", _1="x\n" * 1100), "127.0.0.1:%d" % middle.getsockname()[1])
+        connection, _ = middle.accept()
+        connection.settimeout(20)
+        frames = fleet.frames_of(connection)
+        next(frames)
+        connection.sendall(b"1 rsp 6 200 OK\n")
+        numbers = [next(frames)[0] for _ in range(1000)]
+        is_more = select.select([connection], [], [], 0.5)[0] != []
+        connection.sendall(b"2 rsp 6 200 OK\n")
+        expect("a line more is sent for each that is answered", (numbers[-1], is_more, next(frames)[0]), (1001, False, 1002))
+        kill(forward)
+
+
 def answer_badly(kind, number, reply, reason):
     """Answers the first line of what sends, or of a relay, by that; then, unless it was taken by that, as it should be. Returns what is wrong."""
     line = line_of(310000)
@@ -1243,6 +1259,7 @@ def main():
     failover()
     spool_is_sent()
     spools_are_sent()
+    lines_under_way()
     fleet.transcript("fleet_spool")
     hostile_middles()
     gatherer = three_nodes(gatherer)
