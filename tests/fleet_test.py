@@ -97,6 +97,13 @@ def any_argument(chance):
     return f'"type":"{kind}","value":{value}'
 
 
+def any_bytes(chance):
+    """A text of bytes at the borders of what UTF-8 may have, and these beside it."""
+    data = bytes(chance.choice(b"A\x80\x8f\x90\x9f\xa0\xbf\xc1\xc2\xdf\xe0\xe1\xec\xed\xee\xef\xf0\xf1\xf3\xf4\xf5\xff") for _ in range(chance.randrange(1, 9)))
+    text = re.sub("[\x80-\x9f]", lambda found: f"\\u{ord(found[0]):04x}", data.decode("utf-8", "replace"))
+    return f'"{text}","version_base64":"{base64.b64encode(data).decode()}"'
+
+
 def with_other_id(line, known, chance):
     """An Error ID with another time, and bytes that are none of a text in what nothing is decoded of."""
     seconds = chance.choice(["......", "zzzzz.", "zzzzzz", known[7:13]])
@@ -120,7 +127,7 @@ def judged(count, chance):
         line = chance.choice([
             line_of(1000 + number),
             line_of(1000 + number).replace("slot 7", "\\u001B[31m\\u000E\\u001F\\u007f\\u009f\\b\\f \u00e9"),
-            line_of(1000 + number).replace('"1.7"', '"a\ufffd","version_base64":"Yf8="'),
+            line_of(1000 + number).replace('"1.7"', any_bytes(chance)),
             line_of(1000 + number).replace('"disk07"}', '"a\ufffd","value_base64":"Yf8="}'),
             line_of(1000 + number).replace('","details"', '","cut":true,"details"').replace('"cut"', chance.choice(['"cut"', 'cut'])),
             line_of(1000 + number).replace('"value":0.5', '"value":' + any_double(chance)),
@@ -165,7 +172,8 @@ def one_row_a_key():
     line = line_of(7000)
     put([line, line, line.replace("7:09:30Z", "7:09:32Z")], host="once")
     put([line.replace("7:09:30Z", "7:09:31Z")], host="once", place="later")
-    put([line.replace('"stack":"disks","offset":24', '"stack":"copy of disks","offset":600').replace("0.5.", "1/2.")], host="once", place="copy")
+    copy = line.replace('"stack":"disks","offset":24', '"stack":"copy\ufffd","stack_base64":"Y29wef8=","offset":600')
+    put([re.sub('"description":"[^"]*"', '"description":"Disk\ufffd","description_base64":"RGlza/8=","cut":true', copy)], host="once", place="copy")
     expect("an incident that comes again is one row, wherever it lies", (rows("host = 'once'"), reason_of("once")),
            (1, "; ".join(["another incident has this Error ID"] * 2)))
 
@@ -613,7 +621,7 @@ def patience():
         half = b"2 syslog 9 abc"
         ended = [pool.submit(ends_after, Conversation(is_open=is_open), *pieces) for is_open, pieces in (
             (False, []), (False, [(0, b"1 open")]), (True, [(0, half)]), (False, [(8, b"1 open 0\n"), (1, b"2 close 0\n")]),
-            (True, [(0, half), (20, b"defghi\n3 syslog 9 abc"), (20, b"defghi\n4 close 0\n")]), (True, [(36, b"2 close 0\n")]))]
+            (True, [(0, half), (20, b"defghi\n3 syslog 9 abc"), (20, b"defghi\n4 close 0\n")]), (True, [(31, half), (5, b"defghi\n3 close 0\n")]))]
         answered = [pool.submit(lambda log=log, why=why: wait_until(lambda: why in open(log).read(), limit=60) and time.monotonic() - begin) for log, why in zip(
             logs, (": 127.0.0.1: it does not answer\n", f": 127.0.0.1:{port}: it does not answer\n", ": session 1: does not answer: "))]
         return [each.result() for each in ended], [each.result() for each in answered], logs, begin
