@@ -40,8 +40,8 @@ static std::string script(const std::string& line) {
 /* Any record is a line, and that line is read as the same incident again. */
 TEST(json, is_taken_again_whatever_is_recorded) {
   std::mt19937_64 random(4711);
-  const std::string pieces[] = {"disk", "\xFF", "\xE2\x82", "\u00e9",     "\x01",
-                                "\"\\", "%1$s", "%",        "\U0010FFFD", "\b\f\r\t\n"};
+  const std::string pieces[] = {"disk", "\xFF", "\x80", "\xE2\x82",   "\u00e9",    "\x01",
+                                "\"\\", "%1$s", "%",    "\U0010FFFD", "\b\f\r\t\n"};
   auto text_of = [&] {
     std::string made;
     for (uint64_t count = random() % 6; count > 0; --count) made += pieces[random() % std::size(pieces)];

@@ -40,7 +40,7 @@ TEST(zkrecord, takes_a_format_as_printf_does) {
       {{"%p %p", "0x2007f3a0", "0"}, "0x2007f3a0 (nil)"},
       {{"%2$s before %1$-4d|", "5", "text"}, "text before 5   |"},
       {{"a\\tb\\\\ \\101\\x42 \\u00e9 \\q"}, "a\tb\\ AB \u00e9 \\q"},
-      {{"\\a\\b\\e\\f\\v\\\"\\541 \\U0001F600"}, "\a\b\033\f\v\"a \U0001F600"},
+      {{"\\a\\b\\e\\f\\v\\\"\\541 \\U0001F600a"}, "\a\b\033\f\v\"a \U0001F600a"},
       {{"\\18\\0419 \\x4g \\u00e9a"},
        "\1"
        "8!9 \4g \u00e9a"},
@@ -59,7 +59,7 @@ TEST(zkrecord, takes_numbers_as_printf_does) {
   const std::string stack = new_stack();
   std::vector<std::string> numbers = words(
       "0 -1 +7 010 0x1F 9223372036854775807 9223372036854775808 -9223372036854775808 18446744073709551615 "
-      "18446744073709551616 1x - 0.5 1e3 inf -nan");
+      "18446744073709551616 1x - 0.5 1e3 1e9999 inf -nan");
   numbers.insert(numbers.end(), {" 8", "8 "});
   for (const std::string& format : words("%d %i %o %u %x %X %+5d %#o %08.2e %g %E"))
     for (const std::string& number : numbers) {
@@ -142,13 +142,13 @@ TEST(zkrecord, records_the_caller_unless_told_otherwise) {
 static const std::string CUT = "zkrecord: --details: it is cut, since a record has no room for all of it\n";
 
 TEST(zkrecord, keeps_the_line_of_a_cause_beside_a_text_that_is_cut) {
-  const std::string stack = new_stack();
-  EXPECT_EQ(zkrecord({"-qtC", "-c", "none", stack, std::string(2000, '%')}),
+  const std::string stack = new_stack(), cause(203, 'c'); /* no longer than what is left of one that is cut */
+  EXPECT_EQ(zkrecord({"-qtC", "-c", cause, stack, std::string(2000, '%')}),
             (outcome{"",
-                     "zkrecord: --cause: 'none' is not an Error ID\n"
-                     "zkrecord: FORMAT: it is cut, since a record has no room for all of it\n",
+                     "zkrecord: --cause: '" + cause + "' is not an Error ID\n" +
+                         "zkrecord: FORMAT: it is cut, since a record has no room for all of it\n",
                      0}));
-  EXPECT_TRUE(description(stack).ends_with("%%%..." + DETAILS + "cause  none")) << description(stack);
+  EXPECT_TRUE(description(stack).ends_with("%%%..." + DETAILS + "cause  " + cause)) << description(stack);
 }
 
 TEST(zkrecord, loses_no_incident_for_its_trimmings) {
