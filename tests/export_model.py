@@ -124,14 +124,28 @@ def hold_selection(lines):
     hold(options, "".join(f"{id}\n" for id in wanted), ids_in(zkexport(lines, *options)))
 
 
-def hold_time(text, moments, wanted):
-    """That of incidents at these seconds those are given that are from the time on, and the others before it."""
+def find_by_time(option, moments):
+    """Those of these seconds at which the incidents are that are given."""
     lines = [{**make_incident(0, []), "id": None, "time": utc(second), "offset": at} for at, second in enumerate(moments)]
     for line in lines:
         line.pop("id_time", None)
+    times = [json.loads(line)["time"] for line in zkexport(lines, option).splitlines()]
+    return [second for second in moments if utc(second) in times]
+
+
+def hold_time(text, moments, wanted):
+    """That of incidents at these seconds those are given that are from the time on, and the others before it."""
     for option, seconds in (("--since", wanted), ("--until", [second for second in moments if second not in wanted])):
-        found = [json.loads(line)["time"] for line in zkexport(lines, f"{option}={text}").splitlines()]
-        hold([f"{option}={text}"], [utc(second) for second in seconds], found)
+        hold([f"{option}={text}"], seconds, find_by_time(f"{option}={text}", moments))
+
+
+def hold_parts_of_seconds():
+    for text, later in [("+0.4s", 1), ("+1s", 1), ("+1.000001s", 2), ("-0.4s", 0), ("-1s", -1), ("1.9s ago", -1), ("now", 0)]:
+        now = None
+        while now != int(time.time()):  # it has to be the same one all the time
+            now = int(time.time())
+            found = find_by_time(f"--since={text}", [now + later - 1, now + later])
+        hold([f"--since={text}"], [now + later], found)
 
 
 def hold_times():
@@ -468,6 +482,7 @@ def edges():
 
 seed = "none"
 hold_times()
+hold_parts_of_seconds()
 for incidents in edges():
     hold_page(incidents)
 for seed in SEEDS:
