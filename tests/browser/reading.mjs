@@ -172,7 +172,10 @@ const ACTIONS = {
     element.dispatchEvent(new MouseEvent('click', {bubbles: true, cancelable: true, [key]: true}));
     return said;
   }, held),
-  hit: async (tab, what) => (await find(tab, what)).click(),
+  hit: async (tab, what) => {
+    await (await find(tab, what)).click();
+    await tab.mouse.move(0, 0); // else it is over whatever comes there next
+  },
   focus: async (tab, what) => (await find(tab, what)).evaluate(element => element.focus()),
   hover: async (tab, what) => (await find(tab, what)).hover(),
   leave: tab => tab.mouse.move(0, 0),
