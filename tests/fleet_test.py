@@ -205,7 +205,7 @@ def gaps():
 def months():
     """A month's rows find their partition, and nobody waits for it."""
     first = 1_767_225_600  # 2026-01-01 00:00:00 UTC
-    put([line_of(1, first), line_of(2, first - 1), line_of(3, first + 86400 * 31 - 1)], host="months")
+    put([line_of(0, first), line_of(2, first - 1), line_of(3, first + 86400 * 31 - 1)], host="months")
     query("SELECT zelk_make_partition('2026-01-15')")
     expect("rows move into the partition of their month, its first second too", query(
         "SELECT string_agg(tableoid::regclass::text, ' ' ORDER BY time) FROM zelk_incident WHERE host = 'months'"),
@@ -406,13 +406,13 @@ def pages():
         local = time.strftime("%Y-%m-%d %H:%M:%S", time.gmtime(day + number - 18000))
         names |= {f"ID{number}": key, f"FILE{number}": key.replace("/", "_"), f"AT{number}": at, f"ISO{number}": at.replace(" ", "T"), f"LOCAL{number}": local}
     told = [("here", evil), ("there", line(2, keys[1], "a<\\")), ("there", line(3, keys[2], "")), ("there", line(4, "nobody/#")), ("here", line(5)),
-            ("node", line(6, stack="zelk-alive")), ("node", line_of(99, day - 2500)), ("old", nameless), ("<i>", '{"stack":"<u>","gap":true}'),
-            ("here", "<s>no line"), ("here", "none")]
+            ("node", line(6, stack="zelk-alive")), ("node", line_of(99, day - 2500)), ("old", nameless), *[("<i>", '{"stack":"<u>","gap":true}')] * 2,
+            ("here", "<s>no line"), ("here", "none"), ("old", '{"stack":"b","gap":true}'), ("old", "none")]
     variables = {"PGUSER": "zelk_reader", "PGDATABASE": "paged", "TZ": "EST5"}
     fleet.transcript("fleet_page_empty", {"": ([], variables)})
-    for host, each in told:
-        query(f"SELECT zelk_put('{host}', '{len(each)}', $Q${each}$Q$)", "paged")
-    query("UPDATE zelk_notice SET received = to_timestamp(0); UPDATE zelk_rejected SET received = to_timestamp(1e9 + length(line))", "paged")
+    for number, (host, each) in enumerate(told):
+        query(f"SELECT zelk_put('{host}', '{number}', $Q${each}$Q$)", "paged")
+    query("UPDATE zelk_notice SET received = to_timestamp(place::int); UPDATE zelk_rejected SET received = to_timestamp(1e9 + place::int)", "paged")
     fleet.transcript("fleet_page", {"": ([], variables)}, **names)
 
     # More than there is room for.
