@@ -106,7 +106,7 @@ def any_bytes(chance):
 
 def with_other_id(line, known, chance):
     """An Error ID with another time, and bytes that are none of a text in what nothing is decoded of."""
-    seconds = chance.choice(["......", "zzzzz.", "zzzzzz", known[7:13]])
+    seconds = chance.choice(["......", "zzzzz.", "zzzzz/", ".....0", "zzzzzz", known[7:13]])
     microseconds = chance.choice(["....", "zzzz", "Fa11", "Da1/", "zo11", known[13:17]])
     made = known[0] + chance.choice([known[1:7], known[1:5] + "\ufffd\ufffd"]) + seconds + microseconds + known[17:]
     count = sum(ALPHABET.index(digit) << 6 * place for place, digit in enumerate(seconds))
@@ -115,6 +115,8 @@ def with_other_id(line, known, chance):
     raw = base64.b64encode(made.encode().replace("\ufffd".encode(), b"\xff")).decode()
     bytes_beside = f',"id_base64":"{raw}"' if "\ufffd" in made else ""
     line = line.replace(f'"{known}"', f'"{made}"{bytes_beside}')
+    if chance.randrange(2):
+        line = re.sub('"time":"[^"]*"', f'"time":"{told[:19]}Z"', line)
     return re.sub(',"id_time":"[^"]*"', chance.choice([f',"id_time":"{told}"', ""]), line)
 
 
