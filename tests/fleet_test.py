@@ -562,7 +562,7 @@ def half_open(gatherer, silent):
     """Connections that say nothing, opened before all the rest."""
     expect("connections that say nothing are closed", wait_until(lambda: len(select.select(silent, [], [], 0)[0]) == len(silent)), True)
     said = open(gatherer.log).read().count("nothing came by which it says that it is a node")
-    expect("and not all of them are told of", 10 <= said < 60, True)
+    expect("and not all of them are told of", 10 <= said < len(silent) / 2, True)  # ten a second
 
 
 def vanish(gatherer):
@@ -634,8 +634,10 @@ def was_patient(found):
     expect("who says nothing that is whole has ten seconds to begin with a frame, and thirty for each after that", [
         low - 2 <= seconds < 90 for seconds, low in zip(ended, (10, 10, 30, 9, 40, 36))], [True] * 6)
     expect("so long is waited for an answer", [10 <= seconds for seconds in answered], [True] * 3)
-    wait_until(lambda: time.monotonic() > begin + 65)
-    expect("how it stands is told each minute", [abs(time.monotonic() - begin - 30 - 60 * open(log).read().count("status: ")) < 33 for log in logs[1:]], [True, True])
+    def told():
+        return [open(log).read().count("status: ") for log in logs[1:]]
+
+    expect("how it stands is told each minute", wait_until(lambda: min(told()) > 0, limit=120) and max(told()) <= (time.monotonic() - begin) / 60, True)
     expect("why nothing is sent is told once", wait_until(lambda: open(logs[0]).read().count("Connection refused") == 1), True)
 
 
