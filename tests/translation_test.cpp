@@ -160,6 +160,12 @@ TEST(translation, reaches_the_companions_where_it_fits) {
   EXPECT_TRUE(complaint_of_zkdecode(unfit).ends_with("its character 1 is outside the alphabet\n"));
 }
 
+TEST(translation, starts_from_a_text_for_each_result_code) {
+  std::string texts;
+  for (int code = 0; code >= -38; --code) texts += std::to_string(code) + " " + zk_result_text(code) + "\n";
+  expect_golden(GOLDEN_FOLDER "/routines/results", texts);
+}
+
 TEST(translation, reaches_the_texts_of_result_codes) {
   in_child([] {
     setenv("NLSPATH", (BUILD / "catalogs/de.UTF-8/zelk.cat").c_str(), 1);

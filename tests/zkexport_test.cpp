@@ -316,7 +316,7 @@ TEST(lock, that_is_waited_for_is_told_once_with_its_holder) {
 
 TEST(cursor, that_is_damaged_is_refused_and_left_alone) {
   for (const char* damaged : {"", "text", "zkexport cursor 1\n1 2 3 /x\n", "zkexport cursor 1\n1 2 /x\nend\n",
-                              "zkexport cursor 1\n1 2 3 /x\n4 5 6 /x\nend\n"}) {
+                              "zkexport cursor 1\n1 2 3 /x\n4 5 6 /x\nend\n", "zkexport cursor 1\nend\nend\n"}) {
     const std::string cursor = new_file(damaged);
     const outcome refused = zkexport({"-c", cursor, stack().add("one").file()});
     EXPECT_EQ(refused,
