@@ -61,6 +61,13 @@ TEST_F(follow, keeps_the_mark_of_a_stack_that_stays_locked) {
       "ended 0\nended 0\ntwo ended 0\n");
 }
 
+TEST_F(follow, ends_when_its_cursor_cannot_be_kept) {
+  EXPECT_EQ(
+      script("mkdir ../kept; follow --cursor-file=$PWD/../kept/cursor; $zkrecord s one; lines 1; mv ../kept ../away;"
+             "$zkrecord s two; wait $follower; echo ended $?; cut -d: -f3- $home/err; rm -r ../away"),
+      "ended 1\n No such file or directory\n");
+}
+
 /* Who holds the lock of a stack that is replaced holds that of a file which nobody records in. */
 TEST_F(follow, goes_on_to_the_next_file_while_the_last_one_is_locked) {
   const std::string story = "$zkrecord held mine; follow; lines 1; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)");
