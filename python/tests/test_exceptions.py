@@ -230,15 +230,24 @@ class Logging(StackTest):
             self.assertEqual([incident["description"] for incident in self.incidents()[before:]], wanted)
 
     def test_each_line_of_one_place_has_its_own_arguments_and_thread(self):
+        numbers = []
+
         def log(*args: object) -> None:
+            numbers.append(threading.get_native_id())
             self.log.error("%s of %d", *args)
+
+        def log_by_another_one(*args: object) -> None:
+            self.log.handlers = [zelk.Handler(self.stack)]
+            log(*args)
 
         for args in [("one", 1), ("two", 2), (None, 3)]:
             log(*args)
-        thread = threading.Thread(target=log, args=("three", 4), name="worker")
-        thread.start()
-        thread.join()
-        self.assertEqual([each["description"] for each in self.incidents()], ["one of 1", "two of 2", "None of 3", "three of 4"])
+        for work, args in [(log, ("three", 4)), (log_by_another_one, ("four", 5))]:
+            thread = threading.Thread(target=work, args=args, name="worker")
+            thread.start()
+            thread.join()
+        self.assertEqual([each["description"] for each in self.incidents()], ["one of 1", "two of 2", "None of 3", "three of 4", "four of 5"])
+        self.assertEqual([each["process"]["thread"] for each in self.incidents()], numbers)
         self.assertTrue(self.newest()["details"].endswith("\nthread  worker"))
 
     def test_the_details_say_where_a_line_comes_from(self):

@@ -171,6 +171,7 @@ class Stacks(StackTest):
         of_syslog = "83/.....2zIZ/.7S.02.e.1..................."
         ids = [zelk.Recorder(self.stack).record("here"), of_syslog]
         ids += [header + of_syslog[1:] for header in "./0123456789ABC"]  # versions and locations
+        ids += [of_syslog[0] + facility + of_syslog[2:] for facility in digits]
         for _ in range(150):
             changed = list(chance.choice(ids[:3]))
             for _ in range(chance.randrange(1, 4)):
