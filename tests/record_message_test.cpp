@@ -70,7 +70,7 @@ TEST_F(one_line, shows_what_printf_shows) {
   shows_as_printf("%lld %llx %jd %zu %td %i", LLONG_MIN, ULLONG_MAX, INTMAX_MIN, SIZE_MAX, PTRDIFF_MIN, INT_MIN);
   shows_as_printf("%c%c %p %Lf %e %+05d|%-6s|%#o", 'o', 'k', static_cast<void*>(&path), 2.5L, 1e300, 7, "ab", 8);
   shows_as_printf("%1$s %1$.3s, %2$.3s %2$s", "volume", "backup");
-  shows_as_printf("%1$.1f %1$e %1$G %2$x %2$u %2$o", 2.5, 70);
+  shows_as_printf("%1$.1f %1$e %1$G %2$x %2$u %2$o %3$lf", 2.5, 70, 3.5);
   shows_as_printf("100%% of it %% %d", 5);
   shows_as_printf("%s", static_cast<const char*>(nullptr));
 }
