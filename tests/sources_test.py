@@ -193,6 +193,7 @@ def what_an_incident_says():
     expect("who gave up before there was a main process", incident_of("prepares.service")["process"]["id"], 1)
     expect("a message of two lines", lines_of("forges.service")[-1], "one unit  forged.service")
     expect("what a process wrote that was gone before journald looked at it", sorted(lines_of("gone.service")[-2:]), ["one", "one unit  forged.service"])
+    expect("the group reads and writes the stack", machine.run("stat", "-c", "%a %G", "/var/adm/zelk/stacks/units.stack"), "660 zelk\n")
     expect("the name of the process", incident_of(r"a-\x20b\x25\x5cn.service")["process"]["name"], r"x25\x5cn.service")
 
 
