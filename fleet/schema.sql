@@ -711,9 +711,10 @@ RETURNS TABLE (depth int, key text, at timestamptz, host text, cause text, incid
     FROM zelk_trail(zelk_causes.id) step, zelk_row(step.key) i ORDER BY step.depth $$;
 
 -- The keys of what the incident `id` led to, level by level, each in the order of times, with the numbers of their causes in the level before.
--- It is a question a level, whichever databases it goes to. Each incident has one cause, so only the first can be met again.
+-- It is a question a level, whichever databases it goes to. Each incident has one cause, so only the first can be met again. (Before
+-- the planner knows how many rows there are it would put the question once for each key, with all keys.)
 CREATE OR REPLACE FUNCTION zelk_levels(id text) RETURNS TABLE (depth int, keys text[], causes bigint[])
-LANGUAGE sql STABLE SET jit = off AS $$
+LANGUAGE sql STABLE SET jit = off SET enable_nestloop = off AS $$
   WITH RECURSIVE level (depth, keys, causes) AS (
     SELECT 0, ARRAY[id], ARRAY[1::bigint]
     UNION ALL

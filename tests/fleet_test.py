@@ -377,6 +377,13 @@ def questions():
     fleet.transcript("fleet_plain", ID=json.loads(lines[0])["id"], TIME=query(f"SELECT zelk_time('{json.loads(lines[0])['id']}')"))
 
 
+def many_effects():
+    """It takes no longer than they are many, also before the database has any statistics."""
+    fleet.make_database("young")
+    put_into("young", [line_of(number, cause=id_of(0) if number else None) for number in range(5001)], ["many"] * 5001)
+    expect("many effects are found at once", query(f"SET statement_timeout = '25s'; SELECT count(*) FROM zelk_chain('{id_of(0)}')", "young"), "5001")
+
+
 def checks():
     """What zelk-check says to monitoring when nodes were added, and lines came, so long ago; an incident has a host, its age, and how long it took."""
     fleet.make_database("checked")
@@ -1222,7 +1229,7 @@ def three_nodes(gatherer):
         return len(set(query("SELECT stack, gaps FROM zelk_gaps WHERE host = 'node3' AND stack LIKE 'busy%'").splitlines())
                    - set(before)) == 4
 
-    expect("stacks that were not read for a while have gaps, each one more", wait_until(has_gaps, limit=25), True)
+    expect("stacks that were not read for a while have gaps, each one more", wait_until(has_gaps, limit=60), True)
     expect("no incident is there twice", query("SELECT count(*) - count(DISTINCT key) FROM zelk_incident"), "0")
     expect("a torn line is passed over", reason_of("node1"), "")
     expect("a line that is too long for a frame is rejected, and nothing waits behind it", ["not a line of zkexport" in reason_of(host) for host in ("node2", "node3")], [True, True])
@@ -1252,6 +1259,7 @@ def main():
     nameless()
     gaps()
     questions()
+    many_effects()
     checks()
     pages()
     setting_up()
