@@ -154,7 +154,8 @@ def one_judge():
     def array(lines):
         return "ARRAY[" + ",".join(f"$Q${line}$Q$" for line in lines) + "]"
 
-    taken = query(f"SELECT line FROM zelk_judged('{{}}', '{{}}', {array(lines + written)}) WHERE kind IS NOT NULL").splitlines()
+    taken = query(f"SELECT encode(convert_to(line, 'UTF8'), 'hex') FROM zelk_judged('{{}}', '{{}}', {array(lines + written)}) WHERE kind IS NOT NULL")
+    taken = [bytes.fromhex(line).decode() for line in taken.splitlines()]  # psql does not print all characters
     expect(f"of {len(lines)} lines those are taken that zkexport writes, {len(set(written))} (seed {seed})", set(taken) ^ set(written), set())
     lines = lines[::10] + lines[-3000:]
     expect("what is told at a glance is what a reading tells", query(f"""
