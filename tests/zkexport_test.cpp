@@ -51,8 +51,10 @@ TEST(json, is_taken_again_whatever_is_recorded) {
   for (int round = 0; round < 20; ++round) {
     stack made(16384);
     for (int count = 0; count < 12; ++count) {
-      const std::string id =
-          random() % 4 == 0 ? text_of().substr(0, 42) : std::string(ID).replace(13, 2, std::to_string(10 + count));
+      const std::string number = std::to_string(10 + count); /* of two that have one Error ID the second is not given */
+      std::string id = std::string(ID).replace(13, 2, number);
+      if (random() % 4 == 0) id = text_of().substr(0, 40) + number;
+      if (random() % 16 == 0) id = "";
       std::string arguments = string_arg(text_of()) + wide_arg(CU_ERROR_ARG_DOUBLE, numbers[random() % 8]) +
                               wide_arg(CU_ERROR_ARG_DOUBLE, std::bit_cast<double>(random())) +
                               wide_arg(CU_ERROR_ARG_LONG_LONG, static_cast<int64_t>(random())) +
