@@ -393,8 +393,8 @@ static std::string make_axis(const drawing_t& drawing) {
   double free_from = 0, date_free_from = 0;
   auto add = [&](int64_t time, double x, int64_t step) {
     const std::string new_date = local_date(time);
-    const double at =
-        std::max(x - 24, date_free_from); /* a date that would stand nearer to the next time is left out */
+    const double at = std::max(x - 24, date_free_from);
+    /* A date that would stand nearer to the next time is left out. */
     if (date.empty() || (new_date != date && at <= x - 24 + TICK_WIDTH / 2)) {
       date = new_date;
       date_free_from = at + DATE_WIDTH;

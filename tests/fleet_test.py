@@ -642,6 +642,7 @@ def was_patient(found):
     expect("who says nothing that is whole has ten seconds to begin with a frame, and thirty for each after that", [
         low - 2 <= seconds < 90 for seconds, low in zip(ended, (10, 10, 30, 9, 40, 36))], [True] * 6)
     expect("so long is waited for an answer", [10 <= seconds for seconds in answered], [True] * 3)
+
     def told():
         return [open(log).read().count("status: ") for log in logs[1:]]
 
