@@ -180,6 +180,9 @@ TEST_F(candidates, are_searched_when_there_are_several_also_behind_the_newest_re
   EXPECT_EQ(found({other, hit, nowhere}), hit);
   EXPECT_EQ(found({other, behind}), behind);
   EXPECT_EQ(found({other, other}), "-36");
+  std::string longest = hit; /* of 255 characters */
+  longest.insert(longest.rfind('/'), 255 - longest.size(), '/');
+  EXPECT_EQ(found({other, longest}), longest);
 }
 
 TEST_F(candidates, end_at_the_limit) {
