@@ -233,6 +233,7 @@ def main():
     lines += [f'{as_written(INCIDENT)[:-1]},"another":{other}}}'.encode() for other in OTHERS] # which a pipeline may add
     id = INCIDENT["id"]  # with what stands beside the digits in the place of each one
     lines += [as_written({**INCIDENT, "id": id[:at] + other + id[at + 1:]}).encode() for at, other in itertools.product(range(42), "-:@[`{")]
+    lines += [as_written({**UNNAMED, key: "\u00e9" * size}).encode() for key in ("id", "cause") for size in (42, 43)]  # characters, not bytes
     names = [bytes([byte]) for byte in range(1, 256) if byte != 10]
     names += [bytes([lead, second, last, last][:2 + (lead >= 0xe0) + (lead >= 0xf0)]) for lead, second, last in itertools.product(
         b"\xc1\xc2\xdf\xe0\xe1\xec\xed\xee\xef\xf0\xf1\xf3\xf4\xf5", b"\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0", b"\x7f\x80\xbf\xc0")]

@@ -514,8 +514,11 @@ TEST(lock, is_waited_for_where_another_recorder_may_be_at_the_header) {
 TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards) {
   const std::string path = empty_stack();
   int id = 0, cancel_state = PTHREAD_CANCEL_DISABLE;
+  zk_incident_t unnamed = incident_of("m");
+  unnamed.process_name = nullptr;
   std::thread([&] {
-    record(path, 1000);
+    zk_eid_t eid;
+    record(path, unnamed, eid);
     id = gettid();
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancel_state);
   }).join();
@@ -524,6 +527,7 @@ TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards) {
   const std::string recorded = shown(path).records.at(0) + '\0';
   EXPECT_EQ(zk_parse_record(recorded.data(), &fields), 0);
   EXPECT_EQ(fields.incident.thread_id, id);
+  EXPECT_STREQ(fields.incident.process_name, "recorder_test");
   EXPECT_EQ(fields.incident.process_id, getpid());
   EXPECT_EQ(fields.incident.parent_id, getppid());
 }
