@@ -45,7 +45,7 @@ def make_incident(number, before):
     name, process, text, catalog, message_set, message = chance.choice(KINDS)
     value = f"sd{chance.randrange(3)}"
     incident = {
-        "stack": chance.choice(["<a>", "<a>", "<a>", "/v/b"]), "offset": 24 + number, "id": id if is_known else f"id-{number}", "cause": cause,
+        "stack": chance.choice(["<a>", "<a>", "<a>", "/v/b"]), "offset": 24 + number, "id": id if is_known else f"<{number}>&", "cause": cause,
         "time": utc(seconds - chance.choice([0, 0, 0, 7])), "id_time": f"{utc(seconds)[:-1]}.{number * 479:06}Z", "node": node,
         "process": {"name": name, "id": process, "parent": 1 + number % 2, "thread": 7 + number % 3},
         "source": {"file": chance.choice(["a.c", "&<'.c"]), "version": "1", "product": chance.choice(["one", "other", ""]), "line": 12},
@@ -268,7 +268,7 @@ def boxes_and_arrows(lines):
 
 def drawn_boxes_and_arrows(dot):
     ids, facts, box = {}, [], []
-    for line in dot.splitlines():
+    for line in html.unescape(dot).splitlines():
         if label := re.fullmatch(r' +label="(.*)";', line):
             box = label[1].split(r"\n")
         elif incident := re.fullmatch(r' +(i\d+) \[label=".*", tooltip="(.*)"\];', line):
@@ -367,7 +367,8 @@ def facts_of_page(lines, asked):
         until, utc_until = [f"{pair[1]} " if pair[0] != pair[1] else "" for pair in (days, utc_days)]
         title = f"{subject}, {days[0][4:]}{' to ' + days[1][4:] if until else ''}: {count}"
         span = f"{days[0]} {clocks[0]} to {until}{clocks[1]} IST (UTC {utc_days[0]} {ends[0][11:19]} to {utc_until}{ends[1][11:19]})"
-        facts = [title, f"{count} of {subject}", span, f"On {', '.join(node or 'an unknown node' for node in nodes)}, in {', '.join(stacks)}."]
+        facts = [title, f"{count} of {subject}", span, f"On {', '.join(node or 'an unknown node' for node in nodes)}, in {', '.join(stacks)}.",
+                 *([f"Asked for: {asked}"] if asked else [])]
         above = None
         for node, stack, name, number in bars:
             facts += [node or "unknown node"] if len(nodes) > 1 and node != above else []
@@ -436,7 +437,8 @@ def facts_of_page(lines, asked):
 
 
 def head_in(page):
-    wanted = ["<title>.*", "<h1>.*", "<p class=span>.*", "<p class=of>On .* in .*?[.] ", "<label>.*<select.*", "<li class=node.*", "<li title=.*"]
+    wanted = ["<title>.*", "<h1>.*", "<p class=span>.*", "<p class=of>On .* in .*?[.] ", "<p class=of>Asked for: .*",
+              "<label>.*<select.*", "<li class=node.*", "<li title=.*"]
     found = re.findall(f"^(?:{'|'.join(wanted)})", page, re.MULTILINE)
     found = [re.sub("<option[^>]*>", "|", part).split("|", 1)[-1] if "<select" in part else part for part in found]
     found = [re.sub('<li title="(.*?)">', r"\1: ", part) for part in found]
@@ -466,12 +468,12 @@ def edges():
     def like(number, **changes):
         made = make_incident(number, [])
         made.pop("id_time", None)
-        return {**made, "id": f"id-{number}", "node": NODES[0], "cause": None, "time": utc(START), **changes}
+        return {**made, "id": f"<{number}>&", "node": NODES[0], "cause": None, "time": utc(START), **changes}
 
     yield [like(0), like(1, time=utc(START + 59))]  # milliseconds matter within a minute
     yield [like(0), like(1, time=utc(START + 60))]
     yield [like(number, description=(199 + number) * "x") for number in range(3)]
-    yield [like(number, cause=f"id-{number - 1}" if number > 0 else None) for number in range(14)]  # the last is not indented further
+    yield [like(number, cause=f"<{number - 1}>&" if number > 0 else None) for number in range(14)]  # the last is not indented further
     for count in (100, 101, 102):  # lanes
         yield [like(number, process={"name": "p", "id": number % count, "parent": 1, "thread": 1}) for number in range(count + 3)]
     for count in (200, 201):  # to choose from
