@@ -173,7 +173,7 @@ static const std::string FOLLOW =
     "shown() { jq -r '.description // (.gap // .error | tostring)' out | tr '\\n' ' '; }; touch out; ";
 
 TEST(follow, gives_what_is_recorded_in_a_stack_that_appears_later_and_is_replaced) {
-  EXPECT_EQ(script(FOLLOW + "s=$folder/sub/s; ln -s $s link; follow $folder/link; sleep 0.3; mkdir sub;"
+  EXPECT_EQ(script(FOLLOW + "s=$folder/sub/deep/s; ln -s $s link; follow $folder/link; sleep 0.3; mkdir -p sub/deep;"
                             "zkrecord -q -C $s one; zkrecord -q $s two; lines 2;"
                             "zkrecord -q -C $s.new three; zkrecord -q $s late; mv $s.new $s; lines 4;"
                             "zkrecord -q $s four; lines 5; shown; end TERM"),
@@ -314,22 +314,6 @@ TEST(lock, that_is_waited_for_is_told_once_with_its_holder) {
   const std::string of_open_file = "fcntl.fcntl(f, 38, struct.pack(\"hhqqi4x\", fcntl.F_WRLCK, 0, 0, 0, 0))";
   EXPECT_EQ(told_of_lock(of_open_file, "zkrecord -q $folder/s two"),
             "zkrecord: s: waiting for its lock, which process HOLDER holds\n");
-}
-
-TEST(cursor, that_is_damaged_is_refused_and_left_alone) {
-  for (const char* damaged : {"", "text", "zkexport cursor 1\n1 2 3 /x\n", "zkexport cursor 1\n1 2 /x\nend\n",
-                              "zkexport cursor 1\n1 2 3 /x\n4 5 6 /x\nend\n", "zkexport cursor 1\nend\nend\n"}) {
-    const std::string cursor = new_file(damaged);
-    const outcome refused = zkexport({"-c", cursor, stack().add("one").file()});
-    EXPECT_EQ(refused,
-              (outcome{"", "zkexport: " + cursor + ": it is damaged, or no cursor; remove it to begin anew\n", 1}));
-    EXPECT_EQ(contents(cursor), damaged);
-  }
-  EXPECT_EQ(zkexport({"-c", "/dev/null", stack().file()}).status, 1); /* it would be replaced */
-  EXPECT_EQ(script("truncate -s 65M large; zkexport -c large " + stack().file() +
-                   " 2>&1 | sed \"s,$folder,FOLDER,\";"
-                   "stat -c %s large"),
-            "zkexport: FOLDER/large: it is damaged, or no cursor; remove it to begin anew\n68157440\n");
 }
 
 TEST(pictures, show_whatever_is_recorded_as_text) {
