@@ -70,7 +70,7 @@ TEST_F(one_line, shows_what_printf_shows) {
   shows_as_printf("%lld %llx %jd %zu %td %i", LLONG_MIN, ULLONG_MAX, INTMAX_MIN, SIZE_MAX, PTRDIFF_MIN, INT_MIN);
   shows_as_printf("%c%c %p %Lf %e %+05d|%-6s|%#o", 'o', 'k', static_cast<void*>(&path), 2.5L, 1e300, 7, "ab", 8);
   shows_as_printf("%1$s %1$.3s, %2$.3s %2$s", "volume", "backup");
-  shows_as_printf("%1$.1f %1$e %1$G %2$x %2$u %2$o %3$lf", 2.5, 70, 3.5);
+  shows_as_printf("%1$.1f %1$e %1$G %2$x %2$u %2$o %2$d %3$lf", 2.5, 70, 3.5);
   shows_as_printf("100%% of it %% %d", 5);
   shows_as_printf("%s", static_cast<const char*>(nullptr));
 }
@@ -91,10 +91,11 @@ TEST_F(one_line, reads_no_text_beyond_its_precision) {
 
 TEST_F(one_line, keeps_the_message_apart_from_its_arguments) {
   if (access(program("zkexport").c_str(), X_OK) != 0) GTEST_SKIP() << "zkexport is not built";
-  ASSERT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, "%s is %ld", "a", 5L), 0);
+  ASSERT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, "%s is %ld of %d", "a", 5L, 7), 0);
   const std::string json = run({program("zkexport"), path}).out;
   EXPECT_NE(
-      json.find(R"("default":"%s is %ld","arguments":[{"type":"string","value":"a"},{"type":"long_long","value":5}])"),
+      json.find(
+          R"("default":"%s is %ld of %d","arguments":[{"type":"string","value":"a"},{"type":"long_long","value":5},{"type":"int","value":7}])"),
       std::string::npos)
       << json;
 }
@@ -114,7 +115,7 @@ TEST_F(one_line, refuses_what_cannot_be_recorded_before_it_records) {
 
 TEST_F(one_line, takes_cause_and_details) {
   zk_eid_t id, first;
-  ASSERT_EQ(zk_record_message(recorder, nullptr, nullptr, id, "the cause"), 0);
+  ASSERT_EQ(zk_record_message(recorder, "", nullptr, id, "the cause"), 0); /* which has none itself */
   std::memcpy(first, id, sizeof first);
   ASSERT_EQ(zk_record_message(recorder, id, "line one\nline two", id, "the effect"), 0);
   const std::string shown = report(path);
@@ -136,8 +137,10 @@ static int open_or_create(const std::string& path, int32_t size) {
 
 TEST(open_or_create, makes_a_stack_once) {
   const std::string path = new_name();
+  const size_t open_files = open_descriptors();
   EXPECT_EQ(open_or_create(path, 9000), 0);
   EXPECT_EQ(open_or_create(path, 0), 0);
+  EXPECT_EQ(open_descriptors(), open_files);
   EXPECT_EQ(open_or_create(path, 16385), -5); /* also where none is made */
   EXPECT_EQ(contents(path).size(), 9000U);
   const std::string usual = new_name();

@@ -379,11 +379,11 @@ TEST(recorder, sees_damage_that_comes_while_it_is_open) {
   ASSERT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), 0);
   const std::string good = contents(path);
-  for (const off_t offset : {24 + 4, 24 + 120}) { /* the version of the first record; a text of it */
+  for (const off_t offset : {0, 24 + 4, 24 + 120}) { /* the versions of the stack and of its first record; a text */
     const int fildes = open(path.c_str(), O_RDWR);
     ASSERT_EQ(write(fildes, good.substr(0, static_cast<size_t>(offset)).data(), static_cast<size_t>(offset)), offset);
     ASSERT_EQ(write(fildes, "\1\1\1\1", 4), 4);
-    EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), offset == 28 ? ZELK_FILE_CORRUPT : 0);
+    EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), offset <= 28 ? ZELK_FILE_CORRUPT : 0);
     close(fildes);
     std::ofstream(path) << good;
   }
@@ -504,23 +504,30 @@ TEST(lock, is_waited_for_where_another_recorder_may_be_at_the_header) {
   const int holder = open(path.c_str(), O_RDWR);
   ASSERT_EQ(fcntl(holder, F_OFD_SETLK, &whole), 0);
   ASSERT_EQ(pwrite(holder, "\0\0\0\0", 4, 8), 4); /* write_pos */
-  std::thread waiting([&] { EXPECT_EQ(record(path, 1000), 0); });
+  zk_recorder_t* recorder = nullptr;
+  std::thread waiting([&] { EXPECT_EQ(zk_open_recorder(0, nullptr, path.c_str(), &recorder), 0); });
   usleep(50000);
   ASSERT_EQ(pwrite(holder, good.data(), 24, 0), 24);
   close(holder);
   waiting.join();
+  EXPECT_EQ(record(path, 1000), 0); /* by another one, while the first is open */
+  zk_close_recorder(recorder);
 }
 
-TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards) {
+TEST(thread, has_its_number_recorded_and_can_be_cancelled_afterwards_only) {
   const std::string path = empty_stack();
-  int id = 0, cancel_state = PTHREAD_CANCEL_DISABLE;
-  zk_incident_t unnamed = incident_of("m");
+  zk_incident_t unnamed = incident_of("1000");
   unnamed.process_name = nullptr;
+  int id = 0, cancel_state = PTHREAD_CANCEL_DISABLE;
   std::thread([&] {
+    zk_recorder_t* recorder = nullptr;
     zk_eid_t eid;
-    record(path, unnamed, eid);
+    pthread_cancel(pthread_self()); /* as soon as it can be */
+    zk_open_recorder(0, nullptr, path.c_str(), &recorder);
+    zk_record_incident(0, nullptr, recorder, &unnamed, eid);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+    zk_close_recorder(recorder);
     id = gettid();
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancel_state);
   }).join();
   EXPECT_EQ(cancel_state, PTHREAD_CANCEL_ENABLE);
   zk_record_t fields;

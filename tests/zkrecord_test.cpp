@@ -71,34 +71,6 @@ TEST(zkrecord, takes_numbers_as_printf_does) {
     }
 }
 
-TEST(zkrecord, makes_and_records_nothing_on_misuse) {
-  const std::string stack = new_stack();
-  const std::pair<std::vector<std::string>, std::string> rows[] = {
-      {{"--bogus", stack, "x"}, "The following argument was not expected: --bogus"},
-      {{"-qxt", stack, "x"}, "The following argument was not expected: -x"},
-      {{stack, "100% sure"},
-       "FORMAT: argument 1, which '% s' asks for, is missing; %% is a per cent sign, and --text takes FORMAT as it "
-       "stands"},
-      {{stack, "50% by now", "x"},
-       "FORMAT: '% b' is not a conversion that can be recorded; %% is a per cent sign, and --text takes FORMAT as it "
-       "stands"},
-      {{stack, "%c", "\u00e9!"}, "FORMAT: argument 1, '\?\?!', is not a number, or out of range"},
-      {{stack, "%d", "1x"}, "FORMAT: argument 1, '1x', is not a number, or out of range"},
-      {{stack, "%1$d %1$s", "1"}, "FORMAT: '%1$s' asks for another kind of argument than a conversion before it"},
-      {{stack, "%n%b%q"}, "FORMAT: '%n' is not a conversion that can be recorded"},
-      {{stack, "\\400"}, "FORMAT: a text cannot hold the character 0"},
-      {{"-C8191", stack, "x"}, "--create: '8191' is not a number from 8192 to 16384"},
-      {{"--line=01", stack, "x"}, "--line: '01' is not a number from 0 to 2147483647"},
-      {{"-m", "stn.cat:2", stack, "x"}, "--message: 'stn.cat:2' is not CATALOG:SET:NUMBER"},
-      {{"-m", ":2:3", stack, "x"}, "--message: ':2:3' is not CATALOG:SET:NUMBER"},
-      {{"--message=", stack, "x"}, "--message: it is empty"}};
-  for (auto [arguments, problem] : rows) {
-    arguments.insert(arguments.begin(), "-C");
-    EXPECT_EQ(zkrecord(arguments), (outcome{"", "zkrecord: " + problem + "\nTry 'zkrecord --help'\n", 2}));
-    EXPECT_FALSE(std::filesystem::exists(stack)) << problem;
-  }
-}
-
 TEST(zkrecord, makes_a_stack_where_there_is_none) {
   const std::string stack = new_stack();
   EXPECT_EQ(zkrecord({stack, "x"}),
@@ -143,11 +115,9 @@ static const std::string CUT = "zkrecord: --details: it is cut, since a record h
 
 TEST(zkrecord, keeps_the_line_of_a_cause_beside_a_text_that_is_cut) {
   const std::string stack = new_stack(), cause(203, 'c'); /* no longer than what is left of one that is cut */
-  EXPECT_EQ(zkrecord({"-qtC", "-c", cause, stack, std::string(2000, '%')}),
-            (outcome{"",
-                     "zkrecord: --cause: '" + cause + "' is not an Error ID\n" +
-                         "zkrecord: FORMAT: it is cut, since a record has no room for all of it\n",
-                     0}));
+  EXPECT_EQ(zkrecord({"-tC", "-c", cause, stack, std::string(2000, '%')}).err,
+            "zkrecord: --cause: '" + cause + "' is not an Error ID\n" +
+                "zkrecord: FORMAT: it is cut, since a record has no room for all of it\n");
   EXPECT_TRUE(description(stack).ends_with("%%%..." + DETAILS + "cause  " + cause)) << description(stack);
 }
 
