@@ -75,7 +75,7 @@ TEST_F(zkdecode_of_a_stack, lists_all_candidates_in_the_order_of_the_directory) 
 
 TEST_F(zkdecode_of_a_stack, takes_any_bytes_for_a_name) {
   fs::rename(file, folder / "a\x1b[2J\xff\n\xc3\xa9");
-  EXPECT_NE(zkdecode({"--json", id}).out.find("[\"/var/adm/zelk/stacks/a\\u001b[2J\xef\xbf\xbd\\n\xc3\xa9\"]"),
+  EXPECT_NE(zkdecode({"--json", id}).out.find("[\"/var/adm/zelk/stacks/a\\u001B[2J\xef\xbf\xbd\\n\xc3\xa9\"]"),
             std::string::npos); /* jq would repair it, too */
   const std::string on_terminal = "script -qc '" + program("zkdecode") + " " + id + "' /dev/null";
   EXPECT_NE(shell(on_terminal, {{"LC_ALL", "C.UTF-8"}}).out.find("/a?[2J??\xc3\xa9\r\n"), std::string::npos);
