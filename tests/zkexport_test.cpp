@@ -233,12 +233,13 @@ TEST(follow, ends_with_its_terminal) {
             "129\n");
 }
 
-TEST(node, forgets_how_far_stacks_were_read_that_have_gone) {
+TEST(node, forgets_how_far_stacks_were_read_when_more_than_a_hundred_have_gone) {
   NEEDS_PRIVATE_VAR();
-  EXPECT_EQ(script("cd " ZELK_STACK_DIR
-                   "; zkrecord -qC kept one; for n in $(seq 101); do cp kept s$n; done; give() { zkexport --every -c "
-                   "$folder/c | wc -l; }; give; rm s*; zkrecord -q kept two; give; grep -c / $folder/c"),
-            "102\n1\n1\n");
+  EXPECT_EQ(script("cd " ZELK_STACK_DIR "; give() { zkexport -c $folder/c $* | wc -l; grep -c / $folder/c; }; "
+                   "zkrecord -qC kept one; for n in $(seq 101); do cp kept s$n; done; mkdir below; cp kept below; "
+                   "give $PWD/below/kept; give --every; rm s? s?? s100; give --every; rm s101 below/kept; "
+                   "zkrecord -q kept two; give --every; rmdir below"),
+            "1\n1\n102\n103\n0\n103\n1\n2\n");
 }
 
 TEST(follow, gives_a_stack_once_that_gets_another_name) {
