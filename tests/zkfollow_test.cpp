@@ -142,19 +142,23 @@ TEST_F(follow, has_more_stacks_than_open_files) {
 }
 
 /* A stack of a later format may be of any size, and each of its records may have a long description. */
-TEST_F(follow, keeps_little_of_a_stack_in_memory) {
+static std::string large_stack(int records) {
   stack large;
   large.version = 8;
   std::string wide;
   for (int count = 0; count < 30; ++count) wide += "%1$999s";
-  for (int count = 0; count < 3000; ++count) large.add({.description = wide, .arg_count = 1, .args = string_arg("x")});
-  const std::string file = large.file();
+  for (int count = 0; count < records; ++count) large.add({.description = wide, .arg_count = 1, .args = string_arg("x")});
+  return large.file();
+}
+
+TEST_F(follow, keeps_little_of_a_stack_in_memory) {
+  const std::string file = large_stack(3000);
   const std::string limit = *FAULT_SHIM != '\0' ? "24000" : "800000"; /* KiB; a sanitizer has much of its own */
-  EXPECT_EQ(script("cp " + file + " large; cp large held; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)") +
-                   "follow --max-stack=$(stat -c %s large); lines 3000; $zkrecord ../new one; mv ../new held; lines 6001;"
+  EXPECT_EQ(script("cp " + file + " large; cp " + large_stack(100) + " held; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)") +
+                   "follow --max-stack=$(stat -c %s large); lines 3000; $zkrecord ../new one; mv ../new held; lines 3101;"
                    "awk '/VmHWM/ { print $2 < " + limit + " }' /proc/$follower/status; wc -l <$home/out; kill $holder; end;"
-                   "for run in 1 2; do $zkexport --cursor-file=$home/cursor large | wc -l; done"),
-            "1\n6001\nended 0\n3000\n0\n");
+                   "for run in 1 2; do $zkexport --cursor-file=$home/cursor held large | wc -l; done"),
+            "1\n3101\nended 0\n3001\n0\n");
   EXPECT_EQ(script("cp " + file +
                    " large; follow --max-stack=$(($(stat -c %s large) - 1)); $zkrecord small one; lines 2; shown; cat "
                    "$home/err; end"),
