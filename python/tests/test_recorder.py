@@ -192,6 +192,11 @@ class Stacks(StackTest):
                 zelk.decode(bad)
             self.assertEqual(none.exception.code, -36, bad)
 
+    def test_what_is_no_text_raises_a_type_error(self):
+        for given in [{"message": b"m"}, {"message": None}, {"details": b"d"}, {"cause": b"c"}]:
+            with self.assertRaises(TypeError):
+                zelk.Recorder(self.stack).record(**{"message": "text"} | given)
+
     def test_a_text_keeps_its_bytes_and_none_of_them_ends_it(self):
         for text, recorded in [("öl", "öl".encode()), ("a\udcff", b"a\xff"), ("\ud800ö", b"\\ud800\xc3\xb6"), ("a\0b", b"a?b"), ("", b"")]:
             self.assertEqual(encode(text), recorded)

@@ -142,6 +142,8 @@ def encode(text: str) -> bytes:
     """A text as the library takes it: names of files get their bytes back, and no character ends it early."""
     try:
         encoded = text.encode() if text.isascii() else text.encode("utf-8", "surrogateescape")
+    except AttributeError:
+        raise TypeError(f"a text has to be a str, not {type(text).__name__}") from None
     except UnicodeEncodeError:  # half of a character
         encoded = text.encode("utf-8", "backslashreplace")
     return encoded.replace(b"\0", b"?") if b"\0" in encoded else encoded

@@ -186,7 +186,7 @@ class Recorder:
     def _record(
         self, message: Message, cause: Optional[str], details: Optional[bytes], file: str, line: int, product: Optional[str]
     ) -> str:
-        associated_eid = cause.encode("ascii", "replace") if cause else None
+        associated_eid = encode(cause) if cause else None
         file_name = _file(file)
         product_name = _file(product) if product else None
         with self._lock:
@@ -251,7 +251,7 @@ class Recorder:
                 prepared.incident.thread_id = prepared.incident.process_id if is_leader else 0
             if cause or prepared.has_cause:
                 prepared.has_cause = bool(cause)
-                prepared.incident.associated_eid = cause.encode("ascii", "replace") if cause else None
+                prepared.incident.associated_eid = encode(cause) if cause else None
             result = _record_incident(0, None, self._handle, prepared.pointer, self._eid_pointer)
             if result == 0:
                 return self._eid.value.decode()
