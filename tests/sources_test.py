@@ -19,6 +19,7 @@ FAILING = {
                         "ExecStart=/bin/false"),
     "dog.service": ("watchdog", "WatchdogSec=1", "LimitCORE=0", "ExecStart=/bin/sleep 60"),
     "prepares.service": ("exit status 7", 'ExecStartPre=/bin/sh -c "exit 7"', "ExecStart=/bin/true"),
+    "stops_badly.service": ("exit status 3", 'ExecStopPost=/bin/sh -c "exit 9"', 'ExecStart=/bin/sh -c "exit 3"'),
     "ignores.service": ("exit status 9", "Type=oneshot", "ExecStartPre=-/bin/false", "ExecStart=/bin/true", 'ExecStartPost=/bin/sh -c "exit 9"'),
     "changes.service": ("exit status 5", "Restart=on-abnormal", "RestartSec=1.1", "Unit:StartLimitBurst=1", "Unit:StartLimitIntervalSec=1",
                         'ExecStart=/bin/sh -c "test -e /run/again && exit 5; touch /run/again; kill -KILL $$$$"'),
@@ -27,34 +28,31 @@ FAILING = {
     **{f"needs_{need}.service": ("a unit it needs failed: exits_once.service", f"Unit:{need}=exits_once.service", "Unit:After=exits_once.service",
                                  "ExecStart=/bin/true") for need in ("Requires", "Requisite", "BindsTo")},
     "exits_once.service": ("exit status 4", "Type=oneshot", 'ExecStart=/bin/sh -c "exit 4"'),
+    "needs_many.service": ("a unit it needs failed: exits_once.service", "Unit:Requisite=exits_once.service " + " ".join(
+        f"down@{number}.service" for number in range(9)), "ExecStart=/bin/true"),
+    "needs_two.service": ("a unit it needs failed: down@1.service", "Unit:Requisite=down@1.service", "Unit:BindsTo=down@2.service", "ExecStart=/bin/true"),
     "part.service": ("exit status 1", "Unit:PartOf=exits_once.service", "ExecStart=/bin/false"),
     "chain.service": ("exit status 1", 'ExecStart=/bin/sh -c "zkrecord -qC chain.stack unrelated; zkrecord -C chain.stack \\"disk full\\"; exit 1"'),
     "before.service": ("exit status 1", 'ExecStartPre=/bin/sh -c "zkrecord -qC before.stack lost; exit 1"', "ExecStart=/bin/true"),
     "counts.service": ("exit status 6", 'ExecStart=/bin/sh -c "seq 1000; exit 6"'),
     "long.service": ("exit status 6", 'ExecStart=/bin/sh -c "printf x%%.0s $$(seq 300); echo; printf ö%%.0s $$(seq 200); exit 6"'),
     "shouts.service": ("exit status 6", r'ExecStart=/bin/sh -c "head -c 100000 /dev/zero | tr \\\\0 x; echo; head -c 3000 /dev/urandom; echo; exit 6"'),
-    "forges.service": ("exit status 7", "ExecStart=/usr/bin/python3 /root/two_lines"),
-    "gone.service": ("exit status 7", "ExecStartPre=+pkill -STOP -x systemd-journal", 'ExecStart=/bin/sh -c "echo one; exec python3 /root/two_lines"'),
+    "late.service": ("exit status 6", "ExecStart=/bin/sh -c 'exit 6'"),
 }
+DUMPS = 'LimitCORE=infinity\nWorkingDirectory=/tmp\nExecStart=/bin/sh -c "kill -SEGV $$$$"'
+IS_DUMPED = open("/proc/sys/kernel/core_pattern").read().startswith("core")  # and not given to a program of the machine beneath
 # What starts a service again, and the one that ends so, up to a limit.
 RESTARTING = {
     f"{unit}_{policy}.service": ("start limit hit" if is_again else end, f"Restart={policy}", "RestartSec=0", "Unit:StartLimitBurst=2",
                                  "Unit:StartLimitIntervalSec=60", start)
     for unit, end, start, again in (
         ("exits", "exit status 1", "ExecStart=/bin/false", ("always", "on-failure")),
-        ("dies", "killed by SIGKILL", 'ExecStart=/bin/sh -c "kill -KILL $$$$"', ("always", "on-failure", "on-abnormal", "on-abort")))
+        ("dies", "killed by SIGKILL", 'ExecStart=/bin/sh -c "kill -KILL $$$$"', ("always", "on-failure", "on-abnormal", "on-abort")),
+        *[("dumps", "core dump by SIGSEGV", DUMPS, ("always", "on-failure", "on-abnormal", "on-abort"))] * IS_DUMPED)
     for policy in ("no", "always", "on-failure", "on-abnormal", "on-abort", "on-watchdog")
     for is_again in (policy in again,)
 }
-DUMPS = ["LimitCORE=infinity", "WorkingDirectory=/tmp", 'ExecStart=/bin/sh -c "kill -SEGV $$$$"']
 GREEDY = ["MemoryMax=20M", "MemorySwapMax=0"]
-TWO_LINES = r"""
-import socket, struct
-message = b"one\nunit  forged.service"
-journal = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-journal.sendto(b"PRIORITY=3\nMESSAGE\n" + struct.pack("<Q", len(message)) + message + b"\n", "/run/systemd/journal/socket")
-raise SystemExit(7)
-"""
 
 
 def write_service(name, *lines):
@@ -142,20 +140,18 @@ def on_own_kernel():
 # ---- In a container -----------------------------------------------------------------------------------------------------
 
 def every_failure():
-    for unit, (how, *_) in FAILING.items():
-        expect_failure(unit, how)
     machine.attempt("systemctl", "start", "--no-block", *RESTARTING)
     for unit, (how, *_) in RESTARTING.items():
         expect(unit, how_ended(unit), how)
+    for unit, (how, *_) in FAILING.items():
+        expect_failure(unit, how)
     machine.attempt("sh", "-c", "systemctl start stops.service; systemctl reload stops.service; systemctl stop stops.service")
     expect("the last command of stops.service", how_ended("stops.service"), "exit status 8")
 
 
 def what_is_up_to_the_machine_beneath():
     """That cores are dumped, and memory is counted. (What their results are called is tried by the test failed_unit.says_why_it_failed too.)"""
-    if open("/proc/sys/kernel/core_pattern").read().startswith("core"):
-        expect_failure("dumps.service", "core dump by SIGSEGV")
-    else:
+    if not IS_DUMPED:
         say("no core dump is tried, since they go to a program of the machine beneath: --vm does")
     if "memory" in machine.attempt("cat", "/sys/fs/cgroup/cgroup.controllers")[1]:
         expect_failure("greedy.service", "out of memory")
@@ -164,8 +160,7 @@ def what_is_up_to_the_machine_beneath():
 
 
 def details_follow(*units):
-    """The details as systemd and the journal say them, as far as they have room. On a busy machine the journal does not know of which run
-    the lines of a short process are."""
+    """The details as systemd says them, before what the journal does."""
     for unit in units:
         about = dict(line.split("=", 1) for line in machine.run("systemctl", "show", unit).splitlines() if "=" in line)
         invocation = about.get("InvocationID")
@@ -173,10 +168,7 @@ def details_follow(*units):
         wanted = ["unit  " + unit, *([f"invocation  {invocation}"] if invocation else [])]
         wanted += [f"run time  {(ended - began) / 1e6:.3f} s"] if ended > began else []
         wanted += ["restarts  " + about["NRestarts"]] if about["NRestarts"] != "0" else []
-        if invocation:
-            wanted += machine.run("journalctl", "-q", "-o", "cat", "_SYSTEMD_UNIT=" + unit, "+", "INVOCATION_ID=" + invocation, "_PID=1",
-                                  *(f"PRIORITY={priority}" for priority in range(4)), "+", "_PID=" + about["ExecMainPID"]).splitlines()
-        expect("what is told of " + unit, lines_of(unit), wanted)
+        expect("what is told of " + unit, lines_of(unit)[: len(wanted)], wanted)
 
 
 def what_an_incident_says():
@@ -184,17 +176,49 @@ def what_an_incident_says():
     expect("description, process, parent, product and cause", (exits["description"], exits["process"]["name"], exits["process"]["parent"],
            exits["source"]["product"], exits["cause"]), ("Unit exits.service failed: exit status 3.", "exits.service", 1, "systemd", None))
 
-    expect("the main process", str(exits["process"]["id"]), machine.run("systemctl", "show", "-P", "ExecMainPID", "exits.service").strip())
+    main = int(machine.run("systemctl", "show", "-P", "ExecMainPID", "exits.service"))
+    expect("the main process", (exits["process"]["id"], exits["process"]["thread"]), (main, main))
     details_follow(*(unit + ".service" for unit in (
         "exits", "killed", "slow", "limited", "dog", "prepares", "ignores", "missing", "needs_Requires", "part", "chain", "before")))
     expect("the journal", lines_of("exits.service")[-2:], ["one", "the disk is full"])
     expect("long lines", lines_of("long.service")[-2:], ["x" * 300, "ö" * 148 + "..."])
     expect("the newest line", lines_of("counts.service")[-1], "1000")
     expect("who gave up before there was a main process", incident_of("prepares.service")["process"]["id"], 1)
-    expect("a message of two lines", lines_of("forges.service")[-1], "one unit  forged.service")
-    expect("what a process wrote that was gone before journald looked at it", sorted(lines_of("gone.service")[-2:]), ["one", "one unit  forged.service"])
     expect("the group reads and writes the stack", machine.run("stat", "-c", "%a %G", "/var/adm/zelk/stacks/units.stack"), "660 zelk\n")
     expect("the name of the process", incident_of(r"a-\x20b\x25\x5cn.service")["process"]["name"], r"x25\x5cn.service")
+
+
+def what_the_journal_holds():
+    """Entries as hardly a unit makes them in time: which of them are told, and whose they are."""
+    unit = "late.service"
+    began = int(machine.run("busctl", "get-property", "org.freedesktop.systemd1", "/org/freedesktop/systemd1/unit/late_2eservice",
+                            "org.freedesktop.systemd1.Unit", "InactiveExitTimestamp").split()[1])
+    invocation = "INVOCATION_ID=" + lines_of(unit)[1].split()[1]
+    of_unit, of_main = "_SYSTEMD_UNIT=" + unit, f"_PID={incident_of(unit)['process']['id']}"
+    writer = json.loads(machine.run("sh", "-c", "zkrecord -C late.stack lost; zkexport late.stack").splitlines()[-1])
+    entries = [  # microseconds after the start, the line that is told or what is not, and fields
+        (-1, "* before it", of_unit),
+        (0, "at its start", of_unit),
+        (1, "* of a later run", of_unit, "_SYSTEMD_INVOCATION_ID=" + "a" * 32),
+        (2, "of the run\nunit\tforged.service", "_SYSTEMD_" + invocation, f"_PID={writer['process']['id']}"),
+        (3, "* of another unit, a process of the same number", "_SYSTEMD_UNIT=other.service", of_main),
+        (4, "of the main process", of_main),
+        (5, "* of another process", "_PID=2"),
+        *((6 + priority, ("* " if priority > 3 else "") + f"systemd with priority {priority}", invocation, "_PID=1", f"PRIORITY={priority}")
+          for priority in range(8)),
+        (14, "* forged", invocation, "_PID=2", "PRIORITY=3"),
+    ]
+    machine.write("/root/journal", "".join(
+        "\n".join([f"__REALTIME_TIMESTAMP={began + at}", f"__MONOTONIC_TIMESTAMP={at + 1}", "_BOOT_ID=" + "b" * 32, *fields,
+                   f"MESSAGE\n{chr(len(line))}{7 * chr(0)}{line}", "", ""])
+        for at, line, *fields in entries))
+    folder = "/var/log/journal/" + machine.run("cat", "/etc/machine-id").strip()
+    run("sh", "-c", f"mkdir -p {machine.tree}{folder} && /lib/systemd/systemd-journal-remote -o {machine.tree}{folder}/late.journal {machine.tree}/root/journal")
+    said = machine.run("sh", "-c", f"mkdir /run/state; export STATE_DIRECTORY=/run/state; for _ in 1 2; do /usr/libexec/zelk/unit-failure {unit}; done")
+    expect("what it says of a failure and of the next", said, f"{unit}: exit status 6: {incident_of(unit)['id']}\n"
+           f"{unit}: exit status 6: as before, not recorded again\n")
+    expect("which entries are told", lines_of(unit)[3:], [" ".join(line.split()) for _, line, *_ in entries if line[0] != "*"])
+    expect("the cause that a process recorded which wrote to the journal", incident_of(unit)["cause"], writer["id"])
 
 
 def causes():
@@ -279,16 +303,14 @@ install("zkview", "sources")
 machine.run("sh", "-c", "systemd-sysusers && systemd-tmpfiles --create zkview.conf")
 for name, (_, *lines) in (FAILING | RESTARTING).items():
     write_service(name, *lines)
-write_service("dumps.service", *DUMPS)
 write_service("greedy.service", *GREEDY, "ExecStart=/usr/bin/tail /dev/zero")
+write_service("down@.service", "Unit:ConditionPathExists=/none", "ExecStart=/bin/true")
 write_service("stops.service", "ExecReload=/bin/false", 'ExecStop=/bin/sh -c "exit 8"', "ExecStart=/bin/sleep 60")
-machine.write("/root/two_lines", TWO_LINES)
-os.makedirs(machine.tree + "/etc/systemd/system/zelk-failure@gone.service.service.d")
-write_service("zelk-failure@gone.service.service.d/goes-on.conf", "ExecStartPre=+pkill -CONT -x systemd-journal")
 machine.run("systemctl", "daemon-reload")
 every_failure()
 what_is_up_to_the_machine_beneath()
 what_an_incident_says()
+what_the_journal_holds()
 causes()
 the_same_again()
 what_is_refused()
