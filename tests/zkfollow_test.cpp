@@ -12,7 +12,7 @@ static std::string script(const std::string& line) {
   static const std::string TOOLS =
       "rm -rf " ZELK_STACK_DIR "/* out err cursor; touch out; home=$PWD; cd " ZELK_STACK_DIR
       ";"
-      "follow() { $within $zkexport --follow --every \"$@\" >$home/out 2>$home/err & follower=$!; };"
+      "follow() { : >$home/out; $within $zkexport --follow --every \"$@\" >$home/out 2>$home/err & follower=$!; };"
       "lines() { n=0; while [ $(wc -l <$home/out) -lt $1 ] && [ $n -lt 600 ]; do sleep 0.05; n=$((n + 1)); done; };"
       "shown() { jq -r '.description // .gap // .error.reason' $home/out | tr '\\n' ' '; };"
       "end() { kill $follower; wait $follower; echo ended $?; };";
@@ -147,18 +147,22 @@ static std::string large_stack(int records) {
   large.version = 8;
   std::string wide;
   for (int count = 0; count < 30; ++count) wide += "%1$999s";
-  for (int count = 0; count < records; ++count) large.add({.description = wide, .arg_count = 1, .args = string_arg("x")});
+  for (int count = 0; count < records; ++count)
+    large.add({.description = wide, .arg_count = 1, .args = string_arg("x")});
   return large.file();
 }
 
 TEST_F(follow, keeps_little_of_a_stack_in_memory) {
   const std::string file = large_stack(3000);
   const std::string limit = *FAULT_SHIM != '\0' ? "24000" : "800000"; /* KiB; a sanitizer has much of its own */
-  EXPECT_EQ(script("cp " + file + " large; cp " + large_stack(100) + " held; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)") +
-                   "follow --max-stack=$(stat -c %s large); lines 3000; $zkrecord ../new one; mv ../new held; lines 3101;"
-                   "awk '/VmHWM/ { print $2 < " + limit + " }' /proc/$follower/status; wc -l <$home/out; kill $holder; end;"
-                   "for run in 1 2; do $zkexport --cursor-file=$home/cursor held large | wc -l; done"),
-            "1\n3101\nended 0\n3001\n0\n");
+  EXPECT_EQ(
+      script("cp " + file + " large; cp " + large_stack(100) + " held; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)") +
+             "follow --max-stack=$(stat -c %s large); lines 3000; $zkrecord ../new one; mv ../new held; lines 3101;"
+             "awk '/VmHWM/ { print $2 < " +
+             limit +
+             " }' /proc/$follower/status; wc -l <$home/out; kill $holder; end;"
+             "for run in 1 2; do $zkexport --cursor-file=$home/cursor held large | wc -l; done"),
+      "1\n3101\nended 0\n3001\n0\n");
   EXPECT_EQ(script("cp " + file +
                    " large; follow --max-stack=$(($(stat -c %s large) - 1)); $zkrecord small one; lines 2; shown; cat "
                    "$home/err; end"),
