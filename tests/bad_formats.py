@@ -12,7 +12,7 @@ import unittest
 C, CXX, INC, README = sys.argv[1:5]
 
 # Each is recorded with what stands behind it.
-GOOD_CPP = ['"plain 100%%"', '"%s %d", "a", 5', '"%2$s %1$d", 5, "a"', '"%p", nullptr', '"%c", \'c\'', '"%5.1f", 0.5', '"%1$hx %1$hx", 5L']
+GOOD_CPP = ['"plain 100%%"', '"%s %d", "a", 5', '"%2$s %1$d", 5, "a"', '"%p", nullptr', '"%c%c", \'c\', 65', '"%5.1f", 0.5', '"%1$hx %1$hx", 5L']
 BAD_CPP = {
     '"%d", "text"': "conversion_does_not_fit_its_argument",
     '"%s", 5': "conversion_does_not_fit_its_argument",
@@ -24,6 +24,7 @@ BAD_CPP = {
     '"%d %d", 5': "conversion_has_no_argument",
     '"%3$d", 5': "conversion_has_no_argument",
     '"%d", 5, 6': "argument_has_no_conversion",
+    '"%2$d", 5, 6': "argument_has_no_conversion",
     '"%n", &eid': "conversion_cannot_be_recorded",
     '"%*d", 5, 6': "conversion_cannot_be_recorded",
     '"100%"': "conversion_cannot_be_recorded",

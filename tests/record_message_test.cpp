@@ -71,7 +71,9 @@ TEST_F(one_line, shows_what_printf_shows) {
   shows_as_printf("%c%c %p %Lf %e %+05d|%-6s|%#o", 'o', 'k', static_cast<void*>(&path), 2.5L, 1e300, 7, "ab", 8);
   shows_as_printf("%1$s %1$.3s, %2$.3s %2$s", "volume", "backup");
   shows_as_printf("%1$.1f %1$e %1$G %2$x %2$u %2$o %2$d %3$lf", 2.5, 70, 3.5);
-  shows_as_printf("100%% of it %% %d", 5);
+  shows_as_printf("%X %#X %'d|% d|%-+5d|%05i", 255, 255, 1000, 7, 8, 9);
+  shows_as_printf("%a %A %F %G %E %.1024g", 0.5, 0.5, 0.5, 1e9, 0.5, 0.5);
+  shows_as_printf("100%% of it %% %1024d", 5);
   shows_as_printf("%s", static_cast<const char*>(nullptr));
 }
 
@@ -102,8 +104,8 @@ TEST_F(one_line, keeps_the_message_apart_from_its_arguments) {
 
 TEST_F(one_line, refuses_what_cannot_be_recorded_before_it_records) {
   for (const char* format :
-       {"%n", "%*d",  "%.*d", "%m",      "%lc",       "%ls",        "%hs",    "%Ld",     "%b",  "%y",    "%",
-        "%5", "%0$d", "%2$d", "%1$d %d", "%1$d %1$s", "%1$d %1$ld", "%1025d", "%.1025d", "% %", "%201$s"})
+       {"%n", "%*d", "%.*d", "%m",   "%lc",     "%ls",       "%hs",        "%llf",   "%Ld",     "%b",  "%y",
+        "%",  "%5",  "%0$d", "%2$d", "%1$d %d", "%1$d %1$s", "%1$d %1$ld", "%1025d", "%.1025d", "% %", "%201$s"})
     EXPECT_EQ(result_of(format), -5) << format;
   EXPECT_EQ(zk_record_message(recorder, nullptr, nullptr, nullptr, nullptr), -5);
   EXPECT_EQ(zk_record_message(nullptr, nullptr, nullptr, nullptr, nullptr), -4);
@@ -138,11 +140,11 @@ static int open_or_create(const std::string& path, int32_t size) {
 TEST(open_or_create, makes_a_stack_once) {
   const std::string path = new_name();
   const size_t open_files = open_descriptors();
-  EXPECT_EQ(open_or_create(path, 9000), 0);
+  EXPECT_EQ(open_or_create(path, 8192), 0);
   EXPECT_EQ(open_or_create(path, 0), 0);
   EXPECT_EQ(open_descriptors(), open_files);
   EXPECT_EQ(open_or_create(path, 16385), -5); /* also where none is made */
-  EXPECT_EQ(contents(path).size(), 9000U);
+  EXPECT_EQ(contents(path).size(), 8192U);
   const std::string usual = new_name();
   EXPECT_EQ(open_or_create(usual, 0), 0);
   EXPECT_EQ(contents(usual).size(), 16384U);
@@ -197,16 +199,23 @@ TEST(one_line_of_cpp, shows_of_an_argument_what_printf_shows) {
 
 TEST(one_line_of_cpp, records_where_it_stands_and_what_caused_it) {
   const std::string path = new_name();
-  const zelk::recorder_t recorder(path.c_str(), "stn.node");
-  const zelk::recorded_t cause = record(recorder, nullptr, "the cause");
-  const zelk::recorded_t effect = record(recorder, cause, zelk::details_t{"in detail"}, "the effect");
-  const std::string shown = report(path);
-  EXPECT_EQ(effect.result, 0);
-  EXPECT_NE(shown.find("File Name: " __FILE__ "\n"), std::string::npos) << shown;
-  EXPECT_NE(shown.find("Within the File: " + std::to_string(__LINE__ - 4) + "\n"), std::string::npos) << shown;
-  EXPECT_NE(shown.find("Product: stn.node\n"), std::string::npos) << shown;
-  EXPECT_NE(shown.find(std::string("\t ") + cause.eid), std::string::npos) << shown;
-  EXPECT_NE(shown.find("Details:\nin detail"), std::string::npos) << shown;
+  const size_t open_files = open_descriptors();
+  {
+    const zelk::recorder_t recorder(path.c_str(), "stn.node");
+    const zelk::recorded_t cause = record(recorder, nullptr, "the cause");
+    const std::string id = cause.eid;
+    for (const zelk::cause_t each : {zelk::cause_t(cause), zelk::cause_t(id.c_str()), zelk::cause_t(id)}) {
+      EXPECT_EQ(record(recorder, each, zelk::details_t{"in detail"}, "the effect").result, 0);
+      const std::string shown = report(path);
+      EXPECT_NE(shown.find("File Name: " __FILE__ "\n"), std::string::npos) << shown;
+      EXPECT_NE(shown.find("Within the File: " + std::to_string(__LINE__ - 3) + "\n"), std::string::npos) << shown;
+      EXPECT_NE(shown.find("Product: stn.node\n"), std::string::npos) << shown;
+      EXPECT_NE(shown.find("\t " + id), std::string::npos) << shown;
+      EXPECT_NE(shown.find("Details:\nin detail"), std::string::npos) << shown;
+    }
+  }
+  EXPECT_EQ(open_descriptors(), open_files);
+  EXPECT_EQ(contents(path).size(), 16384U);
 }
 
 TEST(one_line_of_cpp, lets_a_program_go_on_without_a_stack) {

@@ -166,11 +166,11 @@ TEST(zkrecord, keeps_as_much_of_a_bad_cause_and_of_a_dump_files_name_as_fits) {
   EXPECT_EQ(description(stack).size(), alone.size());
 }
 
-/* What 300 bytes of a name leave, once the argument is cut, is shared by the two lines. */
-TEST(zkrecord, keeps_a_line_of_each_trimming_beside_a_long_name) {
+/* What 300 bytes of the format leave, once the argument is cut, is shared by the two lines. */
+TEST(zkrecord, keeps_a_line_of_each_trimming_beside_a_long_format) {
   const std::string stack = new_stack();
-  const outcome told = zkrecord({"-qC", "--product=" + std::string(300, 'p'), "-c", std::string(322, 'c'), "-D",
-                                 std::string(900, 'd'), stack, "%s", std::string(700, 'a')});
+  const outcome told = zkrecord({"-qC", "-c", std::string(322, 'c'), "-D", std::string(900, 'd'), stack,
+                                 std::string(300, 'f') + "%s", std::string(700, 'a')});
   EXPECT_EQ(told.status, 0);
   const std::string shown = description(stack);
   EXPECT_NE(shown.find("a..." + DETAILS + "cause  " + std::string(200, 'c')), std::string::npos) << shown;
