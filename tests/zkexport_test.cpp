@@ -182,7 +182,7 @@ TEST(follow, gives_what_is_recorded_in_a_stack_that_appears_later_and_is_replace
 
 TEST(follow, goes_on_with_a_file_whose_other_name_goes) {
   EXPECT_EQ(script(FOLLOW + "zkrecord -qC $folder/s one; ln s t; follow $folder/s $folder/t; lines 2; rm t; sleep 0.3;"
-                            "zkrecord -q $folder/s two; lines 3; shown; end INT"),
+                            "zkrecord -q $folder/s two; lines 3; shown; cat err; end INT"),
             "one one two ended 0\n");
 }
 
