@@ -102,7 +102,7 @@ class Chains(StackTest):
     def test_details_are_the_newest_twelve_frames_as_far_as_a_record_has_room_for_whole_lines(self):
         code = ["def fail(depth):", "  if depth % 2: fail(depth - 1)", "  if depth: fail(depth - 1)", "  raise OSError(text)"]
         for length in range(100, 200):
-            module = {"text": "ö" * 200 if length % 3 else "x" * 380 + "%"}
+            module = {"text": "ö" * 200 if length < 150 else "x" * 380 + "%"}
             exec(compile("\n".join(code), "module.py", "exec"), module)
             recorder = zelk.Recorder(self.stack, product="p" * length)
             try:
@@ -172,6 +172,15 @@ class Logging(StackTest):
                 self.assertEqual(newest["details"].partition("\nStack (most recent call last):\n")[0], where)
                 self.assertEqual("Stack (" in newest["details"], "stack_info" in options)
         self.assertEqual(len(self.incidents()), 16)
+
+    def test_a_line_that_differs_in_one_thing_only_is_recorded_with_it(self):
+        usual = {"name": "stn", "levelname": "ERROR", "pathname": "a.py", "lineno": 5, "threadName": "one", "msg": "%d"}
+        for change in [{}, {"name": "vol"}, {"levelname": "INFO"}, {"pathname": "b.py"}, {"lineno": 6}, {"threadName": "two"}, {"msg": "%i"}]:
+            has = usual | change
+            self.handler.emit(logging.makeLogRecord(has | {"args": (7,)}))
+            newest = self.newest()
+            self.assertEqual(newest["details"], f"logger  {has['name']}\nlevel  {has['levelname']}\nthread  {has['threadName']}")
+            self.assertEqual(list(newest["source"].values())[::3] + [newest["description"]], [has["pathname"], has["lineno"], "7"])
 
     def test_a_filter_and_a_level_decide_what_is_recorded(self):
         class Short(zelk.Handler):
