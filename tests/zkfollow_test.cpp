@@ -165,8 +165,8 @@ TEST_F(follow, keeps_little_of_a_stack_in_memory) {
       "1\n3101\nended 0\n3001\n0\n");
   EXPECT_EQ(script("cp " + file +
                    " large; follow --max-stack=$(($(stat -c %s large) - 1)); $zkrecord small one; lines 2; shown; cat "
-                   "$home/err; end"),
+                   "$home/err; timeout 9 $zkrecord large x; echo refused $?; end"),
             "one it is larger than --max-stack allows zkexport: " ZELK_STACK_DIR
             "/large: it is larger than --max-stack allows\n"
-            "ended 0\n");
+            "refused 1\nended 0\n"); /* its lock is not held */
 }
