@@ -105,9 +105,7 @@ TEST_F(follow, keeps_few_names_that_have_gone) {
           "lines 153; names() { grep -c / $home/cursor; }; n=0;"
           "while [ $(names) -gt 101 ] && [ $n -lt 600 ]; do sleep 0.05; n=$((n + 1)); done; [ $(names) -le 101 ] && "
           "echo few;"
-          "shown | tr -d 'x '; "
-          "end; "
-          "follow --cursor-file=$home/cursor; $zkrecord kept four; lines 1; shown; end"),
+          "shown | tr -d 'x '; end; follow --cursor-file=$home/cursor; $zkrecord kept four; lines 1; shown; end"),
       "few\nonetwothreeended 0\nfour ended 0\n");
 }
 
@@ -154,13 +152,12 @@ static std::string large_stack(int records) {
 
 TEST_F(follow, keeps_little_of_a_stack_in_memory) {
   const std::string file = large_stack(3000);
-  const std::string limit = *FAULT_SHIM != '\0' ? "24000" : "800000"; /* KiB; a sanitizer has much of its own */
+  const std::string limit = *FAULT_SHIM != '\0' ? "limit=24000;" : "limit=800000;"; /* KiB; a sanitizer has more */
   EXPECT_EQ(
       script("cp " + file + " large; cp " + large_stack(100) + " held; " + holding("fcntl.lockf(f, fcntl.LOCK_EX)") +
-             "follow --max-stack=$(stat -c %s large); lines 3000; $zkrecord ../new one; mv ../new held; lines 3101;"
-             "awk '/VmHWM/ { print $2 < " +
              limit +
-             " }' /proc/$follower/status; wc -l <$home/out; kill $holder; end;"
+             "follow --max-stack=$(stat -c %s large); lines 3000; $zkrecord ../new one; mv ../new held; lines 3101;"
+             "awk '/VmHWM/ { print $2 < '$limit' }' /proc/$follower/status; wc -l <$home/out; kill $holder; end;"
              "for run in 1 2; do $zkexport --cursor-file=$home/cursor held large | wc -l; done"),
       "1\n3101\nended 0\n3001\n0\n");
   EXPECT_EQ(script("cp " + file +
