@@ -24,7 +24,7 @@ TEST(failed_unit, says_why_it_failed) {
   EXPECT_EQ(in_words("signal", 64), "killed by signal 64"); /* has no name */
   EXPECT_EQ(in_words("oom-kill", 9), "out of memory");
   EXPECT_EQ(in_words("start-limit-hit", 1), "start limit hit");
-  for (const char* same : {"timeout", "watchdog", "resources"}) EXPECT_EQ(in_words(same, 0), same);
+  for (const char* same : {"timeout", "watchdog", "resources", "success"}) EXPECT_EQ(in_words(same, 0), same);
   EXPECT_EQ(in_words("success", 0, "db.service"), "a unit it needs failed: db.service");
   EXPECT_EQ(in_words("", 0), "unknown result");
 }
@@ -58,10 +58,11 @@ TEST(failed_unit, is_remembered_in_a_file_whatever_stands_in_it) {
   known = {{.recorded = 10'000, .passed_over = 2, .since = 10'500, .result = "exit status 3"},
            {.recorded = 10'000, .passed_over = 0, .since = 0, .result = "timeout"}};
   ASSERT_TRUE(write_repeats(folder, "a.service", 14'000, known)); /* the second is old, and tells nothing */
+  EXPECT_EQ(contents(folder + "/a.service"), "10000 2 10500 exit status 3\n");
   known = read_repeats(folder, "a.service");
-  ASSERT_EQ(known.size(), 1U);
-  EXPECT_EQ(known[0].result, "exit status 3");
-  EXPECT_EQ(known[0].passed_over, 2U);
+  EXPECT_TRUE(is_passed_over("exit status 3", 13'000));
+  EXPECT_FALSE(is_passed_over("exit status 3", 13'600));
+  EXPECT_EQ(std::pair(told.passed_over, told.since), std::pair(uint64_t{3}, int64_t{10'500}));
 
   std::string damaged("\0\n1 2\nx 1 1 r\n1 2 3 kept\n", 25);
   for (int i = 0; i < 1000; ++i) damaged += "1 2 3 " + std::to_string(i) + "\n";
@@ -70,7 +71,7 @@ TEST(failed_unit, is_remembered_in_a_file_whatever_stands_in_it) {
   EXPECT_EQ(known.size(), 256U);
   EXPECT_EQ(known[0].result, "kept");
   EXPECT_TRUE(read_repeats(folder, "none.service").empty());
-  EXPECT_FALSE(write_repeats(folder + "/none", "a.service", 14'000, known));
+  for (const char* no_file : {"/none/a.service", ""}) EXPECT_FALSE(write_repeats(folder, no_file, 14'000, known)) << no_file;
 }
 
 /* ---- Causes -------------------------------------------------------------------------------------------------------- */
@@ -93,30 +94,36 @@ static std::string recorded(const char* stack, int32_t process, int32_t parent, 
   return eid;
 }
 
+static int64_t microseconds_now() {
+  timeval now;
+  gettimeofday(&now, nullptr);
+  return now.tv_sec * 1'000'000 + now.tv_usec;
+}
+
 TEST(cause_of_a_failure, is_the_newest_incident_of_its_processes_and_their_children) {
   NEEDS_PRIVATE_VAR();
   const int64_t now = time(nullptr);
   unit_t unit = {};
-  unit.process_id = 5001;
   unit.started = now * 1'000'000;
   unit.processes = {4999};
+  unit.needs = {"other.service"};
   const run_t run = {.lines = "", .processes = {5002}};
-  recorded("causes", 4000, 1);
+  for (int i = 0; i < 200; ++i) recorded("causes", 4000, 0); /* so many that it wraps */
   EXPECT_EQ(find_cause(unit, run, now), "");
+  unit.process_id = 5001;
+  std::string eid;
   for (auto [process, parent] : {std::pair{4999, 1}, {5001, 1}, {5002, 1}, {5003, 5001}, {5004, 5003}}) {
-    const std::string eid = recorded(process == 5003 ? "others" : "causes", process, parent);
+    eid = recorded(process == 5003 ? "others" : "causes", process, parent);
     EXPECT_EQ(find_cause(unit, run, now), eid) << process;
   }
-  recorded(UNITS_STACK, 5001, 1, "other.service"); /* a failure is not recorded by the unit itself */
+  const std::string needed = recorded(UNITS_STACK, 5001, 1, "other.service"); /* which the unit has not recorded itself */
   recorded("causes", 4000, 1);
-  EXPECT_NE(find_cause(unit, run, now), "");
-  timeval before;
-  gettimeofday(&before, nullptr);
-  const std::string eid = recorded("causes", 5001, 1);
-  unit.started = before.tv_sec * 1'000'000 + before.tv_usec + 900'000; /* noted after it had recorded */
   EXPECT_EQ(find_cause(unit, run, now), eid);
-  unit.started = (now + 10) * 1'000'000; /* of a run before */
-  EXPECT_EQ(find_cause(unit, run, now), "");
+  unit.started = microseconds_now() + 900'000; /* noted after it had recorded */
+  eid = recorded("causes", 5001, 1);
+  EXPECT_EQ(find_cause(unit, run, now), eid);
+  unit.started = microseconds_now() + 1'000'000; /* of a run before */
+  EXPECT_EQ(find_cause(unit, run, now), needed);
 }
 
 TEST(cause_of_a_failure, is_else_that_of_a_unit_it_needs_in_the_same_minute) {
