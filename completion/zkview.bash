@@ -7,11 +7,27 @@ _zkview_note_format() {
     if [[ $1 == json ]]; then given+=(JSON); else given+=(PICTURE); fi
 }
 
-# Reads the words before the cursor. Stores in `given` the options, "STACK" for a name and what _zkview_note_format notes, and
-# in `awaiting` the option whose argument the cursor is at.
+# Reads a word of letters: adds them to `given`, up to one that takes an argument, which is stored in `awaiting`, and what
+# follows it in `value`.
+_zkview_read_letters() {
+    local word=$1
+    value=
+    while [[ ${word:=-} != - ]]; do
+        given+=("${word:0:2}")
+        if [[ " $with_argument " == *" ${word:0:2} "* ]]; then
+            awaiting=${word:0:2} value=${word:2}
+            return
+        fi
+        word=-${word:2}
+    done
+}
+
+# Reads the words up to the cursor. Stores in `given` the options, "STACK" for a name and what _zkview_note_format notes, and
+# in `awaiting` the option whose argument the cursor is at; of one that begins behind its letter, `cur` keeps the argument, and
+# `before` what stands before it.
 _zkview_read_words() {
-    local word
-    given=() awaiting=
+    local word value before_cursor
+    given=() before='' awaiting=''
     for word in "${words[@]:1:cword-1}"; do
         if [[ $awaiting ]]; then
             [[ $awaiting == @(-o|--format) ]] && _zkview_note_format "$word"
@@ -23,19 +39,22 @@ _zkview_read_words() {
             given+=("$word")
             [[ " $with_argument " == *" $word "* ]] && awaiting=$word
         elif [[ $word == -?* ]]; then
-            # Letters up to one that takes the rest for its argument, or the next word.
-            while [[ ${word:=-} != - ]]; do
-                given+=("${word:0:2}")
-                if [[ " $with_argument " == *" ${word:0:2} "* ]]; then
-                    [[ ${word:2} ]] || awaiting=$word
-                    break
-                fi
-                word=-${word:2}
-            done
+            _zkview_read_letters "$word"
+            [[ $awaiting == -o && $value ]] && _zkview_note_format "$value"
+            [[ $value ]] && awaiting=
         else
             given+=(STACK)
         fi
     done
+    if [[ ! $awaiting && $cur == -[!-]?* && $split == false ]]; then
+        before_cursor=("${given[@]}")
+        _zkview_read_letters "$cur"
+        if [[ $value ]]; then
+            before=${cur%"$value"} cur=$value
+        else
+            given=("${before_cursor[@]}") awaiting=
+        fi
+    fi
 }
 
 # Whether the option may be given beside what is given: nothing of a set that it is in, and nothing that goes alone.
@@ -86,8 +105,8 @@ _zkview_offer_options() {
 }
 
 _zkview() {
-    local cur prev words cword split given awaiting
-    _init_completion -s || return
+    local cur prev words cword split given awaiting before
+    _init_completion -s -n : || return
 
     # Of each set one option may be given.
     local sets with_argument alone='-h --help --version' command=${words[0]##*/}
@@ -108,7 +127,7 @@ _zkview() {
             with_argument=
             ;;
         zkexport)
-            sets=('-o --format' '-i --id -e --every --input STACK' '-f --follow -i --id' '-f --follow --chain'
+            sets=('-o --format' '-i --id' '-e --every --input STACK' '-f --follow -i --id' '-f --follow --chain'
                 '-c --cursor-file -i --id' '-c --cursor-file --chain'
                 '--max-stack PICTURE' '--max-stack -i --id' '--max-stack --chain' '--max-stack --input'
                 '--max-stack -n --lines' '-f --follow PICTURE' '-f --follow --input' '-c --cursor-file PICTURE' '-c --cursor-file --input' '--since'
@@ -121,6 +140,8 @@ _zkview() {
     esac
     _zkview_read_words
     [[ $split == true ]] && awaiting=$prev
+    # The chain of an incident is looked for where another option says.
+    [[ $command != zkexport || " ${given[*]} " == *' --chain '* ]] || sets+=('-i --id -e --every --input STACK')
 
     case $command:$awaiting in
         zkview:-s) _zkview_offer_stacks ;;
@@ -128,10 +149,19 @@ _zkview() {
         zkexport:--color) _zkview_offer always auto never ;;
         zkexport:-o | zkexport:--format) _zkview_offer_formats ;;
         *:-*) ;; # text, a number or an Error ID
-        zkrecord:) [[ " ${given[*]} " == *' STACK '* ]] || if [[ $cur == -* ]]; then _zkview_offer_options; else _zkview_offer_stacks; fi ;;
-        zkexport:) if [[ $cur == -* ]]; then _zkview_offer_options; elif _zkview_may_give STACK; then _zkview_offer_stacks; fi ;;
+        zkrecord: | zkexport:)
+            if [[ $command == zkrecord && " ${given[*]} " == *' STACK '* ]]; then
+                : # what follows is recorded
+            elif [[ $cur == -* ]]; then
+                _zkview_offer_options
+            elif _zkview_may_give STACK; then
+                _zkview_offer_stacks
+            fi
+            ;;
         *) [[ $cur != -* && $command != zkview ]] || _zkview_offer_options ;;
     esac
+    COMPREPLY=("${COMPREPLY[@]/#/$before}")
+    __ltrim_colon_completions "$before$cur"
 }
 
 complete -F _zkview zkview zkrecord zkdecode zkexport

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 complete -c zkexport -f
 
-# Whether the words before the cursor let that be given, too: a "stack" by name, another "source", an option of "json" alone,
-# a "picture", or an option by its name.
+# Whether the words before the cursor let that be given, too: a "stack" by name, another "source", the "id" of an incident, an
+# option of "json" alone, a "picture", or an option by its name.
 function __zkexport_may -a what
     set -l words (commandline -opc)[2..]
     __zkview_at -o --format -i --id -c --cursor-file -n --lines --since --until --process --product --node --grep --output \
@@ -12,16 +12,20 @@ function __zkexport_may -a what
     set -q _flag_help; or set -q _flag_version; and return 1
     switch $what
         case stack
-            not set -q _flag_id; and not set -q _flag_every; and not set -q _flag_input
+            set -q _flag_id; and not set -q _flag_chain; and return 1
+            not set -q _flag_every; and not set -q _flag_input
         case source
             __zkexport_may stack; and test (count $argv) -eq 0
+        case id
+            set -q _flag_id; and return 1
+            set -q _flag_chain; or __zkexport_may source; and __zkexport_may picture
         case json
             not set -q _flag_id; and not set -q _flag_chain; and not set -q _flag_input; and not set -q _flag_lines
             and contains -- "$_flag_format" '' json
         case input
             __zkexport_may source; and __zkexport_may picture
         case picture
-            not set -q _flag_follow; and not set -q _flag_cursor_file
+            not set -q _flag_follow; and not set -q _flag_cursor_file; and not set -q _flag_max_stack
         case '*'
             not set -q _flag_$what
     end
@@ -36,7 +40,7 @@ end
 complete -c zkexport -n '__zkexport_may stack' -a '(__zkview_stacks)'
 complete -c zkexport -n '__zkexport_may format; or __zkview_at -o --format' -s o -l format -x -d Format \
     -a '(__zkexport_formats)'
-complete -c zkexport -n '__zkexport_may source; and __zkexport_may picture; or __zkview_at -i --id' -s i -l id -x \
+complete -c zkexport -n '__zkexport_may id; or __zkview_at -i --id' -s i -l id -x \
     -d 'Only the incident of this Error ID'
 complete -c zkexport -n '__zkexport_may source' -s e -l every -d 'All stacks'
 complete -c zkexport -n '__zkexport_may input' -l input -d 'Incidents from standard input'
