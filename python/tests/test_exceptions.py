@@ -184,15 +184,15 @@ class Logging(StackTest):
 
     def test_a_filter_and_a_level_decide_what_is_recorded(self):
         class Short(zelk.Handler):
-            def filter(self, record: logging.LogRecord) -> bool:
-                return super().filter(record) and len(record.msg) < 5
+            def filter(self, record):  # and gives another record on
+                return super().filter(record) and len(record.msg) < 5 and logging.makeLogRecord(vars(record) | {"msg": "short"})
 
         def is_not_critical(record: logging.LogRecord) -> bool:
             return record.levelno != logging.CRITICAL
 
         for handler, filters, wanted in [
             (zelk.Handler(self.stack, "WARNING"), [is_not_critical], ["warn", "long warning", "error"]),
-            (Short(self.stack), [], ["end"]),
+            (Short(self.stack), [], ["short"]),
             (Short(self.stack), [is_not_critical], []),
             (self.handler, [], ["error", "end"]),
         ]:
