@@ -192,14 +192,14 @@ def without_or_doubled(write):
             yield holder, key
             yield from parts(value) if isinstance(value, dict) else ()
     for index, _ in enumerate(parts(json.loads(write()))):
-        for what in ("left out", "in front of another", "behind bytes"):
+        for what in ("left out", "in front of another", "behind bytes", "behind its own"):
             changed = json.loads(write())
             holder, key = list(parts(changed))[index]
             value = holder[key]
             if what == "left out":
                 del holder[key]
-            elif what == "behind bytes":
-                holder[f"{key}_base64"] = "/w=="
+            elif what.startswith("behind"):
+                holder[f"{key}_base64"] = "/w==" if what == "behind bytes" else base64.b64encode(str(value).encode()).decode()
             else:
                 holder["another"] = value
             yield as_written(changed)
@@ -233,6 +233,7 @@ def main():
     lines += [f'{as_written(INCIDENT)[:-1]},"another":{other}}}'.encode() for other in OTHERS] # which a pipeline may add
     id = INCIDENT["id"]  # with what stands beside the digits in the place of each one
     lines += [as_written({**INCIDENT, "id": id[:at] + other + id[at + 1:]}).encode() for at, other in itertools.product(range(42), "-:@[`{")]
+    lines += [as_written({key: value for key, value in INCIDENT.items() if key not in pair}).encode() for pair in itertools.combinations(INCIDENT, 2)]
     lines += [as_written({**UNNAMED, key: "\u00e9" * size}).encode() for key in ("id", "cause") for size in (42, 43)]  # characters, not bytes
     names = [bytes([byte]) for byte in range(1, 256) if byte != 10]
     names += [bytes([lead, second, last, last][:2 + (lead >= 0xe0) + (lead >= 0xf0)]) for lead, second, last in itertools.product(

@@ -143,7 +143,7 @@ TEST(open_or_create, makes_a_stack_once) {
   EXPECT_EQ(open_or_create(path, 8192), 0);
   EXPECT_EQ(open_or_create(path, 0), 0);
   EXPECT_EQ(open_descriptors(), open_files);
-  EXPECT_EQ(open_or_create(path, 16385), -5); /* also where none is made */
+  for (int32_t size : {16385, -8192}) EXPECT_EQ(open_or_create(path, size), -5); /* also where none is made */
   EXPECT_EQ(contents(path).size(), 8192U);
   const std::string usual = new_name();
   EXPECT_EQ(open_or_create(usual, 0), 0);

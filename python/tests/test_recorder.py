@@ -98,10 +98,10 @@ class Messages(StackTest):
 
     def test_a_message_without_arguments_is_a_plain_text(self):
         with zelk.Recorder(self.stack) as recorder:
-            for text in ["100% of %s", "%", "", "a" * 400, "%" * 401]:
+            for text in ["100% of %s", "%", "", "a" * 400, "%" * 401, "ü" * 201]:
                 recorder.record(text)
                 self.assertEqual(self.newest()["description"], text)
-                self.assertEqual(self.newest()["message"]["default"], text.replace("%", "%%") if len(text) <= 400 else "%s")
+                self.assertEqual(self.newest()["message"]["default"], text.replace("%", "%%") if len(text.encode()) <= 400 else "%s")
 
     def test_arguments_that_do_not_fit_raise_what_python_raises(self):
         recorder = zelk.Recorder(self.stack)
@@ -124,8 +124,8 @@ class Messages(StackTest):
 
     def test_the_process_has_the_name_of_its_script_or_module(self):
         program = f"import zelk; recorder = zelk.Recorder({self.stack!r}); recorder.record('here'); recorder.record('%s', 'here')"
-        os.mkdir(f"{self.folder}/jobs")
-        for script in ["backup.py", "long" * 30, "jobs/__main__.py", "jobs/nightly.py"]:
+        os.makedirs(f"{self.folder}/jobs/late")
+        for script in ["backup.py", "long" * 30, "jobs/__main__.py", "jobs/nightly.py", "jobs/late/__main__.py"]:
             with open(f"{self.folder}/{script}", "w") as file:
                 file.write(program)
         for arguments, name in [
@@ -133,6 +133,7 @@ class Messages(StackTest):
             (["./" + "long" * 30], "long" * 25),
             (["-m", "jobs"], "jobs"),
             (["-m", "jobs.nightly"], "jobs.nightly"),
+            (["-m", "jobs.late"], "jobs.late"),
             (["-c", program], os.path.basename(sys.executable)),
         ]:
             subprocess.run([sys.executable, *arguments], check=True, cwd=self.folder)
