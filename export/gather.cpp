@@ -122,14 +122,14 @@ static void add_line(input_t* input, std::string_view line) {
   std::string other;
   if (line.empty()) return;
   switch (parse_json_line(line, &input->incident, &damage)) {
-    case line_t::INCIDENT:
+    case line_kind_t::INCIDENT:
       add_incident(input, line.size());
       break;
-    case line_t::GAP:
+    case line_kind_t::GAP:
       write_json_gap(input->incident.stack, &other);
       add_note(input, other, gap_note(input->incident.stack), true);
       break;
-    case line_t::DAMAGE:
+    case line_kind_t::DAMAGE:
       write_json_damage(input->incident.stack, damage, &other);
       add_note(input, other, damage_note(input->incident.stack, damage), false);
       break;

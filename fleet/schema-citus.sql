@@ -40,48 +40,19 @@ SELECT create_distributed_table('zelk_incident', 'bucket') \g /dev/null
 
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
 
--- As in schema.sql, in one transaction, but a statement for each table.
-CREATE TYPE zelk_came AS (host text, place text, line text, number bigint, kind text, key text, cause text, at timestamptz, bucket smallint,
-  stack text, reason text);
-CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[]) RETURNS void
-LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on SET jit = off AS $$
+-- Which of the rows were added is not told where not all of them were.
+CREATE OR REPLACE FUNCTION zelk_add(hosts text[], lines text[], keys text[], causes text[], times timestamptz[], buckets smallint[])
+RETURNS text[] LANGUAGE plpgsql AS $$
 DECLARE
-  month timestamptz;
-  came zelk_came[];
-  first zelk_came[]; -- of each key, in their order
-  added bigint;
-  again zelk_came;
-  there json;
+  count bigint;
 BEGIN
-  FOREACH month IN ARRAY ARRAY[now(), now() + interval '3 days'] LOOP
-    IF to_regclass('zelk_incident_' || to_char(month AT TIME ZONE 'UTC', 'YYYY_MM')) IS NULL THEN
-      PERFORM zelk_try_partition(month);
-    END IF;
-  END LOOP;
-
-  came := ARRAY(SELECT judged::zelk_came FROM (SELECT * FROM zelk_judged(hosts, places, lines)) judged);
-  first := ARRAY(SELECT one::zelk_came FROM (SELECT DISTINCT ON (key COLLATE "C") * FROM unnest(came) WHERE kind = 'incident'
-                                               ORDER BY key COLLATE "C", number) one);
   INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
-    SELECT bucket, at, key, cause, host, line::json FROM unnest(first) ON CONFLICT DO NOTHING;
-  GET DIAGNOSTICS added = ROW_COUNT;
-  INSERT INTO zelk_notice (host, place, kind, stack, notice)
-    SELECT host, place, kind, stack, line::json FROM unnest(came) c WHERE kind IN ('gap', 'error') ORDER BY c.host, c.place, c.line
+    SELECT bucket, at, key, cause, left(coalesce(host, ''), 255), line::json
+      FROM unnest(hosts, lines, keys, causes, times, buckets) WITH ORDINALITY AS each (host, line, key, cause, at, bucket, number)
+      WHERE key IS NOT NULL ORDER BY key COLLATE "C", number
     ON CONFLICT DO NOTHING;
-  INSERT INTO zelk_rejected (host, place, reason, line)
-    SELECT host, place, reason, zelk_bytes(line) FROM unnest(came) c WHERE kind IS NULL ORDER BY c.host, c.place, c.line
-    ON CONFLICT DO NOTHING;
-
-  -- Some were there already, perhaps as something else.
-  IF added < (SELECT count(*) FROM unnest(came) WHERE kind = 'incident') THEN
-    FOR again IN SELECT * FROM unnest(came) c WHERE kind = 'incident' ORDER BY c.host, c.place, c.line LOOP
-      SELECT known.incident INTO there FROM zelk_row(again.key) known;
-      IF there::text <> again.line AND zelk_essence(there::jsonb) <> zelk_essence(again.line::jsonb) THEN
-        INSERT INTO zelk_rejected (host, place, reason, line)
-          VALUES (again.host, again.place, 'another incident has this Error ID', zelk_bytes(again.line)) ON CONFLICT DO NOTHING;
-      END IF;
-    END LOOP;
-  END IF;
+  GET DIAGNOSTICS count = ROW_COUNT;
+  RETURN CASE WHEN count = cardinality(array_remove(keys, NULL)) THEN keys END;
 END $$;
 
 -- ---- Asking -----------------------------------------------------------------------------------------------------------

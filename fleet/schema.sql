@@ -533,56 +533,6 @@ EXCEPTION WHEN data_exception OR program_limit_exceeded OR statement_too_complex
   reason := SQLERRM; -- no JSON, \u0000, nested too deep, a 31st of June
 END $$;
 
--- What an incident says where its line is one as nearly all are: short escapes, an Error ID, and if zelk_are_usual says so of its `rest`,
--- numbers of few digits and an address of IPv4. zelk_read would say the same of it, and takes three times as long. No row where it
--- has to be asked. (Read it from the inside. "OFFSET 0" has each step done once.)
-DROP FUNCTION IF EXISTS zelk_usual(text);
-CREATE FUNCTION zelk_usual(line text) RETURNS TABLE (key text, cause text, at timestamptz, bucket smallint, rest text) LANGUAGE sql STABLE AS $$
-  SELECT said.key, said.cause, said.at, zelk_bucket(said.key, said.bytes),
-         said.key || coalesce(said.cause, '') || ' ' || node || '.' || numbers || values || E'\n' FROM (
-    SELECT *, zelk_time(key, bytes) AS at, CASE more WHEN 2 THEN parts[14] END AS cause, parts[16 + more] AS time,
-           parts[20 + more] AS id_time, parts[24 + more] AS node,
-           parts[7] || parts[33 + more] || parts[35 + more] || parts[37 + more] || parts[53 + more] || parts[61 + more]
-             || parts[63 + more] AS numbers,
-           CASE WHEN arguments <> '' THEN
-             replace(replace(replace(replace(replace(arguments || ',', '{"type":"string","value":', 's'), '{"type":"int","value":', 'i'),
-               '{"type":"long","value":', 'i'), '{"type":"long_long","value":', 'b'), '{"type":"double","value":', 'd') ELSE '' END AS values
-      FROM (
-      SELECT *, parts[10] AS key, convert_to(parts[10], 'UTF8') AS bytes, cardinality(parts) - 73 AS more FROM ( -- 2 where there is a cause
-        SELECT spine, arguments, string_to_array(spine, '"') AS parts FROM (
-          -- Without its arguments a line has a fixed number of quotes, so each text has its place between them.
-          SELECT text, head || '|' || split_part(rest, ']},"description":', 2) AS spine, split_part(rest, ']},"description":', 1) AS arguments
-            FROM (
-            SELECT *, split_part(text, '"arguments":[', 1) AS head, split_part(text, '"arguments":[', 2) AS rest FROM (
-              SELECT CASE WHEN line LIKE '%\\"%' THEN replace(replace(line, '\\', '__'), '\"', '__') ELSE line END AS text
-                -- Between texts there are signs, numbers and null, so no name is anywhere else.
-                WHERE line ~ '^(?:"(?:[^"\\\x01-\x1f\x7f-\x9f]|\\["\\bfnrt])*"|[][{}:,.0-9+enul-])*$'
-              OFFSET 0) plain
-            OFFSET 0) halves
-          OFFSET 0) apart
-        WHERE octet_length(spine) + octet_length(arguments) + octet_length('"arguments":[]},"description":') - 1 = octet_length(text)
-        OFFSET 0) quoted
-      OFFSET 0) counted
-    WHERE spine LIKE '{"stack":"%","offset":%,"id":"__________________________________________",' ||
-      CASE more WHEN 0 THEN '"cause":null' WHEN 2 THEN '"cause":"__________________________________________"' END ||
-      ',"time":"%","id\_time":"%","node":"%","process":{"name":"%","id":%,"parent":%,"thread":%},'
-      '"source":{"file":"%","version":"%","product":"%","line":%},'
-      '"message":{"catalog":"%","set":%,"number":%,"default":"%",|"%","details":"%"}'
-    OFFSET 0) said
-  WHERE numbers LIKE ':%,:%,:%,:%},:%},:%,:%,' AND numbers NOT LIKE ALL (ARRAY['%:%:%:%:%:%:%:%:%', '%}%}%}%', ':-%'])
-    AND left(id_time, 19) || 'Z' = time AND time COLLATE "C" BETWEEN '1970-01-01T00:00:01Z' AND '2038-01-19T03:14:07Z'
-    AND reverse(substr(key, 16, 2)) COLLATE "C" < '1o' -- surely less than a million microseconds
-    AND to_char(said.at AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"') = id_time $$;
-
--- Whether that is so of the rest of a line, or of those of many lines in one text: PostgreSQL builds the states of a pattern anew for
--- each text, which takes as long as a thousand lines do.
-CREATE OR REPLACE FUNCTION zelk_are_usual(rests text) RETURNS boolean LANGUAGE sql IMMUTABLE
-RETURN rests !~ '[0-9]{19}\}|d[-.0-9]{17,}\}' -- of a double 15 digits are told apart
-  AND rests ~ ('^(?:[./0-9A-Za-z]+ (?:(?:[1-9]?[0-9]|1[0-9][0-9]|2[0-4][0-9]|25[0-5])\.){4}'
-    '(?::(?:0|-?[1-9][0-9]{0,8})\}?,)*' -- a loop, since states that are met once are what takes long
-    '(?:(?:s"[^"\n]*"|i(?:0|-?[1-9][0-9]{0,8})|b(?:0|-?[1-9][0-9]*)|d-?'
-        '(?:0\.0|0\.0{0,2}[1-9]|0\.0{0,3}[1-9][0-9]*[1-9]|[1-9][0-9]*\.[0-9]*[1-9]|[1-9]0{0,4}\.0|[1-9][0-9]*[1-9]0{0,5}\.0))\},)*\n)*$');
-
 -- A line as the bytes that came.
 CREATE OR REPLACE FUNCTION zelk_bytes(line text) RETURNS bytea LANGUAGE sql IMMUTABLE
 RETURN CASE
@@ -601,21 +551,52 @@ CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUA
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
 
 -- What each of the lines is. (Inlined.)
-DROP FUNCTION IF EXISTS zelk_judged(text[], text[], text[]);
-CREATE FUNCTION zelk_judged(hosts text[], places text[], lines text[])
+DROP FUNCTION IF EXISTS zelk_usual(text), zelk_are_usual(text); -- of an earlier version
+CREATE OR REPLACE FUNCTION zelk_judged(hosts text[], places text[], lines text[])
 RETURNS TABLE (host text, place text, line text, number bigint, kind text, key text, cause text, at timestamptz, bucket smallint, stack text,
                reason text) LANGUAGE sql STABLE AS $$
-  WITH seen AS MATERIALIZED (
-    SELECT each.*, usual.*
-      FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number) LEFT JOIN LATERAL zelk_usual(each.line) usual ON true
+  SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), each.line, each.number, said.kind, said.key, said.cause,
+         zelk_time(said.key), zelk_bucket(said.key), said.stack, said.reason
+    FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number), zelk_read(each.host, each.line) said $$;
+
+-- Makes the months that rows of now and of the next days belong to.
+CREATE OR REPLACE FUNCTION zelk_make_months() RETURNS void LANGUAGE plpgsql AS $$
+DECLARE
+  month timestamptz;
+BEGIN
+  FOREACH month IN ARRAY ARRAY[now(), now() + interval '3 days'] LOOP
+    IF to_regclass('zelk_incident_' || to_char(month AT TIME ZONE 'UTC', 'YYYY_MM')) IS NULL THEN
+      PERFORM zelk_try_partition(month);
+    END IF;
+  END LOOP;
+END $$;
+
+-- Makes rows of the incidents that have a key, where there is none with it; returns the keys of those. In the order of keys, so that
+-- sessions with the same lines wait for each other in a row, not in a circle.
+CREATE OR REPLACE FUNCTION zelk_add(hosts text[], lines text[], keys text[], causes text[], times timestamptz[], buckets smallint[])
+RETURNS text[] LANGUAGE plpgsql AS $$
+DECLARE
+  added text[];
+BEGIN
+  WITH new AS (
+    INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
+      SELECT bucket, at, key, cause, left(coalesce(host, ''), 255), line::json
+        FROM unnest(hosts, lines, keys, causes, times, buckets) WITH ORDINALITY AS each (host, line, key, cause, at, bucket, number)
+        WHERE key IS NOT NULL ORDER BY key COLLATE "C", number
+      ON CONFLICT DO NOTHING RETURNING zelk_incident.key
   )
-  SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), each.line, each.number,
-         CASE WHEN is_usual THEN 'incident' ELSE said.kind END, CASE WHEN is_usual THEN each.key ELSE said.key END,
-         CASE WHEN is_usual THEN each.cause ELSE said.cause END, CASE WHEN is_usual THEN each.at ELSE zelk_time(said.key) END,
-         CASE WHEN is_usual THEN each.bucket ELSE zelk_bucket(said.key) END, said.stack, said.reason
-    FROM (SELECT *, rest IS NOT NULL AND ((SELECT zelk_are_usual(string_agg(rest, '')) FROM seen) OR zelk_are_usual(rest)) AS is_usual
-            FROM seen OFFSET 0) each
-      LEFT JOIN LATERAL (SELECT * FROM zelk_read(each.host, each.line) WHERE NOT is_usual OFFSET 0) said ON true $$;
+  SELECT array_agg(new.key) INTO added FROM new;
+  RETURN added;
+END $$;
+
+-- Rejects incidents whose keys are those of others.
+CREATE OR REPLACE FUNCTION zelk_reject_others(hosts text[], places text[], lines text[], keys text[]) RETURNS void LANGUAGE sql AS $$
+  INSERT INTO zelk_rejected (host, place, reason, line)
+    SELECT each.host, each.place, 'another incident has this Error ID', zelk_bytes(each.line)
+      FROM unnest(hosts, places, lines, keys) AS each (host, place, line, key), zelk_row(each.key) known
+      WHERE known.incident::text <> each.line AND zelk_essence(known.incident::jsonb) <> zelk_essence(each.line::jsonb)
+      ORDER BY each.host, each.place, each.line
+    ON CONFLICT DO NOTHING $$;
 
 -- Takes lines of zkexport from nodes, which may be the same one. Whatever a line holds, it comes to a table, and the same line
 -- comes to the same row; an error means that the database cannot take them now, and that they have to be sent again. A line that
@@ -624,23 +605,11 @@ CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on
 SET plan_cache_mode = force_generic_plan SET jit = off SET work_mem = '8MB' AS $$
 DECLARE
-  month timestamptz;
-  repeated bigint[]; -- numbers of lines
+  incidents record;
 BEGIN
-  FOREACH month IN ARRAY ARRAY[now(), now() + interval '3 days'] LOOP
-    IF to_regclass('zelk_incident_' || to_char(month AT TIME ZONE 'UTC', 'YYYY_MM')) IS NULL THEN
-      PERFORM zelk_try_partition(month); -- while nothing is locked that another session waits for
-    END IF;
-  END LOOP;
-
-  -- All in the order of their keys, so that sessions with the same lines wait for each other in a row, not in a circle.
+  PERFORM zelk_make_months(); -- while nothing is locked that another session waits for
   WITH came AS MATERIALIZED (
     SELECT * FROM zelk_judged(hosts, places, lines)
-  ), first AS MATERIALIZED (
-    SELECT DISTINCT ON (key COLLATE "C") * FROM came WHERE kind = 'incident' ORDER BY key COLLATE "C", number
-  ), added AS (
-    INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
-      SELECT bucket, at, key, cause, host, line::json FROM first ON CONFLICT DO NOTHING RETURNING key
   ), noticed AS (
     INSERT INTO zelk_notice (host, place, kind, stack, notice)
       SELECT host, place, kind, stack, line::json FROM came WHERE kind IN ('gap', 'error') ORDER BY came.host, came.place, came.line
@@ -650,22 +619,41 @@ BEGIN
       SELECT host, place, reason, zelk_bytes(line) FROM came WHERE kind IS NULL ORDER BY came.host, came.place, came.line
       ON CONFLICT DO NOTHING
   )
-  SELECT CASE WHEN (SELECT count(*) FROM added) < (SELECT count(*) FROM came WHERE kind = 'incident') THEN
-      ARRAY(SELECT number FROM came WHERE kind = 'incident'
-            AND (key NOT IN (SELECT key FROM added) OR number NOT IN (SELECT number FROM first))) END
-    INTO repeated;
+  SELECT array_agg(host) AS hosts, array_agg(place) AS places, array_agg(line) AS lines, array_agg(key) AS keys,
+         array_agg(cause) AS causes, array_agg(at) AS times, array_agg(bucket) AS buckets
+    INTO incidents FROM (SELECT * FROM came WHERE kind = 'incident' ORDER BY number) incident;
+  IF incidents.keys IS NOT NULL THEN
+    PERFORM zelk_put_many(incidents.hosts, incidents.places, incidents.lines, incidents.keys, incidents.causes, incidents.times,
+                          incidents.buckets);
+  END IF;
+END $$;
 
-  -- Some were there already, perhaps as something else.
-  IF repeated IS NOT NULL THEN
-    INSERT INTO zelk_rejected (host, place, reason, line)
-      SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), 'another incident has this Error ID',
-             zelk_bytes(each.line)
-        FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number), zelk_read(each.host, each.line) said,
-             zelk_row(said.key) known
-        WHERE each.number = ANY (repeated) AND known.incident::text <> each.line
-          AND zelk_essence(known.incident::jsonb) <> zelk_essence(each.line::jsonb)
-        ORDER BY each.host, each.place, each.line
-      ON CONFLICT DO NOTHING;
+-- The same, from what has read the lines: of one that it knows to be an incident's, byte for byte, it says what zelk_read, zelk_time and
+-- zelk_bucket would, and of any other null. It is believed: what may call this may tell whatever it likes, too.
+CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[], keys text[], causes text[], times timestamptz[],
+                                         buckets smallint[]) RETURNS void
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on
+SET plan_cache_mode = force_generic_plan SET jit = off SET work_mem = '8MB' AS $$
+DECLARE
+  added text[]; -- keys
+  repeated record;
+  others record;
+BEGIN
+  PERFORM zelk_make_months();
+  added := zelk_add(hosts, lines, keys, causes, times, buckets);
+  IF coalesce(cardinality(added), 0) < cardinality(array_remove(keys, NULL)) THEN -- some were there already, perhaps as something else
+    SELECT array_agg(left(coalesce(host, ''), 255)) AS hosts, array_agg(left(coalesce(place, ''), 255)) AS places, array_agg(line) AS lines,
+           array_agg(key) AS keys
+      INTO repeated
+      FROM (SELECT *, row_number() OVER (PARTITION BY key ORDER BY number) > 1 AS is_second
+              FROM unnest(hosts, places, lines, keys) WITH ORDINALITY AS each (host, place, line, key, number) WHERE key IS NOT NULL) each
+      WHERE is_second OR key NOT IN (SELECT unnest(added));
+    PERFORM zelk_reject_others(repeated.hosts, repeated.places, repeated.lines, repeated.keys);
+  END IF;
+  IF array_position(keys, NULL) IS NOT NULL THEN
+    SELECT array_agg(host) AS hosts, array_agg(place) AS places, array_agg(line) AS lines INTO others
+      FROM unnest(hosts, places, lines, keys) AS each (host, place, line, key) WHERE key IS NULL;
+    PERFORM zelk_put_many(others.hosts, others.places, others.lines);
   END IF;
 END $$;
 
@@ -898,7 +886,8 @@ BEGIN
     EXECUTE format('REVOKE ALL ON FUNCTION %s FROM PUBLIC', name);
   END LOOP;
 END $$;
-GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]) TO zelk_writer;
+GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]),
+  zelk_put_many(text[], text[], text[], text[], text[], timestamptz[], smallint[]) TO zelk_writer;
 GRANT EXECUTE ON FUNCTION zelk_digit(bytea, int), zelk_time(text, bytea), zelk_bucket(text, bytea), zelk_time(text), zelk_bucket(text),
   zelk_row(text), zelk_trail(text), zelk_causes(text), zelk_levels(text), zelk_effects(text), zelk_chain(text), zelk_recent(timestamptz),
   zelk_earlier(timestamptz), zelk_numbered(timestamptz), zelk_heads(int[]), zelk_ranked(timestamptz), zelk_first_causes(timestamptz)

@@ -91,7 +91,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_EXPECT(line.find('\n') == line.size() - 1);
     chain.incidents.push_back(incident);
     line.pop_back();
-    FUZZ_EXPECT(parse_json_line(line, &parsed.incidents.emplace_back(), &damage) == line_t::INCIDENT);
+    FUZZ_EXPECT(parse_json_line(line, &parsed.incidents.emplace_back(), &damage) == line_kind_t::INCIDENT);
   }
   const damage_t found = end_stack(&reader);
   if (found.code != ZELK_SUCCESS) {
@@ -99,7 +99,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     write_json_damage(name, found, &line);
     expect_printable(line, false);
     line.pop_back();
-    FUZZ_EXPECT(parse_json_line(line, &incident, &damage) == line_t::DAMAGE && damage == found);
+    FUZZ_EXPECT(parse_json_line(line, &incident, &damage) == line_kind_t::DAMAGE && damage == found);
     chain.notes.push_back(damage_note(name, found));
   }
   for (chain_t* each : {&chain, &parsed}) {

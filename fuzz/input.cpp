@@ -6,11 +6,11 @@
 #include "fuzz.h"
 #include "json_line.h"
 
-static std::string written(line_t kind, const incident_t& incident, const damage_t& damage) {
+static std::string written(line_kind_t kind, const incident_t& incident, const damage_t& damage) {
   std::string line;
-  if (kind == line_t::INCIDENT) write_json(incident, &line);
-  if (kind == line_t::GAP) write_json_gap(incident.stack, &line);
-  if (kind == line_t::DAMAGE) write_json_damage(incident.stack, damage, &line);
+  if (kind == line_kind_t::INCIDENT) write_json(incident, &line);
+  if (kind == line_kind_t::GAP) write_json_gap(incident.stack, &line);
+  if (kind == line_kind_t::DAMAGE) write_json_damage(incident.stack, damage, &line);
   FUZZ_EXPECT(line.find('\n') == line.size() - 1);
   line.pop_back();
   return line;
@@ -19,8 +19,8 @@ static std::string written(line_t kind, const incident_t& incident, const damage
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   incident_t incident, again;
   damage_t damage;
-  const line_t kind = parse_json_line({reinterpret_cast<const char*>(data), size}, &incident, &damage);
-  if (kind == line_t::NOTHING) return 0;
+  const line_kind_t kind = parse_json_line({reinterpret_cast<const char*>(data), size}, &incident, &damage);
+  if (kind == line_kind_t::NOTHING) return 0;
   const std::string line = written(kind, incident, damage);
   FUZZ_EXPECT(parse_json_line(line, &again, &damage) == kind);
   FUZZ_EXPECT(written(kind, again, damage) == line);

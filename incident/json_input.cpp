@@ -252,19 +252,19 @@ static bool is_time_of_id(const incident_t& incident) {
 }
 
 /* What a line is by its members. */
-static line_t line_of(const object_t& line, bool is_gap, bool is_damage) {
+static line_kind_t line_of(const object_t& line, bool is_gap, bool is_damage) {
   auto member = [&](std::string_view key) { return members_t{1} << find_field(line.fields, key, 0); };
   const members_t needed = line.members | member("cut");
   const members_t missing =
       all_of(line.fields) & ~needed; /* what comes of an Error ID: a node may be known without one */
   const bool is_whole = missing == 0 || missing == member("id_time") || missing == (member("id_time") | member("node"));
   const bool is_stack = line.members == member("stack");
-  if (!is_gap && !is_damage && is_whole) return line_t::INCIDENT;
-  if (is_gap != is_damage && is_stack) return is_gap ? line_t::GAP : line_t::DAMAGE;
-  return line_t::NOTHING;
+  if (!is_gap && !is_damage && is_whole) return line_kind_t::INCIDENT;
+  if (is_gap != is_damage && is_stack) return is_gap ? line_kind_t::GAP : line_kind_t::DAMAGE;
+  return line_kind_t::NOTHING;
 }
 
-line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* damage) {
+line_kind_t parse_json_line(std::string_view text, incident_t* incident, damage_t* damage) {
   json_reader_t reader = {text};
   object_t line = {.fields = INCIDENT_FIELDS};
   std::string key;
@@ -281,9 +281,9 @@ line_t parse_json_line(std::string_view text, incident_t* incident, damage_t* da
       is_read = !is_damage && (is_damage = read_damage(&reader, damage));
     else
       is_read = read_member(&reader, key, &line, incident);
-    if (!is_read) return line_t::NOTHING;
+    if (!is_read) return line_kind_t::NOTHING;
   }
-  if (!members.is_over || !is_json_over(&reader) || !restore_bytes(line, incident)) return line_t::NOTHING;
-  const line_t kind = line_of(line, is_gap, is_damage);
-  return kind != line_t::INCIDENT || is_time_of_id(*incident) ? kind : line_t::NOTHING;
+  if (!members.is_over || !is_json_over(&reader) || !restore_bytes(line, incident)) return line_kind_t::NOTHING;
+  const line_kind_t kind = line_of(line, is_gap, is_damage);
+  return kind != line_kind_t::INCIDENT || is_time_of_id(*incident) ? kind : line_kind_t::NOTHING;
 }
