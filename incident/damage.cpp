@@ -58,9 +58,8 @@ std::string damage_text(const damage_t& damage) {
 }
 
 std::string told_damage(const damage_t& damage, const std::string& path) {
-  if (damage.offset < 0 && damage == damage_of(damage.code)) return reason_of(damage.code, path);
-  if (damage.offset < 0 && damage.reason == english_text(TOOL_MSG_TOO_LARGE)) return message_text(TOOL_MSG_TOO_LARGE);
-  if (damage.offset < 0) return damage.reason;
+  if (damage.reason == english_text(TOOL_MSG_TOO_LARGE)) return message_text(TOOL_MSG_TOO_LARGE);
+  if (damage.offset < 0) return damage == damage_of(damage.code) ? reason_of(damage.code, path) : damage.reason;
   return damage_text(damage) + (is_no_stack(damage) ? "" : "; " + message_text(TOOL_MSG_HOW_TO_SET_ASIDE));
 }
 
