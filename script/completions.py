@@ -140,20 +140,22 @@ def cases_behind(command, *given):
 
 
 def cases_of_value(command, option):
-    """The same of the value of an option, in each way of writing it, also behind another letter."""
-    flags = [other.names[0] for other in OPTIONS[command] if not other.value and len(other.names[0]) == 2 and not is_help(other)
-             and may_stand_beside(command, option, other) and takes(command, (other, ""), (option, values_of(option)[0]))]
-    stems = [name + "=" * name.startswith("--") for name in option.names]
-    stems += [flags[0] + name[1] for name in option.names if flags and len(name) == 2]
+    """The same of the value of an option, in each way of writing it, also behind any other letter."""
+    stems = {name + "=" * name.startswith("--"): values_of(option) for name in option.names}
+    for flag in OPTIONS[command]:
+        if flag.value or len(flag.names[0]) != 2 or len(option.names[0]) != 2 or not may_stand_beside(command, flag, option):
+            continue
+        stems[flag.names[0] + option.names[0][1]] = [
+            value for value in values_of(option) if takes(command, (flag, ""), (option, value))]
     if not option.value.startswith("["):
-        stems += [f"{stem.rstrip('=')} " for stem in stems]
+        stems.update({f"{stem.rstrip('=')} ": values for stem, values in stems.items()})
     named = f"{command} {option.names[-1]}"
-    for stem in stems:
+    for stem, values in stems.items():
         for typed, (files, stacks) in {**TYPED, **{word[0]: ([], []) for word in option.words}}.items():
             offered = files if named in FILES else stacks if named in STACKS else []
-            offered = offered or [word for word in option.words if word.startswith(typed)]
-            if typed or not stem[-1].isalpha():  # after a letter nothing says that a value begins
-                yield f"{command} {stem}{typed}", stem.rstrip(" ") if stem[-1] != " " else "", offered
+            offered = offered or [word for word in option.words if word in values and word.startswith(typed)]
+            if values and (typed or not stem[-1].isalpha()):  # after a letter nothing says that a value begins
+                yield f"{command} {stem}{typed}", stem if stem[-1] != " " else "", offered
 
 
 def all_cases():

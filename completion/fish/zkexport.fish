@@ -5,8 +5,14 @@ complete -c zkexport -f
 # option of "json" alone, a "picture", or an option by its name.
 function __zkexport_may -a what
     set -l words (commandline -opc)[2..]
-    __zkview_at -o --format -i --id -c --cursor-file -n --lines --since --until --process --product --node --grep --output \
-        --max-stack --color; and set -e words[-1]
+    # Of a word whose last letter awaits what is at the cursor, and of the word there, the letters before count.
+    if __zkview_at -o --format -i --id -c --cursor-file -n --lines --since --until --process --product --node --grep --output \
+            --max-stack --color
+        set -l word $words[-1]
+        set -e words[-1]
+        set -a words (string match -r '^-[ef]+(?=.$)' -- $word)
+    end
+    set -a words (commandline -ct | string match -r '^-[ef]+(?=[a-z])')
     argparse o/format= i/id= e/every input f/follow c/cursor-file= n/lines= chain since= until= process= product= node= grep= \
         output= max-stack= color= h/help version -- $words 2>/dev/null; or return 1
     set -q _flag_help; or set -q _flag_version; and return 1
