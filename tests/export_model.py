@@ -150,7 +150,7 @@ def hold_parts_of_seconds():
 
 def hold_times():
     second = START + chance.randrange(86400)
-    zones = [("", 0), ("Z", 0), (" UTC", 0), ("+05:30", 330), ("-0330", -210), (" +02", 120)]
+    zones = [("", 0), ("Z", 0), (" UTC", 0), ("+05:30", 330), ("-0330", -210), (" +02", 120), ("+23:59", 1439)]
     for part, later in [("", 0), (".0", 0), (".000000001", 1), (".000001", 1), (".4", 1), (".999999999", 1)]:
         for text in [f"@{second}{part}", *(f"{utc(second + 60 * minutes)[:-1]}{part}{zone}" for zone, minutes in zones)]:
             hold_time(text, [second - 1, second, second + 1], [second, second + 1][later:])
