@@ -4,11 +4,13 @@
 
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 static constexpr char DESTINATION[] = "org.freedesktop.systemd1";
 static constexpr char UNIT[] = "org.freedesktop.systemd1.Unit";
@@ -124,6 +126,25 @@ static void read_needs(const bus_object_t& object, unit_t* unit) {
   append_names(object, "PartOf", &unit->needs);
 }
 
+/* Whether the property `name`, statuses and signals, has that which the main process ended with. */
+static bool has_end_of_main(const bus_object_t& object, const char* name, const unit_t& unit) {
+  sd_bus_message* reply = nullptr;
+  bool has_end = false;
+  if (sd_bus_get_property(object.bus, DESTINATION, object.path.c_str(), SERVICE, name, nullptr, &reply, "(aiai)") >=
+          0 &&
+      sd_bus_message_enter_container(reply, 'r', "aiai") >= 0) {
+    for (const bool is_of_exits : {true, false}) {
+      const void* numbers = nullptr;
+      size_t size = 0;
+      if (sd_bus_message_read_array(reply, 'i', &numbers, &size) < 0) break;
+      const std::span ends(static_cast<const int32_t*>(numbers), size / sizeof(int32_t));
+      if (is_of_exits == (unit.code == CLD_EXITED)) has_end = std::ranges::find(ends, unit.status) != ends.end();
+    }
+  }
+  sd_bus_message_unref(reply);
+  return has_end;
+}
+
 /* Whether a failure with that result is one after which "Restart=`policy`" starts the service again. */
 static bool restarts_after(const std::string& policy, const std::string& result) {
   const bool is_signal = result == "signal" || result == "core-dump";
@@ -154,6 +175,7 @@ std::string read_unit(const std::string& name, unit_t* unit) {
   const int64_t ended = time_of(object, SERVICE, "ExecMainExitTimestampMonotonic");
   const int64_t began = time_of(object, SERVICE, "ExecMainStartTimestampMonotonic");
   unit->run_time = ended > began ? ended - began : 0;
+  const bool is_prevented = has_end_of_main(object, "RestartPreventExitStatus", *unit);
   /* Where the main process did not fail, the first command that did is the last in this order. */
   const bool is_main = is_end_of(unit->result, unit->code, unit->status);
   for (const char* property : {"ExecStopPost", "ExecStop", "ExecStartPost", "ExecStartPre", "ExecCondition"})
@@ -162,7 +184,7 @@ std::string read_unit(const std::string& name, unit_t* unit) {
   /* systemd keeps the result of the last start when it gives up restarting. */
   const uint32_t burst = number_of<uint32_t>(object, UNIT, "StartLimitBurst", 'u');
   const bool is_to_restart = restarts_after(text_of(object, SERVICE, "Restart"), unit->result);
-  if (is_to_restart && burst > 0 && unit->restarts >= burst) unit->result = "start-limit-hit";
+  if (is_to_restart && !is_prevented && burst > 0 && unit->restarts >= burst) unit->result = "start-limit-hit";
   read_needs(object, unit);
   sd_bus_flush_close_unref(object.bus);
   return "";
