@@ -128,6 +128,12 @@ class Chains(StackTest):
             source = self.newest()["source"]
             found = self.newest()["description"], source["file"], source["line"], source["product"]
             self.assertEqual(found, ("OSError", "backup.py", 2, product))
+        try:
+            line = sys._getframe().f_lineno + 1
+            raise OSError("and handled by the same frame")
+        except OSError as exception:
+            self.record(exception)
+        self.assertEqual(self.newest()["source"]["line"], line)
         self.record(OSError("never raised"))
         here = {"file": __file__, "product": __name__, "line": type(self).record.__code__.co_firstlineno + 1}
         self.assertLess(here.items(), self.newest()["source"].items())
