@@ -51,8 +51,10 @@ class Chains(StackTest):
                 self.assertEqual(newest_id, ids[newest], seed)
 
     def test_a_message_takes_the_place_of_the_text_which_goes_into_the_details(self):
-        self.record(ValueError("bad number"), message="Job 7 ended: 100% lost")
-        self.assertEqual(self.newest()["description"], "Job 7 ended: 100% lost")
+        newest = ValueError("bad number")
+        newest.__cause__ = OSError("no disk")
+        self.record(newest, message="Job 7 ended: 100% lost")
+        self.assertEqual([each["description"] for each in self.incidents()], ["OSError: no disk", "Job 7 ended: 100% lost"])
         self.assertEqual(self.newest()["details"], "ValueError: bad number")
 
     def test_what_an_exception_does_not_stop_the_recording(self):
@@ -238,6 +240,7 @@ class Logging(StackTest):
         root = logging.Logger("root")
         root.addHandler(self.handler)
         root.addFilter(lambda record: seen.append(record) or True)
+        root.error("%s", "a tuple")
         root.error("%(what)s", {"what": "a mapping"})
         root.critical({"any": "object"})
         self.assertEqual([record.zelk_id for record in seen], [incident["id"] for incident in self.incidents()])
