@@ -88,7 +88,7 @@ static std::string recorded(const char* stack, int32_t process, int32_t parent, 
   incident.argument_count = 1;
   zk_recorder_t* recorder = nullptr;
   zk_eid_t eid = "";
-  zk_open_or_create_recorder(0, nullptr, stack, 0, &recorder);
+  zk_open_or_create_recorder(0, nullptr, stack, 8192, &recorder); /* the smallest */
   EXPECT_EQ(zk_record_incident(0, nullptr, recorder, &incident, eid), ZELK_SUCCESS);
   zk_close_recorder(recorder);
   return eid;
