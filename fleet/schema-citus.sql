@@ -41,18 +41,17 @@ SELECT create_distributed_table('zelk_incident', 'bucket') \g /dev/null
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
 
 -- Which of the rows were added is not told where not all of them were.
-CREATE OR REPLACE FUNCTION zelk_add(hosts text[], lines text[], keys text[], causes text[], times timestamptz[], buckets smallint[])
-RETURNS text[] LANGUAGE plpgsql AS $$
+CREATE OR REPLACE FUNCTION zelk_add(hosts text[], lines text[], keys text[], causes text[]) RETURNS text[] LANGUAGE plpgsql AS $$
 DECLARE
   count bigint;
 BEGIN
   INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
-    SELECT bucket, at, key, cause, left(coalesce(host, ''), 255), line::json
-      FROM unnest(hosts, lines, keys, causes, times, buckets) WITH ORDINALITY AS each (host, line, key, cause, at, bucket, number)
-      WHERE key IS NOT NULL ORDER BY key COLLATE "C", number
+    SELECT zelk_bucket(each.key), zelk_time(each.key), each.key, each.cause, left(coalesce(each.host, ''), 255), each.line::json
+      FROM unnest(hosts, lines, keys, causes) WITH ORDINALITY AS each (host, line, key, cause, number) WHERE each.key IS NOT NULL
+      ORDER BY each.key COLLATE "C", each.number
     ON CONFLICT DO NOTHING;
   GET DIAGNOSTICS count = ROW_COUNT;
-  RETURN CASE WHEN count = cardinality(array_remove(keys, NULL)) THEN keys END;
+  RETURN CASE WHEN count = cardinality(array_remove(keys, NULL)) THEN array_remove(keys, NULL) END;
 END $$;
 
 -- ---- Asking -----------------------------------------------------------------------------------------------------------

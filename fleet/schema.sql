@@ -550,112 +550,84 @@ CREATE OR REPLACE FUNCTION zelk_row(key text) RETURNS SETOF zelk_incident LANGUA
 
 -- ---- Taking lines in --------------------------------------------------------------------------------------------------
 
--- What each of the lines is. (Inlined.)
-DROP FUNCTION IF EXISTS zelk_usual(text), zelk_are_usual(text); -- of an earlier version
-CREATE OR REPLACE FUNCTION zelk_judged(hosts text[], places text[], lines text[])
-RETURNS TABLE (host text, place text, line text, number bigint, kind text, key text, cause text, at timestamptz, bucket smallint, stack text,
-               reason text) LANGUAGE sql STABLE AS $$
-  SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), each.line, each.number, said.kind, said.key, said.cause,
-         zelk_time(said.key), zelk_bucket(said.key), said.stack, said.reason
-    FROM unnest(hosts, places, lines) WITH ORDINALITY AS each (host, place, line, number), zelk_read(each.host, each.line) said $$;
+DROP FUNCTION IF EXISTS zelk_usual(text), zelk_are_usual(text), zelk_judged(text[], text[], text[]); -- of an earlier version
 
--- Makes the months that rows of now and of the next days belong to.
-CREATE OR REPLACE FUNCTION zelk_make_months() RETURNS void LANGUAGE plpgsql AS $$
-DECLARE
-  month timestamptz;
-BEGIN
-  FOREACH month IN ARRAY ARRAY[now(), now() + interval '3 days'] LOOP
-    IF to_regclass('zelk_incident_' || to_char(month AT TIME ZONE 'UTC', 'YYYY_MM')) IS NULL THEN
-      PERFORM zelk_try_partition(month);
-    END IF;
-  END LOOP;
-END $$;
-
--- Makes rows of the incidents that have a key, where there is none with it; returns the keys of those. In the order of keys, so that
+-- Makes rows of the lines that have a key, where there is none with it; returns the keys of those. In the order of keys, so that
 -- sessions with the same lines wait for each other in a row, not in a circle.
-CREATE OR REPLACE FUNCTION zelk_add(hosts text[], lines text[], keys text[], causes text[], times timestamptz[], buckets smallint[])
-RETURNS text[] LANGUAGE plpgsql AS $$
+CREATE OR REPLACE FUNCTION zelk_add(hosts text[], lines text[], keys text[], causes text[]) RETURNS text[] LANGUAGE plpgsql AS $$
 DECLARE
   added text[];
 BEGIN
   WITH new AS (
     INSERT INTO zelk_incident (bucket, time, key, cause, host, incident)
-      SELECT bucket, at, key, cause, left(coalesce(host, ''), 255), line::json
-        FROM unnest(hosts, lines, keys, causes, times, buckets) WITH ORDINALITY AS each (host, line, key, cause, at, bucket, number)
-        WHERE key IS NOT NULL ORDER BY key COLLATE "C", number
-      ON CONFLICT DO NOTHING RETURNING zelk_incident.key
+      SELECT zelk_bucket(each.key, bytes), zelk_time(each.key, bytes), each.key, each.cause, left(coalesce(each.host, ''), 255), each.line::json
+        FROM (SELECT *, convert_to(key, 'UTF8') AS bytes
+                FROM unnest(hosts, lines, keys, causes) WITH ORDINALITY AS of (host, line, key, cause, number) WHERE key IS NOT NULL OFFSET 0) each
+        ORDER BY each.key COLLATE "C", each.number
+      ON CONFLICT DO NOTHING RETURNING key
   )
   SELECT array_agg(new.key) INTO added FROM new;
   RETURN added;
 END $$;
 
--- Rejects incidents whose keys are those of others.
-CREATE OR REPLACE FUNCTION zelk_reject_others(hosts text[], places text[], lines text[], keys text[]) RETURNS void LANGUAGE sql AS $$
-  INSERT INTO zelk_rejected (host, place, reason, line)
-    SELECT each.host, each.place, 'another incident has this Error ID', zelk_bytes(each.line)
-      FROM unnest(hosts, places, lines, keys) AS each (host, place, line, key), zelk_row(each.key) known
-      WHERE known.incident::text <> each.line AND zelk_essence(known.incident::jsonb) <> zelk_essence(each.line::jsonb)
-      ORDER BY each.host, each.place, each.line
-    ON CONFLICT DO NOTHING $$;
-
 -- Takes lines of zkexport from nodes, which may be the same one. Whatever a line holds, it comes to a table, and the same line
 -- comes to the same row; an error means that the database cannot take them now, and that they have to be sent again. A line that
--- begins with "\x" stands for bytes that are no text, in hexadecimal digits.
-CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[]) RETURNS void
+-- begins with "\x" stands for bytes that are no text, in hexadecimal digits. Whoever has read the lines gives the key and the cause that
+-- zelk_read would find with each that is an incident's, byte for byte, and is believed. A line without a key is read here.
+CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[], keys text[], causes text[]) RETURNS void
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on
 SET plan_cache_mode = force_generic_plan SET jit = off SET work_mem = '8MB' AS $$
 DECLARE
-  incidents record;
+  month timestamptz;
+  kinds text[];   -- of lines that are read here
+  stacks text[];
+  reasons text[];
+  added text[];   -- keys
 BEGIN
-  PERFORM zelk_make_months(); -- while nothing is locked that another session waits for
-  WITH came AS MATERIALIZED (
-    SELECT * FROM zelk_judged(hosts, places, lines)
-  ), noticed AS (
+  FOREACH month IN ARRAY ARRAY[now(), now() + interval '3 days'] LOOP
+    IF to_regclass('zelk_incident_' || to_char(month AT TIME ZONE 'UTC', 'YYYY_MM')) IS NULL THEN
+      PERFORM zelk_try_partition(month); -- while nothing is locked that another session waits for
+    END IF;
+  END LOOP;
+
+  IF cardinality(array_remove(keys, NULL)) = cardinality(lines) THEN -- all have been read
+    added := zelk_add(hosts, lines, keys, causes);
+  ELSE
+    SELECT array_agg(coalesce(each.key, said.key) ORDER BY number),
+           array_agg(CASE WHEN each.key IS NULL THEN said.cause ELSE each.cause END ORDER BY number),
+           array_agg(said.kind ORDER BY number), array_agg(said.stack ORDER BY number), array_agg(said.reason ORDER BY number)
+      INTO keys, causes, kinds, stacks, reasons
+      FROM unnest(hosts, lines, keys, causes) WITH ORDINALITY AS each (host, line, key, cause, number)
+        LEFT JOIN LATERAL (SELECT * FROM zelk_read(each.host, each.line) WHERE each.key IS NULL OFFSET 0) said ON true;
+    added := zelk_add(hosts, lines, keys, causes);
     INSERT INTO zelk_notice (host, place, kind, stack, notice)
-      SELECT host, place, kind, stack, line::json FROM came WHERE kind IN ('gap', 'error') ORDER BY came.host, came.place, came.line
-      ON CONFLICT DO NOTHING
-  ), rejected AS (
+      SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), each.kind, each.stack, each.line::json
+        FROM unnest(hosts, places, lines, kinds, stacks) AS each (host, place, line, kind, stack)
+        WHERE each.kind IN ('gap', 'error') ORDER BY 1, 2, each.line
+      ON CONFLICT DO NOTHING;
+  END IF;
+
+  -- Some may be none of these; and some may be there already, perhaps as something else.
+  IF coalesce(cardinality(added), 0) < cardinality(lines) THEN
     INSERT INTO zelk_rejected (host, place, reason, line)
-      SELECT host, place, reason, zelk_bytes(line) FROM came WHERE kind IS NULL ORDER BY came.host, came.place, came.line
-      ON CONFLICT DO NOTHING
-  )
-  SELECT array_agg(host) AS hosts, array_agg(place) AS places, array_agg(line) AS lines, array_agg(key) AS keys,
-         array_agg(cause) AS causes, array_agg(at) AS times, array_agg(bucket) AS buckets
-    INTO incidents FROM (SELECT * FROM came WHERE kind = 'incident' ORDER BY number) incident;
-  IF incidents.keys IS NOT NULL THEN
-    PERFORM zelk_put_many(incidents.hosts, incidents.places, incidents.lines, incidents.keys, incidents.causes, incidents.times,
-                          incidents.buckets);
+      SELECT left(coalesce(each.host, ''), 255), left(coalesce(each.place, ''), 255), each.reason, zelk_bytes(each.line) FROM (
+        SELECT of.host, of.place, of.line, of.reason
+          FROM unnest(hosts, places, lines, reasons) AS of (host, place, line, reason) WHERE of.reason IS NOT NULL
+        UNION ALL
+        SELECT of.host, of.place, of.line, 'another incident has this Error ID'
+          FROM (SELECT *, row_number() OVER (PARTITION BY key ORDER BY number) > 1 AS is_second
+                  FROM unnest(hosts, places, lines, keys) WITH ORDINALITY AS of (host, place, line, key, number) WHERE key IS NOT NULL) of,
+               zelk_row(of.key) known
+          WHERE (of.is_second OR of.key NOT IN (SELECT unnest(added))) AND known.incident::text <> of.line
+            AND zelk_essence(known.incident::jsonb) <> zelk_essence(of.line::jsonb)) each
+      ORDER BY 1, 2, each.line
+      ON CONFLICT DO NOTHING;
   END IF;
 END $$;
 
--- The same, from what has read the lines: of one that it knows to be an incident's, byte for byte, it says what zelk_read, zelk_time and
--- zelk_bucket would, and of any other null. It is believed: what may call this may tell whatever it likes, too.
-CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[], keys text[], causes text[], times timestamptz[],
-                                         buckets smallint[]) RETURNS void
-LANGUAGE plpgsql SECURITY DEFINER SET search_path = public, pg_temp SET standard_conforming_strings = on
-SET plan_cache_mode = force_generic_plan SET jit = off SET work_mem = '8MB' AS $$
-DECLARE
-  added text[]; -- keys
-  repeated record;
-  others record;
-BEGIN
-  PERFORM zelk_make_months();
-  added := zelk_add(hosts, lines, keys, causes, times, buckets);
-  IF coalesce(cardinality(added), 0) < cardinality(array_remove(keys, NULL)) THEN -- some were there already, perhaps as something else
-    SELECT array_agg(left(coalesce(host, ''), 255)) AS hosts, array_agg(left(coalesce(place, ''), 255)) AS places, array_agg(line) AS lines,
-           array_agg(key) AS keys
-      INTO repeated
-      FROM (SELECT *, row_number() OVER (PARTITION BY key ORDER BY number) > 1 AS is_second
-              FROM unnest(hosts, places, lines, keys) WITH ORDINALITY AS each (host, place, line, key, number) WHERE key IS NOT NULL) each
-      WHERE is_second OR key NOT IN (SELECT unnest(added));
-    PERFORM zelk_reject_others(repeated.hosts, repeated.places, repeated.lines, repeated.keys);
-  END IF;
-  IF array_position(keys, NULL) IS NOT NULL THEN
-    SELECT array_agg(host) AS hosts, array_agg(place) AS places, array_agg(line) AS lines INTO others
-      FROM unnest(hosts, places, lines, keys) AS each (host, place, line, key) WHERE key IS NULL;
-    PERFORM zelk_put_many(others.hosts, others.places, others.lines);
-  END IF;
-END $$;
+CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[]) RETURNS void
+LANGUAGE sql SECURITY DEFINER SET search_path = public, pg_temp AS $$
+  SELECT zelk_put_many(hosts, places, lines, NULL, NULL) $$;
 
 CREATE OR REPLACE FUNCTION zelk_put(host text, place text, line text) RETURNS void
 LANGUAGE sql SECURITY DEFINER SET search_path = public, pg_temp AS $$
@@ -887,7 +859,7 @@ BEGIN
   END LOOP;
 END $$;
 GRANT EXECUTE ON FUNCTION zelk_put(text, text, text), zelk_put_many(text[], text[], text[]),
-  zelk_put_many(text[], text[], text[], text[], text[], timestamptz[], smallint[]) TO zelk_writer;
+  zelk_put_many(text[], text[], text[], text[], text[]) TO zelk_writer;
 GRANT EXECUTE ON FUNCTION zelk_digit(bytea, int), zelk_time(text, bytea), zelk_bucket(text, bytea), zelk_time(text), zelk_bucket(text),
   zelk_row(text), zelk_trail(text), zelk_causes(text), zelk_levels(text), zelk_effects(text), zelk_chain(text), zelk_recent(timestamptz),
   zelk_earlier(timestamptz), zelk_numbered(timestamptz), zelk_heads(int[]), zelk_ranked(timestamptz), zelk_first_causes(timestamptz)

@@ -155,12 +155,12 @@ def one_judge():
     def array(lines):
         return "ARRAY[" + ",".join(f"$Q${line}$Q$" for line in lines) + "]"
 
-    taken = query(f"SELECT encode(convert_to(line, 'UTF8'), 'hex') FROM zelk_judged('{{}}', '{{}}', {array(lines + written)}) WHERE kind IS NOT NULL")
+    taken = query(f"SELECT encode(convert_to(line, 'UTF8'), 'hex') FROM unnest({array(lines + written)}) line, zelk_read('judge', line) WHERE kind IS NOT NULL")
     taken = [bytes.fromhex(line).decode() for line in taken.splitlines()]  # psql does not print all characters
     expect(f"of {len(lines)} lines those are taken that zkexport writes, {len(set(written))} (seed {seed})", set(taken) ^ set(written), set())
     lines = lines[-3000:]
     put(lines, host="judge")
-    came = f"SELECT key, cause, at, bucket, line FROM zelk_judged(array_fill('judge'::text, ARRAY[3000]), '{{}}', {array(lines)}) WHERE kind = 'incident'"
+    came = f"SELECT key, cause, zelk_time(key), zelk_bucket(key), line FROM unnest({array(lines)}) line, zelk_read('judge', line) WHERE kind = 'incident'"
     there = "SELECT key, cause, time, bucket, incident::text FROM zelk_incident WHERE host = 'judge'"
     expect("zelk-gather says of a line what the database would, or nothing", query(f"({came} EXCEPT {there}) UNION ALL ({there} EXCEPT {came})"), "")
     expect("all lines come to a table", query("SELECT (SELECT count(*) FROM zelk_incident WHERE host = 'judge') + "
@@ -253,12 +253,15 @@ def refused_by_the_database():
     put([line_of(number) for number in range(60)], 2621)
     expect("a line that the database refuses holds up no other", (rows(database="refusing"), query(
         "SELECT convert_from(line, 'UTF8') FROM zelk_rejected ORDER BY place", "refusing").splitlines()), (58, bad))
-    query("""DROP FUNCTION zelk_put_many(text[], text[], text[], text[], text[], timestamptz[], smallint[]);
+    query("ALTER FUNCTION zelk_read(text, text) RENAME TO zelk_unread", "refusing")
+    put([line_of(60)], 2621)
+    expect("usual lines are not read again there", rows(database="refusing"), 59)
+    query("""DROP FUNCTION zelk_put_many(text[], text[], text[], text[], text[]);
         CREATE OR REPLACE FUNCTION zelk_put_many(hosts text[], places text[], lines text[]) RETURNS void LANGUAGE sql SECURITY DEFINER AS $$
             INSERT INTO zelk_rejected SELECT now(), hosts[1], places[1], 'read here', convert_to(lines[1], 'UTF8') $$""", "refusing")
-    put([line_of(60)], 2621)
+    put([line_of(61)], 2621)
     expect("a database that wants to read all lines itself gets them so", query(
-        "SELECT convert_from(line, 'UTF8') FROM zelk_rejected WHERE reason = 'read here'", "refusing"), line_of(60))
+        "SELECT convert_from(line, 'UTF8') FROM zelk_rejected WHERE reason = 'read here'", "refusing"), line_of(61))
     kill(gatherer)
 
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 
 #include "gather.h"
@@ -19,11 +20,10 @@ constexpr int64_t PAUSE_MAX = 3'000;
 constexpr int64_t STATEMENT_TIME = 200;
 constexpr size_t BATCH_BYTES_MIN = 128 << 10;
 
-/* Types of arrays' elements. */
-constexpr uint32_t SMALLINT_OID = 21;
+/* Until the functions of a schema of before are looked at anew. */
+constexpr int64_t PLAIN_TIME = 60'000;
+
 constexpr uint32_t TEXT_OID = 25;
-constexpr uint32_t TIME_OID = 1184;
-constexpr int64_t TIME_ZERO = 946684800000000; /* 2000-01-01, microseconds since the Epoch */
 
 static void database_is_ready(gather_t* gather, source_t* source, uint32_t events);
 
@@ -60,7 +60,6 @@ static void begin_database(gather_t* gather, sink_t* sink) {
   if (sink->connection == nullptr || PQstatus(sink->connection) == CONNECTION_BAD)
     return lose_database(gather, sink, "cannot connect");
   sink->state = SINK_CONNECTING;
-  sink->is_plain = false;
   sink->deadline = gather->now + CONNECTING_TIME;
   watch(gather, &sink->source, PQsocket(sink->connection), WRITABLE);
 }
@@ -79,24 +78,17 @@ static void go_on_connecting(gather_t* gather, sink_t* sink) {
 
 /* ---- The statement --------------------------------------------------------------------------------------------------- */
 
-/* An integer as PostgreSQL reads it: its most significant byte comes first. */
-template <typename Number>
-static void put_number(std::string* bytes, Number number) {
-  std::array<char, sizeof number> reversed;
-  for (size_t at = sizeof number; at-- > 0; number = static_cast<Number>(number >> 8))
-    reversed[at] = static_cast<char>(number);
-  bytes->append(reversed.data(), reversed.size());
+static void put_number(std::string* bytes, uint32_t number) {
+  if constexpr (std::endian::native == std::endian::little) number = __builtin_bswap32(number);
+  bytes->append(reinterpret_cast<const char*>(&number), sizeof number);
 }
 
-/* The head of an array as PostgreSQL sends one: dimensions, whether there are nulls, type of the elements, their count from 1. */
-static void begin_array(std::string* bytes, uint32_t type, size_t count) {
+/* The head of an array of texts, as PostgreSQL sends one: dimensions, whether there are nulls, type of the elements, their count
+ * from 1. */
+static void begin_array(std::string* bytes, size_t count) {
   bytes->clear();
-  for (const uint32_t number : {uint32_t{1}, uint32_t{1}, type, static_cast<uint32_t>(count), uint32_t{1}})
+  for (const uint32_t number : {uint32_t{1}, uint32_t{1}, TEXT_OID, static_cast<uint32_t>(count), uint32_t{1}})
     put_number(bytes, number);
-}
-
-static void put_null(std::string* bytes) {
-  put_number(bytes, ~uint32_t{0});
 }
 
 static void put_text(std::string* bytes, std::string_view text) {
@@ -104,10 +96,9 @@ static void put_text(std::string* bytes, std::string_view text) {
   bytes->append(text);
 }
 
-template <typename Number>
-static void put_element(std::string* bytes, Number number) {
-  put_number(bytes, static_cast<uint32_t>(sizeof number));
-  put_number(bytes, number);
+static void put_text_or_null(std::string* bytes, std::string_view text) {
+  if (text.empty()) return put_number(bytes, ~uint32_t{0});
+  put_text(bytes, text);
 }
 
 /* The line, or what stands for it where it is no text, or not one that the database takes. */
@@ -124,56 +115,41 @@ static void put_line(std::string* bytes, const line_t* line) {
   put_text(bytes, digits);
 }
 
-/* The parameters of zelk_put_many, each an array with an element for each line. Those from KEYS on are null for a line that the
- * database has to read. */
-enum { HOSTS, PLACES, LINES, KEYS, CAUSES, TIMES, KEYS_BUCKETS, PARAMETERS };
-using parameters_t = std::array<std::string, PARAMETERS>;
-
-static void put_judged(parameters_t* parameters, const line_t* line) {
-  judged_line_t judged;
-  const bool is_known = !line->is_refused && judge_line(line->parts.line, &judged);
-  for (size_t number = KEYS; number < PARAMETERS; ++number)
-    if (!is_known || (number == CAUSES && judged.cause.empty())) put_null(&(*parameters)[number]);
-  if (!is_known) return;
-  put_text(&(*parameters)[KEYS], judged.key);
-  if (!judged.cause.empty()) put_text(&(*parameters)[CAUSES], judged.cause);
-  put_element(&(*parameters)[TIMES], judged.time - TIME_ZERO);
-  put_element(&(*parameters)[KEYS_BUCKETS], judged.bucket);
-}
-
 static void send_lines(gather_t* gather, sink_t* sink) {
-  static parameters_t parameters;
-  constexpr std::array<uint32_t, PARAMETERS> TYPES = {TEXT_OID, TEXT_OID, TEXT_OID,    TEXT_OID,
-                                                      TEXT_OID, TIME_OID, SMALLINT_OID};
+  enum { HOSTS, PLACES, LINES, KEYS, CAUSES, ARRAYS };
+  static std::array<std::string, ARRAYS> arrays; /* with an element for each line */
+  static std::string key, cause;
+  const bool is_plain = gather->now < sink->plain_until;
   sink->sent = std::min(sink->limit, sink->under_way.size());
-  const size_t count = sink->is_plain ? KEYS : PARAMETERS;
-  for (size_t number = 0; number < count; ++number) begin_array(&parameters[number], TYPES[number], sink->sent);
+  for (std::string& array : arrays) begin_array(&array, sink->sent);
   for (size_t at = 0; at < sink->sent; ++at) {
     const line_t* const line = sink->under_way[at];
-    put_text(&parameters[HOSTS], line->host);
-    put_text(&parameters[PLACES], line->parts.place);
-    put_line(&parameters[LINES], line);
-    if (!sink->is_plain) put_judged(&parameters, line);
+    put_text(&arrays[HOSTS], line->host);
+    put_text(&arrays[PLACES], line->parts.place);
+    put_line(&arrays[LINES], line);
+    if (is_plain) continue;
+    const bool is_known = !line->is_refused && judge_line(line->parts.line, &key, &cause);
+    put_text_or_null(&arrays[KEYS], is_known ? key : "");
+    put_text_or_null(&arrays[CAUSES], is_known ? cause : "");
   }
-  std::array<const char*, PARAMETERS> values;
-  std::array<int, PARAMETERS> lengths, formats;
-  for (size_t number = 0; number < count; ++number) {
-    values[number] = parameters[number].data();
-    lengths[number] = static_cast<int>(parameters[number].size());
-    formats[number] = 1; /* binary */
+  std::array<const char*, ARRAYS> values;
+  std::array<int, ARRAYS> lengths;
+  for (size_t at = 0; at < arrays.size(); ++at) {
+    values[at] = arrays[at].data();
+    lengths[at] = static_cast<int>(arrays[at].size());
   }
+  constexpr int BINARY[ARRAYS] = {1, 1, 1, 1, 1};
   const char* const statement =
-      sink->is_plain ? "SELECT zelk_put_many($1::text[], $2::text[], $3::text[])"
-                     : "SELECT zelk_put_many($1::text[], $2::text[], $3::text[], $4::text[], $5::text[], "
-                       "$6::timestamptz[], $7::smallint[])";
+      is_plain ? "SELECT zelk_put_many($1::text[], $2::text[], $3::text[])"
+               : "SELECT zelk_put_many($1::text[], $2::text[], $3::text[], $4::text[], $5::text[])";
   sink->refusal.clear();
-  if (PQsendQueryParams(sink->connection, statement, static_cast<int>(count), nullptr, values.data(), lengths.data(),
-                        formats.data(), 0) == 0)
+  if (PQsendQueryParams(sink->connection, statement, is_plain ? KEYS : ARRAYS, nullptr, values.data(), lengths.data(),
+                        BINARY, 0) == 0)
     return lose_database(gather, sink, "lost");
   sink->state = SINK_BUSY;
   sink->sent_at = gather->now;
-  for (std::string& parameter : parameters)
-    if (parameter.capacity() > (1 << 20)) parameter = std::string();
+  for (std::string& array : arrays)
+    if (array.capacity() > (1 << 20)) array = std::string();
   database_is_ready(gather, &sink->source, WRITABLE);
 }
 
@@ -208,8 +184,8 @@ static void end_statement(gather_t* gather, sink_t* sink) {
     return;
   }
   say("session %zu: %s", sink->number + 1, sink->refusal.c_str());
-  if (!sink->is_plain && sink->refusal.starts_with("42883")) { /* no such function */
-    sink->is_plain = true;
+  if (sink->refusal.starts_with("42883") && gather->now >= sink->plain_until) { /* no such function */
+    sink->plain_until = gather->now + PLAIN_TIME;
     return;
   }
   if (!is_about_lines(sink->refusal)) return put_off(gather, sink);

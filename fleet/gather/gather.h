@@ -101,7 +101,7 @@ struct sink_t {
   int64_t sent_at;            /* milliseconds */
   size_t limit;               /* lines of the next one, and */
   size_t byte_limit;          /* bytes: fewer while a statement takes so long that others wait */
-  bool is_plain;              /* its schema is one of before, and reads all lines itself */
+  int64_t plain_until;        /* milliseconds: its schema knows zelk_put_many of three arrays only */
   std::string refusal;        /* SQLSTATE and message */
 
   channel_t channel; /* another gatherer: */
