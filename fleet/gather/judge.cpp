@@ -11,7 +11,9 @@ bool judge_line(std::string_view line, std::string* key, std::string* cause) {
   static damage_t damage;
   static std::string written;
   if (parse_json_line(line, &incident, &damage) != line_kind_t::INCIDENT) return false;
-  if (incident.id_time == NO_ID_TIME || incident.id.find_first_not_of(base64_table) != incident.id.npos) return false;
+  /* What has a time is as long as an Error ID, and only its entry may be anything. */
+  const std::string_view entry = std::string_view(incident.id).substr(0, offsetof(zk_eid_parts_t, time));
+  if (incident.id_time == NO_ID_TIME || entry.find_first_not_of(base64_table) != entry.npos) return false;
   if (!is_utf8(incident.cause)) return false; /* the database keeps the text that stands for those bytes */
   written.clear();
   write_json(incident, &written);
