@@ -5,10 +5,13 @@ import json
 import os
 import subprocess
 import tempfile
+import time
 import unittest
 from typing import Any, Dict, List
 
 COMMANDS = os.environ["COMMANDS"]
+os.environ["TZ"] = "Asia/Kathmandu"  # what is said in UTC must not be the time of the place
+time.tzset()
 HEADER = os.path.dirname(os.path.abspath(__file__)) + "/../../inc/qx_zelk.h"
 
 
@@ -21,7 +24,7 @@ class StackTest(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder = folder.name
-        self.stack = f"{folder.name}/a.stack"
+        self.stack = f"{folder.name}/ä\udcff.stack"  # no Unicode, as a name of a file may be
 
     def incidents(self) -> List[Dict[str, Any]]:
         """What has been recorded, the oldest first."""

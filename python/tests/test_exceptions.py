@@ -7,10 +7,9 @@ import os
 import random
 import subprocess
 import sys
-import threading
 import traceback
 import unittest
-from contextlib import redirect_stderr
+from contextlib import redirect_stderr, suppress
 from unittest import mock
 
 import zelk
@@ -53,33 +52,37 @@ class Chains(StackTest):
     def test_a_message_takes_the_place_of_the_text_which_goes_into_the_details(self):
         newest = ValueError("bad number")
         newest.__cause__ = OSError("no disk")
-        self.record(newest, message="Job 7 ended: 100% lost")
-        self.assertEqual([each["description"] for each in self.incidents()], ["OSError: no disk", "Job 7 ended: 100% lost"])
-        self.assertEqual(self.newest()["details"], "ValueError: bad number")
+        try:
+            raise newest
+        except ValueError:
+            for message in ["Job 7 ended: 100% lost", "known already"]:
+                self.record(newest, message=message)
+        self.record(KeyError(), message="")
+        told = [(each["description"], each["details"].splitlines()[-1:]) for each in self.incidents()]
+        self.assertEqual(told, [("OSError: no disk", []), ("Job 7 ended: 100% lost", ["ValueError: bad number"]), ("", ["KeyError"])])
 
     def test_what_an_exception_does_not_stop_the_recording(self):
         class Bad(Exception):
-            def __str__(self) -> str:
+            def __str__(self, *_: object) -> str:
                 raise SystemExit
 
-        for exception in [Bad(), ValueError("\ud800\0"), ValueError("%s %n"), OSError("x" * 400), OSError("x" * 401)]:
-            self.record(exception)
-        shown = [incident["description"] for incident in self.incidents()]
-        self.assertEqual(shown[:3], ["Bad: <exception str() failed>", "ValueError: \\ud800?", "ValueError: %s %n"])
-        self.assertEqual(shown[3:], ["OSError: " + "x" * 400, "OSError: " + "x" * 397 + "..."])
+            __setattr__ = __getattr__ = __eq__ = __bool__ = __str__
 
-    def test_of_a_long_chain_the_newest_hundred_are_recorded(self):
-        newest = None
-        for number in range(10_000):
-            exception = ValueError(str(number))
-            exception.__cause__ = newest
-            newest = exception
-        self.record(newest)
-        self.assertEqual(self.newest()["description"], "ValueError: 9999")
-        self.assertIn("9900 earlier causes were left out", self.newest()["details"])
+        for text in ["\ud800\0", "%s %n", " two\nlines ", "ö" * 400, "x" * 401, ""]:
+            self.record(ValueError(text))
+        for exception in [Bad(), OSError(2, "effect")]:
+            with suppress(Exception):
+                raise exception from Bad()
+            try:
+                raise KeyError("another one")
+            except KeyError:
+                self.record(exception)
+        texts = [": \\ud800?", ": %s %n", ":  two\nlines ", ": " + "ö" * 400, ": " + "x" * 397 + "...", ""]
+        shown = [incident["description"].replace("Bad: <exception str() failed>", "bad") for incident in self.incidents()]
+        self.assertEqual(shown, [*("ValueError" + text for text in texts), "bad", "bad", "bad", "FileNotFoundError: [Errno 2] effect"])
 
-    def test_what_is_left_out_of_a_chain_is_told_at_its_ends(self):
-        chain = [ValueError(str(number)) for number in range(5)]
+    def test_of_a_long_chain_the_newest_hundred_are_recorded_and_its_ends_tell_so(self):
+        chain = [ValueError(str(number)) for number in range(3000)]
         for cause, effect in zip(chain, chain[1:]):
             effect.__cause__ = cause
         self.record(chain[0])
@@ -94,48 +97,51 @@ class Chains(StackTest):
         self.assertEqual((oldest["description"], oldest["cause"]), ("ValueError: 2", None))
         self.assertEqual((middle["cause"], newest["cause"]), (oldest["id"], middle["id"]))
         self.assertNotIn("left out", middle["details"])
+        self.record(chain[2999])
+        self.assertEqual(self.newest()["description"], "ValueError: 2999")
+        self.assertEqual(self.newest()["details"], "2895 earlier causes were left out")
 
     def test_lines_of_a_traceback_keep_the_first_where_it_tells_something(self):
         lines = ["first", "a" * 10, "b" * 10]
         self.assertEqual(newest_lines(lines, 20, True), b"first\n...\nbbbbbbbbbb")
         self.assertEqual(newest_lines(lines, 19, True), b"first\n...")
-        self.assertEqual(newest_lines(["a\0", "\ud800"], 20, False), b"a?\n\\ud800")
+        self.assertEqual(newest_lines(["a\0", "\udcff"], 20, False), b"a?\n\\udcff")
 
     def test_details_are_the_newest_twelve_frames_as_far_as_a_record_has_room_for_whole_lines(self):
         code = ["def fail(depth):", "  if depth % 2: fail(depth - 1)", "  if depth: fail(depth - 1)", "  raise OSError(text)"]
         for length in range(100, 200):
-            module = {"text": "ö" * 200 if length < 150 else "x" * 380 + "%"}
-            exec(compile("\n".join(code), "module.py", "exec"), module)
-            recorder = zelk.Recorder(self.stack, product="p" * length)
+            file = ["module.py", "ö" * 40, "m" * 210][length % 3]
+            product = "pö"[length % 2] * (length // 2)
+            own = product if length % 5 else None  # else it is that of the module
+            module = {"text": ["short", "ö" * 200, "x" * 380 + "%", "x" * 300][length % 4], "__name__": "stn" if own else product}
+            exec(compile("\n".join(code), file, "exec"), module)
             try:
                 module["fail"](9 + length % 5)  # 11 to 15 frames
             except OSError as exception:
-                recorder.record_exception()
+                zelk.Recorder(self.stack, product=own).record_exception()
                 frames = traceback.format_tb(exception.__traceback__)
             whole = ["..."] * (len(frames) > 12) + "".join(frames[-12:]).splitlines()
             told = self.newest()
-            self.assertEqual(told["source"]["product"], "p" * length)
+            self.assertEqual(told["source"]["product"], product)
             kept = told["details"].splitlines()
-            self.assertIn(kept, [whole, ["...", *whole[1 - len(kept) :]]])
-            one_more = "\n".join(["...", *whole[-len(kept) :]])
-            recorder.record(told["description"], details=one_more, file="module.py", line=4)
+            self.assertIn(kept, [whole, ["...", *whole[len(whole) + 1 - len(kept) :]]])
+            one_more = "\n".join(whole if kept == whole else ["...", *whole[-len(kept) :]])
+            zelk.Recorder(self.stack, product=product).record(told["description"], details=one_more, file=file, line=4)
             self.assertEqual(self.newest()["details"] == one_more, kept == whole, length)
 
     def test_an_exception_has_the_place_and_the_product_of_what_raised_it(self):
-        for module, product in [("stn.backup.disks", "stn"), ("backup", "backup"), (None, "")]:
+        for module, own, product in [("stn.backup.disks", None, "stn"), ("backup", "own", "own"), ("backup", "", ""), (None, None, "")]:
             try:
-                exec(compile("\nraise OSError", "backup.py", "exec"), {"__name__": module})
-            except OSError as exception:
-                self.record(exception)
-            source = self.newest()["source"]
-            found = self.newest()["description"], source["file"], source["line"], source["product"]
-            self.assertEqual(found, ("OSError", "backup.py", 2, product))
-        try:
-            line = sys._getframe().f_lineno + 1
-            raise OSError("and handled by the same frame")
-        except OSError as exception:
-            self.record(exception)
-        self.assertEqual(self.newest()["source"]["line"], line)
+                line = sys._getframe().f_lineno + 1
+                raise KeyError("the cause")
+            except KeyError:
+                try:
+                    exec(compile("\nraise OSError", "backup.py", "exec"), {"__name__": module, "__file__": "other.py"})
+                except OSError:
+                    zelk.Recorder(self.stack, product=own).record_exception()
+            told = [list(each["source"].values()) + [each["details"].count("File ")] for each in self.incidents()[-2:]]
+            wanted = [[__file__, "", __name__ if own is None else own, line, 1], ["backup.py", "", product, 2, 2]]
+            self.assertEqual(told, wanted)
         self.record(OSError("never raised"))
         here = {"file": __file__, "product": __name__, "line": type(self).record.__code__.co_firstlineno + 1}
         self.assertLess(here.items(), self.newest()["source"].items())
@@ -153,43 +159,45 @@ class Logging(StackTest):
         self.log.addHandler(self.handler)
         self.addCleanup(self.handler.close)
 
-    def test_an_exception_that_is_logged_along_is_the_cause(self):
-        try:
-            raise OSError("disk full")
-        except OSError:
-            self.log.exception("Backup of %s stopped at %d%%", "archive", 37)
-        cause, logged = self.incidents()
-        self.assertEqual((cause["description"], logged["cause"]), ("OSError: disk full", cause["id"]))
-        self.assertEqual((logged["source"]["product"], logged["source"]["file"]), ("stn", __file__))
-
     def test_a_line_is_recorded_alike_in_whichever_way_it_is_logged(self):
-        way, where = {"exc_info": True}, "logger  stn.backup\nlevel  ERROR"
-        for message, args, options, description in [
-            ("100% of %s", (), {}, "100% of %s"),
-            ("%s: %d%%", ("disk", 5), {}, "disk: 5%"),
-            ("%s", ({"a": 1},), {}, "{'a': 1}"),
-            ("%(a)s", ({"a": 1},), {}, "1"),
-            (ValueError("no text"), (), {}, "no text"),
-            (ValueError("%s"), ("a",), {}, "a"),
-            ("%s", ("outside",), way, "outside"),  # of an exception that is being handled, but none is
-            ("%d", (7,), {"stack_info": True}, "7"),
+        logged = []
+        self.log.addFilter(lambda record: not logged.append((record, vars(record).copy())))
+        way, where, error = {"exc_info": True}, "logger  stn.backup\nlevel  ERROR", OSError("never raised")
+        for message, args, options, description, kept in [
+            ("100% of %s", (), {}, "100% of %s", []),
+            ("%s: %d%%", ("disk", 5), {}, "disk: 5%", ["disk", 5]),
+            ("%s", ({"a": 1},), {}, "{'a': 1}", ["{'a': 1}"]),
+            ("%(a)s", ({"a": 1},), {}, "1", ["1"]),
+            (ValueError("no text"), (), {}, "no text", []),
+            (ValueError("%s"), ("a",), {}, "a", ["a"]),
+            ("%s", ("outside",), way, "outside", ["outside"]),  # of an exception that is being handled, but none is
+            ("%d", (7,), {"stack_info": True}, "7", [7]),
+            ("%d%%", (8,), {"stack_info": True, "exc_info": error}, "8%", [8]),
         ]:
+            self.log.error(message, *args, **options)
+            record, before = logged[-1]
             for _ in range(2):  # prepared the second time
-                self.log.error(message, *args, **options)
                 newest = self.newest()
-                self.assertEqual((newest["description"], newest["cause"]), (description, None))
-                self.assertEqual(newest["details"].partition("\nStack (most recent call last):\n")[0], where)
+                self.assertEqual(vars(record), before | {"zelk_id": newest["id"]})
+                self.assertEqual((newest["description"], [each["value"] for each in newest["message"]["arguments"]]), (description, kept))
+                self.assertEqual((newest["source"]["product"], newest["details"].partition("\nStack (most recent call last):\n")[0]), ("stn", where))
                 self.assertEqual("Stack (" in newest["details"], "stack_info" in options)
-        self.assertEqual(len(self.incidents()), 16)
+                self.assertEqual(newest["cause"], zelk.Recorder(self.stack).record_exception(error) if options.get("exc_info") is error else None)
+                self.handler.handle(record)
+        cause = self.incidents()[-4]
+        self.assertEqual((cause["description"], cause["source"]["product"], len(self.incidents())), ("OSError: never raised", "logging", 28))
 
     def test_a_line_that_differs_in_one_thing_only_is_recorded_with_it(self):
-        usual = {"name": "stn", "levelname": "ERROR", "pathname": "a.py", "lineno": 5, "threadName": "one", "msg": "%d"}
-        for change in [{}, {"name": "vol"}, {"levelname": "INFO"}, {"pathname": "b.py"}, {"lineno": 6}, {"threadName": "two"}, {"msg": "%i"}]:
+        usual = {"name": "stn.node.disks", "levelname": "ERROR", "pathname": "a.py", "lineno": 5, "threadName": "one", "msg": "%d", "args": (7,)}
+        changes = [{}, {"name": "vol"}, {"name": "root"}, {"levelname": "INFO"}, {"pathname": "b.py"}, {"lineno": 6}, {"threadName": "two"}]
+        for change in [*changes, {"threadName": None}, {"msg": "%i"}, {"args": (8,)}, {"args": (2**63,)}]:
             has = usual | change
-            self.handler.emit(logging.makeLogRecord(has | {"args": (7,)}))
+            self.handler.emit(logging.makeLogRecord(has))
             newest = self.newest()
-            self.assertEqual(newest["details"], f"logger  {has['name']}\nlevel  {has['levelname']}\nthread  {has['threadName']}")
-            self.assertEqual(list(newest["source"].values())[::3] + [newest["description"]], [has["pathname"], has["lineno"], "7"])
+            thread = f"\nthread  {has['threadName']}" if has["threadName"] else ""
+            self.assertEqual(newest["details"], f"logger  {has['name']}\nlevel  {has['levelname']}{thread}")
+            product = has["name"].split(".")[0].replace("root", "")
+            self.assertEqual([*newest["source"].values(), newest["description"]], [has["pathname"], "", product, has["lineno"], str(*has["args"])])
 
     def test_a_filter_and_a_level_decide_what_is_recorded(self):
         class Short(zelk.Handler):
@@ -214,39 +222,6 @@ class Logging(StackTest):
                 getattr(log, level)(message)
             self.assertEqual([incident["description"] for incident in self.incidents()[before:]], wanted)
 
-    def test_each_line_of_one_place_has_its_own_arguments_and_thread(self):
-        numbers = []
-
-        def log(*args: object) -> None:
-            numbers.append(threading.get_native_id())
-            self.log.error("%s of %d", *args)
-
-        def log_by_another_one(*args: object) -> None:
-            self.log.handlers = [zelk.Handler(self.stack)]
-            log(*args)
-
-        for args in [("one", 1), ("two", 2), (None, 3)]:
-            log(*args)
-        for work, args in [(log, ("three", 4)), (log_by_another_one, ("four", 5))]:
-            thread = threading.Thread(target=work, args=args, name="worker")
-            thread.start()
-            thread.join()
-        self.assertEqual([each["description"] for each in self.incidents()], ["one of 1", "two of 2", "None of 3", "three of 4", "four of 5"])
-        self.assertEqual([each["process"]["thread"] for each in self.incidents()], numbers)
-        self.assertTrue(self.newest()["details"].endswith("\nthread  worker"))
-
-    def test_the_error_id_is_left_in_the_record(self):
-        seen = []
-        root = logging.Logger("root")
-        root.addHandler(self.handler)
-        root.addFilter(lambda record: seen.append(record) or True)
-        root.error("%s", "a tuple")
-        root.error("%(what)s", {"what": "a mapping"})
-        root.critical({"any": "object"})
-        self.assertEqual([record.zelk_id for record in seen], [incident["id"] for incident in self.incidents()])
-        self.assertEqual(self.newest()["description"], "{'any': 'object'}")
-        self.assertEqual((self.newest()["details"], self.newest()["source"]["product"]), ("logger  root\nlevel  CRITICAL", ""))
-
     def test_what_cannot_be_recorded_is_not_raised(self):
         for handler, logged in [(zelk.Handler("/missing/x.stack"), ("text",)), (self.handler, ("%d", "no number"))]:
             log = logging.Logger("lost")
@@ -254,18 +229,23 @@ class Logging(StackTest):
             with redirect_stderr(io.StringIO()) as said:
                 log.error(*logged)
             self.assertIn("--- Logging error ---", said.getvalue())
+        order = mock.MagicMock()
+        order.__str__.side_effect = KeyboardInterrupt
+        with self.assertRaises(KeyboardInterrupt):
+            self.log.error("%s", order)
 
 
 class Hooks(StackTest):
     def ends(self, *lines: str) -> "subprocess.CompletedProcess[str]":
         """Runs a program with the hooks, and with old ones before them."""
-        begin = ["import sys, threading, zelk", "sys.excepthook = lambda *args: print('old hook', args[0].__name__)"]
-        begin += ["threading.excepthook = lambda args: print('old thread hook', args.exc_type.__name__)", f"zelk.install_excepthook({self.stack!r})"]
+        begin = ["import os, sys, threading, zelk", "sys.excepthook = lambda *args: (print('old hook', args[0].__name__, flush=True), os._exit(1))"]
+        begin += [f"threading.excepthook = lambda args: print('old thread hook', args.exc_type.__name__, os.path.exists({self.stack!r}))"]
+        begin += [f"zelk.install_excepthook({self.stack!r})"]
         return subprocess.run([sys.executable, "-c", "\n".join([*begin, *lines])], capture_output=True, text=True)
 
     def test_what_ends_the_program_or_a_thread_is_recorded_and_still_shown(self):
         ended = self.ends("thread = threading.Thread(target=lambda: 1 / 0)", "thread.start()", "thread.join()", "raise KeyError('end')")
-        self.assertEqual((ended.returncode, ended.stdout), (1, "old thread hook ZeroDivisionError\nold hook KeyError\n"))
+        self.assertEqual((ended.returncode, ended.stdout), (1, "old thread hook ZeroDivisionError True\nold hook KeyError\n"))
         shown = [(incident["description"], incident["source"]["line"]) for incident in self.incidents()]
         self.assertEqual(shown, [("ZeroDivisionError: division by zero", 5), ("KeyError: 'end'", 8)])
 
@@ -282,6 +262,8 @@ class Hooks(StackTest):
         ended = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
         self.assertIn("zelk: the exception is not recorded: /missing/x.stack: directory missing\n", ended.stderr)
         self.assertIn("ZeroDivisionError: division by zero", ended.stderr)
+        ended = subprocess.run([sys.executable, "-c", f"import sys; sys.stderr = None; {program}"], capture_output=True, text=True)
+        self.assertEqual((ended.returncode, ended.stdout), (1, ""))
 
 
 if __name__ == "__main__":
