@@ -68,7 +68,7 @@ class Chains(StackTest):
 
             __setattr__ = __getattr__ = __eq__ = __bool__ = __str__
 
-        for text in ["\ud800\0", "%s %n", " two\nlines ", "ö" * 400, "x" * 401, ""]:
+        for text in ["\ud800\0", "%s %n", " two\nlines ", "ö" * 250, "x" * 401, ""]:
             self.record(ValueError(text))
         for exception in [Bad(), OSError(2, "effect")]:
             with suppress(Exception):
@@ -77,7 +77,7 @@ class Chains(StackTest):
                 raise KeyError("another one")
             except KeyError:
                 self.record(exception)
-        texts = [": \\ud800?", ": %s %n", ":  two\nlines ", ": " + "ö" * 400, ": " + "x" * 397 + "...", ""]
+        texts = [": \\ud800?", ": %s %n", ":  two\nlines ", ": " + "ö" * 250, ": " + "x" * 397 + "...", ""]
         shown = [incident["description"].replace("Bad: <exception str() failed>", "bad") for incident in self.incidents()]
         self.assertEqual(shown, [*("ValueError" + text for text in texts), "bad", "bad", "bad", "FileNotFoundError: [Errno 2] effect"])
 
@@ -97,6 +97,7 @@ class Chains(StackTest):
         self.assertEqual((oldest["description"], oldest["cause"]), ("ValueError: 2", None))
         self.assertEqual((middle["cause"], newest["cause"]), (oldest["id"], middle["id"]))
         self.assertNotIn("left out", middle["details"])
+        self.assertEqual(middle["source"]["line"], newest["source"]["line"] + 2)  # where it was recorded, since it was never raised
         self.record(chain[2999])
         self.assertEqual(self.newest()["description"], "ValueError: 2999")
         self.assertEqual(self.newest()["details"], "2895 earlier causes were left out")
@@ -110,13 +111,13 @@ class Chains(StackTest):
     def test_details_are_the_newest_twelve_frames_as_far_as_a_record_has_room_for_whole_lines(self):
         code = ["def fail(depth):", "  if depth % 2: fail(depth - 1)", "  if depth: fail(depth - 1)", "  raise OSError(text)"]
         for length in range(100, 200):
-            file = ["module.py", "ö" * 40, "m" * 210][length % 3]
+            file = ["module.py", "ö" * 40, "m" * 249][length % 3]
             product = "pö"[length % 2] * (length // 2)
             own = product if length % 5 else None  # else it is that of the module
-            module = {"text": ["short", "ö" * 200, "x" * 380 + "%", "x" * 300][length % 4], "__name__": "stn" if own else product}
+            module = {"text": ["short", "ö" * 200, "x" * 300, "x" * 380 + "%"][length % 4], "__name__": "stn" if own else product}
             exec(compile("\n".join(code), file, "exec"), module)
             try:
-                module["fail"](9 + length % 5)  # 11 to 15 frames
+                module["fail"](5 + length % 7)  # 7 to 13 frames
             except OSError as exception:
                 zelk.Recorder(self.stack, product=own).record_exception()
                 frames = traceback.format_tb(exception.__traceback__)
@@ -172,7 +173,8 @@ class Logging(StackTest):
             (ValueError("%s"), ("a",), {}, "a", ["a"]),
             ("%s", ("outside",), way, "outside", ["outside"]),  # of an exception that is being handled, but none is
             ("%d", (7,), {"stack_info": True}, "7", [7]),
-            ("%d%%", (8,), {"stack_info": True, "exc_info": error}, "8%", [8]),
+            ("%d%%", (8,), {"exc_info": error}, "8%", [8]),
+            ("%d", (9,), {"stack_info": True, "exc_info": error}, "9", [9]),
         ]:
             self.log.error(message, *args, **options)
             record, before = logged[-1]
@@ -184,8 +186,9 @@ class Logging(StackTest):
                 self.assertEqual("Stack (" in newest["details"], "stack_info" in options)
                 self.assertEqual(newest["cause"], zelk.Recorder(self.stack).record_exception(error) if options.get("exc_info") is error else None)
                 self.handler.handle(record)
-        cause = self.incidents()[-4]
-        self.assertEqual((cause["description"], cause["source"]["product"], len(self.incidents())), ("OSError: never raised", "logging", 28))
+        told = self.incidents()[-7:]
+        self.assertEqual([each["description"] for each in told], ["OSError: never raised", *["8%"] * 3, *["9"] * 3])
+        self.assertEqual(told[0]["source"]["product"], "logging")
 
     def test_a_line_that_differs_in_one_thing_only_is_recorded_with_it(self):
         usual = {"name": "stn.node.disks", "levelname": "ERROR", "pathname": "a.py", "lineno": 5, "threadName": "one", "msg": "%d", "args": (7,)}
@@ -209,7 +212,7 @@ class Logging(StackTest):
 
         for handler, filters, wanted in [
             (zelk.Handler(self.stack, "WARNING"), [is_not_critical], ["warn", "long warning", "error"]),
-            (Short(self.stack), [], ["short"]),
+            (Short(self.stack, logging.NOTSET), [], ["short"] * 3),
             (Short(self.stack), [is_not_critical], []),
             (self.handler, [], ["error", "end"]),
         ]:
