@@ -163,15 +163,15 @@ TEST(translation, is_there_of_the_texts_of_result_codes) {
   const std::pair<std::string, std::string> rows[] = {
       {new_file("no catalog"), GOLDEN_FOLDER "/routines/results"},
       {BUILD / "catalogs/de.UTF-8/zelk.cat", GOLDEN_FOLDER "/routines/results_german"}};
-  for (const auto& [catalog, golden] : rows)
+  for (const auto& row : rows)
     in_child([&] {
-      setenv("NLSPATH", catalog.c_str(), 1);
+      setenv("NLSPATH", row.first.c_str(), 1);
       std::vector<int> codes = {1, INT_MIN, ZELK_UNSUPPORTED};
       for (int code = 0; code >= -38; --code) codes.push_back(code);
       std::string texts;
       errno = EDOM;
       for (int code : codes) texts += std::to_string(code) + " " + zk_result_text(code) + "\n";
       EXPECT_EQ(errno, EDOM);
-      expect_golden(golden, texts);
+      expect_golden(row.second, texts);
     });
 }
