@@ -128,9 +128,9 @@ static void send_lines(gather_t* gather, sink_t* sink) {
     put_text(&arrays[PLACES], line->parts.place);
     put_line(&arrays[LINES], line);
     if (is_plain) continue;
-    const bool is_known = !line->is_refused && judge_line(line->parts.line, &key, &cause);
-    put_text_or_null(&arrays[KEYS], is_known ? key : "");
-    put_text_or_null(&arrays[CAUSES], is_known ? cause : "");
+    if (line->is_refused || !judge_line(line->parts.line, &key, &cause)) key = cause = "";
+    put_text_or_null(&arrays[KEYS], key);
+    put_text_or_null(&arrays[CAUSES], cause);
   }
   std::array<const char*, ARRAYS> values;
   std::array<int, ARRAYS> lengths;
