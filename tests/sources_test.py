@@ -31,7 +31,7 @@ FAILING = {
                            "Unit:StartLimitIntervalSec=0", 'ExecStart=/bin/sh -c "test -e /run/barked && exit 5; touch /run/barked; sleep 60"'),
     "prevents.service": ("exit status 5", "Restart=always", "RestartSec=0", "RestartPreventExitStatus=5", "Unit:StartLimitBurst=1", "Unit:StartLimitIntervalSec=0",
                          'ExecStart=/bin/sh -c "test -e /run/once && exit 5; touch /run/once; exit 1"'),
-    "missing.service": ("exit status 203", "ExecStart=/no/such/program"),
+    "my-zelk-failure@x.service": ("exit status 203", "ExecStart=/no/such/program"),
     r"a-\x20b\x25\x5cn.service": ("exit status 5", 'ExecStart=/bin/sh -c "exit 5"'),
     "exits_once.service": ("exit status 4", "Type=oneshot", 'ExecStart=/bin/sh -c "exit 4"'),
     **{f"needs_{need}.service": ("a unit it needs failed: exits_once.service", f"Unit:{need}=exits_once.service", "Unit:After=exits_once.service",

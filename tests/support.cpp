@@ -182,6 +182,23 @@ void expect_golden(const std::string& path, const std::string& now) {
   ADD_FAILURE() << contents(shown);
 }
 
+void await_sleep(pid_t thread) {
+  char state = 'R';
+  for (int tries = 0, seen = 0; tries < 10000 && seen < 3; ++tries, seen = state == 'S' ? seen + 1 : 0) {
+    const std::string status = contents("/proc/self/task/" + std::to_string(thread) + "/stat");
+    state = status.at(status.rfind(')') + 2);
+    usleep(1000);
+  }
+  EXPECT_EQ(state, 'S');
+}
+
+std::thread once_asleep(const std::function<void()>& action) {
+  return std::thread([sleeper = gettid(), action] {
+    await_sleep(sleeper);
+    action();
+  });
+}
+
 void in_child(const std::function<void()>& work) {
   pid_t child = fork();
   if (child == 0) {

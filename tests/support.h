@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "zk_int.h"
@@ -165,6 +166,10 @@ void expect_golden(const std::string& path, const std::string& now);
 
 /* ---- Processes ----------------------------------------------------------------------------------------------- */
 
+/* Waits until a thread of this process sleeps: it is where it waits. */
+void await_sleep(pid_t thread);
+/* A thread that does something once the calling one waits. */
+std::thread once_asleep(const std::function<void()>& action);
 /* Runs `work` in a child process, where it may change what it likes; its checks count here. */
 void in_child(const std::function<void()>& work);
 

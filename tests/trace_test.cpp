@@ -148,16 +148,6 @@ struct other_process {
   }
 };
 
-/* Waits until a thread of this process sleeps: it is where it waits. */
-static void await_sleep(pid_t thread) {
-  char state = 'R';
-  for (int tries = 0, seen = 0; tries < 10000 && seen < 3; ++tries, seen = state == 'S' ? seen + 1 : 0) {
-    const std::string status = contents("/proc/self/task/" + std::to_string(thread) + "/stat");
-    state = status.at(status.rfind(')') + 2);
-    usleep(1000);
-  }
-  EXPECT_EQ(state, 'S');
-}
 /* A thread that traces, and that waits by now. */
 static std::thread waiting_tracer(const std::string& path) {
   std::atomic<pid_t> id = 0;
@@ -168,13 +158,6 @@ static std::thread waiting_tracer(const std::string& path) {
   while (id == 0) usleep(1000);
   await_sleep(id);
   return tracer;
-}
-/* A thread that does something once the calling one waits. */
-static std::thread once_asleep(const std::function<void()>& action) {
-  return std::thread([sleeper = gettid(), action] {
-    await_sleep(sleeper);
-    action();
-  });
 }
 
 TEST_F(trace_file, loses_no_entry_of_threads_and_processes_at_once) {

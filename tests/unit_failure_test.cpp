@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <fstream>
+#include <thread>
 
 #include "../sources/cause.h"
 #include "../sources/repeats.h"
@@ -115,6 +116,10 @@ TEST(cause_of_a_failure, is_the_newest_incident_of_its_processes_and_their_child
   for (auto [process, parent] : {std::pair{4999, 1}, {5001, 1}, {5002, 1}, {5003, 5001}, {5004, 5003}}) {
     eid = recorded(process == 5003 ? "others" : "causes", process, parent);
     EXPECT_EQ(find_cause(unit, run, now), eid) << process;
+    if (process != 5003) continue;
+    EXPECT_EQ(rename(ZELK_STACK_DIR "/others", ZELK_DIR "/kept"), 0);
+    EXPECT_EQ(symlink("../kept", ZELK_STACK_DIR "/others"), 0);
+    EXPECT_EQ(find_cause(unit, run, now), eid) << "a stack that is kept elsewhere";
   }
   const std::string needed = recorded(UNITS_STACK, 5001, 1, "other.service"); /* not by itself */
   recorded("causes", 4000, 1);
@@ -137,4 +142,11 @@ TEST(cause_of_a_failure, is_else_that_of_a_unit_it_needs_in_the_same_minute) {
   EXPECT_EQ(find_cause(unit, {}, now), eid);
   EXPECT_EQ(find_cause(unit, {}, now + 59), eid);
   EXPECT_EQ(find_cause(unit, {}, now + 62), "");
+  unit.result = "success"; /* nothing of its own failed: what it needs is about to be recorded */
+  unit.needs = {"late.service"};
+  std::string late;
+  std::thread recorder = once_asleep([&] { late = recorded(UNITS_STACK, 1, 1, "late.service"); });
+  const std::string found = find_cause(unit, {}, now);
+  recorder.join();
+  EXPECT_EQ(found, late);
 }

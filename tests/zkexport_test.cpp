@@ -238,8 +238,8 @@ TEST(node, forgets_how_far_stacks_were_read_when_more_than_a_hundred_have_gone) 
   EXPECT_EQ(script("cd " ZELK_STACK_DIR "; give() { zkexport -c $folder/c $* | wc -l; grep -c / $folder/c; }; "
                    "zkrecord -qC kept one; for n in $(seq 101); do cp kept s$n; done; mkdir below; cp kept below; "
                    "give $PWD/below/kept; give --every; rm s? s?? s100; give --every; rm s101 below/kept; "
-                   "zkrecord -q kept two; give --every; rmdir below"),
-            "1\n1\n102\n103\n0\n103\n1\n2\n");
+                   "give kept; zkrecord -q kept two; give --every; rmdir below"),
+            "1\n1\n102\n103\n0\n103\n0\n103\n1\n2\n");
 }
 
 TEST(follow, gives_a_stack_once_that_gets_another_name) {
