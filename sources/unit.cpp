@@ -161,11 +161,12 @@ std::string read_unit(const std::string& name, unit_t* unit) {
   const int opened = sd_bus_open_system(&object.bus);
   if (opened < 0) return std::string("systemd cannot be asked: ") + std::strerror(-opened);
   const std::string state = text_of(object, UNIT, "LoadState");
-  if (state.empty()) {
+  unit->result = text_of(object, SERVICE, "Result");
+  /* A service may have failed before its file was taken away. */
+  if (state.empty() || (state == "not-found" && unit->result == "success")) {
     sd_bus_flush_close_unref(object.bus);
     return "systemd knows no such unit";
   }
-  unit->result = text_of(object, SERVICE, "Result");
   unit->code = number_of<int32_t>(object, SERVICE, "ExecMainCode", 'i');
   unit->status = number_of<int32_t>(object, SERVICE, "ExecMainStatus", 'i');
   unit->process_id = static_cast<int32_t>(number_of<uint32_t>(object, SERVICE, "ExecMainPID", 'u'));

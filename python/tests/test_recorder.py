@@ -118,8 +118,8 @@ class Messages(StackTest):
 
     def test_what_is_too_long_is_cut_and_recorded(self):
         with zelk.Recorder(self.stack) as recorder:
-            recorder.record("%s", "x" * 5000)
-            recorder.record("y" * 5000, details="z" * 5000)
+            recorder.record("%s", "x" * 5000, file="short")
+            recorder.record("y" * 5000, details="z" * 5000, file="short")
         shown = [incident["description"] for incident in self.incidents()]
         self.assertRegex(shown[0], r"^x{700,}\.\.\.$")
         self.assertRegex(shown[1], r"^y{700,}\.\.\.$")
@@ -276,7 +276,7 @@ class Many(StackTest):
         def record_seven(worker: int) -> None:
             own = recorder if worker % 2 else zelk.Recorder(self.stack)
             for number in range(7):
-                own.record("worker %d, %d, thread %d", worker, number, threading.get_native_id())
+                own.record("worker %d, %d, thread %d", worker, number, threading.get_native_id(), file="short, so that all fit")
 
         record_seven(7)
         threads = [threading.Thread(target=record_seven, args=(worker,)) for worker in range(4)]
