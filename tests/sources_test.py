@@ -263,7 +263,7 @@ def the_same_again():
     expect("what was passed over is told", wait_until(lambda: f"passed over  6 since {since}" in lines_of("exits.service")), True)
     expect("what earlier runs wrote is not told", lines_of("exits.service").count("one"), 1)
     machine.run("systemctl", "start", "zelk-failure@zelk-failure@x.service.service.service")
-    expect("failures of our own", [each["description"] for each in incidents() if "zelk-" in each["description"]], [])
+    expect("failures of our own", [each["description"] for each in incidents() if "Unit zelk-" in each["description"]], [])
 
 
 def the_page():
