@@ -65,27 +65,22 @@ static void lose_patience(int) {
   is_over = 1;
 }
 
-bool wait_for_lock(const std::string& name, const std::string& stack, int fildes, int command) {
+void wait_for_lock(const std::string& name, const std::string& stack, int fildes, int command) {
   struct flock lock = {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
-  if (fcntl(fildes, command == F_SETLKW ? F_SETLK : F_OFD_SETLK, &lock) == 0) return true;
+  if (fcntl(fildes, command == F_SETLKW ? F_SETLK : F_OFD_SETLK, &lock) == 0) return;
   struct sigaction action = {}, before = {};
   action.sa_handler = lose_patience; /* which interrupts the call that waits */
   sigaction(SIGALRM, &action, &before);
   is_over = 0;
   alarm(PATIENCE);
-  errno = 0;
   bool is_told = false;
   while (fcntl(fildes, command, &lock) != 0 && errno == EINTR) {
     if (is_over == 0 || is_told) continue;
     is_told = true;
     report_failure(name, stack, waiting_text(fildes));
-    errno = EINTR;
   }
-  const int error = errno;
   alarm(0);
   sigaction(SIGALRM, &before, nullptr);
-  errno = error;
-  return error == 0;
 }
