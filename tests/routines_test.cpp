@@ -93,6 +93,7 @@ TEST_F(routine, says_what_it_refuses) {
   SAY(zk_display_recs_by_rel, nullptr, 0, none);
   SAY(zk_print_brief_stack_record, nothing, 0, none, nullptr);
   SAY(zk_print_brief_stack_record, nothing, 0, none, record("negative  length -8"));
+  SAY(zk_print_brief_stack_record, nothing, 0, none, empty);
   SAY(zk_print_full_stack_record, nothing, none, record("later  version 4"));
   SAY(zk_find_related_rec, empty, nullptr, nullptr);
   SAY(zk_find_related_rec, empty, nullptr, &group);

@@ -97,6 +97,7 @@ test('shows all that is recorded without the script', async () => {
     for (const part of [description, details, id, source.file, node]) assert.ok(text.includes(part), part);
   assert.equal(await count(tab, '.tree li[id]'), 300);
   assert.ok(await count(tab, 'svg a') > 40);
+  for (const useless of ['.ask', '.zoom']) assert.equal(await tab.$eval(useless, element => element.checkVisibility()), false, useless);
   await tab.close();
 });
 
