@@ -200,8 +200,8 @@ def nameless():
 
 
 def gaps():
-    gap = '{"stack":"busy","gap":true}'
-    put([gap, gap], host="gaps")
+    gap, error = '{"stack":"busy","gap":true}', '{"stack":"busy","error":{"code":-28,"name":"ZELK_LOCK","reason":"it cannot be locked"}}'
+    put([gap, gap, error], host="gaps")
     put([gap, gap], host="gaps")
     expect("a second gap of a stack is kept, the same one is not", query(
         "SELECT gaps FROM zelk_gaps WHERE host = 'gaps' AND stack = 'busy'"), "2")
