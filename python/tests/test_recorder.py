@@ -256,12 +256,18 @@ for name in {names[1:]!r}: os.link("first", name)
 print(*map(ascii, sorted(zelk.decode(error_id)["stack_files"])), sep="\\n")
 for name in {names!r}: os.unlink(name)
 print(zelk.decode(error_id)["stack_files"])
+os.chmod(".", 0o3770)
+os.setgroups([])
+os.setgid(65534)
+os.setuid(65534)  # who may not look into the folder
+print(*zelk.decode(error_id))
 """
         enter = "mount -t tmpfs none /var && mkdir -p /var/adm/zelk/stacks && exec python3 -c \"$1\""
         said = subprocess.run(["unshare", "--mount", "sh", "-c", enter, "-", program], capture_output=True, text=True)
         if "unshare: " in said.stderr or "mount: " in said.stderr:
             self.skipTest("the machine forbids a mount namespace")
-        self.assertEqual(said.stdout.splitlines(), [*(ascii(f"/var/adm/zelk/stacks/{name}") for name in sorted(names)), "[]"], said.stderr)
+        paths = [ascii(f"/var/adm/zelk/stacks/{name}") for name in sorted(names)]
+        self.assertEqual(said.stdout.splitlines(), [*paths, "[]", "id version location time node local"], said.stderr)
 
     def test_what_is_no_text_raises_a_type_error(self):
         for given in [{"message": b"m"}, {"message": None}, {"details": b"d"}, {"cause": b"c"}]:

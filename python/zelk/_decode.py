@@ -23,7 +23,8 @@ _SEVERITIES = "emerg alert crit err warning notice info debug".split()
 
 def decode(id: str) -> Dict[str, Any]:
     """What the Error ID `id` says, by the keys of `zkdecode --json`: id, version, location, time (in UTC), node, local,
-    and stack_files, template or facility and severity where they apply. Raises ZelkError for a text that is none."""
+    and stack_files, template or facility and severity where they apply. Raises ZelkError for a text that is none. Where the
+    directory of the stacks cannot be read, stack_files is left out."""
     if len(id) != EID_SIZE - 1 or not _DIGITS.issuperset(id) or id[-1] not in "./":
         raise failure(INV_FID, repr(id))
     local, version, location, facility, severity, ipv6 = (ctypes.c_int() for _ in range(6))
@@ -39,7 +40,9 @@ def decode(id: str) -> Dict[str, Any]:
         if not names.raw[(slots - 1) * _SLOT_SIZE]:
             break
         slots *= 2  # with all of them taken there may be more
-    if result not in (0, FILE_MISSING, _DIR_MISSING):
+    is_stack_here = location.value == _LOCATIONS.index("stack") and local.value == 1  # known once all but the entry is decoded
+    are_files_known = result in (0, FILE_MISSING, _DIR_MISSING)
+    if not are_files_known and not is_stack_here:
         raise failure(result, repr(id))
 
     moment = datetime.datetime.fromtimestamp(time.seconds, datetime.timezone.utc).replace(microsecond=time.microseconds)
@@ -52,7 +55,7 @@ def decode(id: str) -> Dict[str, Any]:
         "node": str(node),
         "local": local.value == 1,
     }
-    if decoded["location"] == "stack" and decoded["local"]:
+    if is_stack_here and are_files_known:
         slot = (names.raw[at : at + _SLOT_SIZE].split(b"\0")[0] for at in range(0, len(names), _SLOT_SIZE))
         decoded["stack_files"] = [f"{_STACKS}/{os.fsdecode(name)}" for name in slot if name]
     elif decoded["location"] == "template":
