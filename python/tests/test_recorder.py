@@ -269,9 +269,11 @@ print(*zelk.decode(error_id))
         paths = [ascii(f"/var/adm/zelk/stacks/{name}") for name in sorted(names)]
         self.assertEqual(said.stdout.splitlines(), [*paths, "[]", "id version location time node local"], said.stderr)
 
-    def test_what_is_no_text_raises_a_type_error(self):
-        for given in [{"message": b"m"}, {"message": None}, {"details": b"d"}, {"cause": b"c"}]:
-            with self.assertRaises(TypeError):
+    def test_what_is_no_text_or_no_number_of_a_line_is_refused(self):
+        no_texts = [{"message": b"m"}, {"message": None}, {"details": b"d"}, {"cause": b"c"}]
+        for given in [*no_texts, {"line": 0.5}, {"line": 2**31}, {"line": -(2**31) - 1}]:
+            is_integer = isinstance(given.get("line"), int)
+            with self.assertRaises(ValueError if is_integer else TypeError):
                 zelk.Recorder(self.stack).record(**{"message": "text"} | given)
 
 
