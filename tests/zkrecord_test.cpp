@@ -197,6 +197,9 @@ TEST(zkrecord, preserves_a_dump_file_and_names_it_behind_what_fits_of_the_detail
   const std::string shown = description("node"), copy = shown.substr(shown.find("...\ndump file  ") + 15);
   EXPECT_TRUE(copy.starts_with("/var/adm/zelk/dumps/stn_backup.")) << shown;
   EXPECT_EQ(contents(copy), "state");
+  const std::string unset = "unset ZELKPNAME; zkrecord -q -D " + dump + " -p a/$(printf %0300d 0) ";
+  EXPECT_EQ(shell(unset + "node x"), good(""));
+  EXPECT_EQ(description("node").substr(0, 46), "x" + DETAILS + "dump file  /var/adm/zelk/dumps/a_0");
   const std::string no_copy = "zkrecord: " + dump + ": no copy is made in /var/adm/zelk/dumps: ";
   EXPECT_EQ(zkrecord({"-q", "-D", dump, "node", "x"}), /* by the empty name that run() gives */
             (outcome{"", no_copy + "environment variable missing or bad\n", 0}));

@@ -2,6 +2,7 @@
 /* zkrecord.cpp - the command that records an incident for a script. */
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -290,11 +291,19 @@ static std::string dump_problem(const std::string& path) {
   return S_ISREG(status.st_mode) ? "" : message_text(TOOL_MSG_NOT_REGULAR);
 }
 
+/* What a copy is named after where the environment does not say it: the process, as far as the name of a file can hold it. */
+static std::string command_of(const process_t& process) {
+  static constexpr size_t ROOM = NAME_MAX - (sizeof ".2147483647.20261231.235959" - 1) - CUT_MARK_SIZE;
+  std::string command = cut_value(process.name.empty() ? NAME : process.name, ROOM);
+  std::replace(command.begin(), command.end(), '/', '_');
+  return command;
+}
+
 /* Copies the dump file. Returns the name to record: that of the copy or, where none can be made, its own. */
 static std::string preserve_dump(const command_trace_t& trace, const request_t& request, const process_t& process) {
   const std::string problem = dump_problem(request.dump);
   if (!problem.empty()) fail(request.dump, problem);
-  setenv("ZELKPNAME", process.name.c_str(), 0);
+  setenv("ZELKPNAME", command_of(process).c_str(), 0);
   std::array<char, ZELK_DUMP_NAME_SIZE> kept = {};
   const int result = zk_make_dump_file_copy(trace.active, trace.file.data(), request.dump.c_str(), kept.data());
   if (problem.empty() && result != ZELK_SUCCESS)
