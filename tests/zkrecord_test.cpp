@@ -200,6 +200,7 @@ TEST(zkrecord, preserves_a_dump_file_and_names_it_behind_what_fits_of_the_detail
   const std::string unset = "unset ZELKPNAME; zkrecord -q -D " + dump + " -p a/$(printf %0300d 0) ";
   EXPECT_EQ(shell(unset + "node x"), good(""));
   EXPECT_EQ(description("node").substr(0, 46), "x" + DETAILS + "dump file  /var/adm/zelk/dumps/a_0");
+  EXPECT_EQ(shell(unset + "--file $(printf %01024d 0) node y || ls /var/adm/zelk/dumps | wc -l").out, "2\n");
   const std::string no_copy = "zkrecord: " + dump + ": no copy is made in /var/adm/zelk/dumps: ";
   EXPECT_EQ(zkrecord({"-q", "-D", dump, "node", "x"}), /* by the empty name that run() gives */
             (outcome{"", no_copy + "environment variable missing or bad\n", 0}));

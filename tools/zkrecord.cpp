@@ -422,8 +422,11 @@ static int record(const command_trace_t& trace, request_t* request) {
     fail("--cause", message_text(TOOL_MSG_NOT_AN_EID, {request->cause}));
     wanted.push_back({"--cause", "cause", request->cause, CAUSE_KEPT_MIN});
   }
-  if (!request->dump.empty())
-    wanted.push_back({"--dump", "dump file", preserve_dump(trace, *request, process), DUMP_KEPT_MIN});
+  std::string dump;
+  if (!request->dump.empty()) {
+    dump = preserve_dump(trace, *request, process);
+    wanted.push_back({"--dump", "dump file", dump, DUMP_KEPT_MIN});
+  }
   const std::string lines =
       lines_for(wanted, room_for_details(incident), most_room_for_details(incident, request->is_text));
   std::string details = request->details;
@@ -436,6 +439,7 @@ static int record(const command_trace_t& trace, request_t* request) {
   result = zk_record_incident(trace.active, trace.file.data(), recorder, &incident, eid);
   damage = zk_recorder_damage(recorder);
   zk_close_recorder(recorder);
+  if (result != ZELK_SUCCESS && dump != request->dump) unlink(dump.c_str()); /* a copy that no incident names */
   if (result != ZELK_SUCCESS) return fail_to_record(request->stack, result, damage);
   report_cuts(incident, *request, lines);
   if (request->is_quiet) return STATUS_DONE;
