@@ -348,6 +348,9 @@ static void await_lock(const std::string& name) {
 static int fail_to_record(const std::string& stack, int result, const zk_damage_t& damage) {
   const std::string path = zk_stack_path(stack.c_str()).data();
   const bool is_in_place = path.starts_with(ZELK_STACK_DIR "/");
+  struct stat status;
+  if (result == ZELK_FILE_MISSING && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode))
+    return fail(path, message_text(TOOL_MSG_LINK_TO_NOTHING));
   std::string help;
   if (result == ZELK_FILE_MISSING) help = message_text(TOOL_MSG_HOW_TO_CREATE);
   if (result == ZELK_DIR_MISSING && is_in_place) help = message_text(TOOL_MSG_HOW_TO_MAKE_FOLDER);
