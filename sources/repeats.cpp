@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <fstream>
@@ -38,7 +39,11 @@ bool write_repeats(const std::string& folder, const std::string& unit, int64_t n
                    repeat.result.c_str());
   const bool is_written = std::fflush(file) == 0;
   std::fclose(file);
-  return is_written && std::rename(made.c_str(), path.c_str()) == 0;
+  if (is_written && std::rename(made.c_str(), path.c_str()) == 0) return true;
+  const int error = errno;
+  std::remove(made.c_str());
+  errno = error;
+  return false;
 }
 
 bool is_repeat(const std::string& result, int64_t now, std::vector<repeat_t>* repeats, repeat_t* told) {

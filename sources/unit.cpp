@@ -154,6 +154,16 @@ static bool restarts_after(const std::string& policy, const std::string& result)
   return policy == "on-watchdog" && result == "watchdog";
 }
 
+/* Whether as many starts as are allowed fell into the interval of the start limit, so that systemd gave up. Restarts are counted
+ * since a start by hand: they may be weeks old, but the last start before it gives up is no older than the interval. */
+static bool is_limit_hit(const bus_object_t& object, const unit_t& unit) {
+  const uint32_t burst = number_of<uint32_t>(object, UNIT, "StartLimitBurst", 'u');
+  const uint64_t interval = number_of<uint64_t>(object, UNIT, "StartLimitIntervalUSec", 't');
+  const uint64_t started = number_of<uint64_t>(object, UNIT, "InactiveExitTimestampMonotonic", 't');
+  const uint64_t failed = number_of<uint64_t>(object, UNIT, "StateChangeTimestampMonotonic", 't');
+  return burst > 0 && unit.restarts >= burst && failed - started <= interval;
+}
+
 std::string read_unit(const std::string& name, unit_t* unit) {
   *unit = {};
   unit->name = name;
@@ -183,9 +193,8 @@ std::string read_unit(const std::string& name, unit_t* unit) {
     read_commands(object, property, !is_main, unit);
   for (const char* property : {"ExecReload", "ExecStart"}) read_commands(object, property, false, unit);
   /* systemd keeps the result of the last start when it gives up restarting. */
-  const uint32_t burst = number_of<uint32_t>(object, UNIT, "StartLimitBurst", 'u');
   const bool is_to_restart = restarts_after(text_of(object, SERVICE, "Restart"), unit->result);
-  if (is_to_restart && !is_prevented && burst > 0 && unit->restarts >= burst) unit->result = "start-limit-hit";
+  if (is_to_restart && !is_prevented && is_limit_hit(object, *unit)) unit->result = "start-limit-hit";
   read_needs(object, unit);
   sd_bus_flush_close_unref(object.bus);
   return "";

@@ -118,7 +118,7 @@ int main(int argc, char** argv) {
     const char* const reason = recorded == ZELK_FAILURE && errno != 0 ? std::strerror(errno) : zk_result_text(recorded);
     if (recorded != ZELK_SUCCESS) return fail(std::string(ZELK_STACK_DIR "/") + UNITS_STACK, reason);
   }
-  if (!write_repeats(folder, name, now, repeats)) return fail(folder, std::strerror(errno));
   std::printf("%s: %s: %s\n", name.c_str(), result.c_str(), is_passed_over ? "as before, not recorded again" : eid);
+  if (!write_repeats(folder, name, now, repeats)) return fail(folder, std::strerror(errno));
   return EXIT_SUCCESS;
 }

@@ -29,6 +29,8 @@ FAILING = {
                         'ExecStart=/bin/sh -c "test -e /run/again && exit 5; touch /run/again; kill -KILL $$$$"'),
     "barks_once.service": ("exit status 5", "WatchdogSec=100ms", "LimitCORE=0", "Restart=on-watchdog", "RestartSec=0", "Unit:StartLimitBurst=1",
                            "Unit:StartLimitIntervalSec=0", 'ExecStart=/bin/sh -c "test -e /run/barked && exit 5; touch /run/barked; sleep 60"'),
+    "stays.service": ("timeout", "Restart=always", "RestartSec=1.1", "Unit:StartLimitBurst=1", "Unit:StartLimitIntervalSec=1", "TimeoutStopSec=1", "ExecStop=/bin/sleep 60",
+                      'ExecStart=/bin/sh -c "test -e /run/stayed && systemctl stop stays.service; touch /run/stayed; exit 1"'),
     "prevents.service": ("exit status 5", "Restart=always", "RestartSec=0", "RestartPreventExitStatus=5", "Unit:StartLimitBurst=1", "Unit:StartLimitIntervalSec=0",
                          'ExecStart=/bin/sh -c "test -e /run/once && exit 5; touch /run/once; exit 1"'),
     "my-zelk-failure@x.service": ("exit status 203", "ExecStart=/no/such/program"),

@@ -73,6 +73,7 @@ TEST(failed_unit, is_remembered_in_a_file_whatever_stands_in_it) {
   EXPECT_EQ(known[0].result, "kept");
   EXPECT_TRUE(read_repeats(folder, "none.service").empty());
   EXPECT_FALSE(write_repeats(folder, "", 14'000, known));
+  EXPECT_FALSE(std::ifstream(folder + "/." + std::to_string(getpid())).is_open()); /* nor is half of it left */
 }
 
 /* ---- Causes -------------------------------------------------------------------------------------------------------- */
