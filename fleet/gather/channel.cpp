@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -241,6 +242,7 @@ bool split_address(const std::string& text, std::string* host, std::string* port
   const size_t colon = text.rfind(':');
   *port = colon == text.npos ? text : text.substr(colon + 1);
   if (port->empty() || port->size() > 5 || port->find_first_not_of("0123456789") != port->npos) return false;
+  if (std::stoul(*port) > UINT16_MAX) return false; /* of which getaddrinfo would make another one */
   if (colon == text.npos) return true;
   *host = text.substr(0, colon);
   if (host->starts_with('[') && host->ends_with(']')) *host = host->substr(1, host->size() - 2);

@@ -66,5 +66,5 @@ bool has_unread(const channel_t* channel);
 
 void close_channel(channel_t* channel);
 
-/* Parts [ADDRESS:]PORT; without an address it stays as it is. Returns false when there is no port. */
+/* Parts [ADDRESS:]PORT; without an address it stays as it is. Returns false when there is no port, or none up to 65535. */
 bool split_address(const std::string& text, std::string* host, std::string* port);
