@@ -102,6 +102,8 @@ DO $$ BEGIN
     CREATE TABLE zelk_incident_other PARTITION OF zelk_incident_here DEFAULT; -- of months that have none of their own
   END IF;
 END $$;
+-- Rows lie in the order in which they came, so a summary of their blocks says which came since, at no cost to what comes in.
+CREATE INDEX IF NOT EXISTS zelk_incident_here_received ON zelk_incident_here USING brin (received);
 
 -- Gaps (incidents were overwritten before they could be read) and damaged stacks. `place` tells two gaps of a stack apart:
 -- it is the spool file of the node and the offset of the line in it.
