@@ -4,6 +4,7 @@ killed meanwhile and whoever sends what."""
 import base64
 import concurrent.futures
 import datetime
+import errno
 import glob
 import html
 import itertools
@@ -510,6 +511,8 @@ def listens(main):
     expect("it warns of addresses that others reach", {address: f" {address} is in the open" not in log for address in addresses}, addresses)
     for port, address in ((2661, "127.0.0.1"), (2662, "127.0.0.1"), (2663, "::1"), (2664, "127.0.0.1"), (2665, "::1"), (2665, "127.0.0.1"), (2666, "127.0.0.1")):
         Conversation(port, address=address).close()
+    with socket.socket() as other:
+        expect("a port alone is one of 127.0.0.1", other.connect_ex(("127.0.0.2", 2661)), errno.ECONNREFUSED)
     relay = start_gatherer("--listen=127.0.0.1:2667", "--relay=[::1]:2663", port=2667, name="to6")
     put([line_of(8001)], 2667)
     put(["no line by a relay"], 2667, host="-", place="7.json")
