@@ -107,12 +107,17 @@ bool load_cursor(cursor_t* cursor, std::string* reason) {
     return false;
   }
   const bool is_regular = S_ISREG(status.st_mode);
-  *reason = is_regular ? message_text(TOOL_MSG_NO_CURSOR) + "; " + message_text(TOOL_MSG_HOW_TO_BEGIN_ANEW)
-                       : message_text(TOOL_MSG_NOT_REGULAR);
   std::string text(is_regular && status.st_size <= LARGEST ? static_cast<size_t>(status.st_size) : 0, '\0');
   text.resize(zk_read(fildes, text.data(), text.size(), 0));
   close(fildes);
-  return parse_marks(text, &cursor->marks);
+  if (parse_marks(text, &cursor->marks)) return true;
+  if (!is_regular)
+    *reason = message_text(TOOL_MSG_NOT_REGULAR);
+  else if (holds_stack(cursor->file.c_str()))
+    *reason = message_text(TOOL_MSG_IS_STACK);
+  else
+    *reason = message_text(TOOL_MSG_NO_CURSOR) + "; " + message_text(TOOL_MSG_HOW_TO_BEGIN_ANEW);
+  return false;
 }
 
 /* Whether a stack was one of the stacks' folder, and is not any more. */
@@ -129,7 +134,8 @@ bool forget_gone(cursor_t* cursor, const std::vector<std::string>& there) {
   return true;
 }
 
-bool save_cursor(const cursor_t& cursor, std::string* reason) {
+bool save_cursor(const cursor_t& cursor) {
+  if (cursor.file.empty()) return true;
   const std::string made = cursor.file + ".new";
   std::string text(FIRST_LINE);
   text += '\n';
@@ -144,7 +150,8 @@ bool save_cursor(const cursor_t& cursor, std::string* reason) {
   bool is_good = fildes != -1 && zk_write(fildes, text.data(), text.size());
   if (fildes != -1 && close(fildes) != 0) is_good = false;
   if (is_good && std::rename(made.c_str(), cursor.file.c_str()) == 0) return true;
-  *reason = std::strerror(errno);
+  const std::string reason = std::strerror(errno);
+  complain(full_path(cursor.file), reason);
   if (fildes != -1) unlink(made.c_str());
   return false;
 }

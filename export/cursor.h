@@ -22,8 +22,9 @@ bool load_cursor(cursor_t* cursor, std::string* reason);
  * order, are the names that it has. Fewer are kept, as one may come back. Returns whether there were. */
 bool forget_gone(cursor_t* cursor, const std::vector<std::string>& there);
 
-/* Renames a new file over the cursor's. Returns false with `*reason` when it cannot be written. */
-bool save_cursor(const cursor_t& cursor, std::string* reason);
+/* Renames a new file over the cursor's, if it has one. Returns false when it cannot be written, which has been said. It is
+ * tried before the first line, too: what is given and not marked would be given again. */
+bool save_cursor(const cursor_t& cursor);
 
 /* The mark of the stack with that path, open as `fildes`: its own, or that of another path from which its file has been
  * moved. Null for none. */

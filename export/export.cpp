@@ -61,8 +61,7 @@ bool follow_link(std::string* path) {
 
 static const char* output_name; /* null for standard output */
 
-/* Whether the file holds an Error Stack: what is written there would be the end of it. */
-static bool holds_stack(const char* name) {
+bool holds_stack(const char* name) {
   const int fildes = zk_open_regular(name, O_RDONLY);
   if (fildes == -1) return false;
   zk_estack_v1_header_t header = {};

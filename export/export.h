@@ -65,6 +65,9 @@ damage_t end_reading(stack_reader_t* reader);
 int report_damage(const export_request_t& request, const std::string& name, const damage_t& damage, int status,
                   std::string* lines);
 
+/* Whether the file holds an Error Stack: what is written there would be the end of it. */
+bool holds_stack(const char* name);
+
 /* Makes the file that the request asks for standard output, now or once again. Returns false when it cannot be opened,
  * which has been said. */
 bool open_output(const export_request_t& request);

@@ -150,12 +150,10 @@ static bool wait_for(follower_t* follower, pollfd* descriptors, nfds_t count, in
 
 /* Keeps the cursor's file up to date. */
 static bool keep_cursor(follower_t* follower) {
-  std::string reason;
   if (!follower->is_unsaved) return true;
   follower->is_unsaved = false;
   follower->saved = now();
-  if (follower->cursor.file.empty() || save_cursor(follower->cursor, &reason)) return true;
-  complain(full_path(follower->cursor.file), reason);
+  if (save_cursor(follower->cursor)) return true;
   follower->status = STATUS_FAILED;
   return false;
 }
@@ -680,6 +678,7 @@ int follow_json(const zk_trace_t& trace, const export_request_t& request) {
   std::string reason;
   if (!follower.cursor.file.empty() && !load_cursor(&follower.cursor, &reason))
     return complain(full_path(request.cursor_file), reason);
+  if (!save_cursor(follower.cursor)) return STATUS_FAILED;
   follower.inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   handle_signals(&follower);
   for (const std::string& name : request.stacks) add_stack(&follower, name, false);

@@ -58,6 +58,7 @@ static int give_stacks(const zk_trace_t& trace, const export_request_t& request)
   for (const std::string& name : names) paths.push_back(zk_stack_path(name.c_str()).data());
   move_marks(&cursor, paths);
   if (request.is_every) forget_gone(&cursor, names);
+  if (!save_cursor(cursor)) return STATUS_FAILED;
 
   std::string lines;
   for (const std::string& name : names) {
@@ -67,7 +68,7 @@ static int give_stacks(const zk_trace_t& trace, const export_request_t& request)
     status = report_damage(request, name, damage, status, &lines);
     if (!is_written || !write_out(lines)) return STATUS_FAILED;
     lines.clear();
-    if (!cursor.file.empty() && !save_cursor(cursor, &reason)) return complain(full_path(cursor.file), reason);
+    if (!save_cursor(cursor)) return STATUS_FAILED;
   }
   return status;
 }
