@@ -140,7 +140,7 @@ static const char* colour_of(std::string_view process) {
 /* What repeats have in common. */
 static auto repeat_key(const incident_t& incident) {
   return std::tie(incident.node, incident.process, incident.process_id, incident.catalog, incident.message_set,
-                  incident.message_number, incident.default_message, incident.cause);
+                  incident.message_number, repeated_text(incident), incident.cause);
 }
 
 /* Makes rows of incidents below the same row: repeats become one. */

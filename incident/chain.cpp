@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "cu_format.h"
 #include "text.h"
 #include "utc_time.h"
 
@@ -31,6 +32,24 @@ bool may_be_recorded(const chain_t& chain, const std::string& cause) {
 
 int64_t exact_time(const incident_t& incident) {
   return incident.id_time == NO_ID_TIME ? incident.time * SECOND : incident.id_time;
+}
+
+static bool has_word(const std::string& message) {
+  const auto is_letter = [](char byte) {
+    return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
+           (byte & 0x80) != 0;
+  };
+  size_t unnumbered = 0;
+  for (const char* at = message.c_str(); *at != '\0';) {
+    const cu_piece_t piece = cu_parse_piece(&at, &unnumbered);
+    if (piece.kind == CU_PIECE_TEXT && std::any_of(piece.text.begin(), piece.text.end(), is_letter)) return true;
+  }
+  return false;
+}
+
+const std::string& repeated_text(const incident_t& incident) {
+  const std::string& message = incident.default_message;
+  return message.empty() || has_word(message) ? message : incident.description;
 }
 
 std::string short_description(const incident_t& incident, size_t limit) {

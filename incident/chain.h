@@ -65,5 +65,9 @@ std::string damage_note(const std::string& stack, const damage_t& damage);
 /* Microseconds since the Epoch at which an incident was recorded, as exactly as is known. */
 int64_t exact_time(const incident_t& incident);
 
+/* What repeats have in common: the message, or the description of one that has no word beside what its arguments fill in. The
+ * message is empty where only a catalog has it. */
+const std::string& repeated_text(const incident_t& incident);
+
 /* What the incident is described by in one line: at most `limit` characters of it. */
 std::string short_description(const incident_t& incident, size_t limit);

@@ -38,7 +38,7 @@ static repeat_key_t repeat_key(const chain_t& chain, size_t index) {
   const incident_t& incident = chain.incidents[index];
   const bool has_text = !incident.default_message.empty();
   return {chain.lanes[index],   incident.cause,          incident.catalog,
-          incident.message_set, incident.message_number, has_text ? incident.default_message : incident.description};
+          incident.message_set, incident.message_number, has_text ? repeated_text(incident) : incident.description};
 }
 
 /* What is to be placed: an incident, or one with its repeats, which have no effects. */
