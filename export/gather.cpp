@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 #include <unordered_set>
 #include <utility>
 
 #include "command.h"
 #include "json_line.h"
 #include "page.h"
+#include "zk_stack_file.h"
 
 /* Limits of standard input, in bytes: far above what a record can become, and what can be kept of it. */
 static constexpr size_t LINE_MAX_SIZE = 1024 * 1024;
@@ -33,7 +35,11 @@ static int gather_stacks(const zk_trace_t& trace, const export_request_t& reques
   if (status != STATUS_DONE) return status;
   const std::string wanted_id = request.is_chain ? "" : request.id;
   chain->incidents.reserve(std::min(names.size(), size_t{8}) * USUAL_COUNT);
+  std::set<std::pair<dev_t, ino_t>> gathered;
   for (const std::string& name : names) {
+    struct stat file;
+    const bool is_there = stat(zk_stack_path(name.c_str()).data(), &file) == 0;
+    if (is_there && !gathered.insert({file.st_dev, file.st_ino}).second) continue; /* by another name */
     stack_reader_t reader;
     begin_stack(&reader, trace, name, wanted_id);
     while (next_incident(&reader, &chain->incidents.emplace_back())) {
