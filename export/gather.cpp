@@ -126,7 +126,7 @@ static void add_note(input_t* input, const std::string& line, const std::string&
 static void add_line(input_t* input, std::string_view line) {
   damage_t damage;
   std::string other;
-  if (line.empty()) return;
+  if (line.empty() || line == "\r") return;
   switch (parse_json_line(line, &input->incident, &damage)) {
     case line_kind_t::INCIDENT:
       add_incident(input, line.size());
@@ -168,12 +168,13 @@ static int gather_input(const export_request_t& request, chain_t* chain, std::st
     if (errno != 0) input.status = complain(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
     add_lines(&input, {block.data(), size}, &rest);
   }
-  if (!rest.empty()) add_lines(&input, "\n", &rest);
+  const bool is_full = input.kept > KEPT_MAX_SIZE; /* what is left may be half a line then */
+  if (!rest.empty() && !is_full) add_lines(&input, "\n", &rest);
   if (input.refused > REFUSED_NOTED_MAX)
     chain->notes.push_back("standard input: " + std::to_string(input.refused - REFUSED_NOTED_MAX) +
                            " more lines were passed over");
   input.refused = 0; /* the last one is noted in any case */
-  if (input.kept > KEPT_MAX_SIZE) refuse_line(&input, TOOL_MSG_TOO_MANY_INCIDENTS);
+  if (is_full) refuse_line(&input, TOOL_MSG_TOO_MANY_INCIDENTS);
   std::stable_sort(chain->incidents.begin(), chain->incidents.end(),
                    [](const incident_t& one, const incident_t& other) { return exact_time(one) < exact_time(other); });
   return input.status;
