@@ -163,18 +163,19 @@ static int gather_input(const export_request_t& request, chain_t* chain, std::st
   input_t input = {&request, chain, other_lines, {}, {}, 1, 0, 0, STATUS_DONE};
   std::vector<char> block(262144);
   std::string rest;
-  for (size_t size = block.size(); size == block.size() && input.kept <= KEPT_MAX_SIZE;) {
+  size_t size = block.size();
+  while (size == block.size() && input.kept <= KEPT_MAX_SIZE) {
     size = zk_read(STDIN_FILENO, block.data(), block.size());
     if (errno != 0) input.status = complain(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
     add_lines(&input, {block.data(), size}, &rest);
   }
-  const bool is_full = input.kept > KEPT_MAX_SIZE; /* what is left may be half a line then */
-  if (!rest.empty() && !is_full) add_lines(&input, "\n", &rest);
+  const bool has_ended = size < block.size() || zk_read(STDIN_FILENO, block.data(), 1) == 0;
+  if (has_ended && !rest.empty()) add_lines(&input, "\n", &rest); /* of what goes on it may be half a line */
   if (input.refused > REFUSED_NOTED_MAX)
     chain->notes.push_back("standard input: " + std::to_string(input.refused - REFUSED_NOTED_MAX) +
                            " more lines were passed over");
   input.refused = 0; /* the last one is noted in any case */
-  if (is_full) refuse_line(&input, TOOL_MSG_TOO_MANY_INCIDENTS);
+  if (!has_ended) refuse_line(&input, TOOL_MSG_TOO_MANY_INCIDENTS);
   std::stable_sort(chain->incidents.begin(), chain->incidents.end(),
                    [](const incident_t& one, const incident_t& other) { return exact_time(one) < exact_time(other); });
   return input.status;

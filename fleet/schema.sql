@@ -103,7 +103,11 @@ DO $$ BEGIN
   END IF;
 END $$;
 -- Rows lie in the order in which they came, so a summary of their blocks says which came since, at no cost to what comes in.
-CREATE INDEX IF NOT EXISTS zelk_incident_here_received ON zelk_incident_here USING brin (received);
+DO $$ BEGIN
+  IF to_regclass('zelk_incident_here_received') IS NULL THEN -- IF NOT EXISTS would lock out what comes in before it looks
+    CREATE INDEX zelk_incident_here_received ON zelk_incident_here USING brin (received);
+  END IF;
+END $$;
 
 -- Gaps (incidents were overwritten before they could be read) and damaged stacks. `place` tells two gaps of a stack apart:
 -- it is the spool file of the node and the offset of the line in it.

@@ -34,6 +34,7 @@ int64_t exact_time(const incident_t& incident) {
   return incident.id_time == NO_ID_TIME ? incident.time * SECOND : incident.id_time;
 }
 
+/* Whether a message says anything beside what its arguments fill in. */
 static bool has_word(const std::string& message) {
   const auto is_letter = [](char byte) {
     return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
@@ -49,7 +50,7 @@ static bool has_word(const std::string& message) {
 
 const std::string& repeated_text(const incident_t& incident) {
   const std::string& message = incident.default_message;
-  return message.empty() || has_word(message) ? message : incident.description;
+  return message.empty() || !incident.catalog.empty() || has_word(message) ? message : incident.description;
 }
 
 std::string short_description(const incident_t& incident, size_t limit) {

@@ -65,8 +65,8 @@ std::string damage_note(const std::string& stack, const damage_t& damage);
 /* Microseconds since the Epoch at which an incident was recorded, as exactly as is known. */
 int64_t exact_time(const incident_t& incident);
 
-/* What repeats have in common: the message, or the description of one that has no word beside what its arguments fill in. The
- * message is empty where only a catalog has it. */
+/* What repeats have in common: the message, or the description of one of no catalog that has no word beside what its
+ * arguments fill in. */
 const std::string& repeated_text(const incident_t& incident);
 
 /* What the incident is described by in one line: at most `limit` characters of it. */

@@ -172,8 +172,8 @@ std::string read_unit(const std::string& name, unit_t* unit) {
   if (opened < 0) return std::string("systemd cannot be asked: ") + std::strerror(-opened);
   const std::string state = text_of(object, UNIT, "LoadState");
   unit->result = text_of(object, SERVICE, "Result");
-  /* A service may have failed before its file was taken away. */
-  if (state.empty() || (state == "not-found" && unit->result == "success")) {
+  /* It may have failed before its file was taken away. */
+  if (state.empty() || (state == "not-found" && text_of(object, UNIT, "ActiveState") != "failed")) {
     sd_bus_flush_close_unref(object.bus);
     return "systemd knows no such unit";
   }

@@ -26,7 +26,7 @@ START = 1795554420  # 2026-11-24 21:07:00 UTC
 NODES = ["192.0.2.2", "192.0.2.18"]
 KINDS = [("disk", 7, "Disk %1$s is slow", "", 0, 0), ("disk", 7, "Disk %1$s is slow", "a.cat", 1, 2), ("disk", 41, "disk lost", "", 0, 0),
          ("volume", 41, "Volume %1$s\nof node", "", 0, 0), ("41", 7, "", "a.cat", 1, 2), ("41", 7, "", "a.cat", 1, 3),
-         ("7th", 41, 101 * "<é>", "", 0, 0), ("7th", 41, "<%1$s>", "", 0, 0)]
+         ("7th", 41, 101 * "<é>", "", 0, 0), ("7th", 41, "<%1$s>", "", 0, 0), ("7th", 41, "<%1$s>", "a.cat", 1, 2)]
 ZONE = datetime.timedelta(hours=5, minutes=30)  # of the page's reader: IST
 
 
@@ -79,7 +79,7 @@ def process_of(incident):
 
 def message_of(incident):
     message = incident["message"]
-    has_word = message["default"] == "" or re.search(r"\w", message["default"].replace("%1$s", ""))
+    has_word = message["default"] == "" or message["catalog"] or re.search(r"\w", message["default"].replace("%1$s", ""))
     return message["catalog"], message["set"], message["number"], message["default"] if has_word else incident["description"]
 
 

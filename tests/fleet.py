@@ -91,7 +91,7 @@ def transcript(name, hosts=None, **names):
         if command:
             text = re.sub("|".join(names), lambda name: names[name[0]], command[2])
             enter, variables = (hosts or {}).get(command[1], ([], {}))
-            answer = subprocess.run([*enter, "timeout", "120", "sh", "-c", text], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            answer = subprocess.run([*enter, "timeout", "300", "sh", "-c", text], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                     text=True, env=environment | variables)
             said = re.sub("|".join(map(re.escape, names.values())), lambda text: next(name for name in names if names[name] == text[0]), answer.stdout)
             found += [line, *said.splitlines(), *[f"--- status {answer.returncode}"] * (answer.returncode != 0)]

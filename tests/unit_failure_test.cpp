@@ -144,10 +144,13 @@ TEST(cause_of_a_failure, is_else_that_of_a_unit_it_needs_in_the_same_minute) {
   EXPECT_EQ(find_cause(unit, {}, now + 59), eid);
   EXPECT_EQ(find_cause(unit, {}, now + 62), "");
   unit.result = "success"; /* nothing of its own failed: what it needs is about to be recorded */
-  unit.needs = {"late.service"};
-  std::string late;
-  std::thread recorder = once_asleep([&] { late = recorded(UNITS_STACK, 1, 1, "late.service"); });
-  const std::string found = find_cause(unit, {}, now);
-  recorder.join();
+  std::string late, found; /* a busy machine may need more than one */
+  for (int tries = 0; tries < 20 && found.empty(); ++tries) {
+    const std::string name = "late" + std::to_string(tries) + ".service";
+    unit.needs = {name};
+    std::thread recorder = once_asleep([&] { late = recorded(UNITS_STACK, 1, 1, name); });
+    found = find_cause(unit, {}, now);
+    recorder.join();
+  }
   EXPECT_EQ(found, late);
 }

@@ -115,7 +115,7 @@ class Recorder:
         `cause` is the Error ID of the incident that caused this one. `file` and `line` are the caller's unless given.
         Raises ZelkError when it cannot be recorded, ValueError for a line beyond 32 bits, and what `message % args` raises.
         """
-        if line is not None and isinstance(line, int) and not -(2**31) <= line < 2**31:
+        if isinstance(line, int) and not -(2**31) <= line < 2**31:
             raise ValueError("a line has to be a number of 32 bits")
         if file is None or line is None:
             caller = sys._getframe(1)
