@@ -101,8 +101,8 @@ int zk_record_incident(int debug_active, const char* debug_file, zk_recorder_t* 
  *            floating-point number as a `double`, a text and a pointer as such. A null text is recorded as "(null)". Of a
  *            text whose conversion has a precision no byte behind that is read.
  * Returns 0; ZELK_INV_PARAM3 null recorder; ZELK_INV_PARAM4 a null format, or one with what cannot be recorded: "%n", "*",
- * "%m", wide characters ("%lc", "%ls"), a conversion or combination that printf does not define, a width or precision above
- * 1024, numbered conversions beside others or with gaps, one argument as two kinds (nothing is recorded then);
+ * "%m", wide characters ("%lc", "%ls"), a conversion or length that printf does not define, a width or precision above 1024,
+ * numbered conversions beside others or with gaps, one argument as two kinds (nothing is recorded then);
  * ZELK_INV_RECLEN more than 200 arguments; ZELK_NO_MEMORY; the other codes of zk_record_incident. */
 int zk_record_message(zk_recorder_t* recorder, const char* cause, const char* details, zk_eid_t eid, const char* format,
                       ...) ZELK_PRINTF_LIKE(5, 6);

@@ -352,7 +352,8 @@ int zk_clear_record_remnant(int fildes);
 /* ---- Files --------------------------------------------------------------------------------------------------- */
 
 /* Writes `offset` zero bytes (a length, despite its name) at the descriptor's position.
- * Returns the length, with nothing written when that is below 0; -1 with errno set, what was written stays written. */
+ * Returns the length, with nothing written when that is below 0; -1 with errno set, what was written stays written, EFBIG
+ * when the end would lie beyond the largest offset or, of a length below 0, before the file. */
 off_t fclear(int fildes, off_t offset);
 
 /* The largest size in bytes, from `requested_size` down in steps of two blocks, with which a new file `filename`

@@ -347,14 +347,15 @@ static void await_lock(const std::string& name) {
 /* Says why nothing is recorded, and what helps. Returns STATUS_FAILED. */
 static int fail_to_record(const std::string& stack, int result, const zk_damage_t& damage) {
   const std::string path = zk_stack_path(stack.c_str()).data();
-  const bool is_in_place = path.starts_with(ZELK_STACK_DIR "/");
+  const bool is_below = path.starts_with(ZELK_STACK_DIR "/");
+  const bool is_in_place = is_below && path.find('/', sizeof ZELK_STACK_DIR) == path.npos;
   struct stat status;
   if (result == ZELK_FILE_MISSING && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode))
     return fail(path, message_text(TOOL_MSG_LINK_TO_NOTHING));
   std::string help;
   if (result == ZELK_FILE_MISSING) help = message_text(TOOL_MSG_HOW_TO_CREATE);
   if (result == ZELK_DIR_MISSING && is_in_place) help = message_text(TOOL_MSG_HOW_TO_MAKE_FOLDER);
-  if ((result == ZELK_NO_ACCESS || result == ZELK_DIR_NO_ACCESS) && is_in_place)
+  if ((result == ZELK_NO_ACCESS || result == ZELK_DIR_NO_ACCESS) && is_below)
     help = message_text(TOOL_MSG_WHO_RECORDS, {"zelk"});
   return fail(path, reason_of(result, damage) + (help.empty() ? "" : "; " + help));
 }
