@@ -553,7 +553,8 @@ TEST(details, are_cut_at_the_last_character_that_fits) {
     std::string details;
     size_t fits = 0; /* with "..." behind it */
     while (details.size() + 4 < size) {
-      details += std::array{"a", "\u00e9", "\u20ac", "\U0001f600", "\x80"}[random() % 5];
+      details += std::array{"a",          "\u0080",     "\u07ff", "\u0800", "\uffff",
+                            "\U00010000", "\U0010ffff", "\x80",   "\xc1",   "\xf5"}[random() % 10];
       if (details.size() + 3 <= room) fits = details.size();
     }
     const std::string cut = room < 3 ? "" : details.substr(0, fits) + "...";
