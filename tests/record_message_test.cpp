@@ -159,6 +159,7 @@ TEST(open_or_create, checks_its_arguments_in_their_order) {
   EXPECT_EQ(zk_open_or_create_recorder(0, nullptr, "x", 0, nullptr), -6);
   EXPECT_EQ(open_or_create("/missing/x.stack", 0), -14);
   EXPECT_EQ(open_or_create(new_file("no stack"), 0), -26);
+  EXPECT_EQ(open_or_create(new_file("no folder") + "/x", 0), -25);
 }
 
 /* ---- qx_record.hpp ----------------------------------------------------------------------------------------------- */
