@@ -33,6 +33,16 @@ TEST(new_stack, is_closed_to_others_whatever_the_umask) {
   }
 }
 
+TEST(new_stack, is_opened_below_the_folder_of_the_stacks) {
+  NEEDS_PRIVATE_VAR();
+  const std::string trace = new_file(EMPTY_TRACE);
+  zk_recorder_t* recorder = nullptr;
+  EXPECT_EQ(create("below"), 0);
+  EXPECT_EQ(zk_open_recorder(1, trace.c_str(), "below", &recorder), 0);
+  zk_close_recorder(recorder);
+  EXPECT_EQ(trace_entries(trace).back().find("Stack " ZELK_STACK_DIR "/below opened for recording"), 18U);
+}
+
 TEST(new_stack, needs_space_and_a_file_system_that_is_written) {
   NEEDS_PRIVATE_VAR();
   EXPECT_EQ(create("one"), 0);
