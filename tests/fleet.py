@@ -44,8 +44,10 @@ def enter(script):
     folder = tempfile.mkdtemp(prefix="zkview-fleet-")
     os.chmod(folder, 0o755)
     environment = os.environ | {"PATH": f"{BIN}:/usr/sbin:" + os.environ["PATH"], "PGHOST": folder, "PGUSER": "postgres",
-                                "PGDATABASE": "zelk", "LC_ALL": "C.UTF-8", "TZ": "UTC"}
+                                "PGDATABASE": "zelk", "PSQLRC": folder + "/psqlrc", "LC_ALL": "C.UTF-8", "TZ": "UTC"}
     os.environ.update(environment)
+    with open(folder + "/psqlrc", "w") as file:
+        file.write("\\echo what a user likes to be told\n")
     log = open(folder + "/log", "a")
     atexit.register(clean_up)
     run("ip", "link", "set", "lo", "up")

@@ -13,6 +13,7 @@ import os
 import random
 import re
 import select
+import shlex
 import signal
 import socket
 import ssl
@@ -406,14 +407,15 @@ def checks():
         CREATE FUNCTION gap(age interval) RETURNS void LANGUAGE sql AS $$ INSERT INTO zelk_notice VALUES (now() - age, 'a', age, 'gap', 'b', '{}') $$;
         CREATE FUNCTION rejected(age interval) RETURNS void LANGUAGE sql AS $$ INSERT INTO zelk_rejected VALUES (now() - age, 'a', age, '', '') $$;
         CREATE FUNCTION incident(host text, age interval, taken interval) RETURNS void LANGUAGE sql AS
-            $$ INSERT INTO zelk_incident VALUES (0, now() - age, now() - age + taken, age, NULL, host, '{}') $$""", "checked")
+            $$ INSERT INTO zelk_incident VALUES (0, now() - age, now() - age + taken, age, NULL, host, '{}') $$;
+        ALTER DATABASE checked SET timezone = 'Asia/Kolkata'; ALTER DATABASE checked SET datestyle = 'SQL'""", "checked")
     fleet.transcript("fleet_checks", {user: ([], {"PGUSER": user, "PGDATABASE": "checked"}) for user in ("postgres", "zelk_reader")})
 
 
 def pages():
     """What zelk-page writes, word for word. The database and the machine have other zones."""
     fleet.make_database("paged")
-    query("ALTER DATABASE paged SET timezone = 'Asia/Kolkata'")
+    query("ALTER DATABASE paged SET timezone = 'Asia/Kolkata'; ALTER DATABASE paged SET datestyle = 'SQL'")
     day = (int(time.time()) - 85000) // 60 * 60
 
     def line(number, cause=None, product="stn.node", stack="disks"):
@@ -648,14 +650,39 @@ def patience():
             (True, [(0, half), (20, b"defghi\n3 syslog 9 abc"), (20, b"defghi\n4 close 0\n")]), (True, [(31, half), (5, b"defghi\n3 close 0\n")]))]
         answered = [pool.submit(lambda log=log, why=why: wait_until(lambda: why in open(log).read(), limit=60) and time.monotonic() - begin) for log, why in zip(
             logs, (": 127.0.0.1: it does not answer\n", f": 127.0.0.1:{port}: it does not answer\n", ": session 1: does not answer: "))]
-        return [each.result() for each in ended], [each.result() for each in answered], logs, begin
+        came = pool.submit(comes_again)
+        return [each.result() for each in ended], [each.result() for each in answered], logs, begin, came.result()
+
+
+def comes_again():
+    """When what has 60 megabytes to send comes to a middle that leaves it each time, the fourth time after a line, and how many it has in memory."""
+    with socket.create_server(("127.0.0.1", 0)) as fickle:
+        fickle.settimeout(30)
+        forward = fleet.start("zelk-forward", "--spool=" + make_spool("fickle", _1=("x" * 60000 + "\n") * 1000), "127.0.0.1:%d" % fickle.getsockname()[1])
+        came = []
+        for number in range(5):
+            connection, _ = fickle.accept()
+            came.append(time.monotonic())
+            connection.settimeout(30)
+            frames = fleet.frames_of(connection)
+            for answer in (b"1 rsp 6 200 OK\n", b"2 rsp 6 200 OK\n") if number == 3 else ():
+                next(frames)
+                connection.sendall(answer)
+            connection.shutdown(socket.SHUT_WR)
+            for _ in frames:
+                pass
+            connection.close()
+    with open(f"/proc/{forward.pid}/status") as file:
+        return came, int(re.search(r"VmHWM:\s+(\d+)", file.read())[1]) / 1000
 
 
 def was_patient(found):
-    ended, answered, logs, begin = found
+    ended, answered, logs, begin, (came, megabytes) = found
     expect("who says nothing that is whole has ten seconds to begin with a frame, and thirty for each after that", [
         low - 2 <= seconds < 90 for seconds, low in zip(ended, (10, 10, 30, 9, 40, 36))], [True] * 6)
     expect("so long is waited for an answer", [10 <= seconds for seconds in answered], [True] * 3)
+    expect("what sends waits ever longer, 1, 2, 4 seconds, and 1 after an answer", (came[3] - came[0] > 6, came[4] - came[3] < 7), (True, True))
+    expect(f"and has few lines in memory, {megabytes} megabytes", megabytes < 30, True)
 
     def told():
         return [open(log).read().count("status: ") for log in logs[1:]]
@@ -843,8 +870,12 @@ def by_tls():
     put([line_of(72100)], 2610, tls=context("plain"))
     expect("a certificate without DNS names has a common name", rows("host = 'plain.example'"), 1)
     astray = start_gatherer("--listen=127.0.0.1:2612", "--relay=localhost:2610", *fleet.tls_options("site", "authority"), port=2612, name="astray")
-    expect("a gatherer that is named otherwise is told nothing", wait_until(lambda: "name in the certificate does not match" in open(astray.log).read()), True)
+    with open(fleet.folder + "/astray2.log", "w") as output:
+        sender = fleet.start("zelk-forward", "--spool=" + fleet.folder, *fleet.tls_options("site", "authority"), "localhost:2610", output=output)
+    expect("a gatherer that is named otherwise is told nothing", [wait_until(lambda: "name in the certificate does not match" in open(log).read())
+                                                                  for log in (astray.log, output.name)], [True, True])
     kill(astray)
+    kill(sender)
 
     connections = [Conversation(2610, tls=context(name)) for name in ("liar", "honest")]
     fleet.revoke("authority", "liar")
@@ -927,15 +958,16 @@ class Sandbox:
     def __init__(self, name):
         self.room = f"{fleet.folder}/{name}"
         self.etc = self.room + "/etc/zelk"
-        for part in ("etc", "work", "bin"):
+        for part in ("etc", "work", "bin", "tmp"):
             os.makedirs(f"{self.room}/{part}")
         for stub, does in STUBS.items():
             with open(f"{self.room}/bin/{stub}", "w") as file:
                 file.write(f"#!/bin/sh\n{does}\n")
             os.chmod(f"{self.room}/bin/{stub}", 0o755)
-        self.environment = {"PATH": f"{self.room}/bin:{fleet.FLEET}:" + os.environ["PATH"], "ROOM": self.room, "ZELK_SHARE": fleet.FLEET}
+        self.environment = {"PATH": f"{self.room}/bin:{fleet.FLEET}:" + os.environ["PATH"], "ROOM": self.room, "TMPDIR": self.room + "/tmp", "ZELK_SHARE": fleet.FLEET}
         self.holder = fleet.start("unshare", "--mount", "--uts", "sh", "-c", f"""
             mount -t overlay overlay -o lowerdir=/etc,upperdir={self.room}/etc,workdir={self.room}/work /etc && mount -t tmpfs none /var &&
+            mount -t tmpfs none /run && mkdir -p /run/zelk-forward /var/lib/zelk/spool /var/cache/zelk/pages /var/adm/zelk/stacks &&
             echo '127.0.0.1 localhost middle.example' >/etc/hosts && echo {name} >/proc/sys/kernel/hostname && touch {self.room}/ready && sleep infinity""")
         wait_until(lambda: os.path.exists(self.room + "/ready"))
 
@@ -945,28 +977,53 @@ class Sandbox:
     def start(self, *command, output=None, **variables):
         return fleet.start(*self.enter(*command), output=output, **(self.environment | variables))
 
+    def start_unit(self, name, output=None):
+        """Starts what a unit starts, with the variables that it has, if what it asks for is there."""
+        def told(setting):
+            return re.findall(rf"^{setting}=(.*)", unit, re.MULTILINE)
+
+        with open(f"{fleet.FLEET}/{name}.service") as file:
+            unit = file.read()
+        lines = [shlex.split(line)[0] for line in told("Environment")]
+        for path in told("EnvironmentFile"):
+            lines += re.findall("^[A-Z].*", open(self.room + path).read(), re.MULTILINE)
+        known = dict(line.split("=", 1) for line in lines)
+        words = []
+        for word in shlex.split(told("ExecStart")[0]):
+            words += known[word[1:]].split() if re.fullmatch(r"\$\w+", word) else [re.sub(r"\$\{(\w+)\}", lambda found: known[found[1]], word)]
+        missing = [path for path in told("ConditionPathExists") if not os.path.exists(self.room + path)]
+        return self.start("false" if missing else os.path.basename(words[0]), *words[1:], output=output, **known)
+
 
 def setting_up():
     """A middle and a node are set up by their commands, lines go from one to the other, and no more when the node is shut out."""
     middle, node = Sandbox("middle7"), Sandbox("node7")
     hosts = {"middle": (middle.enter(), middle.environment), "node": (node.enter(), node.environment)}
     fleet.make_database("set_up")
+    query("ALTER DATABASE set_up SET log_statement = 'ddl'; ALTER DATABASE set_up SET log_min_duration_statement = 0")
     fleet.transcript("fleet_set_up", hosts)
-
-    def options(file, name):
-        return re.search(name + "=(.*)", open(file).read())[1].split()
-
-    gatherer = middle.start("zelk-gather", *options(middle.etc + "/gather.env", "ZELK_GATHER"), PGSERVICEFILE="/etc/zelk/zelk_writer.conf")
+    gatherer = middle.start_unit("zelk-gather")
     wait_until(lambda: fleet.is_listening(2690))
-    spool = make_spool("spool7", _1=line_of(8100) + "\n")
     with open(node.room + "/log", "w") as output:
-        forward = node.start("zelk-forward", "--spool=" + spool, *options(node.etc + "/node.env", "ZELK_TLS"), "middle.example:2690", output=output)
-    expect("lines go from one to the other, under the node's name", wait_until(lambda: rows("host = 'node7'", "set_up") == 1), True)
+        forward = node.start_unit("zelk-forward", output)
+    spool = node.start_unit("zelk-export")
+
+    def lives():
+        node.start_unit("zelk-alive").wait()
+        return query("SELECT host, incident->>'stack', incident #>> '{process,name}', incident #>> '{source,product}' FROM zelk_incident "
+                     "WHERE incident->>'description' = 'The incidents of this node arrive.' ORDER BY time DESC LIMIT 1", "set_up")
+
+    expect("signs of life go from one to the other, under the node's name", wait_until(lambda: lives() == "node7|zelk-alive|zelk-alive|zkview"), True)
+    node.start("zelk-node-setup", f"--certificates={fleet.folder}/command8", "middle.example:2690").wait()
     forward.send_signal(signal.SIGHUP)
-    expect("what sends connects anew by new certificates", wait_until(lambda: re.findall(": ((?:connect|is|it|The).*)", open(node.room + "/log").read()) == [
-        "connected", "connects anew, by the certificates as they are now", "connected"]), True)
+    expect("what sends connects anew by new certificates", (wait_until(lambda: lives().startswith("node8|")), re.findall(
+        ": ((?:connect|is|it|The).*)", open(node.room + "/log").read())), (True, ["connected", "connects anew, by the certificates as they are now", "connected"]))
+    node.start("sh", fleet.folder + "/command7").wait()
+    query("INSERT INTO zelk_rejected SELECT now() - age * interval '1 day', 'yearly', age, '', '' FROM unnest(ARRAY[364, 367]) age")
+    expect("pages are written, and what is older than a year is dropped", ([middle.start_unit(unit).wait() for unit in ("zelk-page", "zelk-drop")], os.listdir(
+        f"/proc/{middle.holder.pid}/root/var/cache/zelk/pages").count("index.html"), query("SELECT place FROM zelk_rejected WHERE host = 'yearly'")), ([0, 0], 1, "364"))
     fleet.transcript("fleet_shut_out", hosts)
-    for process in (forward, gatherer, middle.holder, node.holder):
+    for process in (spool, forward, gatherer, middle.holder, node.holder):
         kill(process)
 
 
@@ -976,7 +1033,7 @@ def setting_up_shared():
     for name in ("half1", "half2"):
         fleet.make_database(name)
     put_into("half1", [line_of(number) for number in range(99)], ["node7"] * 99)
-    one, two = (f"'--database=host=127.0.0.1,127.0.0.2 target_session_attrs=read-write user=postgres password=secret dbname={name}'"
+    one, two = (f"\"--database=host=127.0.0.1,127.0.0.2 target_session_attrs='read-write' user=postgres password='secret' dbname={name}\""
                 for name in ("half1", "half2"))
     fleet.transcript("fleet_shared", {"middle": (middle.enter(), middle.environment)}, ONE=one, TWO=two, ID=id_of(1))
     kill(middle.holder)
@@ -1053,8 +1110,8 @@ def any_spool(chance):
         return chance.choice([b"", b"#", b"x#", b"#x", b"x", b"{}", bytes(chance.randrange(32, 127) for _ in range(chance.randrange(90))),
                               b"y" * chance.choice([64511, 64512, 64513, 65535, 65536, 65537, 200000]), b"z" * 64512 + b"#", b"z" * 64511 + b"#z"])
 
-    names = {str(chance.randrange(10 ** chance.randrange(1, 30))) for _ in range(4)}
-    return {name: b"".join(any_line() + b"\n" for _ in range(chance.randrange(1, 30))) + chance.choice([b"", b"torn"]) for name in names}
+    names = {str(chance.randrange(10 ** chance.choice([1, 9, 9, 30]))) for _ in range(4)}
+    return {name: b"".join(any_line() + b"\n" for _ in range(chance.randrange(1, 30))) + chance.choice([b"", b"torn", b"t" * 70000]) for name in names}
 
 
 def forwarded_wrongly(seed):
@@ -1118,19 +1175,27 @@ def spools_are_sent():
 
 
 def lines_under_way():
-    """A thousand of them wait for their answers at most."""
+    """A thousand of them wait for their answers at most, and come by the next connection when theirs is lost."""
+    state = fleet.folder + "/window.taken"
     with socket.create_server(("127.0.0.1", 0)) as middle:
-        forward = fleet.start("zelk-forward", "--spool=" + make_spool("window", _1="x\n" * 1100), "127.0.0.1:%d" % middle.getsockname()[1])
-        connection, _ = middle.accept()
-        connection.settimeout(20)
-        frames = fleet.frames_of(connection)
-        next(frames)
-        connection.sendall(b"1 rsp 6 200 OK\n")
-        numbers = [next(frames)[0] for _ in range(1000)]
+        forward = fleet.start("zelk-forward", "--spool=" + make_spool("window", _1="x\n" * 1100), "--state=" + state,
+                              "127.0.0.1:%d" % middle.getsockname()[1])
+        for is_lost in (True, False):
+            connection, _ = middle.accept()
+            connection.settimeout(20)
+            frames = fleet.frames_of(connection)
+            next(frames)
+            connection.sendall(b"1 rsp 6 200 OK\n")
+            numbers = [next(frames)[0] for _ in range(1000)]
+            if is_lost:
+                connection.close()
         is_more = select.select([connection], [], [], 0.5)[0] != []
         connection.sendall(b"2 rsp 6 200 OK\n")
         expect("a line more is sent for each that is answered", (numbers[-1], is_more, next(frames)[0]), (1001, False, 1002))
-        kill(forward)
+        forward.terminate()
+        connection.sendall(b"3 rsp 6 200 OK\n")
+        expect("when it is to end answers still count, nothing more is sent, and those that do not come are not waited for", (
+            list(frames), forward.wait(), open(state).read()), ([], 0, "1.json 4\n"))
 
 
 def answer_badly(kind, number, reply, reason):
@@ -1149,8 +1214,8 @@ def answer_badly(kind, number, reply, reason):
             sender = start_gatherer(f"--listen=127.0.0.1:{2700 + number}", "--relay=" + address, port=2700 + number, name=f"hostile-relay{number}")
             node = Conversation(2700 + number)
             node.tell([line])
-        came = []
-        is_taken = False
+        came, held = [], set()
+        is_taken = is_noted = False
         while not is_taken:
             taken, _ = middle.accept()
             with taken:
@@ -1159,13 +1224,14 @@ def answer_badly(kind, number, reply, reason):
                 came.append(next(frames))
                 taken.sendall(b"1 rsp 6 200 OK\n")
                 came.append(next(frames))
+                held.add(len(os.listdir(f"/proc/{sender.pid}/fd")))
                 answer = reply if len(came) <= 2 * times else b"2 rsp 6 200 OK\n"
                 taken.sendall(answer)
                 is_taken = answer.startswith(b"2 rsp 6 ")
                 if is_taken and kind == "relay":
-                    node.wait()
+                    is_noted = node.wait() is None
                 elif is_taken:
-                    wait_until(lambda: os.path.exists(state) and open(state).read() == f"1.json {len(line) + 1}\n")
+                    is_noted = wait_until(lambda: os.path.exists(state) and open(state).read() == f"1.json {len(line) + 1}\n")
             wait_until(lambda: open(log).read().count(reason) == min(len(came) // 2, times))
     said = [told.rpartition(": ")[2] for told in open(log).read().splitlines() if "listens" not in told]
     wanted = (["connected", reason] * times + ["connected"])[:len(came)]
@@ -1173,7 +1239,7 @@ def answer_badly(kind, number, reply, reason):
     told = [(1, "open", f"relp_version=0\nrelp_software={software}\ncommands=syslog".encode()), (2, "syslog", f"<134>1 - {host} zelk 1.json:0 - - {line}".encode())]
     is_right = said[:len(wanted)] == wanted and sender.poll() is None and came == told * (len(came) // 2)
     kill(sender)
-    return None if is_right else (kind, reply[:30], said, came)
+    return None if is_right and is_noted and len(held) == 1 else (kind, reply[:30], said, came, is_noted, held)
 
 
 def hostile_middles():
@@ -1196,7 +1262,7 @@ def record_many(node, stack, count):
 
 def three_nodes(gatherer):
     start_gatherer("--listen=*:2651", "--relay=127.0.0.1:2514", port=2651, name="relay")
-    nodes = [Node(1), Node(2, port=2651), Node(3)]
+    nodes, begin = [Node(1), Node(2, port=2651), Node(3)], time.monotonic()
     for node in nodes:
         node.start_rsyslog() if node == nodes[2] else node.start_forward()
         node.start_spool()
@@ -1248,6 +1314,9 @@ def three_nodes(gatherer):
     expect("stacks that were not read for a while have gaps, each one more", wait_until(has_gaps, limit=60), True)
     expect("no incident is there twice", query("SELECT count(*) - count(DISTINCT key) FROM zelk_incident"), "0")
     expect("a torn line is passed over", reason_of("node1"), "")
+    with open(f"/proc/{nodes[0].forward.pid}/stat") as file:
+        used = sum(map(int, file.read().rpartition(")")[2].split()[11:13])) / os.sysconf("SC_CLK_TCK")
+    expect(f"what sends sleeps when it has nothing to do, {used} s of use", used < (time.monotonic() - begin) / 10, True)
     expect("a line that is too long for a frame is rejected, and nothing waits behind it", ["not a line of zkexport" in reason_of(host) for host in ("node2", "node3")], [True, True])
     return gatherer
 
