@@ -1177,17 +1177,21 @@ def spools_are_sent():
 def lines_under_way():
     """A thousand of them wait for their answers at most, and come by the next connection when theirs is lost."""
     state = fleet.folder + "/window.taken"
+    with open("/proc/sys/net/ipv4/tcp_wmem", "r+") as room:
+        usual = room.read()
+        room.seek(0)
+        room.write("4096 16384 65536")  # so that some of them wait for room at first
     with socket.create_server(("127.0.0.1", 0)) as middle:
-        forward = fleet.start("zelk-forward", "--spool=" + make_spool("window", _1="x\n" * 1100), "--state=" + state,
+        forward = fleet.start("zelk-forward", "--spool=" + make_spool("window", _1=("x" * 500 + "\n") * 1100), "--state=" + state,
                               "127.0.0.1:%d" % middle.getsockname()[1])
-        for is_lost in (True, False):
+        for count in (1, 1000):
             connection, _ = middle.accept()
             connection.settimeout(20)
             frames = fleet.frames_of(connection)
             next(frames)
             connection.sendall(b"1 rsp 6 200 OK\n")
-            numbers = [next(frames)[0] for _ in range(1000)]
-            if is_lost:
+            numbers = [next(frames)[0] for _ in range(count)]
+            if count == 1:
                 connection.close()
         is_more = select.select([connection], [], [], 0.5)[0] != []
         connection.sendall(b"2 rsp 6 200 OK\n")
@@ -1195,7 +1199,9 @@ def lines_under_way():
         forward.terminate()
         connection.sendall(b"3 rsp 6 200 OK\n")
         expect("when it is to end answers still count, nothing more is sent, and those that do not come are not waited for", (
-            list(frames), forward.wait(), open(state).read()), ([], 0, "1.json 4\n"))
+            list(frames), forward.wait(), open(state).read()), ([], 0, "1.json 1002\n"))
+    with open(room.name, "w") as room:
+        room.write(usual)
 
 
 def answer_badly(kind, number, reply, reason):
