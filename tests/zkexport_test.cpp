@@ -12,9 +12,9 @@ static const std::string ID = "726md..Wdc/f/iJr/06...1...................",
 
 /* What would do harm, or be lost, where it is taken for anything but text. */
 static const std::string HOSTILE =
-    "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9B \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xE0\x9F\xBF "
-    "\xF0\x9F\x98\x80 \xF4\x90\x80\x80 \xF4\x8F\xBF\xBD \xEF\xB7\xA0 \xEF\xB7\xAF "
-    "\xEF\xBF\xBF";
+    "</bdi></dd><script>&amp;\"'\\N\\\" \x1B[2J \x7F \xC2\x9F \xE2\x80\xAE \xFF \xE2\x82 \xED\xA0\x80 \xE0\x9F\xBF "
+    "\xF0\x9F\x98\x80 \xF4\x90\x80\x80 \xF4\x8F\xBF\xBD \xEF\xB7\x90 \xEF\xB7\xAF \xE8\x80\x80 "
+    "\x1F \xC2\xA0 \xEF\xBF\xBF";
 
 static incident hostile(const std::string& id, const std::string& cause) {
   incident made = {.id = id, .related = cause, .arg_count = 1, .args = string_arg(HOSTILE)};
@@ -89,7 +89,7 @@ TEST(json, keeps_the_bytes_of_a_text_that_is_not_utf8) {
   const std::string checked = script("zkexport " + file + " | python3 -c '" + R"(
 import base64, json, sys
 line = sys.stdin.buffer.read()
-assert not any(byte < 32 or byte == 127 for byte in line[:-1]) and b"\xC2\x9B" not in line
+assert not any(byte < 32 or byte == 127 for byte in line[:-1]) and b"\xC2\x9F" not in line
 incident = json.loads(line)
 def check(part, key, text):
     assert part[key] == text.decode("utf-8", "replace"), (key, part[key])
@@ -335,7 +335,7 @@ class Reader(html.parser.HTMLParser):
 Reader().feed(page)
 hostile = open(")" +
                    new_file(HOSTILE) + R"(", "rb").read().decode("utf-8", "replace")
-for control in "\x1b\x7f\x9b\ufde0\ufdef\uffff": hostile = hostile.replace(control, "\ufffd")
+for control in "\x1b\x1f\x7f\x9f\ufdd0\ufdef\uffff": hostile = hostile.replace(control, "\ufffd")
 assert texts.count(hostile) >= 3 * 6, texts
 assert elements.count("script") == 1 and set(ids) >= {"<b>\ufffd\"" + chr(39) + "&", "same"}, ids
 assert len(ids) == len(set(ids)) == 4, ids')"),
