@@ -208,7 +208,7 @@ def make_database(name):
 
 def spread(*names):
     """Spreads the rows of databases of this cluster over all of them."""
-    places = ", ".join(f"'host={folder} dbname={name} user=postgres'" for name in names)
+    places = ", ".join(f"$$host='{folder}' dbname='{name}' user=postgres$$" for name in names)
     for name in names:
         query("SELECT zelk_unspread()", name)
     for number, name in enumerate(names):

@@ -197,23 +197,29 @@ def one_row_a_key():
 def nameless():
     """Incidents without an Error ID, as programs of old record them."""
     line = line_of(3).replace(f'"{id_of(3)}"', "null").replace('"id_time":"2026-11-25T07:09:30.002991Z","node":"192.0.2.2",', "")
-    put([line, line, line.replace('"offset":24', '"offset":300')], host="old")
-    expect("they are told apart by what they say", rows("host = 'old' AND key LIKE '#%'"), 2)
+    put([line, line, line.replace('"offset":24', '"offset":300'), line.replace(":30Z", ":31Z"), line.replace("2026", "1999"), line.replace("2026", "1969")], host="old")
+    put([line], host="older")
+    expect("they are told apart by who says what, and have times whatever a clock says", query(
+        "SELECT host, time, count(*) FROM zelk_incident WHERE host IN ('old', 'older') AND key LIKE '#%' GROUP BY host, time ORDER BY host, time").splitlines(), [
+            "old|1970-01-01 00:00:00+00|1", "old|1999-11-25 07:09:30+00|1", "old|2026-11-25 07:09:30+00|2", "old|2026-11-25 07:09:31+00|1",
+            "older|2026-11-25 07:09:30+00|1"])
 
 
 def gaps():
     gap, error = '{"stack":"busy","gap":true}', '{"stack":"busy","error":{"code":-28,"name":"ZELK_LOCK","reason":"it cannot be locked"}}'
-    put([gap, gap, error], host="gaps")
-    put([gap, gap], host="gaps")
+    for host, lines in (("gaps", [gap, gap, error, "none", "none"]), ("gaps", [gap, gap]), ("more", [gap])):
+        put(lines, host=host)
     expect("a second gap of a stack is kept, the same one is not", query(
-        "SELECT gaps FROM zelk_gaps WHERE host = 'gaps' AND stack = 'busy'"), "2")
+        "SELECT host, place, kind, stack, notice FROM zelk_notice WHERE host IN ('gaps', 'more') ORDER BY host, place").splitlines(), [
+            f"gaps|1.json:0|gap|busy|{gap}", f"gaps|1.json:1|gap|busy|{gap}", f"gaps|1.json:2|error|busy|{error}", f"more|1.json:0|gap|busy|{gap}"])
+    expect("so it is of what is rejected", reason_of("gaps"), "; ".join(["not a line of zkexport"] * 2))
 
 
 def months():
     """A month's rows find their partition, and nobody waits for it."""
     first = 1_767_225_600  # 2026-01-01 00:00:00 UTC
     put([line_of(0, first), line_of(2, first - 1), line_of(3, first + 86400 * 31 - 1)], host="months")
-    query("SELECT zelk_make_partition('2026-01-15')")
+    query("SET timezone = 'Asia/Kolkata'; SELECT zelk_make_partition('2026-01-15')")
     expect("rows move into the partition of their month, its first second too", query(
         "SELECT string_agg(tableoid::regclass::text, ' ' ORDER BY time) FROM zelk_incident WHERE host = 'months'"),
         "zelk_incident_other zelk_incident_2026_01 zelk_incident_2026_01")
@@ -227,10 +233,10 @@ def months():
     put([line_of(4, int(time.time()))], host="now")
     expect("a long question does not hold up a new month", time.monotonic() - begin < 1, True)
     asking.wait()
-    query("SELECT zelk_make_partition(now())")
-    expect("its rows move in later", query("SELECT tableoid::regclass FROM zelk_incident WHERE host = 'now'"), this)
-    until_its_end = query("SELECT now() - '2026-01-31 00:00:00Z'")
-    expect("a month stays as long as a part of it is young enough", query(f"SELECT zelk_drop_before('{until_its_end}')"), "0")
+    query(f"SELECT zelk_put('now', '', $${line_of(5, int(time.time()))}$$)", user="zelk_writer")
+    expect("its rows move in when the next ones come", query("SELECT DISTINCT tableoid::regclass FROM zelk_incident WHERE host = 'now'"), this)
+    until_its_end = query("SELECT now() - '2026-01-31 23:00:00Z'")
+    expect("a month stays as long as a part of it is young enough", query(f"SET timezone = 'Asia/Kolkata'; SELECT zelk_drop_before('{until_its_end}')"), "0")
     query("DELETE FROM zelk_incident_other WHERE host <> 'months'")
     for age in (199, 201):
         query(f"INSERT INTO zelk_notice VALUES (now() - interval '{age} days', 'aged', '{age}', 'gap', '', '{{}}');"
@@ -283,15 +289,15 @@ def upgraded():
         CREATE TABLE zelk_notice (received timestamptz, host text, place text, kind text, stack text, notice json);
         CREATE TABLE zelk_rejected (received timestamptz, host text, place text, reason text, line text);
         CREATE VIEW zelk_gaps AS SELECT host FROM zelk_notice;
-        ALTER DATABASE old SET jit = off; ALTER DATABASE old SET work_mem = '3MB';
+        ALTER DATABASE old SET jit = off; ALTER DATABASE old SET hash_mem_multiplier = 1; ALTER DATABASE old SET work_mem = '3MB';
         INSERT INTO zelk_incident VALUES (to_timestamp({fleet.SECOND}), '2026-11-25 10:00Z', '{id_of(4)}', '{id_of(3)}', 'a', $${line_of(4, cause=id_of(3))}$$),
-            (to_timestamp({fleet.SECOND}), '2026-11-25 11:00Z', '#{"0a" * 32}', NULL, 'b', $${nameless}$$);
+            ('2026-06-28 07:09:30Z', '2026-11-25 11:00Z', '#{"0a" * 32}', NULL, 'b', $${nameless}$$);
         INSERT INTO zelk_notice VALUES ('2026-11-25 12:00Z', 'a', '1:2', 'gap', 's', '{{"stack":"s","gap":true}}');
         INSERT INTO zelk_rejected VALUES ('2026-11-25 13:00Z', 'a', '1:3', 'why', 'no é')""", "old")
 
     for _ in range(2):
         run("psql", "-Xqf", fleet.FLEET + "/schema.sql", "old")
-        fleet.transcript("fleet_upgraded", ID3=id_of(3), ID4=id_of(4), SECOND=str(fleet.SECOND))
+        fleet.transcript("fleet_upgraded", ID3=id_of(3), ID4=id_of(4), SECOND=str(fleet.SECOND), EARLIER="1782630570")
     query(f"SELECT zelk_put('a', '', $${line_of(4, cause=id_of(3))}$$)", "old")
     expect("and is known when it comes again", rows(database="old"), 2)
 
@@ -311,7 +317,7 @@ def forest(chance, count):
     IDs, in circles, and from causes that never come."""
     seconds = [chance.randrange(30) for _ in range(count)]
     ids = [id_of(1_000_000 * (number % 2) + number // 2, fleet.SECOND + 1000 + seconds[number - number % 2]) for number in range(count)]
-    causes = [chance.choice([None, chance.choice(ids[:number + 1]), chance.choice(ids[:number + 1]), chance.choice(ids), id_of(999999), "x"])
+    causes = [chance.choice([None, chance.choice(ids[:number + 1]), chance.choice(ids[:number + 1]), chance.choice(ids), id_of(999999), "x" * 16])
               for number in range(count)]
     causes[4], causes[5] = ids[5], ids[4]
     lines = []
@@ -338,32 +344,33 @@ def answers_are_right(database, lines, most):
         return [tuple(row.split("|")) for row in query(text, database, user="zelk_reader").splitlines()]
 
     told = {json.loads(line)["offset"]: json.loads(line) for line in lines}
-    rows, wrong = {}, []
+    rows, there, wrong = {}, {}, []
     for offset, key, cause, time, host, bucket in ask("SELECT incident->>'offset', key, cause, extract(epoch FROM time), host, bucket FROM zelk_incident"):
         line = told.pop(int(offset))
         at = datetime.datetime.strptime(line.get("id_time", line["time"][:-1] + ".0Z"), "%Y-%m-%dT%H:%M:%S.%fZ").replace(tzinfo=datetime.timezone.utc)
         rows[key] = (cause or None, at)
+        there[key] = (time, host, cause, offset)
         if (cause or None) != line["cause"] or datetime.datetime.fromtimestamp(0, datetime.timezone.utc) + datetime.timedelta(microseconds=int(
                 float(time) * 1e6 + 0.5)) != at or key != (line["id"] or key) or host != f"node{int(offset) % 3}" or int(bucket) != model_of.bucket(key):
             wrong.append((key, cause, time, host))
     wrong += list(told)
 
-    keys = [*list(rows)[:most], id_of(999999), "x", "nobody"]
+    keys = [*list(rows)[:most], id_of(999999), "x" * 16, "nobody"]
     asked = "unnest(ARRAY[" + ",".join(f"'{key}'" for key in keys) + "]) id"
     for name, model in (("causes", model_of.causes), ("effects", model_of.effects), ("chain", model_of.chain)):
         answers = {key: [] for key in keys}
-        for key, depth, found, at, host, cause, incident in ask(f"SELECT id, depth, key, extract(epoch FROM at), host, step.cause, incident->>'offset' "
-                                                                f"FROM {asked}, LATERAL zelk_{name}(id) WITH ORDINALITY step ORDER BY id, ordinality"):
+        for key, depth, found, *says in ask(f"SELECT id, depth, key, extract(epoch FROM at), host, step.cause, incident->>'offset' "
+                                            f"FROM {asked}, LATERAL zelk_{name}(id) WITH ORDINALITY step ORDER BY id, ordinality"):
             answers[key].append((int(depth), found))
-            if found in rows and (cause or None, bool(at), bool(host), bool(incident)) != (rows[found][0], True, True, True):
-                wrong.append((name, key, found, at, host, cause))
+            if tuple(says) != there.get(found, ("",) * 4):
+                wrong.append((name, key, found, says))
         wrong += [(name, key, answers[key]) for key in keys if answers[key] != model(rows, key)]
     for _, since in sorted(rows.values(), key=lambda row: row[1])[::5]:
-        answer = ask(f"SELECT key, effects, at IS NOT NULL AND host IS NOT NULL AND incident IS NOT NULL, at FROM zelk_first_causes('{since}')")
-        if {key: (int(effects), has_time == "t") for key, effects, has_time, _ in answer} != {
-                key: (effects, time is not None) for key, (effects, time) in model_of.first_causes(rows, since).items()}:
+        answer = ask(f"SELECT key, effects, extract(epoch FROM at), host, incident->>'cause', incident->>'offset' FROM zelk_first_causes('{since}')")
+        if {key: (int(effects), tuple(says)) for key, effects, *says in answer} != {
+                key: (effects, there.get(key, ("",) * 4)) for key, (effects, _) in model_of.first_causes(rows, since).items()}:
             wrong.append(("first causes", since, answer))
-        if answer != sorted(answer, key=lambda row: (-int(row[1]), row[3] or "~", answer.index(row))):
+        if answer != sorted(answer, key=lambda row: (-int(row[1]), row[2] or "~", answer.index(row))):
             wrong.append(("order of first causes", since, answer))
     return wrong
 
@@ -388,6 +395,8 @@ def questions():
     put_into("citus", [lines[0].replace("disk07", "disk08"), "no line", '{"stack":"disks","gap":true}'], ["node0"] * 3)
     expect("what is no row of Citus is told", (query("SELECT reason FROM zelk_rejected ORDER BY 1", "citus"), query("SELECT gaps FROM zelk_gaps", "citus")),
            ("another incident has this Error ID\nnot a line of zkexport", "1"))
+    expect("months are made and dropped there, and rows have columns", query("SELECT count(*) FROM zelk_plain; SELECT zelk_make_partition('2026-01-15'); "
+           "SELECT zelk_drop_before(now() - '2026-02-01Z')", "citus").split(), ["40", "1"])
     fleet.transcript("fleet_plain", ID=json.loads(lines[0])["id"], TIME=query(f"SELECT zelk_time('{json.loads(lines[0])['id']}')"))
 
 
@@ -643,7 +652,8 @@ def patience():
         with open(fleet.folder + "/deaf.log", "w") as output:
             fleet.start("zelk-forward", "--spool=" + make_spool("deaf", _1="x\n"), f"127.0.0.1:{port}", output=output)
         logs = [output.name] + [start_gatherer(f"--listen=127.0.0.1:{own}", option, port=own, name=f"deaf{own}").log for own, option in (
-            (2671, f"--relay=127.0.0.1:{port}"), (2672, f"--database=host=127.0.0.1 port={port} user=x sslmode=disable"))]
+            (2671, f"--relay=127.0.0.1:{port}"), (2672, f"--database=host=127.0.0.1 port={port} user=x sslmode=disable"),
+            (2675, "--relay=127.0.0.1:1"), (2676, "--database=host=127.0.0.1 port=1"))]
         half = b"2 syslog 9 abc"
         ended = [pool.submit(ends_after, Conversation(is_open=is_open), *pieces) for is_open, pieces in (
             (False, []), (False, [(0, b"1 open")]), (True, [(0, half)]), (False, [(8, b"1 open 0\n"), (1, b"2 close 0\n")]),
@@ -684,10 +694,13 @@ def was_patient(found):
     expect("what sends waits ever longer, 1, 2, 4 seconds, and 1 after an answer", (came[3] - came[0] > 6, came[4] - came[3] < 7), (True, True))
     expect(f"and has few lines in memory, {megabytes} megabytes", megabytes < 30, True)
 
-    def told():
-        return [open(log).read().count("status: ") for log in logs[1:]]
+    def told(what):
+        return [open(log).read().count(what) for log in logs[1:]]
 
-    expect("how it stands is told each minute", wait_until(lambda: min(told()) > 0, limit=120) and max(told()) <= (time.monotonic() - begin) / 60, True)
+    expect("how it stands is told each minute", wait_until(lambda: min(told("status: ")) > 0, limit=120) and max(told("status: ")) <= (time.monotonic() - begin) / 60, True)
+    expect("and who is away", [set(re.findall("; ([^;]*) away\n", open(log).read())) for log in logs[1:]], [{"1 of 1 gatherers"}, {"2 of 2 sessions"}] * 2)
+    expect("whoever refuses is asked again each three seconds", wait_until(lambda: min(told(" refused\n")[2:]) > 13, limit=60)
+           and max(told(" refused\n")[2:]) <= 2 * (10 + (time.monotonic() - begin) / 3), True)
     expect("why nothing is sent is told once", wait_until(lambda: open(logs[0]).read().count("Connection refused") == 1), True)
 
 
@@ -832,11 +845,12 @@ def by_tls():
         make_certificate(name, authority, host)
     make_certificate("plain", "authority", None, "/O=example/CN=plain.example")
     make_certificate("nameless", "authority", None, "/O=example")
+    make_certificate("unprintable", "authority", None, "/CN=a\tb")
     fleet.revoke("authority")
-    middle = start_gatherer("--listen=127.0.0.1:2610", f"--database={fleet.conninfo()}", "--trust=site.example",
+    middle = start_gatherer("--listen=127.0.0.1:2610", f"--database={fleet.conninfo()}", "--trust=site.example", "--trust=nobody.example",
                             f"--tls-crl={fleet.folder}/authority.crl", *fleet.tls_options("middle", "authority"), port=2610, name="middle")
-    start_gatherer("--listen=127.0.0.1:2611", "--relay=middle.example:2610", *fleet.tls_options("site", "authority"),
-                   port=2611, name="site")
+    site = start_gatherer("--listen=127.0.0.1:2611", "--relay=middle.example:2610", *fleet.tls_options("site", "authority"),
+                          port=2611, name="site")
 
     def context(name, authority="authority"):
         made = ssl.create_default_context(cafile=f"{fleet.folder}/{authority}.pem")
@@ -866,7 +880,8 @@ def by_tls():
         except OSError:
             return True
 
-    expect("nobody else is let in", [is_refused(tls) for tls in (None, context(None), context("foreign"), context("nameless"))], [True] * 4)
+    expect("nobody else is let in", [is_refused(tls) for tls in (
+        None, context(None), context("foreign"), context("nameless"), context("unprintable"))], [True] * 5)
     put([line_of(72100)], 2610, tls=context("plain"))
     expect("a certificate without DNS names has a common name", rows("host = 'plain.example'"), 1)
     astray = start_gatherer("--listen=127.0.0.1:2612", "--relay=localhost:2610", *fleet.tls_options("site", "authority"), port=2612, name="astray")
@@ -893,9 +908,13 @@ def by_tls():
     expect("a certificate that is revoked ends its connection, and no other", [goes_on(each) for each in connections], [False, True])
     expect("and lets nobody in", [is_refused(context(name)) for name in ("liar", "honest")], [True, False])
 
-    for file in ("pem", "key"):
-        os.replace(f"{fleet.folder}/foreign.{file}", f"{fleet.folder}/middle.{file}")
+    os.replace(fleet.folder + "/foreign.pem", fleet.folder + "/middle.pem")
+    middle.send_signal(signal.SIGHUP)
+    expect("certificates that cannot be used change nothing", (wait_until(lambda: "do not match" in open(middle.log).read()), is_refused(context("honest"))), (True, False))
+    os.replace(fleet.folder + "/foreign.key", fleet.folder + "/middle.key")
     os.replace(fleet.folder + "/stranger.pem", fleet.folder + "/authority.pem")
+    site.send_signal(signal.SIGHUP)
+    expect("a relay leaves a gatherer that it does not accept any more", wait_until(lambda: "issuer is unknown. \n" in open(site.log).read()), True)
     middle.send_signal(signal.SIGHUP)
     time.sleep(0.3)
     expect("SIGHUP reads certificates anew", is_refused(context("honest")), True)
@@ -919,9 +938,18 @@ def several_addresses():
 
 def several_databases():
     """Rows in two databases, and then in three: any of them can be asked, and takes any line."""
-    for name in ("part1", "part2", "part3"):
+    parts = ("part1", "part2", "part 3")
+    for name in parts:
         fleet.make_database(name)
     fleet.spread("part1", "part2")
+    gatherer = start_gatherer("--listen=127.0.0.1:2622", f"--database={fleet.conninfo('part1')}", "--database=host=/nowhere", port=2622, name="half")
+    node = Conversation(2622)
+    node.tell([line_of(number) for number in range(2000, 2300)])
+    mine = {id_of(number) for number in range(2000, 2300) if model_of.bucket(id_of(number)) < 2048}
+    expect("a database gets the lines of its buckets, also while another one is away", wait_until(
+        lambda: set(query("SELECT key FROM zelk_incident", "part1").split()) == mine), True)
+    kill(gatherer)
+    query("DELETE FROM zelk_incident", "part1")
     gatherer = start_gatherer("--listen=127.0.0.1:2620", *(f"--database={fleet.conninfo(name)}" for name in ("part1", "part2")),
                               port=2620, name="parts")
     put([line_of(number, cause=id_of(number - 1) if number else None) for number in range(400)], port=2620)
@@ -935,12 +963,15 @@ def several_databases():
         copy.stdin.close()
     expect("a key that comes to both at once, with two times, is one row", (
         [copy.wait() for copy in copies], rows("host = 'twin'", "part1"), rows("host = 'twin'", "part2")), ([0, 0], 4, 4))
-    fleet.spread("part1", "part2", "part3")
-    here = [int(query("SELECT count(*) FROM zelk_incident_here", name)) for name in ("part1", "part2", "part3")]
-    expect("each has those that a gatherer gives it", [query(f"SELECT DISTINCT bucket * 3 / 4096 FROM zelk_incident_here", name) for name in (
-        "part1", "part2", "part3")], ["0", "1", "2"])
-    expect(f"rows move when a database is added, {here}", (sum(here), min(here) > 80, rows(database="part3")), (404, True, 404))
-    key = query("SELECT key FROM zelk_incident_here LIMIT 1", "part3")
+    fleet.spread(*parts)
+    here = [int(query("SELECT count(*) FROM zelk_incident_here", name)) for name in parts]
+    expect("each has those that a gatherer gives it", [query(f"SELECT DISTINCT bucket * 3 / 4096 FROM zelk_incident_here", name) for name in parts], ["0", "1", "2"])
+    expect(f"rows move when a database is added, {here}", (sum(here), min(here) > 80, rows(database=parts[2])), (404, True, 404))
+    expect("each knows where the others are, and as whom they are asked", query(
+        "SELECT srvname, srvoptions, usename, umoptions FROM pg_user_mappings JOIN pg_foreign_server USING (srvname) ORDER BY srvname, usename", "part1").splitlines(), [
+            f"{server}|{{async_capable=true,host={fleet.folder},{name}}}|{user}" for server, name in (("zelk_2", "dbname=part2"), ("zelk_3", '"dbname=part 3"'))
+            for user in ("postgres|{user=postgres}", "zelk_reader|{password_required=false,user=postgres}")])
+    key = query("SELECT key FROM zelk_incident_here LIMIT 1", parts[2])
     plan = query(f"EXPLAIN (ANALYZE, VERBOSE, COSTS OFF) SELECT i.key FROM unnest(ARRAY['{key}']) key, zelk_row(key) i", "part1")
     expect("a key is looked for in its own database only, which is told the time that its index begins with",
            (re.findall(r"Foreign Scan on public.(\w+) .*actual", plan), plan.count('("time" = $')), (["zelk_incident_3"], 2))

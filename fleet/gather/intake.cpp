@@ -131,9 +131,9 @@ void set_accepting(gather_t* gather, bool is_accepting) {
 bool listen_at(gather_t* gather, const std::string& address, std::string* problem) {
   std::string host = "localhost";
   std::string port;
-  *problem = "--listen=" + address + ": ";
+  const std::string option = "--listen=" + address + ": ";
   if (!split_address(address, &host, &port)) {
-    *problem += "not [ADDRESS:]PORT";
+    *problem = option + "not [ADDRESS:]PORT";
     return false;
   }
   addrinfo hints = {};
@@ -142,7 +142,7 @@ bool listen_at(gather_t* gather, const std::string& address, std::string* proble
   addrinfo* found = nullptr;
   const int result = getaddrinfo(host == "*" ? nullptr : host.c_str(), port.c_str(), &hints, &found);
   if (result != 0) {
-    *problem += gai_strerror(result);
+    *problem = option + gai_strerror(result);
     return false;
   }
   bool is_listening = false;
@@ -154,7 +154,7 @@ bool listen_at(gather_t* gather, const std::string& address, std::string* proble
       if (one->ai_family == AF_INET6) setsockopt(fildes, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
     }
     if (fildes < 0 || bind(fildes, one->ai_addr, one->ai_addrlen) != 0 || listen(fildes, SOMAXCONN) != 0) {
-      *problem += std::strerror(errno);
+      *problem = option + std::strerror(errno);
       if (fildes >= 0) close(fildes);
       continue;
     }
