@@ -940,7 +940,7 @@ def several_addresses():
 
 def several_databases():
     """Rows in two databases, and then in three: any of them can be asked, and takes any line."""
-    parts = ("part1", "part2", "part 3")
+    parts = ("part1", "part2", "third part")
     for name in parts:
         fleet.make_database(name)
     fleet.spread("part1", "part2")
@@ -971,7 +971,7 @@ def several_databases():
     expect(f"rows move when a database is added, {here}", (sum(here), min(here) > 80, rows(database=parts[2])), (404, True, 404))
     expect("each knows where the others are, and as whom they are asked", query(
         "SELECT srvname, srvoptions, usename, umoptions FROM pg_user_mappings JOIN pg_foreign_server USING (srvname) ORDER BY srvname, usename", "part1").splitlines(), [
-            f"{server}|{{async_capable=true,host={fleet.folder},{name}}}|{user}" for server, name in (("zelk_2", "dbname=part2"), ("zelk_3", '"dbname=part 3"'))
+            f"{server}|{{async_capable=true,host={fleet.folder},{name}}}|{user}" for server, name in (("zelk_2", "dbname=part2"), ("zelk_3", '"dbname=third part"'))
             for user in ("postgres|{user=postgres}", "zelk_reader|{password_required=false,user=postgres}")])
     key = query("SELECT key FROM zelk_incident_here LIMIT 1", parts[2])
     plan = query(f"EXPLAIN (ANALYZE, VERBOSE, COSTS OFF) SELECT i.key FROM unnest(ARRAY['{key}']) key, zelk_row(key) i", "part1")
