@@ -432,7 +432,7 @@ def pages():
         return line_of(number, day + number, cause).replace('"product":"stn.node"', '"product":' + json.dumps(product)).replace('"disks"', f'"{stack}"')
 
     keys = [id_of(number, day + number) for number in range(7)]
-    evil = line(1).replace("8589934712, 0.5.", "<b>&amp;\\u001B\\u009B</b>").replace('"name":"diskmon"', '"name":"<s>"')
+    evil = line(1).replace("8589934712, 0.5.", "<b>&amp;\\u001B\\u009b</b>").replace('"name":"diskmon"', '"name":"<s>"')
     nameless = re.sub('"id":"[^"]*"', '"id":null', re.sub(',"id_time":.*?"node":"[^"]*"', "", line(0)))
     names = {}
     for number, key in enumerate(keys):
