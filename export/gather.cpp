@@ -169,7 +169,7 @@ static int gather_input(const export_request_t& request, chain_t* chain, std::st
     if (errno != 0) input.status = complain(message_text(TOOL_MSG_STANDARD_INPUT), std::strerror(errno));
     add_lines(&input, {block.data(), size}, &rest);
   }
-  const bool has_ended = size < block.size() || zk_read(STDIN_FILENO, block.data(), 1) == 0;
+  const bool has_ended = size < block.size() || (zk_read(STDIN_FILENO, block.data(), 1) == 0 && errno == 0);
   if (has_ended && !rest.empty()) add_lines(&input, "\n", &rest); /* of what goes on it may be half a line */
   if (input.refused > REFUSED_NOTED_MAX)
     chain->notes.push_back("standard input: " + std::to_string(input.refused - REFUSED_NOTED_MAX) +
